@@ -1,0 +1,45 @@
+# Common compile settings and helpers for the project's targets.
+
+add_compile_options(-Wall -Wextra -Wno-unused-parameter -fno-strict-aliasing)
+
+if(ORN_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(ORN_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "ORN_FUZZ needs clang (CC=clang CXX=clang++)")
+  endif()
+  # Libraries carry coverage instrumentation; fuzz targets link the libFuzzer driver.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# orn_library(name SOURCES...) - a subsystem's static library, headers found from src/.
+function(orn_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
+endfunction()
+
+# orn_avx2_sources(files...) - compile these files with AVX2 enabled; callers pick them at run time.
+function(orn_avx2_sources)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-mavx2;-mfma")
+endfunction()
+
+# orn_test(name SOURCES... LIBS libs...) - a GoogleTest program registered with CTest.
+function(orn_test name)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()
+
+# orn_fuzzer(name SOURCE LIBS...) - a libFuzzer target; CTest runs it briefly over its seeds.
+function(orn_fuzzer name source)
+  add_executable(${name} ${source})
+  target_link_libraries(${name} PRIVATE ${ARGN})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+endfunction()
+
+find_package(Threads REQUIRED)

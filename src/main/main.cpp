@@ -1,0 +1,3 @@
+#include "main/dispatch.h"
+
+int main(int argc, char** argv) { return DispatchMain(argc, argv); }
