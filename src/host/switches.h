@@ -1,0 +1,40 @@
+// Switch lines: a tool's orders as one mutable text line of file names and switches.
+// Each question removes the switch it answers, so what remains at the end is the file names.
+//
+// On POSIX a switch is a "/" that starts a word (line start, or after a blank, outside double
+// quotes) followed by one letter; a word that starts with "/" and holds a second "/" is a
+// path, not a switch. Letters compare without regard to case; callers pass them upper case.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+// First switch `letter` with a number behind it ("-" and a digit counts); "a+b+c" sums.
+// Removes it and returns the number, or returns `defaultValue`.
+int32_t SwitchNumber(char* line, char letter, int32_t defaultValue);
+// The same without removing anything.
+int32_t SwitchPeekNumber(const char* line, char letter, int32_t defaultValue);
+// 64-bit form, with no "+" sums.
+int64_t SwitchNumber64(char* line, char letter, int64_t defaultValue);
+// The switch with no number behind it (the next byte is below '0'). Removes it.
+bool SwitchFlag(char* line, char letter);
+// The switch with text behind it, up to the next blank (or the closing quote of a quoted
+// text). Copies it to dest and removes it; returns false and copies `defaultText` when absent.
+bool SwitchText(char* line, char letter, char* dest, size_t destSize, const char* defaultText);
+// The "#.#" and "#;#" rate forms as a reduced fraction. Returns false when absent (defaults
+// stored). A leading "-" negates the numerator.
+bool SwitchFraction(char* line, char letter, int32_t* numerator, int32_t* denominator,
+                    int32_t defaultNumerator, int32_t defaultDenominator);
+// The "/-X" rule: removes "/-X" and every earlier switch X.
+void SwitchCancels(char* line);
+
+// Takes the first blank-separated word off `line` into dest (a comma straight behind the
+// word's blanks goes with it). Both are trimmed.
+void TakeWord(char* dest, size_t destSize, char* line);
+// As TakeWord, but a name in double quotes may hold blanks and comes without its quotes.
+void TakeName(char* dest, size_t destSize, char* line);
+// Cuts bytes at or below a blank from both ends.
+void TrimLine(char* line);
+// TrimLine, then removes one pair of surrounding double quotes.
+void TrimQuotes(char* line);
+// Trims, then appends "/" unless empty or already ending in "/".
+void EnsureTrailingSlash(char* path, size_t pathSize);
