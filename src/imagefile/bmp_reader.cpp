@@ -2,6 +2,7 @@
 // RLE4 and RLE8; bit-field masks with or without alpha; bottom-up and top-down rows.
 #include "imagefile/imagefile_internal.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace orn::imagefile {
@@ -114,14 +115,14 @@ int BmpOpen(ImageFile* file, ImageError* error) {
     st->green.Set(0x0000FF00);
     st->blue.Set(0x000000FF);
   }
-  if (bits <= 8) {
-    const uint32_t count = colours_used && colours_used < (1u << bits) ? colours_used : (1u << bits);
-    ReadPalette(file, st, after_header, entry_size, count);
-  }
-
   st->pixel_offset = Le32(&d[10]);
   if (st->pixel_offset < after_header || st->pixel_offset >= d.size())
     return Fail(error, IMAGE_ERROR_CORRUPT, "BMP pixel data lies outside the file");
+  if (bits <= 8) {  // the palette lies between the header and the pixels
+    uint32_t count = colours_used && colours_used < (1u << bits) ? colours_used : (1u << bits);
+    count = std::min<uint32_t>(count, uint32_t((st->pixel_offset - after_header) / entry_size));
+    ReadPalette(file, st, after_header, entry_size, count);
+  }
 
   ImageInfo& info = file->info;
   info.width = int(width);

@@ -66,7 +66,16 @@ void ReadPalette(ImageFile* file, png_structp png, png_infop info) {
   }
 }
 
+// The size in the IHDR chunk, checked before libpng sees it so that the limits give their own error.
+bool HeaderSizeAllowed(const std::vector<uint8_t>& d, ImageError* error) {
+  if (d.size() < 24 || std::memcmp(&d[12], "IHDR", 4) != 0) return true;  // libpng will complain
+  auto be32 = [&](size_t at) { return uint32_t(d[at]) << 24 | uint32_t(d[at + 1]) << 16 | uint32_t(d[at + 2]) << 8 | d[at + 3]; };
+  const uint32_t width = be32(16), height = be32(20);
+  return width == 0 || height == 0 || width > 0x7FFFFFFF || height > 0x7FFFFFFF || SizeAllowed(width, height, error);
+}
+
 int PngOpen(ImageFile* file, ImageError* error) {
+  if (!HeaderSizeAllowed(file->data, error)) return 0;
   MemoryReader reader{file->data.data(), file->data.size(), 0, {}};
   png_infop info = nullptr;
   png_structp png = CreateReader(&reader, &info);

@@ -1,0 +1,184 @@
+// Damaged input: truncation at every stage, random garbage behind a real signature, size limits,
+// and the type probe.
+#include "test_support.h"
+
+#include <random>
+
+using namespace imagefile_test;
+
+namespace {
+
+struct Sample {
+  const char* label;
+  std::vector<uint8_t> bytes;
+};
+
+std::vector<uint8_t> SingleFrameGif() {
+  ImageGifWriter* writer = ImageGifWriterOpen(16, 12, -1, nullptr);
+  uint32_t palette[256];
+  for (int i = 0; i < 256; ++i) palette[i] = uint32_t(i) * 0x010203u;
+  std::vector<uint8_t> indices(16 * 12);
+  for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(i * 7);
+  const ImageGifFrame frame{indices.data(), 16, palette, 0, 0, -1, 0, 0, 0, 0, 0};
+  ImageGifWriterAddFrame(writer, &frame, nullptr);
+  void* data = nullptr;
+  size_t size = 0;
+  ImageGifWriterFinish(writer, nullptr, &data, &size, nullptr);
+  std::vector<uint8_t> bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
+  ImageFreeMemory(data);
+  return bytes;
+}
+
+std::vector<Sample> Samples() {
+  Picture picture = Pattern(37, 23, true);
+  std::vector<Sample> samples;
+  samples.push_back({"png", Write({IMAGE_FORMAT_PNG, 1, 0, 0}, picture)});
+  samples.push_back({"tga", Write({IMAGE_FORMAT_TGA, 1, 0, 0}, picture)});
+  samples.push_back({"bmp", Write({IMAGE_FORMAT_BMP, 1, 0, 0}, picture)});
+  samples.push_back({"jpg", Write({IMAGE_FORMAT_JPEG, 0, 80, 0}, picture)});
+  samples.push_back({"tif", Write({IMAGE_FORMAT_TIFF, 1, 0, 0}, picture)});
+  samples.push_back({"exr", Write({IMAGE_FORMAT_EXR, 1, 0, 1}, picture)});
+  samples.push_back({"gif", SingleFrameGif()});
+  return samples;
+}
+
+// Opens and reads frame 0; returns true when both succeeded. Failures must say why.
+bool OpenAndRead(const std::vector<uint8_t>& bytes, const std::string& name) {
+  ImageError error{};
+  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), name.c_str(), &error);
+  if (!file) {
+    EXPECT_NE(error.code, IMAGE_OK);
+    EXPECT_NE(error.text[0], 0);
+    return false;
+  }
+  const ImageInfo* info = ImageFileInfo(file);
+  std::vector<float> pixels(size_t(info->width) * size_t(info->height) * 4);
+  ImagePixels view{pixels.data(), ptrdiff_t(info->width) * 16, info->width, info->height, IMAGE_PIXELS_FLOAT};
+  const int ok = ImageFileReadFrame(file, 0, &view, &error);
+  if (!ok) {
+    EXPECT_NE(error.code, IMAGE_OK);
+    EXPECT_NE(error.text[0], 0);
+  }
+  ImageFileClose(file);
+  return ok == 1;
+}
+
+TEST(Hostile, EverySampleIsReadableWhole) {
+  for (const Sample& s : Samples()) EXPECT_TRUE(OpenAndRead(s.bytes, std::string("x.") + s.label)) << s.label;
+}
+
+TEST(Hostile, TruncationAnywhereFailsCleanly) {
+  for (const Sample& s : Samples()) {
+    const std::string name = std::string("x.") + s.label;
+    const size_t size = s.bytes.size();
+    for (size_t cut = 0; cut < size; cut += std::max<size_t>(1, size / 97)) {
+      std::vector<uint8_t> part(s.bytes.begin(), s.bytes.begin() + ptrdiff_t(cut));
+      const bool ok = OpenAndRead(part, name);
+      // Cut in the middle, every format must notice.
+      if (cut >= 8 && cut <= size / 2) {
+        EXPECT_FALSE(ok) << s.label << " cut at " << cut << " of " << size;
+      }
+    }
+  }
+}
+
+TEST(Hostile, RandomBytesBehindTheHeaderNeverCrash) {
+  std::mt19937 random(1234);
+  for (const Sample& s : Samples()) {
+    const std::string name = std::string("x.") + s.label;
+    for (int round = 0; round < 60; ++round) {
+      std::vector<uint8_t> bytes = s.bytes;
+      // Flip a handful of bytes; keep the first four so the type is still found.
+      const int flips = 1 + int(random() % 8);
+      for (int i = 0; i < flips && bytes.size() > 4; ++i) bytes[4 + random() % (bytes.size() - 4)] = uint8_t(random());
+      OpenAndRead(bytes, name);
+    }
+    std::vector<uint8_t> noise(s.bytes.begin(), s.bytes.begin() + std::min<ptrdiff_t>(8, ptrdiff_t(s.bytes.size())));
+    for (int i = 0; i < 400; ++i) noise.push_back(uint8_t(random()));
+    OpenAndRead(noise, name);
+  }
+}
+
+class SmallLimits : public ::testing::Test {
+ protected:
+  void SetUp() override { ImageGetLimits(&side_, &pixels_); }
+  void TearDown() override { ImageSetLimits(side_, pixels_); }
+  uint32_t side_ = 0;
+  uint64_t pixels_ = 0;
+};
+
+TEST_F(SmallLimits, EveryReaderRefusesPicturesOverTheLimits) {
+  const std::vector<Sample> samples = Samples();
+  ImageSetLimits(15, 1u << 20);  // the samples are 37 or 16 wide
+  for (const Sample& s : samples) {
+    ImageError error{};
+    EXPECT_EQ(ImageFileOpenMemory(s.bytes.data(), s.bytes.size(), nullptr, &error), nullptr) << s.label;
+    EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE) << s.label << ": " << error.text;
+  }
+  ImageSetLimits(1000, 100);  // total pixels too
+  for (const Sample& s : samples) {
+    ImageError error{};
+    EXPECT_EQ(ImageFileOpenMemory(s.bytes.data(), s.bytes.size(), nullptr, &error), nullptr) << s.label;
+  }
+}
+
+TEST(Hostile, GiantHeadersAreRefusedBeforeAllocating) {
+  ImageError error{};
+  // TGA of 65535x65535 with almost no data.
+  Bytes tga;
+  tga.u8(0).u8(0).u8(2).u16(0).u16(0).u8(0).u16(0).u16(0).u16(65535).u16(65535).u8(24).u8(0).u32(0);
+  EXPECT_EQ(ImageFileOpenMemory(tga.v.data(), tga.v.size(), "x.tga", &error), nullptr);
+  EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE);
+  // GIF screen of 65535x65535.
+  Bytes gif;
+  gif.str("GIF89a").u16(65535).u16(65535).u8(0).u8(0).u8(0).u8(0x3B);
+  EXPECT_EQ(ImageFileOpenMemory(gif.v.data(), gif.v.size(), nullptr, &error), nullptr);
+  EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE);
+  // JPEG start of frame claiming 65000x65000.
+  Bytes jpeg;
+  jpeg.u8(0xFF).u8(0xD8).u8(0xFF).u8(0xC0).u8(0).u8(11).u8(8).u8(0xFD).u8(0xE8).u8(0xFD).u8(0xE8).u8(1);
+  jpeg.u8(1).u8(0x11).u8(0).u8(0xFF).u8(0xD9);
+  EXPECT_EQ(ImageFileOpenMemory(jpeg.v.data(), jpeg.v.size(), nullptr, &error), nullptr);
+}
+
+TEST(Probe, SignaturesWinOverExtensions) {
+  Picture p = Pattern(4, 4, false);
+  const std::vector<uint8_t> png = Write({IMAGE_FORMAT_PNG, 0, 0, 0}, p);
+  EXPECT_EQ(ImageProbeFormat(png.data(), png.size(), "looks_like.tga"), IMAGE_FORMAT_PNG);
+  const std::vector<uint8_t> bmp = Write({IMAGE_FORMAT_BMP, 0, 0, 0}, p);
+  EXPECT_EQ(ImageProbeFormat(bmp.data(), bmp.size(), "file.jpg"), IMAGE_FORMAT_BMP);
+  const std::vector<uint8_t> jpg = Write({IMAGE_FORMAT_JPEG, 0, 50, 0}, p);
+  EXPECT_EQ(ImageProbeFormat(jpg.data(), jpg.size(), nullptr), IMAGE_FORMAT_JPEG);
+  const std::vector<uint8_t> tif = Write({IMAGE_FORMAT_TIFF, 0, 0, 0}, p);
+  EXPECT_EQ(ImageProbeFormat(tif.data(), tif.size(), nullptr), IMAGE_FORMAT_TIFF);
+  const std::vector<uint8_t> exr = Write({IMAGE_FORMAT_EXR, 0, 0, 0}, p);
+  EXPECT_EQ(ImageProbeFormat(exr.data(), exr.size(), nullptr), IMAGE_FORMAT_EXR);
+}
+
+TEST(Probe, TgaNeedsItsExtensionOrAConvincingHeader) {
+  // A run-length TGA header with two attribute bits set in the reserved field: only the
+  // extension makes it a TGA.
+  Bytes tga;
+  tga.u8(0).u8(0).u8(10).u16(0).u16(0).u8(0).u16(0).u16(0).u16(2).u16(1).u8(24).u8(0xC0).u8(0x81).u8(1).u8(2).u8(3);
+  EXPECT_EQ(ImageProbeFormat(tga.v.data(), tga.v.size(), "pic.TGA"), IMAGE_FORMAT_TGA);
+  EXPECT_EQ(ImageProbeFormat(tga.v.data(), tga.v.size(), "pic.dat"), IMAGE_FORMAT_UNKNOWN);
+  tga.v[17] = 0x20;
+  EXPECT_EQ(ImageProbeFormat(tga.v.data(), tga.v.size(), nullptr), IMAGE_FORMAT_TGA);
+  // Text is nothing.
+  const char text[] = "Hello, this is not a picture at all.";
+  ImageError error{};
+  EXPECT_EQ(ImageFileOpenMemory(text, sizeof text, "x.png", &error), nullptr);
+  EXPECT_EQ(error.code, IMAGE_ERROR_UNKNOWN_TYPE);
+  EXPECT_EQ(ImageFileOpenMemory(text, 0, nullptr, &error), nullptr);
+}
+
+TEST(Probe, ExtensionsMapToFormats) {
+  EXPECT_EQ(ImageFormatFromName("a/b/c.JPEG"), IMAGE_FORMAT_JPEG);
+  EXPECT_EQ(ImageFormatFromName("c.tif"), IMAGE_FORMAT_TIFF);
+  EXPECT_EQ(ImageFormatFromName("c.Exr"), IMAGE_FORMAT_EXR);
+  EXPECT_EQ(ImageFormatFromName("dir.png/file"), IMAGE_FORMAT_UNKNOWN);
+  EXPECT_EQ(ImageFormatFromName("noext"), IMAGE_FORMAT_UNKNOWN);
+  EXPECT_EQ(ImageFormatFromName(nullptr), IMAGE_FORMAT_UNKNOWN);
+}
+
+}  // namespace
