@@ -1,0 +1,10 @@
+// The tool shell's window: SDL2 with Dear ImGui over OpenGL.
+#pragma once
+#include "host/toolframe.h"
+
+// The windowed front end; the program hands it to ToolFrameSetWindowCandidate.
+const ToolFrontEnd* ToolGuiFrontEnd();
+// Saves the next drawn frame of the dialog as a PNG file (for people looking at test runs).
+void ToolGuiRequestScreenshot(const char* path);
+// Frames drawn since the dialog opened.
+int ToolGuiFramesDrawn();

@@ -1,0 +1,501 @@
+// The tool shell driven by small test tools, through the terminal front end and through the
+// window front end on a private X server.
+#include "host/toolframe.h"
+
+#include <SDL.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/gui/toolframe_gui.h"
+#include "host/quietframe.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const ToolControlDesc TestControls[] = {
+    {300, ToolControlText, "Input:"},
+    {ToolIdStatus, ToolControlText, "Starting..."},
+    {ToolIdProgress, ToolControlProgress, ""},
+    {ToolIdCancel, ToolControlButton, "&Cancel"},
+    {500, ToolControlButton, "&View"},
+};
+const ToolDialogDesc TestDialog = {"shelltest", "Test Tool", TestControls, 5};
+
+// What the test tools and hooks saw, reset before each run.
+struct Seen {
+  std::atomic<int> finishedCount{0};
+  std::string doneButton;
+  std::string statusAtEnd;
+  std::atomic<int> handlerCalls{0};
+  std::atomic<int> handlerOffMain{0};
+  std::vector<int> commands;
+  std::vector<std::string> texts;
+  std::atomic<int> cancel{0};
+  std::atomic<int> timerTicks{0};
+  std::atomic<int> timerOffMain{0};
+  std::atomic<bool> workerReturned{false};
+  int answers[12] = {};
+  std::thread::id mainThread;
+};
+
+Seen* g_seen = nullptr;
+
+void Reset(Seen* seen) {
+  g_seen = seen;
+  seen->mainThread = std::this_thread::get_id();
+  ToolFrameSetHook(nullptr);
+}
+
+int RecordFinish(ToolDialog*, const ToolMessage* m) {
+  if (m->code == ToolMsgFinished) {
+    char text[256];
+    ToolFrameGetText(ToolIdCancel, text, sizeof text);
+    g_seen->doneButton = text;
+    ToolFrameGetText(ToolIdStatus, text, sizeof text);
+    g_seen->statusAtEnd = text;
+    g_seen->finishedCount++;
+  }
+  if (m->code == ToolMsgSetText && m->a == ToolIdStatus) g_seen->texts.push_back(m->text);
+  return 0;
+}
+
+// The usual handler: Cancel asks, Done (after the end) closes.
+int CancelHandler(int id, ToolDialog*) {
+  g_seen->handlerCalls++;
+  g_seen->commands.push_back(id);
+  if (std::this_thread::get_id() != g_seen->mainThread) g_seen->handlerOffMain++;
+  if (id != 2) return 1;
+  if (!ToolFrameWorkerRunning()) return 0;
+  static volatile int finished = 0;
+  if (ToolFrameConfirmCancel("Cancel the test?", "The test finished before you cancelled!",
+                             &finished)) {
+    g_seen->cancel = 1;
+    ToolFrameShowCancelling(ToolIdCancel);
+  }
+  return 1;
+}
+
+int SucceedingTool(char* tail, ToolDialog* dialog) {
+  ToolFrameSetText(300, tail);
+  ToolFrameSetText(ToolIdStatus, "Working...");
+  ToolFrameSetProgress(ToolIdProgress, 50);
+  ToolFrameSetText(ToolIdStatus, "All done.");
+  ToolFrameSetProgress(ToolIdProgress, 100);
+  return ToolExitDone;
+}
+
+int FailingTool(char*, ToolDialog*) {
+  ToolFrameSetText(ToolIdStatus, "Input went missing.");
+  return ToolExitInputError;
+}
+
+class ConsoleShell : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // No terminal on stdin: every box takes its default button.
+    ASSERT_NE(std::freopen("/dev/null", "r", stdin), nullptr);
+    ASSERT_TRUE(ToolDialogRegister(&TestDialog));
+  }
+  void SetUp() override {
+    ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+    Reset(&seen);
+  }
+  void TearDown() override { ToolFrameSetHook(nullptr); }
+  Seen seen;
+};
+
+TEST_F(ConsoleShell, SuccessShowsDoneAndReturnsZero) {
+  ToolFrameSetHook(RecordFinish);
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "in.avi out.vlm", 1, false, SucceedingTool, CancelHandler,
+                          "SHELLTEST");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(seen.finishedCount, 1);
+  EXPECT_EQ(seen.doneButton, "&Done");
+  EXPECT_EQ(seen.statusAtEnd, "All done.");
+  // Nobody at the console presses Done, so the frame presses it: one command 2, after the end.
+  ASSERT_EQ(seen.commands.size(), 1u);
+  EXPECT_EQ(seen.commands[0], 2);
+  EXPECT_EQ(seen.handlerOffMain, 0);
+  EXPECT_NE(out.find("Test Tool - Done!"), std::string::npos) << out;
+  EXPECT_NE(out.find("All done."), std::string::npos) << out;
+  EXPECT_NE(out.find("in.avi out.vlm"), std::string::npos) << out;
+}
+
+TEST_F(ConsoleShell, FailureClosesWithTheToolsCode) {
+  ToolFrameSetHook(RecordFinish);
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, false, FailingTool, CancelHandler, "shelltest");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, ToolExitInputError);
+  EXPECT_EQ(seen.finishedCount, 1);
+  EXPECT_EQ(seen.doneButton, "&Cancel");  // no Done on failure
+  EXPECT_EQ(seen.handlerCalls, 0);        // closed by itself, not through the handler
+  EXPECT_EQ(out.find("Done!"), std::string::npos) << out;
+}
+
+TEST_F(ConsoleShell, CloseWhenDoneSkipsTheDoneButton) {
+  ToolFrameSetHook(RecordFinish);
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 12345, "x", 1, true, SucceedingTool, CancelHandler, "shelltest");
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(seen.doneButton, "&Done");
+  EXPECT_EQ(seen.handlerCalls, 0);
+}
+
+TEST_F(ConsoleShell, UnknownDialogCannotBeCreated) {
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, false, SucceedingTool, CancelHandler, "nosuchdialog");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  EXPECT_NE(out.find("Couldn't create window."), std::string::npos);
+}
+
+TEST(ToolDialogTable, RegisterFindAndReplace) {
+  static const ToolControlDesc one[] = {{1, ToolControlText, "a"}};
+  static const ToolDialogDesc first = {"Replaceable", "First", one, 1};
+  static const ToolDialogDesc second = {"REPLACEABLE", "Second", one, 1};
+  static const ToolDialogDesc broken = {"broken", "Broken", nullptr, 2};
+  EXPECT_EQ(ToolDialogFind("replaceable"), nullptr);
+  ASSERT_TRUE(ToolDialogRegister(&first));
+  EXPECT_STREQ(ToolDialogFind("replaceable")->title, "First");
+  ASSERT_TRUE(ToolDialogRegister(&second));
+  EXPECT_STREQ(ToolDialogFind("Replaceable")->title, "Second");
+  EXPECT_FALSE(ToolDialogRegister(&broken));
+  EXPECT_FALSE(ToolDialogRegister(nullptr));
+  const ToolDialogDesc* progress = ToolDialogFind("progress");
+  ASSERT_NE(progress, nullptr);
+  bool hasCancel = false;
+  for (int i = 0; i < progress->controlCount; i++)
+    hasCancel |= progress->controls[i].id == ToolIdCancel &&
+                 progress->controls[i].kind == ToolControlButton;
+  EXPECT_TRUE(hasCancel);
+}
+
+// Every box style, asked from the worker with no terminal: the default button answers.
+int AskingTool(char*, ToolDialog*) {
+  int* a = g_seen->answers;
+  a[0] = ToolFrameAsk("zero", 0);                              // No is the default
+  a[1] = ToolFrameAsk("one", 1);                               // Yes
+  a[2] = ToolFrameAsk("two of two", 2);                        // no third button: Yes
+  a[3] = ToolFrameAsk("three", ToolBoxThreeButtons | 2);       // Cancel
+  a[4] = ToolFrameAsk("three none", ToolBoxThreeButtons | 0);  // No
+  a[5] = ToolFrameAsk("three other", ToolBoxThreeButtons | 5); // Yes
+  a[6] = ToolFrameTell("ok", 0);                               // OK
+  a[7] = ToolFrameTell("ok cancel", ToolBoxThreeButtons);      // OK
+  a[8] = ToolFrameTell("ok cancel 2", ToolBoxThreeButtons | 2);  // Cancel
+  a[9] = ToolFrameTell("ok only 2", 2);                        // a lone OK
+  return 0;
+}
+
+TEST_F(ConsoleShell, BoxesTakeTheDefaultButtonWithoutATerminal) {
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, false, AskingTool, CancelHandler, "shelltest");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  const int expected[] = {0, 1, 1, 2, 0, 1, 0, 0, 2, 0};
+  for (int i = 0; i < 10; i++) EXPECT_EQ(seen.answers[i], expected[i]) << "box " << i;
+  // The question, its caption and the answer taken are all on stderr.
+  EXPECT_NE(out.find("Test Tool - Question: three"), std::string::npos) << out;
+  EXPECT_NE(out.find("default answer: Cancel"), std::string::npos) << out;
+  EXPECT_NE(out.find("default answer: No"), std::string::npos) << out;
+}
+
+TEST(ToolFrameBoxes, OutsideAFrameTheyStillAnswer) {
+  std::freopen("/dev/null", "r", stdin);
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ToolFrameAsk("alone", 0), 0);
+  EXPECT_EQ(ToolFrameAsk("alone", ToolBoxThreeButtons | 2), 2);
+  EXPECT_EQ(ToolFrameTell("alone", 0), 0);
+  QuietFrameInit(nullptr, 77, 3);
+  EXPECT_EQ(QuietFrameParent(), 77);
+  EXPECT_STREQ(QuietFrameLastQuestion(), "");
+  EXPECT_TRUE(QuietFrameAsk("Keep going?", "ORN File Info..."));
+  EXPECT_STREQ(QuietFrameLastQuestion(), "Keep going? Yes.");
+  QuietFrameBox("Shown.", "ORN File Info...", ToolIconInformation);
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_NE(out.find("ORN File Info... - Note: Shown."), std::string::npos) << out;
+}
+
+// 2000 texts posted without waiting arrive all, in order, and the last one stands.
+int ChattyTool(char*, ToolDialog*) {
+  char text[32];
+  for (int i = 0; i < 2000; i++) {
+    std::snprintf(text, sizeof text, "step %d", i);
+    ToolFrameSetText(ToolIdStatus, text);
+  }
+  return 0;
+}
+
+TEST_F(ConsoleShell, PostedTextsKeepTheirOrder) {
+  ToolFrameSetHook(RecordFinish);
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, true, ChattyTool, CancelHandler, "shelltest");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  ASSERT_EQ(seen.texts.size(), 2000u);
+  for (int i = 0; i < 2000; i++) ASSERT_EQ(seen.texts[size_t(i)], "step " + std::to_string(i));
+  EXPECT_EQ(seen.statusAtEnd, "step 1999");
+  // Into a file the console prints changes sparsely: far fewer than 2000 lines, but the last.
+  EXPECT_NE(out.find("step 1999"), std::string::npos);
+  EXPECT_LT(std::count(out.begin(), out.end(), '\n'), 50);
+}
+
+// Interrupts itself as a user at the terminal would, then runs on until told to stop, and
+// lingers a little so that an early return of the frame would show.
+int InterruptedTool(char*, ToolDialog*) {
+  kill(getpid(), SIGINT);
+  for (int i = 0; i < 500 && !g_seen->cancel; i++) std::this_thread::sleep_for(10ms);
+  std::this_thread::sleep_for(150ms);
+  g_seen->workerReturned = true;
+  return g_seen->cancel ? ToolExitCancelled : 0;
+}
+
+TEST_F(ConsoleShell, CtrlCGoesToTheHandlerAndTheFrameWaitsForTheWorker) {
+  ToolFrameSetHook(RecordFinish);
+  testing::internal::CaptureStderr();
+  auto start = std::chrono::steady_clock::now();
+  int code = ToolFrameRun(nullptr, 0, "", 1, false, InterruptedTool, CancelHandler, "shelltest");
+  auto took = std::chrono::steady_clock::now() - start;
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, ToolExitCancelled);
+  EXPECT_TRUE(seen.workerReturned);
+  EXPECT_GE(took, 150ms);
+  EXPECT_EQ(seen.handlerCalls, 1);
+  EXPECT_EQ(seen.handlerOffMain, 0);
+  EXPECT_EQ(seen.doneButton, "Cancelling...");
+  EXPECT_NE(out.find("Cancel the test?"), std::string::npos) << out;
+  // The frame gives the signal back when it ends.
+  struct sigaction now {};
+  sigaction(SIGINT, nullptr, &now);
+  EXPECT_EQ(now.sa_handler, SIG_DFL);
+}
+
+// A handler that answers No keeps everything running: the tool then ends well.
+int RefusingHandler(int id, ToolDialog*) {
+  g_seen->handlerCalls++;
+  if (id == 2 && ToolFrameWorkerRunning() && ToolFrameAsk("Cancel the test?", 0) == 1)
+    g_seen->cancel = 1;
+  return ToolFrameWorkerRunning() ? 1 : 0;
+}
+
+int CloseTwiceTool(char*, ToolDialog*) {
+  ToolFramePostCommand(2);
+  std::this_thread::sleep_for(100ms);
+  return g_seen->cancel ? ToolExitCancelled : 0;
+}
+
+TEST_F(ConsoleShell, NoToCancelKeepsTheRunGoing) {
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, false, CloseTwiceTool, RefusingHandler, "shelltest");
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(seen.cancel, 0);
+  EXPECT_EQ(seen.handlerCalls, 2);  // the refused cancel, then Done
+}
+
+// A handler that destroys the dialog while the worker runs: the frame still waits for the
+// worker, and the worker's later boxes still get answers.
+int ViewClosesHandler(int id, ToolDialog*) { return id == 500 ? 0 : 1; }
+
+int OutlivingTool(char*, ToolDialog*) {
+  ToolFramePostCommand(500);
+  for (int i = 0; i < 300 && ToolFrameGetText(ToolIdStatus, nullptr, 0) >= 0; i++)
+    std::this_thread::sleep_for(5ms);
+  g_seen->answers[0] = ToolFrameGetText(ToolIdStatus, nullptr, 0);
+  g_seen->answers[1] = ToolFrameAsk("Still there?", 1);
+  g_seen->workerReturned = true;
+  return 42;
+}
+
+TEST_F(ConsoleShell, WorkerOutlivesItsDialog) {
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, false, OutlivingTool, ViewClosesHandler, "shelltest");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 42);
+  EXPECT_TRUE(seen.workerReturned);
+  EXPECT_EQ(seen.answers[0], -1);  // the dialog was gone
+  EXPECT_EQ(seen.answers[1], 1);
+  EXPECT_NE(out.find("Still there?"), std::string::npos);
+}
+
+// The worker's stack holds 8 MiB of locals and more.
+int DeepStackTool(char*, ToolDialog*) {
+  volatile unsigned char big[8 << 20];
+  for (size_t i = 0; i < sizeof big; i += 4096) big[i] = static_cast<unsigned char>(i >> 12);
+  unsigned sum = 0;
+  for (size_t i = 0; i < sizeof big; i += 4096) sum += big[i];
+  return sum == 8u * (255u * 256u / 2) ? 0 : 1;  // 2048 pages, the byte pattern wraps 8 times
+}
+
+TEST_F(ConsoleShell, WorkerHasA16MiBStack) {
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, true, DeepStackTool, CancelHandler, "shelltest");
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+}
+
+void CountTick(ToolDialog*) {
+  g_seen->timerTicks++;
+  if (std::this_thread::get_id() != g_seen->mainThread) g_seen->timerOffMain++;
+}
+
+int TimedTool(char*, ToolDialog*) {
+  ToolFrameSetTimer(CountTick, 10);
+  for (int i = 0; i < 400 && g_seen->timerTicks < 3; i++) std::this_thread::sleep_for(5ms);
+  ToolFrameSetTimer(nullptr, 0);
+  std::this_thread::sleep_for(30ms);
+  g_seen->answers[0] = g_seen->timerTicks;
+  std::this_thread::sleep_for(60ms);
+  g_seen->answers[1] = g_seen->timerTicks;
+  return 0;
+}
+
+TEST_F(ConsoleShell, TimerTicksOnTheMainThreadUntilStopped) {
+  testing::internal::CaptureStderr();
+  int code = ToolFrameRun(nullptr, 0, "", 1, true, TimedTool, CancelHandler, "shelltest");
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(code, 0);
+  EXPECT_GE(seen.answers[0], 3);
+  EXPECT_EQ(seen.answers[0], seen.answers[1]);
+  EXPECT_EQ(seen.timerOffMain, 0);
+}
+
+// ---- The window front end on a private X server ------------------------------------------
+
+// Starts "Xvfb -displayfd" and returns its pid and display number; -1 when there is none.
+pid_t StartXvfb(int* display) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    std::string fd = std::to_string(fds[1]);
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 1);
+    dup2(devnull, 2);
+    execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "800x600x24", "-nolisten",
+           "tcp", (char*)nullptr);
+    _exit(127);
+  }
+  close(fds[1]);
+  if (pid < 0) {
+    close(fds[0]);
+    return -1;
+  }
+  char buf[16] = {};
+  pollfd p{fds[0], POLLIN, 0};
+  ssize_t n = poll(&p, 1, 10000) > 0 ? read(fds[0], buf, sizeof buf - 1) : 0;
+  close(fds[0]);
+  if (n <= 0) {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    return -1;
+  }
+  *display = std::atoi(buf);
+  return pid;
+}
+
+struct GuiSeen {
+  int paintsAfterFinish = -1;
+  int boxKeysSent = 0;
+  std::string caption;
+  std::string screenshot;
+};
+GuiSeen* g_gui = nullptr;
+
+// Drives the window like a user: Enter on a box, Done some frames after the end.
+int GuiDriver(ToolDialog* dialog, const ToolMessage* m) {
+  RecordFinish(dialog, m);
+  if (m->code == ToolMsgFinished) g_gui->paintsAfterFinish = 0;
+  if (m->code != ToolMsgPaint) return 0;
+  if (ToolDialogTopBox(dialog) && m->a % 3 == 0) {
+    SDL_Event e{};
+    e.type = (g_gui->boxKeysSent++ % 2 == 0) ? SDL_KEYDOWN : SDL_KEYUP;
+    e.key.keysym.scancode = SDL_SCANCODE_RETURN;
+    e.key.keysym.sym = SDLK_RETURN;
+    SDL_PushEvent(&e);
+  }
+  if (g_gui->paintsAfterFinish >= 0) {
+    int n = ++g_gui->paintsAfterFinish;
+    if (n == 3) {
+      g_gui->caption = ToolDialogCaption(dialog);
+      ToolGuiRequestScreenshot(g_gui->screenshot.c_str());
+    }
+    if (n == 6) ToolFramePostCommand(ToolIdCancel);  // press Done
+  }
+  return 0;
+}
+
+int GuiTool(char* tail, ToolDialog*) {
+  ToolFrameSetText(300, tail);
+  ToolFrameSetText(ToolIdStatus, "Processing 5 of 10 (50%)...");
+  ToolFrameSetProgress(ToolIdProgress, 50);
+  g_seen->answers[0] = ToolFrameAsk("Keep the frames that you've compressed so far?",
+                                    ToolBoxThreeButtons | 2);
+  ToolFrameSetText(ToolIdStatus, "Finished.");
+  ToolFrameSetProgress(ToolIdProgress, 100);
+  return 0;
+}
+
+TEST(WindowShell, RunsAToolHeadlessUnderXvfb) {
+  int display = -1;
+  pid_t xvfb = StartXvfb(&display);
+  if (xvfb < 0) GTEST_SKIP() << "Xvfb could not be started here; the window front end is untested";
+  std::string name = ":" + std::to_string(display);
+  const char* oldDisplay = std::getenv("DISPLAY");
+  std::string saved = oldDisplay ? oldDisplay : "";
+  setenv("DISPLAY", name.c_str(), 1);
+  unsetenv("WAYLAND_DISPLAY");
+  setenv("SDL_VIDEODRIVER", "x11", 1);
+
+  Seen seen;
+  Reset(&seen);
+  GuiSeen gui;
+  g_gui = &gui;
+  // Left in the test's working folder (the build tree) for a person to look at.
+  gui.screenshot = "toolframe_window.png";
+  ::unlink(gui.screenshot.c_str());
+  ToolDialogRegister(&TestDialog);
+  ToolFrameSetFrontEnd(ToolGuiFrontEnd());
+  ToolFrameSetHook(GuiDriver);
+  int code = ToolFrameRun(nullptr, 0, "window.avi", 1, false, GuiTool, CancelHandler, "shelltest");
+  ToolFrameSetHook(nullptr);
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  SDL_Quit();
+  kill(xvfb, SIGTERM);
+  waitpid(xvfb, nullptr, 0);
+  if (oldDisplay) setenv("DISPLAY", saved.c_str(), 1); else unsetenv("DISPLAY");
+
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(seen.answers[0], 2);  // Enter took the default: the third button, Cancel
+  EXPECT_GT(gui.boxKeysSent, 0);
+  EXPECT_EQ(seen.doneButton, "&Done");
+  EXPECT_EQ(gui.caption, "Test Tool - Done!");
+  EXPECT_GE(ToolGuiFramesDrawn(), 6);
+  ASSERT_EQ(seen.commands.size(), 1u);  // Done, pressed once
+  struct stat st {};
+  EXPECT_EQ(stat(gui.screenshot.c_str(), &st), 0) << gui.screenshot;
+  EXPECT_GT(st.st_size, 1000);
+}
+
+}  // namespace
