@@ -217,12 +217,11 @@ int ImageProbeFormat(const void* data, size_t size, const char* name) {
   return IMAGE_FORMAT_UNKNOWN;
 }
 
-ImageFile* ImageFileOpenMemory(const void* data, size_t size, const char* name, ImageError* error) {
+ImageFile* ImageFileOpenMemoryAs(const void* data, size_t size, int format, ImageError* error) {
   if (!data && size) {
     Fail(error, IMAGE_ERROR_ARGUMENT, "No data");
     return nullptr;
   }
-  const int format = ImageProbeFormat(data, size, name);
   const ImageCodec* codec = CodecFor(format);
   if (!codec) {
     Fail(error, IMAGE_ERROR_UNKNOWN_TYPE, "Unknown image file type");
@@ -245,12 +244,26 @@ ImageFile* ImageFileOpenMemory(const void* data, size_t size, const char* name, 
   file->info.frame_count = 1;
   file->info.bits_per_channel = 8;
   file->info.loop_count = -1;
-  if (!codec->open(file, error)) {
+  int opened = 0;
+  try {
+    opened = codec->open(file, error);
+  } catch (const std::bad_alloc&) {
+    opened = Fail(error, IMAGE_ERROR_MEMORY, "Out of memory");
+  }
+  if (!opened) {
     ImageFileClose(file);
     return nullptr;
   }
   if (error) *error = ImageError{};
   return file;
+}
+
+ImageFile* ImageFileOpenMemory(const void* data, size_t size, const char* name, ImageError* error) {
+  if (!data && size) {
+    Fail(error, IMAGE_ERROR_ARGUMENT, "No data");
+    return nullptr;
+  }
+  return ImageFileOpenMemoryAs(data, size, ImageProbeFormat(data, size, name), error);
 }
 
 ImageFile* ImageFileOpen(const char* name, ImageError* error) {

@@ -100,6 +100,8 @@ typedef struct ImageFile ImageFile;
 ImageFile* ImageFileOpen(const char* name, ImageError* error);
 // Opens a copy of `size` bytes at `data`; `name` (may be null) serves the type probe.
 ImageFile* ImageFileOpenMemory(const void* data, size_t size, const char* name, ImageError* error);
+// Opens a copy of memory as the given format, without probing (fuzzing, callers that probed).
+ImageFile* ImageFileOpenMemoryAs(const void* data, size_t size, int format, ImageError* error);
 void ImageFileClose(ImageFile* file);
 
 const ImageInfo* ImageFileInfo(const ImageFile* file);

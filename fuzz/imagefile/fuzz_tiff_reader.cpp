@@ -1,0 +1,4 @@
+// Fuzz target: the TIFF reader on arbitrary bytes.
+#include "fuzz_image.h"
+
+ORN_IMAGE_FUZZER(IMAGE_FORMAT_TIFF)
