@@ -1,0 +1,150 @@
+// Pixel copy-out: converts a rectangle of a decoded frame (Y at full size, Cr and Cb at half
+// size in both directions, perhaps alpha) into an interleaved surface of one of a few pixel
+// formats. Chroma is upsampled on the fly with 3-to-1 weights in both directions, channels are
+// summed in 16-bit fixed point where 2048 is full scale, and a 2x2 ordered dither is applied
+// when rounding to the surface's channel width.
+//
+// The core works on a plain source record so that it does not depend on the open handle; the
+// handle's copy calls fill a `VelmoCopySource` from the current frame buffer set and supply the
+// bookkeeping (blit timing, the in-call mark, the skip check) through `VelmoCopyHooks`.
+#pragma once
+#include <cstdint>
+
+// Surface formats: the low four bits of the copy flags. Other values copy nothing.
+enum : uint32_t {
+  VelmoSurfaceFormatMask = 0xF,
+  VelmoSurfaceXrgb32 = 3,      // 32-bit, blue at bit 0, green 8, red 16, alpha 24
+  VelmoSurfaceXbgr32 = 4,      // 32-bit, red at bit 0, green 8, blue 16, alpha 24
+  VelmoSurfaceArgb32 = 5,      // as 3
+  VelmoSurfaceAbgr32 = 6,      // as 4
+  VelmoSurfaceRgb555 = 8,      // 16-bit 1-5-5-5, alpha in the top bit
+  VelmoSurfaceArgb1555 = 9,    // as 8
+  VelmoSurfaceRgb565 = 10,     // 16-bit 5-6-5, no alpha
+  VelmoSurfaceArgb32Alt = 12,  // 32-bit as 3, converted by the second 32-bit kernel
+};
+
+// Other copy flag bits.
+enum : uint32_t {
+  VelmoCopyFullRange = 0x10,     // from the file: the full-range table is already in place
+  VelmoCopyFlipAlpha = 0x800,    // show the alpha plane as luma and luma as alpha
+  VelmoCopyGrayscale = 0x20000,  // luma only; chroma is neutral
+  VelmoCopyNeverSkip = 0x80000,  // the skip check only reports, the copy always happens
+  VelmoCopyOpenFlagsMask = 0x20810,  // the open flags that take part in a copy
+};
+
+// `CopyFlags` of the conversion state.
+enum : uint32_t {
+  VelmoCopyUseAlphaAsY = 1,     // swap the Y and alpha planes
+  VelmoCopySwapChroma = 2,      // swap the Cr and Cb planes
+  VelmoCopyReverseOrder = 4,    // wanted channel order is reversed against the surface's
+  VelmoCopyGray = 8,            // grayscale: chroma planes are not read
+  VelmoCopyHasAlphaPlane = 16,  // the frame has an alpha plane
+};
+
+struct VelmoConversionState;
+
+// One run of whole 16-pixel groups on one output line. Chroma pointers address the chroma
+// sample of the first pixel pair; the kernel reads chroma samples 0 .. 8 × Groups (the last
+// one is the right neighbour of the last pair) and takes the left neighbour of the first pair
+// from `CrLeft` / `CbLeft`, already formed as 3 × near + far.
+struct VelmoCopyLine {
+  const uint8_t* Y;
+  const uint8_t* Alpha;  // null: opaque
+  const uint8_t* CrNear;
+  const uint8_t* CrFar;
+  const uint8_t* CbNear;
+  const uint8_t* CbFar;
+  uint8_t* Dest;
+  uint32_t Groups;
+  uint32_t LineParity;  // source line & 1, picks the dither row
+  int16_t CrLeft, CbLeft;
+};
+
+using VelmoCopyKernel = void (*)(const VelmoCopyLine* line, const VelmoConversionState* state);
+
+// A row of the kernel family table: the processor features it needs and its three kernels.
+struct VelmoCopyKernelFamily {
+  uint32_t Features;  // bits of the processor feature word; 0 ends the table
+  const char* Name;
+  VelmoCopyKernel Kernel32;
+  VelmoCopyKernel Kernel32Alt;
+  VelmoCopyKernel Kernel16;
+};
+
+// The family table, best first, ended by the plain C++ row (Features 0).
+const VelmoCopyKernelFamily* VelmoCopyKernelFamilies();
+// The first row whose features are all present in the processor feature word.
+const VelmoCopyKernelFamily* VelmoChooseCopyKernels();
+
+// Built once per copy from the colour table and the surface format.
+struct VelmoConversionState {
+  int16_t YWeight, CrToR, CrToG, CbToG, CbToB;  // × 4096
+  uint16_t ShiftR, PosR, ShiftG, PosG, ShiftB, PosB, ShiftA, PosA;  // 11 − width; position
+  // Dither values that hold the channel offset (× 2048), for 8 pixels of an even source
+  // line ([0]) and an odd one ([1]); pixels alternate even and odd source columns.
+  int16_t OffsetR[2][8];
+  int16_t OffsetG[2][8];
+  int16_t OffsetB[2][8];
+  uint32_t PixelBytes;
+  VelmoCopyKernel Kernel;
+  uint32_t CopyFlags;
+};
+
+// Builds the state for a surface `format` from a colour table (rows Cr, Cb, offset, Y; each
+// red, green, blue, alpha) with the kernels of `family`. `copyFlags` brings bits 0, 2, 3 and
+// 4; bit 1 is set here when the table has Cr and Cb the other way round. False for a format
+// that has no conversion.
+bool VelmoBuildConversionState(const float table[16], uint32_t format, uint32_t copyFlags,
+                               const VelmoCopyKernelFamily* family, VelmoConversionState* state);
+
+// Handle bookkeeping around a copy. Every field may be null.
+struct VelmoCopyHooks {
+  void* Context;
+  // Called once the rectangle is known to be non-empty, before anything is converted:
+  // the start of the blit and the in-call mark.
+  void (*Begin)(void* context);
+  // The skip check, given the copy's own flags (with the never-skip bit as the caller gave
+  // it). 0: copy; 1: copy and report (result 1); 2: skip the pixels (result 1).
+  int (*SkipCheck)(void* context, uint32_t flags);
+  // Called after the conversion or the skip, when Begin was called.
+  void (*End)(void* context);
+};
+
+// A decoded frame as the copy sees it.
+struct VelmoCopySource {
+  const uint8_t* Y;
+  const uint8_t* Cr;     // null in grayscale frames
+  const uint8_t* Cb;
+  const uint8_t* Alpha;  // null when the frame has no alpha plane
+  int32_t LumaPitch;     // Y and alpha
+  int32_t ChromaPitch;
+  uint32_t Width, Height;
+  float ColourTable[16];
+  uint32_t OpenFlags;    // only the bits of VelmoCopyOpenFlagsMask are used
+  uint32_t IsHdr;        // HDR frames are not copied by this path
+  const VelmoCopyHooks* Hooks;  // may be null
+};
+
+// Converts the source rectangle (srcX, srcY, srcWidth, srcHeight), limited to the frame, to
+// `dest` at (destX, destY). `pitch` is the byte distance between lines; a negative pitch
+// stores bottom-up, with `dest` the lowest address of a surface of `destHeight` lines. Lines
+// past `destHeight` and pixels past |pitch| are not written. Returns 1 when the skip check
+// skipped or reported the frame, else 0; a bad format, an HDR frame or an empty rectangle
+// copy nothing and return 0.
+int VelmoCopyPlanesRect(const VelmoCopySource* source, uint8_t* dest, int32_t pitch,
+                        int32_t destHeight, int32_t destX, int32_t destY, int32_t srcX,
+                        int32_t srcY, int32_t srcWidth, int32_t srcHeight, uint32_t flags);
+
+// The same with an explicit kernel family (tests and benchmarks compare the families).
+int VelmoCopyPlanesRectWith(const VelmoCopyKernelFamily* family, const VelmoCopySource* source,
+                            uint8_t* dest, int32_t pitch, int32_t destHeight, int32_t destX,
+                            int32_t destY, int32_t srcX, int32_t srcY, int32_t srcWidth,
+                            int32_t srcHeight, uint32_t flags);
+
+// The whole frame.
+inline int VelmoCopyPlanes(const VelmoCopySource* source, uint8_t* dest, int32_t pitch,
+                           int32_t destHeight, int32_t destX, int32_t destY, uint32_t flags) {
+  return VelmoCopyPlanesRect(source, dest, pitch, destHeight, destX, destY, 0, 0,
+                             source ? int32_t(source->Width) : 0,
+                             source ? int32_t(source->Height) : 0, flags);
+}

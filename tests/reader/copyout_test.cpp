@@ -1,0 +1,690 @@
+// Pixel copy-out: kernel families against the plain C++ kernels, the conversion against an
+// independent float model, the rectangle rules and the bounds of the destination.
+#include "reader/copyout.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "host/cpu_features.h"
+
+namespace {
+
+const float VideoTable[16] = {
+    1.595795f,  -0.813477f, 0.0f,       0.0f,  //
+    0.0f,       -0.391449f, 2.017822f,  0.0f,  //
+    -0.874069f, 0.531782f,  -1.085911f, 1.0f,  //
+    1.164124f,  1.164124f,  1.164124f,  0.0f,
+};
+const float FullTable[16] = {
+    1.402f,     -0.71414f, 0.0f,       0.0f,  //
+    0.0f,       -0.34414f, 1.772f,     0.0f,  //
+    -0.703749f, 0.531215f, -0.889475f, 1.0f,  //
+    1.0f,       1.0f,      1.0f,       0.0f,
+};
+
+const uint32_t ValidFormats[] = {3, 4, 5, 6, 8, 9, 10, 12};
+
+int BytesOf(uint32_t format) { return format >= 8 && format <= 10 ? 2 : 4; }
+
+// A frame's planes, with pitches wider than the picture.
+struct Frame {
+  uint32_t W = 0, H = 0;
+  int32_t LumaPitch = 0, ChromaPitch = 0;
+  std::vector<uint8_t> Y, Cr, Cb, A;
+
+  Frame(uint32_t w, uint32_t h, bool alpha) : W(w), H(h) {
+    LumaPitch = int32_t(w + 7);
+    ChromaPitch = int32_t((w + 1) / 2 + 5);
+    Y.assign(size_t(LumaPitch) * h, 0);
+    Cr.assign(size_t(ChromaPitch) * ((h + 1) / 2), 128);
+    Cb = Cr;
+    if (alpha) A.assign(Y.size(), 255);
+  }
+  void Randomize(std::mt19937& rng) {
+    for (auto* p : {&Y, &Cr, &Cb, &A})
+      for (auto& v : *p) v = uint8_t(rng());
+  }
+  void Fill(uint8_t y, uint8_t cr, uint8_t cb) {
+    std::fill(Y.begin(), Y.end(), y);
+    std::fill(Cr.begin(), Cr.end(), cr);
+    std::fill(Cb.begin(), Cb.end(), cb);
+  }
+  uint8_t& ChromaAt(std::vector<uint8_t>& p, uint32_t x, uint32_t y) {
+    return p[size_t(y) * ChromaPitch + x];
+  }
+  VelmoCopySource Source(const float table[16] = VideoTable) const {
+    VelmoCopySource s{};
+    s.Y = Y.data();
+    s.Cr = Cr.data();
+    s.Cb = Cb.data();
+    s.Alpha = A.empty() ? nullptr : A.data();
+    s.LumaPitch = LumaPitch;
+    s.ChromaPitch = ChromaPitch;
+    s.Width = W;
+    s.Height = H;
+    std::memcpy(s.ColourTable, table, sizeof s.ColourTable);
+    return s;
+  }
+};
+
+// A destination surface with guard bytes in front and behind.
+constexpr size_t Guard = 64;
+constexpr uint8_t GuardByte = 0xA5;
+
+struct Surface {
+  int32_t Pitch, Lines;
+  std::vector<uint8_t> Mem;
+  Surface(int32_t pitch, int32_t lines)
+      : Pitch(pitch), Lines(lines), Mem(Guard * 2 + size_t(std::abs(pitch)) * lines, GuardByte) {}
+  uint8_t* Base() { return Mem.data() + Guard; }
+  // Byte offset of pixel (x, y) counted from the top line.
+  size_t Offset(int32_t x, int32_t y, int bytes) const {
+    const int32_t line = Pitch < 0 ? Lines - 1 - y : y;
+    return Guard + size_t(line) * std::abs(Pitch) + size_t(x) * bytes;
+  }
+  uint32_t Pixel(int32_t x, int32_t y, int bytes) const {
+    uint32_t v = 0;
+    for (int k = 0; k < bytes; ++k) v |= uint32_t(Mem[Offset(x, y, bytes) + k]) << (8 * k);
+    return v;
+  }
+};
+
+struct Rgba {
+  int R, G, B, A;
+};
+
+// Channels of a stored pixel, each with its own width.
+Rgba Decode(uint32_t format, uint32_t px) {
+  switch (format) {
+    case 3: case 5: case 12:
+      return {int(px >> 16 & 255), int(px >> 8 & 255), int(px & 255), int(px >> 24)};
+    case 4: case 6:
+      return {int(px & 255), int(px >> 8 & 255), int(px >> 16 & 255), int(px >> 24)};
+    case 8: case 9:
+      return {int(px >> 10 & 31), int(px >> 5 & 31), int(px & 31), int(px >> 15 & 1)};
+    case 10:
+      return {int(px >> 11 & 31), int(px >> 5 & 63), int(px & 31), -1};
+  }
+  return {-1, -1, -1, -1};
+}
+
+int MaxOf(int bits) { return (1 << bits) - 1; }
+int GreenBits(uint32_t format) { return format == 10 ? 6 : format >= 8 && format <= 9 ? 5 : 8; }
+int RedBits(uint32_t format) { return format >= 8 && format <= 10 ? 5 : 8; }
+
+// The conversion in floating point: the colour table applied to values in 0..1.
+void FloatModel(const float t[16], double y, double cr, double cb, double out[3]) {
+  for (int c = 0; c < 3; ++c) {
+    const double v = y / 255 * t[12 + c] + cr / 255 * t[0 + c] + cb / 255 * t[4 + c] + t[8 + c];
+    out[c] = std::clamp(v, 0.0, 1.0);
+  }
+}
+
+std::vector<const VelmoCopyKernelFamily*> UsableFamilies() {
+  FeatureMask(0, 0);
+  std::vector<const VelmoCopyKernelFamily*> out;
+  for (const VelmoCopyKernelFamily* f = VelmoCopyKernelFamilies();; ++f) {
+    if (ProcessorHas(f->Features)) out.push_back(f);
+    if (f->Features == 0) break;
+  }
+  return out;
+}
+
+const VelmoCopyKernelFamily* ReferenceFamily() { return UsableFamilies().back(); }
+
+int Copy(const VelmoCopyKernelFamily* family, const VelmoCopySource& src, Surface& s,
+         int32_t destX, int32_t destY, int32_t srcX, int32_t srcY, int32_t w, int32_t h,
+         uint32_t flags) {
+  return VelmoCopyPlanesRectWith(family, &src, s.Base(), s.Pitch, s.Lines, destX, destY, srcX,
+                                 srcY, w, h, flags);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(CopyOutKernels, TableEndsWithPlainRowAndFeatureMaskPicksTheRow) {
+  const auto families = UsableFamilies();
+  ASSERT_GE(families.size(), 1u);
+  EXPECT_EQ(families.back()->Features, 0u);
+  EXPECT_STREQ(families.back()->Name, "c++");
+  EXPECT_EQ(VelmoChooseCopyKernels(), families.front());
+  FeatureMask(0, CpuAVX2);
+  EXPECT_STRNE(VelmoChooseCopyKernels()->Name, "avx2");
+  FeatureMask(0, CpuAVX2 | CpuSSE2);
+  EXPECT_STREQ(VelmoChooseCopyKernels()->Name, "c++");
+  FeatureMask(0, 0);
+}
+
+// Random frames, tables, rectangles, formats, flags and pitch signs: every family writes the
+// same bytes as the plain C++ kernels, guards included.
+TEST(CopyOutKernels, EveryFamilyMatchesTheReference) {
+  const auto families = UsableFamilies();
+  const VelmoCopyKernelFamily* reference = families.back();
+  std::mt19937 rng(12345);
+  float swapped[16], oddShape[16], randomTable[16];
+  std::memcpy(swapped, VideoTable, sizeof swapped);
+  for (int i = 0; i < 3; ++i) std::swap(swapped[i], swapped[4 + i]);
+  std::memcpy(oddShape, FullTable, sizeof oddShape);
+  oddShape[13] = 0.9f;
+  int copied = 0;
+  for (int iter = 0; iter < 700; ++iter) {
+    const uint32_t w = 1 + rng() % (iter < 100 ? 20 : 150), h = 1 + rng() % 24;
+    Frame frame(w, h, rng() % 2);
+    frame.Randomize(rng);
+    for (float& v : randomTable) v = float(int(rng() % 20001) - 10000) / 2500.0f;
+    const float* tables[] = {VideoTable, FullTable, swapped, oddShape, randomTable};
+    VelmoCopySource src = frame.Source(tables[rng() % 5]);
+    src.OpenFlags = (rng() % 2 ? 0x800 : 0) | (rng() % 4 == 0 ? 0x20000 : 0) | 0x10 | 0x100000;
+    const uint32_t format = rng() % 5 ? ValidFormats[rng() % 8] : rng() % 16;
+    const uint32_t flags = format | (rng() % 2 ? 0x800 : 0) | (rng() % 4 == 0 ? 0x20000 : 0) |
+                           (rng() % 2 ? 0x80000 : 0);
+    const int32_t srcX = int32_t(rng() % (w + 2)) - 1, srcY = int32_t(rng() % (h + 2)) - 1;
+    const int32_t rw = int32_t(rng() % (w + 3)), rh = int32_t(rng() % (h + 3));
+    const int32_t destX = rng() % 5, destY = rng() % 4;
+    const int32_t pitch = (int32_t(w) + 8) * 4 * (rng() % 2 ? 1 : -1);
+    const int32_t lines = int32_t(h) + 5;
+    Surface expect(pitch, lines);
+    Copy(reference, src, expect, destX, destY, srcX, srcY, rw, rh, flags);
+    copied += expect.Mem != Surface(pitch, lines).Mem;
+    for (const VelmoCopyKernelFamily* family : families) {
+      Surface got(pitch, lines);
+      Copy(family, src, got, destX, destY, srcX, srcY, rw, rh, flags);
+      ASSERT_EQ(got.Mem, expect.Mem) << family->Name << " iteration " << iter << " format "
+                                     << format << " " << w << "x" << h << " rect " << srcX
+                                     << "," << srcY << " " << rw << "x" << rh;
+    }
+  }
+  EXPECT_GT(copied, 350);  // most cases really converted something
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(CopyOutState, FixedPointWeightsOffsetsAndDither) {
+  VelmoConversionState s;
+  ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 3, 0, ReferenceFamily(), &s));
+  EXPECT_EQ(s.YWeight, 4768);   // 1.164124 × 4096 = 4768.25
+  EXPECT_EQ(s.CrToR, 6536);     // 6536.38
+  EXPECT_EQ(s.CrToG, -3332);    // −3331.99
+  EXPECT_EQ(s.CbToG, -1603);    // −1603.38
+  EXPECT_EQ(s.CbToB, 8265);     // 8264.998
+  EXPECT_EQ(s.PixelBytes, 4u);
+  EXPECT_EQ(s.ShiftR, 3);
+  EXPECT_EQ(s.CopyFlags, 0u);
+  // Red offset −0.874069 × 2048 = −1790.09; 8-bit steps O, O+4, O+6, O+2.
+  EXPECT_EQ(s.OffsetR[0][0], -1790);
+  EXPECT_EQ(s.OffsetR[0][1], -1786);
+  EXPECT_EQ(s.OffsetR[1][0], -1784);
+  EXPECT_EQ(s.OffsetR[1][1], -1788);
+  EXPECT_EQ(s.OffsetR[0][6], -1790);
+  EXPECT_EQ(s.OffsetB[0][0], -2224);  // −2223.95
+
+  // 5-6-5: five-bit channels step by 16, the six-bit green by 8.
+  ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 10, 0, ReferenceFamily(), &s));
+  EXPECT_EQ(s.PixelBytes, 2u);
+  EXPECT_EQ(s.ShiftR, 6);
+  EXPECT_EQ(s.ShiftG, 5);
+  EXPECT_EQ(s.ShiftA, 11);  // no alpha bits
+  EXPECT_EQ(s.OffsetR[0][1] - s.OffsetR[0][0], 32);
+  EXPECT_EQ(s.OffsetR[1][0] - s.OffsetR[0][0], 48);
+  EXPECT_EQ(s.OffsetR[1][1] - s.OffsetR[0][0], 16);
+  EXPECT_EQ(s.OffsetG[0][1] - s.OffsetG[0][0], 16);
+  EXPECT_EQ(s.OffsetG[1][0] - s.OffsetG[0][0], 24);
+  EXPECT_EQ(s.OffsetG[1][1] - s.OffsetG[0][0], 8);
+
+  for (uint32_t bad : {0u, 1u, 2u, 7u, 11u, 13u, 14u, 15u})
+    EXPECT_FALSE(VelmoBuildConversionState(VideoTable, bad, 0, ReferenceFamily(), &s)) << bad;
+}
+
+TEST(CopyOutState, TableShapesOrderAndGrayscale) {
+  VelmoConversionState s;
+  // Red at bit 0: red and blue roles change places and the chroma planes are exchanged.
+  ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 4, 0, ReferenceFamily(), &s));
+  EXPECT_EQ(s.CrToR, 8265);
+  EXPECT_EQ(s.CbToB, 6536);
+  EXPECT_EQ(s.CrToG, -1603);
+  EXPECT_EQ(s.CbToG, -3332);
+  EXPECT_EQ(s.OffsetR[0][0], -2224);
+  EXPECT_EQ(s.CopyFlags, uint32_t(VelmoCopySwapChroma));
+  // Asking for the reversed order of a reversed format undoes it.
+  ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 4, VelmoCopyReverseOrder, ReferenceFamily(), &s));
+  EXPECT_EQ(s.CrToR, 6536);
+  EXPECT_EQ(s.CopyFlags & VelmoCopySwapChroma, 0u);
+
+  // A table with Cr and Cb the other way round reads the Cb row as Cr.
+  float swapped[16];
+  std::memcpy(swapped, VideoTable, sizeof swapped);
+  for (int i = 0; i < 3; ++i) std::swap(swapped[i], swapped[4 + i]);
+  ASSERT_TRUE(VelmoBuildConversionState(swapped, 3, 0, ReferenceFamily(), &s));
+  EXPECT_EQ(s.CrToR, 6536);
+  EXPECT_EQ(s.CbToB, 8265);
+  EXPECT_EQ(s.CopyFlags, uint32_t(VelmoCopySwapChroma));
+
+  // Any other shape: plain Y.
+  float odd[16];
+  std::memcpy(odd, VideoTable, sizeof odd);
+  odd[14] = 1.0f;
+  ASSERT_TRUE(VelmoBuildConversionState(odd, 3, 0, ReferenceFamily(), &s));
+  EXPECT_EQ(s.YWeight, 4768);
+  EXPECT_EQ(s.CrToR | s.CrToG | s.CbToG | s.CbToB, 0);
+  EXPECT_EQ(s.OffsetR[0][0], 0);
+
+  // Grayscale folds neutral chroma into the offsets.
+  ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 3, VelmoCopyGray, ReferenceFamily(), &s));
+  EXPECT_EQ(s.CrToR | s.CrToG | s.CbToG | s.CbToB, 0);
+  EXPECT_EQ(s.OffsetR[0][0], int(std::lround((-0.874069 + 1.595795 * 0.5019608) * 2048)));
+  EXPECT_EQ(s.OffsetG[0][0],
+            int(std::lround((0.531782 + (-0.813477 - 0.391449) * 0.5019608) * 2048)));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Against the float model.
+
+struct KnownColour {
+  const char* Name;
+  const float* Table;
+  uint8_t Y, Cr, Cb;
+  int R, G, B;  // expected 8-bit result, or −1 to check against the model only
+};
+
+TEST(CopyOutModel, KnownColoursInEveryFormat) {
+  const KnownColour colours[] = {
+      {"video black", VideoTable, 16, 128, 128, 0, 0, 0},
+      {"video white", VideoTable, 235, 128, 128, 255, 255, 255},
+      {"full black", FullTable, 0, 128, 128, 0, 0, 0},
+      {"full white", FullTable, 255, 128, 128, 255, 255, 255},
+      {"video red", VideoTable, 81, 240, 90, -1, -1, -1},
+      {"full red", FullTable, 76, 255, 85, -1, -1, -1},
+  };
+  for (const auto* family : UsableFamilies()) {
+    for (const KnownColour& c : colours) {
+      Frame frame(37, 9, false);
+      frame.Fill(c.Y, c.Cr, c.Cb);
+      const VelmoCopySource src = frame.Source(c.Table);
+      double model[3];
+      FloatModel(c.Table, c.Y, c.Cr, c.Cb, model);
+      if (c.R >= 0) {
+        EXPECT_NEAR(model[0] * 255, c.R, 0.6) << c.Name;
+        EXPECT_NEAR(model[2] * 255, c.B, 0.6) << c.Name;
+      }
+      for (uint32_t format : ValidFormats) {
+        const int bytes = BytesOf(format);
+        Surface out(37 * bytes, 9);
+        Copy(family, src, out, 0, 0, 0, 0, 37, 9, format);
+        const int bits[3] = {RedBits(format), GreenBits(format), RedBits(format)};
+        for (int y = 0; y < 9; ++y) {
+          for (int x = 0; x < 37; ++x) {
+            const Rgba px = Decode(format, out.Pixel(x, y, bytes));
+            const int got[3] = {px.R, px.G, px.B};
+            for (int ch = 0; ch < 3; ++ch) {
+              const int max = MaxOf(bits[ch]);
+              const int want = int(std::lround(model[ch] * max));
+              if (c.R >= 0) {
+                // Full black and white hold whatever the dither value.
+                ASSERT_EQ(got[ch], (c.R ? max : 0)) << family->Name << " " << c.Name << " format "
+                                                    << format << " at " << x << "," << y;
+              } else if ((x | y) % 2 == 0) {
+                // Dither 0 at even columns of even lines: within one step of the model.
+                ASSERT_NEAR(got[ch], want, 1) << c.Name << " format " << format;
+              } else {
+                ASSERT_GE(got[ch], want - 1) << c.Name << " format " << format;
+                ASSERT_LE(got[ch], want + 2) << c.Name << " format " << format;
+              }
+            }
+            if (format == 10) continue;
+            EXPECT_EQ(px.A, BytesOf(format) == 2 ? 1 : 255);  // no alpha plane: opaque
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(CopyOutModel, RandomColoursWithinOneStepBeforeDither) {
+  std::mt19937 rng(777);
+  const VelmoCopyKernelFamily* family = VelmoChooseCopyKernels();
+  for (int iter = 0; iter < 400; ++iter) {
+    const float* table = iter % 2 ? VideoTable : FullTable;
+    const uint8_t y = uint8_t(rng()), cr = uint8_t(rng()), cb = uint8_t(rng());
+    Frame frame(18, 2, false);
+    frame.Fill(y, cr, cb);
+    double model[3];
+    FloatModel(table, y, cr, cb, model);
+    for (uint32_t format : ValidFormats) {
+      const int bytes = BytesOf(format);
+      Surface out(18 * bytes, 2);
+      Copy(family, frame.Source(table), out, 0, 0, 0, 0, 18, 2, format);
+      const Rgba px = Decode(format, out.Pixel(4, 0, bytes));
+      EXPECT_NEAR(px.R, model[0] * MaxOf(RedBits(format)), 1.5) << int(y) << "," << int(cr) << "," << int(cb);
+      EXPECT_NEAR(px.G, model[1] * MaxOf(GreenBits(format)), 1.5) << format;
+      EXPECT_NEAR(px.B, model[2] * MaxOf(RedBits(format)), 1.5) << format;
+    }
+  }
+}
+
+// 9:3:3:1 upsampling, with the frame's edges repeating their last chroma sample, checked with
+// a table that shows Cr as red and Cb as blue.
+TEST(CopyOutModel, ChromaUpsamplingWeightsAndEdges) {
+  const float identity[16] = {1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0};
+  std::mt19937 rng(99);
+  for (const auto* family : UsableFamilies()) {
+    for (auto [w, h] : {std::pair{33u, 7u}, {32u, 8u}, {1u, 1u}, {2u, 3u}, {47u, 5u}}) {
+      Frame frame(w, h, false);
+      frame.Randomize(rng);
+      Surface out(int32_t(w) * 4, int32_t(h));
+      Copy(family, frame.Source(identity), out, 0, 0, 0, 0, int32_t(w), int32_t(h), 3);
+      const uint32_t cw = (w + 1) / 2;
+      for (uint32_t y = 0; y < h; ++y) {
+        uint32_t far = y / 2;
+        if (y + 1 < h) far = (y & 1) ? y / 2 + 1 : (y >= 2 ? y / 2 - 1 : y / 2);
+        for (uint32_t x = 0; x < w; ++x) {
+          const uint32_t nc = x / 2;
+          const uint32_t fc = (x & 1) ? std::min(nc + 1, cw - 1) : (nc > 0 ? nc - 1 : 0);
+          auto up = [&](std::vector<uint8_t>& p) {
+            return (9.0 * frame.ChromaAt(p, nc, y / 2) + 3.0 * frame.ChromaAt(p, fc, y / 2) +
+                    3.0 * frame.ChromaAt(p, nc, far) + frame.ChromaAt(p, fc, far)) / 16;
+          };
+          // Within one step of the rounded model where the dither is 0, else up to the dither.
+          const Rgba px = Decode(3, out.Pixel(int32_t(x), int32_t(y), 4));
+          const int lo = -1, hi = (x | y) % 2 == 0 ? 1 : 2;
+          const long r = std::lround(up(frame.Cr)), b = std::lround(up(frame.Cb));
+          ASSERT_TRUE(px.R - r >= lo && px.R - r <= hi)
+              << family->Name << " " << w << "x" << h << " at " << x << "," << y << ": " << px.R
+              << " for " << up(frame.Cr);
+          ASSERT_TRUE(px.B - b >= lo && px.B - b <= hi)
+              << family->Name << " " << w << "x" << h << " at " << x << "," << y << ": " << px.B
+              << " for " << up(frame.Cb);
+        }
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The rectangle.
+
+// Any part of the frame gives the pixels of a full copy, odd left edges and short widths
+// included, and nothing outside the rectangle is written.
+TEST(CopyOutRect, PartsMatchTheFullCopyAndStayInside) {
+  std::mt19937 rng(4242);
+  for (const auto* family : UsableFamilies()) {
+    for (int iter = 0; iter < 120; ++iter) {
+      const uint32_t w = 1 + rng() % 90, h = 1 + rng() % 12;
+      Frame frame(w, h, rng() % 2);
+      frame.Randomize(rng);
+      const VelmoCopySource src = frame.Source(iter % 2 ? VideoTable : FullTable);
+      const uint32_t format = ValidFormats[rng() % 8] | (rng() % 2 ? 0x800 : 0);
+      const int bytes = BytesOf(format & 15);
+      const int32_t sign = rng() % 2 ? 1 : -1;
+      Surface full(sign * int32_t(w) * bytes, int32_t(h));
+      Copy(family, src, full, 0, 0, 0, 0, int32_t(w), int32_t(h), format);
+
+      const int32_t sx = rng() % w, sy = rng() % h;
+      const int32_t rw = 1 + rng() % (w - sx), rh = 1 + rng() % (h - sy);
+      const int32_t dx = rng() % 3, dy = rng() % 3;
+      const int32_t pitch = sign * (int32_t(w) + 4) * bytes;
+      Surface part(pitch, int32_t(h) + 3);
+      Copy(family, src, part, dx, dy, sx, sy, rw, rh, format);
+      for (int32_t y = 0; y < part.Lines; ++y) {
+        for (int32_t x = 0; x < std::abs(pitch) / bytes; ++x) {
+          const bool inside = x >= dx && x < dx + rw && y >= dy && y < dy + rh;
+          if (inside) {
+            ASSERT_EQ(part.Pixel(x, y, bytes), full.Pixel(x - dx + sx, y - dy + sy, bytes))
+                << family->Name << " rect " << sx << "," << sy << " " << rw << "x" << rh;
+          } else {
+            const uint32_t guard = bytes == 4 ? 0xA5A5A5A5u : 0xA5A5u;
+            ASSERT_EQ(part.Pixel(x, y, bytes), guard) << "written outside at " << x << "," << y;
+          }
+        }
+      }
+      for (size_t i = 0; i < Guard; ++i) {
+        ASSERT_EQ(part.Mem[i], GuardByte);
+        ASSERT_EQ(part.Mem[part.Mem.size() - 1 - i], GuardByte);
+      }
+    }
+  }
+}
+
+TEST(CopyOutRect, LimitsToFrameAndDestination) {
+  Frame frame(20, 10, false);
+  std::mt19937 rng(5);
+  frame.Randomize(rng);
+  const VelmoCopySource src = frame.Source();
+  Surface full(20 * 4, 10);
+  VelmoCopyPlanesRect(&src, full.Base(), full.Pitch, 10, 0, 0, 0, 0, 20, 10, 3);
+
+  // A rectangle past the frame's right and bottom edges is cut at them.
+  Surface cut(20 * 4, 10);
+  VelmoCopyPlanesRect(&src, cut.Base(), cut.Pitch, 10, 0, 0, 15, 7, 100, 100, 3);
+  for (int32_t y = 0; y < 10; ++y)
+    for (int32_t x = 0; x < 20; ++x)
+      EXPECT_EQ(cut.Pixel(x, y, 4), x < 5 && y < 3 ? full.Pixel(x + 15, y + 7, 4) : 0xA5A5A5A5u);
+
+  // The destination's height and line length limit the copy too.
+  Surface small(8 * 4, 4);
+  VelmoCopyPlanesRect(&src, small.Base(), small.Pitch, 4, 3, 1, 0, 0, 20, 10, 3);
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 8; ++x)
+      EXPECT_EQ(small.Pixel(x, y, 4), x >= 3 && y >= 1 ? full.Pixel(x - 3, y - 1, 4) : 0xA5A5A5A5u);
+  EXPECT_EQ(small.Mem[small.Mem.size() - Guard], GuardByte);
+
+  // Nothing for empty rectangles, a left edge past the frame or a negative destination.
+  Surface none(20 * 4, 10);
+  const std::vector<uint8_t> untouched = none.Mem;
+  VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 20, 0, 5, 5, 3);
+  VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 0, 0, 0, 5, 3);
+  VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 0, 0, 5, -1, 3);
+  VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, -1, 0, 0, 0, 5, 5, 3);
+  EXPECT_EQ(none.Mem, untouched);
+}
+
+TEST(CopyOutRect, NegativePitchStoresBottomUp) {
+  Frame frame(29, 7, true);
+  std::mt19937 rng(8);
+  frame.Randomize(rng);
+  const VelmoCopySource src = frame.Source();
+  for (uint32_t format : ValidFormats) {
+    const int bytes = BytesOf(format);
+    Surface down(29 * bytes, 7), up(-29 * bytes, 7);
+    VelmoCopyPlanes(&src, down.Base(), down.Pitch, 7, 0, 0, format);
+    VelmoCopyPlanes(&src, up.Base(), up.Pitch, 7, 0, 0, format);
+    // The first picture line is the last line in memory.
+    EXPECT_EQ(0, std::memcmp(up.Base() + 6 * 29 * bytes, down.Base(), 29 * bytes));
+    for (int32_t y = 0; y < 7; ++y)
+      for (int32_t x = 0; x < 29; ++x)
+        ASSERT_EQ(up.Pixel(x, y, bytes), down.Pixel(x, y, bytes)) << format;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Formats and flags.
+
+TEST(CopyOutFlags, BadFormatsHdrAndMissingPlanesCopyNothing) {
+  Frame frame(16, 4, false);
+  VelmoCopySource src = frame.Source();
+  Surface s(16 * 4, 4);
+  const std::vector<uint8_t> untouched = s.Mem;
+  for (uint32_t bad : {0u, 1u, 2u, 7u, 11u, 13u, 14u, 15u})
+    EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, bad), 0);
+  src.IsHdr = 1;
+  EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
+  src.IsHdr = 0;
+  src.Y = nullptr;
+  EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
+  EXPECT_EQ(s.Mem, untouched);
+  src = frame.Source();
+  EXPECT_EQ(VelmoCopyPlanes(&src, nullptr, s.Pitch, 4, 0, 0, 3), 0);
+  EXPECT_EQ(VelmoCopyPlanes(nullptr, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
+}
+
+TEST(CopyOutFlags, FormatPairsAndChannelOrder) {
+  Frame frame(40, 6, true);
+  std::mt19937 rng(31);
+  frame.Randomize(rng);
+  const VelmoCopySource src = frame.Source();
+  auto copy = [&](uint32_t format) {
+    Surface s(40 * BytesOf(format), 6);
+    VelmoCopyPlanes(&src, s.Base(), s.Pitch, 6, 0, 0, format);
+    return s;
+  };
+  const Surface f3 = copy(3), f4 = copy(4);
+  EXPECT_EQ(copy(5).Mem, f3.Mem);
+  EXPECT_EQ(copy(12).Mem, f3.Mem);
+  EXPECT_EQ(copy(6).Mem, f4.Mem);
+  EXPECT_EQ(copy(9).Mem, copy(8).Mem);
+  for (int32_t y = 0; y < 6; ++y) {
+    for (int32_t x = 0; x < 40; ++x) {
+      const Rgba a = Decode(3, f3.Pixel(x, y, 4)), b = Decode(4, f4.Pixel(x, y, 4));
+      ASSERT_EQ(a.R, b.R);
+      ASSERT_EQ(a.G, b.G);
+      ASSERT_EQ(a.B, b.B);
+      ASSERT_EQ(a.A, b.A);
+    }
+  }
+}
+
+TEST(CopyOutFlags, AlphaPlaneOpaqueFillAndFlip) {
+  Frame frame(35, 5, true);
+  std::mt19937 rng(17);
+  frame.Randomize(rng);
+  VelmoCopySource src = frame.Source();
+  for (uint32_t format : {3u, 9u, 10u}) {
+    const int bytes = BytesOf(format);
+    Surface s(35 * bytes, 5);
+    VelmoCopyPlanes(&src, s.Base(), s.Pitch, 5, 0, 0, format);
+    for (int32_t y = 0; y < 5; ++y) {
+      for (int32_t x = 0; x < 35; ++x) {
+        const Rgba px = Decode(format, s.Pixel(x, y, bytes));
+        const uint8_t a = frame.A[size_t(y) * frame.LumaPitch + x];
+        if (format == 3) {
+          ASSERT_EQ(px.A, a);
+        } else if (format == 9) {
+          ASSERT_EQ(px.A, a >> 7);
+        }
+      }
+    }
+    if (format == 10) {
+      // No alpha bits: the same as a frame without an alpha plane.
+      VelmoCopySource plain = src;
+      plain.Alpha = nullptr;
+      Surface t(35 * bytes, 5);
+      VelmoCopyPlanes(&plain, t.Base(), t.Pitch, 5, 0, 0, format);
+      EXPECT_EQ(t.Mem, s.Mem);
+    }
+  }
+
+  // The flip, from the flags or the open flags, equals a frame with the planes exchanged.
+  Frame swapped = frame;
+  std::swap(swapped.Y, swapped.A);
+  const VelmoCopySource swappedSrc = swapped.Source();
+  Surface want(35 * 4, 5), byFlag(35 * 4, 5), byOpen(35 * 4, 5);
+  VelmoCopyPlanes(&swappedSrc, want.Base(), want.Pitch, 5, 0, 0, 5);
+  VelmoCopyPlanes(&src, byFlag.Base(), byFlag.Pitch, 5, 0, 0, 5 | VelmoCopyFlipAlpha);
+  src.OpenFlags = VelmoCopyFlipAlpha;
+  VelmoCopyPlanes(&src, byOpen.Base(), byOpen.Pitch, 5, 0, 0, 5);
+  EXPECT_EQ(byFlag.Mem, want.Mem);
+  EXPECT_EQ(byOpen.Mem, want.Mem);
+
+  // Without an alpha plane the flip is ignored.
+  src = frame.Source();
+  src.Alpha = nullptr;
+  Surface plain(35 * 4, 5), flipped(35 * 4, 5);
+  VelmoCopyPlanes(&src, plain.Base(), plain.Pitch, 5, 0, 0, 5);
+  VelmoCopyPlanes(&src, flipped.Base(), flipped.Pitch, 5, 0, 0, 5 | VelmoCopyFlipAlpha);
+  EXPECT_EQ(plain.Mem, flipped.Mem);
+}
+
+TEST(CopyOutFlags, GrayscaleAndTableShapes) {
+  Frame frame(26, 6, false);
+  std::mt19937 rng(23);
+  frame.Randomize(rng);
+  // Grayscale at full range: every channel is Y, chroma is never read.
+  VelmoCopySource src = frame.Source(FullTable);
+  src.Cr = src.Cb = nullptr;
+  Surface gray(26 * 4, 6);
+  VelmoCopyPlanes(&src, gray.Base(), gray.Pitch, 6, 0, 0, 3 | VelmoCopyGrayscale);
+  for (int32_t y = 0; y < 6; y += 2) {
+    for (int32_t x = 0; x < 26; x += 2) {
+      const Rgba px = Decode(3, gray.Pixel(x, y, 4));
+      const int yv = frame.Y[size_t(y) * frame.LumaPitch + x];
+      ASSERT_NEAR(px.R, yv, 1);
+      ASSERT_EQ(px.R, px.G);
+      ASSERT_EQ(px.R, px.B);
+    }
+  }
+  src = frame.Source(FullTable);
+  src.OpenFlags = VelmoCopyGrayscale;
+  Surface grayByOpen(26 * 4, 6);
+  VelmoCopyPlanes(&src, grayByOpen.Base(), grayByOpen.Pitch, 6, 0, 0, 3);
+  EXPECT_EQ(grayByOpen.Mem, gray.Mem);
+
+  // A table with Cr and Cb the other way round, over exchanged planes, gives the same picture.
+  float swappedTable[16];
+  std::memcpy(swappedTable, VideoTable, sizeof swappedTable);
+  for (int i = 0; i < 3; ++i) std::swap(swappedTable[i], swappedTable[4 + i]);
+  Frame exchanged = frame;
+  std::swap(exchanged.Cr, exchanged.Cb);
+  const VelmoCopySource normal = frame.Source(VideoTable), other = exchanged.Source(swappedTable);
+  Surface a(26 * 4, 6), b(26 * 4, 6);
+  VelmoCopyPlanes(&normal, a.Base(), a.Pitch, 6, 0, 0, 3);
+  VelmoCopyPlanes(&other, b.Base(), b.Pitch, 6, 0, 0, 3);
+  EXPECT_EQ(a.Mem, b.Mem);
+
+  // Any other shape shows plain Y: the chroma planes make no difference.
+  float oddTable[16];
+  std::memcpy(oddTable, FullTable, sizeof oddTable);
+  oddTable[12] = 0.5f;
+  const VelmoCopySource oddA = frame.Source(oddTable), oddB = exchanged.Source(oddTable);
+  Surface c(26 * 4, 6), d(26 * 4, 6);
+  VelmoCopyPlanes(&oddA, c.Base(), c.Pitch, 6, 0, 0, 3);
+  VelmoCopyPlanes(&oddB, d.Base(), d.Pitch, 6, 0, 0, 3);
+  EXPECT_EQ(c.Mem, d.Mem);
+  const Rgba px = Decode(3, c.Pixel(0, 0, 4));
+  EXPECT_NEAR(px.R, frame.Y[0] / 2.0, 1.0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bookkeeping hooks.
+
+struct HookLog {
+  int Begins = 0, Ends = 0, Checks = 0, Answer = 0;
+  uint32_t Flags = 0;
+};
+
+TEST(CopyOutHooks, SkipCheckDecidesAndNeverSkipPassesThrough) {
+  Frame frame(16, 4, false);
+  HookLog log;
+  VelmoCopyHooks hooks{&log, [](void* c) { ++static_cast<HookLog*>(c)->Begins; },
+                       [](void* c, uint32_t flags) {
+                         auto* l = static_cast<HookLog*>(c);
+                         ++l->Checks;
+                         l->Flags = flags;
+                         return l->Answer;
+                       },
+                       [](void* c) { ++static_cast<HookLog*>(c)->Ends; }};
+  VelmoCopySource src = frame.Source();
+  src.Hooks = &hooks;
+
+  Surface s(64, 4);
+  const std::vector<uint8_t> untouched = s.Mem;
+  log.Answer = 2;  // skip
+  EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 1);
+  EXPECT_EQ(s.Mem, untouched);
+  log.Answer = 1;  // report only
+  EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3 | VelmoCopyNeverSkip), 1);
+  EXPECT_NE(s.Mem, untouched);
+  EXPECT_EQ(log.Flags, 3u | VelmoCopyNeverSkip);
+  log.Answer = 0;
+  EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
+  EXPECT_EQ(log.Begins, 3);
+  EXPECT_EQ(log.Ends, 3);
+  EXPECT_EQ(log.Checks, 3);
+  // An empty rectangle does not count as a copy.
+  EXPECT_EQ(VelmoCopyPlanesRect(&src, s.Base(), s.Pitch, 4, 0, 0, 0, 0, 0, 0, 3), 0);
+  EXPECT_EQ(log.Begins, 3);
+}
+
+}  // namespace
