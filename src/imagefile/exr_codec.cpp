@@ -1,6 +1,7 @@
-// OpenEXR through TinyEXR: the header is checked first (version, single part, data window within
-// the limits), then the picture is loaded as four floats. The writer stores R, G, B(, A) as half
-// or full floats with ZIP compression.
+// OpenEXR through TinyEXR: the header is checked first (version, single part, scan lines, data
+// window within the limits), then the channels are loaded as floats and joined into R, G, B, A
+// (grey files from Y, alpha 1.0 when absent). The writer stores R, G, B(, A) as half or full
+// floats with ZIP compression.
 #include "imagefile/imagefile_internal.h"
 
 #include <cstdlib>
@@ -11,13 +12,11 @@ namespace orn::imagefile {
 
 namespace {
 
+// Frees the header in every case: a failed parse may leave parts of it allocated.
 struct ExrHeaderGuard {
   EXRHeader header;
-  bool parsed = false;
   ExrHeaderGuard() { InitEXRHeader(&header); }
-  ~ExrHeaderGuard() {
-    if (parsed) FreeEXRHeader(&header);
-  }
+  ~ExrHeaderGuard() { FreeEXRHeader(&header); }
 };
 
 int FailExr(ImageError* error, int code, const char* what, const char* message) {
@@ -26,19 +25,24 @@ int FailExr(ImageError* error, int code, const char* what, const char* message) 
   return 0;
 }
 
-int ExrOpen(ImageFile* file, ImageError* error) {
-  const uint8_t* data = file->data.data();
-  const size_t size = file->data.size();
+// Reads and checks the version and header; shared by open and read.
+int ParseHeader(const std::vector<uint8_t>& data, ExrHeaderGuard* guard, ImageError* error) {
   EXRVersion version;
-  if (ParseEXRVersionFromMemory(&version, data, size) != TINYEXR_SUCCESS)
+  if (ParseEXRVersionFromMemory(&version, data.data(), data.size()) != TINYEXR_SUCCESS)
     return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: bad version field");
   if (version.multipart || version.non_image)
     return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: multi-part and deep files are not read");
-  ExrHeaderGuard guard;
+  if (version.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
   const char* message = nullptr;
-  if (ParseEXRHeaderFromMemory(&guard.header, &version, data, size, &message) != TINYEXR_SUCCESS)
+  if (ParseEXRHeaderFromMemory(&guard->header, &version, data.data(), data.size(), &message) != TINYEXR_SUCCESS)
     return FailExr(error, IMAGE_ERROR_CORRUPT, "bad header", message);
-  guard.parsed = true;
+  if (guard->header.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
+  return 1;
+}
+
+int ExrOpen(ImageFile* file, ImageError* error) {
+  ExrHeaderGuard guard;
+  if (!ParseHeader(file->data, &guard, error)) return 0;
   const EXRHeader& h = guard.header;
   const int64_t width = int64_t(h.data_window.max_x) - h.data_window.min_x + 1;
   const int64_t height = int64_t(h.data_window.max_y) - h.data_window.min_y + 1;
@@ -60,20 +64,58 @@ int ExrOpen(ImageFile* file, ImageError* error) {
   return 1;
 }
 
+// Which stored channel feeds R, G, B and A (-1: none). Grey files feed all three from Y.
+void MapChannels(const EXRHeader& h, int source[4]) {
+  static const char* kNames[4] = {"R", "G", "B", "A"};
+  int grey = -1;
+  for (int i = 0; i < 4; ++i) source[i] = -1;
+  for (int c = 0; c < h.num_channels; ++c) {
+    for (int i = 0; i < 4; ++i)
+      if (std::strcmp(h.channels[c].name, kNames[i]) == 0) source[i] = c;
+    if (std::strcmp(h.channels[c].name, "Y") == 0) grey = c;
+  }
+  if (grey < 0 && h.num_channels == 1) grey = 0;
+  if (source[0] < 0 && source[1] < 0 && source[2] < 0 && grey >= 0) source[0] = source[1] = source[2] = grey;
+}
+
+float Sample(const EXRHeader& h, const EXRImage& image, int channel, size_t at) {
+  if (channel < 0) return 0.0f;
+  if (h.pixel_types[channel] == TINYEXR_PIXELTYPE_UINT)
+    return float(reinterpret_cast<const uint32_t*>(image.images[channel])[at]);
+  return reinterpret_cast<const float*>(image.images[channel])[at];
+}
+
 int ExrRead(ImageFile* file, int, const ImagePixels* dest, ImageError* error) {
-  float* rgba = nullptr;
-  int width = 0, height = 0;
+  ExrHeaderGuard guard;
+  if (!ParseHeader(file->data, &guard, error)) return 0;
+  EXRHeader& h = guard.header;
+  for (int c = 0; c < h.num_channels; ++c)
+    if (h.pixel_types[c] == TINYEXR_PIXELTYPE_HALF) h.requested_pixel_types[c] = TINYEXR_PIXELTYPE_FLOAT;
+  EXRImage image;
+  InitEXRImage(&image);
+  // TinyEXR releases a half-decoded image itself, by this count; it sets it only on success.
+  image.num_channels = h.num_channels;
   const char* message = nullptr;
-  if (LoadEXRFromMemory(&rgba, &width, &height, file->data.data(), file->data.size(), &message) != TINYEXR_SUCCESS)
+  if (LoadEXRImageFromMemory(&image, &h, file->data.data(), file->data.size(), &message) != TINYEXR_SUCCESS)
     return FailExr(error, IMAGE_ERROR_CORRUPT, "cannot load the picture", message);
   int ok = 1;
-  if (width != dest->width || height != dest->height) {
-    ok = Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: picture is %dx%d, header says %dx%d", width, height,
-              dest->width, dest->height);
+  if (image.width != dest->width || image.height != dest->height || !image.images) {
+    ok = Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: picture is %dx%d, header says %dx%d", image.width,
+              image.height, dest->width, dest->height);
   } else {
-    for (int y = 0; y < height; ++y) StoreRowFloat(dest, y, rgba + size_t(y) * size_t(width) * 4);
+    int source[4];
+    MapChannels(h, source);
+    std::vector<float> row(size_t(dest->width) * 4);
+    for (int y = 0; y < dest->height; ++y) {
+      for (int x = 0; x < dest->width; ++x) {
+        const size_t at = size_t(y) * size_t(dest->width) + size_t(x);
+        for (int i = 0; i < 3; ++i) row[size_t(x) * 4 + size_t(i)] = Sample(h, image, source[i], at);
+        row[size_t(x) * 4 + 3] = source[3] >= 0 ? Sample(h, image, source[3], at) : 1.0f;
+      }
+      StoreRowFloat(dest, y, row.data());
+    }
   }
-  std::free(rgba);
+  FreeEXRImage(&image);
   return ok;
 }
 
