@@ -7,6 +7,7 @@
 
 #include "host/cpu_features.h"
 #include "reader/copyout_kernels.h"
+#include "reader/frame_buffers.h"
 
 namespace {
 
@@ -467,6 +468,23 @@ int VelmoCopyPlanesRectWith(const VelmoCopyKernelFamily* family, const VelmoCopy
   }
   if (hooks && hooks->End) hooks->End(hooks->Context);
   return result;
+}
+
+void VelmoCopySourceFromBuffers(const VelmoFrameBuffers& buffers, const float colourTable[16],
+                                uint32_t openFlags, bool isHdr, VelmoCopySource* out) {
+  std::memset(out, 0, sizeof *out);
+  const VelmoFrameBufferSet& set = buffers.Sets[buffers.Current < 2 ? buffers.Current : 0];
+  out->Y = set.Planes[VelmoPlaneY];
+  out->Cr = set.Planes[VelmoPlaneCr];
+  out->Cb = set.Planes[VelmoPlaneCb];
+  out->Alpha = buffers.HasAlpha ? set.Planes[VelmoPlaneAlpha] : nullptr;
+  out->LumaPitch = buffers.LumaPitch;
+  out->ChromaPitch = buffers.ChromaPitch;
+  out->Width = buffers.Width;
+  out->Height = buffers.Height;
+  std::memcpy(out->ColourTable, colourTable, sizeof out->ColourTable);
+  out->OpenFlags = openFlags & VelmoCopyOpenFlagsMask;
+  out->IsHdr = isHdr ? 1 : 0;
 }
 
 int VelmoCopyPlanesRect(const VelmoCopySource* source, uint8_t* dest, int32_t pitch,

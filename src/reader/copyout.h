@@ -125,6 +125,13 @@ struct VelmoCopySource {
   const VelmoCopyHooks* Hooks;  // may be null
 };
 
+struct VelmoFrameBuffers;
+
+// Fills `out` from the current set of the frame buffer ring, for the handle's copy calls:
+// planes and pitches, picture size, the colour table and the open flags. Hooks stay null.
+void VelmoCopySourceFromBuffers(const VelmoFrameBuffers& buffers, const float colourTable[16],
+                                uint32_t openFlags, bool isHdr, VelmoCopySource* out);
+
 // Converts the source rectangle (srcX, srcY, srcWidth, srcHeight), limited to the frame, to
 // `dest` at (destX, destY). `pitch` is the byte distance between lines; a negative pitch
 // stores bottom-up, with `dest` the lowest address of a surface of `destHeight` lines. Lines

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/cpu_features.h"
+#include "reader/frame_buffers.h"
 
 namespace {
 
@@ -448,6 +449,42 @@ TEST(CopyOutRect, PartsMatchTheFullCopyAndStayInside) {
   }
 }
 
+// Planes exactly as large as the picture, each in its own allocation: no kernel reads past
+// the end of a plane (the sanitizer build turns such a read into a failure).
+TEST(CopyOutRect, TightPlanesAreNotReadPastTheirEnd) {
+  std::mt19937 rng(61);
+  for (const auto* family : UsableFamilies()) {
+    for (auto [w, h] : {std::pair{1u, 1u}, {16u, 2u}, {17u, 3u}, {32u, 4u}, {33u, 5u}, {64u, 1u}}) {
+      const uint32_t cw = (w + 1) / 2, chh = (h + 1) / 2;
+      std::vector<std::vector<uint8_t>> planes = {std::vector<uint8_t>(w * h),
+                                                  std::vector<uint8_t>(cw * chh),
+                                                  std::vector<uint8_t>(cw * chh),
+                                                  std::vector<uint8_t>(w * h)};
+      for (auto& p : planes)
+        for (auto& v : p) v = uint8_t(rng());
+      VelmoCopySource src{};
+      src.Y = planes[0].data();
+      src.Cr = planes[1].data();
+      src.Cb = planes[2].data();
+      src.Alpha = planes[3].data();
+      src.LumaPitch = int32_t(w);
+      src.ChromaPitch = int32_t(cw);
+      src.Width = w;
+      src.Height = h;
+      std::memcpy(src.ColourTable, VideoTable, sizeof src.ColourTable);
+      for (uint32_t format : ValidFormats) {
+        for (uint32_t extra : {0u, 0x800u, 0x20000u}) {
+          Surface out(int32_t(w) * 4, int32_t(h));
+          Copy(family, src, out, 0, 0, 0, 0, int32_t(w), int32_t(h), format | extra);
+          const int32_t sx = int32_t(rng() % w);
+          Copy(family, src, out, 0, 0, sx, int32_t(rng() % h), int32_t(w) - sx, 1, format | extra);
+          ASSERT_EQ(out.Mem.back(), GuardByte);
+        }
+      }
+    }
+  }
+}
+
 TEST(CopyOutRect, LimitsToFrameAndDestination) {
   Frame frame(20, 10, false);
   std::mt19937 rng(5);
@@ -685,6 +722,39 @@ TEST(CopyOutHooks, SkipCheckDecidesAndNeverSkipPassesThrough) {
   // An empty rectangle does not count as a copy.
   EXPECT_EQ(VelmoCopyPlanesRect(&src, s.Base(), s.Pitch, 4, 0, 0, 0, 0, 0, 0, 3), 0);
   EXPECT_EQ(log.Begins, 3);
+}
+
+TEST(CopyOutSource, FromTheCurrentFrameBufferSet) {
+  Frame frame(24, 6, true);
+  std::mt19937 rng(3);
+  frame.Randomize(rng);
+  std::vector<uint8_t> other(frame.Y.size(), 0);
+  VelmoFrameBuffers buffers{};
+  buffers.Count = 2;
+  buffers.Current = 1;
+  buffers.Width = 24;
+  buffers.Height = 6;
+  buffers.LumaPitch = frame.LumaPitch;
+  buffers.ChromaPitch = frame.ChromaPitch;
+  buffers.HasAlpha = 1;
+  for (uint32_t i = 0; i < VelmoPlaneCount; ++i) buffers.Sets[0].Planes[i] = other.data();
+  buffers.Sets[1].Planes[VelmoPlaneY] = frame.Y.data();
+  buffers.Sets[1].Planes[VelmoPlaneCr] = frame.Cr.data();
+  buffers.Sets[1].Planes[VelmoPlaneCb] = frame.Cb.data();
+  buffers.Sets[1].Planes[VelmoPlaneAlpha] = frame.A.data();
+  VelmoCopySource src;
+  VelmoCopySourceFromBuffers(buffers, FullTable, 0xFFFFFFFFu, false, &src);
+  EXPECT_EQ(src.OpenFlags, uint32_t(VelmoCopyOpenFlagsMask));
+  src.OpenFlags = 0;
+  const VelmoCopySource direct = frame.Source(FullTable);
+  Surface a(24 * 4, 6), b(24 * 4, 6);
+  VelmoCopyPlanes(&src, a.Base(), a.Pitch, 6, 0, 0, 5);
+  VelmoCopyPlanes(&direct, b.Base(), b.Pitch, 6, 0, 0, 5);
+  EXPECT_EQ(a.Mem, b.Mem);
+  VelmoCopySourceFromBuffers(buffers, FullTable, 0, true, &src);
+  Surface c(24 * 4, 6);
+  EXPECT_EQ(VelmoCopyPlanes(&src, c.Base(), c.Pitch, 6, 0, 0, 5), 0);
+  EXPECT_EQ(c.Mem, Surface(24 * 4, 6).Mem);  // HDR frames are not copied here
 }
 
 }  // namespace
