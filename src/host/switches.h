@@ -20,15 +20,20 @@ bool SwitchFlag(char* line, char letter);
 // The switch with text behind it, up to the next blank (or the closing quote of a quoted
 // text). Copies it to dest and removes it; returns false and copies `defaultText` when absent.
 bool SwitchText(char* line, char letter, char* dest, size_t destSize, const char* defaultText);
-// The "#.#" and "#;#" rate forms as a reduced fraction. Returns false when absent (defaults
-// stored). A leading "-" negates the numerator.
+// The "#.#" and "#;#" rate forms as a reduced fraction: "29.97" is 2997/100, "30000;1001" is
+// 30000/1001, ".5" is 1/2. The switch needs a text behind it; the whole text is removed. A
+// text that does not start with a digit, "." or "-" gives 0/1; a leading "-" negates the
+// numerator; a zero second number leaves a zero denominator for the caller to reject.
+// Returns false when absent (defaults stored).
 bool SwitchFraction(char* line, char letter, int32_t* numerator, int32_t* denominator,
                     int32_t defaultNumerator, int32_t defaultDenominator);
 // The "/-X" rule: removes "/-X" and every earlier switch X.
 void SwitchCancels(char* line);
+// True while the line still holds a switch: one that no question took.
+bool SwitchesLeft(const char* line);
 
 // Takes the first blank-separated word off `line` into dest (a comma straight behind the
-// word's blanks goes with it). Both are trimmed.
+// word's blanks is taken off too, but not copied). Both are trimmed. dest must not overlap line.
 void TakeWord(char* dest, size_t destSize, char* line);
 // As TakeWord, but a name in double quotes may hold blanks and comes without its quotes.
 void TakeName(char* dest, size_t destSize, char* line);

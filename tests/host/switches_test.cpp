@@ -1,0 +1,245 @@
+#include "host/switches.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+// A mutable line buffer the size the tools use.
+struct Line {
+  char text[4096];
+  explicit Line(const char* s) { snprintf(text, sizeof text, "%s", s); }
+  std::string str() const { return text; }
+};
+
+TEST(SwitchNumber, ReadsAndRemovesFirstMatchOnly) {
+  Line line("in.avi out.vlm /v200 /d5000 /V210");
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), 200);
+  EXPECT_EQ(line.str(), "in.avi out.vlm  /d5000 /V210");
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), 210);  // the second one stayed for this question
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), -1);
+  EXPECT_EQ(SwitchNumber(line.text, 'D', 0), 5000);
+  EXPECT_EQ(line.str(), "in.avi out.vlm   ");
+}
+
+TEST(SwitchNumber, SumsNegativesAndLowerCaseLetters) {
+  Line line("/M1+2+4 /x-5 /a3+-1 /b7+ /c+3");
+  EXPECT_EQ(SwitchNumber(line.text, 'M', 0), 7);
+  EXPECT_EQ(SwitchNumber(line.text, 'X', 0), -5);
+  EXPECT_EQ(SwitchNumber(line.text, 'A', 0), 2);
+  EXPECT_EQ(SwitchNumber(line.text, 'B', 0), 7);   // a "+" with nothing behind it stays
+  EXPECT_EQ(SwitchNumber(line.text, 'C', 99), 99);  // "+3" is not a number
+  EXPECT_EQ(line.str(), "   + /c+3");
+}
+
+TEST(SwitchNumber, FlagAndNumberAreDistinct) {
+  Line line("/L /L3 a.avi");
+  EXPECT_EQ(SwitchNumber(line.text, 'L', 0), 3);  // skips the bare /L
+  EXPECT_EQ(line.str(), "/L  a.avi");
+  EXPECT_EQ(SwitchNumber(line.text, 'L', -7), -7);
+  EXPECT_TRUE(SwitchFlag(line.text, 'L'));
+  EXPECT_EQ(line.str(), "  a.avi");
+
+  Line second("/L3 /L");
+  EXPECT_TRUE(SwitchFlag(second.text, 'l'));  // takes the bare one behind /L3
+  EXPECT_EQ(second.str(), "/L3 ");
+  EXPECT_FALSE(SwitchFlag(second.text, 'L'));
+}
+
+TEST(SwitchNumber, PeekLeavesLine) {
+  Line line("a.avi /v210");
+  EXPECT_EQ(SwitchPeekNumber(line.text, 'V', -1), 210);
+  EXPECT_EQ(line.str(), "a.avi /v210");
+  EXPECT_EQ(SwitchPeekNumber(line.text, 'D', -1), -1);
+}
+
+TEST(SwitchNumber, SixtyFourBitsWithoutSums) {
+  Line line("/s5000000000+1 /t-9000000000");
+  EXPECT_EQ(SwitchNumber64(line.text, 'S', 0), 5000000000LL);
+  EXPECT_EQ(line.str(), "+1 /t-9000000000");
+  EXPECT_EQ(SwitchNumber64(line.text, 'T', 0), -9000000000LL);
+}
+
+TEST(SwitchLine, OnlyWordStartsOutsideQuotesAndPathsAreNoSwitches) {
+  // "a/v3" is inside a word, the quoted "/v4" is part of a name, and "/v5/x" is a path.
+  Line line("a/v3 \"my /v4 file\" /v5/x.avi /home/v6.avi /v7");
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), 7);
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), -1);
+  EXPECT_EQ(SwitchNumber(line.text, 'H', -1), -1);
+  EXPECT_FALSE(SwitchesLeft(line.text));
+  Line other("out.vlm /q");
+  EXPECT_TRUE(SwitchesLeft(other.text));
+}
+
+TEST(SwitchFlag, NextByteBelowZeroCounts) {
+  Line line("/a, /b. /c+ /d-x /e-5 /f0");
+  EXPECT_TRUE(SwitchFlag(line.text, 'A'));
+  EXPECT_TRUE(SwitchFlag(line.text, 'B'));
+  EXPECT_TRUE(SwitchFlag(line.text, 'C'));
+  EXPECT_TRUE(SwitchFlag(line.text, 'D'));
+  EXPECT_FALSE(SwitchFlag(line.text, 'E'));  // "-5" is a number
+  EXPECT_FALSE(SwitchFlag(line.text, 'F'));
+  EXPECT_EQ(line.str(), ", . + -x /e-5 /f0");
+  Line hash("/# /#12345");
+  EXPECT_TRUE(SwitchFlag(hash.text, '#'));
+  EXPECT_EQ(SwitchNumber(hash.text, '#', 0), 12345);
+}
+
+TEST(SwitchText, PlainQuotedAndDefault) {
+  char dest[64];
+  Line line("/Ohello /P\"a b/c\" /T /Tx rest");
+  EXPECT_TRUE(SwitchText(line.text, 'O', dest, sizeof dest, "d"));
+  EXPECT_STREQ(dest, "hello");
+  EXPECT_TRUE(SwitchText(line.text, 'P', dest, sizeof dest, "d"));
+  EXPECT_STREQ(dest, "a b/c");
+  EXPECT_TRUE(SwitchText(line.text, 'T', dest, sizeof dest, "d"));  // the bare /T is skipped
+  EXPECT_STREQ(dest, "x");
+  EXPECT_EQ(line.str(), "  /T  rest");
+  EXPECT_FALSE(SwitchText(line.text, 'T', dest, sizeof dest, "fallback"));
+  EXPECT_STREQ(dest, "fallback");
+  EXPECT_FALSE(SwitchText(line.text, 'Q', dest, sizeof dest, nullptr));
+  EXPECT_STREQ(dest, "");
+}
+
+TEST(SwitchText, CutsToBufferAndSurvivesOpenQuote) {
+  char dest[4];
+  Line line("/Oabcdefgh /P\"unclosed text");
+  EXPECT_TRUE(SwitchText(line.text, 'O', dest, sizeof dest, ""));
+  EXPECT_STREQ(dest, "abc");
+  char whole[64];
+  EXPECT_TRUE(SwitchText(line.text, 'P', whole, sizeof whole, ""));
+  EXPECT_STREQ(whole, "unclosed text");
+  EXPECT_EQ(line.str(), " ");
+}
+
+struct FractionCase {
+  const char* line;
+  int32_t numerator, denominator;
+};
+
+TEST(SwitchFraction, DecimalAndQuotientForms) {
+  const FractionCase cases[] = {
+      {"/R29.97", 2997, 100}, {"/R30000;1001", 30000, 1001}, {"/R.5", 1, 2},
+      {"/R25", 25, 1},        {"/R-12.5", -25, 2},           {"/R2.5;0.5", 5, 1},
+      {"/Rabc", 0, 1},        {"/R0.000", 0, 1},             {"/R59.94;2", 2997, 100},
+  };
+  for (const FractionCase& c : cases) {
+    Line line(c.line);
+    int32_t n = 0, d = 0;
+    EXPECT_TRUE(SwitchFraction(line.text, 'R', &n, &d, 7, 8)) << c.line;
+    EXPECT_EQ(n, c.numerator) << c.line;
+    EXPECT_EQ(d, c.denominator) << c.line;
+    EXPECT_EQ(line.str(), "") << c.line;
+  }
+}
+
+TEST(SwitchFraction, AbsentGivesDefaultsAndHugeValuesStayIn32Bits) {
+  Line line("/R a.avi");
+  int32_t n, d;
+  EXPECT_FALSE(SwitchFraction(line.text, 'R', &n, &d, 30, 1));
+  EXPECT_EQ(n, 30);
+  EXPECT_EQ(d, 1);
+  Line huge("/R123456789012345678901234567890");
+  EXPECT_TRUE(SwitchFraction(huge.text, 'R', &n, &d, 0, 0));
+  EXPECT_EQ(n, INT32_MAX);
+  EXPECT_EQ(d, 1);
+  Line precise("/R3.14159265358979323846");
+  EXPECT_TRUE(SwitchFraction(precise.text, 'R', &n, &d, 0, 0));
+  EXPECT_GT(d, 1000);
+  EXPECT_NEAR(static_cast<double>(n) / d, 3.14159265358979, 1e-9);
+}
+
+TEST(SwitchCancels, RemovesEarlierSwitchesOfTheLetter) {
+  Line line("/L3 a.avi /l /D5 /-L /L4");
+  SwitchCancels(line.text);
+  EXPECT_EQ(line.str(), " a.avi  /D5  /L4");
+  Line quoted("/O\"x y\" /-o /P1");
+  SwitchCancels(quoted.text);
+  EXPECT_EQ(quoted.str(), "  /P1");
+  Line two("/A1 /B2 /-A /-B /A3");
+  SwitchCancels(two.text);
+  EXPECT_EQ(two.str(), "    /A3");
+}
+
+TEST(SwitchCancels, TrailingDashCutsTheLine) {
+  Line line("/L3 a.avi /- ");
+  SwitchCancels(line.text);
+  EXPECT_EQ(line.str(), "/L3 a.avi ");
+  Line inside("a.avi \"/-L\" /L2");
+  SwitchCancels(inside.text);
+  EXPECT_EQ(inside.str(), "a.avi \"/-L\" /L2");
+}
+
+TEST(TakeWord, WordsCommasAndTrimming) {
+  char dest[32];
+  Line line("  velmoc , in.avi,out.vlm  ");
+  TakeWord(dest, sizeof dest, line.text);
+  EXPECT_STREQ(dest, "velmoc");
+  EXPECT_EQ(line.str(), "in.avi,out.vlm");
+  TakeWord(dest, sizeof dest, line.text);
+  EXPECT_STREQ(dest, "in.avi,out.vlm");  // a comma inside a word stays in it
+  EXPECT_EQ(line.str(), "");
+  TakeWord(dest, sizeof dest, line.text);
+  EXPECT_STREQ(dest, "");
+}
+
+TEST(TakeName, QuotedNamesHoldBlanks) {
+  char dest[32];
+  Line line("\"a b.avi\" out.vlm");
+  TakeName(dest, sizeof dest, line.text);
+  EXPECT_STREQ(dest, "a b.avi");
+  EXPECT_EQ(line.str(), "out.vlm");
+  TakeName(dest, sizeof dest, line.text);
+  EXPECT_STREQ(dest, "out.vlm");
+
+  Line open("\"no end here");
+  TakeName(dest, sizeof dest, open.text);
+  EXPECT_STREQ(dest, "no end here");
+  EXPECT_EQ(open.str(), "");
+
+  char small[5];
+  Line longName("\"abcdefgh\" , next");
+  TakeName(small, sizeof small, longName.text);
+  EXPECT_STREQ(small, "abcd");
+  EXPECT_EQ(longName.str(), "next");
+
+  Line word("\"a b\" c");  // TakeWord does not know quotes
+  TakeWord(dest, sizeof dest, word.text);
+  EXPECT_STREQ(dest, "\"a");
+}
+
+TEST(TrimLine, BlanksControlsAndQuotes) {
+  Line line("\t\r\n  a b \x01 ");
+  TrimLine(line.text);
+  EXPECT_EQ(line.str(), "a b");
+  Line high("\xe9t\xe9");  // bytes above 127 are not blanks
+  TrimLine(high.text);
+  EXPECT_EQ(high.str(), "\xe9t\xe9");
+  Line quoted("  \"x y\"  ");
+  TrimQuotes(quoted.text);
+  EXPECT_EQ(quoted.str(), "x y");
+  Line lone("\"");
+  TrimQuotes(lone.text);
+  EXPECT_EQ(lone.str(), "\"");
+  Line half("\"abc");
+  TrimQuotes(half.text);
+  EXPECT_EQ(half.str(), "\"abc");
+}
+
+TEST(EnsureTrailingSlash, AddsOnceAndRespectsSize) {
+  char path[16] = " /tmp/a ";
+  EnsureTrailingSlash(path, sizeof path);
+  EXPECT_STREQ(path, "/tmp/a/");
+  EnsureTrailingSlash(path, sizeof path);
+  EXPECT_STREQ(path, "/tmp/a/");
+  char empty[4] = "  ";
+  EnsureTrailingSlash(empty, sizeof empty);
+  EXPECT_STREQ(empty, "");
+  char full[4] = "abc";
+  EnsureTrailingSlash(full, sizeof full);  // no room: left as it is
+  EXPECT_STREQ(full, "abc");
+}
+
+}  // namespace
