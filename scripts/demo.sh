@@ -1,15 +1,31 @@
 #!/usr/bin/env bash
-# The main job on a built-in sample. Grows with the tools: for now it shows the tool host.
+# The main job on a built-in sample. Grows with the tools: for now it shows the tool host on
+# the console front end: the entry's answers and a stand-in tool running behind the shell.
 set -uo pipefail
 BUILD=${1:-build}
 PROGRAM="$BUILD/src/main/ORNVideo64"
+DEMO_TOOL="$BUILD/src/main/orn_shell_demo"
 export ORN_CONSOLE=1
+# Settings written by the demo go to a scratch folder, not to the user's own.
+export XDG_CONFIG_HOME
+XDG_CONFIG_HOME=$(mktemp -d)
+trap 'rm -rf "$XDG_CONFIG_HOME"' EXIT
 
 run() {
   echo "\$ ORNVideo64 $*"
-  "$PROGRAM" "$@"
+  "$PROGRAM" "$@" </dev/null
   echo "(exit code $?)"
   echo
 }
 
-run velmoplayer
+echo "== The entry picks the tool by its first word =="
+run versioncheck off
+run VersionCheck
+run velmoplayer in.vlm
+echo "== Tools not in this build yet say so; the trace shows the tail each would get =="
+ORN_TRACE_DISPATCH=1 run VELMOC "my clip.avi" out.vlm /d5000
+ORN_TRACE_DISPATCH=1 run velmo2c in.avi out.vm2 /v270
+echo "== A stand-in tool behind the tool shell: progress, a question taken by default, Done =="
+echo "\$ orn_shell_demo"
+"$DEMO_TOOL" </dev/null
+echo "(exit code $?)"

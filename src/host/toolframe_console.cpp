@@ -24,7 +24,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr int SparseIntervalMs = 1000;
+constexpr int SparseIntervalMs = 500;
 
 struct Shown {
   int id;

@@ -12,6 +12,7 @@
 #include <imgui_stdlib.h>
 #include <stb_image_write.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -77,7 +78,10 @@ bool GuiStart() {
 }
 
 bool GuiOpen(ToolDialog* d) {
-  if (!GuiStart()) return false;
+  if (!GuiStart()) {
+    std::fprintf(stderr, "No window: %s\n", SDL_GetError());
+    return false;
+  }
   SDL_GL_SetAttribute(SDL_GL_CONTEXT_MAJOR_VERSION, 3);
   SDL_GL_SetAttribute(SDL_GL_CONTEXT_MINOR_VERSION, 0);
   SDL_GL_SetAttribute(SDL_GL_DOUBLEBUFFER, 1);
@@ -85,9 +89,13 @@ bool GuiOpen(ToolDialog* d) {
   flags |= ToolDialogShowState(d) == 0 ? SDL_WINDOW_HIDDEN : SDL_WINDOW_SHOWN;
   g_gui.window = SDL_CreateWindow(ToolDialogCaption(d), SDL_WINDOWPOS_CENTERED,
                                   SDL_WINDOWPOS_CENTERED, WindowWidth, WindowHeight(d), flags);
-  if (!g_gui.window) return false;
+  if (!g_gui.window) {
+    std::fprintf(stderr, "No window: %s\n", SDL_GetError());
+    return false;
+  }
   g_gui.gl = SDL_GL_CreateContext(g_gui.window);
   if (!g_gui.gl) {
+    std::fprintf(stderr, "No OpenGL context: %s\n", SDL_GetError());
     SDL_DestroyWindow(g_gui.window);
     g_gui.window = nullptr;
     return false;
