@@ -23,7 +23,7 @@ struct MemoryReader {
 
 int ReadBytes(GifFileType* gif, GifByteType* out, int length) {
   auto* r = static_cast<MemoryReader*>(gif->UserData);
-  if (length <= 0) return 0;
+  if (length <= 0 || r->at >= r->size) return 0;
   const size_t count = std::min(size_t(length), r->size - r->at);
   std::memcpy(out, r->data + r->at, count);
   r->at += count;
@@ -371,7 +371,7 @@ int ImageGifWriterFinish(ImageGifWriter* writer, const char* name, void** data, 
   if (!data || !size) return Fail(error, IMAGE_ERROR_ARGUMENT, "No output buffer");
   *data = std::malloc(sink.bytes.empty() ? 1 : sink.bytes.size());
   if (!*data) return Fail(error, IMAGE_ERROR_MEMORY, "Out of memory");
-  std::memcpy(*data, sink.bytes.data(), sink.bytes.size());
+  if (!sink.bytes.empty()) std::memcpy(*data, sink.bytes.data(), sink.bytes.size());
   *size = sink.bytes.size();
   return 1;
 }

@@ -310,7 +310,7 @@ int ImageFileFrameDelay(const ImageFile* file, int frame) {
 int ImageFilePalette(const ImageFile* file, uint32_t palette[256]) {
   if (!file || !palette) return 0;
   const size_t n = std::min<size_t>(file->palette.size(), 256);
-  std::memcpy(palette, file->palette.data(), n * 4);
+  if (n) std::memcpy(palette, file->palette.data(), n * 4);
   return int(n);
 }
 
@@ -345,7 +345,7 @@ int ImageWriteMemory(const ImageWriteParams* params, const ImagePixels* pixels, 
   }
   void* copy = std::malloc(sink.bytes.empty() ? 1 : sink.bytes.size());
   if (!copy) return Fail(error, IMAGE_ERROR_MEMORY, "Out of memory");
-  std::memcpy(copy, sink.bytes.data(), sink.bytes.size());
+  if (!sink.bytes.empty()) std::memcpy(copy, sink.bytes.data(), sink.bytes.size());
   *data = copy;
   *size = sink.bytes.size();
   return 1;

@@ -35,6 +35,7 @@ tmsize_t StreamRead(thandle_t h, void* buf, tmsize_t n) {
 tmsize_t StreamWrite(thandle_t h, void* buf, tmsize_t n) {
   auto* s = static_cast<Stream*>(h);
   if (!s->out || n < 0) return -1;
+  if (n == 0) return 0;
   try {
     if (s->out->size() < s->at + size_t(n)) s->out->resize(s->at + size_t(n));
   } catch (const std::bad_alloc&) {

@@ -111,7 +111,6 @@ TEST(Png, PaletteWithTransparencyChunk) {
 
 TEST(Png, LowBitGreyAndAdam7Interlace) {
   PngSpec s{9, 9, 1, PNG_COLOR_TYPE_GRAY, true, {}, {}};
-
   std::vector<std::vector<uint8_t>> rows;
   for (int y = 0; y < 9; ++y) {
     std::vector<uint8_t> row(2, 0);
