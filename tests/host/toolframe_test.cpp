@@ -441,6 +441,7 @@ void StopXvfb(pid_t pid, int pipeEnd) {
 struct GuiSeen {
   int paintsAfterFinish = -1;
   int boxKeysSent = 0;
+  bool boxShot = false;
   std::string caption;
   std::string screenshot;
 };
@@ -451,6 +452,10 @@ int GuiDriver(ToolDialog* dialog, const ToolMessage* m) {
   RecordFinish(dialog, m);
   if (m->code == ToolMsgFinished) g_gui->paintsAfterFinish = 0;
   if (m->code != ToolMsgPaint) return 0;
+  if (ToolDialogTopBox(dialog) && !g_gui->boxShot) {
+    g_gui->boxShot = true;
+    ToolGuiRequestScreenshot("toolframe_window_box.png");
+  }
   if (ToolDialogTopBox(dialog) && m->a % 3 == 0) {
     SDL_Event e{};
     e.type = (g_gui->boxKeysSent++ % 2 == 0) ? SDL_KEYDOWN : SDL_KEYUP;
