@@ -2,6 +2,7 @@
 // registry file, both read back through every reading path. A private XDG folder keeps the
 // user's own settings out of it.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -22,6 +23,13 @@ void WriteFile(const std::string& path, const uint8_t* data, size_t size) {
   fclose(f);
 }
 
+void RemoveFolder() {
+  for (const char* name : {"/ornisworks/profile.ini", "/ornisworks/registry.ini", "/ornisworks/.lock"})
+    unlink((folder + name).c_str());
+  rmdir((folder + "/ornisworks").c_str());
+  rmdir(folder.c_str());
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -32,6 +40,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   setenv("XDG_CONFIG_DIRS", folder.c_str(), 1);  // the machine store is the same file
   const std::string store = folder + "/ornisworks";
   if (mkdir(store.c_str(), 0700) != 0) abort();
+  atexit(RemoveFolder);
   return 0;
 }
 

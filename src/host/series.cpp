@@ -46,16 +46,18 @@ size_t PrintfField(const char* text, size_t at, bool* zeroFill, int* width) {
 
 // "?" form: the digits fill the places from the right; extra digits go in front of the first.
 bool NameFromPlaces(std::string* out, const char* pattern, int32_t n) {
-  const std::string digits = std::to_string(n);
-  std::string name = pattern;
-  std::vector<size_t> places;
-  for (size_t i = 0; i < name.size(); ++i)
-    if (name[i] == '?') places.push_back(i);
-  if (places.empty()) return false;
-  size_t d = digits.size();
-  for (size_t p = places.size(); p-- > 0;) name[places[p]] = d > 0 ? digits[--d] : '0';
-  name.insert(places[0], digits, 0, d);
-  *out = std::move(name);
+  char digits[16];
+  int d = snprintf(digits, sizeof digits, "%d", n);
+  std::string& name = *out;
+  name.assign(pattern);
+  size_t firstPlace = std::string::npos;
+  for (size_t i = name.size(); i-- > 0;) {
+    if (name[i] != '?') continue;
+    name[i] = d > 0 ? digits[--d] : '0';
+    firstPlace = i;
+  }
+  if (firstPlace == std::string::npos) return false;
+  name.insert(firstPlace, digits, static_cast<size_t>(d));
   return true;
 }
 
@@ -102,17 +104,18 @@ struct Range {
   int32_t last;
 };
 
-bool Exists(const char* pattern, int64_t n, SeriesExistsFn exists, void* context) {
-  std::string name;
-  return FormName(&name, pattern, static_cast<int32_t>(n)) && exists(name.c_str(), context);
+bool Exists(const char* pattern, int64_t n, SeriesExistsFn exists, void* context, std::string* name) {
+  return FormName(name, pattern, static_cast<int32_t>(n)) && exists(name->c_str(), context);
 }
 
 // Walks down and up from n while the neighbours' names exist.
 Range SearchAround(const char* pattern, int32_t n, SeriesExistsFn exists, void* context) {
   Range range{n, n};
-  for (int64_t k = int64_t(n) - 1; k >= 0 && n - k <= ProbeLimit && Exists(pattern, k, exists, context); --k)
+  std::string name;  // reused, so that long runs do not allocate for every probe
+  for (int64_t k = int64_t(n) - 1; k >= 0 && n - k <= ProbeLimit && Exists(pattern, k, exists, context, &name); --k)
     range.first = static_cast<int32_t>(k);
-  for (int64_t k = int64_t(n) + 1; k <= INT32_MAX && k - n <= ProbeLimit && Exists(pattern, k, exists, context); ++k)
+  for (int64_t k = int64_t(n) + 1; k <= INT32_MAX && k - n <= ProbeLimit && Exists(pattern, k, exists, context, &name);
+       ++k)
     range.last = static_cast<int32_t>(k);
   return range;
 }
