@@ -1,0 +1,551 @@
+// Plane decoding: every block kind against pixels worked out here, the bundle forms, and the
+// damage rules of bundles and blocks.
+#include "decode/velmo1_decoder.h"
+#include "velmo1_stream_builder.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+namespace {
+
+constexpr uint32_t TagVLMi = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24;
+constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
+constexpr uint8_t Untouched = 0xEE;
+
+// A destination and a source plane with a pitch wider than the plane, and a workspace.
+struct PlaneFixture {
+  uint32_t W, H;
+  int32_t Pitch;
+  std::vector<uint8_t> Dest, Source;
+  std::vector<std::vector<uint8_t>> Buffers;
+  Velmo1Workspace Work{};
+  uint32_t Skips = 0;
+  const uint8_t* End = nullptr;
+
+  PlaneFixture(uint32_t w, uint32_t h, uint8_t workFill = 0) : W(w), H(h), Pitch(int32_t(w) + 8) {
+    Dest.assign(size_t(Pitch) * h, Untouched);
+    Source.resize(Dest.size());
+    for (size_t i = 0; i < Source.size(); ++i) Source[i] = uint8_t(i * 7 + i / size_t(Pitch) * 13);
+    Velmo1BundleSizes(w, Work.Sizes);
+    for (uint32_t b = 0; b < Velmo1BundleCount; ++b) {
+      Buffers.emplace_back(Work.Sizes[b], workFill);
+      Work.Bundles[b] = Buffers.back().data();
+    }
+    std::memset(Work.RunScratch, 0, 64);
+  }
+  uint8_t& D(uint32_t x, uint32_t y) { return Dest[size_t(y) * Pitch + x]; }
+  uint8_t S(uint32_t x, uint32_t y) const { return Source[size_t(y) * Pitch + x]; }
+
+  // Decodes from an exact-size copy of the stream, so that a read past it is caught.
+  void Decode(const std::vector<uint8_t>& stream, uint32_t flags = 0, uint32_t tag = TagVLMi) {
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[stream.size() + 1]);
+    std::memcpy(copy.get(), stream.data(), stream.size());
+    const uint8_t* end = Velmo1DecodePlane(Dest.data(), Source.data(), W, H, Pitch, copy.get(),
+                                           copy.get() + stream.size() + 4, &Work, flags, tag, &Skips);
+    Consumed = size_t(end - copy.get());
+  }
+  size_t Consumed = 0;
+};
+
+Velmo1PlaneSpec OneRow(uint32_t width, std::vector<Velmo1RawBlock> blocks) {
+  Velmo1PlaneSpec p;
+  p.Width = width;
+  p.Rows.push_back(std::move(blocks));
+  return p;
+}
+
+std::vector<uint8_t> Build(const Velmo1PlaneSpec& p, Velmo1PlaneOptions o = {}) { return Velmo1BuildPlane(p, o); }
+
+void RandomPixels(std::mt19937& rng, uint8_t px[64], int levels = 256) {
+  for (int i = 0; i < 64; ++i) px[i] = uint8_t(rng() % levels);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Intra kinds
+
+TEST(Velmo1Plane, OneTwoBangFillTheirBlocks) {
+  std::mt19937 rng(1);
+  uint8_t px[64];
+  RandomPixels(rng, px);
+  const uint8_t patterns[8] = {0x00, 0xFF, 0x01, 0x80, 0x55, 0xAA, 0x0F, 0xF0};
+  PlaneFixture f(24, 8);
+  f.Decode(Build(OneRow(24, {Velmo1OneBlock(77), Velmo1TwoBlock(10, 200, patterns), Velmo1BangBlock(px)})));
+  for (uint32_t y = 0; y < 8; ++y)
+    for (uint32_t x = 0; x < 8; ++x) {
+      EXPECT_EQ(f.D(x, y), 77);
+      EXPECT_EQ(f.D(8 + x, y), ((patterns[y] >> x) & 1) ? 200 : 10) << x << "," << y;
+      EXPECT_EQ(f.D(16 + x, y), px[y * 8 + x]);
+    }
+  EXPECT_EQ(f.Skips, 0u);
+  EXPECT_EQ(f.D(24, 0), Untouched);  // the pitch's spare bytes stay as they were
+}
+
+TEST(Velmo1Plane, RunBlocksFollowEveryScan) {
+  std::mt19937 rng(2);
+  for (uint32_t scan = 0; scan < 16; ++scan) {
+    uint8_t px[64];
+    for (int i = 0; i < 64; ++i) px[i] = uint8_t((i / 5) * 20 + (rng() % 3 == 0 ? rng() % 7 : 0));
+    PlaneFixture f(8, 8);
+    f.Decode(Build(OneRow(8, {Velmo1RunBlock(scan, px)})));
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(f.D(i % 8, i / 8), px[i]) << "scan " << scan << " pixel " << i;
+  }
+}
+
+// A RUN block from explicit runs: (length, shared colour) pairs and the colours taken.
+Velmo1RawBlock RawRun(uint32_t scan, std::vector<std::pair<int, bool>> runs, std::vector<uint8_t> colours) {
+  Velmo1RawBlock b;
+  b.Type = Velmo1Run;
+  b.Bits.Put(scan, 4);
+  for (auto [len, shared] : runs) {
+    b.Runs.push_back(uint8_t(len - 1));
+    if (len <= 64) b.Bits.Put(shared, 1);
+  }
+  b.Colors = std::move(colours);
+  return b;
+}
+
+TEST(Velmo1Plane, RunsEndingAt63TakeALastColour) {
+  // 16 + 16 + 16 + 15 = 63: scan[63] takes one more colour. Then 4 x 16 = 64 takes none, which
+  // the ONE block after it proves by finding its own colour.
+  PlaneFixture f(24, 8);
+  f.Decode(Build(OneRow(24, {RawRun(0, {{16, true}, {16, true}, {16, true}, {15, true}}, {1, 2, 3, 4, 99}),
+                             RawRun(7, {{16, true}, {16, true}, {16, true}, {16, true}}, {5, 6, 7, 8}),
+                             Velmo1OneBlock(42)})));
+  for (int k = 0; k < 64; ++k) {
+    const int pos = Velmo1RunScans[0][k];
+    EXPECT_EQ(f.D(pos % 8, pos / 8), k == 63 ? 99 : 1 + k / 16) << k;
+    const int pos7 = Velmo1RunScans[7][k];
+    EXPECT_EQ(f.D(8 + pos7 % 8, pos7 / 8), 5 + k / 16) << k;
+  }
+  EXPECT_EQ(f.D(16, 0), 42);
+}
+
+TEST(Velmo1Plane, RunThatOverflowsLeavesTheScratchBlock) {
+  // The second block's runs stop at 58 (a run of 16 with 6 left): its last six scan pixels
+  // keep what the first RUN block left in the scratch block.
+  std::mt19937 rng(4);
+  uint8_t first[64];
+  for (int i = 0; i < 64; ++i) first[i] = uint8_t(100 + i);
+  Velmo1RawBlock second = RawRun(5, {{16, false}, {16, true}, {16, true}, {10, true}, {16, true}}, {});
+  for (int i = 0; i < 16; ++i) second.Colors.push_back(uint8_t(i));
+  second.Colors.insert(second.Colors.end(), {20, 21, 22});
+  second.Bits.Fields.pop_back();  // the overflowing run reads no flag
+  PlaneFixture g(24, 8);
+  g.Decode(Build(OneRow(24, {Velmo1BangBlock(first), Velmo1RunBlock(0, first), second})));
+  for (int k = 0; k < 64; ++k) {
+    const int pos = Velmo1RunScans[5][k];
+    const uint8_t want = k < 16 ? uint8_t(k) : k < 32 ? 20 : k < 48 ? 21 : k < 58 ? 22 : first[pos];
+    EXPECT_EQ(g.D(16 + pos % 8, pos / 8), want) << k;
+  }
+}
+
+TEST(Velmo1Plane, IntraDcMatchesTheFloatTransform) {
+  const int16_t none[64] = {};
+  const uint16_t dcs[4] = {1024, 1000, 37, 2040};
+  const uint32_t scales[4] = {0, 1, 5, 0};
+  PlaneFixture f(32, 8);
+  std::vector<Velmo1RawBlock> blocks;
+  for (int i = 0; i < 4; ++i) blocks.push_back(Velmo1IntraBlock(dcs[i], none, scales[i]));
+  f.Decode(Build(OneRow(32, blocks)));
+  for (int i = 0; i < 4; ++i) {
+    const double scale = double(Velmo1ScaleFactors[scales[i]].Num) / Velmo1ScaleFactors[scales[i]].Den;
+    const double ideal = dcs[i] * scale / 8;  // a DC of c * f stands for pixels of c * f / 8
+    for (uint32_t y = 0; y < 8; ++y)
+      for (uint32_t x = 0; x < 8; ++x) EXPECT_NEAR(f.D(i * 8 + x, y), ideal, 1.0) << i;
+  }
+  EXPECT_EQ(f.D(0, 0), 128);  // 1024 * 32 + 127 >> 8
+  EXPECT_EQ(f.D(8, 0), 167);  // (1000 * 87381 >> 11) = 42666; + 127 >> 8
+}
+
+TEST(Velmo1Plane, IntraWithAcMatchesTheFloatTransform) {
+  std::mt19937 rng(5);
+  for (int round = 0; round < 40; ++round) {
+    int16_t coeffs[64] = {};
+    for (int n = 0; n < 12; ++n) coeffs[1 + rng() % 63] = int16_t(int(rng() % 41) - 20);
+    if (round % 5 == 0) coeffs[63] = 300;  // a deep bit plane
+    const uint32_t scale = rng() % 3;
+    PlaneFixture f(8, 8);
+    f.Decode(Build(OneRow(8, {Velmo1IntraBlock(1024, coeffs, scale)})));
+    coeffs[0] = 1024;
+    const uint32_t* t = Velmo1DequantTable(false, scale);
+    for (int y = 0; y < 8; ++y)
+      for (int x = 0; x < 8; ++x) {
+        double sum = 0;
+        for (int u = 0; u < 8; ++u)
+          for (int v = 0; v < 8; ++v) {
+            const double au = u ? std::sqrt(2.0) * std::cos(u * M_PI / 16) : 1.0;
+            const double av = v ? std::sqrt(2.0) * std::cos(v * M_PI / 16) : 1.0;
+            sum += (u ? 1 : M_SQRT1_2) * (v ? 1 : M_SQRT1_2) * coeffs[u * 8 + v] * double(t[u * 8 + v]) / 65536 /
+                   au / av * std::cos((2 * y + 1) * u * M_PI / 16) * std::cos((2 * x + 1) * v * M_PI / 16);
+          }
+        const int want = int(std::lround(sum / 4)) & 255;
+        const int got = f.D(x, y);
+        const int diff = std::abs(((got - want + 128) & 255) - 128);  // the result wraps
+        ASSERT_LE(diff, 2) << round << " " << x << "," << y;
+      }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Kinds that read the previous picture
+
+TEST(Velmo1Plane, SkipAndMotionCopyThePreviousPicture) {
+  PlaneFixture f(32, 24);
+  Velmo1PlaneSpec p;
+  p.Width = 32;
+  p.Rows.push_back({Velmo1SkipBlock(), Velmo1MotBlock(3, 5), Velmo1MotBlock(-8, 0), Velmo1SkipBlock()});
+  p.Rows.push_back({Velmo1MotBlock(0, -8), Velmo1MotBlock(-1, -1), Velmo1MotBlock(15, 8), Velmo1MotBlock(0, 0)});
+  p.Rows.push_back({Velmo1MotBlock(15, 0), Velmo1MotBlock(-8, -15), Velmo1MotBlock(8, 0), Velmo1MotBlock(1, 0)});
+  f.Decode(Build(p));
+  const int vec[3][4][2] = {{{0, 0}, {3, 5}, {-8, 0}, {0, 0}},
+                            {{0, -8}, {-1, -1}, {15, 8}, {0, 0}},
+                            {{15, 0}, {-8, -15}, {8, 0}, {1, 0}}};
+  for (int by = 0; by < 3; ++by)
+    for (int bx = 0; bx < 4; ++bx) {
+      const int x0 = bx * 8, y0 = by * 8, mx = vec[by][bx][0], my = vec[by][bx][1];
+      // (16 + 15, 8 + 8) and (24 + 1, 16) lie past the last block position (24, 16), which
+      // (16 + 8, 16) hits exactly.
+      const bool passed = (by == 1 && bx == 2) || (by == 2 && bx == 3);
+      for (int y = 0; y < 8; ++y)
+        for (int x = 0; x < 8; ++x) {
+          const uint8_t want = passed ? Untouched : f.S(x0 + mx + x, y0 + my + y);
+          ASSERT_EQ(f.D(x0 + x, y0 + y), want) << bx << "," << by;
+        }
+    }
+  EXPECT_EQ(f.Skips, 2u);
+}
+
+TEST(Velmo1Plane, MotionAddressRangeAllowsRowWrapInsideThePlane) {
+  // The range check is on the address: x - 8 in the second row of blocks reads the end of the
+  // lines above, which still lies inside the plane.
+  PlaneFixture f(16, 16);
+  f.Decode(Build(OneRow(16, {Velmo1MotBlock(-3, 8), Velmo1OneBlock(9)})));
+  const size_t from = size_t(8 * f.Pitch - 3);
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 8; ++x) EXPECT_EQ(f.D(x, y), f.Source[from + size_t(y * f.Pitch + x)]);
+  EXPECT_EQ(f.D(8, 0), 9);
+  PlaneFixture g(16, 16);
+  g.Decode(Build(OneRow(16, {Velmo1MotBlock(-1, 0), Velmo1OneBlock(9)})));
+  EXPECT_EQ(g.D(0, 0), Untouched);  // before the plane's start: passed
+}
+
+TEST(Velmo1Plane, InterTransformAndResidueAddToTheMotionSource) {
+  const int16_t none[64] = {};
+  std::mt19937 rng(6);
+  int8_t residue[64];
+  for (int8_t& r : residue) r = int8_t(int(rng() % 15) - 7);
+  residue[10] = 100;
+  residue[11] = -127;
+  PlaneFixture f(32, 16);
+  Velmo1PlaneSpec p;
+  p.Width = 32;
+  p.Rows.push_back({Velmo1InterBlock(2, 3, 80, none, 0), Velmo1InterBlock(-4, 0, -80, none, 0),
+                    Velmo1MotzBlock(1, 1, 127, residue), Velmo1OneBlock(1)});
+  p.Rows.push_back({Velmo1OneBlock(2), Velmo1OneBlock(3), Velmo1OneBlock(4), Velmo1OneBlock(5)});
+  f.Decode(Build(p));
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 8; ++x) {
+      EXPECT_EQ(f.D(x, y), uint8_t(f.S(x + 2, y + 3) + 10));      // (2560 + 127) >> 8
+      EXPECT_EQ(f.D(8 + x, y), uint8_t(f.S(4 + x, y) - 10));      // (-2433) >> 8
+    }
+  for (int i = 0; i < 64; ++i) {
+    const int pos = Velmo1CoefficientOrder[i];
+    EXPECT_EQ(f.D(16 + pos % 8, pos / 8), uint8_t(f.S(17 + pos % 8, 1 + pos / 8) + residue[i])) << i;
+  }
+  EXPECT_EQ(f.D(24, 0), 1);
+  EXPECT_EQ(f.D(31, 15), 5);
+}
+
+TEST(Velmo1Plane, ResidueLimitEndsAtTheFirstEvent) {
+  int8_t residue[64] = {};
+  residue[5] = 4;
+  residue[30] = -4;
+  residue[0] = 1;
+  PlaneFixture f(16, 8);
+  // With L = 0 one event is decoded: index 5, the first significant one of the walk.
+  f.Decode(Build(OneRow(16, {Velmo1MotzBlock(0, 0, 0, residue), Velmo1OneBlock(60)})));
+  for (int i = 0; i < 64; ++i) {
+    const int pos = Velmo1CoefficientOrder[i];
+    EXPECT_EQ(f.D(pos % 8, pos / 8), uint8_t(f.S(pos % 8, pos / 8) + (i == 5 ? 4 : 0))) << i;
+  }
+  EXPECT_EQ(f.D(8, 0), 60);  // the stream stayed in step
+}
+
+// ---------------------------------------------------------------------------------------------
+// DOUBLED
+
+TEST(Velmo1Plane, DoubledBlocksEnlargeEverySubKind) {
+  std::mt19937 rng(7);
+  uint8_t bang[64], run[64];
+  RandomPixels(rng, bang);
+  for (int i = 0; i < 64; ++i) run[i] = uint8_t(i / 9 * 30);
+  const uint8_t patterns[8] = {1, 2, 4, 8, 16, 32, 64, 128};
+  const int16_t none[64] = {};
+  PlaneFixture f(80, 16);
+  Velmo1PlaneSpec p;
+  p.Width = 80;
+  p.Rows.push_back({Velmo1DoubledBlock(Velmo1OneBlock(50)), Velmo1DoubledBlock(Velmo1BangBlock(bang)),
+                    Velmo1DoubledBlock(Velmo1TwoBlock(3, 4, patterns)), Velmo1DoubledBlock(Velmo1RunBlock(2, run)),
+                    Velmo1DoubledBlock(Velmo1IntraBlock(800, none, 0))});
+  p.Rows.push_back(std::vector<Velmo1RawBlock>(5, Velmo1DoubledLower()));
+  f.Decode(Build(p));
+  for (uint32_t y = 0; y < 16; ++y)
+    for (uint32_t x = 0; x < 16; ++x) {
+      const int half = (y / 2) * 8 + x / 2;
+      ASSERT_EQ(f.D(x, y), 50);
+      ASSERT_EQ(f.D(16 + x, y), bang[half]);
+      ASSERT_EQ(f.D(32 + x, y), ((patterns[y / 2] >> (x / 2)) & 1) ? 4 : 3);
+      ASSERT_EQ(f.D(48 + x, y), run[half]);
+      ASSERT_EQ(f.D(64 + x, y), 100);  // 800 * 32 + 127 >> 8
+    }
+}
+
+TEST(Velmo1Plane, DoubledAtTheRightOrBottomEdgeIsPassed) {
+  // A 24 wide plane: a DOUBLED type at x = 16 has only 8 pixels left and reads no sub-type.
+  PlaneFixture f(24, 16);
+  Velmo1RawBlock edge;
+  edge.Type = Velmo1Doubled;
+  Velmo1PlaneSpec p;
+  p.Width = 24;
+  p.Rows.push_back({Velmo1OneBlock(1), Velmo1OneBlock(2), edge});
+  p.Rows.push_back({Velmo1OneBlock(3), Velmo1OneBlock(4), Velmo1OneBlock(5)});
+  f.Decode(Build(p));
+  EXPECT_EQ(f.D(16, 0), Untouched);
+  EXPECT_EQ(f.D(23, 7), Untouched);
+  EXPECT_EQ(f.D(16, 8), 5);
+
+  // A plane of one block row: the sub-type is read, then the block is passed with 8.
+  PlaneFixture g(16, 8);
+  Velmo1RawBlock low;
+  low.Type = Velmo1Doubled;
+  low.SubTypes = {Velmo1One};
+  g.Decode(Build(OneRow(16, {low, Velmo1OneBlock(7)})));
+  EXPECT_EQ(g.D(0, 0), Untouched);
+  EXPECT_EQ(g.D(8, 0), 7);
+  EXPECT_EQ(g.D(15, 7), 7);
+}
+
+TEST(Velmo1Plane, DoubledWithAnUnknownSubKindWritesNothing) {
+  PlaneFixture f(32, 16);
+  Velmo1RawBlock odd;
+  odd.Type = Velmo1Doubled;
+  odd.SubTypes = {Velmo1Mot};
+  Velmo1PlaneSpec p;
+  p.Width = 32;
+  p.Rows.push_back({odd, Velmo1OneBlock(8), Velmo1OneBlock(9)});
+  p.Rows.push_back({Velmo1DoubledLower(), Velmo1OneBlock(10), Velmo1OneBlock(11)});
+  f.Decode(Build(p));
+  EXPECT_EQ(f.D(0, 0), Untouched);
+  EXPECT_EQ(f.D(15, 15), Untouched);
+  EXPECT_EQ(f.D(16, 0), 8);
+  EXPECT_EQ(f.D(31, 15), 11);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bundle forms and revisions
+
+Velmo1PlaneSpec MixedIntra(uint32_t w, uint32_t h, uint32_t seed) { return Velmo1MixedPlane(w, h, seed, false); }
+
+TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
+  for (uint32_t seed = 1; seed <= 6; ++seed) {
+    const bool inter = seed % 2 == 0;
+    const Velmo1PlaneSpec spec = Velmo1MixedPlane(64, 48, seed, inter);
+    PlaneFixture reference(64, 48);
+    reference.Decode(Build(spec));
+    const Velmo1PlaneOptions variants[] = {
+        {false, false, false, false, 0}, {false, false, true, true, 0}, {false, false, true, true, 1},
+        {false, false, true, true, 2},   {true, false, true, true, 0},  {true, true, true, false, 0}};
+    for (const Velmo1PlaneOptions& o : variants) {
+      PlaneFixture f(64, 48);
+      f.Decode(Build(spec, o), 0, o.VlmK ? TagVLMk : TagVLMi);
+      ASSERT_EQ(f.Dest, reference.Dest) << "seed " << seed << " fill " << o.FillForms << " tables "
+                                        << o.ChooseTables << " form " << o.DescriptionForm;
+    }
+    EXPECT_EQ(reference.Consumed, Build(spec).size());  // the plane ends where it was written
+  }
+}
+
+TEST(Velmo1Plane, VlmkCountsAreMaskedAndItsFlagBitIsMeaninglessOutsideAlpha) {
+  const Velmo1PlaneSpec spec = MixedIntra(48, 32, 9);
+  PlaneFixture plain(48, 32), masked(48, 32), wrong(48, 32);
+  plain.Decode(Build(spec));
+  Velmo1PlaneOptions k;
+  k.VlmK = true;
+  k.FlagBitSet = true;  // a Y plane ignores it
+  masked.Decode(Build(spec, k), 0, TagVLMk);
+  EXPECT_EQ(masked.Dest, plain.Dest);
+  // The same stream read as "VLMi" loses step at once.
+  wrong.Decode(Build(spec, k), 0, TagVLMi);
+  EXPECT_NE(wrong.Dest, plain.Dest);
+}
+
+TEST(Velmo1Plane, ConstantAlphaPlaneFillsAndEndsAtOnce) {
+  PlaneFixture f(16, 16);
+  std::vector<uint8_t> stream = Velmo1ConstantAlphaPlane(0x42);
+  ASSERT_EQ(stream.size(), 4u);
+  stream.resize(12, 0xFF);  // whatever follows belongs to the next plane
+  f.Decode(stream, Velmo1AlphaPlane, TagVLMk);
+  for (uint32_t y = 0; y < 16; ++y)
+    for (uint32_t x = 0; x < 16; ++x) ASSERT_EQ(f.D(x, y), 0x42);
+  EXPECT_EQ(f.Consumed, 4u);
+  EXPECT_EQ(f.Skips, 0u);
+}
+
+TEST(Velmo1Plane, OldRevisionColoursAreSignMagnitude) {
+  uint8_t raw[64];
+  for (int i = 0; i < 64; ++i) raw[i] = uint8_t(i * 4 + 1);
+  PlaneFixture f(24, 8);
+  f.Decode(Build(OneRow(24, {Velmo1OneBlock(0x85), Velmo1OneBlock(0x05), Velmo1BangBlock(raw)})),
+           Velmo1OldRevision);
+  EXPECT_EQ(f.D(0, 0), 123);  // 128 - 5
+  EXPECT_EQ(f.D(8, 0), 133);  // 128 + 5
+  for (int i = 0; i < 64; ++i) {
+    const uint8_t want = raw[i] & 0x80 ? uint8_t(128 - (raw[i] & 127)) : uint8_t(128 + raw[i]);
+    EXPECT_EQ(f.D(16 + i % 8, i / 8), want) << i;
+  }
+}
+
+TEST(Velmo1Plane, DcAndMotionBundlesCarryOverRows) {
+  // Rows with no DC blocks between rows with many: the refill of an unused row carries the
+  // next row's values, and groups with equal values use a width of 0.
+  const int16_t none[64] = {};
+  Velmo1PlaneSpec p;
+  p.Width = 80;
+  std::vector<Velmo1RawBlock> dcRow;
+  const uint16_t dcs[10] = {1024, 1024, 1024, 1024, 1024, 1024, 1024, 1024, 1024, 1000};
+  for (uint16_t dc : dcs) dcRow.push_back(Velmo1IntraBlock(dc, none, 0));
+  p.Rows.push_back(std::vector<Velmo1RawBlock>(10, Velmo1OneBlock(1)));
+  p.Rows.push_back(dcRow);
+  std::vector<Velmo1RawBlock> motionRow(10, Velmo1MotBlock(-3, 2));
+  motionRow[4] = Velmo1MotBlock(5, -8);
+  p.Rows.push_back(motionRow);
+  p.Rows.push_back(std::vector<Velmo1RawBlock>(10, Velmo1MotBlock(1, -1)));  // a fill refill
+  PlaneFixture f(80, 32);
+  f.Decode(Build(p));
+  for (int b = 0; b < 10; ++b) {
+    EXPECT_EQ(f.D(b * 8, 8), uint8_t((dcs[b] * 32 + 127) >> 8)) << b;
+    const int mx = b == 4 ? 5 : -3, my = b == 4 ? -8 : 2;
+    const bool inside = b * 8 + mx >= 0 && b * 8 + mx <= 72;
+    if (inside) {
+      EXPECT_EQ(f.D(b * 8 + 3, 16 + 3), f.S(b * 8 + 3 + mx, 16 + 3 + my)) << b;
+    }
+    EXPECT_EQ(f.D(b * 8 + 1, 24 + 1), f.S(b * 8 + 2, 24 + 0)) << b;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Damage rules, on streams written field by field
+
+// A "VLMi" plane head: 23 table-0 descriptions.
+Velmo1BitWriter Head() {
+  Velmo1BitWriter w;
+  for (int i = 0; i < 23; ++i) w.Put(0, 4);
+  return w;
+}
+
+TEST(Velmo1Plane, CountOfZeroKillsABundleForThePlane) {
+  PlaneFixture f(16, 16, 0x3C);
+  Velmo1BitWriter w = Head();
+  for (int row = 0; row < 2; ++row) {
+    if (row == 0) {
+      w.Put(2, 10);  // BlockTypes: two ONE blocks
+      w.Put(1, 1);
+      w.Put(Velmo1One, 4);
+      w.Put(0, 10);  // SubBlockTypes dead
+      w.Put(0, 10);  // Colors dead: ONE blocks take from four bytes into the buffer
+      for (int b = 0; b < 6; ++b) w.Put(0, 10);
+    } else {
+      w.Put(2, 10);  // the used-up BlockTypes refills; the dead bundles read nothing
+      w.Put(0, 1);
+      w.PutCode(0, Velmo1Skip);
+      w.PutCode(0, Velmo1One);
+    }
+  }
+  f.Decode(w.Finish());
+  EXPECT_EQ(f.D(0, 0), 0x3C);
+  EXPECT_EQ(f.D(15, 7), 0x3C);
+  EXPECT_EQ(f.D(0, 8), f.S(0, 8));
+  EXPECT_EQ(f.D(8, 8), 0x3C);
+  EXPECT_EQ(f.Skips, 1u);
+}
+
+TEST(Velmo1Plane, DeadBlockTypesPassEveryBlock) {
+  PlaneFixture f(16, 16);
+  Velmo1BitWriter w = Head();
+  w.Put(600, 10);  // above the largest count of 528
+  f.Decode(w.Finish());
+  for (uint8_t v : f.Dest) ASSERT_EQ(v, Untouched);
+}
+
+TEST(Velmo1Plane, RepeatPastTheCountStopsTheRefill) {
+  // Six types: ONE, then "repeat 4" (five written), then "repeat 4" with one left: the refill
+  // stops and the sixth element is whatever the buffer held (0, SKIP).
+  PlaneFixture f(48, 8);
+  Velmo1BitWriter w = Head();
+  w.Put(6, 10);
+  w.Put(0, 1);
+  w.PutCode(0, Velmo1One);
+  w.PutCode(0, 12);
+  w.PutCode(0, 12);
+  w.Put(0, 10);  // SubBlockTypes
+  w.Put(5, 10);  // Colors: five of 0x40
+  w.Put(1, 1);
+  w.PutCode(0, 4);
+  w.PutCode(0, 0);
+  for (int b = 0; b < 6; ++b) w.Put(0, 10);
+  f.Decode(w.Finish());
+  for (uint32_t x = 0; x < 40; ++x) EXPECT_EQ(f.D(x, 3), 0x40) << x;
+  EXPECT_EQ(f.D(40, 0), f.S(40, 0));
+  EXPECT_EQ(f.Skips, 1u);
+}
+
+TEST(Velmo1Plane, KindsAboveNineArePassed) {
+  PlaneFixture f(24, 8);
+  Velmo1RawBlock bad;
+  bad.Type = 11;
+  f.Decode(Build(OneRow(24, {Velmo1OneBlock(3), bad, Velmo1OneBlock(4)})));
+  EXPECT_EQ(f.D(0, 0), 3);
+  EXPECT_EQ(f.D(8, 0), Untouched);
+  EXPECT_EQ(f.D(16, 0), 4);
+}
+
+TEST(Velmo1Plane, TruncatedStreamPassesTheRestAndStopsAtTheLimit) {
+  const Velmo1PlaneSpec spec = Velmo1MixedPlane(64, 64, 21, true);
+  const std::vector<uint8_t> full = Build(spec);
+  PlaneFixture whole(64, 64);
+  whole.Decode(full);
+  EXPECT_EQ(whole.Consumed, full.size());
+  for (size_t cut : {size_t(0), size_t(4), full.size() / 3, full.size() / 2, full.size() - 4}) {
+    PlaneFixture f(64, 64);
+    f.Decode(std::vector<uint8_t>(full.begin(), full.begin() + cut));
+    EXPECT_LE(f.Consumed, cut + 4);
+    // The top rows, which lie wholly before the cut, decode as in the full stream.
+    if (cut > full.size() / 2) {
+      for (uint32_t x = 0; x < 64; ++x) EXPECT_EQ(f.D(x, 0), whole.D(x, 0));
+    }
+  }
+}
+
+TEST(Velmo1Plane, BadGeometryOrWorkspaceDecodesNothing) {
+  const std::vector<uint8_t> stream = Build(OneRow(16, {Velmo1OneBlock(1), Velmo1OneBlock(2)}));
+  PlaneFixture f(16, 8);
+  uint32_t skips = 7;
+  // Pitch below the width.
+  EXPECT_EQ(Velmo1DecodePlane(f.Dest.data(), f.Source.data(), 16, 8, 8, stream.data(),
+                              stream.data() + stream.size() + 4, &f.Work, 0, TagVLMi, &skips),
+            stream.data());
+  EXPECT_EQ(skips, 0u);
+  // A workspace made for a narrower plane.
+  PlaneFixture narrow(8, 8);
+  EXPECT_EQ(Velmo1DecodePlane(f.Dest.data(), f.Source.data(), 4096, 8, 5000, stream.data(),
+                              stream.data() + stream.size() + 4, &narrow.Work, 0, TagVLMi, &skips),
+            stream.data());
+  // A limit before the stream: nothing can be read.
+  f.Decode(std::vector<uint8_t>{});
+  for (uint8_t v : f.Dest) ASSERT_EQ(v, Untouched);
+}
+
+}  // namespace
