@@ -1,0 +1,174 @@
+// Frame layout: the alpha size word, the chroma offset word, the old revisions' chaining,
+// partial decoding by the skip flags, and the change figure.
+#include "decode/velmo1_decoder.h"
+#include "velmo1_stream_builder.h"
+#include "velmo1_test_frames.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace {
+
+constexpr uint32_t TagVLMh = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('h') << 24;
+constexpr uint32_t TagVLMi = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24;
+constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
+constexpr uint8_t Before = 0x11;  // what the next set holds before decoding
+
+// A plane of ONE blocks with the given colours, and SKIP where the colour is negative.
+std::vector<uint8_t> Plane(uint32_t w, std::vector<std::vector<int>> rows, bool vlmk) {
+  Velmo1PlaneSpec p;
+  p.Width = w;
+  for (const auto& row : rows) {
+    std::vector<Velmo1RawBlock> blocks;
+    for (int c : row) blocks.push_back(c < 0 ? Velmo1SkipBlock() : Velmo1OneBlock(uint8_t(c)));
+    p.Rows.push_back(blocks);
+  }
+  Velmo1PlaneOptions o;
+  o.VlmK = vlmk;
+  return Velmo1BuildPlane(p, o);
+}
+
+struct FrameCase {
+  Velmo1TestFrames F{32, 16, 16, 8, true};
+  FrameCase() {
+    for (uint32_t p = 0; p < VelmoPlaneHdr; ++p) {
+      F.FillPlane(0, p, uint8_t(0x60 + p));  // the previous picture
+      F.FillPlane(1, p, Before);
+    }
+  }
+  uint32_t Decode(const std::vector<uint8_t>& section, uint32_t flags, uint32_t fileFlags, uint32_t tag) {
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[section.size() + 1]);
+    std::copy(section.begin(), section.end(), copy.get());
+    return Velmo1DecodeFrame(&F.Fb, copy.get(), copy.get() + section.size() + 4, nullptr, flags,
+                             fileFlags, tag);
+  }
+  uint8_t At(uint32_t p, uint32_t x, uint32_t y) { return *F.Pixel(1, p, x, y); }
+};
+
+// Y: 4 x 2 blocks, two of them SKIP. Cr, Cb: 2 x 1 blocks.
+const std::vector<std::vector<int>> LumaRows = {{10, -1, 30, 40}, {50, 60, -1, 80}};
+
+TEST(Velmo1Frame, VlmkFrameWithConstantAlpha) {
+  FrameCase c;
+  const auto section = Velmo1BuildSection(true, false, Velmo1ConstantAlphaPlane(0x99),
+                                          Plane(32, LumaRows, true), Plane(16, {{1, 2}}, true),
+                                          Plane(16, {{3, -1}}, true));
+  const uint32_t figure = c.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMk);
+  EXPECT_EQ(c.At(VelmoPlaneAlpha, 31, 15), 0x99);
+  EXPECT_EQ(c.At(VelmoPlaneY, 0, 0), 10);
+  EXPECT_EQ(c.At(VelmoPlaneY, 8, 0), 0x60);  // SKIP takes the previous picture
+  EXPECT_EQ(c.At(VelmoPlaneY, 31, 15), 80);
+  EXPECT_EQ(c.At(VelmoPlaneCr, 15, 7), 2);
+  EXPECT_EQ(c.At(VelmoPlaneCb, 0, 0), 3);
+  EXPECT_EQ(c.At(VelmoPlaneCb, 8, 0), 0x62);
+  EXPECT_EQ(figure, 100u);  // the constant alpha plane skipped nothing
+  EXPECT_EQ(c.F.Fb.Current, 0u);
+  EXPECT_EQ(*c.F.Pixel(0, VelmoPlaneY, 0, 0), 0x60);  // the current set is only read
+  EXPECT_TRUE(c.F.GuardsIntact());
+}
+
+TEST(Velmo1Frame, ChangeFigureTakesTheLeastChangedPlane) {
+  FrameCase c;
+  // N = 8 luma blocks. Y skips 2, Cr skips 1 (counts 4), Cb skips 2 (counts 8): S = 2.
+  const auto section = Velmo1BuildSection(false, false, {}, Plane(32, LumaRows, false),
+                                          Plane(16, {{-1, 2}}, false), Plane(16, {{-1, -1}}, false));
+  EXPECT_EQ(c.Decode(section, 0, 0, TagVLMi), 75u);
+  EXPECT_EQ(c.At(VelmoPlaneCb, 15, 0), 0x62);
+  // Without luma the chroma planes decide: S = min(4, 8).
+  FrameCase d;
+  EXPECT_EQ(d.Decode(section, Velmo1SkipLuma, 0, TagVLMi), 50u);
+  EXPECT_EQ(d.At(VelmoPlaneY, 0, 0), Before);
+  EXPECT_EQ(d.At(VelmoPlaneCr, 15, 0), 2);
+}
+
+TEST(Velmo1Frame, SkipFlagsLeavePlanesUntouched) {
+  const auto section = Velmo1BuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
+                                          Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
+                                          Plane(16, {{3, 4}}, false));
+  FrameCase chroma;  // chroma and alpha left out, as the reader asks for luma alone
+  chroma.Decode(section, Velmo1SkipChroma, Velmo1FileHasAlpha, TagVLMi);
+  EXPECT_EQ(chroma.At(VelmoPlaneY, 0, 0), 10);
+  EXPECT_EQ(chroma.At(VelmoPlaneAlpha, 0, 0), Before);
+  EXPECT_EQ(chroma.At(VelmoPlaneCr, 0, 0), Before);
+  EXPECT_EQ(chroma.At(VelmoPlaneCb, 0, 0), Before);
+
+  FrameCase luma;  // chroma with alpha
+  luma.Decode(section, Velmo1SkipLuma | Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
+  EXPECT_EQ(luma.At(VelmoPlaneY, 0, 0), Before);
+  EXPECT_EQ(luma.At(VelmoPlaneAlpha, 5, 5), 7);
+  EXPECT_EQ(luma.At(VelmoPlaneCr, 8, 0), 2);
+  EXPECT_EQ(luma.At(VelmoPlaneCb, 8, 0), 4);
+
+  FrameCase all;
+  all.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
+  EXPECT_EQ(all.At(VelmoPlaneAlpha, 31, 15), 7);
+  EXPECT_EQ(all.At(VelmoPlaneY, 16, 0), 30);
+  EXPECT_EQ(all.At(VelmoPlaneCb, 0, 0), 3);
+  EXPECT_TRUE(all.F.GuardsIntact());
+}
+
+TEST(Velmo1Frame, OldRevisionChainsPlanesWithoutAChromaWord) {
+  FrameCase c;
+  // Colours are sign-magnitude: 0x05 is 133, 0x85 is 123.
+  const auto section = Velmo1BuildSection(false, true, {}, Plane(32, {{5, 5, 5, 5}, {0x85, 5, 5, 5}}, false),
+                                          Plane(16, {{0x10, 0x90}}, false), Plane(16, {{0x7F, 0xFF}}, false));
+  c.Decode(section, Velmo1OldRevision, 0, TagVLMh);
+  EXPECT_EQ(c.At(VelmoPlaneY, 0, 0), 133);
+  EXPECT_EQ(c.At(VelmoPlaneY, 0, 8), 123);
+  EXPECT_EQ(c.At(VelmoPlaneCr, 0, 0), 144);
+  EXPECT_EQ(c.At(VelmoPlaneCr, 8, 0), 112);
+  EXPECT_EQ(c.At(VelmoPlaneCb, 0, 0), 255);
+  EXPECT_EQ(c.At(VelmoPlaneCb, 8, 0), 1);
+}
+
+TEST(Velmo1Frame, OffsetsOutsideTheSectionLeavePlanesAsTheyWere) {
+  auto section = Velmo1BuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
+                                    Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
+                                    Plane(16, {{3, 4}}, false));
+  // The alpha size word pointing past the section: alpha decodes, nothing after it does.
+  auto badAlpha = section;
+  badAlpha[0] = 0xF0;
+  badAlpha[1] = 0xFF;
+  FrameCase a;
+  a.Decode(badAlpha, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
+  EXPECT_EQ(a.At(VelmoPlaneAlpha, 0, 0), 7);
+  EXPECT_EQ(a.At(VelmoPlaneY, 0, 0), Before);
+  EXPECT_EQ(a.At(VelmoPlaneCr, 0, 0), Before);
+
+  // The chroma offset pointing past the section: Y decodes, chroma stays.
+  const size_t chromaWord = section[0] | section[1] << 8;
+  auto badChroma = section;
+  badChroma[chromaWord + 2] = 0x7F;
+  FrameCase b;
+  b.Decode(badChroma, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
+  EXPECT_EQ(b.At(VelmoPlaneY, 0, 0), 10);
+  EXPECT_EQ(b.At(VelmoPlaneCr, 0, 0), Before);
+  EXPECT_EQ(b.At(VelmoPlaneCb, 0, 0), Before);
+  EXPECT_TRUE(b.F.GuardsIntact());
+}
+
+TEST(Velmo1Frame, SingleBufferRingReadsAndWritesTheSameSet) {
+  Velmo1TestFrames f(32, 16, 16, 8, false, 1);
+  f.FillPlane(0, VelmoPlaneY, 0x44);
+  const auto section = Velmo1BuildSection(false, false, {}, Plane(32, LumaRows, false),
+                                          Plane(16, {{1, 2}}, false), Plane(16, {{3, 4}}, false));
+  EXPECT_EQ(Velmo1DecodeFrame(&f.Fb, section.data(), section.data() + section.size() + 4, nullptr, 0, 0,
+                              TagVLMi),
+            100u);  // the chroma planes skipped nothing
+  EXPECT_EQ(*f.Pixel(0, VelmoPlaneY, 8, 0), 0x44);
+  EXPECT_EQ(*f.Pixel(0, VelmoPlaneY, 0, 0), 10);
+  EXPECT_TRUE(f.GuardsIntact());
+}
+
+TEST(Velmo1Frame, SmallGivenBundleSizesAreRaised) {
+  FrameCase c;
+  uint32_t tiny[Velmo1BundleCount] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+  const auto section = Velmo1BuildSection(false, false, {}, Plane(32, LumaRows, false),
+                                          Plane(16, {{1, 2}}, false), Plane(16, {{3, 4}}, false));
+  Velmo1DecodeFrame(&c.F.Fb, section.data(), section.data() + section.size() + 4, tiny, 0, 0, TagVLMi);
+  EXPECT_EQ(c.At(VelmoPlaneY, 24, 8), 80);
+  EXPECT_EQ(c.At(VelmoPlaneCb, 8, 0), 4);
+}
+
+}  // namespace
