@@ -24,13 +24,37 @@ int64_t MsSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-// Runs `body(argument)` on a platform thread.
+// Runs `entry(argument)` on a platform thread. A join gives up after 20 s and ends the test
+// program, so a lost wake-up fails instead of hanging.
 struct Runner {
   PlatformThread Thread;
-  bool Start(ThreadEntry entry, void* argument, const char* name = "test") {
-    return ThreadStart(&Thread, entry, argument, 0, PriorityNormal, 0, name);
+  ThreadEntry Entry;
+  void* Argument;
+  uint32_t Done;
+
+  static uint32_t Trampoline(void* self) {
+    auto* runner = static_cast<Runner*>(self);
+    const uint32_t result = runner->Entry(runner->Argument);
+    AtomicStore(&runner->Done, 1);
+    return result;
   }
-  uint32_t Join() { return ThreadJoin(&Thread); }
+  bool Start(ThreadEntry entry, void* argument, const char* name = "test") {
+    Entry = entry;
+    Argument = argument;
+    Done = 0;
+    return ThreadStart(&Thread, Trampoline, this, 0, PriorityNormal, 0, name);
+  }
+  uint32_t Join() {
+    const auto start = Clock::now();
+    while (!AtomicRead(&Done)) {
+      if (MsSince(start) > 20000) {
+        ADD_FAILURE() << "a thread never finished: a wake-up was lost";
+        std::_Exit(1);
+      }
+      ThreadSleep(1);
+    }
+    return ThreadJoin(&Thread);
+  }
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -175,6 +199,37 @@ TEST_P(LockForms, TimedWaiterGivingUpDoesNotStrandOthers) {
   LockLeave(&lock);
   for (auto& t : sleepers) t.Join();
   EXPECT_EQ(job.Entered, 2u);
+}
+
+struct Mixed {
+  PlatformLock* Lock;
+  uint32_t Inside;  // threads inside the lock at once: never above 1
+  uint32_t Overlaps;
+};
+
+uint32_t MixTimedAndUntimed(void* argument) {
+  auto* job = static_cast<Mixed*>(argument);
+  uint32_t seed = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(&seed));
+  for (int i = 0; i < 1500; ++i) {
+    seed = seed * 1664525u + 1013904223u;
+    const bool timed = seed & 0x100;
+    if (timed ? LockTry(job->Lock, (seed >> 12) % 2) : (LockEnter(job->Lock), true)) {
+      if (AtomicAdd(&job->Inside, 1) != 0) AtomicAdd(&job->Overlaps, 1);
+      for (uint32_t spin = (seed >> 20) % 200; spin > 0; --spin) ThreadPause();
+      AtomicAdd(&job->Inside, -1);
+      LockLeave(job->Lock);
+    }
+  }
+  return 0;
+}
+
+// Sleepers, spinners and waiters that give up, all at once.
+TEST_P(LockForms, TimedAndUntimedEntersMixWithoutLostWakeups) {
+  Mixed job{&lock, 0, 0};
+  Runner threads[5];
+  for (auto& t : threads) ASSERT_TRUE(t.Start(MixTimedAndUntimed, &job));
+  for (auto& t : threads) t.Join();
+  EXPECT_EQ(job.Overlaps, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Platform, LockForms,
