@@ -214,6 +214,6 @@ uint32_t PoolThreadCount();
 // Creates the workers that are missing. Safe to call more than once.
 void PoolStart();
 // Runs function(context, i) once for every i below PoolThreadCount(), on the workers and the
-// calling thread, and returns when all have finished. A call made while another run is under
-// way (from a pool function, or from a second thread) runs every index on the calling thread.
+// calling thread, and returns when all have finished. Runs from two threads take turns; a run
+// started from inside a pool function runs every index on that thread.
 void PoolRun(PoolFunction function, void* context);

@@ -140,7 +140,7 @@ void PoolRun(PoolFunction function, void* context) {
   while (handed + 1 < count && handed < created) {
     PoolWorker* worker = &pool.Workers[handed];
     WaitIdle(worker);
-    worker->Idle = 0;
+    AtomicStore(&worker->Idle, 0);
     worker->Function = function;
     worker->Context = context;
     SemaphoreSignal(&worker->Start, 1);
