@@ -2,7 +2,6 @@
 // in a small static function at the top of its section, so a port replaces only those.
 #include "host/platform.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <pthread.h>
 #include <sched.h>
