@@ -42,7 +42,7 @@ struct PlaneFixture {
   // Decodes from an exact-size copy of the stream, so that a read past it is caught.
   void Decode(const std::vector<uint8_t>& stream, uint32_t flags = 0, uint32_t tag = TagVLMi) {
     std::unique_ptr<uint8_t[]> copy(new uint8_t[stream.size() + 1]);
-    std::memcpy(copy.get(), stream.data(), stream.size());
+    if (!stream.empty()) std::memcpy(copy.get(), stream.data(), stream.size());
     const uint8_t* end = Velmo1DecodePlane(Dest.data(), Source.data(), W, H, Pitch, copy.get(),
                                            copy.get() + stream.size() + 4, &Work, flags, tag, &Skips);
     Consumed = size_t(end - copy.get());
