@@ -38,6 +38,10 @@ struct Velmo1Workspace {
 // plane (it may equal `dest`). Returns the word at which the plane stopped (at most `limit`)
 // and stores the number of SKIP blocks in *skipCount. A workspace whose buffers are smaller
 // than this width needs, or a pitch below the width, decodes nothing and returns `stream`.
+// Motion: a block whose motion source's top-left address lies outside [plane start, last 8x8
+// block position] is passed without consuming its further data, as the format requires. With
+// pitch >= width this address rule alone keeps every read inside the plane's memory (a source
+// may wrap to the end of the line above, which is still plane memory), so nothing is clamped.
 const uint8_t* Velmo1DecodePlane(uint8_t* dest, const uint8_t* source, uint32_t width,
                                  uint32_t height, int32_t pitch, const uint8_t* stream,
                                  const uint8_t* limit, Velmo1Workspace* work,
