@@ -148,7 +148,7 @@ void ReduceToChangingPlaces(std::string* pattern, const std::vector<size_t>& pla
 
 // Tries one candidate: the last `count` digits of the name as the number.
 bool TryDigits(const std::string& name, const std::vector<size_t>& allDigits, size_t count,
-               SeriesExistsFn exists, void* context, std::string* spec, Range* result) {
+               SeriesExistsFn exists, void* context, std::string* seriesText, Range* result) {
   const std::vector<size_t> places(allDigits.end() - static_cast<std::ptrdiff_t>(count), allDigits.end());
   int32_t n = 0;
   std::string padded = name;
@@ -168,22 +168,22 @@ bool TryDigits(const std::string& name, const std::vector<size_t>& allDigits, si
     if (int64_t(unpadded.last) - unpadded.first > int64_t(range.last) - range.first) {
       if (unpadded.first == unpadded.last) return false;
       *result = unpadded;
-      *spec = prefix + "%0" + std::to_string(DigitCount(unpadded.first)) + "i" + suffix;
+      *seriesText = prefix + "%0" + std::to_string(DigitCount(unpadded.first)) + "i" + suffix;
       return true;
     }
   }
   if (range.first == range.last) return false;
   ReduceToChangingPlaces(&padded, places, &range);
   *result = range;
-  *spec = padded;
+  *seriesText = padded;
   return true;
 }
 
 }  // namespace
 
-bool SeriesParse(const char* spec, FileSeries* series) {
-  const char* star = strrchr(spec, '*');
-  if (!star || static_cast<size_t>(star - spec) >= SeriesPatternSize) return false;
+bool SeriesParse(const char* seriesText, FileSeries* series) {
+  const char* star = strrchr(seriesText, '*');
+  if (!star || static_cast<size_t>(star - seriesText) >= SeriesPatternSize) return false;
   int64_t numbers[2] = {0, 0};
   const char* p = star + 1;
   for (int i = 0; i < 2; ++i) {
@@ -196,8 +196,8 @@ bool SeriesParse(const char* spec, FileSeries* series) {
   }
   while (*p && static_cast<unsigned char>(*p) <= ' ') ++p;
   if (*p || numbers[0] > numbers[1]) return false;
-  const size_t length = static_cast<size_t>(star - spec);
-  memcpy(series->pattern, spec, length);
+  const size_t length = static_cast<size_t>(star - seriesText);
+  memcpy(series->pattern, seriesText, length);
   series->pattern[length] = 0;
   series->first = static_cast<int32_t>(numbers[0]);
   series->last = static_cast<int32_t>(numbers[1]);
@@ -240,11 +240,11 @@ bool FindSequenceWith(char* dest, size_t destSize, int32_t* first, int32_t* last
     if (IsDigit(text[i])) digits.push_back(i);
   const size_t most = digits.size() < MaxPlaces ? digits.size() : MaxPlaces;
   for (size_t count = most; count >= 1; --count) {
-    std::string spec;
+    std::string seriesText;
     Range range;
-    if (!TryDigits(text, digits, count, exists, context, &spec, &range)) continue;
-    spec += "*" + std::to_string(range.first) + "-" + std::to_string(range.last);
-    if (!CopyOut(dest, destSize, spec)) {
+    if (!TryDigits(text, digits, count, exists, context, &seriesText, &range)) continue;
+    seriesText += "*" + std::to_string(range.first) + "-" + std::to_string(range.last);
+    if (!CopyOut(dest, destSize, seriesText)) {
       if (destSize > 0) dest[0] = 0;
       return false;
     }

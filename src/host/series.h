@@ -20,7 +20,7 @@ struct FileSeries {
 
 // Splits "pattern*first-last". False when there is no "*", the numbers are missing or
 // reversed (0 <= first <= last is required), or the pattern has no digit places.
-bool SeriesParse(const char* spec, FileSeries* series);
+bool SeriesParse(const char* seriesText, FileSeries* series);
 
 // The name of number `n` in the series pattern. False when the pattern has no digit places,
 // `n` is negative, or dest is too small (dest then holds as much as fits).
