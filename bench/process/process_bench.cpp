@@ -142,6 +142,37 @@ BENCHMARK(BM_FilterChain)
     ->ArgNames({"float", "pool"})
     ->Unit(benchmark::kMillisecond);
 
+// One stage at a time on a 720p integer frame, on the calling thread.
+void BM_Stage(benchmark::State& state) {
+  const int stage = int(state.range(0));
+  static const char* names[] = {"gamma",   "black clamp", "contrast",          "brightness",
+                                "denoise", "de-interlace", "unpremultiply+fill", "premultiply"};
+  state.SetLabel(names[stage]);
+  const uint32_t w = 1280, h = 720;
+  std::vector<uint32_t> src = NoisyFrame(w, h);
+  for (size_t i = 0; i < src.size(); i += 7) src[i] &= 0x00FFFFFFu;
+  std::vector<uint32_t> dst(src.size());
+  PixelFetch fetch;
+  PixelFetchSelect(&fetch, 32, nullptr, false);
+  const StageFrames f{reinterpret_cast<const uint8_t*>(src.data()), w * 4, &fetch, nullptr,
+                      reinterpret_cast<uint8_t*>(dst.data()), w * 4, w, h, false,
+                      ProcessInlineRunner()};
+  for (auto _ : state) {
+    switch (stage) {
+      case 0: StageGamma(&f, 0.8); break;
+      case 1: StageBlackClamp(&f, 8); break;
+      case 2: StageContrast(&f, 10); break;
+      case 3: StageBrightness(&f, 110); break;
+      case 4: StageDenoise(&f); break;
+      case 5: StageDeinterlace(&f, 9); break;
+      case 6: StageUnpremultiplyFill(&f); break;
+      default: StagePremultiply(&f); break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Stage)->DenseRange(0, 7)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 BENCHMARK_MAIN();

@@ -123,11 +123,6 @@ struct GammaTable {
 };
 GammaTable gammaTable;
 
-void GammaInt(const void* params, uint32_t* pixels, uint32_t count) {
-  const auto* table = static_cast<const uint8_t*>(params);
-  ChangeColour(pixels, count, [table](uint32_t c) { return uint32_t(table[c]); });
-}
-
 void GammaFloat(const void* params, float* pixels, uint32_t count) {
   const double g = *static_cast<const double*>(params);
   ChangeColourFloat(pixels, count, [g](float x) { return float(std::pow(double(x), g)); });
@@ -152,26 +147,23 @@ void BlackClampFloat(const void* params, float* pixels, uint32_t count) {
   }
 }
 
-void ContrastInt(const void* params, uint32_t* pixels, uint32_t count) {
-  const int p = int(*static_cast<const uint32_t*>(params));
-  // 255 − p is tested first, so that at p = 128 (divisor −1) 127 and up become 255.
-  ChangeColour(pixels, count, [p](uint32_t c) -> uint32_t {
-    const int x = int(c);
-    if (x >= 255 - p) return 255;
-    if (x <= p) return 0;
-    return uint32_t((x - p) * 255 / (255 - 2 * p));
-  });
+// 255 − p is tested first, so that at p = 128 (divisor −1) 127 and up become 255.
+uint32_t ContrastLevel(int x, int p) {
+  if (x >= 255 - p) return 255;
+  if (x <= p) return 0;
+  return uint32_t((x - p) * 255 / (255 - 2 * p));
+}
+
+// Integer stages whose result depends on the channel value alone run through a level table.
+void TableInt(const void* params, uint32_t* pixels, uint32_t count) {
+  const auto* table = static_cast<const uint8_t*>(params);
+  ChangeColour(pixels, count, [table](uint32_t c) { return uint32_t(table[c]); });
 }
 
 void ContrastFloat(const void* params, float* pixels, uint32_t count) {
   const float divisor = float(255 - 2 * int(*static_cast<const uint32_t*>(params)));
   ChangeColourFloat(pixels, count,
                     [divisor](float x) { return (x - 0.5f) * 255.0f / divisor + 0.5f; });
-}
-
-void BrightnessInt(const void* params, uint32_t* pixels, uint32_t count) {
-  const uint32_t p = *static_cast<const uint32_t*>(params);
-  ChangeColour(pixels, count, [p](uint32_t c) { return std::min<uint32_t>(255, c * p / 100); });
 }
 
 void BrightnessFloat(const void* params, float* pixels, uint32_t count) {
@@ -220,7 +212,7 @@ void StageGammaTable(double exponent, uint8_t table[256]) {
 void StageGamma(const StageFrames* f, double exponent) {
   uint8_t table[256];
   StageGammaTable(exponent, table);
-  RunMapInt(f, "Gamma", GammaInt, table);
+  RunMapInt(f, "Gamma", TableInt, table);
 }
 
 void StageGammaFloat(const StageFrames* f, double exponent) {
@@ -236,8 +228,10 @@ void StageBlackClampFloat(const StageFrames* f, uint32_t level) {
 }
 
 void StageContrast(const StageFrames* f, uint32_t level) {
-  level = std::min<uint32_t>(level, 128);
-  RunMapInt(f, "Contrast", ContrastInt, &level);
+  const int p = int(std::min<uint32_t>(level, 128));
+  uint8_t table[256];
+  for (int x = 0; x < 256; ++x) table[x] = uint8_t(ContrastLevel(x, p));
+  RunMapInt(f, "Contrast", TableInt, table);
 }
 
 void StageContrastFloat(const StageFrames* f, uint32_t level) {
@@ -246,7 +240,9 @@ void StageContrastFloat(const StageFrames* f, uint32_t level) {
 }
 
 void StageBrightness(const StageFrames* f, uint32_t percent) {
-  RunMapInt(f, "Brightness", BrightnessInt, &percent);
+  uint8_t table[256];
+  for (uint32_t x = 0; x < 256; ++x) table[x] = uint8_t(std::min<uint64_t>(255, uint64_t(x) * percent / 100));
+  RunMapInt(f, "Brightness", TableInt, table);
 }
 
 void StageBrightnessFloat(const StageFrames* f, uint32_t percent) {

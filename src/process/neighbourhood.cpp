@@ -6,23 +6,35 @@ namespace {
 // ---------------------------------------------------------------------------------------------
 // Denoise
 
-// The fifth smallest of nine: the five smallest seen are kept in order, starting from `ceiling`;
-// a value of 0 in the fifth place cannot move any more.
+// The median of a 3×3 window is the middle of three numbers: the largest of the column minima,
+// the median of the column medians and the smallest of the column maxima. Each column of three
+// is sorted once and serves three windows as the row is walked, so every byte (or float) of a
+// row goes through the same few min/max steps, whatever its channel.
 template <typename T>
-T FifthSmallest(const T values[9], T ceiling) {
-  T low[5] = {ceiling, ceiling, ceiling, ceiling, ceiling};
-  for (int i = 0; i < 9; ++i) {
-    const T v = values[i];
-    if (!(v < low[4])) continue;
-    int at = 4;
-    while (at > 0 && v < low[at - 1]) {
-      low[at] = low[at - 1];
-      --at;
-    }
-    low[at] = v;
-    if (low[4] == T(0)) break;
+inline T Median3(T a, T b, T c) {
+  return std::max(std::min(a, b), std::min(std::max(a, b), c));
+}
+
+template <typename T>
+void SortColumns(const T* top, const T* middle, const T* bottom, size_t count, T* low, T* mid,
+                 T* high) {
+  for (size_t i = 0; i < count; ++i) {
+    const T a = top[i], b = middle[i], c = bottom[i];
+    low[i] = std::min(std::min(a, b), c);
+    high[i] = std::max(std::max(a, b), c);
+    mid[i] = Median3(a, b, c);
   }
-  return low[4];
+}
+
+// Window medians for `count` values whose left and right neighbours lie `step` values away.
+template <typename T>
+void WindowMedians(const T* low, const T* mid, const T* high, size_t count, size_t step, T* out) {
+  for (size_t i = 0; i < count; ++i) {
+    const T lowest = std::max(std::max(low[i], low[i + step]), low[i + 2 * step]);
+    const T middle = Median3(mid[i], mid[i + step], mid[i + 2 * step]);
+    const T highest = std::min(std::min(high[i], high[i + step]), high[i + 2 * step]);
+    out[i] = Median3(lowest, middle, highest);
+  }
 }
 
 void CopyRowInt(const StageFrames* f, uint32_t y) {
@@ -45,81 +57,96 @@ void CopyRowFloat(const StageFrames* f, uint32_t y) {
   }
 }
 
+// Inner pixels x .. x + n − 1 of row y (never the first or last column), each channel the
+// median of its window: A, R, G and B alike.
 void DenoiseRowInt(const StageFrames* f, uint32_t y) {
-  uint32_t rows[3][StageChunk + 2];
+  uint32_t rows[3][StageChunk + 2], low[StageChunk + 2], mid[StageChunk + 2], high[StageChunk + 2];
   uint32_t out[StageChunk];
-  for (uint32_t x = 0; x < f->Width; x += StageChunk) {
-    const uint32_t n = std::min(StageChunk, f->Width - x);
-    const uint32_t lo = x == 0 ? 0 : x - 1;
-    const uint32_t hi = std::min(f->Width, x + n + 1);
+  const uint32_t inner = f->Width - 2;
+  for (uint32_t x = 1; x <= inner; x += StageChunk) {
+    const uint32_t n = std::min(StageChunk, inner + 1 - x);
     for (int r = 0; r < 3; ++r)
-      f->Fetch->Row(f->Fetch, StageSourceRow(f, y + r - 1), lo, hi - lo, rows[r]);
-    for (uint32_t i = 0; i < n; ++i) {
-      const uint32_t column = x + i, at = column - lo;
-      if (column == 0 || column + 1 == f->Width) {
-        out[i] = rows[1][at];
-        continue;
-      }
-      uint32_t pixel = 0;
-      for (int shift = 0; shift < 32; shift += 8) {
-        uint32_t values[9];
-        for (int r = 0; r < 3; ++r)
-          for (int d = 0; d < 3; ++d) values[r * 3 + d] = (rows[r][at + d - 1] >> shift) & 255;
-        pixel |= FifthSmallest<uint32_t>(values, 255) << shift;
-      }
-      out[i] = pixel;
-    }
+      f->Fetch->Row(f->Fetch, StageSourceRow(f, y + r - 1), x - 1, n + 2, rows[r]);
+    const size_t bytes = size_t(n + 2) * 4;
+    SortColumns(reinterpret_cast<const uint8_t*>(rows[0]), reinterpret_cast<const uint8_t*>(rows[1]),
+                reinterpret_cast<const uint8_t*>(rows[2]), bytes, reinterpret_cast<uint8_t*>(low),
+                reinterpret_cast<uint8_t*>(mid), reinterpret_cast<uint8_t*>(high));
+    WindowMedians(reinterpret_cast<const uint8_t*>(low), reinterpret_cast<const uint8_t*>(mid),
+                  reinterpret_cast<const uint8_t*>(high), size_t(n) * 4, 4,
+                  reinterpret_cast<uint8_t*>(out));
     std::memcpy(StageTargetRow(f, y) + size_t(x) * 4, out, size_t(n) * 4);
   }
 }
 
-// Colour only: the five running values start just above the highest level, and alpha is the
-// centre's.
+// Colour only. Values from 125.1 up (and values that are not numbers) never count as among the
+// smallest five; holding them at 125.1 gives the same fifth smallest. Alpha is the centre's.
+constexpr float DenoiseCeiling = 125.1f;
+
 void DenoiseRowFloat(const StageFrames* f, uint32_t y) {
-  float rows[3][(StageChunk + 2) * 4];
+  float rows[3][(StageChunk + 2) * 4], low[(StageChunk + 2) * 4], mid[(StageChunk + 2) * 4],
+      high[(StageChunk + 2) * 4];
   float out[StageChunk * 4];
   const float limit = StageFloatLimit(f);
-  for (uint32_t x = 0; x < f->Width; x += StageChunk) {
-    const uint32_t n = std::min(StageChunk, f->Width - x);
-    const uint32_t lo = x == 0 ? 0 : x - 1;
-    const uint32_t hi = std::min(f->Width, x + n + 1);
-    for (int r = 0; r < 3; ++r)
-      f->FetchFloat->Row(f->FetchFloat, StageSourceRow(f, y + r - 1), lo, hi - lo, rows[r]);
+  const uint32_t inner = f->Width - 2;
+  for (uint32_t x = 1; x <= inner; x += StageChunk) {
+    const uint32_t n = std::min(StageChunk, inner + 1 - x);
+    const size_t values = size_t(n + 2) * 4;
+    for (int r = 0; r < 3; ++r) {
+      f->FetchFloat->Row(f->FetchFloat, StageSourceRow(f, y + r - 1), x - 1, n + 2, rows[r]);
+      for (size_t i = 0; i < values; ++i)
+        rows[r][i] = rows[r][i] < DenoiseCeiling ? rows[r][i] : DenoiseCeiling;
+    }
+    SortColumns<float>(rows[0], rows[1], rows[2], values, low, mid, high);
+    WindowMedians<float>(low, mid, high, size_t(n) * 4, 4, out);
     for (uint32_t i = 0; i < n; ++i) {
-      const uint32_t column = x + i, at = column - lo;
       float* px = out + 4 * i;
-      std::memcpy(px, rows[1] + 4 * at, 16);
-      if (column != 0 && column + 1 != f->Width) {
-        for (int c = 0; c < 3; ++c) {
-          float values[9];
-          for (int r = 0; r < 3; ++r)
-            for (int d = 0; d < 3; ++d) values[r * 3 + d] = rows[r][4 * (at + d - 1) + c];
-          px[c] = FifthSmallest<float>(values, 125.1f);
-        }
-      }
+      px[3] = rows[1][4 * (i + 1) + 3];
       StageFloatRules(px, limit);
     }
     std::memcpy(StageTargetRow(f, y) + size_t(x) * 16, out, size_t(n) * 16);
   }
 }
 
+// Rows with a pixel inside: the first and last pixel as they stand, the rest denoised.
+void DenoiseEdgesInt(const StageFrames* f, uint32_t y) {
+  uint32_t px;
+  f->Fetch->Row(f->Fetch, StageSourceRow(f, y), 0, 1, &px);
+  std::memcpy(StageTargetRow(f, y), &px, 4);
+  f->Fetch->Row(f->Fetch, StageSourceRow(f, y), f->Width - 1, 1, &px);
+  std::memcpy(StageTargetRow(f, y) + size_t(f->Width - 1) * 4, &px, 4);
+}
+
+void DenoiseEdgesFloat(const StageFrames* f, uint32_t y) {
+  const float limit = StageFloatLimit(f);
+  for (uint32_t x : {0u, f->Width - 1}) {
+    float px[4];
+    f->FetchFloat->Row(f->FetchFloat, StageSourceRow(f, y), x, 1, px);
+    StageFloatRules(px, limit);
+    std::memcpy(StageTargetRow(f, y) + size_t(x) * 16, px, 16);
+  }
+}
+
 void DenoiseRowsInt(const StageBandJob* job, uint32_t firstRow, uint32_t endRow) {
   const StageFrames* f = job->Frames;
   for (uint32_t y = firstRow; y < endRow; ++y) {
-    if (y == 0 || y + 1 >= f->Height)
+    if (y == 0 || y + 1 >= f->Height || f->Width < 3) {
       CopyRowInt(f, y);
-    else
+    } else {
+      DenoiseEdgesInt(f, y);
       DenoiseRowInt(f, y);
+    }
   }
 }
 
 void DenoiseRowsFloat(const StageBandJob* job, uint32_t firstRow, uint32_t endRow) {
   const StageFrames* f = job->Frames;
   for (uint32_t y = firstRow; y < endRow; ++y) {
-    if (y == 0 || y + 1 >= f->Height)
+    if (y == 0 || y + 1 >= f->Height || f->Width < 3) {
       CopyRowFloat(f, y);
-    else
+    } else {
+      DenoiseEdgesFloat(f, y);
       DenoiseRowFloat(f, y);
+    }
   }
 }
 
@@ -137,18 +164,15 @@ struct DeinterlacePlan {
   bool Blend;
 };
 
-uint32_t Mean(uint32_t a, uint32_t b) {
-  uint32_t out = 0;
-  for (int shift = 0; shift < 32; shift += 8)
-    out |= ((((a >> shift) & 255) + ((b >> shift) & 255)) >> 1) << shift;
-  return out;
-}
+// Per-channel (a + b) >> 1 of four packed channels: the common bits plus half the differing.
+uint32_t Mean(uint32_t a, uint32_t b) { return (a & b) + (((a ^ b) & 0xFEFEFEFEu) >> 1); }
 
+// Per-channel (3 × kept + other) >> 2, two channels at a time in 16-bit lanes.
 uint32_t BlendThreeToOne(uint32_t kept, uint32_t other) {
-  uint32_t out = 0;
-  for (int shift = 0; shift < 32; shift += 8)
-    out |= ((3 * ((kept >> shift) & 255) + ((other >> shift) & 255)) >> 2) << shift;
-  return out;
+  const uint32_t even = ((3 * (kept & 0x00FF00FFu) + (other & 0x00FF00FFu)) >> 2) & 0x00FF00FFu;
+  const uint32_t odd =
+      ((3 * ((kept >> 8) & 0x00FF00FFu) + ((other >> 8) & 0x00FF00FFu)) >> 2) & 0x00FF00FFu;
+  return even | odd << 8;
 }
 
 // Kept row `index` of the field, as it appears in the output, for columns x .. x + n − 1.

@@ -298,6 +298,18 @@ TEST(Denoise, FloatColourMedianKeepsCentreAlpha) {
   EXPECT_FLOAT_EQ(out[0 + 1], 1.0f);
 }
 
+TEST(Denoise, FloatValuesThatAreNotNumbersCountAsHighest) {
+  // Five of nine are not numbers: the five smallest running values keep their starting level,
+  // which the colour limit then brings down to 1.0 (or 125.0 for a wide-range source).
+  std::vector<float> src(3 * 3 * 4, 0.2f);
+  for (int i = 0; i < 5; ++i) src[4 * (2 * i) + 0] = std::nanf("");
+  EXPECT_EQ(ApplyFloat(src, 3, 3, StageDenoiseFloat)[16], 1.0f);
+  EXPECT_EQ(ApplyFloat(src, 3, 3, StageDenoiseFloat, true)[16], 125.0f);
+  // Four are not numbers: the fifth smallest is one of the 0.2 values.
+  src[0] = 0.2f;
+  EXPECT_FLOAT_EQ(ApplyFloat(src, 3, 3, StageDenoiseFloat)[16], 0.2f);
+}
+
 // ---------------------------------------------------------------------------------------------
 // De-interlace
 
@@ -344,6 +356,45 @@ TEST(Deinterlace, ChannelsAndAlphaAreAveragedApart) {
   const std::vector<uint32_t> out =
       ApplyInt(src, 1, 3, [](const StageFrames* f) { StageDeinterlace(f, 1); });
   EXPECT_EQ(out[1], Argb(128, 127, 75, 3));
+}
+
+// Output row y of a de-interlaced frame, one channel at a time.
+uint32_t DeinterlaceModel(const std::vector<uint32_t>& src, uint32_t w, uint32_t h, uint32_t x,
+                          uint32_t y, bool odd, bool blend) {
+  const uint32_t first = odd ? 1 : 0, kept = (h - first + 1) / 2;
+  auto keptRow = [&](uint32_t i, int ch) {
+    const uint32_t row = first + 2 * i;
+    const uint32_t k = ChannelOf(src[row * w + x], ch);
+    if (!blend) return k;
+    const uint32_t partner = row + 1 < h ? row + 1 : row - 1;
+    return (3 * k + ChannelOf(src[partner * w + x], ch)) / 4;
+  };
+  uint32_t out = 0;
+  for (int ch = 0; ch < 4; ++ch) {
+    uint32_t v;
+    if (y >= 2 * (kept - 1))
+      v = keptRow(kept - 1, ch);
+    else if (y % 2 == 0)
+      v = keptRow(y / 2, ch);
+    else
+      v = (keptRow(y / 2, ch) + keptRow(y / 2 + 1, ch)) / 2;
+    out |= v << (8 * ch);
+  }
+  return out;
+}
+
+TEST(Deinterlace, RandomFramesMatchTheRowModel) {
+  for (uint32_t h = 2; h <= 9; ++h)
+    for (uint32_t mode : {1u, 2u, 9u, 10u}) {
+      const uint32_t w = 5;
+      const std::vector<uint32_t> src = RandomFrame(w, h, h * 16 + mode);
+      const std::vector<uint32_t> out =
+          ApplyInt(src, w, h, [mode](const StageFrames* f) { StageDeinterlace(f, mode); });
+      for (uint32_t y = 0; y < h; ++y)
+        for (uint32_t x = 0; x < w; ++x)
+          ASSERT_EQ(out[y * w + x], DeinterlaceModel(src, w, h, x, y, mode % 8 == 2, mode & 8))
+              << "height " << h << " mode " << mode << " at " << x << "," << y;
+    }
 }
 
 TEST(Deinterlace, NoFieldOrOneRowCopies) {
