@@ -17,8 +17,8 @@ std::vector<uint32_t> NoisyFrame(uint32_t width, uint32_t height) {
   std::mt19937 random(7);
   for (uint32_t y = 0; y < height; ++y)
     for (uint32_t x = 0; x < width; ++x)
-      frame[size_t(y) * width + x] = (random() & 0x0F0F0F0Fu) + ((x * 255 / width) * 0x010101u) +
-                                     (y * 255 / height << 24);
+      frame[size_t(y) * width + x] =
+          (random() & 0x0F0F0F0Fu) + ((x * 255 / width) * 0x010101u) + (y * 255 / height << 24);
   return frame;
 }
 
@@ -36,14 +36,22 @@ std::vector<float> FloatFrame(const std::vector<uint32_t>& frame) {
 // Variant 0 plain, 1 SSE2, 2 AVX2; threads 0 = the calling thread only, 1 = the job pool.
 void SetVariant(benchmark::State& state, int variant) {
   switch (variant) {
-    case 0: FeatureMask(0, CpuSSE2 | CpuAVX2); break;
-    case 1: FeatureMask(0, CpuAVX2); break;
-    default: FeatureMask(0, 0); break;
+    case 0:
+      FeatureMask(0, CpuSSE2 | CpuAVX2);
+      break;
+    case 1:
+      FeatureMask(0, CpuAVX2);
+      break;
+    default:
+      FeatureMask(0, 0);
+      break;
   }
   if (variant == 2 && !ProcessorHas(CpuAVX2)) state.SkipWithError("no AVX2");
 }
 
-const char* VariantName(int variant) { return variant == 0 ? "c++" : variant == 1 ? "sse2" : "avx2"; }
+const char* VariantName(int variant) {
+  return variant == 0 ? "c++" : variant == 1 ? "sse2" : "avx2";
+}
 
 void BM_Scale(benchmark::State& state, uint32_t srcW, uint32_t srcH, bool useFloat) {
   const uint32_t kernel = uint32_t(state.range(0));
@@ -109,9 +117,11 @@ void BM_FilterChain(benchmark::State& state) {
   PixelFetchSelect(&fetch, 32, nullptr, false);
   PixelFetchFloat fetchFloat;
   PixelFetchFloatSelect(&fetchFloat, 128, false);
-  StageFrames forward{a.data(), ptrdiff_t(w * bytes), &fetch, &fetchFloat, b.data(),
-                      ptrdiff_t(w * bytes), w, h, false,
-                      pool ? ProcessPoolRunner() : ProcessInlineRunner()};
+  StageFrames forward{a.data(), ptrdiff_t(w * bytes),
+                      &fetch,   &fetchFloat,
+                      b.data(), ptrdiff_t(w * bytes),
+                      w,        h,
+                      false,    pool ? ProcessPoolRunner() : ProcessInlineRunner()};
   StageFrames back = forward;
   back.Source = b.data();
   back.Target = a.data();
@@ -145,7 +155,7 @@ BENCHMARK(BM_FilterChain)
 // One stage at a time on a 720p integer frame, on the calling thread.
 void BM_Stage(benchmark::State& state) {
   const int stage = int(state.range(0));
-  static const char* names[] = {"gamma",   "black clamp", "contrast",          "brightness",
+  static const char* names[] = {"gamma",   "black clamp",  "contrast",           "brightness",
                                 "denoise", "de-interlace", "unpremultiply+fill", "premultiply"};
   state.SetLabel(names[stage]);
   const uint32_t w = 1280, h = 720;
@@ -154,19 +164,42 @@ void BM_Stage(benchmark::State& state) {
   std::vector<uint32_t> dst(src.size());
   PixelFetch fetch;
   PixelFetchSelect(&fetch, 32, nullptr, false);
-  const StageFrames f{reinterpret_cast<const uint8_t*>(src.data()), w * 4, &fetch, nullptr,
-                      reinterpret_cast<uint8_t*>(dst.data()), w * 4, w, h, false,
+  const StageFrames f{reinterpret_cast<const uint8_t*>(src.data()),
+                      w * 4,
+                      &fetch,
+                      nullptr,
+                      reinterpret_cast<uint8_t*>(dst.data()),
+                      w * 4,
+                      w,
+                      h,
+                      false,
                       ProcessInlineRunner()};
   for (auto _ : state) {
     switch (stage) {
-      case 0: StageGamma(&f, 0.8); break;
-      case 1: StageBlackClamp(&f, 8); break;
-      case 2: StageContrast(&f, 10); break;
-      case 3: StageBrightness(&f, 110); break;
-      case 4: StageDenoise(&f); break;
-      case 5: StageDeinterlace(&f, 9); break;
-      case 6: StageUnpremultiplyFill(&f); break;
-      default: StagePremultiply(&f); break;
+      case 0:
+        StageGamma(&f, 0.8);
+        break;
+      case 1:
+        StageBlackClamp(&f, 8);
+        break;
+      case 2:
+        StageContrast(&f, 10);
+        break;
+      case 3:
+        StageBrightness(&f, 110);
+        break;
+      case 4:
+        StageDenoise(&f);
+        break;
+      case 5:
+        StageDeinterlace(&f, 9);
+        break;
+      case 6:
+        StageUnpremultiplyFill(&f);
+        break;
+      default:
+        StagePremultiply(&f);
+        break;
     }
   }
   state.SetItemsProcessed(state.iterations());

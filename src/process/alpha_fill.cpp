@@ -157,7 +157,8 @@ template <typename Pixels>
 void MeanOfPixels(const FillJob<Pixels>* job, uint32_t x, uint32_t y, uint32_t stepX,
                   uint32_t stepY, uint32_t count, typename Pixels::Channel out[3]) {
   typename Pixels::Sum sum[3] = {};
-  for (uint32_t i = 0; i < count; ++i) Pixels::AddColour(job->Pixel(x + i * stepX, y + i * stepY), sum);
+  for (uint32_t i = 0; i < count; ++i)
+    Pixels::AddColour(job->Pixel(x + i * stepX, y + i * stepY), sum);
   for (int c = 0; c < 3; ++c) out[c] = Pixels::Mean(sum[c], count);
 }
 

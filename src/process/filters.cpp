@@ -70,8 +70,8 @@ template <typename Change>
 void ChangeColour(uint32_t* pixels, uint32_t count, Change change) {
   for (uint32_t i = 0; i < count; ++i) {
     const uint32_t px = pixels[i];
-    pixels[i] = (px & 0xFF000000u) | change(Channel(px, 16)) << 16 |
-                change(Channel(px, 8)) << 8 | change(Channel(px, 0));
+    pixels[i] = (px & 0xFF000000u) | change(Channel(px, 16)) << 16 | change(Channel(px, 8)) << 8 |
+                change(Channel(px, 0));
   }
 }
 
@@ -173,7 +173,9 @@ void BrightnessFloat(const void* params, float* pixels, uint32_t count) {
 
 }  // namespace
 
-void StagePremultiply(const StageFrames* f) { RunMapInt(f, "Premultiply", PremultiplyInt, nullptr); }
+void StagePremultiply(const StageFrames* f) {
+  RunMapInt(f, "Premultiply", PremultiplyInt, nullptr);
+}
 
 void StagePremultiplyFloat(const StageFrames* f) {
   RunMapFloat(f, "Premultiply", PremultiplyFloatMap, nullptr, StageFloatLimit(f));
@@ -241,7 +243,8 @@ void StageContrastFloat(const StageFrames* f, uint32_t level) {
 
 void StageBrightness(const StageFrames* f, uint32_t percent) {
   uint8_t table[256];
-  for (uint32_t x = 0; x < 256; ++x) table[x] = uint8_t(std::min<uint64_t>(255, uint64_t(x) * percent / 100));
+  for (uint32_t x = 0; x < 256; ++x)
+    table[x] = uint8_t(std::min<uint64_t>(255, uint64_t(x) * percent / 100));
   RunMapInt(f, "Brightness", TableInt, table);
 }
 

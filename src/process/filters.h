@@ -19,7 +19,7 @@ struct StageFrames {
   uint8_t* Target;
   ptrdiff_t TargetPitch;
   uint32_t Width, Height;
-  bool FloatSource;  // wide-range float colour: limited to 125.0 rather than 1.0
+  bool FloatSource;                // wide-range float colour: limited to 125.0 rather than 1.0
   const ProcessJobRunner* Runner;  // null: the installed runner
 };
 

@@ -68,7 +68,8 @@ void DenoiseRowInt(const StageFrames* f, uint32_t y) {
     for (int r = 0; r < 3; ++r)
       f->Fetch->Row(f->Fetch, StageSourceRow(f, y + r - 1), x - 1, n + 2, rows[r]);
     const size_t bytes = size_t(n + 2) * 4;
-    SortColumns(reinterpret_cast<const uint8_t*>(rows[0]), reinterpret_cast<const uint8_t*>(rows[1]),
+    SortColumns(reinterpret_cast<const uint8_t*>(rows[0]),
+                reinterpret_cast<const uint8_t*>(rows[1]),
                 reinterpret_cast<const uint8_t*>(rows[2]), bytes, reinterpret_cast<uint8_t*>(low),
                 reinterpret_cast<uint8_t*>(mid), reinterpret_cast<uint8_t*>(high));
     WindowMedians(reinterpret_cast<const uint8_t*>(low), reinterpret_cast<const uint8_t*>(mid),

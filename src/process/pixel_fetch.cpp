@@ -122,8 +122,12 @@ bool PixelFetchSelect(PixelFetch* fetch, uint32_t depth, const uint32_t* palette
       if (!palette) return false;
       fetch->Row = FetchPalette;
       return true;
-    case 16: fetch->Row = Fetch16; return true;
-    case 24: fetch->Row = Fetch24; return true;
+    case 16:
+      fetch->Row = Fetch16;
+      return true;
+    case 24:
+      fetch->Row = Fetch24;
+      return true;
     case 32:
       fetch->Premultiply = premultiply;
       fetch->Row = premultiply ? Fetch32Premultiplied : Fetch32;
@@ -132,16 +136,24 @@ bool PixelFetchSelect(PixelFetch* fetch, uint32_t depth, const uint32_t* palette
       fetch->Premultiply = premultiply;
       fetch->Row = premultiply ? Fetch64Premultiplied : Fetch64;
       return true;
-    default: return false;
+    default:
+      return false;
   }
 }
 
 bool PixelFetchFloatSelect(PixelFetchFloat* fetch, uint32_t depth, bool premultiply) {
   *fetch = PixelFetchFloat{nullptr, depth, premultiply ? 1u : 0u};
   switch (depth) {
-    case 32: fetch->Row = FetchFloat32; return true;
-    case 64: fetch->Row = FetchFloat64; return true;
-    case 128: fetch->Row = FetchFloat128; return true;
-    default: return false;
+    case 32:
+      fetch->Row = FetchFloat32;
+      return true;
+    case 64:
+      fetch->Row = FetchFloat64;
+      return true;
+    case 128:
+      fetch->Row = FetchFloat128;
+      return true;
+    default:
+      return false;
   }
 }

@@ -18,8 +18,8 @@ struct PixelFetch {
 };
 
 struct PixelFetchFloat;
-typedef void (*PixelFetchFloatRowFn)(const PixelFetchFloat* fetch, const uint8_t* row,
-                                     uint32_t x, uint32_t count, float* out);
+typedef void (*PixelFetchFloatRowFn)(const PixelFetchFloat* fetch, const uint8_t* row, uint32_t x,
+                                     uint32_t count, float* out);
 
 struct PixelFetchFloat {
   PixelFetchFloatRowFn Row;  // four floats R, G, B, A for each pixel
@@ -34,8 +34,7 @@ struct PixelFetchFloat {
 //   64: four 16-bit big-endian channels A, R, G, B → the high byte of each.
 // `premultiply` builds premultiplying into the fetch; it is honoured at depths 32 and 64 only,
 // the depths that carry alpha. False for an unknown depth, or a palette depth without palette.
-bool PixelFetchSelect(PixelFetch* fetch, uint32_t depth, const uint32_t* palette,
-                      bool premultiply);
+bool PixelFetchSelect(PixelFetch* fetch, uint32_t depth, const uint32_t* palette, bool premultiply);
 
 // Float fetches: 128 (four floats copied), 64 (each 16-bit value ÷ 65535) and 32 (each byte
 // ÷ 255). Premultiplying multiplies colour by alpha and drops colour under 1e-5 to 0.
@@ -50,9 +49,7 @@ inline bool PixelFetchFloatIsPlain128(const PixelFetchFloat* fetch) {
 }
 
 // Premultiplies the colour of one ARGB pixel: c × a ÷ 255, rounded.
-inline uint32_t PremultiplyChannel(uint32_t c, uint32_t a) {
-  return ((c * a + 127) * 32897) >> 23;
-}
+inline uint32_t PremultiplyChannel(uint32_t c, uint32_t a) { return ((c * a + 127) * 32897) >> 23; }
 inline uint32_t PremultiplyPixel(uint32_t argb) {
   const uint32_t a = argb >> 24;
   return (argb & 0xFF000000u) | PremultiplyChannel((argb >> 16) & 255, a) << 16 |

@@ -12,9 +12,12 @@ namespace {
 
 double KernelSupport(uint32_t kernel) {
   switch (kernel) {
-    case ScaleKernelCubic: return 2.0;
-    case ScaleKernelLinear: return 1.0;
-    default: return 0.5;
+    case ScaleKernelCubic:
+      return 2.0;
+    case ScaleKernelLinear:
+      return 1.0;
+    default:
+      return 0.5;
   }
 }
 
@@ -196,8 +199,7 @@ uint32_t UsedSlices(const Scaler* s) {
 void ScalingJobInt(void* context, uint32_t) {
   auto* job = static_cast<ScalerJob*>(context);
   uint32_t slice;
-  while (ProcessTakeItem(&job->NextSlice, UsedSlices(job->Target), &slice))
-    RunSliceInt(job, slice);
+  while (ProcessTakeItem(&job->NextSlice, UsedSlices(job->Target), &slice)) RunSliceInt(job, slice);
 }
 
 void ScalingJobFloat(void* context, uint32_t) {
@@ -251,14 +253,14 @@ double ScalerKernelWeight(uint32_t kernel, double x) {
       const double a = std::fabs(x);
       return a < 1.0 ? 1.0 - a : 0.0;
     }
-    default: return x > -0.5 && x <= 0.5 ? 1.0 : 0.0;
+    default:
+      return x > -0.5 && x <= 0.5 ? 1.0 : 0.0;
   }
 }
 
 Scaler* ScalerCreate(uint32_t kernel, uint32_t dstWidth, uint32_t dstHeight, uint32_t srcWidth,
                      uint32_t srcHeight) {
-  if (kernel > ScaleKernelBox || !dstWidth || !dstHeight || !srcWidth || !srcHeight)
-    return nullptr;
+  if (kernel > ScaleKernelBox || !dstWidth || !dstHeight || !srcWidth || !srcHeight) return nullptr;
   const uint32_t maxH = AxisMaxEntries(kernel, dstWidth, srcWidth);
   const uint32_t maxV = AxisMaxEntries(kernel, dstHeight, srcHeight);
   // Extreme ratios give wide windows; refuse tables that no memory could hold.

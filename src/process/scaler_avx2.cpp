@@ -19,20 +19,20 @@ void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const 
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     __m256d sum = _mm256_setzero_pd();
     for (uint32_t k = 0; k < count; ++k)
-      sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_set1_pd(slots[k].Weight),
-                                             WidenBytes(pixels + 4 * k)));
+      sum = _mm256_add_pd(
+          sum, _mm256_mul_pd(_mm256_set1_pd(slots[k].Weight), WidenBytes(pixels + 4 * k)));
     _mm256_storeu_pd(strip, sum);
   }
 }
 
-void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
-                     const ScalerSlot* slots, uint32_t count, float* strip) {
+void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
+                     uint32_t count, float* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     const float* p = reinterpret_cast<const float*>(pixels);
     __m256d sum = _mm256_setzero_pd();
     for (uint32_t k = 0; k < count; ++k)
-      sum = _mm256_add_pd(sum, _mm256_mul_pd(_mm256_set1_pd(slots[k].Weight),
-                                             WidenFloats(p + 4 * k)));
+      sum = _mm256_add_pd(sum,
+                          _mm256_mul_pd(_mm256_set1_pd(slots[k].Weight), WidenFloats(p + 4 * k)));
     _mm_storeu_ps(strip, _mm256_cvtpd_ps(sum));
   }
 }

@@ -19,10 +19,10 @@ struct ScalerKernelSet {
                           const ScalerSlot* slots, uint32_t count, float* strip);
   // For each output row of `axis`, the weighted sum of strip entries, written to the pixel at
   // column + row × pitch: rounded and clamped ARGB, or four floats.
-  void (*VerticalInt)(const double* strip, const ScalerAxis* axis, uint32_t rows,
-                      uint8_t* column, ptrdiff_t pitch);
-  void (*VerticalFloat)(const float* strip, const ScalerAxis* axis, uint32_t rows,
-                        uint8_t* column, ptrdiff_t pitch);
+  void (*VerticalInt)(const double* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
+                      ptrdiff_t pitch);
+  void (*VerticalFloat)(const float* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
+                        ptrdiff_t pitch);
 };
 
 extern const ScalerKernelSet ScalerKernelsPlain;

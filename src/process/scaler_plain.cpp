@@ -19,8 +19,8 @@ void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const 
   }
 }
 
-void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
-                     const ScalerSlot* slots, uint32_t count, float* strip) {
+void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
+                     uint32_t count, float* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     double sum[4] = {0.0, 0.0, 0.0, 0.0};
     for (uint32_t k = 0; k < count; ++k) {
@@ -65,8 +65,8 @@ void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, ui
 
 }  // namespace
 
-const ScalerKernelSet ScalerKernelsPlain = {0,           "c++",         HorizontalInt,
-                                            HorizontalFloat, VerticalInt, VerticalFloat};
+const ScalerKernelSet ScalerKernelsPlain = {
+    0, "c++", HorizontalInt, HorizontalFloat, VerticalInt, VerticalFloat};
 
 const ScalerKernelSet* ScalerChooseKernels() {
   if (ProcessorHas(CpuAVX2 | CpuSSE2)) return &ScalerKernelsAvx2;

@@ -49,8 +49,8 @@ void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const 
   }
 }
 
-void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
-                     const ScalerSlot* slots, uint32_t count, float* strip) {
+void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
+                     uint32_t count, float* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     __m128d sumLow = _mm_setzero_pd(), sumHigh = _mm_setzero_pd();
     const float* p = reinterpret_cast<const float*>(pixels);
@@ -103,5 +103,5 @@ void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, ui
 
 }  // namespace
 
-const ScalerKernelSet ScalerKernelsSse2 = {CpuSSE2, "sse2",      HorizontalInt,
+const ScalerKernelSet ScalerKernelsSse2 = {CpuSSE2,         "sse2",      HorizontalInt,
                                            HorizontalFloat, VerticalInt, VerticalFloat};

@@ -54,8 +54,9 @@ TEST(AlphaFill, UnpremultiplyFillOnOpaqueFrameChangesNothing) {
   const PixelFetch fetch = Fetch32();
   RecordingRunner runner;
   InitRecordingRunner(&runner, 2);
-  const StageFrames f{Bytes(src.data()), w * 4, &fetch, nullptr, Bytes(dst.data()), w * 4, w, h,
-                      false, &runner.Runner};
+  const StageFrames f{
+      Bytes(src.data()), w * 4, &fetch, nullptr, Bytes(dst.data()), w * 4, w, h, false,
+      &runner.Runner};
   StageUnpremultiplyFill(&f);
   EXPECT_EQ(dst, src);
   EXPECT_EQ(runner.Names, (std::vector<std::string>{"Unpremultiply", "Fill in alpha"}));
@@ -204,7 +205,8 @@ TEST(AlphaFill, FloatFormAgreesWithInteger) {
     const int order[4] = {2, 1, 0, 3};
     for (size_t i = 0; i < f.Pixels.size(); ++i)
       for (int c = 0; c < 4; ++c) {
-        const double difference = std::fabs(ff[4 * i + c] * 255.0 - ChannelOf(f.Pixels[i], order[c]));
+        const double difference =
+            std::fabs(ff[4 * i + c] * 255.0 - ChannelOf(f.Pixels[i], order[c]));
         ASSERT_LE(difference, 6.0) << "seed " << seed << " pixel " << i << " channel " << c;
         ++channels;
         close += difference <= 1.0;
@@ -233,7 +235,7 @@ TEST(AlphaFill, UnpremultipliesBeforeFilling) {
   std::vector<uint32_t> src = {Argb(128, 64, 0, 0), 0};
   std::vector<uint32_t> dst(2);
   const PixelFetch fetch = Fetch32();
-  const StageFrames f{Bytes(src.data()), 8, &fetch, nullptr, Bytes(dst.data()), 8, 2, 1, false,
+  const StageFrames f{Bytes(src.data()),    8, &fetch, nullptr, Bytes(dst.data()), 8, 2, 1, false,
                       ProcessInlineRunner()};
   StageUnpremultiplyFill(&f);
   EXPECT_EQ(dst[0], Argb(128, 128, 0, 0));

@@ -19,8 +19,16 @@ std::vector<uint32_t> ApplyInt(const std::vector<uint32_t>& src, uint32_t w, uin
                                const ProcessJobRunner* runner = ProcessInlineRunner()) {
   std::vector<uint32_t> dst(src.size(), 0xA5A5A5A5u);
   const PixelFetch fetch = Fetch32();
-  const StageFrames f{Bytes(src.data()), ptrdiff_t(w) * 4, &fetch, nullptr, Bytes(dst.data()),
-                      ptrdiff_t(w) * 4, w, h, false, runner};
+  const StageFrames f{Bytes(src.data()),
+                      ptrdiff_t(w) * 4,
+                      &fetch,
+                      nullptr,
+                      Bytes(dst.data()),
+                      ptrdiff_t(w) * 4,
+                      w,
+                      h,
+                      false,
+                      runner};
   stage(&f);
   return dst;
 }
@@ -30,8 +38,16 @@ std::vector<float> ApplyFloat(const std::vector<float>& src, uint32_t w, uint32_
                               const ProcessJobRunner* runner = ProcessInlineRunner()) {
   std::vector<float> dst(src.size(), -3.0f);
   const PixelFetchFloat fetch = Fetch128();
-  const StageFrames f{Bytes(src.data()), ptrdiff_t(w) * 16, nullptr, &fetch, Bytes(dst.data()),
-                      ptrdiff_t(w) * 16, w, h, floatSource, runner};
+  const StageFrames f{Bytes(src.data()),
+                      ptrdiff_t(w) * 16,
+                      nullptr,
+                      &fetch,
+                      Bytes(dst.data()),
+                      ptrdiff_t(w) * 16,
+                      w,
+                      h,
+                      floatSource,
+                      runner};
   stage(&f);
   return dst;
 }
@@ -231,7 +247,8 @@ TEST(Brightness, IntegerAndFloat) {
   const Stage b150 = [](const StageFrames* f) { StageBrightness(f, 150); };
   EXPECT_EQ(One(Argb(255, 101, 3, 170), b150), Argb(255, 151, 4, 255));
   const Stage f200 = [](const StageFrames* f) { StageBrightnessFloat(f, 200); };
-  EXPECT_EQ(OneFloat({0.8f, 0.25f, 0.0f, 3.0f}, f200), (std::vector<float>{1.0f, 0.5f, 0.0f, 3.0f}));
+  EXPECT_EQ(OneFloat({0.8f, 0.25f, 0.0f, 3.0f}, f200),
+            (std::vector<float>{1.0f, 0.5f, 0.0f, 3.0f}));
   const std::vector<float> wide = OneFloat({0.8f, 100.0f, 0.0f, 3.0f}, f200, true);
   EXPECT_FLOAT_EQ(wide[0], 1.6f);
   EXPECT_EQ(wide[1], 125.0f);
@@ -351,8 +368,7 @@ TEST(Deinterlace, BlendMixesTheOtherField) {
 }
 
 TEST(Deinterlace, ChannelsAndAlphaAreAveragedApart) {
-  const std::vector<uint32_t> src = {Argb(255, 0, 100, 3), Argb(0, 0, 0, 0),
-                                     Argb(1, 255, 50, 4)};
+  const std::vector<uint32_t> src = {Argb(255, 0, 100, 3), Argb(0, 0, 0, 0), Argb(1, 255, 50, 4)};
   const std::vector<uint32_t> out =
       ApplyInt(src, 1, 3, [](const StageFrames* f) { StageDeinterlace(f, 1); });
   EXPECT_EQ(out[1], Argb(128, 127, 75, 3));
@@ -411,7 +427,7 @@ struct StagePair {
   const char* Name;
   Stage Int;
   Stage Float;
-  int Tolerance;  // in 8-bit levels
+  int Tolerance;          // in 8-bit levels
   bool SameAlpha = true;  // false where the float form keeps alpha and the integer form does not
 };
 
@@ -482,8 +498,15 @@ TEST(StageFrames, NegativePitchesWalkBottomUp) {
   std::vector<uint32_t> flipped(src.size()), out(src.size());
   for (uint32_t y = 0; y < h; ++y) std::memcpy(&flipped[(h - 1 - y) * w], &src[y * w], w * 4);
   const PixelFetch fetch = Fetch32();
-  const StageFrames f{Bytes(flipped.data()) + (h - 1) * w * 4, -ptrdiff_t(w * 4), &fetch,
-                      nullptr, Bytes(out.data()), ptrdiff_t(w * 4), w, h, false,
+  const StageFrames f{Bytes(flipped.data()) + (h - 1) * w * 4,
+                      -ptrdiff_t(w * 4),
+                      &fetch,
+                      nullptr,
+                      Bytes(out.data()),
+                      ptrdiff_t(w * 4),
+                      w,
+                      h,
+                      false,
                       ProcessInlineRunner()};
   StageDenoise(&f);
   EXPECT_EQ(out, expected);

@@ -92,8 +92,8 @@ void ExpectAxisMatchesModel(const ScalerAxis& axis, uint32_t kernel, int dst, in
 }
 
 // A direct two-dimensional resample of ARGB words, channel by channel, in long double.
-std::vector<long double> ModelResample(uint32_t kernel, const std::vector<uint32_t>& src,
-                                       int srcW, int srcH, int dstW, int dstH) {
+std::vector<long double> ModelResample(uint32_t kernel, const std::vector<uint32_t>& src, int srcW,
+                                       int srcH, int dstW, int dstH) {
   const ModelAxis columns = BuildModelAxis(kernel, dstW, srcW);
   const ModelAxis rows = BuildModelAxis(kernel, dstH, srcH);
   std::vector<long double> out(size_t(dstW) * dstH * 4, 0);
@@ -113,16 +113,16 @@ uint32_t ModelByte(long double v) {
   return uint32_t(v + 0.4999989867210388L);
 }
 
-std::vector<uint32_t> RunInt(Scaler* s, const std::vector<uint32_t>& src,
-                             const PixelFetch& fetch, const ProcessJobRunner* runner) {
+std::vector<uint32_t> RunInt(Scaler* s, const std::vector<uint32_t>& src, const PixelFetch& fetch,
+                             const ProcessJobRunner* runner) {
   std::vector<uint32_t> dst(size_t(s->DstWidth) * s->DstHeight, 0xDEADBEEF);
   ScalerRun(s, Bytes(dst.data()), s->DstWidth * 4, Bytes(src.data()), s->SrcWidth * 4, &fetch,
             runner);
   return dst;
 }
 
-std::vector<float> RunFloat(Scaler* s, const std::vector<float>& src,
-                            const PixelFetchFloat& fetch, const ProcessJobRunner* runner) {
+std::vector<float> RunFloat(Scaler* s, const std::vector<float>& src, const PixelFetchFloat& fetch,
+                            const ProcessJobRunner* runner) {
   std::vector<float> dst(size_t(s->DstWidth) * s->DstHeight * 4, -7.0f);
   ScalerRunFloat(s, Bytes(dst.data()), s->DstWidth * 16, Bytes(src.data()), s->SrcWidth * 16,
                  &fetch, runner);
@@ -193,8 +193,8 @@ TEST(ScalerTable, MaxEntriesFollowTheWindow) {
 }
 
 TEST(ScalerTable, MatchesTheModelForEveryKernelAndDirection) {
-  const std::pair<int, int> cases[] = {{1, 1},  {1, 5},   {5, 1},   {2, 3},    {8, 8},
-                                       {15, 4}, {4, 15},  {64, 9},  {9, 64},   {720, 1080},
+  const std::pair<int, int> cases[] = {{1, 1},      {1, 5},    {5, 1},    {2, 3},  {8, 8},
+                                       {15, 4},     {4, 15},   {64, 9},   {9, 64}, {720, 1080},
                                        {1280, 640}, {3, 1000}, {1000, 3}, {17, 16}};
   for (uint32_t kernel = 0; kernel < 3; ++kernel)
     for (auto [dst, src] : cases) {
@@ -293,7 +293,8 @@ TEST(ScalerRun, ConstantImagesStayConstant) {
     const uint32_t sw = 1 + random() % 60, sh = 1 + random() % 60;
     const uint32_t dw = 1 + random() % 60, dh = 1 + random() % 60;
     const uint32_t colour = random();
-    SCOPED_TRACE(testing::Message() << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
+    SCOPED_TRACE(testing::Message()
+                 << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
     ScalerPtr s = Make(kernel, dw, dh, sw, sh);
     const std::vector<uint32_t> src(size_t(sw) * sh, colour);
     for (uint32_t px : RunInt(s.get(), src, Fetch32(), Inline())) ASSERT_EQ(px, colour);
@@ -314,7 +315,8 @@ TEST(ScalerRun, MatchesTheTwoDimensionalModel) {
   for (uint32_t kernel = 0; kernel < 3; ++kernel)
     for (const auto& c : cases) {
       const int sw = c[0], sh = c[1], dw = c[2], dh = c[3];
-      SCOPED_TRACE(testing::Message() << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
+      SCOPED_TRACE(testing::Message()
+                   << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
       const std::vector<uint32_t> src = RandomFrame(sw, sh, kernel * 100 + sw);
       ScalerPtr s = Make(kernel, dw, dh, sw, sh);
       const std::vector<long double> model = ModelResample(kernel, src, sw, sh, dw, dh);
@@ -371,8 +373,7 @@ TEST(ScalerRun, NegativePitchReadsBottomUpFrames) {
   const uint32_t w = 11, h = 9;
   const std::vector<uint32_t> src = RandomFrame(w, h, 5);
   std::vector<uint32_t> flipped(src.size());
-  for (uint32_t y = 0; y < h; ++y)
-    std::memcpy(&flipped[(h - 1 - y) * w], &src[y * w], w * 4);
+  for (uint32_t y = 0; y < h; ++y) std::memcpy(&flipped[(h - 1 - y) * w], &src[y * w], w * 4);
   ScalerPtr s = Make(ScaleKernelCubic, 7, 13, w, h);
   const PixelFetch fetch = Fetch32();
   const std::vector<uint32_t> expected = RunInt(s.get(), src, fetch, Inline());
@@ -443,7 +444,8 @@ TEST(ScalerVariants, AllGiveIdenticalResults) {
     const uint32_t kernel = round % 3;
     const uint32_t sw = 1 + random() % 90, sh = 1 + random() % 40;
     const uint32_t dw = 1 + random() % 90, dh = 1 + random() % 40;
-    SCOPED_TRACE(testing::Message() << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
+    SCOPED_TRACE(testing::Message()
+                 << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
     ScalerPtr s = Make(kernel, dw, dh, sw, sh);
     const std::vector<uint32_t> src = RandomFrame(sw, sh, round);
     const std::vector<float> srcF = ToFloat(src);
