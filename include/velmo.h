@@ -1,0 +1,226 @@
+/* The Velmo reader library: open a Velmo file (.vlm, .vm2) and walk it frame by frame in real
+ * time.
+ *
+ * The calling order is fixed. After VelmoOpen, a program loops: VelmoWait until it returns 0,
+ * VelmoDoFrame, copy the frame out, VelmoNextFrame. The open selects frame 1; VelmoNextFrame
+ * selects the next one and starts its read at once. After the last frame, VelmoNextFrame goes
+ * back to frame 1: a file loops, and the caller decides when to stop by comparing FrameNum with
+ * Frames. Frame numbers start at 1.
+ *
+ * Every call takes the handle first, and a null handle is accepted and does nothing. Failures
+ * are reported by a null or 0 result and one process-wide text (VelmoGetError). */
+#ifndef ORN_VELMO_H
+#define ORN_VELMO_H
+
+#include <stdint.h>
+
+#include "reader/velmo_io.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Open flags, as the caller passes them (some are added by the library). */
+enum {
+  VelmoOpenSliceMode = 0x3,           /* from the file's Flags */
+  VelmoOpenHdr = 0x4,                 /* from the file's Flags */
+  VelmoOpenFullRange = 0x10,          /* from the file's Flags */
+  VelmoOpenFileOffset = 0x20,         /* use FileOffset */
+  VelmoOpenKeepThreads = 0x40,        /* keep the background threads when the last file closes */
+  VelmoOpenFileLoop = 0x80,           /* the read-ahead wraps at the end of the file */
+  VelmoOpenOwnBuffers = 0x100,        /* the caller brings its frame buffers: becomes 0x400 */
+  VelmoOpenNoBuffers = 0x400,         /* allocate no frame buffers; no decoding */
+  VelmoOpenForceRate = 0x1000,        /* use ForcedRate */
+  VelmoOpenPreload = 0x2000,          /* preload all frames into memory */
+  VelmoOpenTrackList = 0x4000,        /* use the track list */
+  VelmoOpenOldFirst = 0x8000,         /* set by the library for the old first-generation files */
+  VelmoOpenGrayscale = 0x20000,       /* from the file's Flags */
+  VelmoOpenNeverSkip = 0x80000,       /* never skip a frame */
+  VelmoOpenAlpha = 0x100000,          /* decode the alpha plane; dropped if the file has none */
+  VelmoOpenNoFill = 0x200000,         /* do not fill the read buffer during the open */
+  VelmoOpenSimulate = 0x400000,       /* use SimulateRate */
+  VelmoOpenFileHandle = 0x800000,     /* the name argument is an open file handle */
+  VelmoOpenIOSize = 0x1000000,        /* use IOBufferSize */
+  VelmoOpenCustomIO = 0x2000000,      /* use CustomIO */
+  VelmoOpenImage = 0x4000000,         /* the name argument points at a file image in memory */
+  VelmoOpenNoBackground = 0x8000000,  /* reads happen in the caller's thread */
+  VelmoOpenReadWhole = 0x10000000     /* read the whole file into a block and return that */
+};
+
+/* VelmoGoto flags. */
+enum {
+  VelmoGotoExact = 0x1,  /* the exact frame, no key frame search */
+  VelmoGotoDirect = 0x2  /* no sound run-up */
+};
+
+/* VelmoGetKeyFrame flags: the low seven bits pick the direction; bit 7 set means the frame
+ * itself is not returned just because it is a key frame. */
+enum {
+  VelmoKeyBackward = 0,
+  VelmoKeyForward = 1,
+  VelmoKeyNearest = 2,
+  VelmoKeyNotSelf = 0x80
+};
+
+/* VelmoDoSlices flags: the share (first slice in the low four bits, count in the high four)
+ * and the start and end steps. */
+enum {
+  VelmoSlicesStart = 0x100,
+  VelmoSlicesEnd = 0x200
+};
+
+/* Second-generation slices: the count, the bytes of scratch per slice and the row height. */
+typedef struct VelmoSliceState {
+  volatile uint32_t Next; /* the slice counter; shares are taken by an atomic add */
+  uint32_t Count;
+  uint32_t Stride;
+  uint32_t RowHeight;
+  uint32_t StartRows[8];  /* the row where each slice starts, filled by the decoder setup */
+} VelmoSliceState;
+
+struct VelmoFrameBuffers;
+struct VelmoTrack;
+
+/* The open file. Programs read these leading fields directly; the library's private state
+ * follows them. The record is aligned to 256 bytes. */
+typedef struct VelmoHandle {
+  uint32_t Width, Height;
+  uint32_t Frames;            /* complete frames in the file */
+  uint32_t FrameNum;          /* the frame selected now, from 1 */
+  uint32_t LastFrameNum;      /* the frame selected before */
+  uint32_t FrameRate, FrameRateDiv; /* playback rate; the file's unless forced */
+  uint32_t ReadError;         /* nonzero after the input failed: the handle does nothing */
+  uint32_t OpenFlags;         /* as completed by the library */
+  uint32_t FileFlags;         /* the header's Flags */
+  uint32_t LargestFrameSize;
+  uint32_t LastDecodeResult;  /* highest decoder result for the last complete frame */
+  uint32_t TrackCount;        /* tracks in the file */
+  uint32_t SoundOn, VideoOn;
+  uint32_t FrameReadPending;  /* the selected frame's packet is not in memory yet */
+  uint32_t Closing;
+  float ColourTable[16];
+  uint64_t HighestSecondBytes; /* most bytes in any one-second window of frames */
+  struct VelmoFrameBuffers* FrameBuffers;
+  struct VelmoHandle* NextOpen;
+  uint8_t* FrameData;         /* start of the selected frame's packet */
+  uint32_t* TrackIndexes;
+  uint64_t FileSize;          /* total bytes minus 8, plus the frame table's wrap amount */
+  uint64_t ReadBufferSize;
+  uint64_t TotalMemory;
+  uint64_t FramePosition;
+  uint32_t AsyncSlots[8];
+  uint64_t NextReadPosition;
+  uint32_t Magic;
+  uint32_t Paused;
+  uint32_t FrameSkipped;
+  uint32_t FrameSize;
+  uint32_t FrameIsKey;
+  uint32_t OpenTracks;
+  VelmoSliceState SliceState;
+  struct VelmoTrack* Tracks;
+  uint64_t* FrameTable;       /* entries expanded to 64 bits, bit 0 kept */
+  uint32_t OpenSerial;
+  uint32_t AllKeyFrames;
+  const uint32_t* TrackMaxBytes;
+  const uint32_t* TrackFormats;
+  const uint32_t* TrackIds;
+  uint8_t* PreloadData;
+  uint32_t SimulateRate;
+  uint32_t HighestSecondFrame; /* from 0 */
+  uint32_t PendingFrame;
+  struct IOProvider IOProvider;
+  uint32_t InFrame;
+} VelmoHandle;
+
+typedef VelmoHandle* HVELMO;
+
+/* Open options; each field is used only with its open flag. */
+typedef struct VelmoOpenOptions {
+  uint64_t FileOffset;                /* 0x20 */
+  uint64_t IOBufferSize;              /* 0x1000000; 0 or all ones = default */
+  uint32_t ForcedRate, ForcedRateDiv; /* 0x1000; all ones = the file's */
+  uint32_t SimulateRate;              /* 0x400000; bytes per second; 0 or all ones = none */
+  uint32_t TrackCount;                /* 0x4000 */
+  const uint32_t* TrackIds;
+  VelmoIOOpenFunction CustomIO;       /* 0x2000000 */
+  uint64_t ImageSize;                 /* 0x4000000: bytes of the image; 0 = as its header says */
+} VelmoOpenOptions;
+
+/* VelmoGetSummary: figures of a whole run. */
+typedef struct VelmoSummary {
+  uint64_t ReadSpeed;          /* bytes per second of the medium */
+  uint64_t TotalMemory;
+  uint64_t ReadBufferSize;
+  uint64_t HighestBufferUsed;
+  uint64_t HighestSecondBytes;
+  uint32_t Width, Height;
+  uint32_t TotalTime;          /* ms since the first frame */
+  uint32_t FileRate, FileRateDiv, FrameRate, FrameRateDiv;
+  uint32_t OpenTime, Frames, FramesPlayed;
+  uint32_t Reserved;
+  uint32_t SkippedFrames, SoundSkips;
+  uint32_t BlitTime, ReadTime, VideoTime, SoundTime, IdleReadTime, ThreadReadTime;
+  uint32_t Slowest, SecondSlowest, SlowestFrame, SecondSlowestFrame;
+  uint32_t AverageRate;        /* bytes per second */
+  uint32_t AverageFrame;       /* bytes */
+  uint32_t HighestSecondFrame; /* from 1 */
+} VelmoSummary;
+
+/* VelmoGetRealtime: figures over the last few frames. */
+typedef struct VelmoRealtime {
+  uint32_t FrameNum;           /* LastFrameNum */
+  uint32_t FrameRate, FrameRateDiv;
+  uint32_t Span;               /* frames the differences are taken over */
+  uint32_t Time;               /* ms across the span, at least 1 */
+  uint32_t VideoTime, SoundTime, BlitTime;
+  uint32_t ReadTime, IdleReadTime, ThreadReadTime;
+  uint64_t BufferSize, BufferUsed;
+  uint64_t Bytes;              /* bytes of the frames in the span */
+  uint64_t DataRate;           /* Bytes per second of span time */
+} VelmoRealtime;
+
+/* Values for the next VelmoOpen; process-wide, consumed by that open. */
+void VelmoSetFrameRate(uint32_t rate, uint32_t rateDiv);
+void VelmoSetFileOffset(uint64_t offset);
+void VelmoSetIOSize(uint64_t size);
+void VelmoSetSimulate(uint32_t bytesPerSecond);
+void VelmoSetSoundTracks(uint32_t count, const uint32_t* ids); /* at most 32 ids */
+
+HVELMO VelmoOpen(const char* name, uint32_t flags);
+HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options, uint32_t flags);
+/* Frees a block returned by an open with VelmoOpenReadWhole. */
+void VelmoFreeFileImage(void* image);
+void VelmoClose(HVELMO handle);
+
+const char* VelmoGetError(void);
+void VelmoSetError(const char* text); /* null stores "Velmo Error" */
+
+uint32_t VelmoWait(HVELMO handle);    /* 1: not yet; 0: now */
+uint32_t VelmoDoFrame(HVELMO handle); /* nonzero when the frame was decoded */
+uint32_t VelmoStartFrame(HVELMO handle, uint32_t now);
+uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags);
+void VelmoEndFrame(HVELMO handle, uint32_t now);
+void VelmoNextFrame(HVELMO handle);
+void VelmoGoto(HVELMO handle, uint32_t frame, uint32_t flags);
+uint32_t VelmoGetKeyFrame(HVELMO handle, uint32_t frame, uint32_t flags);
+uint32_t VelmoPause(HVELMO handle, uint32_t pause);
+void VelmoSetVideoOn(HVELMO handle, uint32_t on);
+uint32_t VelmoSetSoundOn(HVELMO handle, uint32_t on);
+void VelmoSetFileLoop(HVELMO handle, uint32_t on);
+void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
+void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
+
+/* Copies the current frame (or a rectangle of it) into an interleaved surface; the low four
+ * bits of flags pick the format. A negative pitch stores bottom-up. 1 if the frame was skipped
+ * or a skip was reported. */
+uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch, int32_t destHeight,
+                           int32_t destX, int32_t destY, uint32_t flags);
+uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch, int32_t destHeight,
+                               int32_t destX, int32_t destY, int32_t srcX, int32_t srcY,
+                               int32_t srcWidth, int32_t srcHeight, uint32_t flags);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
