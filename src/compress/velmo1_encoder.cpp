@@ -1,0 +1,652 @@
+// First-generation frame encoder: block candidates, operating-point lists, the global
+// best-slope allocation, plane writing and the cost model.
+#include "compress/velmo1_encoder.h"
+
+#include "compress/rate_plan.h"
+#include "compress/velmo1_stream.h"
+#include "decode/velmo1_decoder.h"
+#include "host/platform.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+constexpr uint32_t MaxPoints = 32;
+constexpr uint32_t TagVLMi = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24;
+constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
+
+// ---------------------------------------------------------------------------------------------
+// Cost model: eight estimates in 1/256 bit, each but the colour byte with four frames of history.
+
+enum : uint32_t {
+  CostType = 0, CostSubType = 1, CostColour = 2, CostPattern = 3, CostMotion = 4,
+  CostIntraDC = 5, CostInterDC = 6, CostRun = 7, CostCount = 8,
+};
+
+constexpr uint32_t CostFloor[CostCount] = {102, 76, 640, 8192, 1024, 1152, 947, 384};
+constexpr uint32_t CostCeiling[CostCount] = {1024, 1024, 2048, 16384, 2560, 2816, 2816, 1024};
+// First history bits over 10 symbols, by plane kind: luma, chroma, alpha.
+constexpr uint32_t CostStart[3][CostCount] = {
+    {17, 13, 0, 510, 80, 94, 60, 35}, {12, 10, 0, 550, 90, 98, 65, 35}, {13, 9, 0, 510, 70, 92, 57, 31}};
+
+struct CostModel {
+  uint32_t E[CostCount];
+  uint32_t HistoryBits[CostCount][4], HistorySymbols[CostCount][4];
+  int32_t PixelBias, BiasCarry;
+};
+
+void InitCostModel(CostModel& m, uint32_t kind) {
+  m = {};
+  for (uint32_t i = 0; i < CostCount; ++i)
+    for (uint32_t h = 0; h < 4; ++h) m.HistoryBits[i][h] = CostStart[kind][i], m.HistorySymbols[i][h] = 10;
+  m.E[CostColour] = CostFloor[CostColour];
+}
+
+void UpdateCostModel(CostModel& m) {
+  for (uint32_t i = 0; i < CostCount; ++i) {
+    if (i == CostColour) continue;
+    uint64_t bits = 0, symbols = 0;
+    for (uint32_t h = 0; h < 4; ++h) bits += m.HistoryBits[i][h], symbols += m.HistorySymbols[i][h];
+    for (uint32_t h = 3; h > 0; --h)  // the newest pair stays to be overwritten
+      m.HistoryBits[i][h] = m.HistoryBits[i][h - 1], m.HistorySymbols[i][h] = m.HistorySymbols[i][h - 1];
+    const uint64_t e = symbols ? (bits << 8) / symbols : CostCeiling[i];
+    m.E[i] = uint32_t(std::clamp<uint64_t>(e, CostFloor[i], CostCeiling[i]));
+  }
+}
+
+// Actual bits and symbols of a bundle replace the newest history pair.
+void NoteActual(CostModel& m, uint32_t i, uint64_t bits, uint32_t symbols) {
+  if (symbols <= 10) return;
+  m.HistoryBits[i][0] = uint32_t(std::min<uint64_t>(bits, 0xffffffffu));
+  m.HistorySymbols[i][0] = symbols + 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Transform: the forward projection is taken from the decoder's own inverse transform, so that
+// a coefficient's weight is exactly what the decoder will rebuild from it.
+
+struct Basis {
+  double Vector[2][64][64];  // [inter][position][pixel], at scale 0 and unit coefficient
+  double Norm[2][64];        // squared length
+  double ScaleRatio[2][16][64];  // table at scale 0 over the table at scale s
+};
+
+const Basis& TransformBasis() {
+  static Basis basis;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    constexpr int Unit = 32;
+    for (int inter = 0; inter < 2; ++inter) {
+      const uint32_t* t0 = Velmo1DequantTable(inter != 0, 0);
+      for (int k = 0; k < 64; ++k) {
+        int16_t coeffs[64] = {};
+        coeffs[k] = Unit;
+        int32_t out[64];
+        Velmo1IdctReference(coeffs, t0, out);
+        double norm = 0;
+        for (int i = 0; i < 64; ++i) {
+          basis.Vector[inter][k][i] = double(out[i]) / Unit;
+          norm += basis.Vector[inter][k][i] * basis.Vector[inter][k][i];
+        }
+        basis.Norm[inter][k] = norm > 0 ? norm : 1;
+        for (int s = 0; s < 16; ++s) {
+          const uint32_t ts = Velmo1DequantTable(inter != 0, uint32_t(s))[k];
+          basis.ScaleRatio[inter][s][k] = ts ? double(t0[k]) / ts : 0;
+        }
+      }
+    }
+  });
+  return basis;
+}
+
+// Projections of a block (or residue) on the basis, at scale 0.
+void Project(const int32_t block[64], bool inter, double out[64]) {
+  const Basis& b = TransformBasis();
+  for (int k = 0; k < 64; ++k) {
+    double dot = 0;
+    for (int i = 0; i < 64; ++i) dot += block[i] * b.Vector[inter][k][i];
+    out[k] = dot / b.Norm[inter][k];
+  }
+}
+
+// Quantises projections at scale s; returns whether any AC value is not zero.
+bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeffs[64]) {
+  const Basis& b = TransformBasis();
+  bool any = false;
+  for (int k = 0; k < 64; ++k) {
+    const double v = std::nearbyint(projection[k] * b.ScaleRatio[inter][s][k]);
+    coeffs[k] = int16_t(std::clamp(v, -16383.0, 16383.0));
+    if (k && coeffs[k]) any = true;
+  }
+  if (inter) coeffs[0] = int16_t(std::clamp<int>(coeffs[0], -1023, 1023));
+  else coeffs[0] = int16_t(std::clamp<int>(coeffs[0], 0, 2047));
+  return any;
+}
+
+uint32_t CoefficientBits(const int16_t coeffs[64]) {
+  const Velmo1EncBits bits = Velmo1EncCoefficientBits(coeffs);
+  uint32_t n = 0;
+  for (const auto& f : bits.Fields) n += f.second;
+  return n;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Blocks and their operating points
+
+struct Point {
+  uint32_t Bits;   // 1/256 bit
+  uint32_t Error;  // squared error
+  uint8_t Mode;
+  uint16_t Param;
+};
+
+struct BlockPlan {
+  Point P[MaxPoints];
+  int8_t Count, Current;
+  int8_t MotionX, MotionY;
+  uint32_t StepBits;
+};
+
+struct PlaneInfo {
+  uint32_t Index;      // VelmoPlane*
+  uint32_t Width, Height;
+  const uint8_t* Source;    // padded input, pitch = width
+  const uint8_t* Previous;  // the reference picture
+  int32_t RefPitch;
+  CostModel* Model;
+  BlockPlan* Plans;    // raster order of 8x8 blocks
+  bool Key;
+};
+
+void Get8(const uint8_t* p, int32_t pitch, uint8_t out[64]) {
+  for (int r = 0; r < 8; ++r) std::memcpy(out + r * 8, p + int64_t(r) * pitch, 8);
+}
+
+uint32_t Sse(const uint8_t a[64], const uint8_t b[64]) {
+  uint32_t s = 0;
+  for (int i = 0; i < 64; ++i) s += uint32_t((int(a[i]) - b[i]) * (int(a[i]) - b[i]));
+  return s;
+}
+
+uint32_t SseValue(const uint8_t a[64], uint8_t v) {
+  uint32_t s = 0;
+  for (int i = 0; i < 64; ++i) s += uint32_t((int(a[i]) - v) * (int(a[i]) - v));
+  return s;
+}
+
+// The two colours of a sorted block: the split of least absolute deviation about the medians.
+// Returns false when all samples are equal.
+bool FindTwoColours(const uint8_t sorted[64], uint8_t& low, uint8_t& high) {
+  if (sorted[0] == sorted[63]) return false;
+  auto median = [&](int from, int n) {
+    return n & 1 ? sorted[from + n / 2] : uint8_t((sorted[from + n / 2 - 1] + sorted[from + n / 2]) >> 1);
+  };
+  uint32_t best = UINT32_MAX;
+  int lastLow = -1, lastHigh = -1;
+  for (int k = 1; k < 64; ++k) {
+    if (sorted[k] == sorted[k - 1]) continue;
+    const uint8_t lo = median(0, k), hi = median(k, 64 - k);
+    if (lo == lastLow && hi == lastHigh) continue;
+    lastLow = lo, lastHigh = hi;
+    uint32_t cost = 0;
+    for (int i = 0; i < 64; ++i) cost += uint32_t(std::abs(int(sorted[i]) - (i < k ? lo : hi)));
+    if (cost < best) {
+      best = cost, low = lo, high = hi;
+      if (cost == 0) break;
+    }
+  }
+  return true;
+}
+
+// Each sample takes the value it is strictly nearer to; a tie takes the high value.
+void TwoColourBlock(const uint8_t c[64], uint8_t low, uint8_t high, uint8_t out[64], uint8_t rows[8]) {
+  for (int r = 0; r < 8; ++r) {
+    rows[r] = 0;
+    for (int x = 0; x < 8; ++x) {
+      const int v = c[r * 8 + x];
+      const bool isHigh = std::abs(v - high) <= std::abs(v - low);
+      out[r * 8 + x] = isHigh ? high : low;
+      if (isHigh) rows[r] |= uint8_t(1u << x);
+    }
+  }
+}
+
+// Reconstruction of a transform block as the decoder does it.
+void Rebuild(const int16_t coeffs[64], bool inter, uint32_t s, const uint8_t* base, uint8_t out[64]) {
+  int32_t values[64];
+  Velmo1IdctReference(coeffs, Velmo1DequantTable(inter, s), values);
+  for (int k = 0; k < 64; ++k) out[k] = uint8_t((base ? base[k] : 0) + values[k]);
+}
+
+// Motion search over the reference: range 15, the block kept inside the plane, (0, 0) first,
+// sum of absolute differences with an early exit after four rows.
+void FindMotion(const PlaneInfo& p, uint32_t x, uint32_t y, const uint8_t c[64], int& bestX, int& bestY) {
+  const int loY = -int(std::min<uint32_t>(15, y)), hiY = int(std::min<uint32_t>(15, p.Height - 8 - y));
+  const int loX = -int(std::min<uint32_t>(15, x)), hiX = int(std::min<uint32_t>(15, p.Width - 8 - x));
+  auto order = [](int lo, int hi, int n) { return n <= hi ? n : lo + (n - hi - 1); };
+  uint32_t best = 0x7ffffff;
+  bestX = bestY = 0;
+  for (int ny = 0; ny <= hiY - loY; ++ny) {
+    const int dy = order(loY, hiY, ny);
+    for (int nx = 0; nx <= hiX - loX; ++nx) {
+      const int dx = order(loX, hiX, nx);
+      const uint8_t* ref = p.Previous + int64_t(int(y) + dy) * p.RefPitch + int(x) + dx;
+      uint32_t sad = 0;
+      for (int r = 0; r < 8; ++r) {
+        for (int i = 0; i < 8; ++i) sad += uint32_t(std::abs(int(c[r * 8 + i]) - ref[int64_t(r) * p.RefPitch + i]));
+        if (r == 3 && sad >= best) break;
+      }
+      if (sad < best) {
+        best = sad, bestX = dx, bestY = dy;
+        if (sad == 0) return;  // nothing can beat it
+      }
+    }
+  }
+}
+
+// Keeps the lower convex hull of (bits, error), from the fewest bits to the least error.
+uint32_t KeepConvexHull(Point* pts, uint32_t n) {
+  if (n == 0) return 0;
+  uint32_t first = 0;
+  uint32_t leastError = pts[0].Error;
+  for (uint32_t i = 1; i < n; ++i) {
+    leastError = std::min(leastError, pts[i].Error);
+    if (pts[i].Bits < pts[first].Bits || (pts[i].Bits == pts[first].Bits && pts[i].Error < pts[first].Error)) first = i;
+  }
+  std::swap(pts[0], pts[first]);
+  uint32_t kept = 1;
+  while (pts[kept - 1].Error != leastError) {
+    const Point& last = pts[kept - 1];
+    uint32_t w = kept;
+    for (uint32_t i = kept; i < n; ++i)
+      if (pts[i].Bits > last.Bits && pts[i].Error < last.Error) pts[w++] = pts[i];
+    n = w;
+    if (n == kept) break;
+    uint32_t pick = kept;
+    double bestSlope = -1;
+    for (uint32_t i = kept; i < n; ++i) {
+      const double slope = double(last.Error - pts[i].Error) / double(pts[i].Bits - last.Bits);
+      if (slope > bestSlope || (slope == bestSlope && pts[i].Bits < pts[pick].Bits)) bestSlope = slope, pick = i;
+    }
+    std::swap(pts[kept], pts[pick]);
+    ++kept;
+  }
+  return kept;
+}
+
+uint32_t ThinPoints(Point* pts, uint32_t n, uint32_t limit) {
+  if (n <= limit) return n;
+  Point out[MaxPoints];
+  out[0] = pts[0];
+  for (uint32_t k = 1; k < limit; ++k) out[k] = pts[k * (n - 1) / (limit - 1)];
+  std::copy(out, out + limit, pts);
+  return limit;
+}
+
+// Builds the candidate list of one 8x8 block.
+void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
+  const uint32_t* e = p.Model->E;
+  uint8_t c[64], sorted[64], rebuilt[64];
+  Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
+  Point pts[80];
+  uint32_t n = 0;
+  plan.MotionX = plan.MotionY = 0;
+  auto finish = [&] {
+    n = ThinPoints(pts, KeepConvexHull(pts, n), MaxPoints);
+    for (uint32_t i = 0; i < n; ++i) pts[i].Bits += e[CostType];
+    std::copy(pts, pts + n, plan.P);
+    plan.Count = int8_t(n);
+    plan.Current = 0;
+  };
+  const uint8_t* prevAt = p.Key ? nullptr : p.Previous + int64_t(y) * p.RefPitch + x;
+  if (prevAt) {
+    uint8_t prev[64];
+    Get8(prevAt, p.RefPitch, prev);
+    pts[n++] = {0, Sse(c, prev), Velmo1Skip, 0};
+    if (pts[0].Error == 0) return finish();
+  }
+  std::copy(c, c + 64, sorted);
+  std::sort(sorted, sorted + 64);
+  const uint8_t one = uint8_t((sorted[31] + sorted[32]) >> 1);
+  pts[n++] = {e[CostColour], SseValue(c, one), Velmo1One, one};
+  if (pts[n - 1].Error == 0) return finish();
+  uint8_t low = 0, high = 0;
+  if (FindTwoColours(sorted, low, high)) {
+    uint8_t rows[8];
+    TwoColourBlock(c, low, high, rebuilt, rows);
+    pts[n++] = {e[CostPattern] + 2 * e[CostColour], Sse(c, rebuilt), Velmo1Two, uint16_t(high * 256 + low)};
+  }
+  int32_t wide[64];
+  double projection[64];
+  int16_t coeffs[64];
+  for (int i = 0; i < 64; ++i) wide[i] = c[i];
+  Project(wide, false, projection);
+  for (uint32_t q = 0; q < 16; ++q) {
+    if (!Quantise(projection, false, q, coeffs)) break;
+    Rebuild(coeffs, false, q, nullptr, rebuilt);
+    pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra, uint16_t(q)};
+  }
+  if (prevAt) {
+    int mx, my;
+    FindMotion(p, x, y, c, mx, my);
+    plan.MotionX = int8_t(mx), plan.MotionY = int8_t(my);
+    uint8_t m[64];
+    Get8(p.Previous + int64_t(int(y) + my) * p.RefPitch + int(x) + mx, p.RefPitch, m);
+    for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
+    Project(wide, true, projection);
+    for (uint32_t q = 0; q < 16; ++q) {
+      const bool any = Quantise(projection, true, q, coeffs);
+      Rebuild(coeffs, true, q, m, rebuilt);
+      pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
+                  Velmo1DctInter, uint16_t(q)};
+      if (!any) break;
+    }
+    pts[n++] = {e[CostMotion], Sse(c, m), Velmo1Mot, 0};
+  }
+  pts[n++] = {e[CostColour] << 6, 0, Velmo1Bang, 0};
+  finish();
+}
+
+struct AnalyseJob {
+  const PlaneInfo* Plane;
+  uint32_t BlocksX, Blocks;
+  std::atomic<uint32_t> Next{0};
+};
+
+void AnalyseWorker(void* context, uint32_t) {
+  auto* job = static_cast<AnalyseJob*>(context);
+  for (uint32_t b; (b = job->Next.fetch_add(1)) < job->Blocks;)
+    AnalyseBlock(*job->Plane, (b % job->BlocksX) * 8, (b / job->BlocksX) * 8, job->Plane->Plans[b]);
+}
+
+// The colour-byte estimate of a plane from the entropy of the samples likely to be coded.
+void EstimatePixelCost(CostModel& m, const PlaneInfo& p) {
+  uint32_t h[256] = {}, samples = 0;
+  int last = p.Source[0] - 1;
+  for (uint32_t y = 0; y < p.Height; ++y) {
+    for (uint32_t x = 0; x < p.Width; ++x) {
+      const int v = p.Source[size_t(y) * p.Width + x];
+      const bool differs = v != last;
+      last = v;
+      if (!differs) continue;
+      if (!p.Key && std::abs(v - int(p.Previous[int64_t(y) * p.RefPitch + x])) <= 1) continue;
+      ++h[v];
+      ++samples;
+    }
+  }
+  const int32_t cost = samples ? int32_t((uint64_t(EstimateBytes(h, samples)) << 11) / samples)
+                               : int32_t(CostFloor[CostColour]);
+  const int32_t estimate = std::clamp<int32_t>(m.PixelBias + cost, CostFloor[CostColour], CostCeiling[CostColour]);
+  m.E[CostColour] = uint32_t(estimate);
+  m.BiasCarry = estimate - cost;
+  m.PixelBias = estimate >> 8;
+}
+
+// The greedy best-slope walk: every block starts at its cheapest point; the step of greatest
+// error drop per bit is taken while bits are left, and steps worth at least 4096 of error may
+// run into an overrun of a tenth of the budget.
+void AllocateBits(BlockPlan* const* plans, size_t count, uint32_t budgetBytes) {
+  int64_t left = budgetBytes >= (1u << 20) ? 0x7fffffff : int64_t(budgetBytes) << 11;
+  const int64_t overrun = budgetBytes >= (1u << 20) ? 0x7fffffff : left / 10;
+  std::multimap<double, BlockPlan*> steps;
+  auto push = [&](BlockPlan* b) {
+    const Point& now = b->P[b->Current];
+    const Point& next = b->P[b->Current + 1];
+    b->StepBits = next.Bits - now.Bits;
+    steps.emplace(double(int64_t(now.Error) - int64_t(next.Error)) / b->StepBits, b);
+  };
+  for (size_t i = 0; i < count; ++i) {
+    BlockPlan* b = plans[i];
+    b->Current = 0;
+    left -= b->P[0].Bits;
+    if (b->Count > 1) push(b);
+  }
+  while (left >= 1 || -left < overrun) {
+    if (steps.empty()) break;
+    auto top = std::prev(steps.end());
+    BlockPlan* b = top->second;
+    const int64_t gain = int64_t(b->P[b->Current].Error) - int64_t(b->P[b->Current + 1].Error);
+    if (left < 1 && gain < 4096) break;
+    steps.erase(top);
+    ++b->Current;
+    left -= b->StepBits;
+    if (b->Current + 1 < b->Count) push(b);
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The encoder
+
+struct VelmoEncoder {
+  VelmoEncoderConfig Config;
+  uint32_t Tag;
+  uint32_t PlaneWidth[4], PlaneHeight[4];
+  bool Present[4];
+  std::vector<uint8_t> Source[4];
+  std::vector<uint8_t> Pictures;  // two sets of planes
+  VelmoFrameBuffers Ring;
+  CostModel Models[4];
+  std::vector<BlockPlan> Plans[4];
+  bool HaveReference = false;
+};
+
+uint32_t Velmo1FileTagFor(uint32_t version) { return version < 101 ? TagVLMi : TagVLMk; }
+
+VelmoEncoder* VelmoEncoderCreate(const VelmoEncoderConfig& config) {
+  if (config.Width == 0 || config.Height == 0 || config.Width > 16384 || config.Height > 16384 ||
+      config.Version < 100 || config.Version > 199)
+    return nullptr;
+  auto* e = new (std::nothrow) VelmoEncoder();
+  if (!e) return nullptr;
+  e->Config = config;
+  e->Tag = Velmo1FileTagFor(config.Version);
+  const uint32_t lw = Velmo1LumaSize(config.Width), lh = Velmo1LumaSize(config.Height);
+  const uint32_t cw = Velmo1ChromaSize(config.Width), ch = Velmo1ChromaSize(config.Height);
+  const bool gray = config.Flags & VelmoEncodeGrayscale, alpha = config.Flags & VelmoEncodeAlpha;
+  const uint32_t widths[4] = {lw, cw, cw, lw}, heights[4] = {lh, ch, ch, lh};
+  const bool present[4] = {true, !gray, !gray, alpha};
+  size_t setBytes = 0;
+  for (int i = 0; i < 4; ++i) {
+    e->PlaneWidth[i] = widths[i], e->PlaneHeight[i] = heights[i], e->Present[i] = present[i];
+    setBytes += size_t(widths[i]) * heights[i];
+    e->Source[i].assign(size_t(widths[i]) * heights[i], 0);
+    if (present[i]) e->Plans[i].resize(size_t(widths[i] / 8) * (heights[i] / 8));
+    InitCostModel(e->Models[i], i == 0 ? 0 : i == 3 ? 2 : 1);
+  }
+  e->Pictures.assign(2 * setBytes, 0);
+  VelmoFrameBuffers& fb = e->Ring;
+  fb = {};
+  fb.Count = 2;
+  fb.Width = config.Width, fb.Height = config.Height;
+  fb.LumaWidth = lw, fb.LumaHeight = lh, fb.ChromaWidth = cw, fb.ChromaHeight = ch;
+  fb.LumaPitch = int32_t(lw), fb.ChromaPitch = int32_t(cw);
+  fb.HasAlpha = alpha;
+  uint8_t* at = e->Pictures.data();
+  for (int s = 0; s < 2; ++s)
+    for (int i = 0; i < 4; ++i) {
+      fb.Sets[s].Planes[i] = at;
+      at += size_t(widths[i]) * heights[i];
+    }
+  // Planes the stream does not carry stay null, as a reader's would.
+  for (int s = 0; s < 2; ++s)
+    for (int i = 0; i < 4; ++i)
+      if (!present[i]) fb.Sets[s].Planes[i] = nullptr;
+  return e;
+}
+
+void VelmoEncoderFree(VelmoEncoder* encoder) { delete encoder; }
+
+const VelmoFrameBuffers* VelmoEncoderPicture(const VelmoEncoder* e) { return e ? &e->Ring : nullptr; }
+
+uint32_t VelmoEncoderDecodeFlags(const VelmoEncoder* e) {
+  uint32_t flags = 0;
+  if (e && (e->Config.Flags & VelmoEncodeAlpha)) flags |= Velmo1AlphaPlane;
+  if (e && (e->Config.Flags & VelmoEncodeGrayscale)) flags |= Velmo1SkipChroma;
+  return flags;
+}
+
+namespace {
+
+// Copies a picture-size plane into the padded source, repeating the last column and row.
+void PadPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t* out, uint32_t pw, uint32_t ph) {
+  for (uint32_t y = 0; y < ph; ++y) {
+    const uint8_t* row = in + int64_t(std::min(y, h - 1)) * pitch;
+    uint8_t* o = out + size_t(y) * pw;
+    std::memcpy(o, row, w);
+    std::memset(o + w, row[w - 1], pw - w);
+  }
+}
+
+// The stream block of a chosen point, recomputed from the source and the reference.
+Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const BlockPlan& plan) {
+  const Point& pt = plan.P[plan.Current];
+  uint8_t c[64];
+  Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
+  switch (pt.Mode) {
+    case Velmo1Skip: return Velmo1EncSkipBlock();
+    case Velmo1Mot: return Velmo1EncMotBlock(plan.MotionX, plan.MotionY);
+    case Velmo1One: return Velmo1EncOneBlock(uint8_t(pt.Param));
+    case Velmo1Two: {
+      uint8_t rebuilt[64], rows[8];
+      const uint8_t high = uint8_t(pt.Param >> 8), low = uint8_t(pt.Param);
+      TwoColourBlock(c, low, high, rebuilt, rows);
+      uint32_t lows = 0;
+      for (int i = 0; i < 64; ++i) lows += rebuilt[i] == low && low != high;
+      if (lows < 32) {  // the value of fewer samples takes the set bits
+        for (uint8_t& r : rows) r = uint8_t(~r);
+        return Velmo1EncTwoBlock(high, low, rows);
+      }
+      return Velmo1EncTwoBlock(low, high, rows);
+    }
+    case Velmo1DctIntra:
+    case Velmo1DctInter: {
+      const bool inter = pt.Mode == Velmo1DctInter;
+      int32_t wide[64];
+      if (inter) {
+        uint8_t m[64];
+        Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
+        for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
+      } else {
+        for (int i = 0; i < 64; ++i) wide[i] = c[i];
+      }
+      double projection[64];
+      int16_t coeffs[64];
+      Project(wide, inter, projection);
+      Quantise(projection, inter, pt.Param, coeffs);
+      if (inter) return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param);
+      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param);
+    }
+    default: return Velmo1EncBangBlock(c);
+  }
+}
+
+// Writes one plane from its chosen points and feeds the real costs back to the model.
+std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model) {
+  Velmo1EncPlaneSpec spec;
+  spec.Width = p.Width;
+  const uint32_t bx = p.Width / 8;
+  for (uint32_t y = 0; y < p.Height; y += 8) {
+    std::vector<Velmo1EncRawBlock> row;
+    row.reserve(bx);
+    for (uint32_t x = 0; x < p.Width; x += 8) row.push_back(BlockFor(p, x, y, p.Plans[(y / 8) * bx + x / 8]));
+    spec.Rows.push_back(std::move(row));
+  }
+  Velmo1EncPlaneOptions options;
+  options.VlmK = vlmk;
+  options.ChooseTables = true;
+  Velmo1EncPlaneStats stats{};
+  std::vector<uint8_t> out = Velmo1EncBuildPlane(spec, options, &stats);
+  NoteActual(model, CostType, stats.Bits[Velmo1BlockTypes], stats.Elements[Velmo1BlockTypes]);
+  NoteActual(model, CostSubType, stats.Bits[Velmo1SubBlockTypes], stats.Elements[Velmo1SubBlockTypes]);
+  NoteActual(model, CostPattern, stats.Bits[Velmo1Patterns], stats.Elements[Velmo1Patterns] / 8);
+  NoteActual(model, CostMotion, stats.Bits[Velmo1XMotion] + stats.Bits[Velmo1YMotion], stats.Elements[Velmo1XMotion]);
+  NoteActual(model, CostIntraDC, stats.Bits[Velmo1IntraDC], stats.Elements[Velmo1IntraDC]);
+  NoteActual(model, CostInterDC, stats.Bits[Velmo1InterDC], stats.Elements[Velmo1InterDC]);
+  NoteActual(model, CostRun, stats.Bits[Velmo1Runs], stats.Elements[Velmo1Runs]);
+  if (const uint32_t colours = stats.Elements[Velmo1Colors])
+    model.PixelBias = int32_t((stats.Bits[Velmo1Colors] << 8) / colours) - int32_t(model.E[CostColour]) + model.BiasCarry;
+  return out;
+}
+
+uint64_t PlaneError(const uint8_t* a, const uint8_t* b, size_t n) {
+  uint64_t s = 0;
+  for (size_t i = 0; i < n; ++i) s += uint64_t((int(a[i]) - b[i]) * (int(a[i]) - b[i]));
+  return s;
+}
+
+}  // namespace
+
+bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t budgetBytes,
+                      VelmoEncodeResult* result) {
+  if (!e || !result) return false;
+  const VelmoEncoderConfig& cfg = e->Config;
+  const uint32_t cw = (cfg.Width + 1) / 2, ch = (cfg.Height + 1) / 2;
+  const uint32_t inW[4] = {cfg.Width, cw, cw, cfg.Width}, inH[4] = {cfg.Height, ch, ch, cfg.Height};
+  for (int i = 0; i < 4; ++i)
+    if (e->Present[i] && (!input.Planes[i] || input.Pitches[i] < int32_t(inW[i]))) return false;
+  const bool key = input.Key || !e->HaveReference;
+  const bool vlmk = e->Tag == TagVLMk;
+  VelmoFrameBufferSet& previous = VelmoCurrentSet(e->Ring);
+
+  PlaneInfo planes[4];
+  bool constantAlpha = false;
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!e->Present[i]) continue;
+    PadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(), e->PlaneWidth[i], e->PlaneHeight[i]);
+    planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
+                 int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key};
+    EstimatePixelCost(e->Models[i], planes[i]);
+    UpdateCostModel(e->Models[i]);
+  }
+  if (e->Present[VelmoPlaneAlpha] && cfg.Version > 100) {
+    const std::vector<uint8_t>& a = e->Source[VelmoPlaneAlpha];
+    constantAlpha = std::all_of(a.begin(), a.end(), [&](uint8_t v) { return v == a[0]; });
+  }
+
+  // Candidates of every block, then one allocation over all planes.
+  std::vector<BlockPlan*> all;
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
+    AnalyseJob job;
+    job.Plane = &planes[i];
+    job.BlocksX = planes[i].Width / 8;
+    job.Blocks = uint32_t(e->Plans[i].size());
+    PoolRun(AnalyseWorker, &job);
+    for (BlockPlan& b : e->Plans[i]) all.push_back(&b);
+  }
+  AllocateBits(all.data(), all.size(), budgetBytes);
+  result->PlannedError = 0;
+  for (const BlockPlan* b : all) result->PlannedError += b->P[b->Current].Error;
+
+  std::vector<uint8_t> streams[4];
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!e->Present[i]) continue;
+    if (i == VelmoPlaneAlpha && constantAlpha) streams[i] = Velmo1EncConstantAlphaPlane(e->Source[i][0]);
+    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i]);
+    result->Sizes[i] = uint32_t(streams[i].size());
+  }
+  for (uint32_t i = 0; i < 4; ++i)
+    if (!e->Present[i]) result->Sizes[i] = 0;
+  result->Section = Velmo1EncBuildSection(e->Present[VelmoPlaneAlpha], false, streams[VelmoPlaneAlpha],
+                                          streams[VelmoPlaneY], streams[VelmoPlaneCr], streams[VelmoPlaneCb]);
+
+  // The reference for the next frame is the decoder's own picture of this one.
+  std::vector<uint8_t> padded(result->Section);
+  padded.resize(padded.size() + 4, 0);
+  Velmo1DecodeFrame(&e->Ring, padded.data(), padded.data() + padded.size(), nullptr,
+                    VelmoEncoderDecodeFlags(e), (cfg.Flags & VelmoEncodeAlpha) ? Velmo1FileHasAlpha : 0, e->Tag);
+  e->Ring.Current ^= 1;
+  e->HaveReference = true;
+  const VelmoFrameBufferSet& now = VelmoCurrentSet(e->Ring);
+  for (uint32_t i = 0; i < 4; ++i)
+    result->Errors[i] = e->Present[i] ? PlaneError(now.Planes[i], e->Source[i].data(), e->Source[i].size()) : 0;
+  return true;
+}
