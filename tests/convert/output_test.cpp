@@ -1,0 +1,715 @@
+// Output writers, written and read back: still series, AVI (plain, MJPEG, OpenDML segments),
+// y4m against a BT.601 model, wave files, refused and unsupported outputs.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "convert/output.h"
+#include "imagefile/imagefile.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Said {
+  std::string text;
+  int level;
+};
+std::vector<Said> g_said;
+int Record(const char* text, int level) {
+  g_said.push_back({text ? text : "(null)", level});
+  return 0;
+}
+
+struct AskLog {
+  bool answer;
+  std::vector<std::string> questions;
+};
+bool Ask(const char* question, void* context) {
+  auto* log = static_cast<AskLog*>(context);
+  log->questions.push_back(question);
+  return log->answer;
+}
+
+class OutputTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_said.clear();
+    dir = fs::temp_directory_path() /
+          ("orn_writers_" + std::to_string(getpid()) + "_" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    options.jpeg_level = 90;
+    options.ask = Ask;
+    options.ask_context = &ask;
+  }
+  void TearDown() override { fs::remove_all(dir); }
+  std::string Path(const std::string& name) const { return (dir / name).string(); }
+
+  fs::path dir;
+  AskLog ask{true, {}};
+  OutputOptions options{};
+};
+
+// A frame whose pixels all differ: colour from position and frame number, alpha varying.
+std::vector<uint32_t> Frame(int w, int h, int n) {
+  std::vector<uint32_t> px(size_t(w) * h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint32_t r = (x * 37 + n * 11) & 255, g = (y * 53 + n * 7) & 255, b = (x * y + n) & 255;
+      uint32_t a = (x + y * 3 + 100) & 255;
+      px[size_t(y) * w + x] = a << 24 | r << 16 | g << 8 | b;
+    }
+  return px;
+}
+
+std::vector<uint8_t> ReadAll(const std::string& name) {
+  std::ifstream in(name, std::ios::binary);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+uint32_t Le32(const std::vector<uint8_t>& d, size_t at) {
+  if (at + 4 > d.size()) return 0;
+  return d[at] | d[at + 1] << 8 | d[at + 2] << 16 | uint32_t(d[at + 3]) << 24;
+}
+uint32_t Le16(const std::vector<uint8_t>& d, size_t at) { return d[at] | d[at + 1] << 8; }
+uint64_t Le64(const std::vector<uint8_t>& d, size_t at) {
+  return Le32(d, at) | uint64_t(Le32(d, at + 4)) << 32;
+}
+uint32_t Fcc(const char* t) { return t[0] | t[1] << 8 | t[2] << 16 | uint32_t(uint8_t(t[3])) << 24; }
+
+std::vector<uint32_t> ReadImage(const std::string& name, int* w, int* h) {
+  ImageFile* f = ImageFileOpen(name.c_str(), nullptr);
+  if (!f) return {};
+  *w = ImageFileInfo(f)->width;
+  *h = ImageFileInfo(f)->height;
+  std::vector<uint32_t> px(size_t(*w) * *h);
+  ImagePixels dest{px.data(), *w * 4, *w, *h, IMAGE_PIXELS_ARGB32};
+  bool ok = ImageFileReadFrame(f, 0, &dest, nullptr);
+  ImageFileClose(f);
+  return ok ? px : std::vector<uint32_t>{};
+}
+
+// ---- Series names --------------------------------------------------------------------------
+
+TEST(OutputSeriesPatternTest, NumberFieldGrowsWithFrameCount) {
+  char p[256];
+  const struct {
+    int frames;
+    const char* want;
+  } cases[] = {{1, "out.PNG"},      {0, "out.PNG"},       {2, "out%01i.PNG"},  {9, "out%01i.PNG"},
+               {10, "out%02i.PNG"}, {99, "out%02i.PNG"},  {100, "out%03i.PNG"}, {1000, "out%04i.PNG"},
+               {9999, "out%04i.PNG"}, {10000, "out%05i.PNG"}, {250000, "out%05i.PNG"}};
+  for (const auto& c : cases) {
+    ASSERT_TRUE(OutputSeriesPattern(p, sizeof p, "out.PNG", c.frames));
+    EXPECT_STREQ(p, c.want) << c.frames;
+  }
+}
+
+TEST(OutputSeriesPatternTest, EveryExtensionOccurrenceGoesAndPercentIsEscaped) {
+  char p[256];
+  ASSERT_TRUE(OutputSeriesPattern(p, sizeof p, "a.png/shot.PNGx.png", 11));
+  EXPECT_STREQ(p, "a/shotx%02i.png");
+  ASSERT_TRUE(OutputSeriesPattern(p, sizeof p, "100%.tga", 3));
+  EXPECT_STREQ(p, "100%%%01i.tga");
+  char name[64];
+  std::snprintf(name, sizeof name, p, 2);
+  EXPECT_STREQ(name, "100%2.tga");
+  EXPECT_FALSE(OutputSeriesPattern(p, 5, "long_name.png", 3));
+}
+
+// ---- Still images ----------------------------------------------------------------------------
+
+TEST_F(OutputTest, PngSeriesNamesAndPixelsWithAlpha) {
+  const int w = 7, h = 5;
+  OutputWriter* out = OutputOpen(Path("clip.png").c_str(), 11, 30, 1, w, h, w, Record,
+                                 OutputFlagAlpha, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->kind, OutputKindPng);
+  EXPECT_EQ(out->keep_alpha, 1);
+  EXPECT_EQ(OutputSoundWanted(out, 44100, 16, 2), 0u);
+  for (int n = 0; n < 11; ++n) ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
+  EXPECT_EQ(std::string(out->status), Path("clip00.png") + " to " + Path("clip10.png"));
+  uint64_t total = OutputClose(out);
+  uint64_t sum = 0;
+  for (int n = 0; n < 11; ++n) {
+    char name[32];
+    std::snprintf(name, sizeof name, "clip%02d.png", n);
+    int rw = 0, rh = 0;
+    auto px = ReadImage(Path(name), &rw, &rh);
+    ASSERT_EQ(px, Frame(w, h, n)) << name;
+    sum += fs::file_size(Path(name));
+  }
+  EXPECT_EQ(total, sum);
+  EXPECT_FALSE(fs::exists(Path("clip11.png")));
+}
+
+TEST_F(OutputTest, OneFrameHasNoNumberAndBmpDropsAlpha) {
+  const int w = 4, h = 3;
+  OutputWriter* out =
+      OutputOpen(Path("still.BmP").c_str(), 1, 1, 1, w, h, w, Record, OutputFlagAlpha, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->keep_alpha, 0);
+  auto frame = Frame(w, h, 3);
+  ASSERT_EQ(OutputWriteFrame(out, frame.data(), nullptr), 1);
+  OutputClose(out);
+  int rw = 0, rh = 0;
+  auto px = ReadImage(Path("still.BmP"), &rw, &rh);
+  ASSERT_EQ(px.size(), frame.size());
+  for (size_t i = 0; i < px.size(); ++i) EXPECT_EQ(px[i], frame[i] | 0xFF000000u);
+}
+
+TEST_F(OutputTest, BottomUpFloatFramesTruncateAndClamp) {
+  const int w = 3, h = 2;
+  // Memory holds the bottom row first; the frame pointer is the top row with a negative pitch.
+  std::vector<float> mem = {
+      0.5f, 1.5f, -1.0f, 1.0f,  0.999f, 0.0f, 0.2f, 0.5f,  NAN, 0.1f, 0.9f, 1.0f,  // bottom
+      1.0f, 0.0f, 0.0f, 1.0f,  0.0f, 1.0f, 0.0f, 1.0f,  0.0f, 0.0f, 1.0f, 1.0f};    // top
+  OutputWriter* out = OutputOpen(Path("f.tga").c_str(), 1, 1, 1, w, h, -w, Record,
+                                 OutputFlagFloat | OutputFlagAlpha, &options);
+  ASSERT_NE(out, nullptr);
+  ASSERT_EQ(OutputWriteFrame(out, mem.data() + w * 4, nullptr), 1);
+  OutputClose(out);
+  int rw = 0, rh = 0;
+  auto px = ReadImage(Path("f.tga"), &rw, &rh);
+  ASSERT_EQ(px.size(), 6u);
+  EXPECT_EQ(px[0], 0xFFFF0000u);
+  EXPECT_EQ(px[1], 0xFF00FF00u);
+  EXPECT_EQ(px[2], 0xFF0000FFu);
+  EXPECT_EQ(px[3], 0xFF7FFF00u);  // 0.5 -> 127, 1.5 -> 255, -1 -> 0
+  EXPECT_EQ(px[4], 0x7FFE0033u);  // 0.999 -> 254, 0.2 -> 51, alpha 0.5 -> 127
+  EXPECT_EQ(px[5], 0xFF0019E5u);  // NaN -> 0, 0.1 -> 25, 0.9 -> 229
+}
+
+TEST_F(OutputTest, ExrTakesIntegerFramesThroughTheGammaCurve) {
+  const int w = 4, h = 2;
+  auto frame = Frame(w, h, 1);
+  OutputWriter* out =
+      OutputOpen(Path("hdr.exr").c_str(), 1, 1, 1, w, h, w, Record, OutputFlagAlpha, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->float_output, 1);
+  ASSERT_EQ(OutputWriteFrame(out, frame.data(), nullptr), 1);
+  OutputClose(out);
+  ImageFile* f = ImageFileOpen(Path("hdr.exr").c_str(), nullptr);
+  ASSERT_NE(f, nullptr);
+  std::vector<float> px(w * h * 4);
+  ImagePixels dest{px.data(), w * 16, w, h, IMAGE_PIXELS_FLOAT};
+  ASSERT_TRUE(ImageFileReadFrame(f, 0, &dest, nullptr));
+  ImageFileClose(f);
+  for (int i = 0; i < w * h; ++i) {
+    const uint32_t p = frame[i];
+    EXPECT_NEAR(px[4 * i + 0], std::pow(((p >> 16) & 255) / 255.0, 2.2), 1e-3);
+    EXPECT_NEAR(px[4 * i + 2], std::pow((p & 255) / 255.0, 2.2), 1e-3);
+    EXPECT_NEAR(px[4 * i + 3], (p >> 24) / 255.0, 1e-3);
+  }
+}
+
+TEST_F(OutputTest, JpegSeriesUsesTheGivenQuality) {
+  const int w = 16, h = 16;
+  std::vector<uint32_t> flat(w * h, 0xFF336699u);
+  options.jpeg_level = 95;
+  OutputWriter* out = OutputOpen(Path("q.jpg").c_str(), 2, 1, 1, w, h, w, Record, 0, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->jpeg_level, 95);
+  ASSERT_EQ(OutputWriteFrame(out, flat.data(), nullptr), 1);
+  ASSERT_EQ(OutputWriteFrame(out, flat.data(), nullptr), 1);
+  OutputClose(out);
+  int rw = 0, rh = 0;
+  auto px = ReadImage(Path("q1.jpg"), &rw, &rh);
+  ASSERT_EQ(px.size(), flat.size());
+  for (int c = 0; c < 24; c += 8)
+    EXPECT_NEAR(int((px[40] >> c) & 255), int((flat[0] >> c) & 255), 3);
+}
+
+// ---- Refusals --------------------------------------------------------------------------------
+
+TEST_F(OutputTest, UnsupportedTypesAndDepthsAreRefused) {
+  const char* names[] = {"a.gif", "a.xyz", "noext", "a.flc"};
+  for (const char* n : names) {
+    g_said.clear();
+    EXPECT_EQ(OutputOpen(Path(n).c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options), nullptr) << n;
+    ASSERT_EQ(g_said.size(), 1u) << n;
+    EXPECT_EQ(g_said[0].text, "Unsupported output file type or color depth.");
+    EXPECT_EQ(g_said[0].level, 2);
+  }
+  // Palette frames (8-bit) are not taken by any writer yet.
+  g_said.clear();
+  EXPECT_EQ(OutputOpen(Path("p.png").c_str(), 5, 1, 1, 4, 4, 4, Record,
+                       OutputFlagFloat | OutputFlagPalette, &options),
+            nullptr);
+  ASSERT_EQ(g_said.size(), 1u);
+  EXPECT_EQ(g_said[0].level, 2);
+  // Flag 1 keeps it quiet.
+  g_said.clear();
+  EXPECT_EQ(OutputOpen(Path("a.gif").c_str(), 5, 1, 1, 4, 4, 4, Record, OutputFlagQuietUnknown,
+                       &options),
+            nullptr);
+  EXPECT_TRUE(g_said.empty());
+  EXPECT_TRUE(fs::is_empty(dir));
+}
+
+TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
+  { std::ofstream(Path("old.avi")) << "keep"; }
+  { std::ofstream(Path("seq0.png")) << "keep"; }
+  ask.answer = false;
+  EXPECT_EQ(OutputOpen(Path("old.avi").c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options), nullptr);
+  EXPECT_EQ(OutputOpen(Path("seq.png").c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options), nullptr);
+  ASSERT_EQ(ask.questions.size(), 2u);
+  EXPECT_EQ(ask.questions[0], "File " + Path("old.avi") + " exists, overwrite?");
+  EXPECT_EQ(ask.questions[1], "File " + Path("seq0.png") + " exists, overwrite?");
+  ASSERT_EQ(g_said.size(), 2u);
+  EXPECT_EQ(g_said[0].level, 3);
+  EXPECT_EQ(ReadAll(Path("old.avi")).size(), 4u);
+  // No question for a new name, nor with flag 2; a yes replaces the file.
+  EXPECT_NE(OutputOpen(Path("new.avi").c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options), nullptr);
+  OutputWriter* out =
+      OutputOpen(Path("old.avi").c_str(), 5, 1, 1, 4, 4, 4, Record, OutputFlagPromptDone, &options);
+  ASSERT_NE(out, nullptr);
+  OutputClose(out);
+  EXPECT_EQ(ask.questions.size(), 2u);
+  ask.answer = true;
+  out = OutputOpen(Path("seq.png").c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options);
+  EXPECT_NE(out, nullptr);
+  EXPECT_EQ(ask.questions.size(), 3u);
+  OutputClose(out);
+}
+
+// ---- AVI -------------------------------------------------------------------------------------
+
+struct Chunk {
+  uint32_t id;
+  uint64_t at;  // header position
+  uint32_t size;
+  uint32_t listType;
+};
+
+// The chunks directly inside [begin, end), with sizes checked against the bounds.
+std::vector<Chunk> Chunks(const std::vector<uint8_t>& d, uint64_t begin, uint64_t end) {
+  std::vector<Chunk> out;
+  uint64_t at = begin;
+  while (at + 8 <= end) {
+    Chunk c{Le32(d, at), at, Le32(d, at + 4), 0};
+    EXPECT_LE(at + 8 + c.size, end) << "chunk overruns its parent at " << at;
+    if (c.id == Fcc("LIST") || c.id == Fcc("RIFF")) c.listType = Le32(d, at + 8);
+    out.push_back(c);
+    at += 8 + c.size + (c.size & 1);
+  }
+  EXPECT_EQ(at, end);
+  return out;
+}
+
+const Chunk* Find(const std::vector<Chunk>& cs, const char* id, const char* list = nullptr) {
+  for (const Chunk& c : cs)
+    if (c.id == Fcc(id) && (!list || c.listType == Fcc(list))) return &c;
+  return nullptr;
+}
+
+struct ParsedAvi {
+  std::vector<uint8_t> d;
+  std::vector<Chunk> riffs;
+  std::vector<Chunk> hdrl, videoStrl, soundStrl;
+  std::vector<Chunk> movi;  // of the first RIFF
+  uint64_t moviAt = 0;
+  std::vector<Chunk> idx1Entries;  // id, at = offset field, size
+};
+
+ParsedAvi ParseAvi(const std::string& name) {
+  ParsedAvi a;
+  a.d = ReadAll(name);
+  a.riffs = Chunks(a.d, 0, a.d.size());
+  if (a.riffs.empty()) return a;
+  EXPECT_EQ(a.riffs[0].listType, Fcc("AVI "));
+  auto top = Chunks(a.d, 12, a.riffs[0].at + 8 + a.riffs[0].size);
+  const Chunk* hdrl = Find(top, "LIST", "hdrl");
+  const Chunk* movi = Find(top, "LIST", "movi");
+  const Chunk* idx1 = Find(top, "idx1");
+  if (!hdrl || !movi || !idx1) {
+    ADD_FAILURE() << "missing hdrl, movi or idx1";
+    return a;
+  }
+  a.hdrl = Chunks(a.d, hdrl->at + 12, hdrl->at + 8 + hdrl->size);
+  int strl = 0;
+  for (const Chunk& c : a.hdrl)
+    if (c.listType == Fcc("strl")) {
+      auto inner = Chunks(a.d, c.at + 12, c.at + 8 + c.size);
+      (strl++ == 0 ? a.videoStrl : a.soundStrl) = inner;
+    }
+  a.moviAt = movi->at;
+  a.movi = Chunks(a.d, movi->at + 12, movi->at + 8 + movi->size);
+  for (uint64_t at = idx1->at + 8; at + 16 <= idx1->at + 8 + idx1->size; at += 16)
+    a.idx1Entries.push_back({Le32(a.d, at), Le32(a.d, at + 8), Le32(a.d, at + 12), Le32(a.d, at + 4)});
+  return a;
+}
+
+TEST_F(OutputTest, AviRawFramesSoundHeadersAndIndex) {
+  const int w = 5, h = 3, frames = 4;  // odd width: rows padded to 4 bytes
+  options.codec = OutputCodecRaw;
+  OutputWriter* out = OutputOpen(Path("clip.avi").c_str(), frames, 30000, 1001, w, h, w, Record,
+                                 0, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->takes_sound, 1);
+  std::vector<uint8_t> sound;
+  std::vector<uint32_t> wanted;
+  for (int n = 0; n < frames; ++n) {
+    ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
+    uint32_t want = OutputSoundWanted(out, 22050, 16, 2);
+    wanted.push_back(want);
+    std::vector<uint8_t> chunk(want);
+    for (uint32_t i = 0; i < want; ++i) chunk[i] = uint8_t(sound.size() + i);
+    ASSERT_EQ(OutputWriteSound(out, chunk.data(), want), 1);
+    sound.insert(sound.end(), chunk.begin(), chunk.end());
+  }
+  // Lead of three quarters of a second (16540 samples), then a frame's worth, capped by the
+  // allowance of 4 frames: 88200 * 1001 * 4 / 30000 = 11771.76 -> 11768 bytes.
+  EXPECT_EQ(wanted[0], 11768u);
+  EXPECT_EQ(wanted[1], 0u);
+  const uint64_t bytes = OutputClose(out);
+
+  ParsedAvi a = ParseAvi(Path("clip.avi"));
+  ASSERT_EQ(a.riffs.size(), 1u);
+  EXPECT_EQ(bytes, a.d.size());
+  EXPECT_EQ(a.riffs[0].size + 8u, a.d.size());
+  const Chunk* avih = Find(a.hdrl, "avih");
+  ASSERT_NE(avih, nullptr);
+  EXPECT_EQ(Le32(a.d, avih->at + 8), 33366u);  // microseconds a frame
+  EXPECT_EQ(Le32(a.d, avih->at + 8 + 16), uint32_t(frames));
+  EXPECT_EQ(Le32(a.d, avih->at + 8 + 24), 2u);  // streams
+  EXPECT_EQ(Le32(a.d, avih->at + 8 + 32), uint32_t(w));
+  EXPECT_EQ(Le32(a.d, avih->at + 8 + 36), uint32_t(h));
+  const Chunk* strh = Find(a.videoStrl, "strh");
+  ASSERT_NE(strh, nullptr);
+  EXPECT_EQ(Le32(a.d, strh->at + 8), Fcc("vids"));
+  EXPECT_EQ(Le32(a.d, strh->at + 8 + 20), 1001u);   // scale
+  EXPECT_EQ(Le32(a.d, strh->at + 8 + 24), 30000u);  // rate
+  EXPECT_EQ(Le32(a.d, strh->at + 8 + 32), uint32_t(frames));
+  const Chunk* strf = Find(a.videoStrl, "strf");
+  ASSERT_NE(strf, nullptr);
+  EXPECT_EQ(Le32(a.d, strf->at + 8 + 4), uint32_t(w));
+  EXPECT_EQ(Le32(a.d, strf->at + 8 + 8), uint32_t(h));
+  EXPECT_EQ(Le16(a.d, strf->at + 8 + 14), 24u);
+  const Chunk* sstrh = Find(a.soundStrl, "strh");
+  const Chunk* sstrf = Find(a.soundStrl, "strf");
+  ASSERT_TRUE(sstrh && sstrf);
+  EXPECT_EQ(Le32(a.d, sstrh->at + 8), Fcc("auds"));
+  EXPECT_EQ(Le32(a.d, sstrh->at + 8 + 20), 4u);       // block align
+  EXPECT_EQ(Le32(a.d, sstrh->at + 8 + 24), 88200u);   // bytes a second
+  EXPECT_EQ(Le32(a.d, sstrh->at + 8 + 32), 11768u / 4);
+  EXPECT_EQ(sstrf->size, 18u);
+  EXPECT_EQ(Le16(a.d, sstrf->at + 8), 1u);
+  EXPECT_EQ(Le16(a.d, sstrf->at + 10), 2u);
+  EXPECT_EQ(Le32(a.d, sstrf->at + 12), 22050u);
+  EXPECT_EQ(Le16(a.d, sstrf->at + 22), 16u);
+
+  // idx1: offsets from the 'movi' word point at chunks of the given id and size.
+  ASSERT_EQ(a.idx1Entries.size(), size_t(frames + 1));
+  int video = 0;
+  std::vector<uint8_t> soundBack;
+  for (const Chunk& e : a.idx1Entries) {
+    const uint64_t at = a.moviAt + 8 + e.at;
+    ASSERT_EQ(Le32(a.d, at), e.id);
+    ASSERT_EQ(Le32(a.d, at + 4), e.size);
+    if (e.id == Fcc("00db")) {
+      EXPECT_EQ(e.listType, 0x10u);
+      ASSERT_EQ(e.size, 16u * h);
+      auto frame = Frame(w, h, video++);
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          const uint8_t* p = &a.d[at + 8 + (h - 1 - y) * 16 + x * 3];
+          const uint32_t q = frame[y * w + x];
+          ASSERT_EQ(p[0] | p[1] << 8 | p[2] << 16, int(q & 0xFFFFFF));
+        }
+    } else {
+      ASSERT_EQ(e.id, Fcc("01wb"));
+      soundBack.insert(soundBack.end(), a.d.begin() + at + 8, a.d.begin() + at + 8 + e.size);
+    }
+  }
+  EXPECT_EQ(video, frames);
+  EXPECT_EQ(soundBack, sound);
+}
+
+TEST_F(OutputTest, AviKeepsAlphaAsBgra) {
+  const int w = 2, h = 2;
+  OutputWriter* out =
+      OutputOpen(Path("a.avi").c_str(), 1, 25, 1, w, h, w, Record, OutputFlagAlpha, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->keep_alpha, 1);
+  auto frame = Frame(w, h, 0);
+  ASSERT_EQ(OutputWriteFrame(out, frame.data(), nullptr), 1);
+  OutputClose(out);
+  ParsedAvi a = ParseAvi(Path("a.avi"));
+  EXPECT_EQ(Le16(a.d, Find(a.videoStrl, "strf")->at + 8 + 14), 32u);
+  ASSERT_EQ(a.idx1Entries.size(), 1u);
+  const uint64_t at = a.moviAt + 8 + a.idx1Entries[0].at + 8;
+  EXPECT_EQ(Le32(a.d, at), frame[2]);  // bottom row first
+  EXPECT_EQ(Le32(a.d, at + 12), frame[1]);
+}
+
+TEST_F(OutputTest, AviMotionJpegFramesDecode) {
+  const int w = 24, h = 16;
+  options.codec = OutputCodecMjpeg;
+  options.jpeg_level = 98;
+  OutputWriter* out = OutputOpen(Path("m.avi").c_str(), 3, 25, 1, w, h, w, Record,
+                                 OutputFlagAlpha, &options);
+  ASSERT_NE(out, nullptr);
+  EXPECT_EQ(out->keep_alpha, 0);
+  std::vector<uint32_t> flat[3];
+  for (int n = 0; n < 3; ++n) {
+    flat[n].assign(w * h, 0xFF000000u | uint32_t(n * 80) << 16 | 0x4080);
+    ASSERT_EQ(OutputWriteFrame(out, flat[n].data(), nullptr), 1);
+  }
+  OutputClose(out);
+  ParsedAvi a = ParseAvi(Path("m.avi"));
+  EXPECT_EQ(Le32(a.d, Find(a.videoStrl, "strh")->at + 12), Fcc("MJPG"));
+  EXPECT_EQ(Le32(a.d, Find(a.videoStrl, "strf")->at + 8 + 16), Fcc("MJPG"));
+  ASSERT_EQ(a.idx1Entries.size(), 3u);
+  for (int n = 0; n < 3; ++n) {
+    const Chunk& e = a.idx1Entries[n];
+    EXPECT_EQ(e.id, Fcc("00dc"));
+    const uint64_t at = a.moviAt + 8 + e.at + 8;
+    ImageFile* f = ImageFileOpenMemoryAs(&a.d[at], e.size, IMAGE_FORMAT_JPEG, nullptr);
+    ASSERT_NE(f, nullptr);
+    std::vector<uint32_t> px(w * h);
+    ImagePixels dest{px.data(), w * 4, w, h, IMAGE_PIXELS_ARGB32};
+    ASSERT_TRUE(ImageFileReadFrame(f, 0, &dest, nullptr));
+    ImageFileClose(f);
+    for (int c = 0; c < 24; c += 8)
+      EXPECT_NEAR(int((px[100] >> c) & 255), int((flat[n][0] >> c) & 255), 3);
+  }
+}
+
+// A tiny RIFF limit forces AVIX segments; every piece of the OpenDML index must agree.
+TEST_F(OutputTest, AviOpenDmlSegmentsAndIndexes) {
+  const int w = 16, h = 16, frames = 60;
+  const uint64_t limit = 16 * 1024;
+  options.riff_limit = limit;
+  options.index_capacity = 16;
+  OutputWriter* out =
+      OutputOpen(Path("big.avi").c_str(), frames, 25, 1, w, h, w, Record, 0, &options);
+  ASSERT_NE(out, nullptr);
+  uint64_t soundBytes = 0;
+  for (int n = 0; n < frames; ++n) {
+    ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
+    uint32_t want = OutputSoundWanted(out, 8000, 8, 1);
+    std::vector<uint8_t> s(want, uint8_t(n));
+    ASSERT_EQ(OutputWriteSound(out, s.data(), want), 1);
+    soundBytes += want;
+  }
+  EXPECT_EQ(soundBytes, 8000u * frames / 25);
+  OutputClose(out);
+
+  ParsedAvi a = ParseAvi(Path("big.avi"));
+  ASSERT_GE(a.riffs.size(), 4u);
+  for (size_t i = 0; i < a.riffs.size(); ++i) {
+    EXPECT_LE(a.riffs[i].size + 8u, limit) << i;
+    EXPECT_EQ(a.riffs[i].listType, Fcc(i ? "AVIX" : "AVI ")) << i;
+  }
+  const uint32_t firstFrames = Le32(a.d, Find(a.hdrl, "avih")->at + 8 + 16);
+  uint32_t moviFrames = 0;
+  for (const Chunk& c : a.movi) moviFrames += c.id == Fcc("00db");
+  EXPECT_EQ(firstFrames, moviFrames);
+  EXPECT_LT(firstFrames, uint32_t(frames));
+  const Chunk* odml = Find(a.hdrl, "LIST", "odml");
+  ASSERT_NE(odml, nullptr);
+  EXPECT_EQ(Le32(a.d, odml->at + 12 + 8), uint32_t(frames));
+
+  // Super indexes: one entry per segment, each pointing at an ix chunk whose entries point at
+  // the data of chunks of the stream, in order, covering every frame and sound byte.
+  const struct {
+    std::vector<Chunk>* strl;
+    const char* chunkId;
+    const char* ixId;
+    uint64_t total;  // frames, or sound bytes (= samples at 8-bit mono)
+  } streams[] = {{&a.videoStrl, "00db", "ix00", uint64_t(frames)},
+                 {&a.soundStrl, "01wb", "ix01", soundBytes}};
+  for (const auto& s : streams) {
+    const Chunk* indx = Find(*s.strl, "indx");
+    ASSERT_NE(indx, nullptr);
+    const uint64_t b = indx->at + 8;
+    EXPECT_EQ(Le16(a.d, b), 4u);
+    EXPECT_EQ(a.d[b + 3], 0);
+    const uint32_t used = Le32(a.d, b + 4);
+    EXPECT_EQ(Le32(a.d, b + 8), Fcc(s.chunkId));
+    // Sound runs ahead by its lead and ends early: it may miss the last segments.
+    if (s.total == uint64_t(frames))
+      EXPECT_EQ(used, a.riffs.size());
+    else
+      EXPECT_LE(used, a.riffs.size());
+    uint64_t duration = 0, entries = 0, payload = 0;
+    int frameNo = 0;
+    for (uint32_t i = 0; i < used; ++i) {
+      const uint64_t ix = Le64(a.d, b + 24 + 16 * i);
+      const uint32_t ixSize = Le32(a.d, b + 24 + 16 * i + 8);
+      duration += Le32(a.d, b + 24 + 16 * i + 12);
+      ASSERT_EQ(Le32(a.d, ix), Fcc(s.ixId));
+      ASSERT_EQ(Le32(a.d, ix + 4) + 8, ixSize);
+      // The ix chunk lies inside a segment, after those of the earlier entries.
+      size_t seg = 0;
+      while (seg + 1 < a.riffs.size() && a.riffs[seg + 1].at < ix) ++seg;
+      EXPECT_GE(seg, i);
+      EXPECT_LT(ix, a.riffs[seg].at + 8 + a.riffs[seg].size);
+      EXPECT_EQ(a.d[ix + 11], 1);  // index of chunks
+      const uint32_t n = Le32(a.d, ix + 12);
+      EXPECT_EQ(Le32(a.d, ix + 16), Fcc(s.chunkId));
+      const uint64_t base = Le64(a.d, ix + 20);
+      EXPECT_EQ(base, a.riffs[seg].at);
+      for (uint32_t k = 0; k < n; ++k) {
+        const uint64_t dataAt = base + Le32(a.d, ix + 32 + 8 * k);
+        const uint32_t size = Le32(a.d, ix + 36 + 8 * k);
+        ASSERT_EQ(size & 0x80000000u, 0u);
+        ASSERT_EQ(Le32(a.d, dataAt - 8), Fcc(s.chunkId));
+        ASSERT_EQ(Le32(a.d, dataAt - 4), size);
+        if (s.total == uint64_t(frames)) {
+          auto frame = Frame(w, h, frameNo++);
+          const uint32_t q = frame[(h - 1) * w];  // first stored row is the bottom one
+          ASSERT_EQ(a.d[dataAt] | a.d[dataAt + 1] << 8 | a.d[dataAt + 2] << 16, int(q & 0xFFFFFF));
+        }
+        payload += size;
+        ++entries;
+      }
+    }
+    if (s.total == uint64_t(frames)) {
+      EXPECT_EQ(entries, uint64_t(frames));
+      EXPECT_EQ(duration, uint64_t(frames));
+    } else {
+      EXPECT_EQ(payload, s.total);
+      EXPECT_EQ(duration, s.total);
+    }
+  }
+}
+
+TEST_F(OutputTest, AviFullSuperIndexFailsTheWrite) {
+  options.riff_limit = 4096;
+  options.index_capacity = 2;
+  OutputWriter* out = OutputOpen(Path("f.avi").c_str(), 40, 25, 1, 32, 32, 32, Record, 0, &options);
+  ASSERT_NE(out, nullptr);
+  auto frame = Frame(32, 32, 0);  // 3 KiB a frame: one frame a segment
+  int ok = 1, written = 0;
+  while (ok && written < 40) ok = OutputWriteFrame(out, frame.data(), nullptr), written += ok;
+  EXPECT_EQ(ok, 0);
+  EXPECT_EQ(written, 2);
+  EXPECT_EQ(out->failed, 1);
+  EXPECT_EQ(OutputClose(out), 0u);
+}
+
+// ---- y4m -------------------------------------------------------------------------------------
+
+// BT.601 studio range from the defining equations.
+double ModelY(uint32_t p) {
+  return 16 + (65.481 * ((p >> 16) & 255) + 128.553 * ((p >> 8) & 255) + 24.966 * (p & 255)) / 255;
+}
+double ModelCb(uint32_t p) {
+  return 128 + (-37.797 * ((p >> 16) & 255) - 74.203 * ((p >> 8) & 255) + 112.0 * (p & 255)) / 255;
+}
+double ModelCr(uint32_t p) {
+  return 128 + (112.0 * ((p >> 16) & 255) - 93.786 * ((p >> 8) & 255) - 18.214 * (p & 255)) / 255;
+}
+
+void CheckY4m(const std::vector<uint8_t>& d, int w, int h, int frames, bool full,
+              const std::string& header) {
+  ASSERT_GE(d.size(), header.size());
+  ASSERT_EQ(std::string(d.begin(), d.begin() + header.size()), header);
+  const int cw = full ? w : (w + 1) / 2, ch = full ? h : (h + 1) / 2;
+  const size_t frameBytes = size_t(w) * h + 2 * size_t(cw) * ch;
+  ASSERT_EQ(d.size(), header.size() + frames * (6 + frameBytes));
+  for (int n = 0; n < frames; ++n) {
+    const size_t at = header.size() + n * (6 + frameBytes);
+    ASSERT_EQ(std::string(d.begin() + at, d.begin() + at + 6), "FRAME\n");
+    const uint8_t* y = &d[at + 6];
+    const uint8_t* cb = y + w * h;
+    const uint8_t* cr = cb + cw * ch;
+    auto frame = Frame(w, h, n);
+    for (int i = 0; i < w * h; ++i) ASSERT_NEAR(y[i], ModelY(frame[i]), 1.0) << i;
+    for (int cy = 0; cy < ch; ++cy)
+      for (int cx = 0; cx < cw; ++cx) {
+        double sb = 0, sr = 0;
+        int count = 0;
+        const int step = full ? 1 : 2;
+        for (int yy = cy * step; yy < std::min(cy * step + step, h); ++yy)
+          for (int xx = cx * step; xx < std::min(cx * step + step, w); ++xx) {
+            sb += ModelCb(frame[yy * w + xx]);
+            sr += ModelCr(frame[yy * w + xx]);
+            ++count;
+          }
+        ASSERT_NEAR(cb[cy * cw + cx], sb / count, 1.0) << cx << "," << cy;
+        ASSERT_NEAR(cr[cy * cw + cx], sr / count, 1.0) << cx << "," << cy;
+      }
+  }
+}
+
+TEST_F(OutputTest, Y4m420AndOddSizesMatchTheModel) {
+  const int w = 7, h = 5;
+  OutputWriter* out = OutputOpen(Path("v.Y4M").c_str(), 2, 24000, 1001, w, h, w, Record, 0, &options);
+  ASSERT_NE(out, nullptr);
+  for (int n = 0; n < 2; ++n) ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
+  const uint64_t bytes = OutputClose(out);
+  auto d = ReadAll(Path("v.Y4M"));
+  EXPECT_EQ(bytes, d.size());
+  CheckY4m(d, w, h, 2, false, "YUV4MPEG2 W7 H5 F24000:1001 Ip A1:1 C420jpeg\n");
+}
+
+TEST_F(OutputTest, Y4m444ToStandardOutput) {
+  const int w = 6, h = 4;
+  options.y4m_chroma = 444;
+  const std::string file = Path("stdout.y4m");
+  std::fflush(stdout);
+  const int saved = dup(1);
+  FILE* sink = std::fopen(file.c_str(), "wb");
+  ASSERT_NE(sink, nullptr);
+  dup2(fileno(sink), 1);
+  OutputWriter* out = OutputOpen("-", 3, 25, 1, w, h, w, Record, 0, &options);
+  int ok = out != nullptr;
+  for (int n = 0; ok && n < 3; ++n) ok = OutputWriteFrame(out, Frame(w, h, n).data(), nullptr);
+  if (out) OutputClose(out);
+  std::fflush(stdout);
+  dup2(saved, 1);
+  close(saved);
+  std::fclose(sink);
+  ASSERT_TRUE(ok);
+  CheckY4m(ReadAll(file), w, h, 3, true, "YUV4MPEG2 W6 H4 F25:1 Ip A1:1 C444\n");
+}
+
+// ---- Wave files ------------------------------------------------------------------------------
+
+TEST_F(OutputTest, WaveHeaderLengthsAndData) {
+  WaveFile* wave = WaveCreate(Path("s.wav").c_str(), 44100, 16, 2, false);
+  ASSERT_NE(wave, nullptr);
+  std::vector<uint8_t> data(50001);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7);
+  ASSERT_TRUE(WaveWrite(wave, data.data(), 20000));
+  ASSERT_TRUE(WaveWrite(wave, data.data() + 20000, data.size() - 20000));
+  EXPECT_EQ(WaveClose(wave), 44u + data.size());
+  auto d = ReadAll(Path("s.wav"));
+  ASSERT_EQ(d.size(), 44u + data.size());
+  EXPECT_EQ(Le32(d, 0), Fcc("RIFF"));
+  EXPECT_EQ(Le32(d, 4), d.size() - 8);
+  EXPECT_EQ(Le32(d, 8), Fcc("WAVE"));
+  EXPECT_EQ(Le32(d, 12), Fcc("fmt "));
+  EXPECT_EQ(Le32(d, 16), 16u);
+  EXPECT_EQ(Le16(d, 20), 1u);
+  EXPECT_EQ(Le16(d, 22), 2u);
+  EXPECT_EQ(Le32(d, 24), 44100u);
+  EXPECT_EQ(Le32(d, 28), 176400u);
+  EXPECT_EQ(Le16(d, 32), 4u);
+  EXPECT_EQ(Le16(d, 34), 16u);
+  EXPECT_EQ(Le32(d, 36), Fcc("data"));
+  EXPECT_EQ(Le32(d, 40), data.size());
+  EXPECT_TRUE(std::equal(data.begin(), data.end(), d.begin() + 44));
+
+  WaveFile* raw = WaveCreate(Path("s.raw").c_str(), 8000, 8, 1, true);
+  ASSERT_NE(raw, nullptr);
+  ASSERT_TRUE(WaveWrite(raw, data.data(), 10));
+  EXPECT_EQ(WaveClose(raw), 10u);
+  EXPECT_EQ(ReadAll(Path("s.raw")), std::vector<uint8_t>(data.begin(), data.begin() + 10));
+  EXPECT_EQ(WaveCreate(Path("bad.wav").c_str(), 8000, 12, 1, false), nullptr);
+  EXPECT_EQ(WaveCreate((dir / "missing" / "x.wav").string().c_str(), 8000, 8, 1, false), nullptr);
+}
+
+}  // namespace
