@@ -269,8 +269,10 @@ TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
   EXPECT_EQ(g_said[0].level, 3);
   EXPECT_EQ(ReadAll(Path("old.avi")).size(), 4u);
   // No question for a new name, nor with flag 2; a yes replaces the file.
-  EXPECT_NE(OutputOpen(Path("new.avi").c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options), nullptr);
-  OutputWriter* out =
+  OutputWriter* out = OutputOpen(Path("new.avi").c_str(), 5, 1, 1, 4, 4, 4, Record, 0, &options);
+  ASSERT_NE(out, nullptr);
+  OutputClose(out);
+  out =
       OutputOpen(Path("old.avi").c_str(), 5, 1, 1, 4, 4, 4, Record, OutputFlagPromptDone, &options);
   ASSERT_NE(out, nullptr);
   OutputClose(out);
