@@ -16,6 +16,7 @@
 #include "host/settings.h"
 #include "host/switches.h"
 #include "host/toolframe.h"
+#include "tools/ornsi.h"
 
 extern char** environ;
 
@@ -91,7 +92,7 @@ const ToolWordRow Table[] = {
     {{"velmo", "velmoc"}, "Velmoc", DispatchCompressor, "velmoc", nullptr, nullptr, nullptr, " /v100"},
     {{"velmo2c", "velmo2c64"}, "Velmo2c", DispatchCompressor, "velmoc", nullptr, nullptr, nullptr, " /v200"},
     {{"ornana"}, "ORNAna", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {{"ornsi"}, "ORNSI", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr},
+    {{"ornsi"}, "ORNSI", DispatchWindowTool, nullptr, nullptr, nullptr, OrnSystemInfoMain, nullptr},
     {{"tarvplw", "tarvply", "tarvplay"}, "TarvPlw", DispatchPalettePlayer, nullptr, nullptr, nullptr, nullptr, nullptr},
     {{nullptr}, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
 };
