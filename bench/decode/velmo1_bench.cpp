@@ -49,12 +49,12 @@ constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
 
 void FrameBench(benchmark::State& state, bool inter) {
   const uint32_t w = 640, h = 360, cw = 320, ch = 184;
-  Velmo1PlaneOptions o;
+  Velmo1EncPlaneOptions o;
   o.VlmK = true;
   o.ChooseTables = true;
-  const std::vector<uint8_t> section = Velmo1BuildSection(
-      false, false, {}, Velmo1BuildPlane(Velmo1MixedPlane(w, h, 1, inter), o),
-      Velmo1BuildPlane(Velmo1MixedPlane(cw, ch, 2, inter), o), Velmo1BuildPlane(Velmo1MixedPlane(cw, ch, 3, inter), o));
+  const std::vector<uint8_t> section = Velmo1EncBuildSection(
+      false, false, {}, Velmo1EncBuildPlane(Velmo1MixedPlane(w, h, 1, inter), o),
+      Velmo1EncBuildPlane(Velmo1MixedPlane(cw, ch, 2, inter), o), Velmo1EncBuildPlane(Velmo1MixedPlane(cw, ch, 3, inter), o));
   Velmo1TestFrames frames(w, h, cw, ch, false);
   uint32_t sizes[Velmo1BundleCount];
   Velmo1BundleSizes(w, sizes);

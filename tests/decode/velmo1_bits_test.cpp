@@ -36,8 +36,8 @@ TEST(Velmo1BitReader, BytesPastTheReadableSpanAreZero) {
   EXPECT_EQ(r.Pos, 16u);  // the position goes on counting
 }
 
-Velmo1Huffman Decode(const Velmo1Bits& bits) {
-  Velmo1BitWriter w;
+Velmo1Huffman Decode(const Velmo1EncBits& bits) {
+  Velmo1EncBitWriter w;
   w.Put(bits);
   const std::vector<uint8_t> bytes = w.Finish();
   Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size() + 4);
@@ -49,7 +49,7 @@ Velmo1Huffman Decode(const Velmo1Bits& bits) {
 std::vector<int> MapOf(const Velmo1Huffman& h) { return std::vector<int>(h.Map, h.Map + 16); }
 
 TEST(Velmo1Description, TableZeroIsTheIdentity) {
-  Velmo1Bits b;
+  Velmo1EncBits b;
   b.Put(0, 4);
   b.Put(0xF, 4);  // not part of the description
   const Velmo1Huffman h = Decode(b);
@@ -61,7 +61,7 @@ TEST(Velmo1Description, TableZeroIsTheIdentity) {
 }
 
 TEST(Velmo1Description, PrefixFormThenUnusedValuesAscending) {
-  Velmo1Bits b;
+  Velmo1EncBits b;
   b.Put(7, 4);   // table 7
   b.Put(1, 1);   // prefix form
   b.Put(2, 3);   // three entries
@@ -75,7 +75,7 @@ TEST(Velmo1Description, PrefixFormThenUnusedValuesAscending) {
 }
 
 TEST(Velmo1Description, PairsWithoutMerging) {
-  Velmo1Bits b;
+  Velmo1EncBits b;
   b.Put(2, 4);
   b.Put(0, 1);   // pairs
   b.Put(0, 2);   // no merges
@@ -84,7 +84,7 @@ TEST(Velmo1Description, PairsWithoutMerging) {
 }
 
 TEST(Velmo1Description, MergeReadsOnlyTheBitsItNeeds) {
-  Velmo1Bits b;
+  Velmo1EncBits b;
   b.Put(5, 4);
   b.Put(0, 1);
   b.Put(1, 2);  // one merge round: four lists of four
@@ -104,7 +104,7 @@ TEST(Velmo1Description, MergeReadsOnlyTheBitsItNeeds) {
   b.Put(0, 1);
   b.Put(1, 1);
   b.Put(0xA, 4);  // a sentinel that must not be consumed
-  Velmo1BitWriter w;
+  Velmo1EncBitWriter w;
   w.Put(b);
   const std::vector<uint8_t> bytes = w.Finish();
   Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size() + 4);
@@ -127,7 +127,7 @@ TEST(Velmo1Description, WriterFormsRoundTripForRandomMaps) {
     }
     const uint32_t table = 1 + rng() % 15;
     for (int form : {0, 1, 2}) {
-      const Velmo1Huffman h = Decode(Velmo1DescribeCode(table, map, form));
+      const Velmo1Huffman h = Decode(Velmo1EncDescribeCode(table, map, form));
       ASSERT_EQ(h.Table, table);
       ASSERT_EQ(MapOf(h), std::vector<int>(map, map + 16)) << "round " << round << " form " << form;
     }
@@ -135,7 +135,7 @@ TEST(Velmo1Description, WriterFormsRoundTripForRandomMaps) {
 }
 
 TEST(Velmo1Description, DamagedPrefixStillGivesSixteenValues) {
-  Velmo1Bits b;
+  Velmo1EncBits b;
   b.Put(4, 4);
   b.Put(1, 1);
   b.Put(7, 3);
@@ -148,7 +148,7 @@ TEST(Velmo1Description, DamagedPrefixStillGivesSixteenValues) {
 
 TEST(Velmo1Symbols, EveryCodeOfEveryTableDecodes) {
   for (uint32_t t = 0; t < 16; ++t) {
-    Velmo1BitWriter w;
+    Velmo1EncBitWriter w;
     for (uint32_t c = 0; c < 16; ++c) w.PutCode(t, 15 - c);
     const std::vector<uint8_t> bytes = w.Finish();
     Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size() + 4);

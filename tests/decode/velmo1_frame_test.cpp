@@ -17,16 +17,16 @@ constexpr uint8_t Before = 0x11;  // what the next set holds before decoding
 
 // A plane of ONE blocks with the given colours, and SKIP where the colour is negative.
 std::vector<uint8_t> Plane(uint32_t w, std::vector<std::vector<int>> rows, bool vlmk) {
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = w;
   for (const auto& row : rows) {
-    std::vector<Velmo1RawBlock> blocks;
-    for (int c : row) blocks.push_back(c < 0 ? Velmo1SkipBlock() : Velmo1OneBlock(uint8_t(c)));
+    std::vector<Velmo1EncRawBlock> blocks;
+    for (int c : row) blocks.push_back(c < 0 ? Velmo1EncSkipBlock() : Velmo1EncOneBlock(uint8_t(c)));
     p.Rows.push_back(blocks);
   }
-  Velmo1PlaneOptions o;
+  Velmo1EncPlaneOptions o;
   o.VlmK = vlmk;
-  return Velmo1BuildPlane(p, o);
+  return Velmo1EncBuildPlane(p, o);
 }
 
 struct FrameCase {
@@ -51,7 +51,7 @@ const std::vector<std::vector<int>> LumaRows = {{10, -1, 30, 40}, {50, 60, -1, 8
 
 TEST(Velmo1Frame, VlmkFrameWithConstantAlpha) {
   FrameCase c;
-  const auto section = Velmo1BuildSection(true, false, Velmo1ConstantAlphaPlane(0x99),
+  const auto section = Velmo1EncBuildSection(true, false, Velmo1EncConstantAlphaPlane(0x99),
                                           Plane(32, LumaRows, true), Plane(16, {{1, 2}}, true),
                                           Plane(16, {{3, -1}}, true));
   const uint32_t figure = c.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMk);
@@ -71,7 +71,7 @@ TEST(Velmo1Frame, VlmkFrameWithConstantAlpha) {
 TEST(Velmo1Frame, ChangeFigureTakesTheLeastChangedPlane) {
   FrameCase c;
   // N = 8 luma blocks. Y skips 2, Cr skips 1 (counts 4), Cb skips 2 (counts 8): S = 2.
-  const auto section = Velmo1BuildSection(false, false, {}, Plane(32, LumaRows, false),
+  const auto section = Velmo1EncBuildSection(false, false, {}, Plane(32, LumaRows, false),
                                           Plane(16, {{-1, 2}}, false), Plane(16, {{-1, -1}}, false));
   EXPECT_EQ(c.Decode(section, 0, 0, TagVLMi), 75u);
   EXPECT_EQ(c.At(VelmoPlaneCb, 15, 0), 0x62);
@@ -83,7 +83,7 @@ TEST(Velmo1Frame, ChangeFigureTakesTheLeastChangedPlane) {
 }
 
 TEST(Velmo1Frame, SkipFlagsLeavePlanesUntouched) {
-  const auto section = Velmo1BuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
+  const auto section = Velmo1EncBuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
                                           Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
                                           Plane(16, {{3, 4}}, false));
   FrameCase chroma;  // chroma and alpha left out, as the reader asks for luma alone
@@ -111,7 +111,7 @@ TEST(Velmo1Frame, SkipFlagsLeavePlanesUntouched) {
 TEST(Velmo1Frame, OldRevisionChainsPlanesWithoutAChromaWord) {
   FrameCase c;
   // Colours are sign-magnitude: 0x05 is 133, 0x85 is 123.
-  const auto section = Velmo1BuildSection(false, true, {}, Plane(32, {{5, 5, 5, 5}, {0x85, 5, 5, 5}}, false),
+  const auto section = Velmo1EncBuildSection(false, true, {}, Plane(32, {{5, 5, 5, 5}, {0x85, 5, 5, 5}}, false),
                                           Plane(16, {{0x10, 0x90}}, false), Plane(16, {{0x7F, 0xFF}}, false));
   c.Decode(section, Velmo1OldRevision, 0, TagVLMh);
   EXPECT_EQ(c.At(VelmoPlaneY, 0, 0), 133);
@@ -123,7 +123,7 @@ TEST(Velmo1Frame, OldRevisionChainsPlanesWithoutAChromaWord) {
 }
 
 TEST(Velmo1Frame, OffsetsOutsideTheSectionLeavePlanesAsTheyWere) {
-  auto section = Velmo1BuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
+  auto section = Velmo1EncBuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
                                     Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
                                     Plane(16, {{3, 4}}, false));
   // The alpha size word pointing past the section: alpha decodes, nothing after it does.
@@ -151,7 +151,7 @@ TEST(Velmo1Frame, OffsetsOutsideTheSectionLeavePlanesAsTheyWere) {
 TEST(Velmo1Frame, SingleBufferRingReadsAndWritesTheSameSet) {
   Velmo1TestFrames f(32, 16, 16, 8, false, 1);
   f.FillPlane(0, VelmoPlaneY, 0x44);
-  const auto section = Velmo1BuildSection(false, false, {}, Plane(32, LumaRows, false),
+  const auto section = Velmo1EncBuildSection(false, false, {}, Plane(32, LumaRows, false),
                                           Plane(16, {{1, 2}}, false), Plane(16, {{3, 4}}, false));
   EXPECT_EQ(Velmo1DecodeFrame(&f.Fb, section.data(), section.data() + section.size() + 4, nullptr, 0, 0,
                               TagVLMi),
@@ -164,7 +164,7 @@ TEST(Velmo1Frame, SingleBufferRingReadsAndWritesTheSameSet) {
 TEST(Velmo1Frame, SmallGivenBundleSizesAreRaised) {
   FrameCase c;
   uint32_t tiny[Velmo1BundleCount] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
-  const auto section = Velmo1BuildSection(false, false, {}, Plane(32, LumaRows, false),
+  const auto section = Velmo1EncBuildSection(false, false, {}, Plane(32, LumaRows, false),
                                           Plane(16, {{1, 2}}, false), Plane(16, {{3, 4}}, false));
   Velmo1DecodeFrame(&c.F.Fb, section.data(), section.data() + section.size() + 4, tiny, 0, 0, TagVLMi);
   EXPECT_EQ(c.At(VelmoPlaneY, 24, 8), 80);

@@ -30,11 +30,11 @@ void DecodeSafely(Velmo1TestFrames& f, const std::vector<uint8_t>& section, uint
 }
 
 std::vector<uint8_t> ValidFrame(uint32_t seed) {
-  Velmo1PlaneOptions k;
+  Velmo1EncPlaneOptions k;
   k.VlmK = true;
   k.ChooseTables = true;
-  auto plane = [&](uint32_t w, uint32_t h, uint32_t s) { return Velmo1BuildPlane(Velmo1MixedPlane(w, h, s, true), k); };
-  return Velmo1BuildSection(true, false, plane(64, 48, seed), plane(64, 48, seed + 1), plane(32, 24, seed + 2),
+  auto plane = [&](uint32_t w, uint32_t h, uint32_t s) { return Velmo1EncBuildPlane(Velmo1MixedPlane(w, h, s, true), k); };
+  return Velmo1EncBuildSection(true, false, plane(64, 48, seed), plane(64, 48, seed + 1), plane(32, 24, seed + 2),
                             plane(32, 24, seed + 3));
 }
 

@@ -50,14 +50,14 @@ struct PlaneFixture {
   size_t Consumed = 0;
 };
 
-Velmo1PlaneSpec OneRow(uint32_t width, std::vector<Velmo1RawBlock> blocks) {
-  Velmo1PlaneSpec p;
+Velmo1EncPlaneSpec OneRow(uint32_t width, std::vector<Velmo1EncRawBlock> blocks) {
+  Velmo1EncPlaneSpec p;
   p.Width = width;
   p.Rows.push_back(std::move(blocks));
   return p;
 }
 
-std::vector<uint8_t> Build(const Velmo1PlaneSpec& p, Velmo1PlaneOptions o = {}) { return Velmo1BuildPlane(p, o); }
+std::vector<uint8_t> Build(const Velmo1EncPlaneSpec& p, Velmo1EncPlaneOptions o = {}) { return Velmo1EncBuildPlane(p, o); }
 
 void RandomPixels(std::mt19937& rng, uint8_t px[64], int levels = 256) {
   for (int i = 0; i < 64; ++i) px[i] = uint8_t(rng() % levels);
@@ -72,7 +72,7 @@ TEST(Velmo1Plane, OneTwoBangFillTheirBlocks) {
   RandomPixels(rng, px);
   const uint8_t patterns[8] = {0x00, 0xFF, 0x01, 0x80, 0x55, 0xAA, 0x0F, 0xF0};
   PlaneFixture f(24, 8);
-  f.Decode(Build(OneRow(24, {Velmo1OneBlock(77), Velmo1TwoBlock(10, 200, patterns), Velmo1BangBlock(px)})));
+  f.Decode(Build(OneRow(24, {Velmo1EncOneBlock(77), Velmo1EncTwoBlock(10, 200, patterns), Velmo1EncBangBlock(px)})));
   for (uint32_t y = 0; y < 8; ++y)
     for (uint32_t x = 0; x < 8; ++x) {
       EXPECT_EQ(f.D(x, y), 77);
@@ -89,14 +89,14 @@ TEST(Velmo1Plane, RunBlocksFollowEveryScan) {
     uint8_t px[64];
     for (int i = 0; i < 64; ++i) px[i] = uint8_t((i / 5) * 20 + (rng() % 3 == 0 ? rng() % 7 : 0));
     PlaneFixture f(8, 8);
-    f.Decode(Build(OneRow(8, {Velmo1RunBlock(scan, px)})));
+    f.Decode(Build(OneRow(8, {Velmo1EncRunBlock(scan, px)})));
     for (int i = 0; i < 64; ++i) ASSERT_EQ(f.D(i % 8, i / 8), px[i]) << "scan " << scan << " pixel " << i;
   }
 }
 
 // A RUN block from explicit runs: (length, shared colour) pairs and the colours taken.
-Velmo1RawBlock RawRun(uint32_t scan, std::vector<std::pair<int, bool>> runs, std::vector<uint8_t> colours) {
-  Velmo1RawBlock b;
+Velmo1EncRawBlock RawRun(uint32_t scan, std::vector<std::pair<int, bool>> runs, std::vector<uint8_t> colours) {
+  Velmo1EncRawBlock b;
   b.Type = Velmo1Run;
   b.Bits.Put(scan, 4);
   for (auto [len, shared] : runs) {
@@ -113,7 +113,7 @@ TEST(Velmo1Plane, RunsEndingAt63TakeALastColour) {
   PlaneFixture f(24, 8);
   f.Decode(Build(OneRow(24, {RawRun(0, {{16, true}, {16, true}, {16, true}, {15, true}}, {1, 2, 3, 4, 99}),
                              RawRun(7, {{16, true}, {16, true}, {16, true}, {16, true}}, {5, 6, 7, 8}),
-                             Velmo1OneBlock(42)})));
+                             Velmo1EncOneBlock(42)})));
   for (int k = 0; k < 64; ++k) {
     const int pos = Velmo1RunScans[0][k];
     EXPECT_EQ(f.D(pos % 8, pos / 8), k == 63 ? 99 : 1 + k / 16) << k;
@@ -129,12 +129,12 @@ TEST(Velmo1Plane, RunThatOverflowsLeavesTheScratchBlock) {
   std::mt19937 rng(4);
   uint8_t first[64];
   for (int i = 0; i < 64; ++i) first[i] = uint8_t(100 + i);
-  Velmo1RawBlock second = RawRun(5, {{16, false}, {16, true}, {16, true}, {10, true}, {16, true}}, {});
+  Velmo1EncRawBlock second = RawRun(5, {{16, false}, {16, true}, {16, true}, {10, true}, {16, true}}, {});
   for (int i = 0; i < 16; ++i) second.Colors.push_back(uint8_t(i));
   second.Colors.insert(second.Colors.end(), {20, 21, 22});
   second.Bits.Fields.pop_back();  // the overflowing run reads no flag
   PlaneFixture g(24, 8);
-  g.Decode(Build(OneRow(24, {Velmo1BangBlock(first), Velmo1RunBlock(0, first), second})));
+  g.Decode(Build(OneRow(24, {Velmo1EncBangBlock(first), Velmo1EncRunBlock(0, first), second})));
   for (int k = 0; k < 64; ++k) {
     const int pos = Velmo1RunScans[5][k];
     const uint8_t want = k < 16 ? uint8_t(k) : k < 32 ? 20 : k < 48 ? 21 : k < 58 ? 22 : first[pos];
@@ -147,8 +147,8 @@ TEST(Velmo1Plane, IntraDcMatchesTheFloatTransform) {
   const uint16_t dcs[4] = {1024, 1000, 37, 2040};
   const uint32_t scales[4] = {0, 1, 5, 0};
   PlaneFixture f(32, 8);
-  std::vector<Velmo1RawBlock> blocks;
-  for (int i = 0; i < 4; ++i) blocks.push_back(Velmo1IntraBlock(dcs[i], none, scales[i]));
+  std::vector<Velmo1EncRawBlock> blocks;
+  for (int i = 0; i < 4; ++i) blocks.push_back(Velmo1EncIntraBlock(dcs[i], none, scales[i]));
   f.Decode(Build(OneRow(32, blocks)));
   for (int i = 0; i < 4; ++i) {
     const double scale = double(Velmo1ScaleFactors[scales[i]].Num) / Velmo1ScaleFactors[scales[i]].Den;
@@ -168,7 +168,7 @@ TEST(Velmo1Plane, IntraWithAcMatchesTheFloatTransform) {
     if (round % 5 == 0) coeffs[63] = 300;  // a deep bit plane
     const uint32_t scale = rng() % 3;
     PlaneFixture f(8, 8);
-    f.Decode(Build(OneRow(8, {Velmo1IntraBlock(1024, coeffs, scale)})));
+    f.Decode(Build(OneRow(8, {Velmo1EncIntraBlock(1024, coeffs, scale)})));
     coeffs[0] = 1024;
     const uint32_t* t = Velmo1DequantTable(false, scale);
     for (int y = 0; y < 8; ++y)
@@ -194,11 +194,11 @@ TEST(Velmo1Plane, IntraWithAcMatchesTheFloatTransform) {
 
 TEST(Velmo1Plane, SkipAndMotionCopyThePreviousPicture) {
   PlaneFixture f(32, 24);
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = 32;
-  p.Rows.push_back({Velmo1SkipBlock(), Velmo1MotBlock(3, 5), Velmo1MotBlock(-8, 0), Velmo1SkipBlock()});
-  p.Rows.push_back({Velmo1MotBlock(0, -8), Velmo1MotBlock(-1, -1), Velmo1MotBlock(15, 8), Velmo1MotBlock(0, 0)});
-  p.Rows.push_back({Velmo1MotBlock(15, 0), Velmo1MotBlock(-8, -15), Velmo1MotBlock(8, 0), Velmo1MotBlock(1, 0)});
+  p.Rows.push_back({Velmo1EncSkipBlock(), Velmo1EncMotBlock(3, 5), Velmo1EncMotBlock(-8, 0), Velmo1EncSkipBlock()});
+  p.Rows.push_back({Velmo1EncMotBlock(0, -8), Velmo1EncMotBlock(-1, -1), Velmo1EncMotBlock(15, 8), Velmo1EncMotBlock(0, 0)});
+  p.Rows.push_back({Velmo1EncMotBlock(15, 0), Velmo1EncMotBlock(-8, -15), Velmo1EncMotBlock(8, 0), Velmo1EncMotBlock(1, 0)});
   f.Decode(Build(p));
   const int vec[3][4][2] = {{{0, 0}, {3, 5}, {-8, 0}, {0, 0}},
                             {{0, -8}, {-1, -1}, {15, 8}, {0, 0}},
@@ -222,13 +222,13 @@ TEST(Velmo1Plane, MotionAddressRangeAllowsRowWrapInsideThePlane) {
   // The range check is on the address: x - 8 in the second row of blocks reads the end of the
   // lines above, which still lies inside the plane.
   PlaneFixture f(16, 16);
-  f.Decode(Build(OneRow(16, {Velmo1MotBlock(-3, 8), Velmo1OneBlock(9)})));
+  f.Decode(Build(OneRow(16, {Velmo1EncMotBlock(-3, 8), Velmo1EncOneBlock(9)})));
   const size_t from = size_t(8 * f.Pitch - 3);
   for (int y = 0; y < 8; ++y)
     for (int x = 0; x < 8; ++x) EXPECT_EQ(f.D(x, y), f.Source[from + size_t(y * f.Pitch + x)]);
   EXPECT_EQ(f.D(8, 0), 9);
   PlaneFixture g(16, 16);
-  g.Decode(Build(OneRow(16, {Velmo1MotBlock(-1, 0), Velmo1OneBlock(9)})));
+  g.Decode(Build(OneRow(16, {Velmo1EncMotBlock(-1, 0), Velmo1EncOneBlock(9)})));
   EXPECT_EQ(g.D(0, 0), Untouched);  // before the plane's start: passed
 }
 
@@ -240,11 +240,11 @@ TEST(Velmo1Plane, InterTransformAndResidueAddToTheMotionSource) {
   residue[10] = 100;
   residue[11] = -127;
   PlaneFixture f(32, 16);
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = 32;
-  p.Rows.push_back({Velmo1InterBlock(2, 3, 80, none, 0), Velmo1InterBlock(-4, 0, -80, none, 0),
-                    Velmo1MotzBlock(1, 1, 127, residue), Velmo1OneBlock(1)});
-  p.Rows.push_back({Velmo1OneBlock(2), Velmo1OneBlock(3), Velmo1OneBlock(4), Velmo1OneBlock(5)});
+  p.Rows.push_back({Velmo1EncInterBlock(2, 3, 80, none, 0), Velmo1EncInterBlock(-4, 0, -80, none, 0),
+                    Velmo1EncMotzBlock(1, 1, 127, residue), Velmo1EncOneBlock(1)});
+  p.Rows.push_back({Velmo1EncOneBlock(2), Velmo1EncOneBlock(3), Velmo1EncOneBlock(4), Velmo1EncOneBlock(5)});
   f.Decode(Build(p));
   for (int y = 0; y < 8; ++y)
     for (int x = 0; x < 8; ++x) {
@@ -266,7 +266,7 @@ TEST(Velmo1Plane, ResidueLimitEndsAtTheFirstEvent) {
   residue[0] = 1;
   PlaneFixture f(16, 8);
   // With L = 0 one event is decoded: index 5, the first significant one of the walk.
-  f.Decode(Build(OneRow(16, {Velmo1MotzBlock(0, 0, 0, residue), Velmo1OneBlock(60)})));
+  f.Decode(Build(OneRow(16, {Velmo1EncMotzBlock(0, 0, 0, residue), Velmo1EncOneBlock(60)})));
   for (int i = 0; i < 64; ++i) {
     const int pos = Velmo1CoefficientOrder[i];
     EXPECT_EQ(f.D(pos % 8, pos / 8), uint8_t(f.S(pos % 8, pos / 8) + (i == 5 ? 4 : 0))) << i;
@@ -285,12 +285,12 @@ TEST(Velmo1Plane, DoubledBlocksEnlargeEverySubKind) {
   const uint8_t patterns[8] = {1, 2, 4, 8, 16, 32, 64, 128};
   const int16_t none[64] = {};
   PlaneFixture f(80, 16);
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = 80;
-  p.Rows.push_back({Velmo1DoubledBlock(Velmo1OneBlock(50)), Velmo1DoubledBlock(Velmo1BangBlock(bang)),
-                    Velmo1DoubledBlock(Velmo1TwoBlock(3, 4, patterns)), Velmo1DoubledBlock(Velmo1RunBlock(2, run)),
-                    Velmo1DoubledBlock(Velmo1IntraBlock(800, none, 0))});
-  p.Rows.push_back(std::vector<Velmo1RawBlock>(5, Velmo1DoubledLower()));
+  p.Rows.push_back({Velmo1EncDoubledBlock(Velmo1EncOneBlock(50)), Velmo1EncDoubledBlock(Velmo1EncBangBlock(bang)),
+                    Velmo1EncDoubledBlock(Velmo1EncTwoBlock(3, 4, patterns)), Velmo1EncDoubledBlock(Velmo1EncRunBlock(2, run)),
+                    Velmo1EncDoubledBlock(Velmo1EncIntraBlock(800, none, 0))});
+  p.Rows.push_back(std::vector<Velmo1EncRawBlock>(5, Velmo1EncDoubledLower()));
   f.Decode(Build(p));
   for (uint32_t y = 0; y < 16; ++y)
     for (uint32_t x = 0; x < 16; ++x) {
@@ -306,12 +306,12 @@ TEST(Velmo1Plane, DoubledBlocksEnlargeEverySubKind) {
 TEST(Velmo1Plane, DoubledAtTheRightOrBottomEdgeIsPassed) {
   // A 24 wide plane: a DOUBLED type at x = 16 has only 8 pixels left and reads no sub-type.
   PlaneFixture f(24, 16);
-  Velmo1RawBlock edge;
+  Velmo1EncRawBlock edge;
   edge.Type = Velmo1Doubled;
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = 24;
-  p.Rows.push_back({Velmo1OneBlock(1), Velmo1OneBlock(2), edge});
-  p.Rows.push_back({Velmo1OneBlock(3), Velmo1OneBlock(4), Velmo1OneBlock(5)});
+  p.Rows.push_back({Velmo1EncOneBlock(1), Velmo1EncOneBlock(2), edge});
+  p.Rows.push_back({Velmo1EncOneBlock(3), Velmo1EncOneBlock(4), Velmo1EncOneBlock(5)});
   f.Decode(Build(p));
   EXPECT_EQ(f.D(16, 0), Untouched);
   EXPECT_EQ(f.D(23, 7), Untouched);
@@ -319,10 +319,10 @@ TEST(Velmo1Plane, DoubledAtTheRightOrBottomEdgeIsPassed) {
 
   // A plane of one block row: the sub-type is read, then the block is passed with 8.
   PlaneFixture g(16, 8);
-  Velmo1RawBlock low;
+  Velmo1EncRawBlock low;
   low.Type = Velmo1Doubled;
   low.SubTypes = {Velmo1One};
-  g.Decode(Build(OneRow(16, {low, Velmo1OneBlock(7)})));
+  g.Decode(Build(OneRow(16, {low, Velmo1EncOneBlock(7)})));
   EXPECT_EQ(g.D(0, 0), Untouched);
   EXPECT_EQ(g.D(8, 0), 7);
   EXPECT_EQ(g.D(15, 7), 7);
@@ -330,13 +330,13 @@ TEST(Velmo1Plane, DoubledAtTheRightOrBottomEdgeIsPassed) {
 
 TEST(Velmo1Plane, DoubledWithAnUnknownSubKindWritesNothing) {
   PlaneFixture f(32, 16);
-  Velmo1RawBlock odd;
+  Velmo1EncRawBlock odd;
   odd.Type = Velmo1Doubled;
   odd.SubTypes = {Velmo1Mot};
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = 32;
-  p.Rows.push_back({odd, Velmo1OneBlock(8), Velmo1OneBlock(9)});
-  p.Rows.push_back({Velmo1DoubledLower(), Velmo1OneBlock(10), Velmo1OneBlock(11)});
+  p.Rows.push_back({odd, Velmo1EncOneBlock(8), Velmo1EncOneBlock(9)});
+  p.Rows.push_back({Velmo1EncDoubledLower(), Velmo1EncOneBlock(10), Velmo1EncOneBlock(11)});
   f.Decode(Build(p));
   EXPECT_EQ(f.D(0, 0), Untouched);
   EXPECT_EQ(f.D(15, 15), Untouched);
@@ -347,18 +347,18 @@ TEST(Velmo1Plane, DoubledWithAnUnknownSubKindWritesNothing) {
 // ---------------------------------------------------------------------------------------------
 // Bundle forms and revisions
 
-Velmo1PlaneSpec MixedIntra(uint32_t w, uint32_t h, uint32_t seed) { return Velmo1MixedPlane(w, h, seed, false); }
+Velmo1EncPlaneSpec MixedIntra(uint32_t w, uint32_t h, uint32_t seed) { return Velmo1MixedPlane(w, h, seed, false); }
 
 TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
   for (uint32_t seed = 1; seed <= 6; ++seed) {
     const bool inter = seed % 2 == 0;
-    const Velmo1PlaneSpec spec = Velmo1MixedPlane(64, 48, seed, inter);
+    const Velmo1EncPlaneSpec spec = Velmo1MixedPlane(64, 48, seed, inter);
     PlaneFixture reference(64, 48);
     reference.Decode(Build(spec));
-    const Velmo1PlaneOptions variants[] = {
+    const Velmo1EncPlaneOptions variants[] = {
         {false, false, false, false, 0}, {false, false, true, true, 0}, {false, false, true, true, 1},
         {false, false, true, true, 2},   {true, false, true, true, 0},  {true, true, true, false, 0}};
-    for (const Velmo1PlaneOptions& o : variants) {
+    for (const Velmo1EncPlaneOptions& o : variants) {
       PlaneFixture f(64, 48);
       f.Decode(Build(spec, o), 0, o.VlmK ? TagVLMk : TagVLMi);
       ASSERT_EQ(f.Dest, reference.Dest) << "seed " << seed << " fill " << o.FillForms << " tables "
@@ -369,10 +369,10 @@ TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
 }
 
 TEST(Velmo1Plane, VlmkCountsAreMaskedAndItsFlagBitIsMeaninglessOutsideAlpha) {
-  const Velmo1PlaneSpec spec = MixedIntra(48, 32, 9);
+  const Velmo1EncPlaneSpec spec = MixedIntra(48, 32, 9);
   PlaneFixture plain(48, 32), masked(48, 32), wrong(48, 32);
   plain.Decode(Build(spec));
-  Velmo1PlaneOptions k;
+  Velmo1EncPlaneOptions k;
   k.VlmK = true;
   k.FlagBitSet = true;  // a Y plane ignores it
   masked.Decode(Build(spec, k), 0, TagVLMk);
@@ -384,7 +384,7 @@ TEST(Velmo1Plane, VlmkCountsAreMaskedAndItsFlagBitIsMeaninglessOutsideAlpha) {
 
 TEST(Velmo1Plane, ConstantAlphaPlaneFillsAndEndsAtOnce) {
   PlaneFixture f(16, 16);
-  std::vector<uint8_t> stream = Velmo1ConstantAlphaPlane(0x42);
+  std::vector<uint8_t> stream = Velmo1EncConstantAlphaPlane(0x42);
   ASSERT_EQ(stream.size(), 4u);
   stream.resize(12, 0xFF);  // whatever follows belongs to the next plane
   f.Decode(stream, Velmo1AlphaPlane, TagVLMk);
@@ -398,7 +398,7 @@ TEST(Velmo1Plane, OldRevisionColoursAreSignMagnitude) {
   uint8_t raw[64];
   for (int i = 0; i < 64; ++i) raw[i] = uint8_t(i * 4 + 1);
   PlaneFixture f(24, 8);
-  f.Decode(Build(OneRow(24, {Velmo1OneBlock(0x85), Velmo1OneBlock(0x05), Velmo1BangBlock(raw)})),
+  f.Decode(Build(OneRow(24, {Velmo1EncOneBlock(0x85), Velmo1EncOneBlock(0x05), Velmo1EncBangBlock(raw)})),
            Velmo1OldRevision);
   EXPECT_EQ(f.D(0, 0), 123);  // 128 - 5
   EXPECT_EQ(f.D(8, 0), 133);  // 128 + 5
@@ -412,17 +412,17 @@ TEST(Velmo1Plane, DcAndMotionBundlesCarryOverRows) {
   // Rows with no DC blocks between rows with many: the refill of an unused row carries the
   // next row's values, and groups with equal values use a width of 0.
   const int16_t none[64] = {};
-  Velmo1PlaneSpec p;
+  Velmo1EncPlaneSpec p;
   p.Width = 80;
-  std::vector<Velmo1RawBlock> dcRow;
+  std::vector<Velmo1EncRawBlock> dcRow;
   const uint16_t dcs[10] = {1024, 1024, 1024, 1024, 1024, 1024, 1024, 1024, 1024, 1000};
-  for (uint16_t dc : dcs) dcRow.push_back(Velmo1IntraBlock(dc, none, 0));
-  p.Rows.push_back(std::vector<Velmo1RawBlock>(10, Velmo1OneBlock(1)));
+  for (uint16_t dc : dcs) dcRow.push_back(Velmo1EncIntraBlock(dc, none, 0));
+  p.Rows.push_back(std::vector<Velmo1EncRawBlock>(10, Velmo1EncOneBlock(1)));
   p.Rows.push_back(dcRow);
-  std::vector<Velmo1RawBlock> motionRow(10, Velmo1MotBlock(-3, 2));
-  motionRow[4] = Velmo1MotBlock(5, -8);
+  std::vector<Velmo1EncRawBlock> motionRow(10, Velmo1EncMotBlock(-3, 2));
+  motionRow[4] = Velmo1EncMotBlock(5, -8);
   p.Rows.push_back(motionRow);
-  p.Rows.push_back(std::vector<Velmo1RawBlock>(10, Velmo1MotBlock(1, -1)));  // a fill refill
+  p.Rows.push_back(std::vector<Velmo1EncRawBlock>(10, Velmo1EncMotBlock(1, -1)));  // a fill refill
   PlaneFixture f(80, 32);
   f.Decode(Build(p));
   for (int b = 0; b < 10; ++b) {
@@ -440,15 +440,15 @@ TEST(Velmo1Plane, DcAndMotionBundlesCarryOverRows) {
 // Damage rules, on streams written field by field
 
 // A "VLMi" plane head: 23 table-0 descriptions.
-Velmo1BitWriter Head() {
-  Velmo1BitWriter w;
+Velmo1EncBitWriter Head() {
+  Velmo1EncBitWriter w;
   for (int i = 0; i < 23; ++i) w.Put(0, 4);
   return w;
 }
 
 TEST(Velmo1Plane, CountOfZeroKillsABundleForThePlane) {
   PlaneFixture f(16, 16, 0x3C);
-  Velmo1BitWriter w = Head();
+  Velmo1EncBitWriter w = Head();
   for (int row = 0; row < 2; ++row) {
     if (row == 0) {
       w.Put(2, 10);  // BlockTypes: two ONE blocks
@@ -474,7 +474,7 @@ TEST(Velmo1Plane, CountOfZeroKillsABundleForThePlane) {
 
 TEST(Velmo1Plane, DeadBlockTypesPassEveryBlock) {
   PlaneFixture f(16, 16);
-  Velmo1BitWriter w = Head();
+  Velmo1EncBitWriter w = Head();
   w.Put(600, 10);  // above the largest count of 528
   f.Decode(w.Finish());
   for (uint8_t v : f.Dest) ASSERT_EQ(v, Untouched);
@@ -484,7 +484,7 @@ TEST(Velmo1Plane, RepeatPastTheCountStopsTheRefill) {
   // Six types: ONE, then "repeat 4" (five written), then "repeat 4" with one left: the refill
   // stops and the sixth element is whatever the buffer held (0, SKIP).
   PlaneFixture f(48, 8);
-  Velmo1BitWriter w = Head();
+  Velmo1EncBitWriter w = Head();
   w.Put(6, 10);
   w.Put(0, 1);
   w.PutCode(0, Velmo1One);
@@ -504,16 +504,16 @@ TEST(Velmo1Plane, RepeatPastTheCountStopsTheRefill) {
 
 TEST(Velmo1Plane, KindsAboveNineArePassed) {
   PlaneFixture f(24, 8);
-  Velmo1RawBlock bad;
+  Velmo1EncRawBlock bad;
   bad.Type = 11;
-  f.Decode(Build(OneRow(24, {Velmo1OneBlock(3), bad, Velmo1OneBlock(4)})));
+  f.Decode(Build(OneRow(24, {Velmo1EncOneBlock(3), bad, Velmo1EncOneBlock(4)})));
   EXPECT_EQ(f.D(0, 0), 3);
   EXPECT_EQ(f.D(8, 0), Untouched);
   EXPECT_EQ(f.D(16, 0), 4);
 }
 
 TEST(Velmo1Plane, TruncatedStreamPassesTheRestAndStopsAtTheLimit) {
-  const Velmo1PlaneSpec spec = Velmo1MixedPlane(64, 64, 21, true);
+  const Velmo1EncPlaneSpec spec = Velmo1MixedPlane(64, 64, 21, true);
   const std::vector<uint8_t> full = Build(spec);
   PlaneFixture whole(64, 64);
   whole.Decode(full);
@@ -530,7 +530,7 @@ TEST(Velmo1Plane, TruncatedStreamPassesTheRestAndStopsAtTheLimit) {
 }
 
 TEST(Velmo1Plane, BadGeometryOrWorkspaceDecodesNothing) {
-  const std::vector<uint8_t> stream = Build(OneRow(16, {Velmo1OneBlock(1), Velmo1OneBlock(2)}));
+  const std::vector<uint8_t> stream = Build(OneRow(16, {Velmo1EncOneBlock(1), Velmo1EncOneBlock(2)}));
   PlaneFixture f(16, 8);
   uint32_t skips = 7;
   // Pitch below the width.
