@@ -34,6 +34,12 @@ enum : uint32_t {
 // The library's clock. Every time stamp of the walk comes through it; TimerMs by default.
 typedef uint32_t (*VelmoClock)();
 
+// A span of memory that a memory provider reads from.
+struct VelmoMemorySpan {
+  const uint8_t* Data;
+  uint64_t Size;
+};
+
 struct VelmoState : VelmoHandle {
   // Locks of the handle (Part of the process-wide order: list lock, frame read lock, provider
   // lock; the sound lock stands apart).
@@ -62,6 +68,7 @@ struct VelmoState : VelmoHandle {
   uint32_t LastDecoded;         // FrameNum of the last complete frame
   uint32_t LastFrameTime;
   uint32_t LoopTime;            // time of the last restart check at frame 1
+  uint32_t LoopTimeSet;         // LoopTime holds a time
   uint32_t RestartSound;
   uint32_t SkipState;           // 0 not asked yet, 1 shown, 2 skip
   uint32_t ForceResync;
@@ -70,6 +77,7 @@ struct VelmoState : VelmoHandle {
   uint32_t SoundSkips;
   uint32_t PauseOffset;
   uint32_t DecodeResultShadow;  // highest decoder result of the frame being decoded
+  uint32_t VideoDecoded;        // a share of this frame decoded video into the next set
 
   // What the walk needs of the file.
   uint64_t FirstFrameOffset;    // position of frame 1's packet
@@ -85,8 +93,7 @@ struct VelmoState : VelmoHandle {
   void* ReadBuffer;             // the provider's ring
   uint8_t* PacketBuffer;        // LargestFrameSize + 1280 bytes for the selected packet
   void* PreloadBlock;           // the library's own preload block (null for an image)
-  const uint8_t* Image;         // a file image in memory (open flag 0x4000000)
-  uint64_t ImageSize;
+  VelmoMemorySpan ImageSpan;    // a file image in memory (open flag 0x4000000)
   uint32_t ProviderOpen;        // the provider must be closed at VelmoClose
   uint32_t OnReaderList;        // registered with the read-ahead service
 
@@ -134,10 +141,6 @@ PlatformLock* VelmoOpenLock();
 void VelmoInstallProviderServices(VelmoState* handle);
 // A provider that reads from a span in memory, reading directly (no ring). `Context` holds
 // the span; used for file images and by tests as a custom provider.
-struct VelmoMemorySpan {
-  const uint8_t* Data;
-  uint64_t Size;
-};
 void VelmoMemoryProviderInit(IOProvider* io, const VelmoMemorySpan* span);
 // A custom-provider open function for VelmoMemoryProviderInit: `name` points at a
 // VelmoMemorySpan.
@@ -160,3 +163,23 @@ void VelmoEndBlitTiming(VelmoState* h, uint32_t now);
 // Sound hooks: no-ops while no tracks are open (the sound module fills them in later).
 void VelmoFeedPolledSound(VelmoState* h);
 void VelmoSoundRestart(VelmoState* h);  // off, clear the clock, on
+
+// Takes the next share of the selected frame's slices for one of `parts` workers: first slice
+// in the low four bits, count in the high four; 0 when nothing is left.
+uint32_t VelmoTakeShare(VelmoState* h, uint32_t parts);
+
+// Hooks for the services that come later. Null while not installed.
+// The second-generation decoder: decodes slices [first, first + count) of the selected frame's
+// video section into the next frame buffer set; returns the decoder's figure.
+typedef uint32_t (*VelmoSliceDecoder)(VelmoState* h, const uint8_t* video, uint32_t videoSize,
+                                      uint32_t first, uint32_t count);
+// The second-generation end-of-frame pass over the slice seams.
+typedef void (*VelmoSeamPass)(VelmoState* h);
+// The async service's drain, called by VelmoClose while a slice is given away.
+typedef void (*VelmoAsyncDrain)(VelmoState* h);
+struct VelmoLaterServices {
+  VelmoSliceDecoder DecodeSecondGeneration;
+  VelmoSeamPass SecondGenerationSeams;
+  VelmoAsyncDrain DrainAsync;
+};
+extern VelmoLaterServices VelmoServices;

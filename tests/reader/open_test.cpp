@@ -1,0 +1,463 @@
+// Opening Velmo files: every open error from a crafted file, the completed open flags, rates and
+// next-open settings, the planned memory and frame buffers, the busiest second, the paths that
+// read the whole file, and closing.
+#include "velmo_test_files.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using namespace velmo_test;
+
+class VelmoOpenTest : public VelmoTest {};
+
+std::string OpenError(const std::vector<uint8_t>& file) {
+  HVELMO h = OpenImage(file);
+  EXPECT_EQ(h, nullptr);
+  if (h) VelmoClose(h);
+  return VelmoGetError();
+}
+
+TEST_F(VelmoOpenTest, HeaderErrorsInTheReadersOrder) {
+  const std::vector<uint8_t> good = BuildFile({});
+  auto patched = [&](size_t at, uint32_t value) {
+    std::vector<uint8_t> f = good;
+    Store32(&f, at, value);
+    return f;
+  };
+  EXPECT_EQ(OpenError(patched(0, VelmoMagicOf('V', 'L', 'M', 'z'))), "Not a Velmo file.");
+  EXPECT_EQ(OpenError(patched(8, 0)), "The file doesn't contain any compressed frames yet.");
+  EXPECT_EQ(OpenError(patched(16, 5)), "The file has a corrupt header.");         // index < frames
+  EXPECT_EQ(OpenError(patched(28, 0)), "The file has a corrupt header.");         // rate 0
+  EXPECT_EQ(OpenError(patched(20, 40000)), "The file has a corrupt header.");     // width
+  // Frames 0 wins over a corrupt index count.
+  std::vector<uint8_t> both = patched(8, 0);
+  Store32(&both, 16, 2000000);
+  EXPECT_EQ(OpenError(both), "The file doesn't contain any compressed frames yet.");
+  // An image too short for the header cannot be a Velmo file.
+  std::vector<uint8_t> tiny(good.begin(), good.begin() + 20);
+  VelmoOpenOptions o{};
+  o.ImageSize = tiny.size();
+  EXPECT_EQ(VelmoOpenWithOptions(reinterpret_cast<const char*>(tiny.data()), &o, VelmoOpenImage),
+            nullptr);
+  EXPECT_STREQ(VelmoGetError(), "Not a Velmo file.");
+}
+
+TEST_F(VelmoOpenTest, TableAndFrameSizeErrors) {
+  FileSpec s;
+  TestWriter w = BuildWriter(s);
+  // Cut inside the frame table: the tables cannot be read.
+  std::vector<uint8_t> cut(w.File.begin(), w.File.begin() + w.Image.FrameTableOffset + 8);
+  EXPECT_EQ(OpenError(cut), "Error reading Velmo header.");
+  // A jump of more than 256 MiB between neighbouring entries.
+  std::vector<uint8_t> jump = w.File;
+  Store32(&jump, w.Image.FrameTableOffset + 4 * 3, 0x20000000u);
+  EXPECT_EQ(OpenError(jump), "This file has bad frame size data.");
+}
+
+TEST_F(VelmoOpenTest, ProviderErrors) {
+  const std::vector<uint8_t> file = BuildFile({});
+  // No file provider: a path cannot be opened.
+  const VelmoIOService none = {nullptr, nullptr, nullptr, nullptr};
+  VelmoSetIOServiceForTest(&none);
+  EXPECT_EQ(VelmoOpen("no-such-file.vlm", 0), nullptr);
+  EXPECT_STREQ(VelmoGetError(), "No file IO provider installed.");
+  VelmoSetIOServiceForTest(nullptr);
+
+  // A provider that fails without a word of its own, and one that explains itself.
+  VelmoOpenOptions o{};
+  o.CustomIO = [](IOProvider*, const char*, uint32_t, const VelmoOpenOptions*) -> uint32_t {
+    return 0;
+  };
+  EXPECT_EQ(VelmoOpenWithOptions("x", &o, VelmoOpenCustomIO), nullptr);
+  EXPECT_STREQ(VelmoGetError(), "Error opening file.");
+  o.CustomIO = [](IOProvider*, const char*, uint32_t, const VelmoOpenOptions*) -> uint32_t {
+    VelmoSetError("The disk is on fire.");
+    return 0;
+  };
+  EXPECT_EQ(VelmoOpenWithOptions("x", &o, VelmoOpenCustomIO), nullptr);
+  EXPECT_STREQ(VelmoGetError(), "The disk is on fire.");
+  // A successful open clears the text.
+  HVELMO h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  EXPECT_STREQ(VelmoGetError(), "");
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, ErrorText) {
+  VelmoSetError(nullptr);
+  EXPECT_STREQ(VelmoGetError(), "Velmo Error");
+  const std::string longText(400, 'x');
+  VelmoSetError(longText.c_str());
+  EXPECT_EQ(std::string(VelmoGetError()), longText.substr(0, 254));
+}
+
+TEST_F(VelmoOpenTest, PublicFieldsAfterOpen) {
+  FileSpec s;
+  s.Width = -20;  // a negative width reads as its absolute value
+  s.Height = 12;
+  s.Rate = 25;
+  s.Frames = 7;
+  s.IndexFrames = 9;
+  const std::vector<uint8_t> file = BuildFile(s);
+  HVELMO h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->Width, 20u);
+  EXPECT_EQ(h->Height, 12u);
+  EXPECT_EQ(h->Frames, 7u);
+  EXPECT_EQ(h->FrameNum, 1u);
+  EXPECT_EQ(h->LastFrameNum, 0xFFFFFFFFu);
+  EXPECT_EQ(h->FrameRate, 25u);
+  EXPECT_EQ(h->FrameRateDiv, 1u);
+  EXPECT_EQ(h->Magic, VelmoMagicVLMi);
+  EXPECT_EQ(h->VideoOn, 1u);
+  EXPECT_EQ(h->SoundOn, 0u);
+  EXPECT_EQ(h->OpenTracks, 0u);
+  EXPECT_EQ(h->FileSize, file.size() - 8);
+  EXPECT_EQ(h->FrameIsKey, 1u);
+  EXPECT_EQ(h->AllKeyFrames, 0u);
+  EXPECT_EQ(h->SliceState.Count, 2u);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(h) % 256, 0u);
+  EXPECT_GT(h->OpenSerial, 0u);
+  EXPECT_EQ(h->ColourTable[VelmoColourRowY], 1.164124f);  // the default video-range table
+  // The frame table is expanded with the key bit kept.
+  EXPECT_EQ(VelmoEntryOffset(h->FrameTable[0]), h->FramePosition);
+  EXPECT_TRUE(VelmoEntryIsKey(h->FrameTable[5]));
+  EXPECT_FALSE(VelmoEntryIsKey(h->FrameTable[6]));
+  // Frame 1's packet is the first frame's bytes in the image.
+  ASSERT_EQ(h->FrameSize, 8u);
+  EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(0).data(), 8));
+  EXPECT_EQ(h->FrameData, file.data() + h->FramePosition);
+  HVELMO second = OpenImage(file);
+  EXPECT_EQ(second->OpenSerial, h->OpenSerial + 1);
+  VelmoClose(second);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, OpenFlagsAreCompleted) {
+  FileSpec s;
+  s.Version = 150;  // "VLMk": extras, and the flags are kept
+  s.Flags = VelmoFlagGrayscale | VelmoFlagFullRange;
+  std::vector<uint8_t> file = BuildFile(s);
+  HVELMO h = OpenImage(file, VelmoOpenOwnBuffers | VelmoOpenAlpha | VelmoOpenHdr);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenOwnBuffers, 0u);
+  EXPECT_NE(h->OpenFlags & VelmoOpenNoBuffers, 0u);
+  EXPECT_EQ(h->FrameBuffers, nullptr);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenAlpha, 0u);  // the file has no alpha plane
+  EXPECT_EQ(h->OpenFlags & VelmoOpenHdr, 0u);    // taken from the file
+  EXPECT_NE(h->OpenFlags & VelmoOpenGrayscale, 0u);
+  EXPECT_NE(h->OpenFlags & VelmoOpenFullRange, 0u);
+  EXPECT_NE(h->OpenFlags & VelmoOpenImage, 0u);
+  EXPECT_NE(h->OpenFlags & VelmoOpenNoBackground, 0u);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenOldFirst, 0u);
+  EXPECT_EQ(h->ColourTable[VelmoColourRowY], 1.0f);  // full range
+  VelmoClose(h);
+
+  // The old first-generation letters are marked, and their chroma rows exchanged.
+  std::vector<uint8_t> old = BuildFile({});
+  Store32(&old, 0, VelmoMagicVLMf);
+  h = OpenImage(old);
+  ASSERT_NE(h, nullptr);
+  EXPECT_NE(h->OpenFlags & VelmoOpenOldFirst, 0u);
+  float table[16];
+  VelmoDefaultColourTable(VelmoMagicVLMf, h->FileFlags, table);
+  EXPECT_EQ(0, std::memcmp(table, h->ColourTable, sizeof table));
+  EXPECT_NE(h->ColourTable[VelmoColourRowCr], 1.595795f);
+  VelmoClose(h);
+
+  // With an alpha plane in the file, the alpha flag stays and the buffers get alpha planes.
+  s = FileSpec{};
+  s.Version = 150;
+  s.Flags = VelmoFlagAlpha;
+  file = BuildFile(s);
+  h = OpenImage(file, VelmoOpenAlpha);
+  ASSERT_NE(h, nullptr);
+  EXPECT_NE(h->OpenFlags & VelmoOpenAlpha, 0u);
+  ASSERT_NE(h->FrameBuffers, nullptr);
+  EXPECT_EQ(h->FrameBuffers->HasAlpha, 1u);
+  EXPECT_NE(h->FrameBuffers->Sets[0].Planes[VelmoPlaneAlpha], nullptr);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, FrameBufferLayoutByGeneration) {
+  FileSpec s;
+  s.Width = 21;
+  s.Height = 13;
+  std::vector<uint8_t> file = BuildFile(s);
+  HVELMO h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  const VelmoFrameBuffers* fb = h->FrameBuffers;
+  ASSERT_NE(fb, nullptr);
+  EXPECT_EQ(fb->Count, 2u);
+  EXPECT_EQ(fb->LumaWidth, 24u);
+  EXPECT_EQ(fb->LumaHeight, 16u);
+  EXPECT_EQ(fb->ChromaWidth, 16u);  // (21 + 1) / 2 = 11, rounded up to 8
+  EXPECT_EQ(fb->ChromaHeight, 8u);  // 7 rounded up to 8
+  EXPECT_EQ(fb->ChromaPitch, 16);
+  EXPECT_EQ(fb->Sets[0].Planes[VelmoPlaneAlpha], nullptr);
+  EXPECT_NE(fb->Sets[1].Planes[VelmoPlaneCb], nullptr);
+  VelmoClose(h);
+
+  s.Version = 200;  // second generation: 32 x 16 units, pitches of 64
+  s.Width = 100;
+  s.Height = 50;
+  file = BuildFile(s);
+  h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  fb = h->FrameBuffers;
+  EXPECT_EQ(fb->LumaWidth, 128u);
+  EXPECT_EQ(fb->LumaHeight, 64u);
+  EXPECT_EQ(fb->ChromaWidth, 64u);
+  EXPECT_EQ(fb->ChromaHeight, 32u);
+  EXPECT_EQ(fb->LumaPitch, 128);
+  EXPECT_EQ(fb->ChromaPitch, 64);
+  EXPECT_EQ(h->SliceState.Count, 1u);  // padded height below 128: one slice
+  EXPECT_EQ(h->SliceState.Stride, ((131u / 8) & ~3u) + 4);
+  VelmoClose(h);
+
+  s.Frames = 1;  // a single frame needs one set
+  s.Height = 300;
+  file = BuildFile(s);
+  h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->FrameBuffers->Count, 1u);
+  EXPECT_EQ(h->SliceState.Count, 2u);
+  EXPECT_EQ(h->SliceState.RowHeight, ((2 * 32 + 320 - 1) / 2) & ~31u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, RatesAndNextOpenSettings) {
+  const std::vector<uint8_t> file = BuildFile({});
+  VelmoSetFrameRate(60, 1);
+  HVELMO h = VelmoOpen(reinterpret_cast<const char*>(file.data()), VelmoOpenImage);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->FrameRate, 60u);
+  EXPECT_NE(h->OpenFlags & VelmoOpenForceRate, 0u);
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.FileRate, 30u);
+  EXPECT_EQ(sum.FrameRate, 60u);
+  VelmoClose(h);
+  // Consumed by that open.
+  h = VelmoOpen(reinterpret_cast<const char*>(file.data()), VelmoOpenImage);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->FrameRate, 30u);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenForceRate, 0u);
+  VelmoClose(h);
+
+  // A file offset: the Velmo file starts inside a larger image.
+  std::vector<uint8_t> padded(64, 0xEE);
+  padded.insert(padded.end(), file.begin(), file.end());
+  VelmoSetFileOffset(64);
+  h = VelmoOpen(reinterpret_cast<const char*>(padded.data()), VelmoOpenImage);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(0).data(), 8));
+  VelmoClose(h);
+  EXPECT_EQ(VelmoOpen(reinterpret_cast<const char*>(padded.data()), VelmoOpenImage), nullptr);
+
+  // Forced rate all ones means the file's; a forced rate through the options.
+  VelmoOpenOptions o{};
+  o.ImageSize = file.size();
+  o.ForcedRate = 0xFFFFFFFFu;
+  o.ForcedRateDiv = 1;
+  h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o,
+                           VelmoOpenImage | VelmoOpenForceRate);
+  EXPECT_EQ(h->FrameRate, 30u);
+  VelmoClose(h);
+  o.ForcedRate = 15;
+  o.ForcedRateDiv = 2;
+  h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o, VelmoOpenImage);
+  EXPECT_EQ(h->FrameRate, 30u);  // without the flag the value is not used
+  VelmoClose(h);
+  h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o,
+                           VelmoOpenImage | VelmoOpenForceRate);
+  EXPECT_EQ(h->FrameRate, 15u);
+  EXPECT_EQ(h->FrameRateDiv, 2u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, SoundTrackListIsConsumedAndCapped) {
+  std::vector<uint32_t> ids(40);
+  for (uint32_t i = 0; i < 40; ++i) ids[i] = i + 1;
+  VelmoSetSoundTracks(40, ids.data());
+  const std::vector<uint8_t> file = BuildFile({});
+  HVELMO h = VelmoOpen(reinterpret_cast<const char*>(file.data()), VelmoOpenImage);
+  ASSERT_NE(h, nullptr);
+  EXPECT_NE(h->OpenFlags & VelmoOpenTrackList, 0u);
+  VelmoClose(h);
+  h = VelmoOpen(reinterpret_cast<const char*>(file.data()), VelmoOpenImage);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenTrackList, 0u);  // back to track 0 alone
+  VelmoClose(h);
+}
+
+// The busiest second, worked out independently from the frame sizes.
+uint64_t BusiestSecond(const std::vector<uint32_t>& sizes, uint32_t ring, uint32_t* start) {
+  uint64_t best = 0;
+  *start = 0;
+  for (size_t i = 0; i + ring <= sizes.size(); ++i) {
+    uint64_t sum = 0;
+    for (size_t k = i; k < i + ring; ++k) sum += sizes[k];
+    if (sum > best) {
+      best = sum;
+      *start = uint32_t(i);
+    }
+  }
+  if (best == 0) {
+    uint64_t total = 0;
+    for (uint32_t v : sizes) total += v;
+    best = total * ring / sizes.size();
+    *start = 0;
+  }
+  return best;
+}
+
+TEST_F(VelmoOpenTest, HighestSecondBytes) {
+  FileSpec s;
+  s.Rate = 5;  // a window of five frames
+  s.Frames = 20;
+  std::vector<uint32_t> sizes(20);
+  for (uint32_t i = 0; i < 20; ++i) sizes[i] = 4 * (1 + (i * 7) % 11);
+  sizes[12] = sizes[13] = 400;  // the busiest stretch; windows 9..12 all hold both
+  s.Video = [&](uint32_t i) { return std::vector<uint8_t>(sizes[i], uint8_t(i)); };
+  std::vector<uint8_t> file = BuildFile(s);
+  HVELMO h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  uint32_t start;
+  EXPECT_EQ(h->HighestSecondBytes, BusiestSecond(sizes, 5, &start));
+  EXPECT_EQ(h->HighestSecondFrame, start);
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.HighestSecondFrame, start + 1);
+  VelmoClose(h);
+
+  // Two equal busiest windows: the first wins.
+  sizes.assign(20, 4);
+  sizes[3] = sizes[15] = 100;
+  file = BuildFile(s);
+  h = OpenImage(file);
+  EXPECT_EQ(h->HighestSecondBytes, 116u);
+  EXPECT_EQ(h->HighestSecondFrame, 0u);
+  VelmoClose(h);
+
+  // Fewer frames than a second: the average scaled to a second.
+  s.Rate = 30;
+  s.Frames = 4;
+  sizes = {8, 16, 24, 40};
+  file = BuildFile(s);
+  h = OpenImage(file);
+  EXPECT_EQ(h->HighestSecondBytes, 88u * 30 / 4);
+  EXPECT_EQ(h->HighestSecondFrame, 0u);
+  VelmoClose(h);
+
+  // Half a frame per second rounds up to a window of one frame.
+  s.Rate = 1;
+  s.RateDiv = 2;
+  s.Frames = 3;
+  sizes = {8, 40, 12};
+  file = BuildFile(s);
+  h = OpenImage(file);
+  EXPECT_EQ(h->HighestSecondBytes, 40u);
+  EXPECT_EQ(h->HighestSecondFrame, 1u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, AllKeyFrames) {
+  FileSpec s;
+  s.KeyEvery = 1;
+  std::vector<uint8_t> file = BuildFile(s);
+  HVELMO h = OpenImage(file);
+  EXPECT_EQ(h->AllKeyFrames, 1u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, ProviderPathReadsThePacketOnTheCallersThread) {
+  FileSpec s;
+  s.Frames = 3;
+  const std::vector<uint8_t> file = BuildFile(s);
+  ProviderOpen p;
+  HVELMO h = p.Open(file);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->PreloadData, nullptr);
+  EXPECT_EQ(h->FrameReadPending, 1u);  // read when the frame is decoded
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(h->FrameData) % 128, h->FramePosition % 128);
+  EXPECT_EQ(h->ReadBufferSize, file.size() + 16);  // a small file is read whole
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  EXPECT_EQ(h->FrameReadPending, 0u);
+  EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(0).data(), 8));
+  EXPECT_EQ(h->NextReadPosition, h->FramePosition + 8);
+  VelmoNextFrame(h);
+  EXPECT_EQ(h->FrameReadPending, 1u);
+  VelmoDoFrame(h);
+  EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(1).data(), 8));
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, PreloadAndReadWhole) {
+  FileSpec s;
+  s.Frames = 4;
+  const std::vector<uint8_t> file = BuildFile(s);
+  ProviderOpen p;
+  HVELMO h = p.Open(file, VelmoOpenPreload);
+  ASSERT_NE(h, nullptr);
+  ASSERT_NE(h->PreloadData, nullptr);
+  EXPECT_EQ(h->FrameReadPending, 0u);
+  VelmoNextFrame(h);
+  VelmoNextFrame(h);
+  EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(2).data(), 8));
+  VelmoClose(h);
+
+  // The whole file into one block, then opened from memory.
+  HVELMO block = p.Open(file, VelmoOpenReadWhole);
+  ASSERT_NE(block, nullptr);
+  const uint8_t* image = reinterpret_cast<const uint8_t*>(block);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(image) % 256, 0u);
+  EXPECT_EQ(0, std::memcmp(image, file.data(), file.size()));
+  h = VelmoOpen(reinterpret_cast<const char*>(image), VelmoOpenImage);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->Frames, 4u);
+  VelmoClose(h);
+  VelmoFreeFileImage(block);
+}
+
+TEST_F(VelmoOpenTest, ReadFailureStopsTheWalk) {
+  FileSpec s;
+  s.Frames = 4;
+  const std::vector<uint8_t> file = BuildFile(s);
+  // The provider sees the file cut in the middle of frame 3.
+  std::vector<uint8_t> cut(file.begin(), file.end() - 8 - 4);
+  ProviderOpen p;
+  HVELMO h = p.Open(file, VelmoOpenNoFill);
+  ASSERT_NE(h, nullptr);
+  p.Span.Size = cut.size();
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  VelmoNextFrame(h);
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  VelmoNextFrame(h);
+  EXPECT_EQ(h->FrameNum, 3u);
+  EXPECT_EQ(VelmoDoFrame(h), 0u);  // the packet cannot be read
+  EXPECT_NE(h->ReadError, 0u);
+  EXPECT_EQ(VelmoWait(h), 0u);
+  VelmoNextFrame(h);
+  EXPECT_EQ(h->FrameNum, 3u);  // nothing moves any more
+  VelmoClose(h);
+}
+
+TEST_F(VelmoOpenTest, MemoryAndClose) {
+  const std::vector<uint8_t> file = BuildFile({});
+  HVELMO h = OpenImage(file);
+  ASSERT_NE(h, nullptr);
+  EXPECT_GT(h->TotalMemory, sizeof(VelmoState) + 2 * 16 * 16);
+  VelmoClose(h);
+  VelmoClose(nullptr);  // accepted and ignored
+  EXPECT_EQ(VelmoWait(nullptr), 0u);
+  EXPECT_EQ(VelmoDoFrame(nullptr), 0u);
+  VelmoNextFrame(nullptr);
+  VelmoGoto(nullptr, 3, 0);
+  EXPECT_EQ(VelmoPause(nullptr, 1), 0u);
+  EXPECT_EQ(VelmoGetKeyFrame(nullptr, 1, 0), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,464 @@
+// The frame walk on a clock the tests move by hand: order and looping, waiting, the skip and
+// resync rules, the five-minute loop restart, goto and key frames, pause, the run's figures, and
+// first-generation frames decoded into the frame buffer ring and copied out.
+#include "compress/velmo1_stream.h"
+#include "velmo_test_files.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+using namespace velmo_test;
+
+class VelmoWalkTest : public VelmoTest {
+ protected:
+  HVELMO Open(FileSpec s = {}, uint32_t flags = 0) {
+    File = BuildFile(s);
+    HVELMO h = OpenImage(File, flags);
+    EXPECT_NE(h, nullptr);
+    return h;
+  }
+  // Decodes the selected frame at `now` and selects the next one.
+  static void PlayAt(HVELMO h, uint32_t now) {
+    FakeNow = now;
+    VelmoDoFrame(h);
+    VelmoNextFrame(h);
+  }
+  std::vector<uint8_t> File;
+};
+
+TEST_F(VelmoWalkTest, FramesInOrderThenLoop) {
+  FileSpec s;
+  s.Frames = 4;
+  HVELMO h = Open(s);
+  std::vector<uint32_t> seen = {h->FrameNum};
+  std::vector<uint32_t> before;
+  for (int i = 0; i < 6; ++i) {
+    VelmoNextFrame(h);
+    seen.push_back(h->FrameNum);
+    before.push_back(h->LastFrameNum);
+    EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(h->FrameNum - 1).data(), 8));
+  }
+  EXPECT_EQ(seen, (std::vector<uint32_t>{1, 2, 3, 4, 1, 2, 3}));
+  EXPECT_EQ(before, (std::vector<uint32_t>{1, 2, 3, 4, 1, 2}));
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, SingleFrameFileStaysOnFrameOne) {
+  FileSpec s;
+  s.Frames = 1;
+  HVELMO h = Open(s);
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  VelmoNextFrame(h);
+  EXPECT_EQ(h->FrameNum, 1u);
+  EXPECT_EQ(h->FrameBuffers->Count, 1u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, SecondDecodeOfOneFrameDoesNothing) {
+  HVELMO h = Open();
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  EXPECT_EQ(VelmoDoFrame(h), 0u);
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.FramesPlayed, 1u);
+  EXPECT_EQ(h->FrameBuffers->Current, 1u);  // rotated once
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, WaitFollowsTheFrameClock) {
+  HVELMO h = Open();  // 30 frames per second: frames are due at 33, 66, 100 ms
+  EXPECT_EQ(VelmoWait(h), 0u);  // nothing played yet
+  PlayAt(h, 1000);
+  FakeNow = 1032;
+  EXPECT_EQ(VelmoWait(h), 1u);
+  FakeNow = 1033;
+  EXPECT_EQ(VelmoWait(h), 0u);
+  PlayAt(h, 1033);
+  FakeNow = 1065;
+  EXPECT_EQ(VelmoWait(h), 1u);
+  FakeNow = 1066;
+  EXPECT_EQ(VelmoWait(h), 0u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, StallWithoutSoundRestartsTheClock) {
+  HVELMO h = Open();
+  VelmoState* st = VelmoStateOf(h);
+  EXPECT_EQ(st->LateLimit, 66u);
+  PlayAt(h, 1000);
+  PlayAt(h, 1033);
+  PlayAt(h, 1066);
+  // Frame 4 is due at 1100. Two late limits behind is still caught up frame by frame.
+  FakeNow = 1100 + 132;
+  EXPECT_EQ(VelmoWait(h), 0u);
+  EXPECT_EQ(st->StartTime, 1000u);
+  // Beyond that the clock is dropped, and restarted from here at the next wait.
+  FakeNow = 1100 + 133;
+  EXPECT_EQ(VelmoWait(h), 0u);
+  EXPECT_EQ(st->StartTime, 0u);
+  EXPECT_EQ(VelmoWait(h), 1u);
+  EXPECT_EQ(st->StartTime, 1233u);
+  FakeNow = 1233 + 33;
+  EXPECT_EQ(VelmoWait(h), 0u);
+  // Without sound nothing is ever skipped: a late frame restarts the clock instead.
+  FakeNow = 5000;
+  EXPECT_EQ(VelmoSkipCheck(st, 0), 0u);
+  EXPECT_EQ(st->StartTime, 5000u);
+  EXPECT_EQ(st->SkippedFrames, 0u);
+  VelmoClose(h);
+}
+
+// With sound (a track marked open by hand): up to four skips in a row, then a frame is shown.
+TEST_F(VelmoWalkTest, SkipsAtMostFourInARow) {
+  HVELMO h = Open();
+  VelmoState* st = VelmoStateOf(h);
+  PlayAt(h, 1000);
+  st->OpenTracks = 1;
+  st->SoundOn = 1;
+  FakeNow = 1000 + 33 + 67;  // one ms over the late limit
+  std::vector<uint32_t> answers;
+  for (int i = 0; i < 10; ++i) {
+    st->SkipState = 0;
+    answers.push_back(VelmoSkipCheck(st, 0));
+  }
+  EXPECT_EQ(answers, (std::vector<uint32_t>{1, 1, 1, 1, 0, 1, 1, 1, 1, 0}));
+  EXPECT_EQ(st->SkippedFrames, 8u);
+  EXPECT_EQ(st->FrameSkipped, 1u);
+  EXPECT_EQ(st->ForceResync, 0u);
+  // Report-only mode answers the same but counts nothing.
+  st->SkipRun = 0;
+  EXPECT_EQ(VelmoSkipCheck(st, 1), 1u);
+  EXPECT_EQ(st->SkippedFrames, 8u);
+  EXPECT_EQ(st->SkipState, 1u);
+  // On time: shown, and the run starts over.
+  FakeNow = 1033;
+  EXPECT_EQ(VelmoSkipCheck(st, 0), 0u);
+  EXPECT_EQ(st->SkipRun, 0u);
+  st->OpenTracks = 0;
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, FarBehindWithSoundForcesAResync) {
+  HVELMO h = Open();
+  VelmoState* st = VelmoStateOf(h);
+  PlayAt(h, 1000);
+  st->OpenTracks = 1;
+  st->SoundOn = 1;
+  FakeNow = 1033 + 725;
+  EXPECT_EQ(VelmoSkipCheck(st, 0), 1u);
+  EXPECT_EQ(st->ForceResync, 0u);  // exactly 725 is not more
+  st->SkipState = 0;
+  FakeNow = 1033 + 726;
+  EXPECT_EQ(VelmoSkipCheck(st, 0), 1u);
+  EXPECT_EQ(st->ForceResync, 1u);
+  // The next frame restarts the sound and the clock.
+  VelmoNextFrame(h);
+  EXPECT_EQ(st->ForceResync, 0u);
+  EXPECT_EQ(st->SoundSkips, 1u);
+  EXPECT_EQ(st->StartTime, 0u);
+  st->OpenTracks = 0;
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, CopyHonoursTheSkipCheck) {
+  FileSpec s;
+  s.Frames = 3;
+  HVELMO h = Open(s);
+  VelmoState* st = VelmoStateOf(h);
+  PlayAt(h, 1000);
+  FakeNow = 1033;
+  VelmoDoFrame(h);
+  st->OpenTracks = 1;
+  st->SoundOn = 1;
+  FakeNow = 2000;
+  std::vector<uint32_t> pixels(16 * 16, 0xCDCDCDCDu);
+  EXPECT_EQ(st->BlitStart, VelmoBlitPending);
+  EXPECT_EQ(VelmoCopyToBuffer(h, pixels.data(), 64, 16, 0, 0, 3), 1u);
+  EXPECT_EQ(pixels[0], 0xCDCDCDCDu);  // skipped: nothing copied
+  EXPECT_EQ(st->BlitStart, 2000u);    // the blit began all the same
+  EXPECT_EQ(st->SkippedFrames, 1u);
+  EXPECT_EQ(VelmoCopyToBuffer(h, pixels.data(), 64, 16, 0, 0, 3), 1u);  // still skipped
+  EXPECT_EQ(pixels[0], 0xCDCDCDCDu);
+  // Never skip: the check only reports, and the pixels are copied.
+  st->SkipState = 0;
+  EXPECT_EQ(VelmoCopyToBuffer(h, pixels.data(), 64, 16, 0, 0, 3 | VelmoOpenNeverSkip), 1u);
+  EXPECT_EQ(pixels[0] >> 24, 0xFFu);
+  EXPECT_EQ(st->SkippedFrames, 1u);
+  // On time: copied, result 0.
+  st->SkipState = 0;
+  st->StartTime = 0;
+  std::fill(pixels.begin(), pixels.end(), 0xCDCDCDCDu);
+  EXPECT_EQ(VelmoCopyToBuffer(h, pixels.data(), 64, 16, 0, 0, 3), 0u);
+  EXPECT_EQ(pixels[255] >> 24, 0xFFu);
+  FakeNow = 2007;
+  VelmoNextFrame(h);
+  EXPECT_EQ(st->BlitTime, 7u);
+  st->OpenTracks = 0;
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, LoopPastFiveMinutesRestartsClockAndSound) {
+  FileSpec s;
+  s.Frames = 2;
+  HVELMO h = Open(s);
+  VelmoState* st = VelmoStateOf(h);
+  EXPECT_EQ(st->LoopTime, 1000u);  // the first pass only notes the time
+  PlayAt(h, 1000);
+  PlayAt(h, 1000 + 300000);  // back at frame 1, exactly five minutes: nothing yet
+  EXPECT_EQ(st->RestartSound, 0u);
+  PlayAt(h, 301010);
+  PlayAt(h, 301020);  // frame 1 again, past the mark
+  EXPECT_EQ(h->FrameNum, 1u);
+  EXPECT_EQ(st->RestartSound, 1u);
+  EXPECT_EQ(st->LoopTime, 301020u);
+  FakeNow = 301050;
+  VelmoDoFrame(h);
+  EXPECT_EQ(st->RestartSound, 0u);
+  EXPECT_EQ(st->StartTime, 301050u);  // the clock starts anew at this frame
+  EXPECT_EQ(st->StartFrame, st->FramesPlayed - 1);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, KeyFrameSearch) {
+  FileSpec s;
+  s.Frames = 12;  // key frames 1, 6, 11
+  HVELMO h = Open(s);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 8, VelmoKeyBackward), 6u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 6, VelmoKeyBackward), 6u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 6, VelmoKeyBackward | VelmoKeyNotSelf), 1u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 1, VelmoKeyBackward | VelmoKeyNotSelf), 1u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 7, VelmoKeyForward), 11u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 11, VelmoKeyForward | VelmoKeyNotSelf), 0u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 12, VelmoKeyForward), 0u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 8, VelmoKeyNearest), 6u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 9, VelmoKeyNearest), 11u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 6, VelmoKeyNearest | VelmoKeyNotSelf), 1u);  // backwards first
+  EXPECT_EQ(VelmoGetKeyFrame(h, 3, 5), 0u);
+  EXPECT_EQ(VelmoGetKeyFrame(h, 3, 5 | VelmoKeyNotSelf), 0u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, GotoDecodesFromTheKeyFrame) {
+  FileSpec s;
+  s.Frames = 12;
+  HVELMO h = Open(s);
+  VelmoState* st = VelmoStateOf(h);
+  VelmoGoto(h, 8, 0);
+  EXPECT_EQ(h->FrameNum, 8u);
+  EXPECT_EQ(st->FramesPlayed, 2u);  // 6 and 7 decoded on the way
+  EXPECT_EQ(st->LastDecoded, 7u);
+  EXPECT_EQ(h->FrameSkipped, 1u);
+  EXPECT_EQ(st->StartTime, 0u);
+  EXPECT_EQ(h->VideoOn, 1u);
+  EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(7).data(), 8));
+
+  // Forwards inside the same group: from here, without going back to the key frame.
+  VelmoGoto(h, 10, 0);
+  EXPECT_EQ(h->FrameNum, 10u);
+  EXPECT_EQ(st->FramesPlayed, 4u);  // 8 and 9
+
+  VelmoGoto(h, 0, 0);  // acts as frame 1, a key frame
+  EXPECT_EQ(h->FrameNum, 1u);
+  EXPECT_EQ(st->FramesPlayed, 4u);
+  VelmoGoto(h, 100, 0);  // acts as the last frame; decoded from frame 11
+  EXPECT_EQ(h->FrameNum, 12u);
+  EXPECT_EQ(st->FramesPlayed, 5u);
+  VelmoGoto(h, 12, 0);  // the current frame: nothing
+  EXPECT_EQ(st->FramesPlayed, 5u);
+
+  VelmoGoto(h, 4, VelmoGotoExact);  // exact, backwards: selected directly
+  EXPECT_EQ(h->FrameNum, 4u);
+  EXPECT_EQ(st->FramesPlayed, 5u);
+  VelmoGoto(h, 9, VelmoGotoExact | VelmoGotoDirect);
+  EXPECT_EQ(h->FrameNum, 9u);
+  EXPECT_EQ(h->LastFrameNum, 4u);
+  EXPECT_EQ(st->FramesPlayed, 5u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, PauseKeepsTheClockAside) {
+  HVELMO h = Open();
+  VelmoState* st = VelmoStateOf(h);
+  PlayAt(h, 1000);
+  FakeNow = 1010;
+  EXPECT_EQ(VelmoPause(h, 1), 1u);
+  EXPECT_EQ(st->PauseOffset, 10u);
+  EXPECT_EQ(VelmoPause(h, 7), 1u);  // no change
+  FakeNow = 9000;
+  EXPECT_EQ(VelmoWait(h), 1u);  // paused: never due
+  EXPECT_EQ(VelmoPause(h, 0), 0u);
+  EXPECT_EQ(st->StartTime, 8990u);
+  FakeNow = 8990 + 32;
+  EXPECT_EQ(VelmoWait(h), 1u);
+  FakeNow = 8990 + 33;
+  EXPECT_EQ(VelmoWait(h), 0u);
+
+  // A frame decoded while paused (stepping) clears the clock; it starts anew after the pause.
+  VelmoPause(h, 1);
+  VelmoDoFrame(h);
+  EXPECT_EQ(st->PauseOffset, 0u);
+  VelmoNextFrame(h);
+  FakeNow = 20000;
+  VelmoPause(h, 0);
+  EXPECT_EQ(st->StartTime, 0u);
+  EXPECT_EQ(VelmoWait(h), 1u);  // the clock starts here: the next frame is one frame away
+  EXPECT_EQ(st->StartTime, 20000u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, SummaryAndRealtimeFigures) {
+  HVELMO h = Open();  // ten frames of 8 bytes at 30 per second
+  const uint32_t times[] = {1000, 1040, 1070, 1200, 1230};
+  for (uint32_t t : times) PlayAt(h, t);
+  FakeNow = 1300;
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.FramesPlayed, 5u);
+  EXPECT_EQ(sum.TotalTime, 300u);
+  EXPECT_EQ(sum.Slowest, 130u);
+  EXPECT_EQ(sum.SlowestFrame, 4u);
+  EXPECT_EQ(sum.SecondSlowest, 30u);  // the last frame that was not the slowest
+  EXPECT_EQ(sum.SecondSlowestFrame, 5u);
+  EXPECT_EQ(sum.AverageFrame, 8u);
+  EXPECT_EQ(sum.AverageRate, 240u);
+  EXPECT_EQ(sum.Frames, 10u);
+  EXPECT_EQ(sum.Width, 16u);
+  EXPECT_EQ(sum.OpenTime, 0u);
+  EXPECT_EQ(sum.Reserved, 0u);
+  EXPECT_EQ(sum.TotalMemory, h->TotalMemory);
+  EXPECT_EQ(sum.HighestSecondBytes, 80u * 30 / 10);
+
+  VelmoRealtime rt;
+  VelmoGetRealtime(h, &rt, 2);
+  EXPECT_EQ(rt.FrameNum, 5u);
+  EXPECT_EQ(rt.Span, 2u);
+  EXPECT_EQ(rt.Time, 160u);
+  EXPECT_EQ(rt.Bytes, 16u);
+  EXPECT_EQ(rt.DataRate, 100u);
+  // A span limited by the frames played reaches the made-up time before the first frame.
+  VelmoGetRealtime(h, &rt, 100);
+  EXPECT_EQ(rt.Span, 5u);
+  EXPECT_EQ(rt.Time, 1230u - (1000u - 33u));
+  EXPECT_EQ(rt.Bytes, 40u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, ReadSpeedFromTheProvider) {
+  const std::vector<uint8_t> file = BuildFile({});
+  ProviderOpen p;
+  HVELMO h = p.Open(file);
+  VelmoDoFrame(h);
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  // No measurable read time: bytes × (1000 / 1).
+  EXPECT_EQ(sum.ReadSpeed, h->IOProvider.BytesRead * 1000);
+  EXPECT_GT(h->IOProvider.BytesRead, 44u);
+  h->IOProvider.IOTime = 2000;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.ReadSpeed, h->IOProvider.BytesRead / 2);
+  VelmoClose(h);
+}
+
+// ---------------------------------------------------------------------------------------------
+// First-generation frames through the decoder.
+
+std::vector<uint8_t> OnePlane(uint32_t width, const std::vector<std::vector<int>>& rows) {
+  Velmo1EncPlaneSpec p;
+  p.Width = width;
+  for (const auto& row : rows) {
+    std::vector<Velmo1EncRawBlock> blocks;
+    for (int c : row) blocks.push_back(c < 0 ? Velmo1EncSkipBlock() : Velmo1EncOneBlock(uint8_t(c)));
+    p.Rows.push_back(blocks);
+  }
+  return Velmo1EncBuildPlane(p, Velmo1EncPlaneOptions{});
+}
+
+FileSpec DecodableFile() {
+  FileSpec s;
+  s.Frames = 2;
+  s.Video = [](uint32_t i) {
+    if (i == 0)
+      return Velmo1EncBuildSection(false, false, {}, OnePlane(16, {{10, 20}, {30, 40}}),
+                                   OnePlane(8, {{100}}), OnePlane(8, {{200}}));
+    // Frame 2 keeps the top left block and the chroma, and changes the rest.
+    return Velmo1EncBuildSection(false, false, {}, OnePlane(16, {{-1, 21}, {31, 41}}),
+                                 OnePlane(8, {{-1}}), OnePlane(8, {{-1}}));
+  };
+  return s;
+}
+
+uint8_t PixelOf(HVELMO h, uint32_t plane, uint32_t x, uint32_t y) {
+  const VelmoFrameBuffers* fb = h->FrameBuffers;
+  const bool luma = plane == VelmoPlaneY || plane == VelmoPlaneAlpha;
+  return fb->Sets[fb->Current].Planes[plane][y * (luma ? fb->LumaPitch : fb->ChromaPitch) + x];
+}
+
+TEST_F(VelmoWalkTest, FirstGenerationFramesDecodeIntoTheRing) {
+  HVELMO h = Open(DecodableFile());
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  EXPECT_EQ(h->FrameBuffers->Current, 1u);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 0, 0), 10);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 0), 20);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 0, 15), 30);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 15), 40);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneCr, 7, 7), 100);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneCb, 0, 0), 200);
+  EXPECT_EQ(h->LastDecodeResult, 100u);  // no block skipped
+
+  VelmoNextFrame(h);
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  EXPECT_EQ(h->FrameBuffers->Current, 0u);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 0, 0), 10);  // taken from the previous picture
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 0), 21);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneCr, 0, 0), 100);
+  EXPECT_EQ(h->LastDecodeResult, 75u);  // one luma block of four skipped
+
+  // The decoded picture copies out: darker blocks give darker pixels.
+  std::vector<uint32_t> pixels(16 * 16, 0);
+  EXPECT_EQ(VelmoCopyToBuffer(h, pixels.data(), 64, 16, 0, 0, 3), 0u);
+  EXPECT_EQ(pixels[0] >> 24, 0xFFu);
+  EXPECT_LT((pixels[0] >> 8) & 0xFF, (pixels[15 * 16 + 15] >> 8) & 0xFF);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, SlicesSplitLumaFromChroma) {
+  HVELMO h = Open(DecodableFile());
+  VelmoState* st = VelmoStateOf(h);
+  // Luma alone, then chroma alone, ending the frame.
+  EXPECT_EQ(VelmoTakeShare(st, 2), 0x10u);
+  EXPECT_EQ(VelmoTakeShare(st, 2), 0x11u);
+  EXPECT_EQ(VelmoTakeShare(st, 2), 0u);
+  EXPECT_EQ(VelmoDoSlices(h, 0x10 | VelmoSlicesStart), 1u);
+  const VelmoFrameBuffers* fb = h->FrameBuffers;
+  EXPECT_EQ(fb->Current, 0u);
+  EXPECT_EQ(fb->Sets[1].Planes[VelmoPlaneY][0], 10);
+  EXPECT_EQ(fb->Sets[1].Planes[VelmoPlaneCr][0], 128);  // not yet
+  EXPECT_EQ(VelmoDoSlices(h, 0x11 | VelmoSlicesEnd), 1u);
+  EXPECT_EQ(fb->Current, 1u);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneCr, 0, 0), 100);
+  EXPECT_EQ(st->FramesPlayed, 1u);
+
+  // With video off the frame counts as played but the picture stays.
+  VelmoNextFrame(h);
+  VelmoSetVideoOn(h, 0);
+  EXPECT_EQ(VelmoDoFrame(h), 1u);
+  EXPECT_EQ(fb->Current, 1u);
+  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 0), 20);
+  EXPECT_EQ(st->FramesPlayed, 2u);
+  VelmoClose(h);
+}
+
+TEST_F(VelmoWalkTest, FileLoopFlag) {
+  HVELMO h = Open();
+  VelmoSetFileLoop(h, 1);
+  EXPECT_NE(h->OpenFlags & VelmoOpenFileLoop, 0u);
+  VelmoSetFileLoop(h, 0);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenFileLoop, 0u);
+  EXPECT_EQ(VelmoSetSoundOn(h, 1), 0u);  // no tracks: sound stays off
+  VelmoClose(h);
+}
+
+}  // namespace
