@@ -529,7 +529,6 @@ const char* SettleReading(OpenJob& job) {
   const uint64_t packetBytes = uint64_t(h->LargestFrameSize) + 1280;
   h->PacketBuffer = static_cast<uint8_t*>(AlignedAlloc(packetBytes, 128));
   if (!h->PacketBuffer) return "Out of memory.";
-  std::memset(h->PacketBuffer, 0, size_t(packetBytes));
   h->TotalMemory += packetBytes;
   if (io->SetInfo) io->SetInfo(io, h->ReadBuffer, size, fileTotal, h->SimulateRate);
   return nullptr;
