@@ -16,6 +16,7 @@
 #include "host/settings.h"
 #include "host/switches.h"
 #include "host/toolframe.h"
+#include "compress/velmoc.h"
 #include "tools/ornsi.h"
 
 extern char** environ;
@@ -89,8 +90,8 @@ const ToolWordRow Table[] = {
     {{"velmomix"}, "VelmoMix", DispatchShellTool, "velmomix", nullptr, nullptr, nullptr, nullptr},
     {{"tarvmix"}, "TarvMix", DispatchShellTool, "tarvmix", nullptr, nullptr, nullptr, nullptr},
     {{"tarv"}, "Tarv", DispatchShellTool, "tarv", nullptr, nullptr, nullptr, nullptr},
-    {{"velmo", "velmoc"}, "Velmoc", DispatchCompressor, "velmoc", nullptr, nullptr, nullptr, " /v100"},
-    {{"velmo2c", "velmo2c64"}, "Velmo2c", DispatchCompressor, "velmoc", nullptr, nullptr, nullptr, " /v200"},
+    {{"velmo", "velmoc"}, "Velmoc", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v100"},
+    {{"velmo2c", "velmo2c64"}, "Velmo2c", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v200"},
     {{"ornana"}, "ORNAna", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr},
     {{"ornsi"}, "ORNSI", DispatchWindowTool, nullptr, nullptr, nullptr, OrnSystemInfoMain, nullptr},
     {{"tarvplw", "tarvply", "tarvplay"}, "TarvPlw", DispatchPalettePlayer, nullptr, nullptr, nullptr, nullptr, nullptr},
