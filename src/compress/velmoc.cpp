@@ -190,6 +190,12 @@ struct Registrar {
   Registrar() { VelmocRegisterDialog(); }
 } g_registrar;
 
+int SecondGenerationMissing() {
+  ToolFrameError("Velmo 2 compression (version 200 and up) is not part of this build yet. "
+                 "Use /v100 or /v101 for a Velmo 1 file.");
+  return ToolExitOutputError;
+}
+
 int SyntaxError() {
   ToolFrameError(SyntaxText);
   ToolFrameTell(SwitchListText, 0);
@@ -462,6 +468,9 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   Run r;
   ResetRunState();
   if (!VelmocParseSwitches(commandTail, &r.s)) return SyntaxError();
+  // The second generation's encoder is not in this build; an HDR request still gets its input
+  // checked first, so that a non-HDR input hears why.
+  if (VelmocVersion(r.s) >= 200 && !VelmocWantsHdr(r.s)) return SecondGenerationMissing();
   if (r.s.Cpus) PoolSetThreads(r.s.Cpus);
   PoolStart();
 
@@ -515,11 +524,7 @@ int VelmocMain(char* commandTail, ToolDialog*) {
                    "itself. Just use normal Velmo 2 compression with non-HDR input files.");
     return Finish(r, ToolExitNotHdr);
   }
-  if (version >= 200) {
-    ToolFrameError("Velmo 2 compression (version 200 and up) is not part of this build yet. "
-                   "Use /v100 or /v101 for a Velmo 1 file.");
-    return Finish(r, ToolExitOutputError);
-  }
+  if (version >= 200) return Finish(r, SecondGenerationMissing());
 
   // The writer.
   uint32_t rateNum = r.info.RateNumerator, rateDen = r.info.RateDenominator;
