@@ -9,7 +9,8 @@ export ORN_CONSOLE=1
 # Settings written by the demo go to a scratch folder, not to the user's own.
 export XDG_CONFIG_HOME
 XDG_CONFIG_HOME=$(mktemp -d)
-trap 'rm -rf "$XDG_CONFIG_HOME"' EXIT
+SAMPLE_DIR=$(mktemp -d)
+trap 'rm -rf "$XDG_CONFIG_HOME" "$SAMPLE_DIR"' EXIT
 
 run() {
   echo "\$ ORNVideo64 $*"
@@ -23,9 +24,16 @@ run versioncheck off
 run VersionCheck
 run velmoplayer in.vlm
 echo "== Tools not in this build yet say so; the trace shows the tail each would get =="
-ORN_TRACE_DISPATCH=1 run VELMOC "my clip.avi" out.vlm /d5000
 ORN_TRACE_DISPATCH=1 run velmo2c in.avi out.vm2 /v270
 echo "== A stand-in tool behind the tool shell: progress, a question taken by default, Done =="
 echo "\$ orn_shell_demo"
 "$DEMO_TOOL" </dev/null
 echo "(exit code $?)"
+
+echo
+echo "== The compressor on a built-in sample: 3 seconds of a moving, detailed picture =="
+"$BUILD/src/main/orn_make_sample" "$SAMPLE_DIR/sample.y4m" 90 320 240
+echo "\$ ORNVideo64 velmoc sample.y4m sample.vlm /d150000 /o"
+"$PROGRAM" velmoc "$SAMPLE_DIR/sample.y4m" "$SAMPLE_DIR/sample.vlm" /d150000 /o </dev/null 2>&1 | tail -8
+echo "(exit code ${PIPESTATUS[0]})"
+"$BUILD/src/main/orn_make_sample" --compare "$SAMPLE_DIR/sample.y4m" "$SAMPLE_DIR/sample.vlm"

@@ -556,7 +556,8 @@ int VelmocMain(char* commandTail, ToolDialog*) {
 
   int code = FrameLoop(r);
   Finish(r, code);
-  const uint32_t written = r.writer->FramesWritten;
+  // The close encodes what the queue still holds (unless the run is discarded).
+  const uint32_t written = r.writer->FramesWritten + r.writer->QueuedFrames;
   g_writer = nullptr;
   const bool discard = g_cancel == VelmoCancelDiscard;
   const uint64_t size = VelmoWriterClose(r.writer, discard);
