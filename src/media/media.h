@@ -264,6 +264,9 @@ bool MediaAskSequence(char* name, size_t nameSize, ProgressFn progress);
 bool MediaAddReaderRow(const char* extension, const MediaReaderOps* ops);
 void MediaClearAddedRows();
 
+// Crash warnings go out once a run for each kind of reader; this starts a new run (tests).
+void MediaResetCrashWarnings();
+
 // ---------------------------------------------------------------------------------------------
 // Read-ahead: the next frame is read by a background job while the caller uses the current one.
 // The caller must not touch the input between MediaReadAheadStart and MediaReadAheadStop

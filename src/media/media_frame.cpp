@@ -119,7 +119,7 @@ bool OpenNextEntry(MediaInput* input) {
 
 // Works off the list's /S at its first read: whole entries are passed over, and what remains
 // is reached inside the entry.
-bool SkipInList(MediaInput* input, const MediaFrameArgs& args) {
+bool SkipInList(MediaInput* input) {
   uint32_t remaining = input->skip_frames;
   while (input->entry && remaining >= input->entry->output_frames) {
     remaining -= input->entry->output_frames;
@@ -129,14 +129,6 @@ bool SkipInList(MediaInput* input, const MediaFrameArgs& args) {
   }
   MediaInput* entry = input->entry;
   if (!entry || remaining == 0) return true;
-  const bool sameRate = entry->input_rate_num == entry->output_rate_num &&
-                        entry->input_rate_den == entry->output_rate_den;
-  if (!sameRate) {
-    for (uint32_t i = 0; i < remaining; ++i)
-      if (!MediaStepFrame(entry, args.denoise, args.smooth, 0, args.brightness, args.gamma, args.black_clamp))
-        return false;
-    return true;
-  }
   // The same entry opened again, starting where the skip ends.
   char name[MediaNameBytes];
   snprintf(name, sizeof name, "%s", entry->file_name);
@@ -155,7 +147,7 @@ bool ReadListFrame(MediaInput* input, const MediaFrameArgs& args) {
   if (!input->entry && !OpenNextEntry(input)) return false;
   if (!input->seek_done) {
     input->seek_done = 1;
-    if (!SkipInList(input, args)) return false;
+    if (!SkipInList(input)) return false;
   }
   MediaInput* entry = input->entry;
   if (!entry) {

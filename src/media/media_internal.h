@@ -35,8 +35,6 @@ void MediaCloseReader(MediaInput* input);
 
 // Reports a crash of a guarded region: the warning once a run, the status line every time.
 void MediaReportCrash(MediaInput* input, uint32_t region);
-// Clears the once-a-run flags (tests).
-void MediaResetCrashWarnings();
 
 // The reader rows built into this program.
 extern const MediaReaderOps MediaBmpReader, MediaGifReader, MediaTiffReader, MediaJpegReader,
@@ -54,5 +52,6 @@ struct MediaWaveInfo {
 // Walks the RIFF chunks of an open file for "fmt " and "data"; false when it is no wave file.
 bool MediaReadWaveInfo(FILE* file, MediaWaveInfo* info);
 
-// The open arguments of a list's entries: the list's flags, rates and scale request, no crop.
+// The open arguments of a list's entries: the list's flags, forced rate and scale request; no
+// crop and no adjusted rate (the list itself adds and drops frames).
 MediaOpenArgs MediaListEntryArgs(const MediaInput* list, int32_t start, int32_t end);

@@ -236,8 +236,6 @@ MediaOpenArgs MediaListEntryArgs(const MediaInput* list, int32_t start, int32_t 
   e.flags = list->open_flags & ~MediaOpenAskSequence;
   e.force_num = list->force_rate_num;
   e.force_den = list->force_rate_den;
-  e.adjust_num = list->adjust_rate_num;
-  e.adjust_den = list->adjust_rate_den;
   e.scale_w = list->scale_request_width;
   e.scale_h = list->scale_request_height;
   e.start = start;
@@ -278,9 +276,11 @@ bool EnumerateList(MediaInput* input, const MediaOpenArgs& a) {
   MediaListRewind(input->list);
   input->source_frames = totals.frames > 0xFFFFFF ? 0xFFFFFF : static_cast<uint32_t>(totals.frames);
   input->total_bytes = totals.bytes;
-  // Rates, scaling, de-interlacing and alpha work happen inside each entry, not again here.
+  // The forced rate, scaling, de-interlacing and alpha work happen inside each entry, not again
+  // here. The adjusted rate works on the list as a whole: every entry then delivers its own
+  // frames, so that stills counted without being opened keep their count of one.
   MediaOpenArgs rest = a;
-  rest.force_num = rest.force_den = rest.adjust_num = rest.adjust_den = 0;
+  rest.force_num = rest.force_den = 0;
   rest.scale_w = rest.scale_h = 0;
   input->deinterlace = input->premultiply = input->unpremultiply = 0;
   return FinishOpen(input, rest);

@@ -1,0 +1,453 @@
+// Reading frames: rate conversion, ranges, crop and pad, lists, stages, cancel, crash guards
+// and read-ahead.
+#include <signal.h>
+
+#include <cstring>
+
+#include "media/media.h"
+#include "media_test_util.h"
+
+// The guard's own fault handler must see the injected faults under AddressSanitizer too.
+extern "C" const char* __asan_default_options() { return "allow_user_segv_handler=1:handle_segv=1"; }
+
+namespace {
+
+using namespace media_test;
+
+class FrameTest : public MediaTest {
+ protected:
+  void Series(int count, int width = 8, int height = 6) {
+    for (int i = 1; i <= count; ++i) {
+      char name[32];
+      snprintf(name, sizeof name, "f%03d.png", i);
+      ASSERT_TRUE(WritePng(dir / name, width, height, uint32_t(i)));
+    }
+  }
+  std::string SeriesName(int count) { return dir / ("f???.png*1-" + std::to_string(count)); }
+};
+
+std::vector<uint32_t> Tags(std::initializer_list<uint32_t> list) { return list; }
+
+// ---- Frame order, rates and ranges ------------------------------------------------------------
+
+TEST_F(FrameTest, SeriesDeliversEveryFrameAndEndsWithTheLast) {
+  Series(5);
+  MediaInput* in = Open(SeriesName(5));
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(FrameTags(in), Tags({1, 2, 3, 4, 5}));
+  EXPECT_EQ(in->at_end, 1u);
+  EXPECT_EQ(in->frames_read, 5u);
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, DoubleRateRepeatsEveryFrame) {
+  Series(3);
+  MediaOpenArgs args{};
+  args.adjust_num = 30;
+  args.adjust_den = 1;
+  MediaInput* in = Open(SeriesName(3), args);
+  ASSERT_NE(in, nullptr);
+  std::vector<uint32_t> tags;
+  while (!in->at_end) {
+    ASSERT_TRUE(NextFrame(in));
+    tags.push_back((OutPixel(in, 0, 0) >> 16) & 255);
+    // The end comes with the last output frame, not with the last source frame.
+    EXPECT_EQ(in->at_end != 0, tags.size() == 6);
+  }
+  EXPECT_EQ(tags, Tags({1, 1, 2, 2, 3, 3}));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, HalfRateDropsEveryOtherFrame) {
+  Series(7);
+  MediaOpenArgs args{};
+  args.adjust_num = 15;
+  args.adjust_den = 2;
+  MediaInput* in = Open(SeriesName(7), args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(FrameTags(in), Tags({1, 3, 5}));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, ThreeToTwoPullsFramesEvenly) {
+  Series(6);
+  MediaOpenArgs args{};
+  args.force_num = 30;
+  args.force_den = 1;
+  args.adjust_num = 20;
+  args.adjust_den = 1;
+  MediaInput* in = Open(SeriesName(6), args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(FrameTags(in), Tags({1, 2, 4, 5}));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, StartAndEndPickTheFrames) {
+  Series(8);
+  MediaOpenArgs args{};
+  args.start = 3;
+  args.end = 5;
+  MediaInput* in = Open(SeriesName(8), args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(FrameTags(in), Tags({3, 4, 5}));
+  MediaClose(in);
+  args.start = -2;
+  args.end = 0;
+  in = Open(SeriesName(8), args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(FrameTags(in), Tags({7, 8}));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, ProgressLineCountsSourceFrames) {
+  Series(4);
+  MediaOpenArgs args{};
+  args.start = 2;
+  args.title = "Converting";
+  MediaInput* in = Open(SeriesName(4), args);
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_TRUE(Said("Converting frame 2 of 4...", MediaLevelStatus));
+  MediaClose(in);
+}
+
+// ---- Lists ------------------------------------------------------------------------------------
+
+TEST_F(FrameTest, ListRepeatsLinesAndWalksSeriesLines) {
+  Series(3);
+  ASSERT_TRUE(WritePng(dir / "x.png", 8, 6, 50));
+  WriteText(dir / "l.lst", "x.png /L2\nf???.png*1-3 /S2\n\"x.png\"\n");
+  MediaInput* in = Open(dir / "l.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_frames, 5u);
+  EXPECT_EQ(FrameTags(in), Tags({50, 50, 2, 3, 50}));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, ListStartSkipsWholeEntriesAndEntersTheNext) {
+  Series(6);
+  WriteText(dir / "a.lst", "f???.png*1-6\n");
+  WriteText(dir / "l.lst", "f001.png\na.lst\nf002.png\n");  // 1 + 6 + 1 frames
+  MediaOpenArgs args{};
+  args.start = 4;
+  MediaInput* in = Open(dir / "l.lst", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->source_frames, 5u);
+  EXPECT_EQ(FrameTags(in), Tags({3, 4, 5, 6, 2}));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, ListEntriesOfOtherSizesLieAtTheCropPositionOnBlack) {
+  ASSERT_TRUE(WritePng(dir / "big.png", 8, 6, 1));
+  ASSERT_TRUE(WritePng(dir / "small.png", 4, 2, 2));
+  WriteText(dir / "l.lst", "big.png\nsmall.png\nbig.png\n");
+  MediaOpenArgs args{};
+  args.crop_x = 1;
+  args.crop_y = 1;
+  MediaInput* in = Open(dir / "l.lst", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_width, 8u);
+  EXPECT_EQ(in->output_height, 6u);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 0, 0), PatternPixel(1, 1, 1, 0));
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 0, 0), PatternPixel(2, 1, 1, 0));
+  EXPECT_EQ(OutPixel(in, 2, 0), PatternPixel(2, 3, 1, 0));
+  EXPECT_EQ(OutPixel(in, 3, 0), 0u);  // beyond the small picture: black
+  EXPECT_EQ(OutPixel(in, 0, 1), 0u);
+  EXPECT_EQ(OutPixel(in, 7, 5), 0u);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 6, 4), PatternPixel(1, 7, 5, 0));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, ContrastIsNotAppliedToListsButBrightnessIs) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 4, 4, 100));
+  WriteText(dir / "l.lst", "a.png\n");
+  MediaInput* single = Open(dir / "a.png");
+  MediaInput* list = Open(dir / "l.lst");
+  ASSERT_NE(single, nullptr);
+  ASSERT_NE(list, nullptr);
+  ASSERT_TRUE(MediaGetFrame(single, 0, 0, 100, 100, 1.0, 0));
+  ASSERT_TRUE(MediaGetFrame(list, 0, 0, 100, 100, 1.0, 0));
+  EXPECT_NE(OutPixel(single, 2, 2), PatternPixel(100, 2, 2, 0));
+  EXPECT_EQ(OutPixel(list, 2, 2), PatternPixel(100, 2, 2, 0));
+  MediaClose(single);
+  MediaClose(list);
+
+  single = Open(dir / "a.png");
+  list = Open(dir / "l.lst");
+  ASSERT_TRUE(MediaGetFrame(single, 0, 0, 0, 50, 1.0, 0));
+  ASSERT_TRUE(MediaGetFrame(list, 0, 0, 0, 50, 1.0, 0));
+  EXPECT_NE(OutPixel(single, 2, 2), PatternPixel(100, 2, 2, 0));
+  EXPECT_EQ(OutPixel(list, 2, 2), OutPixel(single, 2, 2));
+  MediaClose(single);
+  MediaClose(list);
+}
+
+// ---- Crop, pad, scaling and stages ------------------------------------------------------------
+
+TEST_F(FrameTest, CropAndPadPlacePixels) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 10, 8, 7));
+  MediaOpenArgs args{};
+  args.crop_x = 2;
+  args.crop_y = 3;
+  args.crop_w = 4;
+  args.crop_h = 2;
+  MediaInput* in = Open(dir / "a.png", args);
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(NextFrame(in));
+  for (uint32_t y = 0; y < 2; ++y)
+    for (uint32_t x = 0; x < 4; ++x) EXPECT_EQ(OutPixel(in, x, y), PatternPixel(7, x + 2, y + 3, 0));
+  MediaClose(in);
+
+  args.crop_x = -3;  // three black columns on the left, two rows on top
+  args.crop_y = -2;
+  args.crop_w = 6;
+  args.crop_h = 5;
+  in = Open(dir / "a.png", args);
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 2, 1), 0u);
+  EXPECT_EQ(OutPixel(in, 3, 1), 0u);
+  EXPECT_EQ(OutPixel(in, 2, 2), 0u);
+  EXPECT_EQ(OutPixel(in, 3, 2), PatternPixel(7, 0, 0, 0));
+  EXPECT_EQ(OutPixel(in, 5, 4), PatternPixel(7, 2, 2, 0));
+  MediaClose(in);
+
+  args.crop_x = 40;  // wholly outside: black frame of the asked size
+  args.crop_y = 0;
+  in = Open(dir / "a.png", args);
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(in->output_width, 6u);
+  for (uint32_t y = 0; y < 5; ++y)
+    for (uint32_t x = 0; x < 6; ++x) EXPECT_EQ(OutPixel(in, x, y), 0u);
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, ScalingDeliversTheAskedSize) {
+  ASSERT_TRUE(WriteImage(dir / "flat.png", IMAGE_FORMAT_PNG, 8, 6,
+                         std::vector<uint32_t>(48, 0xFF406080u)));
+  MediaOpenArgs args{};
+  args.scale_w = 16;
+  args.scale_h = -1;
+  MediaInput* in = Open(dir / "flat.png", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_width, 16u);
+  EXPECT_EQ(in->output_height, 12u);
+  ASSERT_TRUE(NextFrame(in));
+  for (uint32_t y = 0; y < 12; y += 5)
+    for (uint32_t x = 0; x < 16; x += 3) EXPECT_EQ(OutPixel(in, x, y), 0x00406080u);
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, AlphaIsDeliveredOnlyWhenAskedFor) {
+  ASSERT_TRUE(WriteImage(dir / "a.png", IMAGE_FORMAT_PNG, 4, 4, Pattern(4, 4, 9, 128), true));
+  MediaInput* plain = Open(dir / "a.png");
+  MediaOpenArgs args{};
+  args.flags = MediaOpenAlpha;
+  MediaInput* alpha = Open(dir / "a.png", args);
+  ASSERT_NE(plain, nullptr);
+  ASSERT_NE(alpha, nullptr);
+  ASSERT_TRUE(NextFrame(plain));
+  ASSERT_TRUE(NextFrame(alpha));
+  EXPECT_EQ(OutPixel(plain, 1, 2), PatternPixel(9, 1, 2, 0));
+  EXPECT_EQ(OutPixel(alpha, 1, 2), PatternPixel(9, 1, 2, 128));
+  MediaClose(plain);
+  MediaClose(alpha);
+}
+
+TEST_F(FrameTest, GammaBelowTheThresholdRunsNoStage) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 4, 4, 100));
+  MediaInput* in = Open(dir / "a.png");
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(MediaGetFrame(in, 0, 0, 0, 100, 1.0 / 1.0001, 0));
+  EXPECT_EQ(in->work_buffer[0], nullptr);  // straight from the reader to the output
+  EXPECT_EQ(OutPixel(in, 3, 1), PatternPixel(100, 3, 1, 0));
+  MediaClose(in);
+  in = Open(dir / "a.png");
+  ASSERT_TRUE(MediaGetFrame(in, 0, 0, 0, 100, 0.5, 0));
+  EXPECT_NE(OutPixel(in, 3, 1), PatternPixel(100, 3, 1, 0));
+  MediaClose(in);
+}
+
+TEST_F(FrameTest, FloatPipelineForOpenExr) {
+  std::vector<float> pixels(4 * 3 * 4);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = float(i % 4 == 3 ? 1.0 : i * 0.125);
+  ImagePixels p = {pixels.data(), 4 * 16, 4, 3, IMAGE_PIXELS_FLOAT};
+  ImageWriteParams params = {IMAGE_FORMAT_EXR, 1, 0, 0};
+  ASSERT_TRUE(ImageWriteFile((dir / "a.exr").c_str(), &params, &p, nullptr));
+  MediaOpenArgs args{};
+  args.flags = MediaOpenAlpha;
+  MediaInput* in = Open(dir / "a.exr", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeExr);
+  EXPECT_EQ(in->float_frames, 1u);
+  EXPECT_EQ(in->peak_value, 10000u);
+  EXPECT_EQ(in->output_pitch, 4u * 16);
+  ASSERT_TRUE(NextFrame(in));
+  const float* out = reinterpret_cast<const float*>(in->output_buffer + in->output_pitch * 2);
+  EXPECT_FLOAT_EQ(out[4 * 3 + 0], pixels[(2 * 4 + 3) * 4 + 0]);
+  EXPECT_FLOAT_EQ(out[4 * 3 + 2], pixels[(2 * 4 + 3) * 4 + 2]);
+  EXPECT_FLOAT_EQ(out[4 * 3 + 3], 1.0f);
+  MediaClose(in);
+}
+
+// ---- Cancel -----------------------------------------------------------------------------------
+
+TEST_F(FrameTest, CancelThroughProgress) {
+  Series(3);
+  MediaInput* in = Open(SeriesName(3));
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(NextFrame(in));
+  Answer = [](const char* text, int) { return strstr(text, " frame ") ? 1 : 0; };
+  EXPECT_FALSE(NextFrame(in));
+  EXPECT_EQ(in->output_index, 1u);  // nothing was read after the cancel
+  MediaClose(in);
+}
+
+// ---- Crash guards -----------------------------------------------------------------------------
+
+// A test reader: five 4 × 4 frames tagged 1 to 5; frames in `Crashing` fault inside the read.
+uint32_t Crashing = 0;  // bit n: frame n faults
+struct TestReaderState {
+  uint32_t next;
+  uint32_t pixels[16];
+};
+
+bool ProbeTest(MediaInput* in) {
+  in->reader_state = calloc(1, sizeof(TestReaderState));
+  in->type = MediaTypeTest;
+  snprintf(in->type_name, sizeof in->type_name, "Test");
+  in->source_width = in->source_height = 4;
+  in->source_frames = 5;
+  in->file_rate_num = 15;
+  in->file_rate_den = 1;
+  in->input_depth = 32;
+  return in->reader_state != nullptr;
+}
+
+volatile uintptr_t FaultAddress = 16;  // no page is ever mapped there
+
+__attribute__((noinline)) void Fault() {
+#if defined(__SANITIZE_ADDRESS__)
+  raise(SIGSEGV);
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(undefined_behavior_sanitizer)
+  raise(SIGSEGV);
+#else
+  *reinterpret_cast<volatile int*>(FaultAddress) = 1;
+#endif
+#else
+  *reinterpret_cast<volatile int*>(FaultAddress) = 1;
+#endif
+}
+
+bool ReadTest(MediaInput* in) {
+  TestReaderState* s = static_cast<TestReaderState*>(in->reader_state);
+  const uint32_t frame = ++s->next;
+  in->frame_base = reinterpret_cast<uint8_t*>(s->pixels);
+  in->frame_pitch = 16;
+  in->frame_depth = 32;
+  in->frame_width = in->frame_height = 4;
+  for (uint32_t i = 0; i < 16; ++i) s->pixels[i] = frame << 16;
+  if (Crashing & (1u << frame)) {
+    s->pixels[0] = 0xFFFFFFFF;  // half written when the fault hits
+    Fault();
+  }
+  return true;
+}
+
+void CloseTest(MediaInput* in) {
+  free(in->reader_state);
+  in->reader_state = nullptr;
+}
+
+const MediaReaderOps TestOps = {"Test", MediaGuardStill, ProbeTest, ReadTest, nullptr, nullptr, CloseTest};
+
+class CrashTest : public FrameTest {
+ protected:
+  void SetUp() override {
+    FrameTest::SetUp();
+    MediaClearAddedRows();
+    ASSERT_TRUE(MediaAddReaderRow(".crashtest", &TestOps));
+    MediaResetCrashWarnings();
+    WriteText(dir / "a.crashtest", "x");
+  }
+  void TearDown() override {
+    MediaClearAddedRows();
+    Crashing = 0;
+    FrameTest::TearDown();
+  }
+};
+
+TEST_F(CrashTest, FaultingReaderKeepsThePreviousFrameAndWarnsOnce) {
+  Crashing = 1u << 3 | 1u << 4;
+  MediaInput* in = Open(dir / "a.crashtest");
+  ASSERT_NE(in, nullptr);
+  EXPECT_STREQ(in->type_name, "Test");
+  EXPECT_EQ(FrameTags(in), Tags({1, 2, 2, 2, 5}));
+  EXPECT_EQ(CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Said("Crashed while reading this file (possibly corrupted)!!", MediaLevelWarning));
+  int crashLines = 0;
+  for (const Message& m : Messages) crashLines += m.text == "Crash while reading input file...";
+  EXPECT_EQ(crashLines, 2);
+  MediaClose(in);
+}
+
+TEST_F(CrashTest, FaultOnTheFirstFrameGivesBlack) {
+  Crashing = 1u << 1;
+  MediaInput* in = Open(dir / "a.crashtest");
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 0, 0), 0u);
+  EXPECT_EQ(OutPixel(in, 3, 3), 0u);
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 0, 0), 2u << 16);
+  MediaClose(in);
+}
+
+TEST_F(CrashTest, FaultOutsideAGuardIsNotSwallowed) {
+  EXPECT_DEATH(Fault(), "");
+}
+
+// ---- Read-ahead -------------------------------------------------------------------------------
+
+TEST_F(FrameTest, ReadAheadGivesTheSameFramesAsReadingInTurn) {
+  Series(6, 12, 10);
+  MediaOpenArgs args{};
+  args.adjust_num = 25;
+  args.adjust_den = 1;
+  args.crop_x = -2;
+  args.crop_y = 1;
+  args.crop_w = 12;
+  args.crop_h = 8;
+  args.scale_w = 16;
+  MediaInput* plain = Open(SeriesName(6), args);
+  MediaInput* ahead = Open(SeriesName(6), args);
+  ASSERT_NE(plain, nullptr);
+  ASSERT_NE(ahead, nullptr);
+  const MediaFrameArgs filters = {0, 0, 20, 90, 0.8, 4};
+  MediaReadAhead* reader = MediaReadAheadStart(ahead, &filters);
+  ASSERT_NE(reader, nullptr);
+  const size_t bytes = size_t(plain->output_height) * plain->output_pitch;
+  uint32_t frames = 0;
+  bool end = false;
+  while (!end) {
+    ASSERT_TRUE(MediaGetFrame(plain, filters.denoise, filters.smooth, filters.contrast,
+                              filters.brightness, filters.gamma, filters.black_clamp));
+    const uint8_t* pixels = nullptr;
+    ASSERT_TRUE(MediaReadAheadNext(reader, &pixels, &end));
+    ASSERT_EQ(memcmp(pixels, plain->output_buffer, bytes), 0) << "frame " << frames;
+    EXPECT_EQ(end, plain->at_end != 0);
+    ++frames;
+  }
+  EXPECT_EQ(frames, plain->output_frames);
+  EXPECT_EQ(frames, 10u);
+  MediaReadAheadStop(reader);
+  MediaClose(plain);
+  MediaClose(ahead);
+}
+
+}  // namespace

@@ -1,0 +1,410 @@
+// Opening inputs: the type table, sizes, ranges, scaling, crop, rates, lists and series.
+#include <cstring>
+
+#include "media/media.h"
+#include "media_test_util.h"
+
+namespace {
+
+using namespace media_test;
+
+void WriteWave(const std::string& name, uint32_t rate, uint32_t channels, uint32_t dataBytes) {
+  std::string bytes = "RIFF....WAVEfmt ";
+  auto put = [&](uint32_t v, int n) {
+    for (int i = 0; i < n; ++i) bytes += char((v >> (8 * i)) & 255);
+  };
+  put(16, 4);
+  put(1, 2);
+  put(channels, 2);
+  put(rate, 4);
+  put(rate * channels * 2, 4);
+  put(channels * 2, 2);
+  put(16, 2);
+  bytes += "data";
+  put(dataBytes, 4);
+  bytes += std::string(dataBytes, '\0');
+  WriteText(name, bytes);
+}
+
+class OpenTest : public MediaTest {
+ protected:
+  // A numbered PNG series f001.png .. f<count>.png, each tagged with its number.
+  void Series(int count, int width = 8, int height = 6) {
+    for (int i = 1; i <= count; ++i) {
+      char name[32];
+      snprintf(name, sizeof name, "f%03d.png", i);
+      ASSERT_TRUE(WritePng(dir / name, width, height, uint32_t(i)));
+    }
+  }
+};
+
+// ---- The type table -------------------------------------------------------------------------
+
+TEST_F(OpenTest, PngStillHasItsSizesAndOneFrame) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 7, 5, 1));
+  MediaInput* in = Open(dir / "a.png");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypePng);
+  EXPECT_STREQ(in->type_name, "PNG still image");
+  EXPECT_EQ(in->source_width, 7u);
+  EXPECT_EQ(in->source_height, 5u);
+  EXPECT_EQ(in->output_width, 7u);
+  EXPECT_EQ(in->output_height, 5u);
+  EXPECT_EQ(in->output_pitch, 8u * 4);  // width rounded up to 4 pixels
+  EXPECT_EQ(in->source_frames, 1u);
+  EXPECT_EQ(in->output_frames, 1u);
+  EXPECT_EQ(in->file_rate_num, 15u);
+  EXPECT_EQ(in->file_rate_den, 1u);
+  EXPECT_EQ(in->frame_period, -6666);
+  EXPECT_EQ(in->has_alpha, 0u);
+  EXPECT_STREQ(in->title, "Processing");
+  EXPECT_GT(in->total_bytes, 0u);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, BitmapsComeThroughTheContentProbes) {
+  ASSERT_TRUE(WriteImage(dir / "b.bmp", IMAGE_FORMAT_BMP, 4, 4, Pattern(4, 4, 1)));
+  MediaInput* in = Open(dir / "b.bmp");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeBmp);
+  EXPECT_STREQ(in->type_name, "BMP still image");
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, NameWithoutExtensionFindsTheFirstContentProbeWhoseFileExists) {
+  ASSERT_TRUE(WriteImage(dir / "clip.bmp", IMAGE_FORMAT_BMP, 4, 4, Pattern(4, 4, 1)));
+  MediaInput* in = Open(dir / "clip");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeBmp);
+  EXPECT_EQ(in->file_name, dir / "clip.bmp");
+  MediaClose(in);
+  WriteWave(dir / "clip.wav", 8000, 1, 16000);  // the wave row comes first
+  in = Open(dir / "clip");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeSoundOnly);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, WaveFileIsSoundOnlyWithFramesForItsLength) {
+  WriteWave(dir / "s.wav", 8000, 2, 8000 * 4 * 2);  // two seconds of 16-bit stereo
+  MediaInput* in = Open(dir / "s.wav");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeSoundOnly);
+  EXPECT_STREQ(in->type_name, "Sound-only");
+  EXPECT_EQ(in->source_width, 4u);
+  EXPECT_EQ(in->source_height, 4u);
+  EXPECT_EQ(in->has_sound, 1u);
+  EXPECT_EQ(in->source_frames, 31u);  // 2 s × 15 + 1
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(OutPixel(in, 3, 3), 0u);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
+  EXPECT_EQ(Open(dir / "none.png"), nullptr);
+  EXPECT_TRUE(Said("File not found: " + dir / "none.png", MediaLevelError));
+
+  WriteText(dir / "junk.xyz", "nothing that any reader knows");
+  EXPECT_EQ(Open(dir / "junk.xyz"), nullptr);
+  EXPECT_TRUE(Said("Error opening: " + dir / "junk.xyz", MediaLevelError));
+
+  WriteText(dir / "film.mov", "not a movie");
+  EXPECT_EQ(Open(dir / "film.mov"), nullptr);
+  EXPECT_TRUE(Said("You specified an MP4 or QuickTime video file", MediaLevelError));
+}
+
+TEST_F(OpenTest, MatchedExtensionThatFailsDoesNotFallBackToContent) {
+  ASSERT_TRUE(WriteImage(dir / "real.bmp", IMAGE_FORMAT_BMP, 4, 4, Pattern(4, 4, 1)));
+  ASSERT_EQ(rename((dir / "real.bmp").c_str(), (dir / "fake.png").c_str()), 0);
+  EXPECT_EQ(Open(dir / "fake.png"), nullptr);
+  EXPECT_TRUE(Said("Error opening", MediaLevelError));
+}
+
+TEST_F(OpenTest, PaletteOutputIsRefusedClearly) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 4, 4, 1));
+  MediaOpenArgs args{};
+  args.flags = 2;
+  EXPECT_EQ(Open(dir / "a.png", args), nullptr);
+  EXPECT_TRUE(Said("/Z0", MediaLevelError));
+}
+
+TEST_F(OpenTest, BarNumberBehindTheNameIsCutOff) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 4, 4, 1));
+  MediaInput* in = Open(dir / "a.png|12");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->file_name, dir / "a.png");
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, AlphaOnlyFromFilesThatCarryIt) {
+  ASSERT_TRUE(WriteImage(dir / "rgba.png", IMAGE_FORMAT_PNG, 4, 4, Pattern(4, 4, 1, 128), true));
+  ASSERT_TRUE(WriteImage(dir / "rgb.png", IMAGE_FORMAT_PNG, 4, 4, Pattern(4, 4, 1), false));
+  MediaOpenArgs args{};
+  args.flags = MediaOpenAlpha | MediaOpenPremultiply | MediaOpenUnpremultiply;
+  MediaInput* with = Open(dir / "rgba.png", args);
+  MediaInput* without = Open(dir / "rgb.png", args);
+  ASSERT_NE(with, nullptr);
+  ASSERT_NE(without, nullptr);
+  EXPECT_EQ(with->has_alpha, 1u);
+  EXPECT_EQ(with->input_depth, 32u);
+  EXPECT_EQ(with->premultiply, 1u);
+  EXPECT_EQ(without->has_alpha, 0u);
+  EXPECT_EQ(without->input_depth, 24u);
+  EXPECT_EQ(without->premultiply, 0u);  // nothing to premultiply without alpha
+  EXPECT_EQ(without->unpremultiply, 0u);
+  MediaClose(with);
+  MediaClose(without);
+}
+
+// ---- Range, scaling, crop, rates --------------------------------------------------------------
+
+TEST_F(OpenTest, FrameRangeFromStartAndEnd) {
+  Series(10);
+  struct Case {
+    int32_t start, end;
+    uint32_t skip, frames;
+  } cases[] = {
+      {0, 0, 0, 10},   {3, 5, 2, 3},    {-3, 0, 7, 3},   {5, 2, 4, 1},
+      {20, 0, 9, 1},   {-20, 0, 0, 10}, {2, -2, 1, 8},   {10, 10, 9, 1},
+  };
+  for (const Case& c : cases) {
+    MediaOpenArgs args{};
+    args.start = c.start;
+    args.end = c.end;
+    MediaInput* in = Open(dir / "f???.png*1-10", args);
+    ASSERT_NE(in, nullptr);
+    EXPECT_EQ(in->skip_frames, c.skip) << c.start << " " << c.end;
+    EXPECT_EQ(in->source_frames, c.frames) << c.start << " " << c.end;
+    EXPECT_EQ(in->total_frames, 10u);
+    MediaClose(in);
+  }
+}
+
+TEST_F(OpenTest, ScaleRequests) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 64, 48, 1));
+  struct Case {
+    int32_t w, h;
+    uint32_t sw, sh;
+  } cases[] = {
+      {-1, 24, 32, 24},   {-1, -1, 64, 48},  {0, 0, 64, 48},    {100, 0, 100, 48},
+      {-2, -3, 128, 144}, {-1500, -1, 32, 24}, {-2500, -1, 96, 72}, {20, -1, 20, 15}, {-1001, -1001, 1, 1},
+  };
+  for (const Case& c : cases) {
+    MediaOpenArgs args{};
+    args.scale_w = c.w;
+    args.scale_h = c.h;
+    MediaInput* in = Open(dir / "a.png", args);
+    ASSERT_NE(in, nullptr);
+    EXPECT_EQ(in->scaled_width, c.sw) << c.w << " " << c.h;
+    EXPECT_EQ(in->scaled_height, c.sh) << c.w << " " << c.h;
+    EXPECT_EQ(in->output_width, c.sw);
+    const bool scaling = c.sw != 64 || c.sh != 48;
+    EXPECT_EQ(in->input_depth, scaling ? 32u : 24u);
+    MediaClose(in);
+  }
+}
+
+TEST_F(OpenTest, CropWindowAndPadding) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 20, 10, 1));
+  struct Case {
+    int32_t x, y, w, h;
+    int32_t cropX, cropY;
+    uint32_t visibleW, visibleH;
+    int32_t left, top, right, bottom;
+  } cases[] = {
+      {0, 0, 0, 0, 0, 0, 20, 10, 0, 0, 0, 0},
+      {2, 3, 5, 4, 2, 3, 5, 4, 0, 0, 0, 0},
+      {-4, -2, 8, 6, 0, 0, 4, 4, -4, -2, 0, 0},
+      {16, 8, 8, 4, 16, 8, 4, 2, 0, 0, 4, 2},
+      {30, 0, 8, 4, 0, 0, 0, 4, 0, 0, 8, 0},  // wholly right of the picture
+      {-2, -2, 24, 14, 0, 0, 20, 10, -2, -2, 2, 2},
+  };
+  for (const Case& c : cases) {
+    MediaOpenArgs args{};
+    args.crop_x = c.x;
+    args.crop_y = c.y;
+    args.crop_w = c.w;
+    args.crop_h = c.h;
+    MediaInput* in = Open(dir / "a.png", args);
+    ASSERT_NE(in, nullptr);
+    SCOPED_TRACE(testing::Message() << c.x << "," << c.y << " " << c.w << "x" << c.h);
+    EXPECT_EQ(in->crop_x, c.cropX);
+    EXPECT_EQ(in->crop_y, c.cropY);
+    EXPECT_EQ(in->visible_width, c.visibleW);
+    EXPECT_EQ(in->visible_height, c.visibleH);
+    EXPECT_EQ(in->pad_left, c.left);
+    EXPECT_EQ(in->pad_top, c.top);
+    EXPECT_EQ(in->pad_right, c.right);
+    EXPECT_EQ(in->pad_bottom, c.bottom);
+    MediaClose(in);
+  }
+}
+
+TEST_F(OpenTest, MultipleOf32Flag) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 70, 40, 1));
+  MediaOpenArgs args{};
+  args.flags = MediaOpenMultiple32;
+  MediaInput* in = Open(dir / "a.png", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_width, 64u);
+  EXPECT_EQ(in->output_height, 32u);
+  MediaClose(in);
+  args.crop_w = 10;
+  in = Open(dir / "a.png", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_width, 32u);  // under 32 first gets 31 added
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, RatesForcedAndAdjusted) {
+  Series(10);
+  struct Case {
+    int32_t fn, fd, an, ad;
+    uint32_t inNum, inDen, outNum, outDen, frames;
+  } cases[] = {
+      {0, 0, 0, 0, 15, 1, 15, 1, 10},     {30, 1, 0, 0, 30, 1, 30, 1, 10},
+      {0, 0, 30, 1, 15, 1, 30, 1, 20},    {0, 0, 15, 2, 15, 1, 15, 2, 5},
+      {20, 2, 5, 1, 10, 1, 5, 1, 5},      {0, 0, 1, 100, 15, 1, 15, 1, 10},  // would leave 0
+      {0, 0, 30000, 1001, 15, 1, 30000, 1001, 19},
+  };
+  for (const Case& c : cases) {
+    MediaOpenArgs args{};
+    args.force_num = c.fn;
+    args.force_den = c.fd;
+    args.adjust_num = c.an;
+    args.adjust_den = c.ad;
+    MediaInput* in = Open(dir / "f???.png*1-10", args);
+    ASSERT_NE(in, nullptr);
+    SCOPED_TRACE(testing::Message() << c.fn << "/" << c.fd << " " << c.an << "/" << c.ad);
+    EXPECT_EQ(in->input_rate_num, c.inNum);
+    EXPECT_EQ(in->input_rate_den, c.inDen);
+    EXPECT_EQ(in->output_rate_num, c.outNum);
+    EXPECT_EQ(in->output_rate_den, c.outDen);
+    EXPECT_EQ(in->output_frames, c.frames);
+    EXPECT_EQ(in->frame_period, -int32_t(uint64_t(c.outDen) * 100000 / c.outNum));
+    MediaClose(in);
+  }
+}
+
+// ---- Lists and series -----------------------------------------------------------------------
+
+TEST_F(OpenTest, ListWithRepeatsAndComments) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 8, 6, 1));
+  ASSERT_TRUE(WritePng(dir / "b.png", 8, 6, 2));
+  WriteText(dir / "l.lst", "# the opening\na.png /L3\n\n  b.png  \n");
+  MediaInput* in = Open(dir / "l.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeList);
+  EXPECT_STREQ(in->type_name, "List");
+  EXPECT_EQ(in->source_frames, 4u);
+  EXPECT_EQ(in->output_frames, 4u);
+  EXPECT_TRUE(Said("Opening " + dir / "a.png...", MediaLevelStatus));
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, ListTakesTheLargestEntrySize) {
+  Series(3, 8, 6);
+  ASSERT_TRUE(WritePng(dir / "wide.png", 16, 4, 9));
+  WriteText(dir / "l.lst", "f???.png*1-3\nwide.png\n");
+  MediaInput* in = Open(dir / "l.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->source_width, 8u);  // the still behind the first entry is counted, not opened
+  EXPECT_EQ(in->output_frames, 4u);
+  MediaClose(in);
+  WriteText(dir / "m.lst", "wide.png\nf???.png*1-3\n");
+  in = Open(dir / "m.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_frames, 4u);
+  MediaClose(in);
+  // A list whose second entry is itself a list opens that entry and merges its size.
+  WriteText(dir / "n.lst", "f001.png\nm.lst\n");
+  in = Open(dir / "n.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->source_width, 16u);
+  EXPECT_EQ(in->source_height, 6u);
+  EXPECT_EQ(in->output_frames, 5u);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, StillsAfterTheFirstEntryAreCountedWithoutOpening) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 8, 6, 1));
+  WriteText(dir / "l.lst", "a.png\nnot_there.png\nalso_missing.jpg\n");
+  MediaInput* in = Open(dir / "l.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_frames, 3u);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, ListFailures) {
+  EXPECT_EQ(Open(dir / "none.lst"), nullptr);
+  EXPECT_TRUE(Said("Error opening: " + dir / "none.lst", MediaLevelError));
+  WriteText(dir / "empty.lst", "# nothing\n\n");
+  EXPECT_EQ(Open(dir / "empty.lst"), nullptr);
+  EXPECT_TRUE(Said("No files in the list file.", MediaLevelError));
+  WriteText(dir / "bad.lst", "missing.avi\n");
+  Messages.clear();
+  EXPECT_EQ(Open(dir / "bad.lst"), nullptr);
+  EXPECT_TRUE(Said("File not found", MediaLevelError));
+  WriteText(dir / "self.lst", "self.lst\n");  // a list that holds itself ends
+  EXPECT_EQ(Open(dir / "self.lst"), nullptr);
+}
+
+TEST_F(OpenTest, CancelWhileOpeningAList) {
+  ASSERT_TRUE(WritePng(dir / "a.png", 8, 6, 1));
+  WriteText(dir / "l.lst", "a.png\na.png\n");
+  Answer = [](const char* text, int) { return strncmp(text, "Opening", 7) == 0 ? 1 : 0; };
+  EXPECT_EQ(Open(dir / "l.lst"), nullptr);
+}
+
+TEST_F(OpenTest, SeriesWithAndWithoutRange) {
+  Series(5);
+  MediaInput* in = Open(dir / "f???.png*2-4");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeList);
+  EXPECT_EQ(in->output_frames, 3u);
+  MediaClose(in);
+  in = Open(dir / "f???.png");  // runs while the files exist
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_frames, 5u);
+  MediaClose(in);
+  in = Open(dir / "f???.png*4-1");  // downwards
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_frames, 4u);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, SingleNumberedNameBecomesItsSeriesWhenTheAnswerIsYes) {
+  Series(5);
+  MediaOpenArgs args{};
+  args.flags = MediaOpenAskSequence;
+  Answer = [](const char*, int level) { return level == MediaLevelQuestion ? 1 : 0; };
+  MediaInput* in = Open(dir / "f003.png", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeList);
+  EXPECT_EQ(in->output_frames, 5u);
+  EXPECT_TRUE(Said("appears to be part of a sequence of files (1 to 5)", MediaLevelQuestion));
+  MediaClose(in);
+
+  Answer = nullptr;  // no: the single file
+  in = Open(dir / "f003.png", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypePng);
+  MediaClose(in);
+
+  Messages.clear();  // without the flag nobody is asked
+  in = Open(dir / "f003.png");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(CountLevel(MediaLevelQuestion), 0);
+  MediaClose(in);
+}
+
+TEST_F(OpenTest, AskSequenceLeavesLoneFilesAlone) {
+  ASSERT_TRUE(WritePng(dir / "shot7.png", 4, 4, 1));
+  char name[MediaNameBytes];
+  snprintf(name, sizeof name, "%s", (dir / "shot7.png").c_str());
+  EXPECT_FALSE(MediaAskSequence(name, sizeof name, Record));
+  EXPECT_EQ(CountLevel(MediaLevelQuestion), 0);
+  EXPECT_EQ(std::string(name), dir / "shot7.png");
+}
+
+}  // namespace
