@@ -18,6 +18,7 @@
 namespace {
 
 constexpr uint32_t MaxPoints = 32;
+constexpr uint8_t ModeKeepFour = 15;  // a 16x16 plan's point that keeps its four 8x8 blocks
 constexpr uint32_t TagVLMi = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24;
 constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
 
@@ -162,7 +163,12 @@ struct PlaneInfo {
   CostModel* Model;
   BlockPlan* Plans;    // raster order of 8x8 blocks
   bool Key;
+  BlockPlan* Plans16 = nullptr;  // raster order of the whole 16x16 blocks
+  uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
 };
+
+// How an 8x8 block is written once the resolutions are merged.
+enum : uint8_t { LayoutOwn = 0, LayoutHead = 1, LayoutCovered = 2, LayoutLower = 3 };
 
 void Get8(const uint8_t* p, int32_t pitch, uint8_t out[64]) {
   for (int r = 0; r < 8; ++r) std::memcpy(out + r * 8, p + int64_t(r) * pitch, 8);
@@ -178,6 +184,29 @@ uint32_t SseValue(const uint8_t a[64], uint8_t v) {
   uint32_t s = 0;
   for (int i = 0; i < 64; ++i) s += uint32_t((int(a[i]) - v) * (int(a[i]) - v));
   return s;
+}
+
+uint32_t Sse256(const uint8_t a[256], const uint8_t b[256]) {
+  uint32_t s = 0;
+  for (int i = 0; i < 256; ++i) s += uint32_t((int(a[i]) - b[i]) * (int(a[i]) - b[i]));
+  return s;
+}
+
+// Doubles an 8x8 block in both directions by repetition, as the decoder enlarges it.
+void Up(const uint8_t h[64], uint8_t out[256]) {
+  for (int r = 0; r < 16; ++r)
+    for (int x = 0; x < 16; ++x) out[r * 16 + x] = h[(r / 2) * 8 + x / 2];
+}
+
+// The half-size block: each sample from its 2x2 square a b / c d as the mean of the middle two
+// of (max(a, d), max(b, c)) and (min(a, d), min(b, c)).
+void Half(const uint8_t f[256], uint8_t h[64]) {
+  for (int r = 0; r < 8; ++r)
+    for (int x = 0; x < 8; ++x) {
+      const int a = f[(2 * r) * 16 + 2 * x], b = f[(2 * r) * 16 + 2 * x + 1];
+      const int c = f[(2 * r + 1) * 16 + 2 * x], d = f[(2 * r + 1) * 16 + 2 * x + 1];
+      h[r * 8 + x] = uint8_t((std::min(std::max(a, d), std::max(b, c)) + std::max(std::min(a, d), std::min(b, c))) >> 1);
+    }
 }
 
 // The two colours of a sorted block: the split of least absolute deviation about the medians.
@@ -289,12 +318,115 @@ uint32_t ThinPoints(Point* pts, uint32_t n, uint32_t limit) {
   return limit;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Run blocks: samples along a scan merged into runs of at most 16 whose spread stays within
+// twice the threshold; each run takes the middle of its range.
+
+constexpr uint32_t RunThresholds[] = {0, 2, 5, 10};
+constexpr uint32_t RunScansTried = 2;  // the scans of least total change along them
+
+void RunApprox(const uint8_t c[64], uint32_t scan, uint32_t threshold, uint8_t out[64]) {
+  const uint8_t* order = Velmo1RunScans[scan];
+  for (uint32_t k = 0; k < 64;) {
+    int lo = c[order[k]], hi = lo;
+    uint32_t n = 1;
+    while (k + n < 64 && n < 16) {
+      const int v = c[order[k + n]];
+      if (std::max(hi, v) - std::min(lo, v) > int(2 * threshold)) break;
+      lo = std::min(lo, v), hi = std::max(hi, v), ++n;
+    }
+    for (uint32_t i = 0; i < n; ++i) out[order[k + i]] = uint8_t((lo + hi + 1) >> 1);
+    k += n;
+  }
+}
+
+// The runs and colours Velmo1EncRunBlock writes for a block, counted the same way.
+void RunCounts(const uint8_t pixels[64], uint32_t scan, uint32_t& runs, uint32_t& colours) {
+  uint8_t q[64];
+  for (int k = 0; k < 64; ++k) q[k] = pixels[Velmo1RunScans[scan][k]];
+  runs = colours = 0;
+  uint32_t k = 0;
+  while (k < 63) {
+    uint32_t same = 1;
+    while (k + same < 64 && same < 16 && q[k + same] == q[k]) ++same;
+    if (same >= 2) {
+      ++runs, ++colours, k += same;
+      continue;
+    }
+    uint32_t singles = 1;
+    while (k + singles < 64 && singles < 16 && !(k + singles + 1 < 64 && q[k + singles] == q[k + singles + 1]))
+      ++singles;
+    ++runs, colours += singles, k += singles;
+  }
+  if (k == 63) ++colours;
+}
+
+uint32_t RunBits(const uint8_t pixels[64], uint32_t scan, const uint32_t* e) {
+  uint32_t runs, colours;
+  RunCounts(pixels, scan, runs, colours);
+  return ((4 + runs) << 8) + runs * e[CostRun] + colours * e[CostColour];
+}
+
+// The scans along which a block changes least, best first.
+void BestRunScans(const uint8_t c[64], uint32_t out[RunScansTried]) {
+  uint32_t change[16];
+  for (uint32_t s = 0; s < 16; ++s) {
+    const uint8_t* order = Velmo1RunScans[s];
+    uint32_t sum = 0;
+    for (int k = 1; k < 64; ++k) sum += uint32_t(std::abs(int(c[order[k]]) - c[order[k - 1]]));
+    change[s] = sum;
+  }
+  for (uint32_t i = 0; i < RunScansTried; ++i) {
+    uint32_t best = 0;
+    for (uint32_t s = 1; s < 16; ++s)
+      if (change[s] < change[best]) best = s;
+    out[i] = best;
+    change[best] = UINT32_MAX;
+  }
+}
+
+// Param of a run point: the scan in the low four bits, the threshold above.
+uint16_t RunParam(uint32_t scan, uint32_t threshold) { return uint16_t(scan | threshold << 4); }
+
+// ---------------------------------------------------------------------------------------------
+// Residue blocks: the difference to the motion source, rounded to multiples of 2^shift and
+// held to +-127, coded completely by the bit-plane coder. Its event limit is set to stop right
+// after the last one bit, so no lower plane is spent on zeros.
+
+constexpr uint32_t ResidueShifts = 5;
+
+// Fills the residue by list index and returns the number of events it takes (its one bits).
+uint32_t MakeResidue(const uint8_t c[64], const uint8_t m[64], uint32_t shift, int8_t residue[64]) {
+  uint32_t events = 0;
+  const int half = shift ? 1 << (shift - 1) : 0;
+  for (int i = 0; i < 64; ++i) {
+    const int pos = Velmo1CoefficientOrder[i];
+    const int d = int(c[pos]) - m[pos];
+    int mag = std::min(127, ((std::abs(d) + half) >> shift) << shift);
+    if (mag > 127) mag = 127;
+    residue[i] = int8_t(d < 0 ? -mag : mag);
+    events += uint32_t(__builtin_popcount(uint32_t(mag)));
+  }
+  return events;
+}
+
+void ApplyResidue(const uint8_t m[64], const int8_t residue[64], uint8_t out[64]) {
+  std::copy(m, m + 64, out);
+  for (int i = 0; i < 64; ++i) out[Velmo1CoefficientOrder[i]] += uint8_t(residue[i]);
+}
+
+size_t FieldBits(const Velmo1EncBits& bits) {
+  size_t n = 0;
+  for (const auto& f : bits.Fields) n += f.second;
+  return n;
+}
+
 // Builds the candidate list of one 8x8 block.
 void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
   uint8_t c[64], sorted[64], rebuilt[64];
   Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
-  Point pts[80];
+  Point pts[96];
   uint32_t n = 0;
   plan.MotionX = plan.MotionY = 0;
   auto finish = [&] {
@@ -322,6 +454,13 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     TwoColourBlock(c, low, high, rebuilt, rows);
     pts[n++] = {e[CostPattern] + 2 * e[CostColour], Sse(c, rebuilt), Velmo1Two, uint16_t(high * 256 + low)};
   }
+  uint32_t scans[RunScansTried];
+  BestRunScans(c, scans);
+  for (uint32_t scan : scans)
+    for (uint32_t t : RunThresholds) {
+      RunApprox(c, scan, t, rebuilt);
+      pts[n++] = {RunBits(rebuilt, scan, e), Sse(c, rebuilt), Velmo1Run, RunParam(scan, t)};
+    }
   int32_t wide[64];
   double projection[64];
   int16_t coeffs[64];
@@ -348,6 +487,14 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
       if (!any) break;
     }
     pts[n++] = {e[CostMotion], Sse(c, m), Velmo1Mot, 0};
+    for (uint32_t shift = 0; shift < ResidueShifts; ++shift) {
+      int8_t residue[64];
+      const uint32_t events = MakeResidue(c, m, shift, residue);
+      if (events == 0 || events > 128) continue;
+      ApplyResidue(m, residue, rebuilt);
+      const size_t bits = FieldBits(Velmo1EncResidueBits(residue, events - 1));
+      pts[n++] = {uint32_t(bits << 8) + e[CostMotion], Sse(c, rebuilt), Velmo1Motz, uint16_t(shift)};
+    }
   }
   pts[n++] = {e[CostColour] << 6, 0, Velmo1Bang, 0};
   finish();
@@ -365,20 +512,148 @@ void AnalyseWorker(void* context, uint32_t) {
     AnalyseBlock(*job->Plane, (b % job->BlocksX) * 8, (b / job->BlocksX) * 8, job->Plane->Plans[b]);
 }
 
+// Keeps a staircase of points: from the fewest bits, each next point the cheapest one with both
+// more bits and less error than the last kept. Ends at error 0.
+uint32_t KeepStaircase(Point* pts, uint32_t n) {
+  std::stable_sort(pts, pts + n, [](const Point& a, const Point& b) {
+    return a.Bits != b.Bits ? a.Bits < b.Bits : a.Error < b.Error;
+  });
+  uint32_t kept = 0;
+  for (uint32_t i = 0; i < n; ++i) {
+    if (kept && (pts[i].Bits <= pts[kept - 1].Bits || pts[i].Error >= pts[kept - 1].Error)) continue;
+    pts[kept++] = pts[i];
+    if (pts[kept - 1].Error == 0) break;
+  }
+  return kept;
+}
+
+void Get16(const uint8_t* p, int32_t pitch, uint8_t out[256]) {
+  for (int r = 0; r < 16; ++r) std::memcpy(out + r * 16, p + int64_t(r) * pitch, 16);
+}
+
+// Builds the candidate list of one 16x16 block from its half-size version; errors at full size.
+void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
+  const uint32_t* e = p.Model->E;
+  uint8_t f[256], h[64], up[256], sorted[256], rebuilt[64];
+  Get16(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), f);
+  Half(f, h);
+  Up(h, up);
+  plan.MotionX = plan.MotionY = 0;
+  plan.Current = 0;
+  plan.Count = 0;
+  if (!p.Key) {
+    uint8_t prev[256];
+    Get16(p.Previous + int64_t(y) * p.RefPitch + x, p.RefPitch, prev);
+    // Unchanged (or its enlargement is what is there): the 8x8 blocks copy it for free.
+    if (std::memcmp(prev, up, 256) == 0 || std::memcmp(prev, f, 256) == 0) return;
+  }
+  Point pts[64];
+  uint32_t n = 0;
+  auto finish = [&] {
+    n = ThinPoints(pts, KeepStaircase(pts, n), MaxPoints - 1);
+    for (uint32_t i = 0; i < n; ++i) pts[i].Bits += e[CostSubType] + 2 * e[CostType];
+    std::copy(pts, pts + n, plan.P);
+    plan.Count = int8_t(n);
+  };
+  std::copy(f, f + 256, sorted);
+  std::sort(sorted, sorted + 256);
+  const uint8_t one = uint8_t((sorted[127] + sorted[128]) >> 1);
+  uint8_t flat[256];
+  std::memset(flat, one, 256);
+  pts[n++] = {e[CostColour], Sse256(f, flat), Velmo1One, one};
+  if (pts[0].Error == 0) return finish();
+  std::copy(h, h + 64, sorted);
+  std::sort(sorted, sorted + 64);
+  uint8_t low = 0, high = 0, big[256];
+  if (FindTwoColours(sorted, low, high)) {
+    uint8_t rows[8];
+    TwoColourBlock(h, low, high, rebuilt, rows);
+    Up(rebuilt, big);
+    pts[n++] = {e[CostPattern] + 2 * e[CostColour], Sse256(f, big), Velmo1Two, uint16_t(high * 256 + low)};
+  }
+  uint32_t scans[RunScansTried];
+  BestRunScans(h, scans);
+  for (uint32_t scan : scans)
+    for (uint32_t t : RunThresholds) {
+      RunApprox(h, scan, t, rebuilt);
+      Up(rebuilt, big);
+      pts[n++] = {RunBits(rebuilt, scan, e), Sse256(f, big), Velmo1Run, RunParam(scan, t)};
+    }
+  int32_t wide[64];
+  double projection[64];
+  int16_t coeffs[64];
+  for (int i = 0; i < 64; ++i) wide[i] = h[i];
+  Project(wide, false, projection);
+  for (uint32_t q = 0; q < 16; ++q) {
+    if (!Quantise(projection, false, q, coeffs)) break;
+    Rebuild(coeffs, false, q, nullptr, rebuilt);
+    Up(rebuilt, big);
+    pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse256(f, big), Velmo1DctIntra, uint16_t(q)};
+  }
+  pts[n++] = {e[CostColour] << 6, Sse256(f, up), Velmo1Bang, 0};
+  finish();
+}
+
+struct Analyse16Job {
+  const PlaneInfo* Plane;
+  uint32_t BlocksX, Blocks;
+  std::atomic<uint32_t> Next{0};
+};
+
+void Analyse16Worker(void* context, uint32_t) {
+  auto* job = static_cast<Analyse16Job*>(context);
+  for (uint32_t b; (b = job->Next.fetch_add(1)) < job->Blocks;)
+    AnalyseBlock16(*job->Plane, (b % job->BlocksX) * 16, (b / job->BlocksX) * 16, job->Plane->Plans16[b]);
+}
+
 // The colour-byte estimate of a plane from the entropy of the samples likely to be coded.
-void EstimatePixelCost(CostModel& m, const PlaneInfo& p) {
-  uint32_t h[256] = {}, samples = 0;
-  int last = p.Source[0] - 1;
-  for (uint32_t y = 0; y < p.Height; ++y) {
+// Four strips of rows, one job each, with a histogram per strip; a strip's first sample is
+// compared with the sample before it in scan order.
+constexpr uint32_t PixelStrips = 4;
+
+struct PixelCostJob {
+  const PlaneInfo* Plane;
+  uint32_t Histogram[PixelStrips][256];
+  uint32_t Samples[PixelStrips];
+  std::atomic<uint32_t> Next{0};
+};
+
+void PixelStrip(const PlaneInfo& p, uint32_t strip, uint32_t h[256], uint32_t& samples) {
+  const uint32_t rows = (p.Height + PixelStrips - 1) / PixelStrips;
+  const uint32_t y0 = std::min(p.Height, strip * rows), y1 = std::min(p.Height, y0 + rows);
+  if (y0 >= y1) return;
+  int last = y0 ? p.Source[size_t(y0) * p.Width - 1] : p.Source[0] - 1;
+  for (uint32_t y = y0; y < y1; ++y) {
+    const uint8_t* row = p.Source + size_t(y) * p.Width;
+    const uint8_t* prev = p.Key ? nullptr : p.Previous + int64_t(y) * p.RefPitch;
     for (uint32_t x = 0; x < p.Width; ++x) {
-      const int v = p.Source[size_t(y) * p.Width + x];
+      const int v = row[x];
       const bool differs = v != last;
       last = v;
       if (!differs) continue;
-      if (!p.Key && std::abs(v - int(p.Previous[int64_t(y) * p.RefPitch + x])) <= 1) continue;
+      if (prev && std::abs(v - int(prev[x])) <= 1) continue;
       ++h[v];
       ++samples;
     }
+  }
+}
+
+void PixelCostWorker(void* context, uint32_t) {
+  auto* job = static_cast<PixelCostJob*>(context);
+  for (uint32_t s; (s = job->Next.fetch_add(1)) < PixelStrips;)
+    PixelStrip(*job->Plane, s, job->Histogram[s], job->Samples[s]);
+}
+
+void EstimatePixelCost(CostModel& m, const PlaneInfo& p) {
+  auto job = std::make_unique<PixelCostJob>();
+  std::memset(job->Histogram, 0, sizeof job->Histogram);
+  std::memset(job->Samples, 0, sizeof job->Samples);
+  job->Plane = &p;
+  PoolRun(PixelCostWorker, job.get());
+  uint32_t h[256] = {}, samples = 0;
+  for (uint32_t s = 0; s < PixelStrips; ++s) {
+    samples += job->Samples[s];
+    for (int v = 0; v < 256; ++v) h[v] += job->Histogram[s][v];
   }
   const int32_t cost = samples ? int32_t((uint64_t(EstimateBytes(h, samples)) << 11) / samples)
                                : int32_t(CostFloor[CostColour]);
@@ -420,6 +695,66 @@ void AllocateBits(BlockPlan* const* plans, size_t count, uint32_t budgetBytes) {
   }
 }
 
+// Decides per plane where a 16x16 block beats its four 8x8 blocks: each 16x16 plan gains the
+// point "keep four" (the sum of the four chosen 8x8 points) and a second walk spends the bits
+// the first walk gave the plane. Blocks outside whole 16x16 blocks keep their 8x8 choice.
+void MergeResolutions(const PlaneInfo& p) {
+  const uint32_t bx = p.Width / 8, by = p.Height / 8, bx16 = bx / 2, by16 = by / 2;
+  auto chosen = [&](uint32_t c, uint32_t r) -> const Point& {
+    const BlockPlan& b = p.Plans[r * bx + c];
+    return b.P[b.Current];
+  };
+  uint64_t planeBits = 0, oddBits = 0;
+  for (uint32_t r = 0; r < by; ++r)
+    for (uint32_t c = 0; c < bx; ++c) {
+      planeBits += chosen(c, r).Bits;
+      if (c >= 2 * bx16 || r >= 2 * by16) oddBits += chosen(c, r).Bits;
+      p.Layout[r * bx + c] = LayoutOwn;
+    }
+  std::vector<BlockPlan*> plans;
+  plans.reserve(size_t(bx16) * by16);
+  for (uint32_t r = 0; r < by16; ++r)
+    for (uint32_t c = 0; c < bx16; ++c) {
+      BlockPlan& b = p.Plans16[r * bx16 + c];
+      Point keep{0, 0, ModeKeepFour, 0};
+      for (uint32_t k = 0; k < 4; ++k) {
+        keep.Bits += chosen(2 * c + k % 2, 2 * r + k / 2).Bits;
+        keep.Error += chosen(2 * c + k % 2, 2 * r + k / 2).Error;
+      }
+      b.P[b.Count] = keep;
+      b.Count = int8_t(KeepConvexHull(b.P, uint32_t(b.Count) + 1));
+      plans.push_back(&b);
+    }
+  const uint64_t spare = planeBits > oddBits ? (planeBits - oddBits) >> 11 : 0;
+  AllocateBits(plans.data(), plans.size(), uint32_t(std::min<uint64_t>(spare, 0xfffff)));
+  for (uint32_t r = 0; r < by16; ++r)
+    for (uint32_t c = 0; c < bx16; ++c) {
+      const BlockPlan& b = p.Plans16[r * bx16 + c];
+      if (b.P[b.Current].Mode == ModeKeepFour) continue;
+      uint8_t* at = p.Layout + size_t(2 * r) * bx + 2 * c;
+      at[0] = LayoutHead, at[1] = LayoutCovered;
+      at[bx] = LayoutLower, at[bx + 1] = LayoutCovered;
+    }
+}
+
+// The error the merged plan expects for a plane.
+uint64_t PlannedPlaneError(const PlaneInfo& p) {
+  const uint32_t bx = p.Width / 8, by = p.Height / 8, bx16 = bx / 2;
+  uint64_t sum = 0;
+  for (uint32_t r = 0; r < by; ++r)
+    for (uint32_t c = 0; c < bx; ++c) {
+      const uint8_t layout = p.Layout[r * bx + c];
+      if (layout == LayoutOwn) {
+        const BlockPlan& b = p.Plans[r * bx + c];
+        sum += b.P[b.Current].Error;
+      } else if (layout == LayoutHead) {
+        const BlockPlan& b = p.Plans16[(r / 2) * bx16 + c / 2];
+        sum += b.P[b.Current].Error;
+      }
+    }
+  return sum;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -435,6 +770,8 @@ struct VelmoEncoder {
   VelmoFrameBuffers Ring;
   CostModel Models[4];
   std::vector<BlockPlan> Plans[4];
+  std::vector<BlockPlan> Plans16[4];
+  std::vector<uint8_t> Layout[4];
   bool HaveReference = false;
 };
 
@@ -458,7 +795,11 @@ VelmoEncoder* VelmoEncoderCreate(const VelmoEncoderConfig& config) {
     e->PlaneWidth[i] = widths[i], e->PlaneHeight[i] = heights[i], e->Present[i] = present[i];
     setBytes += size_t(widths[i]) * heights[i];
     e->Source[i].assign(size_t(widths[i]) * heights[i], 0);
-    if (present[i]) e->Plans[i].resize(size_t(widths[i] / 8) * (heights[i] / 8));
+    if (present[i]) {
+      e->Plans[i].resize(size_t(widths[i] / 8) * (heights[i] / 8));
+      e->Plans16[i].resize(size_t(widths[i] / 16) * (heights[i] / 16));
+      e->Layout[i].assign(e->Plans[i].size(), LayoutOwn);
+    }
     InitCostModel(e->Models[i], i == 0 ? 0 : i == 3 ? 2 : 1);
   }
   e->Pictures.assign(2 * setBytes, 0);
@@ -505,15 +846,25 @@ void PadPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t*
   }
 }
 
-// The stream block of a chosen point, recomputed from the source and the reference.
-Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const BlockPlan& plan) {
-  const Point& pt = plan.P[plan.Current];
-  uint8_t c[64];
-  Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
+// The stream block of a point of a kind that needs no reference (RUN, DCT_INTRA, ONE, TWO,
+// BANG), from the 8x8 samples it was planned on.
+Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
   switch (pt.Mode) {
-    case Velmo1Skip: return Velmo1EncSkipBlock();
-    case Velmo1Mot: return Velmo1EncMotBlock(plan.MotionX, plan.MotionY);
     case Velmo1One: return Velmo1EncOneBlock(uint8_t(pt.Param));
+    case Velmo1Run: {
+      uint8_t approx[64];
+      RunApprox(c, pt.Param & 15, pt.Param >> 4, approx);
+      return Velmo1EncRunBlock(pt.Param & 15, approx);
+    }
+    case Velmo1DctIntra: {
+      int32_t wide[64];
+      for (int i = 0; i < 64; ++i) wide[i] = c[i];
+      double projection[64];
+      int16_t coeffs[64];
+      Project(wide, false, projection);
+      Quantise(projection, false, pt.Param, coeffs);
+      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param);
+    }
     case Velmo1Two: {
       uint8_t rebuilt[64], rows[8];
       const uint8_t high = uint8_t(pt.Param >> 8), low = uint8_t(pt.Param);
@@ -526,37 +877,69 @@ Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const Blo
       }
       return Velmo1EncTwoBlock(low, high, rows);
     }
-    case Velmo1DctIntra:
-    case Velmo1DctInter: {
-      const bool inter = pt.Mode == Velmo1DctInter;
-      int32_t wide[64];
-      if (inter) {
-        uint8_t m[64];
-        Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
-        for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
-      } else {
-        for (int i = 0; i < 64; ++i) wide[i] = c[i];
-      }
-      double projection[64];
-      int16_t coeffs[64];
-      Project(wide, inter, projection);
-      Quantise(projection, inter, pt.Param, coeffs);
-      if (inter) return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param);
-      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param);
-    }
     default: return Velmo1EncBangBlock(c);
   }
 }
 
+// The stream block of a chosen 8x8 point, recomputed from the source and the reference.
+Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const BlockPlan& plan) {
+  const Point& pt = plan.P[plan.Current];
+  uint8_t c[64], m[64];
+  Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
+  switch (pt.Mode) {
+    case Velmo1Skip: return Velmo1EncSkipBlock();
+    case Velmo1Mot: return Velmo1EncMotBlock(plan.MotionX, plan.MotionY);
+    case Velmo1DctInter: {
+      Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
+      int32_t wide[64];
+      for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
+      double projection[64];
+      int16_t coeffs[64];
+      Project(wide, true, projection);
+      Quantise(projection, true, pt.Param, coeffs);
+      return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param);
+    }
+    case Velmo1Motz: {
+      Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
+      int8_t residue[64];
+      const uint32_t events = MakeResidue(c, m, pt.Param, residue);
+      return Velmo1EncMotzBlock(plan.MotionX, plan.MotionY, events - 1, residue);
+    }
+    default: return ContentBlock(pt, c);
+  }
+}
+
+// The DOUBLED block of a chosen 16x16 point: its sub-kind coded on the half-size samples.
+Velmo1EncRawBlock Block16For(const PlaneInfo& p, uint32_t x, uint32_t y, const BlockPlan& plan) {
+  uint8_t f[256], h[64];
+  Get16(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), f);
+  Half(f, h);
+  return Velmo1EncDoubledBlock(ContentBlock(plan.P[plan.Current], h));
+}
+
 // Writes one plane from its chosen points and feeds the real costs back to the model.
-std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model) {
+std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result) {
   Velmo1EncPlaneSpec spec;
   spec.Width = p.Width;
-  const uint32_t bx = p.Width / 8;
+  const uint32_t bx = p.Width / 8, bx16 = bx / 2;
   for (uint32_t y = 0; y < p.Height; y += 8) {
     std::vector<Velmo1EncRawBlock> row;
     row.reserve(bx);
-    for (uint32_t x = 0; x < p.Width; x += 8) row.push_back(BlockFor(p, x, y, p.Plans[(y / 8) * bx + x / 8]));
+    for (uint32_t x = 0; x < p.Width; x += 8) {
+      const uint32_t b = (y / 8) * bx + x / 8;
+      switch (p.Layout[b]) {
+        case LayoutOwn: row.push_back(BlockFor(p, x, y, p.Plans[b])); break;
+        case LayoutHead: {
+          const BlockPlan& plan = p.Plans16[(y / 16) * bx16 + x / 16];
+          row.push_back(Block16For(p, x, y, plan));
+          ++result->DoubledKinds[plan.P[plan.Current].Mode];
+          break;
+        }
+        case LayoutLower: row.push_back(Velmo1EncDoubledLower()); continue;  // counted at the head
+        default: continue;  // covered by the 16x16 block to its left
+      }
+      ++result->Kinds[row.back().Type];
+    }
     spec.Rows.push_back(std::move(row));
   }
   Velmo1EncPlaneOptions options;
@@ -602,7 +985,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     if (!e->Present[i]) continue;
     PadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(), e->PlaneWidth[i], e->PlaneHeight[i]);
     planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
-                 int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key};
+                 int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
+                 e->Plans16[i].data(), e->Layout[i].data()};
     EstimatePixelCost(e->Models[i], planes[i]);
     UpdateCostModel(e->Models[i]);
   }
@@ -622,15 +1006,29 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     PoolRun(AnalyseWorker, &job);
     for (BlockPlan& b : e->Plans[i]) all.push_back(&b);
   }
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
+    Analyse16Job job;
+    job.Plane = &planes[i];
+    job.BlocksX = planes[i].Width / 16;
+    job.Blocks = uint32_t(e->Plans16[i].size());
+    PoolRun(Analyse16Worker, &job);
+  }
   AllocateBits(all.data(), all.size(), budgetBytes);
   result->PlannedError = 0;
-  for (const BlockPlan* b : all) result->PlannedError += b->P[b->Current].Error;
+  std::fill(std::begin(result->Kinds), std::end(result->Kinds), 0u);
+  std::fill(std::begin(result->DoubledKinds), std::end(result->DoubledKinds), 0u);
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
+    MergeResolutions(planes[i]);
+    result->PlannedError += PlannedPlaneError(planes[i]);
+  }
 
   std::vector<uint8_t> streams[4];
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i]) continue;
     if (i == VelmoPlaneAlpha && constantAlpha) streams[i] = Velmo1EncConstantAlphaPlane(e->Source[i][0]);
-    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i]);
+    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i], result);
     result->Sizes[i] = uint32_t(streams[i].size());
   }
   for (uint32_t i = 0; i < 4; ++i)

@@ -35,6 +35,10 @@ struct VelmoEncodeResult {
   uint32_t Sizes[4];             // plane bytes: Y, Cr, Cb, alpha
   uint64_t Errors[4];            // squared error of each reconstructed plane against the input
   uint64_t PlannedError;         // the sum of the chosen points' errors
+  // Blocks written, by block kind (a 16x16 block counts once, as DOUBLED, at its head), and
+  // the sub-kinds of the DOUBLED blocks. All planes together.
+  uint32_t Kinds[10];
+  uint32_t DoubledKinds[10];
 };
 
 struct VelmoEncoder;
