@@ -96,8 +96,9 @@ struct IOProvider {
   int64_t SimulateDebt;          /* ms owed to the simulated medium */
   void* Context;                 /* a custom provider's own data */
   uint64_t MediumPos;            /* the medium's place (without BaseOffset); all ones unknown */
-  uint64_t RingBase;             /* file position of ring offset 0 while the ring holds the
-                                    whole file */
+  uint64_t RingBase;             /* while the ring holds the whole file: the file position of
+                                    ring offset 0, */
+  uint64_t RingHeldFrom;         /* and of the first byte it holds */
 };
 
 /* Opens a provider on `name` (a path; an open file handle with open flag 0x800000; whatever a

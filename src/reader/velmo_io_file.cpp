@@ -163,7 +163,7 @@ void ResetRing(IOProvider* io, uint64_t position) {
   SetCounter(io, &io->BufferUsed, 0);
   SetCounter(io, &io->RingRead, 0);
   io->RingWrite = io->RingStart;
-  io->RingBase = position;
+  io->RingBase = io->RingHeldFrom = position;
   io->BufferFree = std::min(Remaining(io), io->BufferSize);
 }
 
@@ -334,7 +334,7 @@ uint64_t FileReadFrame(IOProvider* io, uint32_t frame, uint64_t position, void* 
     if (position != VELMO_IO_CONTINUE && position != io->LogicalPos) {
       Lock(io);
       locked = true;
-      const uint64_t from = HoldsWholeFile(io) ? io->RingBase : io->LogicalPos;
+      const uint64_t from = HoldsWholeFile(io) ? io->RingHeldFrom : io->LogicalPos;
       if (position >= from && position <= io->NextFilePos) {
         MoveWithinRing(io, position);
       } else {
@@ -387,7 +387,7 @@ void FileSetInfo(IOProvider* io, void* buffer, uint64_t size, uint64_t fileSize,
   SetCounter(io, &io->BufferUsed, 0);
   SetCounter(io, &io->RingRead, 0);
   io->BufferFree = usable;
-  io->RingBase = io->NextFilePos;
+  io->RingBase = io->RingHeldFrom = io->NextFilePos;
   StoreLogical(io, io->NextFilePos);
   Unlock(io);
 }
