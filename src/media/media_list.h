@@ -22,7 +22,7 @@ struct MediaListItem {
 inline constexpr int32_t MediaListDefaultEnd = 0x3FFFFFFF;
 // The walk gives no more than this many entries (repeats included), so that a hostile
 // "/L2000000000" or a vast series range ends.
-inline constexpr uint64_t MediaListMaxEntries = 1u << 24;
+inline constexpr uint64_t MediaListMaxEntries = 1u << 20;
 
 // Parses list text (not zero-terminated; `size` bytes). `folder` (may be empty) is put in
 // front of relative names. Null when memory fails.

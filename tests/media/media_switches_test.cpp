@@ -1,0 +1,141 @@
+// The video switches of a switch line.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "media/media.h"
+
+namespace {
+
+MediaSwitches Parse(const char* text, std::string* rest = nullptr) {
+  char line[512];
+  snprintf(line, sizeof line, "%s", text);
+  MediaSwitches s;
+  MediaParseSwitches(line, &s);
+  if (rest) *rest = line;
+  return s;
+}
+
+TEST(MediaSwitches, DefaultsWhenNothingIsGiven) {
+  std::string rest;
+  const MediaSwitches s = Parse("in.avi out.vlm", &rest);
+  EXPECT_EQ(s.open_flags, uint32_t(MediaOpenCompressorDefault));
+  EXPECT_EQ(s.brightness, 100u);
+  EXPECT_DOUBLE_EQ(s.gamma, 1.0);
+  EXPECT_EQ(s.colours, 256u);
+  EXPECT_EQ(s.palette_first, 0u);
+  EXPECT_EQ(s.palette_interval, 0x10000u);
+  EXPECT_EQ(s.force_num, 0);
+  EXPECT_EQ(s.adjust_num, 0);
+  EXPECT_EQ(s.scale_w, 0);
+  EXPECT_EQ(s.palette_file[0], 0);
+  EXPECT_EQ(rest, "in.avi out.vlm");
+}
+
+TEST(MediaSwitches, ZValuesBecomeOpenFlags) {
+  struct Case {
+    const char* line;
+    uint32_t flags;
+  } cases[] = {
+      {"/Z0", 0x40000},
+      {"/Z20000", 0},
+      {"/Z1", 0x40000 | 1},
+      {"/Z3", 0x40000 | 3},
+      {"/Z100", 0x40000 | 0x4000},
+      {"/Z201", 0x40000 | 0x8000 | 1},
+      {"/Z1000", 0x40000 | 0x100},
+      {"/Z2000", 0x40000 | 0x100 | 0x10000},
+      {"/Z3100", 0x40000 | 0x100 | 0x30000 | 0x4000},
+      {"/Z10000", 0x40000 | 0x80},
+      {"/Z21000", 0x100},
+      {"/Z11102", 0x40000 | 0x80 | 0x100 | 0x4000 | 2},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Parse(c.line).open_flags, c.flags) << c.line;
+}
+
+TEST(MediaSwitches, DeinterlaceValues) {
+  EXPECT_EQ(Parse("/Z20000 /;1").open_flags, uint32_t(MediaOpenDeinterlaceEven));
+  EXPECT_EQ(Parse("/Z20000 /;2").open_flags, uint32_t(MediaOpenDeinterlaceOdd));
+  EXPECT_EQ(Parse("/Z20000 /;9").open_flags,
+            uint32_t(MediaOpenDeinterlaceEven | MediaOpenDeinterlaceBlend));
+  EXPECT_EQ(Parse("/Z20000 /;8").open_flags, uint32_t(MediaOpenDeinterlaceBlend));
+  EXPECT_EQ(Parse("/Z20000 /;3").open_flags, 0u);
+}
+
+TEST(MediaSwitches, RatesAndFrameDurations) {
+  MediaSwitches s = Parse("/F29.97 /A30000;1001");
+  EXPECT_EQ(s.force_num, 2997);
+  EXPECT_EQ(s.force_den, 100);
+  EXPECT_EQ(s.adjust_num, 30000);
+  EXPECT_EQ(s.adjust_den, 1001);
+  s = Parse("/F-40");  // 40 ms a frame
+  EXPECT_EQ(s.force_num, 25);
+  EXPECT_EQ(s.force_den, 1);
+  s = Parse("/F-3336667");  // in 1/100000 second
+  EXPECT_EQ(s.force_num, 100000);
+  EXPECT_EQ(s.force_den, 3336667);
+}
+
+TEST(MediaSwitches, ScaleRequests) {
+  MediaSwitches s = Parse("/(-1 /)240");
+  EXPECT_EQ(s.scale_w, -1);
+  EXPECT_EQ(s.scale_h, 240);
+  s = Parse("/(-1.5 /)-2");
+  EXPECT_EQ(s.scale_w, -2500);  // 1.5 × the source width at open
+  EXPECT_EQ(s.scale_h, -3000);
+  s = Parse("/(-0.5 /)320");
+  EXPECT_EQ(s.scale_w, -1500);
+  EXPECT_EQ(s.scale_h, 320);
+}
+
+TEST(MediaSwitches, CropRangeAndFilters) {
+  const MediaSwitches s =
+      Parse("/X-5 /Y7 /W320 /H200 /S-10 /E50 /~1 /:50 /{20 /[120 /]2 /}16");
+  EXPECT_EQ(s.crop_x, -5);
+  EXPECT_EQ(s.crop_y, 7);
+  EXPECT_EQ(s.crop_w, 320);
+  EXPECT_EQ(s.crop_h, 200);
+  EXPECT_EQ(s.start, -10);
+  EXPECT_EQ(s.end, 50);
+  EXPECT_EQ(s.denoise, 1u);
+  EXPECT_EQ(s.smooth, 50u);
+  EXPECT_EQ(s.contrast, 20u);
+  EXPECT_EQ(s.brightness, 120u);
+  EXPECT_DOUBLE_EQ(s.gamma, 0.5);
+  EXPECT_EQ(s.black_clamp, 16u);
+  EXPECT_DOUBLE_EQ(Parse("/]1.0001").gamma, 1.0 / 1.0001);
+}
+
+TEST(MediaSwitches, PaletteSettingsAreHeldInRange) {
+  MediaSwitches s = Parse("/Q0 /U0");
+  EXPECT_EQ(s.colours, 1u);
+  EXPECT_EQ(s.palette_first, 127u);
+  EXPECT_EQ(s.palette_interval, 0x10000u);
+  s = Parse("/Q300 /U70000");
+  EXPECT_EQ(s.colours, 256u);
+  EXPECT_EQ(s.palette_interval, 0x10000u);
+  s = Parse("/Q200 /I100 /U30 /$4 /D1 /T2 /&pal.bmp");
+  EXPECT_EQ(s.colours, 200u);
+  EXPECT_EQ(s.palette_first, 56u);  // lowered so that first + colours stay within 256
+  EXPECT_EQ(s.palette_interval, 30u);
+  EXPECT_EQ(s.rotation, 4u);
+  EXPECT_EQ(s.system_colours, 1u);
+  EXPECT_EQ(s.halftone, 2u);
+  EXPECT_STREQ(s.palette_file, "pal.bmp");
+}
+
+TEST(MediaSwitches, OpenArgumentsFollowTheSwitches) {
+  const MediaSwitches s = Parse("/Z1000 /F30 /(-1 /)100 /X2 /S3");
+  const MediaOpenArgs a = MediaArgsFromSwitches(&s);
+  EXPECT_EQ(a.flags, s.open_flags);
+  EXPECT_EQ(a.force_num, 30);
+  EXPECT_EQ(a.scale_w, -1);
+  EXPECT_EQ(a.scale_h, 100);
+  EXPECT_EQ(a.crop_x, 2);
+  EXPECT_EQ(a.start, 3);
+  EXPECT_EQ(a.palette_file, nullptr);
+  EXPECT_EQ(a.progress, nullptr);
+}
+
+}  // namespace
