@@ -20,9 +20,15 @@ void Require(bool ok) {
 // Bit writer
 
 void Velmo1EncBitWriter::Put(uint32_t value, uint32_t n) {
-  for (uint32_t i = 0; i < n; ++i, ++Position) {
-    if (Position / 8 >= Bytes.size()) Bytes.push_back(0);
-    if ((value >> i) & 1) Bytes[Position / 8] |= uint8_t(1u << (Position % 8));
+  if (n == 0) return;
+  if (n < 32) value &= (1u << n) - 1;  // bits above the field are not part of it
+  Pending |= uint64_t(value) << PendingBits;
+  PendingBits += n;
+  Position += n;
+  if (PendingBits >= 32) {
+    Words.push_back(uint32_t(Pending));
+    Pending >>= 32;
+    PendingBits -= 32;
   }
   Reach = std::max(Reach, Position);
 }
@@ -37,7 +43,13 @@ void Velmo1EncBitWriter::PutCode(uint32_t table, uint32_t code) {
 }
 
 std::vector<uint8_t> Velmo1EncBitWriter::Finish() {
-  std::vector<uint8_t> out = Bytes;
+  std::vector<uint8_t> out;
+  out.reserve((Words.size() + 1) * 4);
+  auto word = [&](uint32_t w) {
+    for (int i = 0; i < 4; ++i) out.push_back(uint8_t(w >> (8 * i)));
+  };
+  for (uint32_t w : Words) word(w);
+  if (PendingBits) word(uint32_t(Pending));
   out.resize((std::max(Reach, Position) + 31) / 32 * 4, 0);
   return out;
 }
@@ -577,15 +589,18 @@ class PlaneEmitter {
   uint32_t Context = 0;
 };
 
-// The table and map that suit a histogram: values ranked by count take the short codes.
-Code FitCode(const uint32_t counts[16]) {
+// The table and map that suit a histogram: values ranked by count (a stable order) take the
+// short codes, and each table's cost counts its description (in the cheaper or asked form)
+// as well as the coded symbols.
+Code FitCode(const uint32_t counts[16], int descriptionForm) {
   uint8_t ranked[16];
   for (int i = 0; i < 16; ++i) ranked[i] = uint8_t(i);
   std::stable_sort(ranked, ranked + 16, [&](uint8_t a, uint8_t b) { return counts[a] > counts[b]; });
+  const size_t rankedDescription = BitCount(Velmo1EncDescribeCode(1, ranked, descriptionForm));
   Code best;
   uint64_t bestCost = UINT64_MAX;
   for (uint32_t t = 0; t < Velmo1TableCount; ++t) {
-    uint64_t cost = 0;
+    uint64_t cost = t ? rankedDescription : 4;  // the description does not depend on the row
     for (int k = 0; k < 16; ++k) cost += uint64_t(counts[t ? ranked[k] : k]) * Velmo1CodeLengths[t][k];
     if (cost < bestCost) {
       bestCost = cost;
@@ -607,7 +622,7 @@ std::vector<uint8_t> Velmo1EncBuildPlane(const Velmo1EncPlaneSpec& plane,
   if (options.ChooseTables) {
     PlaneEmitter count(plane, options, nullptr, codes);
     count.Run();
-    for (uint32_t c = 0; c < CodeCount; ++c) codes[c] = FitCode(count.Counts[c]);
+    for (uint32_t c = 0; c < CodeCount; ++c) codes[c] = FitCode(count.Counts[c], options.DescriptionForm);
   }
   for (Code& c : codes)
     for (int i = 0; i < 16; ++i) c.Inverse[c.Map[i]] = uint8_t(i);

@@ -15,7 +15,7 @@ struct Velmo1EncBits {
   void Put(uint32_t value, uint32_t n) { Fields.push_back({value, uint8_t(n)}); }
 };
 
-// 32-bit little-endian words, lowest bit first. Tracks how far the decoder's reads reach,
+// 32-bit little-endian words, lowest bit first, gathered a word at a time. Tracks how far the decoder's reads reach,
 // including the look-ahead of a Huffman symbol, so that a plane ends where the decoder stops.
 class Velmo1EncBitWriter {
  public:
@@ -28,7 +28,9 @@ class Velmo1EncBitWriter {
   std::vector<uint8_t> Finish();
 
  private:
-  std::vector<uint8_t> Bytes;
+  std::vector<uint32_t> Words;  // whole words written
+  uint64_t Pending = 0;         // bits not yet in a whole word, lowest first
+  uint32_t PendingBits = 0;
   size_t Position = 0;
   size_t Reach = 0;  // bits the decoder will have fetched
 };
