@@ -1,0 +1,366 @@
+// The "Velmo IO" thread: the fairness rule and its thresholds, one round over stub providers
+// (pending frame reads first, then reading ahead where it is wanted most), and the real thread
+// serving several handles: filling their rings, doing their frame reads, suspend and resume, a
+// close while it is in the middle of a read, keeping it alive, and many opens and closes.
+#include "io_test_medium.h"
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace {
+
+using namespace io_test;
+
+bool WaitFor(const std::function<bool()>& done, uint32_t ms = 5000) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+TEST(ReaderFairness, StaysUntilAnotherBufferIsClearlyEmptier) {
+  // Below 103 the current handle keeps the thread unless another is under 12.
+  EXPECT_TRUE(VelmoIOStayWithCurrent(0, 12));
+  EXPECT_FALSE(VelmoIOStayWithCurrent(0, 11));
+  EXPECT_TRUE(VelmoIOStayWithCurrent(102, 12));
+  // From 103 another below 25 takes it.
+  EXPECT_TRUE(VelmoIOStayWithCurrent(103, 25));
+  EXPECT_FALSE(VelmoIOStayWithCurrent(103, 24));
+  EXPECT_TRUE(VelmoIOStayWithCurrent(121, 25));
+  // From 122 another below 64 takes it.
+  EXPECT_TRUE(VelmoIOStayWithCurrent(122, 64));
+  EXPECT_FALSE(VelmoIOStayWithCurrent(122, 63));
+  EXPECT_FALSE(VelmoIOStayWithCurrent(128, 63));
+  EXPECT_TRUE(VelmoIOStayWithCurrent(128, 128));
+  // A current handle that cannot be read keeps the thread only against full others.
+  EXPECT_FALSE(VelmoIOStayWithCurrent(129, 50));
+  EXPECT_TRUE(VelmoIOStayWithCurrent(129, 129));
+}
+
+TEST(ReaderFairness, FullnessIsUsedOverRoomIn128ths) {
+  IOProvider io{};
+  EXPECT_EQ(VelmoIOFullness(&io), 129u);  // no ring
+  io.BufferSize = 8 * Unit;
+  io.BufferFree = 4 * Unit;
+  io.BufferUsed = Unit;
+  EXPECT_EQ(VelmoIOFullness(&io), 32u);
+  io.BufferUsed = 4 * Unit;
+  EXPECT_EQ(VelmoIOFullness(&io), 128u);
+  io.BufferFree = 2 * Unit;  // stale room after copying out: capped
+  EXPECT_EQ(VelmoIOFullness(&io), 128u);
+  io.BufferFree = 0;
+  EXPECT_EQ(VelmoIOFullness(&io), 128u);
+  io.BufferFree = 4 * Unit;
+  io.Suspended = 1;
+  EXPECT_EQ(VelmoIOFullness(&io), 129u);
+  io.Suspended = 0;
+  io.ReadError = 1;
+  EXPECT_EQ(VelmoIOFullness(&io), 129u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// One round over stub providers: each records its calls and claims to have read.
+
+std::vector<std::pair<char, char>> Calls;  // (handle, 'i' idle or 'f' frame read)
+
+char NameOf(IOProvider* io) { return char(reinterpret_cast<uintptr_t>(io->Context)); }
+uint32_t StubIdle(IOProvider* io) {
+  Calls.push_back({NameOf(io), 'i'});
+  return 1000;
+}
+uint64_t StubReadFrame(IOProvider* io, uint32_t, uint64_t, void*, uint64_t size) {
+  Calls.push_back({NameOf(io), 'f'});
+  return size;
+}
+
+struct StubHandle {
+  Rig R;
+  uint8_t Packet[64] = {};
+  StubHandle(char name, uint32_t fullness) {
+    IOProvider* io = R.Io;
+    io->Idle = StubIdle;
+    io->ReadFrame = StubReadFrame;
+    io->Context = reinterpret_cast<void*>(uintptr_t(name));
+    io->Owner = R.H;
+    io->BufferSize = 128 * Unit;
+    io->BufferFree = 128 * Unit;
+    io->BufferUsed = fullness * Unit;
+    R.H->OnReaderList = 1;
+  }
+  VelmoHandle* H() { return R.H; }
+  void Pending() {
+    R.H->FrameData = Packet;
+    R.H->FrameSize = 64;
+    R.H->FrameReadPending = 1;
+  }
+};
+
+class ReaderRound : public ::testing::Test {
+ protected:
+  VelmoIOReaderList List{};
+  void SetUp() override { Calls.clear(); }
+  void Link(std::initializer_list<StubHandle*> handles) {
+    VelmoHandle** link = &List.First;
+    for (StubHandle* s : handles) {
+      *link = s->H();
+      link = &s->H()->NextOpen;
+    }
+    *link = nullptr;
+  }
+  uint32_t Round(bool* read) { return VelmoIORound(&List, read); }
+};
+
+using CallList = std::vector<std::pair<char, char>>;
+
+TEST_F(ReaderRound, CurrentReadsOnWhileOthersAreNotMuchEmptier) {
+  StubHandle a('a', 110), b('b', 30);
+  Link({&a, &b});
+  List.Current = a.H();
+  bool read = false;
+  EXPECT_EQ(Round(&read), 0u);
+  EXPECT_TRUE(read);
+  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
+  EXPECT_EQ(List.Current, a.H());
+}
+
+TEST_F(ReaderRound, AFarEmptierHandleTakesTheThread) {
+  StubHandle a('a', 110), b('b', 20);
+  Link({&a, &b});
+  List.Current = a.H();
+  bool read = false;
+  Round(&read);
+  EXPECT_EQ(Calls, (CallList{{'a', 'i'}, {'b', 'i'}}));
+  EXPECT_EQ(List.Current, b.H());
+  // Now b is served: a at 110 does not take it back from b at 20.
+  Calls.clear();
+  Round(&read);
+  EXPECT_EQ(Calls, (CallList{{'b', 'i'}}));
+}
+
+TEST_F(ReaderRound, TheEmptiestOfSeveralIsChosen) {
+  StubHandle a('a', 125), b('b', 60), c('c', 40), d('d', 50);
+  Link({&a, &b, &c, &d});
+  List.Current = a.H();
+  bool read = false;
+  Round(&read);
+  EXPECT_EQ(Calls, (CallList{{'a', 'i'}, {'c', 'i'}}));
+  EXPECT_EQ(List.Current, c.H());
+  // A nearly empty one takes it even from a current that is far from full.
+  StubHandle e('e', 11);
+  Link({&a, &b, &c, &d, &e});
+  Calls.clear();
+  Round(&read);
+  EXPECT_EQ(Calls, (CallList{{'c', 'i'}, {'e', 'i'}}));
+}
+
+TEST_F(ReaderRound, NoCurrentYetTakesTheEmptiest) {
+  StubHandle a('a', 90), b('b', 100);
+  Link({&a, &b});
+  bool read = false;
+  Round(&read);
+  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
+  EXPECT_EQ(List.Current, a.H());
+}
+
+TEST_F(ReaderRound, PendingFrameReadsComeFirstAndMoveTheThread) {
+  StubHandle a('a', 10), b('b', 100), c('c', 100);
+  Link({&a, &b, &c});
+  List.Current = a.H();
+  b.Pending();
+  bool read = false;
+  EXPECT_EQ(Round(&read), 0u);
+  EXPECT_TRUE(read);
+  // b's frame read; b is served now; a at 10 then takes the thread back to read ahead.
+  EXPECT_EQ(Calls, (CallList{{'b', 'f'}, {'a', 'i'}}));
+  EXPECT_EQ(b.H()->FrameReadPending, 0u);
+  EXPECT_EQ(b.H()->NextReadPosition, 64u);
+  EXPECT_EQ(List.Current, a.H());
+}
+
+TEST_F(ReaderRound, AFrameReadWhoseLockIsTakenStaysPending) {
+  StubHandle a('a', 100), b('b', 10);
+  Link({&a, &b});
+  List.Current = a.H();
+  b.Pending();
+  LockEnter(&b.R.H->FrameReadLock);  // the caller is reading it itself
+  bool read = false;
+  std::thread thread([&] { EXPECT_EQ(Round(&read), 1u); });
+  thread.join();
+  LockLeave(&b.R.H->FrameReadLock);
+  // Nothing pending for a, so a reads ahead; no choosing while a read is pending.
+  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
+  EXPECT_EQ(b.H()->FrameReadPending, 1u);
+  // With the provider lock taken the same holds.
+  Calls.clear();
+  LockEnter(&b.R.H->ProviderLock);
+  std::thread again([&] { EXPECT_EQ(Round(&read), 1u); });
+  again.join();
+  LockLeave(&b.R.H->ProviderLock);
+  EXPECT_EQ(b.H()->FrameReadPending, 1u);
+}
+
+TEST_F(ReaderRound, ClosingSuspendedAndForegroundHandlesAreLeftAlone) {
+  StubHandle a('a', 50), b('b', 0), c('c', 0), d('d', 0);
+  Link({&a, &b, &c, &d});
+  List.Current = a.H();
+  b.R.H->Closing = 1;
+  b.Pending();
+  c.R.H->OpenFlags = VelmoOpenNoBackground;
+  d.R.Io->Suspended = 1;
+  bool read = false;
+  EXPECT_EQ(Round(&read), 0u);
+  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The thread itself, on fake media.
+
+class ReaderThreadTest : public MediumTest {
+ protected:
+  void TearDown() override {
+    SetHold(false);
+    VelmoIOStopUnused();
+    EXPECT_FALSE(VelmoIOThreadRunning());
+    MediumTest::TearDown();
+  }
+  // A handle on its own medium with a ring of `ringUnits`, registered with the thread.
+  std::unique_ptr<Rig> Open(uint64_t fileSize, uint64_t ringUnits, uint32_t flags = 0) {
+    auto r = std::make_unique<Rig>(flags);
+    EXPECT_TRUE(r->Open(AddMedium(PatternFile(fileSize)).c_str()));
+    r->ReadHead(44);
+    r->GiveRing(ringUnits * Unit, fileSize);
+    EXPECT_TRUE(VelmoIORegister(r->H));
+    r->H->OnReaderList = 1;
+    return r;
+  }
+  void Close(Rig* r) {
+    r->H->Closing = 1;
+    VelmoIOUnregister(r->H);
+    r->H->OnReaderList = 0;
+  }
+  // No unit fits any more, or the file is all in.
+  static bool Full(Rig* r) {
+    return AtomicRead64(&r->Io->RingFree) < Unit || r->Io->NextFilePos >= r->Io->FileTotal;
+  }
+};
+
+TEST_F(ReaderThreadTest, FillsEveryRingAndStopsWithTheLastHandle) {
+  const uint32_t starts = VelmoIOThreadStarts();
+  auto a = Open(20 * Unit, 4);
+  auto b = Open(20 * Unit, 6);
+  auto c = Open(Unit / 2, 2);  // a small file, read to its end
+  EXPECT_TRUE(VelmoIOThreadRunning());
+  EXPECT_EQ(VelmoIOUserCount(), 3u);
+  EXPECT_EQ(VelmoIOThreadStarts(), starts + 1);
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return Full(a.get()) && Full(b.get()) && Full(c.get()); }));
+  EXPECT_EQ(a->Used(), 4 * Unit - 44);
+  EXPECT_EQ(b->Used(), 6 * Unit - 44);
+  EXPECT_EQ(c->Used(), Unit / 2 - 44);
+  // Copying out makes room; a wake-up fills it again.
+  ASSERT_TRUE(a->Packet(VELMO_IO_CONTINUE, 3 * Unit, 44));
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return a->Io->NextFilePos == 7 * Unit; }));
+  Close(b.get());
+  Close(a.get());
+  EXPECT_TRUE(VelmoIOThreadRunning());
+  Close(c.get());
+  EXPECT_FALSE(VelmoIOThreadRunning());
+  EXPECT_EQ(VelmoIOUserCount(), 0u);
+}
+
+TEST_F(ReaderThreadTest, TheThreadDoesPendingFrameReads) {
+  auto a = Open(20 * Unit, 2);
+  std::vector<uint8_t> packet(3 * Unit);
+  VelmoState* h = a->H;
+  h->FrameData = packet.data();
+  h->FramePosition = 5 * Unit + 77;
+  h->FrameSize = uint32_t(packet.size());
+  h->PendingFrame = 9;
+  AtomicStore(&h->FrameReadPending, 1);
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return AtomicRead(&h->FrameReadPending) == 0; }));
+  LockEnter(&h->FrameReadLock);  // the thread has let go of the packet
+  for (size_t i = 0; i < packet.size(); i += 997)
+    ASSERT_EQ(packet[i], PatternByte(5 * Unit + 77 + i)) << i;
+  EXPECT_EQ(h->NextReadPosition, 8 * Unit + 77);
+  EXPECT_EQ(h->ReadError, 0u);
+  LockLeave(&h->FrameReadLock);
+  Close(a.get());
+}
+
+TEST_F(ReaderThreadTest, ASuspendedHandleIsNotReadAhead) {
+  auto a = Open(20 * Unit, 4);
+  EXPECT_EQ(a->Io->BackgroundControl(a->Io, VelmoIOSuspend | uint32_t(VelmoIOFlush)), 1u);
+  VelmoIOWake(4);
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(a->Used(), 0u);
+  EXPECT_EQ(a->Io->BackgroundControl(a->Io, VelmoIOResume), 0u);  // wakes the thread itself
+  ASSERT_TRUE(WaitFor([&] { return Full(a.get()); }));
+  Close(a.get());
+}
+
+TEST_F(ReaderThreadTest, CloseWaitsForAReadInProgress) {
+  auto a = Open(20 * Unit, 4);
+  auto b = Open(20 * Unit, 4);
+  SetHold(true);
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return Waiting() == 1; }));  // the thread is inside a read
+  Rig* reading = a->Io->Reading ? a.get() : b.get();
+  ASSERT_EQ(reading->Io->Reading, 1u);
+  std::atomic<bool> closed{false};
+  std::thread closer([&] {
+    Close(reading);
+    closed = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_FALSE(closed);
+  SetHold(false);
+  closer.join();
+  EXPECT_EQ(reading->Io->Reading, 0u);
+  // The closed handle's memory goes now; the thread must not touch it again.
+  if (reading == a.get()) a.reset();
+  else b.reset();
+  Rig* other = a ? a.get() : b.get();
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return Full(other); }));
+  Close(other);
+}
+
+TEST_F(ReaderThreadTest, AKeptThreadServesTheNextOpen) {
+  const uint32_t starts = VelmoIOThreadStarts();
+  auto a = Open(4 * Unit, 2, VelmoOpenKeepThreads);
+  Close(a.get());
+  a.reset();
+  EXPECT_TRUE(VelmoIOThreadRunning());
+  auto b = Open(4 * Unit, 2);
+  EXPECT_EQ(VelmoIOThreadStarts(), starts + 1);
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return Full(b.get()); }));
+  Close(b.get());
+  EXPECT_FALSE(VelmoIOThreadRunning());
+}
+
+TEST_F(ReaderThreadTest, ManyOpensAndClosesWhileReading) {
+  const uint32_t starts = VelmoIOThreadStarts();
+  for (int cycle = 0; cycle < 25; ++cycle) {
+    std::vector<std::unique_ptr<Rig>> open;
+    for (int i = 0; i < 3; ++i) open.push_back(Open(6 * Unit, 2));
+    VelmoIOWake(2);
+    // Read a little while the thread works, then close in a changing order.
+    ASSERT_TRUE(open[cycle % 3]->Packet(VELMO_IO_CONTINUE, 3 * Unit, 44));
+    for (int i = 0; i < 3; ++i) {
+      const size_t k = (cycle + i * 2) % open.size();
+      Close(open[k].get());
+      open.erase(open.begin() + long(k));
+      VelmoIOWake(1);
+    }
+  }
+  EXPECT_EQ(VelmoIOThreadStarts(), starts + 25);
+  EXPECT_EQ(VelmoIOUserCount(), 0u);
+}
+
+}  // namespace
