@@ -1,0 +1,198 @@
+// Transforms against direct sums, inverse pairs, and kernel variants against each other.
+#include "compress/audio/audio_transform.h"
+#include "host/cpu_features.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr double Pi = 3.14159265358979323846;
+
+std::vector<float> RandomSamples(uint32_t length, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<float> uniform(-20000.0f, 20000.0f);
+  std::vector<float> x(length);
+  for (auto& v : x) v = uniform(random);
+  return x;
+}
+
+std::vector<double> DirectRealFft(const std::vector<float>& x) {
+  const size_t n = x.size();
+  std::vector<double> packed(n);
+  for (size_t k = 0; k <= n / 2; ++k) {
+    double re = 0, im = 0;
+    for (size_t t = 0; t < n; ++t) {
+      re += x[t] * std::cos(2 * Pi * k * t / n);
+      im -= x[t] * std::sin(2 * Pi * k * t / n);
+    }
+    if (k == 0) packed[0] = re;
+    else if (k == n / 2) packed[1] = re;
+    else {
+      packed[2 * k] = re;
+      packed[2 * k + 1] = im;
+    }
+  }
+  return packed;
+}
+
+std::vector<double> DirectDct(const std::vector<float>& x) {
+  const size_t n = x.size();
+  std::vector<double> out(n);
+  for (size_t k = 0; k < n; ++k)
+    for (size_t t = 0; t < n; ++t) out[k] += x[t] * std::cos(Pi * (2 * t + 1) * k / (2.0 * n));
+  return out;
+}
+
+double Peak(const std::vector<float>& x) {
+  double peak = 1;
+  for (float v : x) peak = std::fmax(peak, std::fabs(v));
+  return peak;
+}
+
+class TransformLengths : public ::testing::TestWithParam<uint32_t> {};
+
+TEST_P(TransformLengths, RealFftMatchesDirectSum) {
+  const uint32_t length = GetParam();
+  std::vector<float> x = RandomSamples(length, length);
+  const std::vector<double> expected = DirectRealFft(x);
+  AudioTransformWork work;
+  AudioRealFftForward(AudioTransformPlanFor(length), x.data(), &work, &AudioKernelsPlain);
+  const double tolerance = 2e-6 * length * 20000;
+  for (uint32_t i = 0; i < length; ++i) EXPECT_NEAR(x[i], expected[i], tolerance) << "i=" << i;
+}
+
+TEST_P(TransformLengths, DctMatchesDirectSum) {
+  const uint32_t length = GetParam();
+  std::vector<float> x = RandomSamples(length, length + 1);
+  const std::vector<double> expected = DirectDct(x);
+  AudioTransformWork work;
+  AudioDctForward(AudioTransformPlanFor(length), x.data(), &work, &AudioKernelsPlain);
+  const double tolerance = 2e-6 * length * 20000;
+  for (uint32_t i = 0; i < length; ++i) EXPECT_NEAR(x[i], expected[i], tolerance) << "i=" << i;
+}
+
+TEST_P(TransformLengths, InversesGiveHalfLengthTimesInput) {
+  const uint32_t length = GetParam();
+  const AudioTransformPlan* plan = AudioTransformPlanFor(length);
+  AudioTransformWork work;
+  const std::vector<float> original = RandomSamples(length, 7 * length);
+  const double tolerance = 1e-5 * Peak(original);
+
+  std::vector<float> x = original;
+  AudioRealFftForward(plan, x.data(), &work, &AudioKernelsPlain);
+  AudioRealFftInverse(plan, x.data(), &work, &AudioKernelsPlain);
+  for (uint32_t i = 0; i < length; ++i) EXPECT_NEAR(x[i] * 2.0 / length, original[i], tolerance);
+
+  // The DCT pair: element 0 halved between them.
+  x = original;
+  AudioDctForward(plan, x.data(), &work, &AudioKernelsPlain);
+  x[0] *= 0.5f;
+  AudioDctInverse(plan, x.data(), &work, &AudioKernelsPlain);
+  for (uint32_t i = 0; i < length; ++i) EXPECT_NEAR(x[i] * 2.0 / length, original[i], tolerance);
+}
+
+INSTANTIATE_TEST_SUITE_P(PowersOfTwo, TransformLengths,
+                         ::testing::Values(2u, 4u, 8u, 16u, 64u, 512u, 1024u));
+
+TEST(AudioTransform, LongestLengthsRoundTrip) {
+  for (uint32_t length : {2048u, 4096u}) {
+    const AudioTransformPlan* plan = AudioTransformPlanFor(length);
+    AudioTransformWork work;
+    const std::vector<float> original = RandomSamples(length, length);
+    std::vector<float> x = original;
+    AudioRealFftForward(plan, x.data(), &work, &AudioKernelsPlain);
+    AudioRealFftInverse(plan, x.data(), &work, &AudioKernelsPlain);
+    double worst = 0;
+    for (uint32_t i = 0; i < length; ++i)
+      worst = std::fmax(worst, std::fabs(x[i] * 2.0 / length - original[i]));
+    EXPECT_LT(worst, 0.05) << length;
+  }
+}
+
+TEST(AudioTransform, PureCosineLandsInItsBin) {
+  const uint32_t length = 512, bin = 37;
+  std::vector<float> x(length);
+  for (uint32_t t = 0; t < length; ++t)
+    x[t] = static_cast<float>(1000 * std::cos(Pi * (2 * t + 1) * bin / (2.0 * length)));
+  AudioTransformWork work;
+  AudioDctForward(AudioTransformPlanFor(length), x.data(), &work, &AudioKernelsPlain);
+  for (uint32_t k = 0; k < length; ++k)
+    EXPECT_NEAR(x[k], k == bin ? 1000.0 * length / 2 : 0.0, 0.5) << k;
+}
+
+TEST(AudioTransformDeathTest, LengthThatIsNoPowerOfTwoStops) {
+  EXPECT_DEATH(AudioTransformPlanFor(768), "unsupported length");
+  EXPECT_DEATH(AudioTransformPlanFor(8192), "unsupported length");
+  EXPECT_DEATH(AudioTransformPlanFor(1), "unsupported length");
+}
+
+// ---- kernel variants ----
+
+bool HaveAvx2() {
+  FeatureMask(0, 0);
+  return ProcessorHas(CpuAVX2);
+}
+
+TEST(AudioKernels, SelectionFollowsFeatureMask) {
+  FeatureMask(0, CpuAVX2);
+  EXPECT_EQ(AudioKernelsSelect(), &AudioKernelsPlain);
+  FeatureMask(0, 0);
+  if (ProcessorHas(CpuAVX2)) {
+    EXPECT_EQ(AudioKernelsSelect(), &AudioKernelsAvx2);
+  }
+}
+
+TEST(AudioKernels, TransformsIdenticalAcrossVariants) {
+  if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
+  using Transform = void (*)(const AudioTransformPlan*, float*, AudioTransformWork*,
+                             const AudioTransformKernels*);
+  const Transform transforms[] = {AudioRealFftForward, AudioRealFftInverse, AudioDctForward,
+                                  AudioDctInverse};
+  for (uint32_t length = 2; length <= 4096; length *= 2)
+    for (Transform transform : transforms) {
+      const AudioTransformPlan* plan = AudioTransformPlanFor(length);
+      AudioTransformWork work;
+      std::vector<float> plain = RandomSamples(length, length * 3);
+      std::vector<float> wide = plain;
+      transform(plan, plain.data(), &work, &AudioKernelsPlain);
+      transform(plan, wide.data(), &work, &AudioKernelsAvx2);
+      ASSERT_EQ(0, std::memcmp(plain.data(), wide.data(), length * sizeof(float)))
+          << "length " << length;
+    }
+}
+
+TEST(AudioKernels, FloatToPcmIdenticalAcrossVariants) {
+  if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
+  std::vector<float> in = {0.5f,     1.5f,     2.5f,      -0.5f,     -1.5f,   -2.5f,
+                           32767.4f, 32767.6f, -32768.4f, -32769.0f, 1e9f,    -1e9f,
+                           std::numeric_limits<float>::quiet_NaN(),  0.0f,    -0.0f,
+                           12.49f,   -12.51f,  40000.0f,  3.0f};
+  std::mt19937 random(5);
+  std::uniform_real_distribution<float> uniform(-50000.0f, 50000.0f);
+  while (in.size() < 1000) in.push_back(uniform(random));
+  for (float scale : {1.0f, 0.0441941731f, 0.0625f}) {
+    for (uint32_t count : {1u, 15u, 16u, 17u, 1000u}) {
+      std::vector<int16_t> plain(count), wide(count);
+      AudioKernelsPlain.FloatToPcm(in.data(), count, scale, plain.data());
+      AudioKernelsAvx2.FloatToPcm(in.data(), count, scale, wide.data());
+      EXPECT_EQ(plain, wide) << "count " << count << " scale " << scale;
+    }
+  }
+}
+
+TEST(AudioKernels, FloatToPcmRoundsToEvenAndSaturates) {
+  const float in[] = {0.5f, 1.5f, 2.5f, -2.5f, 40000.0f, -40000.0f,
+                      std::numeric_limits<float>::quiet_NaN(), 100.49f};
+  int16_t out[8];
+  AudioKernelsPlain.FloatToPcm(in, 8, 1.0f, out);
+  const int16_t expected[8] = {0, 2, 2, -2, 32767, -32768, -32768, 100};
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(out[i], expected[i]) << i;
+}
+
+}  // namespace
