@@ -166,7 +166,8 @@ bool AviReader::ReadTopLevel(StreamError* error) {
 }
 
 bool AviReader::ParseHeaderList(uint64_t at, uint32_t size, StreamError* error) {
-  if (size > kMaxHeaderList) size = kMaxHeaderList;
+  const uint64_t left = source->Size() > at ? source->Size() - at : 0;
+  size = uint32_t(std::min<uint64_t>({size, kMaxHeaderList, left}));
   std::vector<uint8_t> d;
   if (!TryResize(d, size)) return StreamFail(error, STREAM_ERROR_MEMORY, "AVI: out of memory");
   d.resize(source->ReadAt(at, d.data(), size));
@@ -222,7 +223,8 @@ bool AviReader::SetUpVideo(StreamError* error) {
   const uint32_t bits = Le16(f + 14), compression = Le32(f + 16), header_size = Le32(f);
   const int64_t abs_height = height < 0 ? -int64_t(height) : height;
   if (width <= 0 || abs_height == 0) return StreamFail(error, STREAM_ERROR_CORRUPT, "AVI: empty picture");
-  if (width > STREAM_MAX_DIMENSION || abs_height > STREAM_MAX_DIMENSION)
+  if (width > STREAM_MAX_DIMENSION || abs_height > STREAM_MAX_DIMENSION ||
+      uint64_t(width) * uint64_t(abs_height) > STREAM_MAX_PIXELS)
     return StreamFail(error, STREAM_ERROR_TOO_LARGE, "AVI: %dx%lld is too large", width, (long long)abs_height);
   info.width = uint32_t(width);
   info.height = uint32_t(abs_height);
@@ -396,7 +398,8 @@ bool AviReader::Decode(uint32_t entry) {
     const size_t got = source->ReadAt(e.offset, pixels_.data(), std::min<size_t>(e.size, frame_bytes));
     std::fill(pixels_.begin() + ptrdiff_t(got), pixels_.begin() + ptrdiff_t(frame_bytes), uint8_t(0));
   } else {
-    const size_t take = size_t(std::min<uint64_t>(e.size, kMaxFrameBytes));
+    const uint64_t left = source->Size() > e.offset ? source->Size() - e.offset : 0;
+    const size_t take = size_t(std::min<uint64_t>({e.size, kMaxFrameBytes, left}));
     if (!TryResize(compressed_, take)) return false;
     const size_t got = source->ReadAt(e.offset, compressed_.data(), take);
     MjpegDecodeFrame(&jpeg_, compressed_.data(), got, pixels_.data(), ptrdiff_t(stride_), info.width, info.height);

@@ -40,7 +40,7 @@ bool RawReader::Open(StreamError* error) {
   const uint32_t frames = Le32(h + 4), width = Le32(h + 8), height = Le32(h + 12);
   const int32_t speed = int32_t(Le32(h + 16));
   if (frames == 0 || width == 0 || height == 0) return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: empty header");
-  if (width > STREAM_MAX_DIMENSION || height > STREAM_MAX_DIMENSION)
+  if (width > STREAM_MAX_DIMENSION || height > STREAM_MAX_DIMENSION || uint64_t(width) * height > STREAM_MAX_PIXELS)
     return StreamFail(error, STREAM_ERROR_TOO_LARGE, "raw frames: %ux%u is too large", width, height);
   if (speed > 0) {
     info.rate_num = 100000;
@@ -75,6 +75,8 @@ void RawReader::Restart() {
 bool RawReader::Step(StreamError* error) {
   const uint64_t start = position_;
   const uint64_t frame_bytes = uint64_t(info.width) * info.height;
+  uint8_t before[768];
+  std::memcpy(before, palette_, sizeof before);
   for (;;) {
     uint8_t m[4];
     if (!source->ReadExact(position_, m, 4)) return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: frame %lld missing", (long long)current_ + 1);
@@ -84,7 +86,6 @@ bool RawReader::Step(StreamError* error) {
       uint8_t palette[768];
       if (!source->ReadExact(position_, palette, sizeof palette)) return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: palette truncated");
       position_ += sizeof palette;
-      if (std::memcmp(palette, palette_, sizeof palette) != 0) palette_changed_ = true;
       std::memcpy(palette_, palette, sizeof palette);
       continue;
     }
@@ -98,6 +99,7 @@ bool RawReader::Step(StreamError* error) {
     }
     break;
   }
+  if (std::memcmp(before, palette_, sizeof before) != 0) palette_changed_ = true;
   last_bytes_ = uint32_t(std::min<uint64_t>(position_ - start, UINT32_MAX));
   ++current_;
   return true;

@@ -54,8 +54,9 @@ typedef struct StreamError {
   char text[256];  // a readable reason
 } StreamError;
 
-// Largest picture any stream reader accepts (RLA caps itself at 4096).
+// Largest picture any stream reader accepts (RLA caps itself at 4096): each side, and in all.
 #define STREAM_MAX_DIMENSION 16384
+#define STREAM_MAX_PIXELS (8192u * 8192u)
 // Bytes a caller should hand to the probes (fewer work, with less certainty).
 #define STREAM_PROBE_BYTES 1024
 

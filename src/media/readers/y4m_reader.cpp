@@ -144,7 +144,7 @@ bool Y4mReader::ParseHeader(const std::string& line, StreamError* error) {
     at = end;
   }
   if (width == 0 || height == 0) return StreamFail(error, STREAM_ERROR_CORRUPT, "y4m: no picture size");
-  if (width > STREAM_MAX_DIMENSION || height > STREAM_MAX_DIMENSION)
+  if (width > STREAM_MAX_DIMENSION || height > STREAM_MAX_DIMENSION || width * height > STREAM_MAX_PIXELS)
     return StreamFail(error, STREAM_ERROR_TOO_LARGE, "y4m: %llux%llu is too large", (unsigned long long)width,
                       (unsigned long long)height);
   if (info.rate_num == 0 || info.rate_den == 0) {
