@@ -332,7 +332,7 @@ TEST(VelmoWriterFile, FailedRenameAndOverwriteAreTold) {
 
 TEST(VelmoWriterPixels, IntegerMatricesOnGreyAndPrimaries) {
   const uint32_t px[4] = {0xff000000u, 0xffffffffu, 0xffff0000u, 0xff0000ffu};
-  uint8_t y[4], cr[1], cb[1];
+  uint8_t y[4], cr[2], cb[2];
   VelmoConvertPixels(px, 16, false, 4, 1, false, {y, cr, cb, nullptr, 4, 1});
   EXPECT_EQ(y[0], 16);
   EXPECT_EQ(y[1], 235);
