@@ -17,7 +17,9 @@
 #include "host/switches.h"
 #include "host/toolframe.h"
 #include "compress/velmoc.h"
+#include "tools/orninfo.h"
 #include "tools/ornsi.h"
+#include "convert/velmoconv.h"
 
 extern char** environ;
 
@@ -84,9 +86,9 @@ const ToolWordRow Table[] = {
     {{"velmoplay", "velmopl64"}, "VelmoPlay", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr},
     {{"ornbatch"}, "ORNBatch", DispatchShellTool, "ornbatch", nullptr, nullptr, nullptr, nullptr},
     {{"orn2exe"}, "ORN2EXE", DispatchShellTool, "orn2exe", nullptr, nullptr, nullptr, nullptr},
-    {{"orninfo"}, "ORNInfo", DispatchNotBuilt, nullptr, nullptr, nullptr, nullptr, nullptr},
+    {{"orninfo"}, "ORNInfo", DispatchWindowTool, nullptr, nullptr, nullptr, OrnFileInfoMain, nullptr},
     {{"versioncheck"}, "versioncheck", DispatchVersionCheck, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {{"velmoconv"}, "VelmoConv", DispatchShellTool, "velmoconv", nullptr, nullptr, nullptr, nullptr},
+    {{"velmoconv"}, "VelmoConv", DispatchShellTool, "velmoconv", VelmoConvMain, VelmoConvCommand, nullptr, nullptr},
     {{"velmomix"}, "VelmoMix", DispatchShellTool, "velmomix", nullptr, nullptr, nullptr, nullptr},
     {{"tarvmix"}, "TarvMix", DispatchShellTool, "tarvmix", nullptr, nullptr, nullptr, nullptr},
     {{"tarv"}, "Tarv", DispatchShellTool, "tarv", nullptr, nullptr, nullptr, nullptr},

@@ -101,8 +101,8 @@ TEST_F(Dispatch, WordsIgnoreCaseAndPickTheirTool) {
     const char* tool;
   } cases[] = {
       {"velmoplay", "VelmoPlay"}, {"VELMOPLAY", "VelmoPlay"}, {"VelmoPl64", "VelmoPlay"},
-      {"ORNBatch", "ORNBatch"},   {"orn2exe", "ORN2EXE"},     {"ORNINFO", "ORNInfo"},
-      {"VelmoConv", "VelmoConv"}, {"velmomix", "VelmoMix"},   {"TarvMix", "TarvMix"},
+      {"ORNBatch", "ORNBatch"},   {"orn2exe", "ORN2EXE"},     {"velmomix", "VelmoMix"},
+      {"TarvMix", "TarvMix"},
       {"tarv", "Tarv"},           {"ornana", "ORNAna"},
   };
   for (const Case& c : cases) {
@@ -127,6 +127,19 @@ TEST_F(Dispatch, CompressorWordsReachTheCompressor) {
     EXPECT_TRUE(Has(o, "Velmo 2 compression (version 200 and up) is not part of this build yet."))
         << o.output;
   }
+}
+
+TEST_F(Dispatch, ConverterAndFileInfoAreBuilt) {
+  // The converter with no output name shows its help (8005, 69 as a status).
+  for (const char* word : {"VelmoConv", "VELMOCONV"}) {
+    Outcome o = RunTool({word, "in.avi"});
+    EXPECT_EQ(o.code, 8005 & 255) << word << "\n" << o.output;
+    EXPECT_TRUE(Has(o, "Syntax:  VelmoConv <Input File> <Output File> [/Switches]")) << o.output;
+  }
+  Outcome o = RunTool({"ORNINFO", "/tmp"});
+  EXPECT_EQ(o.code, 0) << o.output;
+  EXPECT_TRUE(Has(o, "Information on /tmp")) << o.output;
+  EXPECT_FALSE(Has(o, "not part of this build"));
 }
 
 TEST_F(Dispatch, BuiltToolWordsIgnoreCase) {

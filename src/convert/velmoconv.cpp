@@ -1,0 +1,503 @@
+// VelmoConv: switches, the help, the frame loop, the sound-only copy, the progress tick and the
+// cancel dialog.
+#include "convert/velmoconv.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "convert/output.h"
+#include "host/platform.h"
+#include "host/switches.h"
+#include "host/textformat.h"
+#include "media/media_internal.h"  // MediaReadWaveInfo: the wave header walk of the wave reader
+
+namespace {
+
+const char HelpText[] =
+    "Syntax:  VelmoConv <Input File> <Output File> [/Switches]\n\n"
+    "  Input video files can be flics, Velmos, AVIs, QuickTime movies,\n"
+    "    PNGs, JPEGs, BMPs, TGAs, TIFs, GIFs, PCXs, Tarvins, or list files. \n\n"
+    "  Input audio files can be Velmos, AVIs, QuickTime movies, Tarvins,\n"
+    "    wave files, or list files. \n\n"
+    "  Output files can be AVIs under 2GBs, still image files (PNGs, etc), or\n"
+    "    audio-only wave files.\n\n"
+    "  You can compress a series of input files by specifing the input\n"
+    "    filename with this type of syntax:  \"Exam???.BMP*1-149\".  This\n"
+    "    filename would cause \"Exam001.BMP\" through \"Exam149.BMP\"\n"
+    "    to be converted.\n\n"
+    "  List files are simply text files that contain a list of files to be\n"
+    "    converted.  You list one input file or series per line.  You can\n"
+    "    also the /S and /E switches on each line of a list file to specify a\n"
+    "    subset of frames in each input file to convert.  List files must have\n"
+    "    an .LST extension.\n"
+    "\n  This build also writes YUV4MPEG2 streams (.y4m, or \"-\" for standard output).\n"
+    "  Sound is copied only from wave inputs to wave or raw outputs; the sound of\n"
+    "    video inputs is not converted yet.\n";
+
+const char VideoHelpText[] =
+    "\nVideo switches:\n"
+    "  /S# - Specifies the starting frame.\n"
+    "  /E# - Specifies the ending frame.\n"
+    "  /F#.# - Override the output frame rate (force the change).\n"
+    "  /A#.# - Adjust the input frame rate to this output frame rate (add/remove frames).\n"
+    "  /Q# - Number of colors to shrink (quantize) to.\n"
+    "  /I# - Index to start the new palette at (default=centered).\n"
+    "  /U# - How often to write out a new palette (in frames).\n"
+    "  /$# - Leave the specified number of palette entries available for rotation.\n"
+    "  /T# - Halftone control:\n"
+    "    /T0 - Halftone input file if it contains high-color graphics (default).\n"
+    "    /T1 - Always halftone the input file.\n"
+    "    /T2 - Never halftone the input file.\n"
+    "  /D# - Windows system colors control:\n"
+    "    /D0 - Copy Windows system colors if a new palette is created (default).\n"
+    "    /D1 - Always copy in the Windows system colors.\n"
+    "    /D2 - Never copy in the Windows system colors.\n"
+    "  /Z# - Graphics processing options:\n"
+    "    /Z0 - Process as true color (output true color files).\n"
+    "    /Z1 - Copy the existing 8-bit input palettes (default).\n"
+    "    /Z2 - Create a new best-case palette.\n"
+    "    /Z3 - Create new best-case palettes whenever the input palette changes.\n"
+    "    Bi-cubic scaling is the default and usually give the best quality.\n"
+    "    Add 100 for bi-linear scaling instead.\n"
+    "    Add 200 for box scaling instead.\n"
+    "    By default, no alpha is processed.\n"
+    "    Add 1000 to process the alpha plane.\n"
+    "    Add 2000 to process the alpha plane (as pre-multiplied).\n"
+    "    Add 3000 to process the alpha plane (and filter as pre-multiplied).\n"
+    "    Add 10000 to suppress warning about missing alpha plane.\n"
+    "  /~# - Use the denoising filter (0=no filter, 1=full denoising).\n"
+    "  /:# - Set the smoothness percentage (0=no smooth, 100=maximum smooth).\n"
+    "  /;# - Video de-interlacing (0=none, 1=even, 2=odd, add 8 for blending).\n"
+    "  /{# - Set the contrast increase (0=none, 8=default, 127=max).\n"
+    "  /}# - Set the clamp to black level (0=no clamp, 255=everything black).\n"
+    "  /[# - Set the brightness percentage (0=fully darken, 100=don't change, 200=twice as "
+    "bright).\n"
+    "  /]#.# - Set the gamma correction (less than 1.0=darken, 1.0=don't change, greater than "
+    "1.0=brighten).\n"
+    "  /(# - Specifies the scale to width (shrinks or zooms).\n"
+    "  /)# - Specifies the scale to height (shrinks or zooms).\n"
+    "  /X# - Specifies the cropping left coordinate.\n"
+    "  /Y# - Specifies the cropping top coordinate.\n"
+    "  /W# - Specifies the cropping width.\n"
+    "  /H# - Specifies the cropping height.\n"
+    "  /&filename - Specifies a file to get the palette from.\n"
+    "  /P# - Output format option: AVI codec (0=uncompressed, the default; 1=Motion-JPEG at\n"
+    "        the JPEGLevel quality), or y4m chroma (420=4:2:0, the default; 444=4:4:4).\n";
+
+const char AudioHelpText[] =
+    "\nAudio switches:\n"
+    "  /V  - Don't process the video - just the audio.\n"
+    "  /N# - Sound track number to read the sound from (-1 for no audio).\n"
+    "  /R# - Force the output data rate (11025, 22050, 44100, etc.).\n"
+    "  /B# - Force the output bits (8 or 16).\n"
+    "  /C# - Force the output channels (1=mono, 2=stereo).\n"
+    "  /J# - Specify a starting millisecond time.\n"
+    "  /K# - Specify an ending millisecond time.\n"
+    "  /L# - Force input file type: 1=8 mono, 2=8 stereo, 3=16 mono, 4=16 stereo.\n"
+    "  /G# - Specify the forced input file data rate (use with the /L switch).\n"
+    "  /M# - Specify how many bytes to skip into the input file (use with /L).\n"
+    "  /O  - Overwrite the output file without asking.\n";
+
+const char Caption[] = "Velmo Converter";
+const char DiskFullText[] = "Error writing to disk - probably out of disk space.";
+
+// ---- Run state shared with the timer and the dialog ------------------------------------------
+
+volatile int g_finished = 0;
+volatile uint32_t g_cancel = 0;
+volatile uint32_t g_tickBusy = 0;
+volatile uint32_t g_stopped = 0;
+volatile uint32_t g_count = 0;      // frames converted, or sound bytes for sound only
+volatile uint64_t g_bytes = 0;      // output bytes so far
+uint32_t g_total = 0;
+bool g_soundOnly = false;
+uint32_t g_startMs = 0, g_lastElapsedMs = 0, g_shownCount = ~0u;
+uint64_t g_shownBytes = ~0ull;
+bool g_declined = false;            // the user said No to the overwrite question
+
+int Message(const char* text, int level) {
+  switch (level) {
+    case MediaLevelError:
+      if (text && *text) ToolFrameError(text);
+      g_cancel = 1;
+      break;
+    case MediaLevelCancel:
+      g_cancel = 1;
+      break;
+    case MediaLevelWarning:
+      if (text && *text) ToolFrameWarn(text);
+      break;
+    case MediaLevelQuestion:
+      return text && ToolFrameAsk(text, ToolBoxDefaultSecond) == 1;
+    default:
+      if (text && *text && *text != '@') ToolFrameSetText(VelmoConvIdStatus, text);
+  }
+  return int(g_cancel);
+}
+
+bool AskOverwrite(const char* question, void*) {
+  const bool yes = ToolFrameAsk(question, ToolBoxDefaultSecond) == 1;
+  if (!yes) g_declined = true;
+  return yes;
+}
+
+void ShowTime(int control, uint64_t ms) {
+  char text[64];
+  FormatTime(text, sizeof text, ms);
+  ToolFrameSetText(control, text);
+}
+
+void Tick(ToolDialog*) {
+  uint32_t idle = 0;
+  if (AtomicRead(&g_stopped) || !AtomicCompareExchange(&g_tickBusy, &idle, 1)) return;
+  const uint32_t now = TimerMs(), elapsed = now - g_startMs;
+  if (now - g_lastElapsedMs >= 1500) {
+    g_lastElapsedMs = now;
+    ShowTime(VelmoConvIdElapsed, elapsed);
+  }
+  const uint32_t count = g_count;
+  if (count != g_shownCount && g_total) {
+    g_shownCount = count;
+    const uint32_t percent = uint32_t(std::min<uint64_t>(99, (uint64_t(count) + 1) * 100 / g_total));
+    char text[200];
+    if (g_soundOnly)
+      std::snprintf(text, sizeof text, "Converting %u kb of %u kb (%u%%)...", count / 1024,
+                    g_total / 1024, percent);
+    else
+      std::snprintf(text, sizeof text, "Processing %u of %u (%u%%)...", count, g_total, percent);
+    ToolFrameSetText(VelmoConvIdStatus, text);
+    std::snprintf(text, sizeof text, "%u%% - Velmo Converter", percent);
+    ToolFrameSetCaption(text);
+    ToolFrameSetProgress(ToolIdProgress, int(percent));
+    if (count) ShowTime(VelmoConvIdRemaining, uint64_t(g_total - std::min(count, g_total)) * elapsed / count);
+  }
+  const uint64_t bytes = g_bytes;
+  if (bytes != g_shownBytes && count) {
+    g_shownBytes = bytes;
+    char number[40], text[80];
+    FormatThousands(number, sizeof number, int64_t(uint64_t(g_total) * bytes / count));
+    std::snprintf(text, sizeof text, "Projecting: %s bytes", number);
+    ToolFrameSetText(VelmoConvIdProjected, text);
+  }
+  AtomicStore(&g_tickBusy, 0);
+}
+
+const ToolControlDesc Controls[] = {
+    {VelmoConvIdType, ToolControlText, "Input: "},
+    {VelmoConvIdOutput, ToolControlText, "Output: "},
+    {VelmoConvIdVideo, ToolControlText, "Video: "},
+    {VelmoConvIdAudio, ToolControlText, "Audio: "},
+    {VelmoConvIdStatus, ToolControlText, "Starting..."},
+    {ToolIdProgress, ToolControlProgress, ""},
+    {VelmoConvIdCaption, ToolControlText, "Time left:"},
+    {VelmoConvIdElapsed, ToolControlText, "Elapsed: "},
+    {VelmoConvIdRemaining, ToolControlText, ""},
+    {VelmoConvIdSpare, ToolControlText, ""},
+    {VelmoConvIdProjected, ToolControlText, ""},
+    {ToolIdCancel, ToolControlButton, "&Cancel"},
+};
+const ToolDialogDesc Dialog = {"velmoconv", Caption, Controls,
+                               int(sizeof Controls / sizeof Controls[0])};
+struct Registrar {
+  Registrar() { VelmoConvRegisterDialog(); }
+} g_registrar;
+
+int Help() {
+  ToolFrameTell(HelpText, 0);
+  ToolFrameTell(VideoHelpText, 0);
+  ToolFrameTell(AudioHelpText, 0);
+  return ToolExitBadSwitches;
+}
+
+bool EndsWith(const char* name, const char* ext) {
+  const size_t n = std::strlen(name), e = std::strlen(ext);
+  return n >= e && strcasecmp(name + n - e, ext) == 0;
+}
+
+bool HasExtension(const char* name) {
+  const char* slash = std::strrchr(name, '/');
+  return std::strchr(slash ? slash + 1 : name, '.') != nullptr;
+}
+
+void ResetRunState() {
+  g_finished = 0;
+  g_cancel = 0;
+  g_stopped = 0;
+  g_tickBusy = 0;
+  g_count = 0;
+  g_bytes = 0;
+  g_total = 0;
+  g_declined = false;
+  g_shownCount = ~0u;
+  g_shownBytes = ~0ull;
+  g_startMs = g_lastElapsedMs = TimerMs();
+}
+
+// The end of every run that started its timer: stop the tick and wait for a running one.
+void StopTicks() {
+  ToolFrameSetTimer(nullptr, 0);
+  AtomicStore(&g_stopped, 1);
+  while (AtomicRead(&g_tickBusy)) ThreadSleep(1);
+}
+
+void ShowTotals(uint64_t count, const char* what, uint64_t bytes) {
+  char number[40], text[200];
+  FormatThousands(number, sizeof number, int64_t(count));
+  std::snprintf(text, sizeof text, "%s total %s.", number, what);
+  ToolFrameSetText(VelmoConvIdStatus, text);
+  ToolFrameSetText(VelmoConvIdCaption, "Total time:");
+  ShowTime(VelmoConvIdRemaining, TimerMs() - g_startMs);
+  ToolFrameSetText(VelmoConvIdSpare, "Done!");
+  ToolFrameSetText(VelmoConvIdElapsed, "Done!");
+  FormatThousands(number, sizeof number, int64_t(bytes));
+  std::snprintf(text, sizeof text, "Final: %s bytes", number);
+  ToolFrameSetText(VelmoConvIdProjected, text);
+  ToolFrameSetProgress(ToolIdProgress, 100);
+}
+
+void StartDialog(const char* typeName, const char* output) {
+  ToolFrameSetText(VelmoConvIdType, typeName);
+  ToolFrameSetText(VelmoConvIdOutput, output);
+  ToolFrameSetProgressRange(ToolIdProgress, 99);
+  ToolFrameSetProgress(ToolIdProgress, 0);
+  ToolFrameSetTimer(Tick, 500);
+}
+
+// ---- Sound only: a wave input copied to a wave or raw output ---------------------------------
+
+int ConvertSound(const VelmoConvSettings& s) {
+  FILE* in = std::fopen(s.input, "rb");
+  MediaWaveInfo info{};
+  if (!in || !MediaReadWaveInfo(in, &info) || info.format_tag != 1 || !info.block_align) {
+    if (in) std::fclose(in);
+    ToolFrameError("No audio could be read from the input file.");
+    return ToolExitInputError;
+  }
+  if (!s.overwrite) {
+    struct stat st;
+    if (stat(s.output, &st) == 0) {
+      const std::string q = std::string("File ") + s.output + " exists, overwrite?";
+      if (ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) != 1) {
+        std::fclose(in);
+        return ToolExitNoOverwrite;
+      }
+    }
+  }
+  WaveFile* out = WaveCreate(s.output, info.sample_rate, info.bits, info.channels,
+                             EndsWith(s.output, ".raw"));
+  if (!out) {
+    std::fclose(in);
+    ToolFrameError("Error opening output file.");
+    return ToolExitOutputError;
+  }
+  char text[200];
+  std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", info.sample_rate, info.bits,
+                info.channels == 2 ? "stereo" : "mono");
+  ToolFrameSetText(VelmoConvIdAudio, text);
+  ToolFrameSetText(VelmoConvIdVideo, "No video.");
+  g_soundOnly = true;
+  g_total = uint32_t(std::min<uint64_t>(info.data_bytes, 0xFFFFFFFFu));
+  StartDialog("Wave file", s.output);
+  std::vector<uint8_t> buffer(16384);
+  uint64_t left = info.data_bytes;
+  int code = ToolExitDone;
+  while (left && !g_cancel) {
+    const size_t want = size_t(std::min<uint64_t>(left, buffer.size()));
+    const size_t got = std::fread(buffer.data(), 1, want, in);
+    if (!got) break;
+    if (!WaveWrite(out, buffer.data(), got)) {
+      ToolFrameError(DiskFullText);
+      code = ToolExitDiskWriteError;
+      break;
+    }
+    left -= got;
+    g_count = g_count + uint32_t(got);
+    g_bytes = g_count;
+  }
+  StopTicks();
+  std::fclose(in);
+  const uint64_t size = WaveClose(out);
+  if (code == ToolExitDone && !size) {
+    ToolFrameError(DiskFullText);
+    code = ToolExitDiskWriteError;
+  }
+  if (code == ToolExitDone && g_cancel) code = ToolExitCancelled;
+  if (code == ToolExitDone) ShowTotals(g_count, "bytes written", size);
+  return code;
+}
+
+// ---- Video -----------------------------------------------------------------------------------
+
+struct VideoRun {
+  MediaInput* input = nullptr;
+  OutputWriter* writer = nullptr;
+  ~VideoRun() {
+    if (writer) OutputClose(writer);
+    if (input) MediaClose(input);
+  }
+};
+
+int ConvertVideo(VelmoConvSettings& s) {
+  VideoRun run;
+  MediaOpenArgs args = MediaArgsFromSwitches(&s.video);
+  args.title = "Converting";
+  args.progress = Message;
+  run.input = MediaOpenWith(s.input, &args);
+  if (!run.input) return ToolExitInputError;
+  MediaInput* in = run.input;
+  const bool wantAlpha = (s.video.open_flags & MediaOpenAlpha) != 0;
+  const bool quietAlpha = (s.video.open_flags & MediaOpenNoAlphaWarning) != 0;
+  bool alpha = wantAlpha;
+  if (alpha && !in->has_alpha) {
+    alpha = false;
+    if (!quietAlpha &&
+        ToolFrameAsk("You asked to use the alpha channel, but the input file doesn't seem to have "
+                     "one.  Cancel the conversion (if you don't cancel, we will turn off alpha)?",
+                     ToolBoxDefaultSecond) == 1)
+      return ToolExitDiskWriteError;
+  }
+  if (VelmoConvSameFile(s.input, s.output)) {
+    ToolFrameError("The input and output files are the same file.");
+    return ToolExitOutputError;
+  }
+  uint32_t flags = 0;
+  if (s.overwrite) flags |= OutputFlagPromptDone;
+  if (in->float_frames) flags |= OutputFlagFloat;
+  if (alpha) flags |= OutputFlagAlpha;
+  if (!in->true_colour) flags |= OutputFlagPalette;
+  OutputOptions options{};
+  options.jpeg_level = -1;
+  options.codec = s.format_option == 1 ? OutputCodecMjpeg : OutputCodecRaw;
+  options.y4m_chroma = s.format_option == 444 ? 444 : 420;
+  options.ask = AskOverwrite;
+  const ptrdiff_t pitch = in->output_pitch / (in->float_frames ? 16 : 4);
+  run.writer = OutputOpen(s.output, int(in->output_frames), in->output_rate_num,
+                          in->output_rate_den, int(in->output_width), int(in->output_height),
+                          pitch, Message, flags, &options);
+  if (!run.writer) return g_declined ? ToolExitNoOverwrite : ToolExitOutputError;
+  if (alpha && !run.writer->keep_alpha && !quietAlpha &&
+      ToolFrameAsk("You asked to use the alpha channel, but the output file exporter doesn't "
+                   "support alpha.  Cancel the conversion (if you don't cancel, we will turn off "
+                   "alpha)?",
+                   ToolBoxDefaultSecond) == 1)
+    return ToolExitAlphaStop;
+
+  char text[200];
+  std::snprintf(text, sizeof text, "%u x %u, %u.%02u frames per second", in->output_width,
+                in->output_height, in->output_rate_num / in->output_rate_den,
+                uint32_t(uint64_t(in->output_rate_num % in->output_rate_den) * 100 /
+                         in->output_rate_den));
+  ToolFrameSetText(VelmoConvIdVideo, text);
+  ToolFrameSetText(VelmoConvIdAudio, "No audio.");  // the sound of video inputs comes later
+  g_soundOnly = false;
+  g_total = in->output_frames;
+  StartDialog(in->type_name, s.output);
+
+  const uint32_t smooth = (s.video.smooth << 16 | s.video.smooth) << 8;
+  int code = ToolExitDone;
+  while (!in->at_end && !g_cancel) {
+    if (!MediaGetFrame(in, s.video.denoise, smooth, s.video.contrast, s.video.brightness,
+                       s.video.gamma, s.video.black_clamp)) {
+      if (!g_cancel) code = ToolExitInputError;
+      break;
+    }
+    if (!OutputWriteFrame(run.writer, in->output_buffer, nullptr)) {
+      ToolFrameError(DiskFullText);
+      code = ToolExitDiskWriteError;
+      break;
+    }
+    g_count = g_count + 1;
+    g_bytes = run.writer->bytes_written;
+  }
+  StopTicks();
+  const uint32_t frames = g_count;
+  const uint64_t bytes = OutputClose(run.writer);
+  run.writer = nullptr;
+  MediaClose(run.input);
+  run.input = nullptr;
+  if (code == ToolExitDone && g_cancel) code = ToolExitCancelled;
+  if (code == ToolExitDone) ShowTotals(frames, "frames converted", bytes);
+  return code;
+}
+
+}  // namespace
+
+void VelmoConvRegisterDialog() { ToolDialogRegister(&Dialog); }
+
+bool VelmoConvParseSwitches(char* line, VelmoConvSettings* s) {
+  *s = VelmoConvSettings{};
+  SwitchCancels(line);
+  MediaParseSwitches(line, &s->video);
+  s->track = SwitchNumber(line, 'N', 0);
+  s->overwrite = SwitchFlag(line, 'O');
+  const int32_t forced = SwitchNumber(line, 'L', 0);
+  const int32_t forcedRate = SwitchNumber(line, 'G', 0);
+  if (forced >= 1 && forced <= 4) s->forced_input = uint32_t(forced - 1) | uint32_t(forcedRate) << 3;
+  s->skip_bytes = SwitchNumber(line, 'M', 0);
+  s->start_ms = SwitchNumber(line, 'J', 0);
+  s->end_ms = SwitchNumber(line, 'K', 0);
+  s->rate = SwitchNumber(line, 'R', 0);
+  s->bits = SwitchNumber(line, 'B', 0);
+  s->channels = SwitchNumber(line, 'C', 0);
+  s->format_option = SwitchNumber(line, 'P', 0);
+  s->sound_only = SwitchFlag(line, 'V');
+  if (SwitchesLeft(line)) return false;
+  TakeName(s->input, sizeof s->input, line);
+  TakeName(s->output, sizeof s->output, line);
+  // A "/" in a name is a path separator here; a switch that no question took means help.
+  return s->input[0] && s->output[0];
+}
+
+void VelmoConvCompleteOutput(VelmoConvSettings* s) {
+  if (std::strcmp(s->output, "-") != 0 && !HasExtension(s->output)) {
+    const bool wave = EndsWith(s->input, ".wav") || EndsWith(s->input, ".raw") || s->sound_only;
+    const size_t used = std::strlen(s->output);
+    std::snprintf(s->output + used, sizeof s->output - used, "%s", wave ? ".wav" : ".avi");
+  }
+  if (EndsWith(s->output, ".wav") || EndsWith(s->output, ".raw")) s->sound_only = true;
+}
+
+bool VelmoConvSameFile(const char* a, const char* b) {
+  if (std::strcmp(a, b) == 0) return true;
+  struct stat sa, sb;
+  return stat(a, &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+int VelmoConvMain(char* commandTail, ToolDialog*) {
+  ResetRunState();
+  VelmoConvSettings s;
+  if (!VelmoConvParseSwitches(commandTail, &s)) return Help();
+  VelmoConvCompleteOutput(&s);
+  int code;
+  if (s.sound_only) {
+    if (VelmoConvSameFile(s.input, s.output)) {
+      ToolFrameError("The input and output files are the same file.");
+      code = ToolExitOutputError;
+    } else {
+      code = ConvertSound(s);
+    }
+  } else {
+    code = ConvertVideo(s);
+  }
+  StopTicks();
+  g_finished = 1;
+  return code;
+}
+
+int VelmoConvCommand(int commandId, ToolDialog*) {
+  if (commandId != ToolIdCancel) return 1;
+  if (g_finished) return 0;
+  if (ToolFrameConfirmCancel("Cancel the conversion?",
+                             "Velmo finished the conversion successfully before you cancelled!",
+                             &g_finished)) {
+    g_cancel = 1;
+    ToolFrameShowCancelling(ToolIdCancel);
+  }
+  return 1;
+}

@@ -1,0 +1,222 @@
+// ORNInfo: the media layer's view of a file, the reader library's Velmo details, a wave file's
+// sound format, and the file system's facts, as one text.
+#include "tools/orninfo.h"
+
+#include <sys/stat.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "host/quietframe.h"
+#include "host/switches.h"
+#include "host/textformat.h"
+#include "host/toolframe.h"
+#include "media/media.h"
+#include "media/media_internal.h"  // MediaReadWaveInfo
+#include "reader/container.h"
+#include "velmo.h"
+
+namespace {
+
+constexpr const char* Line = "\r\n    ";
+
+void Add(std::string* out, const char* format, ...) {
+  char text[2048];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  *out += text;
+}
+
+std::string Thousands(uint64_t value) {
+  char text[40];
+  FormatThousands(text, sizeof text, int64_t(value));
+  return text;
+}
+
+const char* YesNo(bool value) { return value ? "Yes." : "No."; }
+
+// Lines 1 and 2: what the media layer says about the pictures.
+void AddVideo(std::string* out, const MediaInput* in, uint64_t fileBytes) {
+  Add(out, "%sVideo format: %s", Line, in->type_name);
+  const uint32_t num = in->output_rate_num ? in->output_rate_num : 1;
+  const uint32_t den = in->output_rate_den ? in->output_rate_den : 1;
+  const uint64_t frames = in->output_frames;
+  const uint64_t hundredthsFps = uint64_t(num) * 100 / den;
+  const uint64_t hundredthsMs = uint64_t(den) * 100000 / num;
+  const uint64_t totalMs = frames * den * 1000 / num;
+  const uint64_t bytes = in->total_bytes ? in->total_bytes : fileBytes;
+  const uint64_t rate = frames ? bytes * num / (frames * den) : 0;
+  const uint64_t average = frames ? bytes / frames : 0;
+  char depth[16];
+  if (in->float_source)
+    std::snprintf(depth, sizeof depth, "HDR");
+  else
+    std::snprintf(depth, sizeof depth, "%u", in->input_depth >= 24 ? 32u : in->input_depth);
+  Add(out,
+      "%sWidth: %u%sHeight: %u%sFrames: %s%sColor depth: %s%sAlpha plane: %s"
+      "%sFrames per second: %llu.%02llu%sMilliseconds per frame: %llu.%02llu"
+      "%sTotal time: %d minutes %d seconds%sTotal size: %s%sAverage data rate: %s"
+      "%sAverage frame size: %s",
+      Line, in->output_width, Line, in->output_height, Line, Thousands(frames).c_str(), Line,
+      depth, Line, YesNo(in->has_alpha), Line, (unsigned long long)(hundredthsFps / 100),
+      (unsigned long long)(hundredthsFps % 100), Line, (unsigned long long)(hundredthsMs / 100),
+      (unsigned long long)(hundredthsMs % 100), Line, int(totalMs / 60000),
+      int(totalMs / 1000 % 60), Line, Thousands(bytes).c_str(), Line, Thousands(rate).c_str(),
+      Line, Thousands(average).c_str());
+}
+
+// The header and extras block as the file holds them.
+bool ReadVelmoHeader(const char* name, VelmoHeader* header, VelmoExtras* extras,
+                     std::vector<uint8_t>* block) {
+  FILE* file = std::fopen(name, "rb");
+  if (!file) return false;
+  uint8_t bytes[VelmoHeaderSize];
+  bool ok = std::fread(bytes, 1, sizeof bytes, file) == sizeof bytes &&
+            VelmoParseHeader(bytes, sizeof bytes, header) && MagicIsValid(header->Magic);
+  if (ok) {
+    block->resize(VelmoExtrasSize(header->Magic, header->Flags));
+    ok = std::fread(block->data(), 1, block->size(), file) == block->size() &&
+         VelmoParseExtras(block->data(), block->size(), header->Magic, header->Flags, extras) ==
+             nullptr;
+  }
+  std::fclose(file);
+  return ok;
+}
+
+// Lines 3 and 5 to 9 and 11: what the reader library and the container say.
+void AddVelmo(std::string* out, const char* name) {
+  HVELMO velmo = VelmoOpen(name, 0);
+  if (velmo) {
+    Add(out, "%sLargest frame size: %u%sHighest one second data rate: %llu"
+             "%sHighest one second data rate start frame: %u",
+        Line, velmo->LargestFrameSize, Line, (unsigned long long)velmo->HighestSecondBytes, Line,
+        velmo->HighestSecondFrame + 1);
+  }
+  VelmoHeader header{};
+  VelmoExtras extras{};
+  std::vector<uint8_t> block;
+  if (ReadVelmoHeader(name, &header, &extras, &block)) {
+    char magic[5];
+    std::memcpy(magic, &header.Magic, 4);
+    magic[4] = 0;
+    Add(out, "%sFile type: %s", Line, magic);
+    Add(out, "%s%s", Line, VelmoColourSpaceText(header.Flags));
+    if (header.Flags & VelmoFlagHdr) Add(out, "%sMax HDR nits: %d", Line, int(extras.MaxNits));
+    if (extras.Size && extras.CompressorStamp) {
+      char stamp[200];
+      VelmoStampText(extras.CompressorStamp, stamp, sizeof stamp);
+      Add(out, "%s%s", Line, stamp);
+    }
+    if (extras.TextSize && extras.TextOffset + extras.TextSize <= block.size()) {
+      const char* text = reinterpret_cast<const char*>(block.data() + extras.TextOffset);
+      Add(out, "%sExtra text: %s", Line,
+          std::string(text, strnlen(text, extras.TextSize)).c_str());
+    }
+    uint32_t slices = 1;
+    if (MagicIsSecondGeneration(header.Magic)) {
+      static const uint32_t counts[4] = {2, 3, 4, 8};
+      slices = MagicHasSliceMode(header.Magic) ? counts[header.Flags & VelmoFlagSliceMode] : 2;
+    }
+    Add(out, "%sVideo slices (max simultaneous CPUs): %u", Line, slices);
+  }
+  if (velmo) {
+    for (uint32_t t = 0; t < velmo->TrackCount; ++t) {
+      const uint32_t format = velmo->TrackFormats[t];
+      Add(out, "%sTrack ID %u: %u Hz, %u bit, %s sound data%s.", Line, velmo->TrackIds[t],
+          format & VelmoTrackRateMask, (format & VelmoTrack16Bit) ? 16u : 8u,
+          (format & VelmoTrackStereo) ? "Stereo" : "Mono",
+          (format & VelmoTrackOlder) ? " (Old format)" : "");
+    }
+    VelmoClose(velmo);
+  }
+}
+
+// Line 12: the sound of a wave file.
+void AddWave(std::string* out, const char* name) {
+  FILE* file = std::fopen(name, "rb");
+  if (!file) return;
+  MediaWaveInfo info;
+  if (MediaReadWaveInfo(file, &info) && info.sample_rate) {
+    Add(out, "%sSound info (%s file):", Line, "wave");
+    Add(out, "\r\n      %u Hz, %u bit%s, %u channel sound data.", info.sample_rate, info.bits,
+        info.format_tag == 3 ? "(float)" : "", info.channels);
+  }
+  std::fclose(file);
+}
+
+// Line 13: size or directory, time of the last change, attributes.
+void AddFileSystem(std::string* out, const char* name) {
+  struct stat st;
+  if (stat(name, &st) != 0) return;
+  if (S_ISDIR(st.st_mode))
+    Add(out, "%sThis is a directory.", Line);
+  else
+    Add(out, "%sSize: %llu", Line, (unsigned long long)st.st_size);
+  struct tm when;
+  localtime_r(&st.st_mtime, &when);
+  const int hour = when.tm_hour % 12 == 0 ? 12 : when.tm_hour % 12;
+  Add(out, "%sLast modified on %i/%i/%02i at %i:%02i %s", Line, when.tm_mon + 1, when.tm_mday,
+      when.tm_year % 100, hour, when.tm_min, when.tm_hour < 12 ? "am" : "pm");
+  const char* base = std::strrchr(name, '/');
+  base = base ? base + 1 : name;
+  const bool readOnly = !(st.st_mode & S_IWUSR);
+  const bool hidden = base[0] == '.' && std::strcmp(base, ".") != 0 && std::strcmp(base, "..") != 0;
+  const bool system = !S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode);
+  Add(out, "%sAttributes: archive-%s  read only-%s  hidden-%s  system-%s", Line, "no",
+      readOnly ? "yes" : "no", hidden ? "yes" : "no", system ? "yes" : "no");
+}
+
+bool ConsoleInUse() { return ToolFrameFrontEnd() == ToolConsoleFrontEnd(); }
+
+}  // namespace
+
+std::string OrnFileInfoText(const char* name) {
+  std::string out;
+  struct stat st;
+  const bool regular = stat(name, &st) == 0 && S_ISREG(st.st_mode);
+  if (regular) {
+    MediaOpenArgs args{};
+    args.flags = MediaOpenAlpha | MediaOpenNoAlphaWarning;
+    args.title = "Reading";
+    MediaInput* input = MediaOpenWith(name, &args);
+    if (input) {
+      const bool velmo = input->type == MediaTypeVelmo;
+      if (input->type != MediaTypeSoundOnly) AddVideo(&out, input, uint64_t(st.st_size));
+      MediaClose(input);
+      if (velmo) AddVelmo(&out, name);
+    }
+    AddWave(&out, name);
+  }
+  AddFileSystem(&out, name);
+  return out;
+}
+
+int OrnFileInfoMain(void* instance, void*, char* commandTail, int) {
+  const intptr_t parent = SwitchNumber(commandTail, '#', 0);
+  const bool closeFlag = SwitchFlag(commandTail, '#');
+  QuietFrameInit(instance, parent, closeFlag ? 1 : 0);
+  char name[1024];
+  TakeName(name, sizeof name, commandTail);
+  if (!name[0]) {
+    QuietFrameBox("Syntax:  ORNInfo <File>", "ORN File Info...", ToolIconStop);
+    return 8002;
+  }
+  const std::string text = OrnFileInfoText(name);
+  if (ConsoleInUse()) {
+    std::string plain;
+    for (char c : text)
+      if (c != '\r') plain += c;
+    std::fputs(plain.c_str() + (plain.empty() ? 0 : 1), stdout);  // no leading blank line
+    std::fputs("\n", stdout);
+    std::fflush(stdout);
+  }
+  char caption[1200];
+  std::snprintf(caption, sizeof caption, "Information on %s", name);
+  QuietFrameBox(text.c_str(), caption, ToolIconInformation);
+  return 0;
+}

@@ -1,0 +1,276 @@
+// VelmoConv run as the real program with the console front end: series, AVI, y4m (also to a
+// pipe), a first-generation Velmo back to PNG, wave copies, and the exit codes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "convert/velmoconv.h"
+#include "imagefile/imagefile.h"
+
+namespace {
+
+const char* const Program = ORN_PROGRAM_PATH;
+
+std::string TempDir() {
+  char pattern[] = "/tmp/orn_conv_XXXXXX";
+  const char* dir = mkdtemp(pattern);
+  return dir ? dir : "/tmp";
+}
+
+// Runs the program with a tail; returns its exit status, its stdout in *out when given.
+int RunProgram(const std::string& tail, std::string* out = nullptr, const std::string& pipeTo = "") {
+  std::string command = "ORN_CONSOLE=1 \"" + std::string(Program) + "\" " + tail + " </dev/null";
+  command += out ? " 2>/dev/null" : " >/dev/null 2>&1";
+  if (!pipeTo.empty()) command = "set -o pipefail; " + command + " | " + pipeTo;
+  command = "bash -c '" + command + "'";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return -1;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0)
+    if (out) out->append(buffer, n);
+  const int status = pclose(pipe);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int Code(int exitCode) { return exitCode & 255; }
+
+uint32_t PixelOf(int frame, int x, int y, bool alpha) {
+  const uint32_t a = alpha ? uint32_t((x * 16 + y * 4) & 255) : 255u;
+  return a << 24 | uint32_t((x * 8 + frame * 20) & 255) << 16 | uint32_t((y * 8) & 255) << 8 |
+         uint32_t((frame * 40 + 30) & 255);
+}
+
+// Frames "name1.png" .. "nameN.png" of a gradient that moves.
+void MakeSeries(const std::string& base, int frames, int width, int height, bool alpha) {
+  std::vector<uint32_t> pixels(size_t(width) * height);
+  for (int f = 1; f <= frames; ++f) {
+    for (int y = 0; y < height; ++y)
+      for (int x = 0; x < width; ++x) pixels[size_t(y) * width + x] = PixelOf(f, x, y, alpha);
+    ImagePixels p{pixels.data(), ptrdiff_t(width) * 4, width, height, IMAGE_PIXELS_ARGB32};
+    ImageWriteParams params{IMAGE_FORMAT_PNG, alpha ? 1 : 0, 90, 0};
+    ImageError error{};
+    const std::string name = base + std::to_string(f) + ".png";
+    ASSERT_TRUE(ImageWriteFile(name.c_str(), &params, &p, &error)) << error.text;
+  }
+}
+
+struct Picture {
+  int width = 0, height = 0, has_alpha = 0;
+  std::vector<uint32_t> pixels;
+};
+
+bool ReadPicture(const std::string& name, Picture* out) {
+  ImageError error{};
+  ImageFile* file = ImageFileOpen(name.c_str(), &error);
+  if (!file) return false;
+  const ImageInfo* info = ImageFileInfo(file);
+  out->width = info->width;
+  out->height = info->height;
+  out->has_alpha = info->has_alpha;
+  out->pixels.assign(size_t(out->width) * out->height, 0);
+  ImagePixels p{out->pixels.data(), ptrdiff_t(out->width) * 4, out->width, out->height,
+                IMAGE_PIXELS_ARGB32};
+  const bool ok = ImageFileReadFrame(file, 0, &p, &error) != 0;
+  ImageFileClose(file);
+  return ok;
+}
+
+std::string ReadAll(const std::string& name) {
+  std::string data;
+  FILE* f = std::fopen(name.c_str(), "rb");
+  if (!f) return data;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, f)) > 0) data.append(buffer, n);
+  std::fclose(f);
+  return data;
+}
+
+bool Exists(const std::string& name) {
+  struct stat st;
+  return stat(name.c_str(), &st) == 0;
+}
+
+void RemoveTree(const std::string& dir) {
+  const std::string command = "rm -rf '" + dir + "'";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+}
+
+class VelmoConvRun : public ::testing::Test {
+ protected:
+  void SetUp() override { dir = TempDir(); }
+  void TearDown() override { RemoveTree(dir); }
+  std::string dir;
+};
+
+TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
+  VelmoConvSettings s;
+  char line[256] = "in.png out /p444 /o /n-1";
+  ASSERT_TRUE(VelmoConvParseSwitches(line, &s));
+  EXPECT_STREQ(s.input, "in.png");
+  EXPECT_EQ(s.format_option, 444);
+  EXPECT_TRUE(s.overwrite);
+  EXPECT_EQ(s.track, -1);
+  VelmoConvCompleteOutput(&s);
+  EXPECT_STREQ(s.output, "out.avi");
+  EXPECT_FALSE(s.sound_only);
+
+  char wave[256] = "in.png out /v";
+  ASSERT_TRUE(VelmoConvParseSwitches(wave, &s));
+  VelmoConvCompleteOutput(&s);
+  EXPECT_STREQ(s.output, "out.wav");
+  EXPECT_TRUE(s.sound_only);
+
+  char raw[256] = "in.WAV dir.x/take.RAW";
+  ASSERT_TRUE(VelmoConvParseSwitches(raw, &s));
+  VelmoConvCompleteOutput(&s);
+  EXPECT_STREQ(s.output, "dir.x/take.RAW");  // the dot of a folder is no extension
+  EXPECT_TRUE(s.sound_only);
+
+  char fromWave[256] = "clip.wav out";
+  ASSERT_TRUE(VelmoConvParseSwitches(fromWave, &s));
+  VelmoConvCompleteOutput(&s);
+  EXPECT_STREQ(s.output, "out.wav");
+
+  char noOutput[256] = "in.png /o";
+  EXPECT_FALSE(VelmoConvParseSwitches(noOutput, &s));
+  char unknown[256] = "in.png out.avi /%5";
+  EXPECT_FALSE(VelmoConvParseSwitches(unknown, &s));
+}
+
+TEST_F(VelmoConvRun, SeriesToPngSeriesKeepsPixels) {
+  MakeSeries(dir + "/in", 3, 24, 16, false);
+  ASSERT_EQ(RunProgram("velmoconv \"" + dir + "/in?.png*1-3\" " + dir + "/out.png"), 0);
+  // Three frames number from 0 with one digit.
+  for (int f = 0; f < 3; ++f) {
+    Picture p;
+    ASSERT_TRUE(ReadPicture(dir + "/out" + std::to_string(f) + ".png", &p)) << f;
+    ASSERT_EQ(p.width, 24);
+    ASSERT_EQ(p.height, 16);
+    EXPECT_EQ(p.pixels[5 * 24 + 7] & 0xFFFFFF, PixelOf(f + 1, 7, 5, false) & 0xFFFFFF);
+  }
+  EXPECT_FALSE(Exists(dir + "/out3.png"));
+}
+
+TEST_F(VelmoConvRun, SeriesToAviRawAndMotionJpeg) {
+  MakeSeries(dir + "/in", 4, 32, 16, false);
+  const std::string in = "\"" + dir + "/in?.png*1-4\"";
+  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/raw"), 0);  // ".avi" added
+  const std::string raw = ReadAll(dir + "/raw.avi");
+  ASSERT_GT(raw.size(), size_t(4 * 32 * 16 * 3));
+  EXPECT_EQ(raw.compare(0, 4, "RIFF"), 0);
+  EXPECT_EQ(raw.compare(8, 4, "AVI "), 0);
+  EXPECT_NE(raw.find("00db"), std::string::npos);
+  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/mj.avi /p1"), 0);
+  const std::string mjpeg = ReadAll(dir + "/mj.avi");
+  EXPECT_NE(mjpeg.find("MJPG"), std::string::npos);
+  EXPECT_LT(mjpeg.size(), raw.size());
+}
+
+TEST_F(VelmoConvRun, SeriesToY4mFileAndPipe) {
+  MakeSeries(dir + "/in", 2, 16, 8, false);
+  const std::string in = "\"" + dir + "/in?.png*1-2\"";
+  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/a.y4m"), 0);
+  const std::string file = ReadAll(dir + "/a.y4m");
+  EXPECT_EQ(file.compare(0, 10, "YUV4MPEG2 "), 0);
+  EXPECT_NE(file.find("W16 H8"), std::string::npos);
+  EXPECT_EQ(file.size(), file.find('\n') + 1 + 2 * (6 + 16 * 8 * 3 / 2));
+  // 4:4:4 on standard output, through a pipe.
+  std::string piped;
+  ASSERT_EQ(RunProgram("velmoconv " + in + " - /p444", &piped, "cat"), 0);
+  EXPECT_EQ(piped.compare(0, 10, "YUV4MPEG2 "), 0);
+  EXPECT_NE(piped.find("C444"), std::string::npos);
+  EXPECT_EQ(piped.size(), piped.find('\n') + 1 + 2 * (6 + 16 * 8 * 3));
+}
+
+TEST_F(VelmoConvRun, AlphaKeptInPngAndDroppedForY4m) {
+  MakeSeries(dir + "/in", 2, 16, 16, true);
+  const std::string in = "\"" + dir + "/in?.png*1-2\"";
+  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/a.png /z1000"), 0);
+  Picture p;
+  ASSERT_TRUE(ReadPicture(dir + "/a0.png", &p));
+  EXPECT_TRUE(p.has_alpha);
+  EXPECT_EQ(p.pixels[3 * 16 + 5] >> 24, PixelOf(1, 5, 3, true) >> 24);
+  // y4m has no alpha: the question's default answer goes on without it.
+  EXPECT_EQ(RunProgram("velmoconv " + in + " " + dir + "/a.y4m /z1000"), 0);
+  EXPECT_TRUE(Exists(dir + "/a.y4m"));
+}
+
+TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
+  MakeSeries(dir + "/in", 6, 32, 32, false);
+  const std::string vlm = dir + "/clip.vlm";
+  ASSERT_EQ(RunProgram("velmoc \"" + dir + "/in?.png*1-6\" " + vlm + " /v101 /d200000"), 0);
+  ASSERT_TRUE(Exists(vlm));
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/back.png"), 0);
+  for (int f = 0; f < 6; ++f) {
+    Picture p;
+    ASSERT_TRUE(ReadPicture(dir + "/back" + std::to_string(f) + ".png", &p)) << f;
+    ASSERT_EQ(p.width, 32);
+    ASSERT_EQ(p.height, 32);
+    // A lossy round trip: close to the source, not equal.
+    double error = 0;
+    for (int y = 0; y < 32; ++y)
+      for (int x = 0; x < 32; ++x) {
+        const uint32_t a = p.pixels[size_t(y) * 32 + x], b = PixelOf(f + 1, x, y, false);
+        for (int shift = 0; shift < 24; shift += 8)
+          error += std::abs(int((a >> shift) & 255) - int((b >> shift) & 255));
+      }
+    EXPECT_LT(error / (32 * 32 * 3), 12.0) << f;
+  }
+}
+
+TEST_F(VelmoConvRun, WaveCopiedToWaveAndRaw) {
+  const std::string wav = dir + "/tone.wav";
+  std::vector<int16_t> samples(1000);
+  for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 37);
+  {
+    FILE* f = std::fopen(wav.c_str(), "wb");
+    ASSERT_TRUE(f);
+    auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
+    auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
+    std::fwrite("RIFF", 1, 4, f);
+    put32(36 + 2000);
+    std::fwrite("WAVEfmt ", 1, 8, f);
+    put32(16), put16(1), put16(1), put32(8000), put32(16000), put16(2), put16(16);
+    std::fwrite("data", 1, 4, f);
+    put32(2000);
+    std::fwrite(samples.data(), 2, samples.size(), f);
+    std::fclose(f);
+  }
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy"), 0);
+  const std::string copy = ReadAll(dir + "/copy.wav");
+  ASSERT_EQ(copy.size(), 44u + 2000u);
+  EXPECT_EQ(copy.substr(44), std::string(reinterpret_cast<const char*>(samples.data()), 2000));
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy.raw"), 0);
+  EXPECT_EQ(ReadAll(dir + "/copy.raw"), copy.substr(44));
+  // A picture has no sound to copy.
+  MakeSeries(dir + "/in", 1, 8, 8, false);
+  EXPECT_EQ(Code(RunProgram("velmoconv " + dir + "/in1.png " + dir + "/x.wav")), Code(8002));
+}
+
+TEST_F(VelmoConvRun, ExitCodes) {
+  MakeSeries(dir + "/in", 2, 8, 8, false);
+  const std::string in = dir + "/in1.png";
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in)), Code(8005));                       // no output
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.avi /%3")), Code(8005));  // unknown
+  EXPECT_EQ(Code(RunProgram("velmoconv " + dir + "/missing.png " + dir + "/o.avi")), Code(8002));
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + in)), Code(8006));            // same file
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.gif")), Code(8006));  // palette output
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.xyz")), Code(8006));
+  // An existing output: the console's default answer is No, /O writes over it.
+  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/o.avi"), 0);
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.avi")), Code(8003));
+  EXPECT_EQ(RunProgram("velmoconv " + in + " " + dir + "/o.avi /o"), 0);
+  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/s.png"), 0);
+  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/s.png")), Code(8003));
+}
+
+}  // namespace
