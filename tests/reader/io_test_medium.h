@@ -7,11 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace io_test {
@@ -27,6 +30,16 @@ inline uint8_t PatternByte(uint64_t position) {
 inline std::atomic<uint32_t> ClockNow{1000};
 inline std::atomic<uint32_t> ClockStep{0};
 inline uint32_t TestClock() { return ClockNow.fetch_add(ClockStep.load()) + ClockStep.load(); }
+
+// Polls `done` every millisecond until it holds; false after `ms`.
+inline bool WaitFor(const std::function<bool()>& done, uint32_t ms = 5000) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 struct Read {
   uint64_t Handle, Position, Bytes;

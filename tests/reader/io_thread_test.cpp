@@ -4,22 +4,11 @@
 // close while it is in the middle of a read, keeping it alive, and many opens and closes.
 #include "io_test_medium.h"
 
-#include <chrono>
-#include <functional>
 #include <thread>
 
 namespace {
 
 using namespace io_test;
-
-bool WaitFor(const std::function<bool()>& done, uint32_t ms = 5000) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 TEST(ReaderFairness, StaysUntilAnotherBufferIsClearlyEmptier) {
   // Below 103 the current handle keeps the thread unless another is under 12.

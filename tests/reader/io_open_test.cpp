@@ -1,0 +1,278 @@
+// Read-ahead through the library's open: real Velmo files on disk, walked with the "Velmo IO"
+// thread and without it, preloaded, inside a larger file, through a handle passed in, with
+// jumps, several files at once, a file cut short, a simulated slow medium, and closes while a
+// read is pending.
+#include "io_test_medium.h"
+#include "velmo_test_files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace {
+
+using namespace velmo_test;
+
+constexpr uint32_t Frames = 60;
+
+// Frames of 20 to 50 KB, so a small ring goes round many times and packets straddle its end.
+std::vector<uint8_t> BigVideo(uint32_t i) {
+  std::vector<uint8_t> v(20000 + (i * 7919) % 30000);
+  for (size_t k = 0; k < v.size(); ++k) v[k] = uint8_t(i * 31 + k * 7 + (k >> 9));
+  return v;
+}
+
+std::vector<uint8_t> BigFile(uint32_t frames = Frames) {
+  FileSpec s;
+  s.Frames = frames;
+  s.Video = BigVideo;
+  return BuildFile(s);
+}
+
+class ReadAheadOpenTest : public VelmoTest {
+ protected:
+  std::vector<std::string> Paths;
+  void SetUp() override {
+    VelmoTest::SetUp();
+    VelmoSetFileCalls(nullptr);
+  }
+  void TearDown() override {
+    VelmoIOStopUnused();
+    EXPECT_FALSE(VelmoIOThreadRunning());
+    for (const std::string& p : Paths) std::remove(p.c_str());
+    VelmoTest::TearDown();
+  }
+  std::string Write(const std::vector<uint8_t>& bytes, size_t prefix = 0) {
+    char name[] = "/tmp/velmo_io_open_XXXXXX";
+    const int fd = mkstemp(name);
+    EXPECT_GE(fd, 0);
+    const std::vector<uint8_t> junk(prefix, 0x5A);
+    EXPECT_EQ(write(fd, junk.data(), junk.size()), ssize_t(prefix));
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    close(fd);
+    Paths.push_back(name);
+    return name;
+  }
+  // The selected frame's packet, read to the end, matches the file.
+  static ::testing::AssertionResult PacketMatches(HVELMO h, const std::vector<uint8_t>& file) {
+    if (!VelmoDoFrame(h)) return ::testing::AssertionFailure() << "frame " << h->FrameNum;
+    const uint64_t start = VelmoEntryOffset(h->FrameTable[h->FrameNum - 1]);
+    const uint64_t end = VelmoEntryOffset(h->FrameTable[h->FrameNum]);
+    if (h->FramePosition != start || h->FrameSize != end - start)
+      return ::testing::AssertionFailure() << "packet bounds of frame " << h->FrameNum;
+    if (std::memcmp(h->FrameData, file.data() + start, h->FrameSize) != 0)
+      return ::testing::AssertionFailure() << "bytes of frame " << h->FrameNum;
+    return ::testing::AssertionSuccess();
+  }
+  static ::testing::AssertionResult WalkAll(HVELMO h, const std::vector<uint8_t>& file,
+                                            uint32_t frames) {
+    for (uint32_t n = 0; n < frames; ++n) {
+      if (auto r = PacketMatches(h, file); !r) return r;
+      VelmoNextFrame(h);
+    }
+    return ::testing::AssertionSuccess();
+  }
+};
+
+TEST_F(ReadAheadOpenTest, TheReaderThreadServesAWalk) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file);
+  VelmoSetIOSize(0x40000);  // a ring far smaller than the file
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  VelmoState* s = VelmoStateOf(h);
+  EXPECT_EQ(s->OnReaderList, 1u);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenNoBackground, 0u);
+  EXPECT_TRUE(VelmoIOThreadRunning());
+  EXPECT_EQ(h->IOProvider.BufferSize, 2 * io_test::Unit);
+  EXPECT_LT(h->IOProvider.BufferSize, file.size());
+  // Twice round, over the loop back to frame 1.
+  ASSERT_TRUE(WalkAll(h, file, 2 * Frames + 3));
+  // The thread does a selected frame's read by itself.
+  for (int i = 0; i < 5; ++i) {
+    VelmoNextFrame(h);
+    ASSERT_TRUE(io_test::WaitFor([&] { return AtomicRead(&h->FrameReadPending) == 0; }));
+    ASSERT_TRUE(PacketMatches(h, file));
+  }
+  EXPECT_EQ(h->ReadError, 0u);
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.ReadBufferSize, 2 * io_test::Unit);
+  EXPECT_GT(sum.HighestBufferUsed, 0u);
+  EXPECT_LE(sum.HighestBufferUsed, 2 * io_test::Unit);
+  VelmoClose(h);
+  EXPECT_FALSE(VelmoIOThreadRunning());
+}
+
+TEST_F(ReadAheadOpenTest, WithoutBackgroundReadingTheCallerReads) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file);
+  VelmoSetIOSize(0x40000);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(VelmoStateOf(h)->OnReaderList, 0u);
+  EXPECT_FALSE(VelmoIOThreadRunning());
+  // The open filled the ring.
+  EXPECT_EQ(h->IOProvider.RingFree, h->IOProvider.BufferSize - h->IOProvider.BufferUsed);
+  EXPECT_GT(h->IOProvider.BytesRead, 0x30000u);
+  ASSERT_TRUE(WalkAll(h, file, Frames + 5));
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, ASmallFileIsReadWhole) {
+  const std::vector<uint8_t> file = BigFile(6);
+  const std::string path = Write(file);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->ReadBufferSize, file.size() + 16);
+  EXPECT_GE(h->IOProvider.BufferSize, file.size());
+  const uint64_t read = h->IOProvider.BytesRead;
+  EXPECT_EQ(read, file.size());  // header, tables and every frame once
+  ASSERT_TRUE(WalkAll(h, file, 3 * 6));
+  VelmoGoto(h, 2, VelmoGotoExact | VelmoGotoDirect);
+  ASSERT_TRUE(PacketMatches(h, file));
+  EXPECT_EQ(h->IOProvider.BytesRead, read);  // never again from the disk
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, PreloadReadsTheFramesAtOpenAndClosesTheFile) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenPreload);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_NE(h->PreloadData, nullptr);
+  EXPECT_NE(h->OpenFlags & VelmoOpenNoBackground, 0u);
+  EXPECT_EQ(VelmoStateOf(h)->ProviderOpen, 0u);
+  EXPECT_FALSE(VelmoIOThreadRunning());
+  ASSERT_TRUE(WalkAll(h, file, Frames + 2));
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, AFileInsideAnotherFile) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file, 12345);
+  VelmoSetFileOffset(12345);
+  VelmoSetIOSize(0x80000);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->IOProvider.BaseOffset, 12345u);
+  ASSERT_TRUE(WalkAll(h, file, Frames));
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, AHandlePassedInStaysOpen) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file, 700);
+  const int fd = open(path.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  VelmoOpenOptions o{};
+  o.FileOffset = 700;
+  HVELMO h = VelmoOpenWithOptions(reinterpret_cast<const char*>(uintptr_t(fd)), &o,
+                                  VelmoOpenNoBuffers | VelmoOpenFileHandle | VelmoOpenFileOffset);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  ASSERT_TRUE(WalkAll(h, file, 10));
+  VelmoClose(h);
+  EXPECT_NE(fcntl(fd, F_GETFD), -1);
+  close(fd);
+}
+
+TEST_F(ReadAheadOpenTest, JumpsSeekThroughTheRing) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file);
+  VelmoSetIOSize(0x40000);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  for (uint32_t target : {40u, 5u, 41u, 59u, 58u, 1u, 60u, 30u}) {
+    VelmoGoto(h, target, VelmoGotoExact | VelmoGotoDirect);
+    ASSERT_EQ(h->FrameNum, target);
+    ASSERT_TRUE(PacketMatches(h, file));
+    VelmoNextFrame(h);
+    ASSERT_TRUE(PacketMatches(h, file));
+  }
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, SeveralFilesPlayAtOnce) {
+  std::vector<std::vector<uint8_t>> files;
+  std::vector<HVELMO> handles;
+  for (uint32_t i = 0; i < 3; ++i) {
+    files.push_back(BigFile(Frames - 10 * i));
+    VelmoSetIOSize(0x40000 + i * 0x20000);
+    handles.push_back(VelmoOpen(Write(files.back()).c_str(), VelmoOpenNoBuffers));
+    ASSERT_NE(handles.back(), nullptr) << VelmoGetError();
+  }
+  EXPECT_EQ(VelmoIOUserCount(), 3u);
+  for (uint32_t n = 0; n < 2 * Frames; ++n) {
+    for (size_t i = 0; i < handles.size(); ++i) {
+      ASSERT_TRUE(PacketMatches(handles[i], files[i])) << "file " << i;
+      VelmoNextFrame(handles[i]);
+    }
+  }
+  VelmoClose(handles[1]);
+  EXPECT_EQ(VelmoIOUserCount(), 2u);
+  VelmoClose(handles[0]);
+  VelmoClose(handles[2]);
+  EXPECT_EQ(VelmoIOUserCount(), 0u);
+}
+
+TEST_F(ReadAheadOpenTest, AFileCutShortStopsWithAReadError) {
+  std::vector<uint8_t> file = BigFile();
+  file.resize(file.size() * 2 / 3);  // the frames area ends early; the tables are whole
+  const std::string path = Write(file);
+  VelmoSetIOSize(0x40000);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  uint32_t good = 0;
+  for (uint32_t n = 0; n < Frames && VelmoDoFrame(h); ++n) {
+    ++good;
+    VelmoNextFrame(h);
+  }
+  EXPECT_GT(good, 10u);
+  EXPECT_LT(good, Frames);
+  EXPECT_NE(h->ReadError, 0u);
+  EXPECT_NE(h->IOProvider.ReadError, 0u);
+  // From now on the handle does nothing, and closing is safe.
+  VelmoNextFrame(h);
+  EXPECT_EQ(VelmoDoFrame(h), 0u);
+  EXPECT_EQ(VelmoWait(h), 0u);
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, ASimulatedSlowMediumTakesItsTime) {
+  VelmoSetClockForTest(nullptr);  // the simulation sleeps on the real clock
+  const std::vector<uint8_t> file = BigFile(20);
+  const std::string path = Write(file);
+  const uint32_t rate = 8000000;  // 8 MB/s: the frames take about 90 ms
+  VelmoSetSimulate(rate);
+  VelmoSetIOSize(0x40000);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->IOProvider.SimulateRate, rate);
+  const uint32_t start = TimerMs();
+  ASSERT_TRUE(WalkAll(h, file, 20));
+  const uint32_t spent = TimerMs() - start;
+  const IOProvider& io = h->IOProvider;
+  // All reads after the open paid at the simulated rate; the wall clock saw at least that.
+  EXPECT_GE(uint64_t(io.IOTime) + 5, io.BytesRead * 1000 / rate);
+  EXPECT_GE(uint64_t(spent) + 10, (io.BytesRead - 0x40000) * 1000 / rate);
+  VelmoClose(h);
+}
+
+TEST_F(ReadAheadOpenTest, ClosingWhileAReadIsPending) {
+  const std::vector<uint8_t> file = BigFile();
+  const std::string path = Write(file);
+  for (int i = 0; i < 20; ++i) {
+    VelmoSetIOSize(0x40000);
+    HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | (i % 3 == 0 ? uint32_t(VelmoOpenKeepThreads) : 0u));
+    ASSERT_NE(h, nullptr) << VelmoGetError();
+    for (int k = 0; k < i % 7; ++k) VelmoNextFrame(h);
+    VelmoGoto(h, 1 + (i * 13) % Frames, VelmoGotoExact | VelmoGotoDirect);
+    VelmoClose(h);  // the thread may be in the middle of the packet
+  }
+  EXPECT_EQ(VelmoIOUserCount(), 0u);
+}
+
+}  // namespace
