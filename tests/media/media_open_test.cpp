@@ -100,6 +100,33 @@ TEST_F(OpenTest, WaveFileIsSoundOnlyWithFramesForItsLength) {
   MediaClose(in);
 }
 
+TEST_F(OpenTest, StreamReadersAreRowsOfTheTable) {
+  // Two grey 4 × 2 frames, 4:2:0, at 25 frames a second.
+  std::string y4m = "YUV4MPEG2 W4 H2 F25:1\n";
+  for (int frame = 0; frame < 2; ++frame)
+    y4m += "FRAME\n" + std::string(8, char(frame ? 200 : 60)) + std::string(4, char(128));
+  WriteText(dir / "a.y4m", y4m);
+  MediaInput* in = Open(dir / "a.y4m");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeY4m);
+  EXPECT_EQ(in->source_width, 4u);
+  EXPECT_EQ(in->source_height, 2u);
+  EXPECT_EQ(in->source_frames, 2u);
+  EXPECT_EQ(in->file_rate_num, 25u);
+  ASSERT_TRUE(NextFrame(in));
+  const uint32_t dark = OutPixel(in, 1, 1) & 0xFF;
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_GT(OutPixel(in, 1, 1) & 0xFF, dark + 100);
+  EXPECT_EQ(in->at_end, 1u);
+  MediaClose(in);
+  // The same stream under a name without extension is found by its content.
+  WriteText(dir / "stream.dat", y4m);
+  in = Open(dir / "stream.dat");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeY4m);
+  MediaClose(in);
+}
+
 TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
   EXPECT_EQ(Open(dir / "none.png"), nullptr);
   EXPECT_TRUE(Said("File not found: " + dir / "none.png", MediaLevelError));
