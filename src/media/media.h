@@ -11,7 +11,11 @@
 // open flag bits not 0) fails with a clear message.
 //
 // Nothing in a MediaInput may be used by two threads at once. MediaReadAhead hands the record
-// to one background job at a time so that the next frame is read while the caller works.
+// to one background job at a time so that the next frame is read while the caller works; the
+// progress function is then called from that job's thread.
+//
+// A reader that faults (a damaged file, a decoder bug) is survived: the warning goes out once a
+// run through progress, and the previous output frame is delivered again (black at the first).
 #pragma once
 #include <cstddef>
 #include <cstdint>

@@ -97,7 +97,12 @@ bool ReadStream(MediaInput* input) {
   StreamFrame frame;
   StreamError error;
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
-    if (error.code == STREAM_ERROR_END) input->source_at_end = 1;
+    if (error.code == STREAM_ERROR_END) {
+      // A pipe meets its end only by a read that finds nothing: the output ends with this
+      // frame, which repeats the last one.
+      input->source_at_end = 1;
+      input->output_frames = input->output_index + 1;
+    }
     return false;
   }
   ++state->nextFrame;
