@@ -165,6 +165,7 @@ struct PlaneInfo {
   bool Key;
   BlockPlan* Plans16 = nullptr;  // raster order of the whole 16x16 blocks
   uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
+  bool RunAndResidue = false;    // offer RUN and residue candidates too
 };
 
 // How an 8x8 block is written once the resolutions are merged.
@@ -455,9 +456,11 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     pts[n++] = {e[CostPattern] + 2 * e[CostColour], Sse(c, rebuilt), Velmo1Two, uint16_t(high * 256 + low)};
   }
   uint32_t scans[RunScansTried];
-  BestRunScans(c, scans);
-  for (uint32_t scan : scans)
+  const uint32_t scanCount = p.RunAndResidue ? RunScansTried : 0;
+  if (scanCount) BestRunScans(c, scans);
+  for (uint32_t s = 0; s < scanCount; ++s)
     for (uint32_t t : RunThresholds) {
+      const uint32_t scan = scans[s];
       RunApprox(c, scan, t, rebuilt);
       pts[n++] = {RunBits(rebuilt, scan, e), Sse(c, rebuilt), Velmo1Run, RunParam(scan, t)};
     }
@@ -487,7 +490,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
       if (!any) break;
     }
     pts[n++] = {e[CostMotion], Sse(c, m), Velmo1Mot, 0};
-    for (uint32_t shift = 0; shift < ResidueShifts; ++shift) {
+    for (uint32_t shift = 0; p.RunAndResidue && shift < ResidueShifts; ++shift) {
       int8_t residue[64];
       const uint32_t events = MakeResidue(c, m, shift, residue);
       if (events == 0 || events > 128) continue;
@@ -572,9 +575,11 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
     pts[n++] = {e[CostPattern] + 2 * e[CostColour], Sse256(f, big), Velmo1Two, uint16_t(high * 256 + low)};
   }
   uint32_t scans[RunScansTried];
-  BestRunScans(h, scans);
-  for (uint32_t scan : scans)
+  const uint32_t scanCount = p.RunAndResidue ? RunScansTried : 0;
+  if (scanCount) BestRunScans(h, scans);
+  for (uint32_t s = 0; s < scanCount; ++s)
     for (uint32_t t : RunThresholds) {
+      const uint32_t scan = scans[s];
       RunApprox(h, scan, t, rebuilt);
       Up(rebuilt, big);
       pts[n++] = {RunBits(rebuilt, scan, e), Sse256(f, big), Velmo1Run, RunParam(scan, t)};
@@ -986,7 +991,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     PadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(), e->PlaneWidth[i], e->PlaneHeight[i]);
     planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
-                 e->Plans16[i].data(), e->Layout[i].data()};
+                 e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
     EstimatePixelCost(e->Models[i], planes[i]);
     UpdateCostModel(e->Models[i]);
   }

@@ -15,6 +15,9 @@
 enum : uint32_t {
   VelmoEncodeGrayscale = 0x20000,  // no chroma planes
   VelmoEncodeAlpha = 0x100000,     // an alpha plane
+  // Also offer RUN and residue blocks to the allocation. The standard candidate lists leave them
+  // out (the stream carries them and the decoder reads them); this bit is for experiments.
+  VelmoEncodeRunAndResidue = 0x1,
 };
 
 struct VelmoEncoderConfig {
