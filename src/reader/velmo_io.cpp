@@ -30,9 +30,17 @@ struct ReaderService {
   volatile uint32_t Run;
   volatile uint32_t Running;  // the thread exists and its semaphore can be signalled
   volatile uint32_t Starts;
+  volatile uint32_t Waiters;  // opens and closes waiting for the locks
 };
 
+
 ReaderService Service;
+
+// Marks an open or close that waits for the service's locks, for as long as it lives.
+struct WaitingForService {
+  WaitingForService() { AtomicAdd(&Service.Waiters, 1); }
+  ~WaitingForService() { AtomicAdd(&Service.Waiters, -1); }
+};
 std::once_flag ServiceMade;
 
 PlatformLock* ControlLock() {
@@ -213,8 +221,11 @@ uint32_t VelmoIORound(VelmoIOReaderList* list, bool* didRead) {
   return pending;
 }
 
+bool VelmoIOServiceWanted() { return AtomicRead(&Service.Waiters) != 0; }
+
 bool VelmoIORegister(VelmoState* h) {
   if (!h) return false;
+  const WaitingForService waiting;
   PlatformLock* control = ControlLock();
   LockEnter(control);
   if (!AtomicRead(&Service.Running) && !StartThread()) {
@@ -232,6 +243,7 @@ bool VelmoIORegister(VelmoState* h) {
 
 void VelmoIOUnregister(VelmoState* h) {
   if (!h) return;
+  const WaitingForService waiting;
   PlatformLock* control = ControlLock();
   LockEnter(control);
   EnterListAndProvider(h);

@@ -127,23 +127,28 @@ uint64_t ReadMedium(IOProvider* io, void* dest, uint64_t size) {
   return got;
 }
 
-// Pays for `bytes` on a simulated slow medium. The debt is paid in slices of about 50 ms, so
-// that a handle that is being closed is not held up for long.
+// Pays for `bytes` on a simulated slow medium: bytes * 1000 / rate ms are owed, less the time
+// the read took; a positive debt is slept off, a negative one is credit for the next read. The
+// library's SimulateWait sleeps off slices of at most 50 ms, so that the reader thread does not
+// hold its locks for long while an open or a close waits for them: then the rest is carried
+// over to the next read (and dropped for a handle that is being closed).
 void SimulateAfterRead(IOProvider* io, uint64_t bytes, uint32_t start) {
   const uint32_t rate = io->SimulateRate;
   if (rate == 0 || rate == 0xFFFFFFFFu || !io->SimulateWait) return;
-  const uint64_t slice = std::max<uint64_t>(rate / 20, 1);
-  uint32_t from = start;
-  for (uint64_t left = bytes;;) {
-    const uint64_t part = std::min(left, slice);
-    io->SimulateWait(&io->SimulateDebt, part, from, rate);
-    left -= part;
-    if (left == 0) break;
+  constexpr int64_t SliceMs = 50;
+  int64_t& debt = io->SimulateDebt;
+  debt += int64_t(std::min<uint64_t>(bytes * 1000 / rate, 0xFFFFFFFFu));
+  debt -= int64_t(uint32_t(Now(io) - start));
+  while (debt > 0) {
     if (Closing(io)) {
-      io->SimulateDebt = 0;
+      debt = 0;
       break;
     }
-    from = Now(io);
+    if (VelmoIOServiceWanted()) break;
+    const int64_t slice = std::min(debt, SliceMs);
+    int64_t left = slice;
+    io->SimulateWait(&left, 0, Now(io), rate);
+    debt -= slice - left;  // `left` ends at 0 or below: what was slept beyond the slice
   }
 }
 

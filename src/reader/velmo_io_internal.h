@@ -74,6 +74,10 @@ struct VelmoIOReaderList {
 // still pending; `*didRead` tells whether anything was read.
 uint32_t VelmoIORound(VelmoIOReaderList* list, bool* didRead);
 
+// True while an open or a close waits for the service's locks: a read that is paying for a
+// simulated slow medium then lets go early and carries the rest of its debt.
+bool VelmoIOServiceWanted();
+
 // The service hooks that VelmoFileIOService carries.
 bool VelmoIORegister(VelmoState* handle);
 void VelmoIOUnregister(VelmoState* handle);

@@ -216,11 +216,12 @@ class ReaderThreadTest : public MediumTest {
     MediumTest::TearDown();
   }
   // A handle on its own medium with a ring of `ringUnits`, registered with the thread.
-  std::unique_ptr<Rig> Open(uint64_t fileSize, uint64_t ringUnits, uint32_t flags = 0) {
+  std::unique_ptr<Rig> Open(uint64_t fileSize, uint64_t ringUnits, uint32_t flags = 0,
+                            uint32_t rate = 0) {
     auto r = std::make_unique<Rig>(flags);
     EXPECT_TRUE(r->Open(AddMedium(PatternFile(fileSize)).c_str()));
     r->ReadHead(44);
-    r->GiveRing(ringUnits * Unit, fileSize);
+    r->GiveRing(ringUnits * Unit, fileSize, rate);
     EXPECT_TRUE(VelmoIORegister(r->H));
     r->H->OnReaderList = 1;
     return r;
@@ -317,6 +318,21 @@ TEST_F(ReaderThreadTest, CloseWaitsForAReadInProgress) {
   VelmoIOWake(1);
   ASSERT_TRUE(WaitFor([&] { return Full(other); }));
   Close(other);
+}
+
+TEST_F(ReaderThreadTest, ASlowSimulatedMediumDoesNotHoldUpOpensAndCloses) {
+  VelmoSetClockForTest(nullptr);  // the simulation sleeps on the real clock
+  // 16 KB per second: a unit takes 8 s to pay for.
+  auto a = Open(20 * Unit, 4, 0, 16384);
+  const uint32_t calls = M.ReadCalls;
+  VelmoIOWake(1);
+  ASSERT_TRUE(WaitFor([&] { return M.ReadCalls > calls; }));  // now paying for the unit
+  const uint32_t start = TimerMs();
+  auto b = Open(4 * Unit, 2);
+  Close(b.get());
+  Close(a.get());
+  EXPECT_LT(TimerMs() - start, 2000u);
+  EXPECT_FALSE(VelmoIOThreadRunning());
 }
 
 TEST_F(ReaderThreadTest, AKeptThreadServesTheNextOpen) {
