@@ -229,8 +229,8 @@ struct Decoder {
                         reinterpret_cast<uint8_t*>(out.data()),
                         static_cast<uint32_t>(out.size() * 2), 0, 0, 16};
     // An exact-size copy, so that a read beyond the packet would be caught by the sanitizer.
-    std::unique_ptr<uint8_t[]> exact(new uint8_t[packet.size() + 1]);
-    std::memcpy(exact.get(), packet.data(), packet.size());
+    std::unique_ptr<uint8_t[]> exact(new uint8_t[packet.empty() ? 1 : packet.size()]);
+    if (!packet.empty()) std::memcpy(exact.get(), packet.data(), packet.size());
     VelmoAudioInput input{exact.get(), packet.size(), position ? *position : 0};
     const uint32_t consumed = VelmoAudioDecodeBlock(Handle, &ring, &input);
     if (position) *position = input.Position;
