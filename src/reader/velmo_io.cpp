@@ -54,8 +54,8 @@ PlatformLock* ControlLock() {
 // A handle seen from the thread
 
 bool ServedInBackground(const VelmoState* h) {
-  return h->OnReaderList && !(h->OpenFlags & VelmoOpenNoBackground) && !h->PreloadData &&
-         !h->Closing;
+  return AtomicRead(&h->OnReaderList) && !(AtomicRead(&h->OpenFlags) & VelmoOpenNoBackground) &&
+         !h->PreloadData && !AtomicRead(&h->Closing);
 }
 
 bool FrameReadPending(const VelmoState* h) {
@@ -190,7 +190,7 @@ const VelmoIOService VelmoFileIOService = {VelmoFileProviderOpen, VelmoIORegiste
 uint32_t VelmoIOFullness(const IOProvider* io) {
   if (io->BufferSize == 0 || io->ReadError || __atomic_load_n(&io->Suspended, __ATOMIC_SEQ_CST))
     return NotReadable;
-  const uint64_t room = io->BufferFree;
+  const uint64_t room = __atomic_load_n(&io->BufferFree, __ATOMIC_SEQ_CST);
   if (room == 0) return 128;
   const uint64_t used = AtomicRead64(&io->BufferUsed);
   return uint32_t(std::min<uint64_t>(used * 128 / room, 128));

@@ -74,16 +74,18 @@ void SetCounter(IOProvider* io, volatile uint64_t* address, uint64_t value) {
   AddCounter(io, address, int64_t(value - AtomicRead64(address)));
 }
 uint64_t Used(const IOProvider* io) { return AtomicRead64(&io->BufferUsed); }
-void StoreLogical(IOProvider* io, uint64_t value) {
-  __atomic_store_n(&io->LogicalPos, value, __ATOMIC_SEQ_CST);
-}
+// Fields that other threads look at without the provider lock (positions and statistics) are
+// written whole.
+void Store64(uint64_t* field, uint64_t value) { __atomic_store_n(field, value, __ATOMIC_SEQ_CST); }
+void StoreLogical(IOProvider* io, uint64_t value) { Store64(&io->LogicalPos, value); }
 
+// Flags of the handle that its caller changes while the reader thread works.
 bool InLibraryCall(const IOProvider* io) {
-  return io->InCall || (io->Owner && io->Owner->InFrame);
+  return AtomicRead(&io->InCall) || (io->Owner && AtomicRead(&io->Owner->InFrame));
 }
-bool Closing(const IOProvider* io) { return io->Owner && io->Owner->Closing; }
+bool Closing(const IOProvider* io) { return io->Owner && AtomicRead(&io->Owner->Closing); }
 bool WrapWanted(const IOProvider* io) {
-  return io->Owner && (io->Owner->OpenFlags & VelmoOpenFileLoop);
+  return io->Owner && (AtomicRead(&io->Owner->OpenFlags) & VelmoOpenFileLoop);
 }
 // The file position of frame 1's packet, where a looping file starts again.
 uint64_t LoopPoint(const IOProvider* io) {
@@ -162,14 +164,14 @@ void BookReadTime(IOProvider* io, uint32_t start, bool inCallAtStart) {
 
 // Empties the ring; the next fetch starts at `position`.
 void ResetRing(IOProvider* io, uint64_t position) {
-  io->NextFilePos = position;
+  Store64(&io->NextFilePos, position);
   StoreLogical(io, position);
   SetCounter(io, &io->RingFree, io->BufferSize);
   SetCounter(io, &io->BufferUsed, 0);
   SetCounter(io, &io->RingRead, 0);
   io->RingWrite = io->RingStart;
   io->RingBase = io->RingHeldFrom = position;
-  io->BufferFree = std::min(Remaining(io), io->BufferSize);
+  Store64(&io->BufferFree, std::min(Remaining(io), io->BufferSize));
 }
 
 // The touch at the loop point: once per pass, move the heads to where the player starts again.
@@ -198,22 +200,22 @@ uint32_t ReadUnit(IOProvider* io, uint64_t remaining) {
   io->WrapRead = 0;
   const uint64_t ringOffset = uint64_t(io->RingWrite - io->RingStart) + head;
   uint64_t got = 0;
-  io->Reading = 1;
+  AtomicStore(&io->Reading, 1);
   if (SeekMedium(io, io->NextFilePos)) got = ReadMedium(io, io->RingWrite + head, size);
-  io->Reading = 0;
+  AtomicStore(&io->Reading, 0);
   if (got < size) io->ReadError = 1;
   SimulateAfterRead(io, got, start);
 
   if (HoldsWholeFile(io)) io->RingBase = io->NextFilePos - ringOffset;
-  io->BytesRead += got;
-  io->NextFilePos += got;
+  Store64(&io->BytesRead, io->BytesRead + got);
+  Store64(&io->NextFilePos, io->NextFilePos + got);
   io->RingWrite += VelmoIOUnit;
   if (io->RingWrite >= io->RingEnd) io->RingWrite = io->RingStart;
   AddCounter(io, &io->RingFree, -int64_t(got));
   AddCounter(io, &io->BufferUsed, int64_t(got));
   const uint64_t used = Used(io);
-  io->HighWater = std::max(io->HighWater, used);
-  io->BufferFree = std::min(io->BufferSize, used + Remaining(io));
+  Store64(&io->HighWater, std::max(io->HighWater, used));
+  Store64(&io->BufferFree, std::min(io->BufferSize, used + Remaining(io)));
   BookReadTime(io, start, inCallAtStart);
   return uint32_t(got);
 }
@@ -283,9 +285,9 @@ uint64_t ReadDirect(IOProvider* io, uint64_t position, void* dest, uint64_t size
   const uint32_t start = Now(io);
   const bool inCallAtStart = InLibraryCall(io);
   uint64_t got = 0;
-  io->Reading = 1;
+  AtomicStore(&io->Reading, 1);
   if (SeekMedium(io, position)) got = ReadMedium(io, dest, size);
-  io->Reading = 0;
+  AtomicStore(&io->Reading, 0);
   if (got < size) io->ReadError = 1;
   SimulateAfterRead(io, got, start);
   io->BytesRead += got;
@@ -306,9 +308,9 @@ uint64_t FileReadHeader(IOProvider* io, uint64_t position, void* dest, uint64_t 
   const uint32_t start = Now(io);
   const bool inCallAtStart = InLibraryCall(io);
   uint64_t got = 0;
-  io->Reading = 1;
+  AtomicStore(&io->Reading, 1);
   if (SeekMedium(io, position)) got = ReadMedium(io, dest, size);
-  io->Reading = 0;
+  AtomicStore(&io->Reading, 0);
   if (got < size) io->ReadError = 1;
   SimulateAfterRead(io, got, start);
   io->BytesRead += got;
@@ -454,9 +456,9 @@ uint32_t VelmoIOIdleStep(IOProvider* io, bool mustRead) {
   const uint64_t remaining = Remaining(io);
   if (remaining == 0) {
     TouchLoopPoint(io);
-    io->BufferFree = Used(io);
+    Store64(&io->BufferFree, Used(io));
   } else if (AtomicRead64(&io->RingFree) < VelmoIOUnit && AtomicRead64(&io->RingFree) < remaining) {
-    io->BufferFree = Used(io);  // no room for a unit
+    Store64(&io->BufferFree, Used(io));  // no room for a unit
   } else {
     got = ReadUnit(io, remaining);
   }

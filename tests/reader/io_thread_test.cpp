@@ -223,17 +223,18 @@ class ReaderThreadTest : public MediumTest {
     r->ReadHead(44);
     r->GiveRing(ringUnits * Unit, fileSize, rate);
     EXPECT_TRUE(VelmoIORegister(r->H));
-    r->H->OnReaderList = 1;
+    AtomicStore(&r->H->OnReaderList, 1);
     return r;
   }
   void Close(Rig* r) {
-    r->H->Closing = 1;
+    AtomicStore(&r->H->Closing, 1);
     VelmoIOUnregister(r->H);
     r->H->OnReaderList = 0;
   }
   // No unit fits any more, or the file is all in.
   static bool Full(Rig* r) {
-    return AtomicRead64(&r->Io->RingFree) < Unit || r->Io->NextFilePos >= r->Io->FileTotal;
+    return AtomicRead64(&r->Io->RingFree) < Unit ||
+           __atomic_load_n(&r->Io->NextFilePos, __ATOMIC_SEQ_CST) >= r->Io->FileTotal;
   }
 };
 
@@ -253,7 +254,7 @@ TEST_F(ReaderThreadTest, FillsEveryRingAndStopsWithTheLastHandle) {
   // Copying out makes room; a wake-up fills it again.
   ASSERT_TRUE(a->Packet(VELMO_IO_CONTINUE, 3 * Unit, 44));
   VelmoIOWake(1);
-  ASSERT_TRUE(WaitFor([&] { return a->Io->NextFilePos == 7 * Unit; }));
+  ASSERT_TRUE(WaitFor([&] { return __atomic_load_n(&a->Io->NextFilePos, 0) == 7 * Unit; }));
   Close(b.get());
   Close(a.get());
   EXPECT_TRUE(VelmoIOThreadRunning());
@@ -299,8 +300,8 @@ TEST_F(ReaderThreadTest, CloseWaitsForAReadInProgress) {
   SetHold(true);
   VelmoIOWake(1);
   ASSERT_TRUE(WaitFor([&] { return Waiting() == 1; }));  // the thread is inside a read
-  Rig* reading = a->Io->Reading ? a.get() : b.get();
-  ASSERT_EQ(reading->Io->Reading, 1u);
+  Rig* reading = AtomicRead(&a->Io->Reading) ? a.get() : b.get();
+  ASSERT_EQ(AtomicRead(&reading->Io->Reading), 1u);
   std::atomic<bool> closed{false};
   std::thread closer([&] {
     Close(reading);
