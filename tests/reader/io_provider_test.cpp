@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <random>
 #include <thread>
 
 namespace {
@@ -443,6 +445,47 @@ TEST_F(FileProviderTest, WithoutBackgroundReadingTheLockIsAlwaysFree) {
   std::thread other([&] { EXPECT_EQ(r.Io->BackgroundControl(r.Io, VelmoIOTestFree), 1u); });
   other.join();
   LockLeave(&r.H->ProviderLock);
+}
+
+uint32_t SeedForTest() {
+  const char* seed = std::getenv("VELMO_IO_SEED");
+  return seed ? uint32_t(std::strtoul(seed, nullptr, 10)) : 7u;
+}
+
+// Random walks: packets in order and by position, forward and back, inside and outside what the
+// ring holds, with and without read-ahead steps between them, over rings of several sizes
+// (whole units, and one that holds the whole file). Every byte must be the file's.
+TEST_F(FileProviderTest, RandomPacketsAlwaysCarryTheFilesBytes) {
+  const uint64_t fileSize = 9 * Unit + 4321;
+  const std::string name = AddMedium(PatternFile(fileSize));
+  std::mt19937 rng(SeedForTest());
+  for (uint64_t ring : {2 * Unit, 3 * Unit, 5 * Unit, fileSize + 16}) {
+    Rig r;
+    ASSERT_TRUE(r.Open(name.c_str()));
+    r.ReadHead(1000 + ring % 3000);
+    r.GiveRing(ring, fileSize);
+    uint64_t at = r.Io->LogicalPos;
+    for (int step = 0; step < 300; ++step) {
+      const uint32_t pick = rng() % 10;
+      uint64_t position = VELMO_IO_CONTINUE;
+      if (pick < 3) position = rng() % (fileSize - 100);
+      else if (pick < 5) position = at + rng() % (2 * Unit);  // often still in the ring
+      if (position != VELMO_IO_CONTINUE && position >= fileSize - 100) position = 44;
+      const uint64_t from = position == VELMO_IO_CONTINUE ? at : position;
+      const uint64_t bytes = std::min<uint64_t>(1 + rng() % (rng() % 4 ? 60000 : 3 * Unit),
+                                                fileSize - from);
+      ASSERT_TRUE(r.Packet(position, bytes, from)) << "ring " << ring << " step " << step;
+      at = from + bytes;
+      if (at >= fileSize - 1) {  // at the end: back to the start, as a loop does
+        ASSERT_TRUE(r.Packet(44, 1, 44));
+        at = 45;
+      }
+      for (uint32_t k = rng() % 3; k > 0; --k) r.Idle();
+      ASSERT_EQ(r.Io->RingFree + r.Used(), r.Io->BufferSize);
+      ASSERT_LE(r.Used(), r.Io->BufferSize);
+    }
+    EXPECT_EQ(r.Io->ReadError, 0u);
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -74,6 +74,7 @@ inline bool FakeOpen(const char* path, uint64_t* handle) {
   const uint64_t index = std::stoull(name.substr(7));
   if (index >= Current->Files.size()) return false;
   ++Current->Opens;
+  Current->Files[index]->Pos = 0;  // a file opens at its start
   *handle = index;
   return true;
 }
