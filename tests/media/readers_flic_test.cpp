@@ -298,6 +298,10 @@ TEST(FlicReader, RejectsBadHeaders) {
   deep[12] = 16;
   EXPECT_EQ(OpenBytes(deep, &error), nullptr);
   EXPECT_EQ(error.code, STREAM_ERROR_UNSUPPORTED);
+  std::vector<uint8_t> huge = file;
+  huge[8] = huge[9] = huge[10] = huge[11] = 0xFF;
+  EXPECT_EQ(OpenBytes(huge, &error), nullptr);
+  EXPECT_EQ(error.code, STREAM_ERROR_TOO_LARGE);
   // A header with no frame behind it.
   EXPECT_EQ(OpenBytes(file, &error), nullptr);
   EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);

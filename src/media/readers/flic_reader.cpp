@@ -48,6 +48,8 @@ bool FlicReader::Open(StreamError* error) {
   const uint32_t width = Le16(h + 8), height = Le16(h + 10), depth = Le16(h + 12);
   if (frames_ == 0 || width == 0 || height == 0) return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: empty header");
   if (depth != 0 && depth != 8) return StreamFail(error, STREAM_ERROR_UNSUPPORTED, "Flic: depth %u", depth);
+  if (uint64_t(width) * height > STREAM_MAX_PIXELS)
+    return StreamFail(error, STREAM_ERROR_TOO_LARGE, "Flic: %ux%u is too large", width, height);
 
   if (magic == kMagicFli) {
     const uint32_t jiffies = Le16(h + 16);  // 1/70 second

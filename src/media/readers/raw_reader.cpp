@@ -55,6 +55,10 @@ bool RawReader::Open(StreamError* error) {
   info.depth = 8;
   info.seekable = 1;
   info.total_bytes = source->Size();
+  // A file that cannot hold one frame of pixels is no raw frame file (and must not cost a
+  // giant buffer).
+  if (source->Size() < kHeaderSize + 4 + uint64_t(width) * height)
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: file too short for one frame");
   pitch_ = (width + 3) & ~3u;
   if (!TryResize(pixels_, size_t(pitch_) * height)) return StreamFail(error, STREAM_ERROR_MEMORY, "raw frames: out of memory");
   StreamFrame first;
