@@ -19,8 +19,8 @@ namespace {
 
 const char SyntaxText[] =
     "Syntax:  Velmo <Input Graphics File> <Velmo File>[.VLM/.VM2] [/Switches]\n\n"
-    "The input may be a YUV4MPEG2 stream (.y4m), an image file, or an image series such as "
-    "\"Exam???.BMP*1-149\".";
+    "The input may be a video file (AVI, Velmo, Flic, YUV4MPEG2, raw), an image file, a list "
+    "file, or an image series such as \"Exam???.BMP*1-149\".";
 const char SwitchListText[] =
     "Switches:\n"
     "  /D#   overall data rate: 1000 and up bytes per second, 1 to 200 percent of the input\n"
@@ -130,6 +130,24 @@ int WriterProgress(uint32_t kind, VelmoWriter* w, const char* text) {
   return g_cancel ? 1 : 0;
 }
 
+// The media layer's messages: status lines, errors (kept for the open failure's box),
+// warnings, and yes/no questions such as "Treat as sequence?" (Yes is the default answer).
+char g_mediaError[1024] = "";
+
+int MediaProgress(const char* text, int level) {
+  if (level == MediaLevelCancel) return 1;
+  if (!text) return g_cancel ? 1 : 0;
+  if (level == MediaLevelQuestion) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
+  if (level == MediaLevelError) {
+    std::snprintf(g_mediaError, sizeof g_mediaError, "%s", text);
+    return 1;
+  }
+  if (text[0] == '@') text++;
+  if (level == MediaLevelWarning) ToolFrameTell(text, 0);
+  else SetStatus(text);
+  return g_cancel ? 1 : 0;
+}
+
 bool FileExists(const char* name) {
   BufferedFile* f = FileOpenRead(4096, name, FileModeReadOnly);
   if (!f) return false;
@@ -139,10 +157,13 @@ bool FileExists(const char* name) {
 
 // ---- The background read of the next frame -----------------------------------------------------
 
+// One job reads one frame with that frame's own filter values (the hint file may change them
+// frame by frame), so the job runs the media layer's frame call itself.
 struct ReadJob {
   const VelmocSourceOps* ops;
   VelmocSource* source;
   uint32_t index;
+  MediaFrameArgs filters;
   const uint32_t* pixels;
   int32_t pitch;
   bool ok;
@@ -150,7 +171,10 @@ struct ReadJob {
 
 uint32_t ReadJobEntry(void* argument) {
   ReadJob* job = static_cast<ReadJob*>(argument);
-  job->ok = job->ops->frame(job->source, job->index, &job->pixels, &job->pitch);
+  job->ok = job->ops->filteredFrame
+                ? job->ops->filteredFrame(job->source, job->index, &job->filters, &job->pixels,
+                                          &job->pitch)
+                : job->ops->frame(job->source, job->index, &job->pixels, &job->pitch);
   return 0;
 }
 
@@ -158,8 +182,9 @@ struct ReadNext {
   PlatformThread thread{};
   bool started = false;
   ReadJob job{};
-  void Start(uint32_t index) {
+  void Start(uint32_t index, const MediaFrameArgs& filters) {
     job.index = index;
+    job.filters = filters;
     job.ok = false;
     started = ThreadStart(&thread, ReadJobEntry, &job, 0, 0, 0, "Velmoc read");
     if (!started) ReadJobEntry(&job);
@@ -239,10 +264,6 @@ bool VelmocParseSwitches(char* line, VelmocSettings* s) {
   int32_t k = SwitchNumber(line, 'K', 0);
   s->KeyInterval = k > 0 ? uint32_t(k) : 0x10000000;
   s->PreviewFrames = uint32_t(SwitchNumber(line, 'P', 8));
-  s->StartFrame = SwitchNumber(line, 'S', 0);
-  s->EndFrame = SwitchNumber(line, 'E', 0);
-  SwitchFraction(line, 'F', &s->ForceRateNum, &s->ForceRateDen, 0, 0);
-  SwitchFraction(line, 'A', &s->AdjustRateNum, &s->AdjustRateDen, 0, 0);
   s->TrackId = SwitchNumber(line, 'T', 0);
   s->SoundLevel = SwitchNumber(line, 'L', 4);
   if (s->SoundLevel < -1 || s->SoundLevel > 199) ok = false;
@@ -251,11 +272,8 @@ bool VelmocParseSwitches(char* line, VelmocSettings* s) {
   s->SoundChannels = SwitchNumber(line, 'C', 0);
   s->Grayscale = SwitchFlag(line, 'I');
   s->KeyRate = uint32_t(std::max(0, SwitchNumber(line, 'N', 0)));
-  s->Graphics = uint32_t(std::max(0, SwitchNumber(line, 'Z', 0)));
-  // The frame processing switches belong to the media layer's stages.
-  for (char c : {'~', ':', ';', '{', '}', '[', '(', ')', 'X', 'Y', 'W', 'H'}) SwitchNumber(line, c, 0);
-  int32_t gn, gd;
-  SwitchFraction(line, ']', &gn, &gd, 0, 1);
+  // /Z stays on the line: the media layer reads it as well, as its open flags.
+  s->Graphics = uint32_t(std::max(0, SwitchPeekNumber(line, 'Z', 0)));
   const int32_t u = SwitchNumber(line, 'U', 0);
   s->Cpus = (u >= 1 && u <= 64) ? uint32_t(u) : 0;
   s->VersionSwitch = uint32_t(SwitchNumber(line, 'V', 200));
@@ -263,6 +281,16 @@ bool VelmocParseSwitches(char* line, VelmocSettings* s) {
   s->Nits = uint32_t(std::clamp(nits, 80, 10000));
   s->Overwrite = SwitchFlag(line, 'O');
   SwitchText(line, '@', s->HintFile, sizeof s->HintFile, "");
+  // What is left are the video switches: range, rates, scaling, crop and filters. The frames
+  // are always true colour, so the palette bits of /Z are dropped.
+  MediaParseSwitches(line, &s->Media);
+  s->Media.open_flags &= ~uint32_t(MediaOpenPaletteMask);
+  s->StartFrame = s->Media.start;
+  s->EndFrame = s->Media.end;
+  s->ForceRateNum = s->Media.force_num;
+  s->ForceRateDen = s->Media.force_den;
+  s->AdjustRateNum = s->Media.adjust_num;
+  s->AdjustRateDen = s->Media.adjust_den;
   if (SwitchesLeft(line)) ok = false;
   TakeName(s->Input, sizeof s->Input, line);
   TakeName(s->Output, sizeof s->Output, line);
@@ -398,6 +426,7 @@ void ResetRunState() {
   g_shownFrames = ~0u;
   g_shownSize = ~0ull;
   g_lastStatus.clear();
+  g_mediaError[0] = 0;
   g_startMs = g_lastElapsedMs = TimerMs();
 }
 
@@ -411,13 +440,40 @@ int Finish(Run& r, int code) {
   return code;
 }
 
+// The media layer works /F and /A into the rate it reports; a source that takes no switches
+// gets /F applied here.
+void OutputRate(const Run& r, uint32_t* num, uint32_t* den) {
+  *num = r.info.RateNumerator;
+  *den = r.info.RateDenominator;
+  if (!r.ops->openWith && r.s.ForceRateNum > 0 && r.s.ForceRateDen > 0) {
+    *num = uint32_t(r.s.ForceRateNum);
+    *den = uint32_t(r.s.ForceRateDen);
+  }
+}
+
+// The filter values of frame f: the hint file's, where it gives one, else the switches'.
+// Smoothing goes to both directions (vertical in the high half, horizontal in the low).
+MediaFrameArgs FrameFilters(const Run& r, uint32_t f) {
+  const MediaSwitches& m = r.s.Media;
+  const VelmocHints& h = r.hints;
+  auto pick = [f](const auto& table, uint32_t fallback) {
+    return f < table.size() && table[f] ? uint32_t(table[f]) : fallback;
+  };
+  MediaFrameArgs a{};
+  a.denoise = pick(h.Denoise, m.denoise);
+  a.smooth = pick(h.Smooth, m.smooth) * 0x1000100u;
+  a.contrast = pick(h.Contrast, m.contrast);
+  a.brightness = pick(h.Bright, m.brightness);
+  a.black_clamp = pick(h.BlackClamp, m.black_clamp);
+  a.gamma = m.gamma;
+  if (f < h.Gamma.size() && h.Gamma[f] > 0.0001f) a.gamma = 1.0 / double(h.Gamma[f]);
+  return a;
+}
+
 int FrameLoop(Run& r) {
   const VelmocSettings& s = r.s;
-  uint32_t rateNum = r.info.RateNumerator, rateDen = r.info.RateDenominator;
-  if (s.ForceRateNum > 0 && s.ForceRateDen > 0) {
-    rateNum = uint32_t(s.ForceRateNum);
-    rateDen = uint32_t(s.ForceRateDen);
-  }
+  uint32_t rateNum = 0, rateDen = 0;
+  OutputRate(r, &rateNum, &rateDen);
   const uint32_t version = VelmocVersion(s);
   VelmoRateSettings rates{};
   rates.DefaultRate = VelmoDefaultRate(VelmoGeneration(version), r.info.Width, r.info.Height,
@@ -431,8 +487,8 @@ int FrameLoop(Run& r) {
   const bool image = r.info.IsImage;
 
   ReadNext next;
-  next.job = {r.ops, r.source, 0, nullptr, 0, false};
-  next.Start(0);
+  next.job = {r.ops, r.source, 0, MediaNoFilters, nullptr, 0, false};
+  next.Start(0, FrameFilters(r, 0));
   for (uint32_t f = 0;; ++f) {
     next.Join();
     if (!next.job.ok || f >= r.info.Frames) break;
@@ -445,7 +501,7 @@ int FrameLoop(Run& r) {
                         next.job.pitch, false);
     if (f + 1 < r.info.Frames) {
       if (image) next.job.ok = true;  // a still gives the same picture again
-      else next.Start(f + 1);
+      else next.Start(f + 1, FrameFilters(r, f + 1));
     }
     VelmoWriterCommit(r.writer);
     if (r.writer->Failed) {
@@ -482,10 +538,17 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   const uint32_t first = r.s.StartFrame > 0 ? uint32_t(r.s.StartFrame - 1) : 0;
   const uint32_t last = r.s.EndFrame > 0 ? uint32_t(r.s.EndFrame - 1) : ~0u;
   SetStatus("Reading...");
-  r.source = r.ops->open(r.s.Input, first, last, error, sizeof error);
+  if (r.ops->openWith) {
+    MediaSwitches media = r.s.Media;
+    media.open_flags |= MediaOpenAskSequence;
+    r.source = r.ops->openWith(r.s.Input, &media, MediaProgress, error, sizeof error);
+  } else {
+    r.source = r.ops->open(r.s.Input, first, last, error, sizeof error);
+  }
   if (!r.source) {
-    char text[1400];
-    std::snprintf(text, sizeof text, "Couldn't open the input file '%s'.\n\n%s", r.s.Input, error);
+    char text[2400];
+    std::snprintf(text, sizeof text, "Couldn't open the input file '%s'.\n\n%s", r.s.Input,
+                  g_mediaError[0] ? g_mediaError : error);
     ToolFrameError(text);
     return Finish(r, ToolExitInputError);
   }
@@ -494,7 +557,7 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   g_skipped = r.info.SkippedFrames;
   const uint32_t inputRate = VelmoInputRate(r.info.RateNumerator, r.info.RateDenominator,
                                             r.info.InputBytes, r.info.InputFrames, 100);
-  if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, first,
+  if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, g_skipped,
                        r.info.Frames, inputRate, &r.hints)) {
     ToolFrameError("Couldn't read the hint file.");
     return Finish(r, ToolExitInputError);
@@ -527,11 +590,8 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   if (version >= 200) return Finish(r, SecondGenerationMissing());
 
   // The writer.
-  uint32_t rateNum = r.info.RateNumerator, rateDen = r.info.RateDenominator;
-  if (r.s.ForceRateNum > 0 && r.s.ForceRateDen > 0) {
-    rateNum = uint32_t(r.s.ForceRateNum);
-    rateDen = uint32_t(r.s.ForceRateDen);
-  }
+  uint32_t rateNum = 0, rateDen = 0;
+  OutputRate(r, &rateNum, &rateDen);
   r.writer = VelmoWriterOpen(r.s.Output, flags, version, r.info.Width, r.info.Height,
                              r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, r.s.KeyInterval,
                              rateNum, rateDen, 0, nullptr, r.s.PreviewFrames, r.s.Nits, nullptr,

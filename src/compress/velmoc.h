@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/toolframe.h"
+#include "media/media.h"
 
 // The compress switches after parsing.
 struct VelmocSettings {
@@ -14,7 +15,8 @@ struct VelmocSettings {
   uint32_t KeyPromotion = 100;   // /J: read, and always held as 100
   uint32_t KeyInterval = 0x10000000;  // /K
   uint32_t PreviewFrames = 8;    // /P
-  int32_t StartFrame = 0, EndFrame = 0;  // /S /E (from 1; 0 = not given)
+  // /S /E /F /A as the media layer read them (the same values are in Media).
+  int32_t StartFrame = 0, EndFrame = 0;  // /S /E (from 1; 0 = not given; negative from the end)
   int32_t ForceRateNum = 0, ForceRateDen = 0;   // /F
   int32_t AdjustRateNum = 0, AdjustRateDen = 0; // /A
   int32_t TrackId = 0;           // /T
@@ -22,7 +24,7 @@ struct VelmocSettings {
   int32_t SoundRate = 0, SoundBits = 0, SoundChannels = 0;  // /R /B /C
   bool Grayscale = false;        // /I
   uint32_t KeyRate = 0;          // /N
-  uint32_t Graphics = 0;         // /Z
+  uint32_t Graphics = 0;         // /Z (also read by the media layer, as open flags)
   uint32_t Cpus = 0;             // /U (0 = all)
   uint32_t VersionSwitch = 200;  // /V as given, with its added bits
   uint32_t Nits = 10000;         // /$
@@ -30,11 +32,14 @@ struct VelmocSettings {
   char HintFile[1024] = {};      // /@
   char ExtraText[1024] = {};     // /*
   uint32_t ExtraTextLength = 0;  // with its terminating zero; 0 when none
+  MediaSwitches Media{};         // the video switches, read after the compressor's own
   char Input[1024] = {};
   char Output[1024] = {};
 };
 
-// Parses a command tail (changed in place). False on a syntax error.
+// Parses a command tail (changed in place): the compressor's switches first, then the media
+// layer's video switches from what is left (several letters mean different things to the two,
+// and the compressor's meaning wins). False on a syntax error.
 bool VelmocParseSwitches(char* line, VelmocSettings* settings);
 // The version written: /V's low ten bits, 0 meaning 200, HDR versions stored as 200.
 uint32_t VelmocVersion(const VelmocSettings& settings);

@@ -1,10 +1,12 @@
 // Where the compressor's frames come from: a small table of functions (open, info, frame,
-// close) so that the tool does not care which input layer serves it. The built-in source
-// reads YUV4MPEG2 streams and still images or numbered image series through the image file
-// library; tests install sources of their own.
+// close) so that the tool does not care which input layer serves it. The built-in source is
+// the media input layer (every type it reads, with its scaling, crop, rate and filter
+// stages); tests install sources of their own.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+
+#include "media/media.h"
 
 struct VelmocSourceInfo {
   uint32_t Width, Height;
@@ -20,18 +22,26 @@ struct VelmocSourceInfo {
 struct VelmocSource;
 
 struct VelmocSourceOps {
-  // Opens `name` for the frames first..last (from 0; last ~0u = to the end). Null on failure,
-  // with a readable reason in `error`.
+  // Opens `name` for the frames first..last (from 0; last ~0u = to the end) with no frame
+  // processing. Null on failure, with a readable reason in `error`.
   VelmocSource* (*open)(const char* name, uint32_t first, uint32_t last, char* error,
                         size_t errorSize);
   void (*info)(const VelmocSource* source, VelmocSourceInfo* out);
   // Frame `index` of the run as 32-bit ARGB; the pixels stay valid until the next call.
   bool (*frame)(VelmocSource* source, uint32_t index, const uint32_t** pixels, int32_t* pitch);
   void (*close)(VelmocSource* source);
+  // Optional: opens with the video switches of a command line (range, rates, scaling, crop,
+  // open flags); questions and messages go to `progress`. Null: `open` with /S and /E.
+  VelmocSource* (*openWith)(const char* name, const MediaSwitches* switches, ProgressFn progress,
+                            char* error, size_t errorSize);
+  // Optional: a frame with its own filter values. Null: `frame`, without filters.
+  bool (*filteredFrame)(VelmocSource* source, uint32_t index, const MediaFrameArgs* filters,
+                        const uint32_t** pixels, int32_t* pitch);
 };
 
 // The source in use: a test's, or the built-in one.
 const VelmocSourceOps* VelmocCurrentSource();
 // Installs a source for the next runs (null = the built-in one).
 void VelmocSetSource(const VelmocSourceOps* ops);
+// The media layer's source.
 const VelmocSourceOps* VelmocBuiltinSource();

@@ -78,7 +78,7 @@ TEST(VelmocSwitches, SoundLevelNamesAndUnknownSwitches) {
   EXPECT_FALSE(Parse("a b /l-2", &s));
   EXPECT_FALSE(Parse("a", &s));
   EXPECT_FALSE(Parse("", &s));
-  EXPECT_FALSE(Parse("a b /q", &s));  // a switch nobody knows
+  EXPECT_FALSE(Parse("a b /g", &s));  // a switch nobody knows
   VelmocSettings abs;
   EXPECT_TRUE(Parse("/tmp/in.y4m /tmp/out.vlm", &abs));  // paths are not switches
   EXPECT_STREQ(abs.Output, "/tmp/out.vlm");
@@ -391,7 +391,7 @@ bool ClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int32_t
   return true;
 }
 void ClipClose(VelmocSource* s) { delete reinterpret_cast<ClipSource*>(s); }
-const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose};
+const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose, nullptr, nullptr};
 
 int RunTool(const std::string& tail) {
   VelmocRegisterDialog();
