@@ -14,7 +14,9 @@
 #include "compress/velmo_writer.h"
 #include "compress/velmoc.h"
 #include "compress/velmoc_source.h"
+#include "convert/output.h"
 #include "host/toolframe.h"
+#include "reader/container.h"
 
 namespace {
 
@@ -52,6 +54,64 @@ TEST(VelmocSwitches, DefaultsAndNames) {
   std::strcpy(name, "clip.bin");
   VelmocDefaultExtension(name, sizeof name, 100);
   EXPECT_STREQ(name, "clip.bin");
+}
+
+// The compressor reads its own switches first; the media layer gets what is left. Letters that
+// both know (/D /T /I /U /$) keep the compressor's meaning; /S /E /F /A and /Z reach both.
+TEST(VelmocSwitches, CompressorFirstThenVideoSwitches) {
+  VelmocSettings s;
+  ASSERT_TRUE(Parse("in.avi out /v101 /d5000 /t2 /i /u4 /$500 /s3 /e-2 /f24 /a12 /z11102 "
+                    "/x4 /y2 /w32 /h16 /:50 /[90 /]2 /(160 /)-1", &s));
+  EXPECT_EQ(s.DataRate, 5000);
+  EXPECT_EQ(s.TrackId, 2);
+  EXPECT_TRUE(s.Grayscale);
+  EXPECT_EQ(s.Cpus, 4u);
+  EXPECT_EQ(s.Nits, 500u);
+  EXPECT_EQ(s.Graphics, 11102u);
+  EXPECT_EQ(s.StartFrame, 3);
+  EXPECT_EQ(s.EndFrame, -2);
+  EXPECT_EQ(s.ForceRateNum, 24);
+  EXPECT_EQ(s.ForceRateDen, 1);
+  EXPECT_EQ(s.AdjustRateNum, 12);
+  EXPECT_EQ(s.AdjustRateDen, 1);
+  const MediaSwitches& m = s.Media;
+  EXPECT_EQ(m.start, 3);
+  EXPECT_EQ(m.end, -2);
+  // 11102: no alpha warning, alpha, bi-linear scaling; the palette mode 2 is dropped.
+  EXPECT_EQ(m.open_flags, uint32_t(MediaOpenCompressorDefault | MediaOpenNoAlphaWarning |
+                                   MediaOpenAlpha | MediaOpenLinear));
+  EXPECT_EQ(m.crop_x, 4);
+  EXPECT_EQ(m.crop_y, 2);
+  EXPECT_EQ(m.crop_w, 32);
+  EXPECT_EQ(m.crop_h, 16);
+  EXPECT_EQ(m.smooth, 50u);
+  EXPECT_EQ(m.brightness, 90u);
+  EXPECT_DOUBLE_EQ(m.gamma, 0.5);
+  EXPECT_EQ(m.scale_w, 160);
+  EXPECT_EQ(m.scale_h, -1);
+  // The letters the compressor took never reach the media layer.
+  EXPECT_EQ(m.system_colours, 0u);
+  EXPECT_EQ(m.halftone, 0u);
+  EXPECT_EQ(m.rotation, 0u);
+  EXPECT_EQ(m.palette_interval, 0x10000u);
+  EXPECT_STREQ(s.Input, "in.avi");
+  EXPECT_STREQ(s.Output, "out");
+}
+
+TEST(VelmocSwitches, VideoSwitchDefaultsAndDurations) {
+  VelmocSettings s;
+  ASSERT_TRUE(Parse("a b", &s));
+  EXPECT_EQ(s.Media.open_flags, uint32_t(MediaOpenCompressorDefault));
+  EXPECT_EQ(s.Media.brightness, 100u);
+  EXPECT_DOUBLE_EQ(s.Media.gamma, 1.0);
+  EXPECT_EQ(s.StartFrame, 0);
+  EXPECT_EQ(s.ForceRateNum, 0);
+  VelmocSettings d;
+  ASSERT_TRUE(Parse("a b /f-40", &d));  // a 40 ms frame: 25 frames a second
+  EXPECT_EQ(d.ForceRateNum, 25);
+  EXPECT_EQ(d.ForceRateDen, 1);
+  VelmocSettings q;
+  EXPECT_TRUE(Parse("a b /q16", &q));  // a media switch, read and of no use to true colour
 }
 
 TEST(VelmocSwitches, RateAndPeakChecks) {
@@ -442,6 +502,145 @@ TEST(VelmocRun, ExitCodes) {
   EXPECT_FALSE(check.Info.Header.Flags & VelmoFlagAlpha);
   EXPECT_EQ(RunTool("clip " + dir + "/y.vm2 /v200"), ToolExitOutputError);
   std::remove(out.c_str());
+  rmdir(dir.c_str());
+}
+
+// ---- Runs on real files through the media layer ------------------------------------------------
+
+int RunMedia(const std::string& tail) {
+  VelmocRegisterDialog();
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  VelmocSetSource(nullptr);
+  return ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
+}
+
+// Writes `frames` test pictures with the converter's writers: an AVI (uncompressed) or, for an
+// image extension, a numbered series whose first name lands in `first`.
+bool WriteInput(const std::string& name, int frames, uint32_t w, uint32_t h, uint32_t rate,
+                std::string* first = nullptr) {
+  OutputOptions options{};
+  options.codec = OutputCodecRaw;
+  options.jpeg_level = -1;
+  options.ask = [](const char*, void*) { return true; };
+  OutputWriter* out = OutputOpen(name.c_str(), frames, rate, 1, int(w), int(h), ptrdiff_t(w),
+                                 nullptr, OutputFlagPromptDone, &options);
+  if (!out) return false;
+  bool ok = true;
+  for (int t = 0; t < frames; ++t) {
+    const std::vector<uint32_t> pic = Picture(w, h, uint32_t(t));
+    ok = OutputWriteFrame(out, pic.data(), nullptr) != 0 && ok;
+  }
+  if (first) *first = out->first_name;
+  return OutputClose(out) > 0 && ok;
+}
+
+bool ReadHeader(const std::string& name, VelmoHeader* header) {
+  FILE* f = std::fopen(name.c_str(), "rb");
+  if (!f) return false;
+  uint8_t bytes[64];
+  const size_t n = std::fread(bytes, 1, sizeof bytes, f);
+  std::fclose(f);
+  return VelmoReadHeader(bytes, n, header) == nullptr;
+}
+
+void ExpectShape(const std::string& name, uint32_t frames, uint32_t w, uint32_t h, uint32_t fps) {
+  VelmoHeader header{};
+  ASSERT_TRUE(ReadHeader(name, &header)) << name;
+  EXPECT_EQ(header.Frames, frames);
+  EXPECT_EQ(VelmoHeaderWidth(header), w);
+  EXPECT_EQ(VelmoHeaderHeight(header), h);
+  ASSERT_NE(header.FrameRateDiv, 0u);
+  EXPECT_EQ(header.FrameRate, fps * header.FrameRateDiv);
+}
+
+double PsnrAgainst(const std::string& vlm, const std::string& input, uint32_t* frames) {
+  Velmo1FileCheck check;
+  if (Velmo1CheckOpen(vlm.c_str(), &check) != nullptr) return -1.0;
+  return Velmo1CheckPsnr(check, VelmocBuiltinSource(), input.c_str(), 0, frames);
+}
+
+TEST(VelmocMedia, CompressesAnAviWithRangeRateAndCrop) {
+  const std::string dir = TempDir(), avi = dir + "/in.avi", out = dir + "/out.vlm";
+  ASSERT_TRUE(WriteInput(avi, 12, 64, 48, 24));
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /d40000"), ToolExitDone);
+  ExpectShape(out, 12, 64, 48, 24);
+  uint32_t frames = 0;
+  const double psnr = PsnrAgainst(out, avi, &frames);
+  EXPECT_EQ(frames, 12u);
+  EXPECT_GT(psnr, 28.0);
+  // Frames 3 to 10 (eight at 24 a second) adjusted to 12 a second, a 32 x 16 window.
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /s3 /e10 /a12 /x8 /y4 /w32 /h16"), ToolExitDone);
+  ExpectShape(out, 4, 32, 16, 12);
+  // From the end: the last five frames; /F sets the rate without changing the count.
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /s-5 /f10"), ToolExitDone);
+  ExpectShape(out, 5, 64, 48, 10);
+  // Scaling to a width keeps the shape with /)-1.
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /(32 /)-1"), ToolExitDone);
+  ExpectShape(out, 12, 32, 24, 24);
+  std::remove(avi.c_str());
+  std::remove(out.c_str());
+  rmdir(dir.c_str());
+}
+
+TEST(VelmocMedia, HintFileFiltersReachTheFrames) {
+  const std::string dir = TempDir(), avi = dir + "/in.avi", out = dir + "/out.vlm",
+                    hints = dir + "/hints.txt";
+  ASSERT_TRUE(WriteInput(avi, 6, 64, 48, 24));
+  FILE* f = std::fopen(hints.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  std::fputs("1 -1 * * * * * * 40\n", f);  // brightness 40 for every frame
+  std::fclose(f);
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /d60000 /@\"" + hints + "\""), ToolExitDone);
+  uint32_t frames = 0;
+  const double dimmed = PsnrAgainst(out, avi, &frames);
+  EXPECT_EQ(frames, 6u);
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /d60000"), ToolExitDone);
+  const double plain = PsnrAgainst(out, avi, &frames);
+  EXPECT_GT(plain, 28.0);
+  EXPECT_GE(dimmed, 0.0);
+  EXPECT_LT(dimmed, plain - 8.0);
+  std::remove(hints.c_str());
+  std::remove(avi.c_str());
+  std::remove(out.c_str());
+  rmdir(dir.c_str());
+}
+
+TEST(VelmocMedia, CompressesAPngSeries) {
+  const std::string dir = TempDir(), out = dir + "/out.vlm";
+  std::string first;
+  ASSERT_TRUE(WriteInput(dir + "/f.png", 6, 48, 32, 30, &first));
+  ASSERT_EQ(first, dir + "/f0.png");
+  // One numbered name of a series: the console takes the default answer, Yes, to "Treat as
+  // sequence?", and all six pictures are compressed.
+  ASSERT_EQ(RunMedia(first + " " + out + " /v101"), ToolExitDone);
+  ExpectShape(out, 6, 48, 32, 15);  // a series has no rate of its own: 15 a second
+  // The same pictures named as a series match the compressed frames.
+  uint32_t frames = 0;
+  EXPECT_GT(PsnrAgainst(out, dir + "/f?.png*0-5", &frames), 28.0);
+  EXPECT_EQ(frames, 6u);
+  // Pictures 2 to 5, read as 30 a second and adjusted to 15, cropped to 40 x 24.
+  ASSERT_EQ(RunMedia(first + " " + out + " /v101 /o /s2 /e5 /f30 /a15 /x2 /y2 /w40 /h24"),
+            ToolExitDone);
+  ExpectShape(out, 2, 40, 24, 15);
+  for (int i = 0; i < 6; ++i) {
+    char name[64];
+    std::snprintf(name, sizeof name, "/f%d.png", i);
+    std::remove((dir + name).c_str());
+  }
+  std::remove(out.c_str());
+  rmdir(dir.c_str());
+}
+
+TEST(VelmocMedia, UnreadableInputEndsWithInputError) {
+  const std::string dir = TempDir(), bad = dir + "/bad.avi", out = dir + "/out.vlm";
+  FILE* f = std::fopen(bad.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  std::fputs("RIFF\x10\0\0\0AVI junk that ends early", f);
+  std::fclose(f);
+  EXPECT_EQ(RunMedia(bad + " " + out + " /v101"), ToolExitInputError);
+  EXPECT_EQ(RunMedia(dir + "/missing.avi " + out + " /v101"), ToolExitInputError);
+  EXPECT_FALSE(Exists(out));
+  std::remove(bad.c_str());
   rmdir(dir.c_str());
 }
 
