@@ -143,8 +143,9 @@ int MediaProgress(const char* text, int level) {
     return 1;
   }
   if (text[0] == '@') text++;
+  // The read job calls this from its own thread: the status goes straight to the dialog.
   if (level == MediaLevelWarning) ToolFrameTell(text, 0);
-  else SetStatus(text);
+  else ToolFrameSetText(ToolIdStatus, text);
   return g_cancel ? 1 : 0;
 }
 
