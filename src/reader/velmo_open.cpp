@@ -757,7 +757,7 @@ void VelmoFreeFileImage(void* image) { AlignedFree(image); }
 void VelmoClose(HVELMO handle) {
   if (!handle) return;
   VelmoState* h = VelmoStateOf(handle);
-  h->Closing = 1;
+  AtomicStore(&h->Closing, 1);
   VelmoPause(handle, 1);
   bool slices = false;
   for (uint32_t slot : h->AsyncSlots) slices = slices || slot != 0;
@@ -767,7 +767,7 @@ void VelmoClose(HVELMO handle) {
   h->OnReaderList = 0;
   if (!h->ImageSpan.Data) {
     LockEnter(&h->FrameReadLock);
-    h->FrameReadPending = 0;
+    AtomicStore(&h->FrameReadPending, 0);
     LockLeave(&h->FrameReadLock);
   }
   // Sound tracks: none are opened yet, so there is nothing to close under the sound lock.

@@ -172,16 +172,16 @@ uint32_t VelmoSkipCheck(VelmoState* h, uint32_t mode) {
 }
 
 void VelmoFinishPendingRead(VelmoState* h) {
-  if (!h->FrameReadPending) return;
+  if (!AtomicRead(&h->FrameReadPending)) return;
   LockEnter(&h->FrameReadLock);
-  if (h->FrameReadPending) {
+  if (AtomicRead(&h->FrameReadPending)) {
     IOProvider* io = &h->IOProvider;
     const uint64_t position =
         h->FramePosition == h->NextReadPosition ? VELMO_IO_CONTINUE : h->FramePosition;
     const uint64_t got =
         h->FrameSize ? io->ReadFrame(io, h->PendingFrame, position, h->FrameData, h->FrameSize) : 0;
     if (got != h->FrameSize || io->ReadError) h->ReadError = io->ReadError ? io->ReadError : 1;
-    h->FrameReadPending = 0;
+    AtomicStore(&h->FrameReadPending, 0);
     h->NextReadPosition = h->FramePosition + h->FrameSize;
   }
   LockLeave(&h->FrameReadLock);
@@ -218,7 +218,8 @@ void VelmoSelectFrame(VelmoState* h, uint32_t frame) {
     h->FrameData = size ? h->PreloadData + (position - h->FirstFrameOffset) : h->PreloadData;
   } else {
     h->FrameData = h->PacketBuffer + (position & 127);
-    h->FrameReadPending = 1;
+    // The packet fields above must be visible to the reader thread before the flag is.
+    AtomicStore(&h->FrameReadPending, 1);
     if (PacketHeld(h)) VelmoFinishPendingRead(h);
     else WakeReader(h, 1);
   }
@@ -235,7 +236,7 @@ uint32_t VelmoWait(HVELMO handle) {
   if (!handle) return 0;
   VelmoState* h = VelmoStateOf(handle);
   if ((h->FramesPlayed == 0 && !h->Paused) || h->ReadError) return 0;
-  if (HasBackground(h) && h->FrameReadPending) return 1;
+  if (HasBackground(h) && AtomicRead(&h->FrameReadPending)) return 1;
   const uint32_t now = Now(h);
   if (h->StartTime == 0) VelmoStartClock(h, now);
   VelmoFeedPolledSound(h);
@@ -285,7 +286,7 @@ uint32_t VelmoStartFrame(HVELMO handle, uint32_t now) {
 uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags) {
   if (!handle) return 0;
   VelmoState* h = VelmoStateOf(handle);
-  if (h->Closing) return 0;
+  if (AtomicRead(&h->Closing)) return 0;
   if ((flags & VelmoSlicesStart) && !VelmoStartFrame(handle, Now(h))) return 0;
   VelmoFinishPendingRead(h);
   if (h->ReadError) return 0;
@@ -468,7 +469,7 @@ void VelmoGoto(HVELMO handle, uint32_t frame, uint32_t flags) {
   VelmoNextFrame(handle);
   while (h->FrameNum != target && !h->ReadError) {
     const uint32_t before = h->FrameNum;
-    if (h->FrameReadPending && HasBackground(h)) {
+    if (AtomicRead(&h->FrameReadPending) && HasBackground(h)) {
       LockEnter(&h->FrameReadLock);
       IOProvider* io = &h->IOProvider;
       if (io->Idle) io->Idle(io);
