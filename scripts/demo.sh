@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The main job on a built-in sample. Grows with the tools: for now it shows the tool host on
-# the console front end: the entry's answers and a stand-in tool running behind the shell.
+# The main job on a built-in sample, on the console front end: the entry's answers, a stand-in
+# tool behind the shell, then a generated clip compressed with velmoc, measured against its
+# source, converted back to a PNG series, and described by ORNInfo.
 set -uo pipefail
 BUILD=${1:-build}
 PROGRAM="$BUILD/src/main/ORNVideo64"
@@ -37,3 +38,15 @@ echo "\$ ORNVideo64 velmoc sample.y4m sample.vlm /d150000 /o"
 "$PROGRAM" velmoc "$SAMPLE_DIR/sample.y4m" "$SAMPLE_DIR/sample.vlm" /d150000 /o </dev/null 2>&1 | tail -8
 echo "(exit code ${PIPESTATUS[0]})"
 "$BUILD/src/main/orn_make_sample" --compare "$SAMPLE_DIR/sample.y4m" "$SAMPLE_DIR/sample.vlm"
+
+echo
+echo "== And back again: the compressed sample as a PNG series, then what ORNInfo says of it =="
+mkdir -p "$SAMPLE_DIR/frames"
+echo "\$ ORNVideo64 VelmoConv sample.vlm frames/sample.png /o"
+"$PROGRAM" VelmoConv "$SAMPLE_DIR/sample.vlm" "$SAMPLE_DIR/frames/sample.png" /o </dev/null 2>&1 | tail -3
+echo "(exit code ${PIPESTATUS[0]})"
+echo "$(ls "$SAMPLE_DIR/frames" | wc -l) PNG files, first and last: $(ls "$SAMPLE_DIR/frames" | head -1) $(ls "$SAMPLE_DIR/frames" | tail -1)"
+echo
+echo "\$ ORNVideo64 ORNInfo sample.vlm"
+"$PROGRAM" ORNInfo "$SAMPLE_DIR/sample.vlm" </dev/null 2>/dev/null
+echo "(exit code $?)"
