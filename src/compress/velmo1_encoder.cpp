@@ -924,8 +924,8 @@ Velmo1EncRawBlock Block16For(const PlaneInfo& p, uint32_t x, uint32_t y, const B
 
 // Writes one plane from its chosen points and feeds the real costs back to the model.
 std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result) {
-  Velmo1EncPlaneSpec spec;
-  spec.Width = p.Width;
+  Velmo1EncPlaneSpec planeSpec;
+  planeSpec.Width = p.Width;
   const uint32_t bx = p.Width / 8, bx16 = bx / 2;
   for (uint32_t y = 0; y < p.Height; y += 8) {
     std::vector<Velmo1EncRawBlock> row;
@@ -945,13 +945,13 @@ std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model,
       }
       ++result->Kinds[row.back().Type];
     }
-    spec.Rows.push_back(std::move(row));
+    planeSpec.Rows.push_back(std::move(row));
   }
   Velmo1EncPlaneOptions options;
   options.VlmK = vlmk;
   options.ChooseTables = true;
   Velmo1EncPlaneStats stats{};
-  std::vector<uint8_t> out = Velmo1EncBuildPlane(spec, options, &stats);
+  std::vector<uint8_t> out = Velmo1EncBuildPlane(planeSpec, options, &stats);
   NoteActual(model, CostType, stats.Bits[Velmo1BlockTypes], stats.Elements[Velmo1BlockTypes]);
   NoteActual(model, CostSubType, stats.Bits[Velmo1SubBlockTypes], stats.Elements[Velmo1SubBlockTypes]);
   NoteActual(model, CostPattern, stats.Bits[Velmo1Patterns], stats.Elements[Velmo1Patterns] / 8);

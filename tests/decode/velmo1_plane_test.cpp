@@ -352,33 +352,33 @@ Velmo1EncPlaneSpec MixedIntra(uint32_t w, uint32_t h, uint32_t seed) { return Ve
 TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
   for (uint32_t seed = 1; seed <= 6; ++seed) {
     const bool inter = seed % 2 == 0;
-    const Velmo1EncPlaneSpec spec = Velmo1MixedPlane(64, 48, seed, inter);
+    const Velmo1EncPlaneSpec planeSpec = Velmo1MixedPlane(64, 48, seed, inter);
     PlaneFixture reference(64, 48);
-    reference.Decode(Build(spec));
+    reference.Decode(Build(planeSpec));
     const Velmo1EncPlaneOptions variants[] = {
         {false, false, false, false, 0}, {false, false, true, true, 0}, {false, false, true, true, 1},
         {false, false, true, true, 2},   {true, false, true, true, 0},  {true, true, true, false, 0}};
     for (const Velmo1EncPlaneOptions& o : variants) {
       PlaneFixture f(64, 48);
-      f.Decode(Build(spec, o), 0, o.VlmK ? TagVLMk : TagVLMi);
+      f.Decode(Build(planeSpec, o), 0, o.VlmK ? TagVLMk : TagVLMi);
       ASSERT_EQ(f.Dest, reference.Dest) << "seed " << seed << " fill " << o.FillForms << " tables "
                                         << o.ChooseTables << " form " << o.DescriptionForm;
     }
-    EXPECT_EQ(reference.Consumed, Build(spec).size());  // the plane ends where it was written
+    EXPECT_EQ(reference.Consumed, Build(planeSpec).size());  // the plane ends where it was written
   }
 }
 
 TEST(Velmo1Plane, VlmkCountsAreMaskedAndItsFlagBitIsMeaninglessOutsideAlpha) {
-  const Velmo1EncPlaneSpec spec = MixedIntra(48, 32, 9);
+  const Velmo1EncPlaneSpec planeSpec = MixedIntra(48, 32, 9);
   PlaneFixture plain(48, 32), masked(48, 32), wrong(48, 32);
-  plain.Decode(Build(spec));
+  plain.Decode(Build(planeSpec));
   Velmo1EncPlaneOptions k;
   k.VlmK = true;
   k.FlagBitSet = true;  // a Y plane ignores it
-  masked.Decode(Build(spec, k), 0, TagVLMk);
+  masked.Decode(Build(planeSpec, k), 0, TagVLMk);
   EXPECT_EQ(masked.Dest, plain.Dest);
   // The same stream read as "VLMi" loses step at once.
-  wrong.Decode(Build(spec, k), 0, TagVLMi);
+  wrong.Decode(Build(planeSpec, k), 0, TagVLMi);
   EXPECT_NE(wrong.Dest, plain.Dest);
 }
 
@@ -513,8 +513,8 @@ TEST(Velmo1Plane, KindsAboveNineArePassed) {
 }
 
 TEST(Velmo1Plane, TruncatedStreamPassesTheRestAndStopsAtTheLimit) {
-  const Velmo1EncPlaneSpec spec = Velmo1MixedPlane(64, 64, 21, true);
-  const std::vector<uint8_t> full = Build(spec);
+  const Velmo1EncPlaneSpec planeSpec = Velmo1MixedPlane(64, 64, 21, true);
+  const std::vector<uint8_t> full = Build(planeSpec);
   PlaneFixture whole(64, 64);
   whole.Decode(full);
   EXPECT_EQ(whole.Consumed, full.size());

@@ -36,7 +36,7 @@ FakeFiles Numbered(const char* format, int first, int last) {
 
 struct Found {
   bool ok;
-  std::string spec;
+  std::string series;
   int32_t first, last;
 };
 
@@ -44,7 +44,7 @@ Found Find(const char* name, FakeFiles& files) {
   char dest[512];
   Found f{false, "", -1, -1};
   f.ok = FindSequenceWith(dest, sizeof dest, &f.first, &f.last, name, FakeExists, &files);
-  f.spec = dest;
+  f.series = dest;
   return f;
 }
 
@@ -99,11 +99,11 @@ TEST(FindSequence, ThreeExamFilesFormASeries) {
   FakeFiles files = Numbered("Exam%03d.bmp", 1, 3);
   const Found f = Find("Exam001.bmp", files);
   ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.spec, "Exam???.bmp*1-3");
+  EXPECT_EQ(f.series, "Exam???.bmp*1-3");
   EXPECT_EQ(f.first, 1);
   EXPECT_EQ(f.last, 3);
   const Found middle = Find("Exam002.bmp", files);  // searching down and up
-  EXPECT_EQ(middle.spec, "Exam???.bmp*1-3");
+  EXPECT_EQ(middle.series, "Exam???.bmp*1-3");
 }
 
 TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
@@ -111,7 +111,7 @@ TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
   files.names.insert("Exam004x.bmp");
   Found f = Find("Exam007.bmp", files);
   EXPECT_FALSE(f.ok);
-  EXPECT_EQ(f.spec, "");
+  EXPECT_EQ(f.series, "");
   EXPECT_FALSE(Find("Exam.bmp", files).ok);
   EXPECT_FALSE(Find("", files).ok);
   EXPECT_FALSE(Find("Exam?01.bmp", files).ok);
@@ -120,7 +120,7 @@ TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
 TEST(FindSequence, DownSearchStopsAtZero) {
   FakeFiles files = Numbered("f%02d.png", 0, 5);
   const Found f = Find("f03.png", files);
-  EXPECT_EQ(f.spec, "f??.png*0-5");
+  EXPECT_EQ(f.series, "f??.png*0-5");
 }
 
 TEST(FindSequence, DigitsAcrossASeparatorReadAsOneNumber) {
@@ -129,11 +129,11 @@ TEST(FindSequence, DigitsAcrossASeparatorReadAsOneNumber) {
   FakeFiles files = Numbered("shot2_%04d.tga", 40, 45);
   const Found f = Find("shot2_0041.tga", files);
   ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.spec, "shot2_004?.tga*0-5");
+  EXPECT_EQ(f.series, "shot2_004?.tga*0-5");
   EXPECT_EQ(NameOf("shot2_004?.tga", 5), "shot2_0045.tga");
 
   FakeFiles take = Numbered("take7_%d.wav", 1, 4);
-  EXPECT_EQ(Find("take7_2.wav", take).spec, "take7_?.wav*1-4");
+  EXPECT_EQ(Find("take7_2.wav", take).series, "take7_?.wav*1-4");
 }
 
 TEST(FindSequence, FallsBackToFewerDigits) {
@@ -143,16 +143,16 @@ TEST(FindSequence, FallsBackToFewerDigits) {
   files.names = {"v2_9.png", "v2_10.png"};
   const Found f = Find("v2_9.png", files);
   ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.spec, "v2_?.png*9-10");
+  EXPECT_EQ(f.series, "v2_?.png*9-10");
 }
 
 TEST(FindSequence, CommonLeadingDigitsAreWrittenBack) {
   FakeFiles files = Numbered("img%05d.tga", 20041, 20050);
   const Found f = Find("img20045.tga", files);
   ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.spec, "img200??.tga*41-50");
+  EXPECT_EQ(f.series, "img200??.tga*41-50");
   FileSeries s;
-  ASSERT_TRUE(SeriesParse(f.spec.c_str(), &s));
+  ASSERT_TRUE(SeriesParse(f.series.c_str(), &s));
   for (int32_t n = s.first; n <= s.last; ++n) EXPECT_TRUE(files.names.count(NameOf(s.pattern, n))) << n;
 }
 
@@ -160,25 +160,25 @@ TEST(FindSequence, NamesWithoutLeadingZerosUseAPrintfField) {
   FakeFiles files = Numbered("frame%d.png", 8, 12);
   const Found f = Find("frame10.png", files);
   ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.spec, "frame%01i.png*8-12");
+  EXPECT_EQ(f.series, "frame%01i.png*8-12");
   FileSeries s;
-  ASSERT_TRUE(SeriesParse(f.spec.c_str(), &s));
+  ASSERT_TRUE(SeriesParse(f.series.c_str(), &s));
   for (int32_t n = s.first; n <= s.last; ++n) EXPECT_TRUE(files.names.count(NameOf(s.pattern, n))) << n;
 
   // Zero-padded neighbours win over the unpadded reading when they make the longer series.
   FakeFiles padded = Numbered("f%02d.png", 0, 20);
-  EXPECT_EQ(Find("f10.png", padded).spec, "f??.png*0-20");
+  EXPECT_EQ(Find("f10.png", padded).series, "f??.png*0-20");
 
   // A percent sign in the name is escaped in the printf form.
   FakeFiles percent = Numbered("x%%_%d.png", 9, 11);
   const Found p = Find("x%_10.png", percent);
-  EXPECT_EQ(p.spec, "x%%_%01i.png*9-11");
+  EXPECT_EQ(p.series, "x%%_%01i.png*9-11");
   EXPECT_EQ(NameOf("x%%_%01i.png", 9), "x%_9.png");
 }
 
 TEST(FindSequence, OnlyTheLastPathComponentCounts) {
   FakeFiles files = Numbered("/data/u2/Exam%03d.bmp", 1, 3);
-  EXPECT_EQ(Find("/data/u2/Exam002.bmp", files).spec, "/data/u2/Exam???.bmp*1-3");
+  EXPECT_EQ(Find("/data/u2/Exam002.bmp", files).series, "/data/u2/Exam???.bmp*1-3");
 }
 
 TEST(FindSequence, ProbesAreBoundedWhenEverythingExists) {

@@ -12,8 +12,8 @@ using namespace media_test;
 
 class VelmoInputTest : public MediaTest {
  protected:
-  std::string Write(const velmo_test::FileSpec& spec, const char* name) {
-    const std::vector<uint8_t> bytes = velmo_test::BuildFile(spec);
+  std::string Write(const velmo_test::FileSpec& file, const char* name) {
+    const std::vector<uint8_t> bytes = velmo_test::BuildFile(file);
     const std::string path = dir / name;
     FILE* f = fopen(path.c_str(), "wb");
     EXPECT_NE(f, nullptr);
@@ -26,12 +26,12 @@ class VelmoInputTest : public MediaTest {
 };
 
 TEST_F(VelmoInputTest, HeaderGivesSizesRateAndFrames) {
-  velmo_test::FileSpec spec;
-  spec.Width = 32;
-  spec.Height = 16;
-  spec.Frames = 6;
-  spec.Rate = 24;
-  const std::string name = Write(spec, "clip.vlm");
+  velmo_test::FileSpec file;
+  file.Width = 32;
+  file.Height = 16;
+  file.Frames = 6;
+  file.Rate = 24;
+  const std::string name = Write(file, "clip.vlm");
   MediaInput* in = Open(name);
   ASSERT_NE(in, nullptr) << (Messages.empty() ? "" : Messages.back().text);
   EXPECT_EQ(in->type, MediaTypeVelmo);
@@ -52,9 +52,9 @@ TEST_F(VelmoInputTest, HeaderGivesSizesRateAndFrames) {
 }
 
 TEST_F(VelmoInputTest, RangeSkipsFramesAtTheFirstRead) {
-  velmo_test::FileSpec spec;
-  spec.Frames = 10;
-  const std::string name = Write(spec, "clip.vlm");
+  velmo_test::FileSpec file;
+  file.Frames = 10;
+  const std::string name = Write(file, "clip.vlm");
   MediaOpenArgs args{};
   args.start = 4;
   args.end = 6;
