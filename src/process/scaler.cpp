@@ -108,45 +108,34 @@ struct ScalerJob {
   volatile uint32_t NextSlice;
 };
 
-// The horizontal sums of one output column for every source row, through the fetch.
-void FetchedColumnInt(const ScalerJob* job, uint32_t x, uint32_t slice, double* strip) {
+// The horizontal sums of one output column for every source row, through the fetch. A fetched
+// pixel is `Lanes` values of `Pixel` (one packed ARGB word, or four floats).
+template <typename Pixel, uint32_t Lanes, typename Fetch, typename Sum, typename Horizontal>
+void FetchedColumn(const ScalerJob* job, const Fetch* fetch, Horizontal horizontal, uint32_t x,
+                   uint32_t slice, Sum* strip) {
   const Scaler* s = job->Target;
   const ScalerSlot* slots = s->Horizontal.Entries + size_t(x) * s->Horizontal.MaxEntries;
   const uint32_t count = s->Horizontal.Counts[x];
   const uint32_t run = s->Horizontal.Runs[x];
-  uint32_t* fetched = reinterpret_cast<uint32_t*>(s->Fetched[slice]);
-  const PixelFetch* fetch = job->Fetch;
+  Pixel* fetched = reinterpret_cast<Pixel*>(s->Fetched[slice]);
   for (uint32_t y = 0; y < s->SrcHeight; ++y) {
     const uint8_t* row = job->Src + ptrdiff_t(y) * job->SrcPitch;
     if (run != ScalerScattered) {
       fetch->Row(fetch, row, run, count, fetched);
     } else {
       for (uint32_t k = 0; k < count; ++k)
-        fetch->Row(fetch, row, uint32_t(slots[k].Index), 1, fetched + k);
+        fetch->Row(fetch, row, uint32_t(slots[k].Index), 1, fetched + Lanes * k);
     }
-    job->Kernels->HorizontalInt(reinterpret_cast<const uint8_t*>(fetched), 0, 1, slots, count,
-                                strip + 4 * size_t(y));
+    horizontal(reinterpret_cast<const uint8_t*>(fetched), 0, 1, slots, count, strip + 4 * size_t(y));
   }
 }
 
+void FetchedColumnInt(const ScalerJob* job, uint32_t x, uint32_t slice, double* strip) {
+  FetchedColumn<uint32_t, 1>(job, job->Fetch, job->Kernels->HorizontalInt, x, slice, strip);
+}
+
 void FetchedColumnFloat(const ScalerJob* job, uint32_t x, uint32_t slice, float* strip) {
-  const Scaler* s = job->Target;
-  const ScalerSlot* slots = s->Horizontal.Entries + size_t(x) * s->Horizontal.MaxEntries;
-  const uint32_t count = s->Horizontal.Counts[x];
-  const uint32_t run = s->Horizontal.Runs[x];
-  float* fetched = reinterpret_cast<float*>(s->Fetched[slice]);
-  const PixelFetchFloat* fetch = job->FetchFloat;
-  for (uint32_t y = 0; y < s->SrcHeight; ++y) {
-    const uint8_t* row = job->Src + ptrdiff_t(y) * job->SrcPitch;
-    if (run != ScalerScattered) {
-      fetch->Row(fetch, row, run, count, fetched);
-    } else {
-      for (uint32_t k = 0; k < count; ++k)
-        fetch->Row(fetch, row, uint32_t(slots[k].Index), 1, fetched + 4 * k);
-    }
-    job->Kernels->HorizontalFloat(reinterpret_cast<const uint8_t*>(fetched), 0, 1, slots, count,
-                                  strip + 4 * size_t(y));
-  }
+  FetchedColumn<float, 4>(job, job->FetchFloat, job->Kernels->HorizontalFloat, x, slice, strip);
 }
 
 // Output columns of one slice: the horizontal pass into the slice's strip, then the vertical
