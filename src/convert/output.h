@@ -9,9 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// The message sink of the tools: 0 status, 1 status that starts a step, 2 error box and cancel,
-// 3 cancel silently, 4 warning box. A non-zero result means cancel.
-typedef int (*ProgressFn)(const char* text, int level);
+#include "host/progress.h"
+
 // Asks whether an existing file may be replaced; true for yes.
 typedef bool (*OutputAskFn)(const char* question, void* context);
 

@@ -20,15 +20,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/progress.h"
 #include "process/pixel_fetch.h"
 #include "process/scaler.h"
-
-// The tools' message sink. Level 0: a status line; 1: a status line that starts a step; 2: an
-// error to show in a box, which also cancels; 3: cancel without a word (text null); 4: a
-// warning box, after which work goes on; 5: a yes/no question (see MediaAskSequence). A text
-// that begins with "@" is one the tool may suppress. For levels 0 to 4 a non-zero answer means
-// cancel; for level 5 a non-zero answer means yes. Every caller tests the pointer for null.
-typedef int (*ProgressFn)(const char* text, int level);
 
 enum MediaProgressLevel : int {
   MediaLevelStatus = 0,

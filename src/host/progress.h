@@ -1,0 +1,9 @@
+// The tools' message sink, handed to the media layer and the output writers.
+// Level 0: a status line; 1: a status line that starts a step; 2: an error to show in a box,
+// which also cancels; 3: cancel without a word (text null); 4: a warning box, after which work
+// goes on; 5: a yes/no question. A text that begins with "@" is one the tool may suppress.
+// For levels 0 to 4 a non-zero answer means cancel; for level 5 a non-zero answer means yes.
+// Every caller tests the pointer for null.
+#pragma once
+
+typedef int (*ProgressFn)(const char* text, int level);
