@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -71,9 +72,15 @@ struct Message {
 
 inline std::vector<Message> Messages;
 inline int (*Answer)(const char* text, int level) = nullptr;
+// Read-ahead jobs report from their own thread while the test thread reads
+// frames, so every addition to the record is made under this lock.
+inline std::mutex MessagesLock;
 
 inline int Record(const char* text, int level) {
-  Messages.push_back({text ? text : "", level});
+  {
+    std::lock_guard<std::mutex> hold(MessagesLock);
+    Messages.push_back({text ? text : "", level});
+  }
   return Answer ? Answer(text, level) : 0;
 }
 
