@@ -219,6 +219,73 @@ uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch, int32_t
                                int32_t destX, int32_t destY, int32_t srcX, int32_t srcY,
                                int32_t srcWidth, int32_t srcHeight, uint32_t flags);
 
+/* ---- sound tracks ----
+ * A file's sound plays through a back end: a table of nine operations that the program
+ * registers once, before opening files. Each open track has a 448-byte record; the back end
+ * fills ServiceMode, DeviceBlock, Latency, ClockScale (optional) and the operations, and may
+ * keep its own state in BackEndArea. */
+typedef struct VelmoTrack VelmoTrack;
+typedef struct VelmoTrackOps {
+  uint32_t (*Ready)(VelmoTrack* track);                                 /* device takes data now */
+  uint32_t (*Lock)(VelmoTrack* track, void** address, uint32_t* bytes); /* place to write */
+  void (*Unlock)(VelmoTrack* track, uint32_t bytes);                    /* bytes were written */
+  void (*SetVolume)(VelmoTrack* track, uint32_t volume);                /* 0..65536 */
+  void (*SetPan)(VelmoTrack* track, uint32_t pan);                      /* 0..65536, 32768 centre */
+  uint32_t (*Pause)(VelmoTrack* track, uint32_t pause);
+  uint32_t (*OnOff)(VelmoTrack* track, uint32_t on);                    /* nonzero: on */
+  void (*Close)(VelmoTrack* track);
+  void (*SetMix)(VelmoTrack* track, const float* volumes, uint32_t count, uint32_t stereo,
+                 float volume);                                         /* optional */
+} VelmoTrackOps;
+
+struct VelmoTrack {
+  uint8_t* RingWrite;
+  uint32_t RingSize;
+  uint8_t *RingStart, *RingEnd;
+  void* Decoder;
+  uint8_t* RingRead;
+  uint32_t FileRate;
+  uint32_t OutputRate;
+  uint32_t Channels;
+  uint32_t DeviceBlock;
+  uint32_t BlockMask;
+  uint32_t Latency;      /* ms the device keeps buffered */
+  uint32_t ClockScale;   /* 16.16; 0x10000 nominal */
+  uint32_t EndFrame;     /* from here on less than 3/4 s of sound is left */
+  uint32_t Prefill;
+  int32_t ServiceMode;   /* <0: thread, that many ms; 0: thread, 13 ms; 1: frame walk; 2: host ticks */
+  uint32_t Underrun;
+  VelmoTrackOps Ops;
+  uint8_t BackEndArea[280]; /* the back end's own; the record is 448 bytes */
+};
+
+/* The back end's open: fills the record's back-end fields. Nonzero on success. */
+typedef uint32_t (*VelmoOpenBackEnd)(VelmoTrack* track, uint32_t rate, uint32_t channels,
+                                     uint32_t openFlags, HVELMO handle);
+typedef VelmoOpenBackEnd (*VelmoSoundSelect)(uintptr_t parameter);
+typedef VelmoOpenBackEnd (*VelmoSoundSelect2)(uintptr_t parameter, uintptr_t parameter2);
+
+uint32_t VelmoSetSoundSystem(VelmoSoundSelect select, uintptr_t parameter);
+uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
+                              uintptr_t parameter2);
+/* For hosts whose back end asked for service mode 2: feeds every file's tracks once. */
+void VelmoSoundTick(void);
+
+uint32_t VelmoGetTrackFormat(HVELMO handle, uint32_t index);
+uint32_t VelmoGetTrackId(HVELMO handle, uint32_t index);
+void VelmoSetTrackVolumes(HVELMO handle, uint32_t trackId, const uint32_t* bins,
+                          const uint32_t* volumes, uint32_t count);
+
+/* Decoding a track without a device: each VelmoGetTrackData decodes the sound packet of the
+ * handle's current frame into dest and returns the bytes written (16-bit interleaved PCM). */
+typedef struct VelmoTrackReader VelmoTrackReader;
+VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index);
+uint32_t VelmoTrackReaderRate(const VelmoTrackReader* track);
+uint32_t VelmoTrackReaderChannels(const VelmoTrackReader* track);
+uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track); /* enough for one frame */
+uint32_t VelmoGetTrackData(VelmoTrackReader* track, void* dest, uint32_t size);
+void VelmoCloseTrack(VelmoTrackReader* track);
+
 #ifdef __cplusplus
 }
 #endif

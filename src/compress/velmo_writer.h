@@ -46,17 +46,24 @@ struct VelmoWriter;
 // Returns non-zero to cancel. A text beginning with '@' may be suppressed by the tool.
 typedef int (*VelmoWriterProgressFn)(uint32_t kind, VelmoWriter* writer, const char* text);
 
-// One output sound track (sound arrives with a later piece of work; the record is kept so the
-// writer's interface does not change then).
+// One output sound track. The writer encodes its packets frame by frame from ReadSamples;
+// the mixer also copies or drops tracks of an existing file (Mode).
 typedef uint32_t (*VelmoReadSamplesFn)(void* source, void* buffer, uint32_t bytes);
+enum VelmoTrackMode : uint32_t {
+  VelmoTrackEncode = 0,   // packets are encoded from the source
+  VelmoTrackCopy = 1,     // packets are copied from the mixer's input file
+  VelmoTrackDropped = 2,  // packets are passed over; no table entry is written
+};
 struct VelmoWriterTrack {
   uint32_t TrackId, SampleRate, Bits, Channels;
-  uint32_t InputBytes, OutputBytes;
+  uint32_t InputBytes, OutputBytes;  // running ratio for the sound reservation (45 : 10 at first)
   uint32_t TrackFlags, MaxDecodedBytes, LeadInBytes;
   uint32_t BytesPerSecond, BytesLeft, BytesDone, Quality;
-  void* Encoder;
+  void* Encoder;  // VelmoAudioEncoder
   void* Source;
   VelmoReadSamplesFn ReadSamples;
+  uint32_t Mode;          // VelmoTrackMode
+  uint32_t SilenceBytes;  // mixer: zero bytes yielded before the source
 };
 
 // One queued frame: its planes (aligned sizes, pitch = aligned width) and rate figures.

@@ -1,0 +1,75 @@
+// Sound input: one call opens a sound from a wave file, a raw file, a FLAC or Ogg Vorbis
+// file, a Velmo file's track or a list of these; the caller then reads interleaved PCM in the
+// format it asked for. Rate, bit and channel conversion happen on the fly.
+#pragma once
+#include <cstdint>
+#include <cstdio>
+
+#include "host/progress.h"
+
+struct SoundSource;  // the open reader behind a SoundInput (file, list entry, track)
+
+enum SoundKind : uint32_t {
+  SoundKindFile = 1,   // wave, raw, FLAC, Vorbis
+  SoundKindList = 4,
+  SoundKindVelmo = 6,  // a track of a Velmo file
+};
+
+struct SoundInput {
+  char file_name[1024];
+  const char* type_name;  // "Wave", "Raw", "FLAC", "Ogg Vorbis", "Velmo track", "List"
+  int at_end;
+
+  // The output format, and the bytes of one output sample over all channels.
+  uint32_t rate, bits, channels;
+  uint32_t bytes_per_sample;
+  uint64_t output_count;  // samples delivered
+
+  // The source format.
+  uint32_t source_rate, source_bits, source_channels;
+  uint32_t source_bytes_per_sample;
+  uint64_t total_source_samples;
+  uint64_t source_index;  // samples read from the source
+
+  SoundKind kind;
+
+  // Linear interpolation state (22.10 fixed point) for raising the rate.
+  int32_t interp_left, interp_right;
+  int32_t interp_value_left, interp_value_right;
+  int32_t interp_step_left, interp_step_right;
+
+  ProgressFn progress;
+  int reported;  // "Processing sound data" was said once (level 1 first, then 0)
+
+  uint64_t remaining_bytes, total_bytes;  // output bytes left and promised
+  uint64_t skip_bytes;                    // lists: output bytes still to skip at the start
+
+  int64_t gain;  // 16.16 ... 32.32 fixed point multiplier (>> 32); 0 or 0x10000: none
+
+  SoundSource* source;  // private
+};
+
+// Opens `name`. rate, bits, channels of 0 mean "as the source". bits / 100 is a normalising
+// level in percent of full scale (16 + 100 * level); 0 means no normalising. start_ms/end_ms
+// bound the span (end 0: to the end). track chooses a Velmo file's sound track (index). force
+// is a raw type + rate * 8 - 1 (0: none) and skip the bytes before a raw file's samples.
+// Returns null when no reader opens the name; nothing is reported.
+SoundInput* SoundOpen(const char* name, uint32_t rate, uint32_t bits, uint32_t channels,
+                      uint32_t start_ms, uint32_t end_ms, uint32_t track, uint32_t force,
+                      uint32_t skip, ProgressFn progress);
+
+// Fills buffer with up to count bytes (rounded down to whole samples); 0 at the end.
+uint32_t SoundRead(SoundInput* sound, void* buffer, uint32_t count);
+void SoundRewind(SoundInput* sound);
+void SoundClose(SoundInput* sound);
+
+// The sound switches of a command line (/R rate, /B bits, /C channels, /S start, /E end,
+// /T track, /Y raw type 1-4, /D raw rate (default 11025), /K skip), consumed from the line.
+struct SoundSwitches {
+  uint32_t rate, bits, channels;
+  uint32_t start_ms, end_ms;
+  uint32_t track;
+  uint32_t force, skip;
+};
+// Returns false with a syntax error; `line` keeps what it did not consume.
+bool SoundParseSwitches(char* line, SoundSwitches* out);
