@@ -9,9 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// Track flag bits of the container that concern the sound stream.
+#include "reader/container.h"  // VelmoTrackStereo and the rest of the TrackFormat bits
+
+// Track flag bits of the container that concern the sound stream (stereo is the container's
+// own VelmoTrackStereo, so that both headers can meet in one file).
 constexpr uint32_t VelmoTrackCurrentForm = 0x10000000u;
-constexpr uint32_t VelmoTrackStereo = 0x20000000u;
 constexpr uint32_t VelmoTrackSixteenBit = 0x40000000u;
 constexpr uint32_t VelmoTrackOlderForm = 0x80000000u;
 
