@@ -16,6 +16,7 @@
 #include "host/toolframe.h"
 #include "media/media.h"
 #include "media/media_internal.h"  // MediaReadWaveInfo
+#include "media/readers/stream_readers.h"
 #include "reader/container.h"
 #include "velmo.h"
 
@@ -130,10 +131,39 @@ void AddVelmo(std::string* out, const char* name) {
       Add(out, "%sTrack ID %u: %u Hz, %u bit, %s sound data%s.", Line, velmo->TrackIds[t],
           format & VelmoTrackRateMask, (format & VelmoTrack16Bit) ? 16u : 8u,
           (format & VelmoTrackStereo) ? "Stereo" : "Mono",
-          (format & VelmoTrackOlder) ? " (Old format)" : "");
+          (format & VelmoTrackOlder) ? "(Old format)" : "");
     }
     VelmoClose(velmo);
   }
+}
+
+// Line 10: the frame sizes of the inputs whose frames are chunks of known size (AVI, Flic,
+// raw frames, y4m), found by reading every frame through its stream reader.
+void AddStreamFrameSizes(std::string* out, const char* name, uint32_t type) {
+  if (type != MediaTypeAvi && type != MediaTypeFlic && type != MediaTypeRaw && type != MediaTypeY4m)
+    return;
+  const StreamReaderOps* ops = StreamReaderFind(int(type));
+  if (!ops || std::strcmp(name, "-") == 0) return;
+  StreamReader* reader = StreamReaderOpen(ops, name, nullptr);
+  if (!reader) return;
+  const StreamInfo& info = *StreamReaderInfo(reader);
+  std::vector<uint32_t> sizes;
+  sizes.reserve(info.frame_count);
+  StreamFrame frame;
+  StreamError error;
+  for (uint32_t i = 0; i < info.frame_count; ++i) {
+    if (!StreamReaderRead(reader, i, &frame, &error)) break;
+    sizes.push_back(frame.bytes);
+  }
+  const uint32_t ring =
+      info.rate_den ? uint32_t((uint64_t(info.rate_num) + info.rate_den / 2) / info.rate_den) : 1;
+  StreamReaderClose(reader);
+  if (sizes.empty()) return;
+  const OrnFrameSizeSummary summary = OrnSummariseFrameSizes(sizes.data(), uint32_t(sizes.size()), ring);
+  Add(out, "%sLargest frame size: %s%sHighest one second data rate: %s"
+           "%sHighest one second data rate start frame: %s",
+      Line, Thousands(summary.largest).c_str(), Line, Thousands(summary.highest_second).c_str(),
+      Line, Thousands(summary.highest_second_frame + 1).c_str());
 }
 
 // Line 12: the sound of a wave file.
@@ -175,6 +205,39 @@ bool ConsoleInUse() { return ToolFrameFrontEnd() == ToolConsoleFrontEnd(); }
 
 }  // namespace
 
+OrnFrameSizeSummary OrnSummariseFrameSizes(const uint32_t* sizes, uint32_t count, uint32_t ring) {
+  OrnFrameSizeSummary summary{};
+  if (!count) return summary;
+  if (!ring) ring = 1;
+  uint64_t total = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    total += sizes[i];
+    if (sizes[i] > summary.largest) summary.largest = sizes[i];
+  }
+  // A window of `ring` frames slides over the sizes; the first largest one wins.
+  if (count >= ring) {
+    uint64_t window = 0;
+    for (uint32_t i = 0; i < ring; ++i) window += sizes[i];
+    uint64_t best = window;
+    uint32_t bestAt = 0;
+    for (uint32_t start = 1; start + ring <= count; ++start) {
+      window += uint64_t(sizes[start + ring - 1]) - sizes[start - 1];
+      if (window > best) {
+        best = window;
+        bestAt = start;
+      }
+    }
+    if (best) {
+      summary.highest_second = best;
+      summary.highest_second_frame = bestAt;
+      return summary;
+    }
+  }
+  // Shorter than a second (or nothing but empty frames): the average scaled to one second.
+  summary.highest_second = total * ring / count;
+  return summary;
+}
+
 std::string OrnFileInfoText(const char* name) {
   std::string out;
   struct stat st;
@@ -185,10 +248,13 @@ std::string OrnFileInfoText(const char* name) {
     args.title = "Reading";
     MediaInput* input = MediaOpenWith(name, &args);
     if (input) {
-      const bool velmo = input->type == MediaTypeVelmo;
-      if (input->type != MediaTypeSoundOnly) AddVideo(&out, input, uint64_t(st.st_size));
+      const uint32_t type = input->type;
+      if (type != MediaTypeSoundOnly) AddVideo(&out, input, uint64_t(st.st_size));
       MediaClose(input);
-      if (velmo) AddVelmo(&out, name);
+      if (type == MediaTypeVelmo)
+        AddVelmo(&out, name);
+      else
+        AddStreamFrameSizes(&out, name, type);
     }
     AddWave(&out, name);
   }

@@ -1,5 +1,6 @@
 // ORNInfo: everything the media layer and the reader library can tell about one file.
 #pragma once
+#include <cstdint>
 #include <string>
 
 // The report on `name`: lines that each begin "\r\n    ", in a fixed order; blocks the file
@@ -10,3 +11,14 @@ std::string OrnFileInfoText(const char* name);
 // in a box titled "Information on %s", and writes it as plain lines on standard output when
 // the console front end is in use. Returns 0, or 8002 when no file was named.
 int OrnFileInfoMain(void* instance, void* previousInstance, char* commandTail, int showState);
+
+// The frame-size lines of inputs other than Velmo files: the largest frame, and the most bytes
+// in any run of `ring` frames (one second: the rate rounded, at least 1) with the run's first
+// frame (from 0). The first largest run wins; with fewer frames than `ring`, or only empty
+// runs, the figure is total bytes × ring ÷ count and the start is 0.
+struct OrnFrameSizeSummary {
+  uint64_t largest;
+  uint64_t highest_second;
+  uint32_t highest_second_frame;
+};
+OrnFrameSizeSummary OrnSummariseFrameSizes(const uint32_t* sizes, uint32_t count, uint32_t ring);

@@ -1,5 +1,6 @@
-// ORNInfo: the report's lines for a picture, a Velmo file, a directory and an unknown file, and
-// the program run with the console front end.
+// ORNInfo: the report's lines for a picture, a palette animation, an AVI file with its frame
+// sizes, a Velmo file, a directory and an unknown file, and the program run with the console
+// front end; the one-second window rule of the frame-size lines.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "convert/output.h"
 #include "imagefile/imagefile.h"
 #include "tools/orninfo.h"
 
@@ -73,6 +75,103 @@ TEST_F(OrnFileInfo, PictureLinesInOrder) {
   }
   EXPECT_FALSE(Has(text, "Velmo")) << text;
   EXPECT_FALSE(Has(text, "This is a directory."));
+}
+
+// The lines of `text` from the one starting with `first` up to (not including) the one
+// starting with `end`, as found in order; empty when `first` is missing.
+std::string Between(const std::string& text, const std::string& first, const std::string& end) {
+  const size_t from = text.find(first);
+  if (from == std::string::npos) return "";
+  const size_t to = text.find(end, from);
+  return text.substr(from, to == std::string::npos ? std::string::npos : to - from);
+}
+
+TEST_F(OrnFileInfo, PaletteAnimationIsEightBitWithNoFrameSizes) {
+  const int w = 12, h = 10, frames = 3;
+  ImageError error{};
+  ImageGifWriter* gif = ImageGifWriterOpen(w, h, 0, &error);
+  ASSERT_TRUE(gif) << error.text;
+  std::vector<uint32_t> palette(256);
+  for (int i = 0; i < 256; ++i) palette[i] = uint32_t(i) << 16 | uint32_t(255 - i) << 8 | 40;
+  std::vector<uint8_t> indices(size_t(w) * h);
+  for (int f = 0; f < frames; ++f) {
+    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(i * 7 + f * 50);
+    ImageGifFrame frame{indices.data(), w, palette.data(), 25, 1, -1, 0, 0, 0, 0, 0};
+    ASSERT_TRUE(ImageGifWriterAddFrame(gif, &frame, &error)) << error.text;
+  }
+  const std::string name = dir + "/anim.gif";
+  ASSERT_TRUE(ImageGifWriterFinish(gif, name.c_str(), nullptr, nullptr, &error)) << error.text;
+  const std::string text = OrnFileInfoText(name.c_str());
+  // 25 hundredths a frame: 4 frames a second, 250 ms each, no alpha in an opaque palette.
+  EXPECT_EQ(Between(text, "\r\n    Width:", "\r\n    Total time:"),
+            "\r\n    Width: 12\r\n    Height: 10\r\n    Frames: 3\r\n    Color depth: 8"
+            "\r\n    Alpha plane: No.\r\n    Frames per second: 4.00"
+            "\r\n    Milliseconds per frame: 250.00")
+      << text;
+  EXPECT_FALSE(Has(text, "Largest frame size")) << text;
+  EXPECT_FALSE(Has(text, "Sound info")) << text;
+  EXPECT_FALSE(Has(text, "File type:")) << text;
+}
+
+TEST_F(OrnFileInfo, AviFrameSizesOverOneSecondWindows) {
+  // Raw 24-bit frames of 10 × 6 pixels: rows of 32 bytes (30 padded to 4), 192 bytes a frame.
+  const int w = 10, h = 6, frames = 7;
+  const std::string name = dir + "/clip.avi";
+  OutputOptions options{};
+  options.codec = OutputCodecRaw;
+  options.jpeg_level = 90;
+  OutputWriter* out =
+      OutputOpen(name.c_str(), frames, 5, 1, w, h, w, nullptr, OutputFlagPromptDone, &options);
+  ASSERT_TRUE(out);
+  std::vector<uint32_t> pixels(size_t(w) * h, 0xFF336699u);
+  for (int f = 0; f < frames; ++f) ASSERT_EQ(OutputWriteFrame(out, pixels.data(), nullptr), 1);
+  ASSERT_GT(OutputClose(out), 0u);
+  const std::string text = OrnFileInfoText(name.c_str());
+  EXPECT_TRUE(Has(text, "\r\n    Frames: 7\r\n    Color depth: 32\r\n")) << text;
+  // Five frames make a second at 5 frames a second; all windows are equal, the first wins.
+  EXPECT_TRUE(Has(text, "\r\n    Average frame size: "));
+  EXPECT_LT(text.find("\r\n    Average frame size: "), text.find("\r\n    Largest frame size:"));
+  EXPECT_EQ(Between(text, "\r\n    Largest frame size:", "\r\n    Size:"),
+            "\r\n    Largest frame size: 192\r\n    Highest one second data rate: 960"
+            "\r\n    Highest one second data rate start frame: 1")
+      << text;
+  EXPECT_FALSE(Has(text, "File type:")) << text;
+}
+
+TEST(OrnFrameSizes, OneSecondWindowRule) {
+  // The window of three frames that holds the most bytes, and the first of equal ones.
+  const uint32_t sizes[] = {10, 50, 10, 10, 60, 0, 0, 60, 1, 0};
+  OrnFrameSizeSummary s = OrnSummariseFrameSizes(sizes, 10, 3);
+  EXPECT_EQ(s.largest, 60u);
+  EXPECT_EQ(s.highest_second, 80u);  // frames 2..4: 10 + 10 + 60
+  EXPECT_EQ(s.highest_second_frame, 2u);
+  // Equal windows: the earliest.
+  const uint32_t flat[] = {5, 5, 5, 5};
+  s = OrnSummariseFrameSizes(flat, 4, 2);
+  EXPECT_EQ(s.highest_second, 10u);
+  EXPECT_EQ(s.highest_second_frame, 0u);
+  // The peak at the very end is reached by the last window.
+  const uint32_t tail[] = {1, 1, 1, 1, 9, 9};
+  s = OrnSummariseFrameSizes(tail, 6, 2);
+  EXPECT_EQ(s.highest_second, 18u);
+  EXPECT_EQ(s.highest_second_frame, 4u);
+  // Shorter than a second: the average scaled to the window, from the first frame.
+  const uint32_t shortRun[] = {100, 200};
+  s = OrnSummariseFrameSizes(shortRun, 2, 30);
+  EXPECT_EQ(s.largest, 200u);
+  EXPECT_EQ(s.highest_second, 300u * 30 / 2);
+  EXPECT_EQ(s.highest_second_frame, 0u);
+  // Only empty frames, a rate under one frame a second, and no frames at all.
+  const uint32_t empty[] = {0, 0, 0};
+  s = OrnSummariseFrameSizes(empty, 3, 2);
+  EXPECT_EQ(s.highest_second, 0u);
+  EXPECT_EQ(s.highest_second_frame, 0u);
+  s = OrnSummariseFrameSizes(tail, 6, 0);
+  EXPECT_EQ(s.highest_second, 9u);
+  EXPECT_EQ(s.highest_second_frame, 4u);
+  s = OrnSummariseFrameSizes(nullptr, 0, 5);
+  EXPECT_EQ(s.largest, 0u);
+  EXPECT_EQ(s.highest_second, 0u);
 }
 
 TEST_F(OrnFileInfo, DirectoryAndUnknownFileShowOnlyFileSystemLines) {
