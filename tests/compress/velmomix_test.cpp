@@ -1,0 +1,431 @@
+// The mixer: frames copied with their video untouched, tracks copied, dropped, replaced and
+// added, the silent lead-in, hostile inputs, the temporary file and its rename, and whole runs
+// of the tool through the tool shell's console front end.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "../reader/container_test_util.h"
+#include "compress/velmomix.h"
+#include "host/toolframe.h"
+#include "reader/container.h"
+#include "velmo.h"
+
+namespace {
+
+using velmo_test::AddFrame;
+using velmo_test::Checkpoint;
+using velmo_test::StartWriter;
+using velmo_test::TestWriter;
+
+std::string TempDir() {
+  char pattern[] = "/tmp/velmomix_test_XXXXXX";
+  return mkdtemp(pattern);
+}
+
+bool Exists(const std::string& p) { return access(p.c_str(), F_OK) == 0; }
+
+void RemoveTree(const std::string& dir) {
+  const std::string cmd = "rm -rf '" + dir + "'";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+}
+
+std::vector<uint8_t> ReadAll(const std::string& name) {
+  std::vector<uint8_t> bytes;
+  FILE* f = std::fopen(name.c_str(), "rb");
+  if (!f) return bytes;
+  uint8_t chunk[65536];
+  size_t n;
+  while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
+  std::fclose(f);
+  return bytes;
+}
+
+void WriteAll(const std::string& name, const std::vector<uint8_t>& bytes) {
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+  std::fclose(f);
+}
+
+void Store32(std::vector<uint8_t>* file, size_t at, uint32_t value) {
+  std::memcpy(file->data() + at, &value, 4);
+}
+uint32_t Load32(const std::vector<uint8_t>& file, size_t at) {
+  uint32_t v;
+  std::memcpy(&v, file.data() + at, 4);
+  return v;
+}
+
+// A usable track of the current sound form, 22050 Hz 16-bit mono.
+constexpr uint32_t TrackFormat = VelmoTrackCurrent | VelmoTrack16Bit | 22050;
+
+struct InputSpec {
+  uint32_t Version = 100;
+  uint32_t Flags = 0;
+  const char* Text = nullptr;
+  uint32_t Frames = 12;
+  uint32_t KeyEvery = 4;
+  std::vector<uint32_t> TrackIds;
+};
+
+// Sound payloads of varied, often unaligned lengths (some frames carry none), and video bytes
+// that differ from frame to frame in content and length.
+std::vector<uint8_t> SoundBytes(uint32_t track, uint32_t frame) {
+  if ((frame + track) % 5 == 3) return {};
+  std::vector<uint8_t> s(5 + (frame * 7 + track * 3) % 23);
+  for (size_t i = 0; i < s.size(); ++i) s[i] = uint8_t(0x80 + track * 16 + frame + i);
+  return s;
+}
+std::vector<uint8_t> VideoBytes(uint32_t frame) {
+  std::vector<uint8_t> v(40 + frame * 12);
+  for (size_t i = 0; i < v.size(); ++i) v[i] = uint8_t(frame * 31 + i * 7);
+  return v;
+}
+
+std::vector<uint8_t> BuildInput(const InputSpec& s) {
+  static const int16_t hdr[6] = {1000, 2000, 3000, -400, -500, 1000};
+  static const int16_t matrix[12] = {4096, 0, 0, 0, 4096, 0, 0, 0, 4096, 10, 20, 30};
+  std::vector<VelmoTrackInfo> tracks;
+  for (uint32_t id : s.TrackIds) tracks.push_back({0, TrackFormat, id});
+  VelmoWriteParams p{};
+  p.Version = s.Version;
+  p.Width = 64;
+  p.Height = 48;
+  p.FrameRate = 30;
+  p.FrameRateDiv = 1;
+  p.IndexFrames = s.Frames;
+  p.Flags = s.Flags;
+  p.SliceMode = s.Version >= 200 ? 1 : 0;
+  p.HdrBlock = hdr;
+  p.ColourMatrix = matrix;
+  p.Text = s.Text;
+  p.TextLength = s.Text ? uint32_t(std::strlen(s.Text)) + 1 : 0;
+  p.TrackCount = uint32_t(tracks.size());
+  p.Tracks = tracks.empty() ? nullptr : tracks.data();
+  TestWriter w;
+  EXPECT_TRUE(StartWriter(p, &w));
+  for (uint32_t f = 0; f < s.Frames; ++f) {
+    std::vector<std::vector<uint8_t>> sounds;
+    std::vector<uint32_t> decoded;
+    for (uint32_t t = 0; t < tracks.size(); ++t) {
+      sounds.push_back(SoundBytes(t, f));
+      decoded.push_back(sounds.back().empty() ? 0 : 64 + 16 * t);
+    }
+    AddFrame(&w, s.KeyEvery && f % s.KeyEvery == 0, sounds, decoded, VideoBytes(f));
+  }
+  Checkpoint(&w);
+  return w.File;
+}
+
+// A Velmo file taken apart: its header and tables, and each frame's sound packets (whole, size
+// word included) and video section.
+struct Parsed {
+  VelmoFileInfo Info{};
+  std::vector<bool> Key;
+  std::vector<std::vector<std::vector<uint8_t>>> Sounds;  // [frame][track]
+  std::vector<std::vector<uint8_t>> Video;
+  std::vector<VelmoTrackInfo> Tracks;
+};
+
+::testing::AssertionResult Parse(const std::vector<uint8_t>& file, Parsed* out) {
+  if (const char* e = VelmoParseFile(file.data(), file.size(), &out->Info))
+    return ::testing::AssertionFailure() << e;
+  const VelmoFileInfo& info = out->Info;
+  if (info.FileSize + 8 != file.size())
+    return ::testing::AssertionFailure() << "size field " << info.FileSize << " for " << file.size();
+  const uint32_t frames = info.Header.Frames, tracks = info.TrackCount;
+  std::vector<uint64_t> entries(frames + 1);
+  if (const char* e = VelmoExpandFrameTable(info.Tables, frames, entries.data(), nullptr))
+    return ::testing::AssertionFailure() << e;
+  for (uint32_t t = 0; t < tracks; ++t) out->Tracks.push_back(VelmoTableTrack(info.Tables, t));
+  uint32_t largest = 0;
+  for (uint32_t f = 0; f < frames; ++f) {
+    const uint64_t a = VelmoEntryOffset(entries[f]), b = VelmoEntryOffset(entries[f + 1]);
+    if (a % 4 || b <= a || b > file.size())
+      return ::testing::AssertionFailure() << "frame " << f << " at " << a << " to " << b;
+    largest = std::max(largest, uint32_t(b - a));
+    std::vector<VelmoSoundPacket> s(tracks);
+    const VelmoPacketLayout l = VelmoWalkFramePacket(file.data() + a, size_t(b - a), tracks, s.data());
+    if (!l.HasVideo) return ::testing::AssertionFailure() << "frame " << f << " walk";
+    out->Key.push_back(VelmoEntryIsKey(entries[f]));
+    out->Sounds.emplace_back();
+    for (uint32_t t = 0; t < tracks; ++t)
+      out->Sounds.back().emplace_back(file.data() + a + s[t].Offset,
+                                      file.data() + a + s[t].Offset + 4 + s[t].PacketSize);
+    out->Video.emplace_back(file.data() + a + l.VideoOffset,
+                            file.data() + a + l.VideoOffset + l.VideoSize);
+  }
+  if (info.Header.LargestFrameSize != largest)
+    return ::testing::AssertionFailure() << "largest " << info.Header.LargestFrameSize << " not " << largest;
+  return ::testing::AssertionSuccess();
+}
+
+// The video of a mixed frame is the input's, with at most three zero bytes behind it where new
+// sound packets left the frame's length off a multiple of 4.
+::testing::AssertionResult SameVideo(const std::vector<uint8_t>& in, const std::vector<uint8_t>& out) {
+  if (out.size() < in.size() || out.size() > in.size() + 3)
+    return ::testing::AssertionFailure() << in.size() << " bytes became " << out.size();
+  if (!std::equal(in.begin(), in.end(), out.begin())) return ::testing::AssertionFailure() << "bytes differ";
+  for (size_t i = in.size(); i < out.size(); ++i)
+    if (out[i]) return ::testing::AssertionFailure() << "padding not zero";
+  return ::testing::AssertionSuccess();
+}
+
+struct Messages {
+  std::vector<std::string> Texts;
+  uint32_t Labels = 0;
+  uint32_t CancelAt = ~0u;  // answer non-zero to this label (from 1)
+};
+int Collect(uint32_t kind, const char* text, void* user) {
+  Messages* m = static_cast<Messages*>(user);
+  if (kind == 2) {
+    m->Texts.push_back(text);
+    return 0;
+  }
+  return ++m->Labels >= m->CancelAt ? 1 : 0;
+}
+
+VelmoMixTrack Removal(uint32_t id) {
+  VelmoMixTrack t{};
+  t.TrackId = id;
+  return t;
+}
+
+struct MixRun {
+  Messages Msg;
+  VelmoMixProgress Progress{};
+  uint64_t Size = 0;
+  uint64_t Run(const std::string& in, const std::string& out, std::vector<VelmoMixTrack> tracks,
+               uint64_t offset = 0, uint32_t num = 0, uint32_t den = 0, int32_t start = 0) {
+    Progress.Report = Collect;
+    Progress.User = &Msg;
+    Size = VelmoMixFile(in.c_str(), out.c_str(), offset, num, den, start, uint32_t(tracks.size()),
+                        tracks.data(), &Progress);
+    return Size;
+  }
+};
+
+// ---- Copying and dropping ------------------------------------------------------------------------
+
+// Removing a track the file does not have copies everything: for every magic's extras block,
+// the output is the input byte for byte.
+TEST(VelmoMixCopy, RemovingAnAbsentTrackReproducesTheFile) {
+  const std::string dir = TempDir();
+  const InputSpec specs[] = {
+      {100, 0, nullptr, 12, 4, {5, 7}},
+      {101, VelmoFlagFullRange, "some extra text", 12, 4, {5}},
+      {200, VelmoFlagFullRange | VelmoFlagAlpha, "made by a test", 9, 3, {1, 2, 3}},
+      {200, VelmoFlagHdr | VelmoFlagFullRange, "hdr", 5, 1, {}},
+      {200, VelmoFlagColourMatrix | VelmoFlagFullRange, nullptr, 7, 2, {9}},
+  };
+  for (const InputSpec& spec : specs) {
+    SCOPED_TRACE(spec.Version);
+    const std::vector<uint8_t> input = BuildInput(spec);
+    const std::string in = dir + "/in.vlm", out = dir + "/out.vlm";
+    WriteAll(in, input);
+    MixRun run;
+    ASSERT_EQ(run.Run(in, out, {Removal(30)}), input.size()) << ::testing::PrintToString(run.Msg.Texts);
+    EXPECT_TRUE(run.Msg.Texts.empty());
+    EXPECT_EQ(run.Msg.Labels, spec.Frames);
+    EXPECT_EQ(run.Progress.FramesDone, spec.Frames);
+    EXPECT_EQ(ReadAll(out), input);
+    EXPECT_FALSE(Exists(out + ".tmp"));
+  }
+  RemoveTree(dir);
+}
+
+TEST(VelmoMixCopy, DroppingATrackKeepsTheOthersAndTheVideo) {
+  const std::string dir = TempDir(), in = dir + "/in.vm2", out = dir + "/out.vm2";
+  const std::vector<uint8_t> input = BuildInput({200, VelmoFlagFullRange, "text", 10, 3, {5, 7, 9}});
+  WriteAll(in, input);
+  MixRun run;
+  // Two entries: id 7 is removed, id 11 is in no file and has no sound, so it adds nothing.
+  ASSERT_GT(run.Run(in, out, {Removal(11), Removal(7)}), 0u);
+  Parsed a, b;
+  ASSERT_TRUE(Parse(input, &a));
+  ASSERT_TRUE(Parse(ReadAll(out), &b));
+  ASSERT_EQ(b.Info.TrackCount, 2u);
+  EXPECT_EQ(b.Tracks[0].Id, 5u);
+  EXPECT_EQ(b.Tracks[1].Id, 9u);
+  EXPECT_EQ(b.Tracks[0].MaxBytes, a.Tracks[0].MaxBytes);
+  EXPECT_EQ(b.Tracks[1].MaxBytes, a.Tracks[2].MaxBytes);
+  EXPECT_EQ(b.Tracks[1].Format, a.Tracks[2].Format);
+  EXPECT_EQ(b.Info.Header.Magic, a.Info.Header.Magic);
+  EXPECT_EQ(b.Info.Header.Flags, a.Info.Header.Flags);
+  EXPECT_EQ(b.Info.Extras.TextSize, a.Info.Extras.TextSize);
+  ASSERT_EQ(b.Video.size(), a.Video.size());
+  for (size_t f = 0; f < a.Video.size(); ++f) {
+    EXPECT_EQ(b.Key[f], a.Key[f]) << f;
+    EXPECT_EQ(b.Sounds[f][0], a.Sounds[f][0]) << f;
+    EXPECT_EQ(b.Sounds[f][1], a.Sounds[f][2]) << f;
+    EXPECT_TRUE(SameVideo(a.Video[f], b.Video[f])) << f;
+  }
+  // The reader library takes the result.
+  HVELMO h = VelmoOpen(out.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->Frames, 10u);
+  ASSERT_EQ(h->TrackCount, 2u);
+  EXPECT_EQ(h->TrackIds[0], 5u);
+  EXPECT_EQ(h->TrackIds[1], 9u);
+  VelmoClose(h);
+  RemoveTree(dir);
+}
+
+// The Velmo data may stand inside a larger file; the output starts with its header. A rate
+// given replaces the file's and nothing else changes.
+TEST(VelmoMixCopy, InputOffsetAndRateOverride) {
+  const std::string dir = TempDir(), in = dir + "/big.bin", out = dir + "/out.vlm";
+  const std::vector<uint8_t> image = BuildInput({101, 0, "x", 6, 2, {4}});
+  std::vector<uint8_t> big(1234, 0x5a);
+  big.insert(big.end(), image.begin(), image.end());
+  big.insert(big.end(), 77, 0xee);
+  WriteAll(in, big);
+  MixRun run;
+  ASSERT_EQ(run.Run(in, out, {Removal(1)}, 1234), image.size());
+  EXPECT_EQ(ReadAll(out), image);
+  ASSERT_EQ(run.Run(in, out, {Removal(1)}, 1234, 25, 2), image.size());
+  std::vector<uint8_t> expected = image;
+  Store32(&expected, 28, 25);
+  Store32(&expected, 32, 2);
+  EXPECT_EQ(ReadAll(out), expected);
+  RemoveTree(dir);
+}
+
+TEST(VelmoMixCopy, EmptyTrackListDoesNothing) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  WriteAll(in, BuildInput({}));
+  MixRun run;
+  EXPECT_EQ(run.Run(in, out, {}), 0u);
+  EXPECT_EQ(run.Msg.Labels, 0u);
+  EXPECT_FALSE(Exists(out));
+  EXPECT_FALSE(Exists(out + ".tmp"));
+  RemoveTree(dir);
+}
+
+// ---- Failures ----------------------------------------------------------------------------------
+
+TEST(VelmoMixFailure, InputsThatAreNotVelmoFiles) {
+  const std::string dir = TempDir(), out = dir + "/out.vlm";
+  MixRun run;
+  EXPECT_EQ(run.Run(dir + "/missing.vlm", out, {Removal(0)}), 0u);
+  ASSERT_EQ(run.Msg.Texts.size(), 1u);
+  EXPECT_EQ(run.Msg.Texts[0], "Couldn't open input Velmo file.");
+
+  std::vector<uint8_t> wave(200, 0);
+  std::memcpy(wave.data(), "RIFF\0\0\0\0WAVEfmt ", 16);
+  const std::string other = dir + "/sound.wav";
+  WriteAll(other, wave);
+  // A "VLM" magic with a letter of no known version is no Velmo file either; so is a file
+  // shorter than a header.
+  std::vector<uint8_t> beta = BuildInput({});
+  beta[3] = 'j';
+  const std::string betaName = dir + "/beta.vlm", shortName = dir + "/short.vlm";
+  WriteAll(betaName, beta);
+  WriteAll(shortName, std::vector<uint8_t>(beta.begin() + 8, beta.begin() + 40));
+  for (const std::string& name : {other, betaName, shortName}) {
+    MixRun r;
+    EXPECT_EQ(r.Run(name, out, {Removal(0)}), 0u) << name;
+    ASSERT_EQ(r.Msg.Texts.size(), 1u) << name;
+    EXPECT_EQ(r.Msg.Texts[0], "Input file isn't a Velmo file.");
+    EXPECT_FALSE(Exists(out));
+    EXPECT_FALSE(Exists(out + ".tmp"));
+  }
+  RemoveTree(dir);
+}
+
+// Frame sizes from the index are checked against the file before they are read: a cut file, an
+// entry beyond the end, a frame whose track packets run past it.
+TEST(VelmoMixFailure, DamagedFramesEndTheMixWithoutOutput) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  const std::vector<uint8_t> good = BuildInput({100, 0, nullptr, 8, 4, {5}});
+  Parsed p;
+  ASSERT_TRUE(Parse(good, &p));
+  const size_t indexAt = p.Info.TablesOffset + 3 * 4;
+  const uint32_t frame3 = Load32(good, indexAt + 3 * 4);
+
+  std::vector<std::vector<uint8_t>> damaged;
+  damaged.emplace_back(good.begin(), good.end() - 30);  // cut inside the last frame
+  damaged.push_back(good);
+  Store32(&damaged.back(), indexAt + 4 * 4, 0x0ffffff0);  // far beyond the file
+  damaged.push_back(good);
+  Store32(&damaged.back(), indexAt + 4 * 4, frame3);  // a frame of no bytes
+  damaged.push_back(good);
+  Store32(&damaged.back(), frame3 & ~3u, 0x7fffffff);  // a packet past the frame
+  damaged.push_back(good);
+  Store32(&damaged.back(), 40, 300);  // more tracks than the file has room for
+  for (size_t i = 0; i < damaged.size(); ++i) {
+    WriteAll(in, damaged[i]);
+    MixRun run;
+    EXPECT_EQ(run.Run(in, out, {Removal(1)}), 0u) << i;
+    EXPECT_EQ(run.Msg.Texts.size(), 1u) << i;
+    EXPECT_FALSE(Exists(out)) << i;
+    EXPECT_FALSE(Exists(out + ".tmp")) << i;
+  }
+  RemoveTree(dir);
+}
+
+TEST(VelmoMixFailure, CancelDeletesTheTemporaryFile) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  WriteAll(in, BuildInput({}));
+  WriteAll(out, {1, 2, 3, 4});
+  MixRun run;
+  run.Msg.CancelAt = 3;
+  EXPECT_EQ(run.Run(in, out, {Removal(0)}), 0u);
+  EXPECT_EQ(run.Progress.Cancelled, 1u);
+  EXPECT_EQ(run.Msg.Labels, 3u);  // the frame of the answer is still mixed
+  EXPECT_EQ(run.Progress.FramesDone, 3u);
+  EXPECT_EQ(ReadAll(out), (std::vector<uint8_t>{1, 2, 3, 4}));  // the old output stays
+  EXPECT_FALSE(Exists(out + ".tmp"));
+  RemoveTree(dir);
+}
+
+TEST(VelmoMixFailure, OutputThatCannotBeReplacedOrCreated) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm";
+  const std::vector<uint8_t> input = BuildInput({});
+  WriteAll(in, input);
+  // An output name held by a directory with something in it cannot be deleted: the mix stays
+  // under its temporary name, and says so.
+  const std::string out = dir + "/taken.vlm";
+  ASSERT_EQ(mkdir(out.c_str(), 0755), 0);
+  WriteAll(out + "/keep", {1});
+  MixRun run;
+  EXPECT_EQ(run.Run(in, out, {Removal(0)}), input.size());
+  ASSERT_EQ(run.Msg.Texts.size(), 1u);
+  EXPECT_EQ(run.Msg.Texts[0], "Velmo couldn't overwrite, '" + out +
+                                  "', so the new Velmo file is called: '" + out + ".tmp'.");
+  EXPECT_EQ(ReadAll(out + ".tmp"), input);
+  // No temporary file in a folder that does not exist.
+  MixRun none;
+  EXPECT_EQ(none.Run(in, dir + "/nowhere/out.vlm", {Removal(0)}), 0u);
+  ASSERT_EQ(none.Msg.Texts.size(), 1u);
+  EXPECT_EQ(none.Msg.Texts[0].rfind("Couldn't create temporary file.\n\nSome possible reasons", 0), 0u);
+  EXPECT_NE(none.Msg.Texts[0].find("3) mixing multiple files to the same Velmo output filename."),
+            std::string::npos);
+  RemoveTree(dir);
+}
+
+// ---- The silent lead-in ------------------------------------------------------------------------
+
+TEST(VelmoMixSilence, StartInMillisecondsOrFrames) {
+  // 22050 Hz stereo: 88200 bytes a second.
+  EXPECT_EQ(VelmoMixSilenceBytes(0, 88200, 30, 1), 0u);
+  EXPECT_EQ(VelmoMixSilenceBytes(-500, 88200, 30, 1), 44100u);
+  EXPECT_EQ(VelmoMixSilenceBytes(-1, 88200, 30, 1), 88u);  // 88.2, low two bits cleared
+  EXPECT_EQ(VelmoMixSilenceBytes(-3, 88200, 30, 1), 264u);
+  // Frame 1 is the start itself; frame 2 is one frame late.
+  EXPECT_EQ(VelmoMixSilenceBytes(1, 88200, 30, 1), 0u);
+  EXPECT_EQ(VelmoMixSilenceBytes(2, 88200, 30, 1), 2940u);
+  EXPECT_EQ(VelmoMixSilenceBytes(2, 88200, 30000, 1001), 2940u);  // 2942.9 cleared to 2940
+  EXPECT_EQ(VelmoMixSilenceBytes(11, 44100, 25, 1), 17640u);
+  // Long leads stay in range rather than wrapping.
+  EXPECT_EQ(VelmoMixSilenceBytes(0x7fffffff, 192000, 1, 1000), 0xfffffffcu);
+}
+
+}  // namespace
