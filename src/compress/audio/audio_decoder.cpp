@@ -192,7 +192,7 @@ void JoinBlock(VelmoAudioDecoder* decoder, VelmoAudioRing* ring, int16_t* sample
 }  // namespace
 
 uint32_t VelmoAudioTrackFlags(uint32_t rate, uint32_t channels, int level) {
-  return (rate & 0xFFFF) | VelmoTrackSixteenBit | (channels == 2 ? VelmoTrackStereo : 0) |
+  return (rate & 0xFFFF) | VelmoTrackSixteenBit | (channels == 2 ? uint32_t(VelmoTrackStereo) : 0u) |
          (VelmoAudioLevelIsCurrentForm(level) ? VelmoTrackCurrentForm : VelmoTrackOlderForm);
 }
 
