@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -408,6 +409,181 @@ TEST(VelmoMixFailure, OutputThatCannotBeReplacedOrCreated) {
   EXPECT_EQ(none.Msg.Texts[0].rfind("Couldn't create temporary file.\n\nSome possible reasons", 0), 0u);
   EXPECT_NE(none.Msg.Texts[0].find("3) mixing multiple files to the same Velmo output filename."),
             std::string::npos);
+  RemoveTree(dir);
+}
+
+// ---- New sound ----------------------------------------------------------------------------------
+
+// A 441 Hz tone of 16-bit samples, endless, at the track's rate and channels.
+struct Tone {
+  uint32_t Rate = 22050, Channels = 1;
+  uint64_t Samples = 0;
+  uint64_t Limit = ~0ull;  // samples the source has
+};
+uint32_t ReadTone(void* source, void* buffer, uint32_t bytes) {
+  Tone* t = static_cast<Tone*>(source);
+  int16_t* out = static_cast<int16_t*>(buffer);
+  const uint32_t frame = 2 * t->Channels;
+  uint32_t n = bytes / frame;
+  if (t->Samples + n > t->Limit) n = uint32_t(t->Limit - t->Samples);
+  for (uint32_t i = 0; i < n; ++i, ++t->Samples)
+    for (uint32_t c = 0; c < t->Channels; ++c)
+      *out++ = int16_t(8000 * std::sin(2 * M_PI * 441.0 * double(t->Samples) / t->Rate));
+  return n * frame;
+}
+
+VelmoMixTrack NewTrack(uint32_t id, Tone* tone, int32_t level = 4) {
+  VelmoMixTrack t{};
+  t.TrackId = id;
+  t.SampleRate = tone->Rate;
+  t.Bits = 16;
+  t.Channels = tone->Channels;
+  t.Level = level;
+  t.Source = tone;
+  t.ReadSamples = ReadTone;
+  return t;
+}
+
+// The samples of track `index` (the first channel), decoded by the reader library frame by
+// frame as a converter reads them.
+std::vector<int16_t> DecodeTrack(const std::string& name, uint32_t index) {
+  std::vector<int16_t> samples;
+  HVELMO h = VelmoOpen(name.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  EXPECT_NE(h, nullptr) << VelmoGetError();
+  if (!h) return samples;
+  VelmoGoto(h, 1, VelmoGotoExact | VelmoGotoDirect);
+  VelmoTrackReader* t = VelmoOpenTrack(h, index);
+  EXPECT_NE(t, nullptr);
+  if (t) {
+    const uint32_t channels = VelmoTrackReaderChannels(t);
+    std::vector<int16_t> buffer(VelmoTrackReaderBufferSize(t) / 2);
+    for (uint32_t f = 1; f <= h->Frames; ++f) {
+      const uint32_t got = VelmoGetTrackData(t, buffer.data(), uint32_t(buffer.size() * 2));
+      for (uint32_t i = 0; i < got / 2; i += channels) samples.push_back(buffer[i]);
+      VelmoNextFrame(h);
+    }
+    VelmoCloseTrack(t);
+  }
+  VelmoClose(h);
+  return samples;
+}
+
+double Rms(const std::vector<int16_t>& s, size_t from, size_t to) {
+  double sum = 0;
+  to = std::min(to, s.size());
+  if (from >= to) return -1;
+  for (size_t i = from; i < to; ++i) sum += double(s[i]) * s[i];
+  return std::sqrt(sum / double(to - from));
+}
+
+// Error of the decoded tone against the tone itself, shifted by `lead` samples.
+double ToneSnr(const std::vector<int16_t>& s, size_t lead, size_t from, size_t to, uint32_t rate) {
+  double signal = 0, noise = 0;
+  for (size_t i = from; i < std::min(to, s.size()); ++i) {
+    const double want = 8000 * std::sin(2 * M_PI * 441.0 * double(i - lead) / rate);
+    signal += want * want;
+    noise += (s[i] - want) * (s[i] - want);
+  }
+  return 10 * std::log10(signal / std::max(noise, 1.0));
+}
+
+TEST(VelmoMixEncode, NewTrackGoesLastAndTheRestIsUntouched) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  const std::vector<uint8_t> input = BuildInput({100, 0, nullptr, 45, 5, {5}});
+  WriteAll(in, input);
+  Tone tone;
+  MixRun run;
+  ASSERT_GT(run.Run(in, out, {NewTrack(8, &tone)}), 0u) << ::testing::PrintToString(run.Msg.Texts);
+  EXPECT_TRUE(run.Msg.Texts.empty());
+  Parsed a, b;
+  ASSERT_TRUE(Parse(input, &a));
+  ASSERT_TRUE(Parse(ReadAll(out), &b));
+  ASSERT_EQ(b.Info.TrackCount, 2u);
+  EXPECT_EQ(b.Tracks[0].Id, 5u);
+  EXPECT_EQ(b.Tracks[0].Format, a.Tracks[0].Format);
+  EXPECT_EQ(b.Tracks[0].MaxBytes, a.Tracks[0].MaxBytes);
+  EXPECT_EQ(b.Tracks[1].Id, 8u);
+  EXPECT_EQ(b.Tracks[1].Format & VelmoTrackRateMask, 22050u);
+  EXPECT_TRUE(b.Tracks[1].Format & VelmoTrackCurrent);
+  EXPECT_TRUE(b.Tracks[1].Format & VelmoTrack16Bit);
+  EXPECT_FALSE(b.Tracks[1].Format & VelmoTrackStereo);
+  EXPECT_GT(b.Tracks[1].MaxBytes, 0u);
+  ASSERT_EQ(b.Video.size(), 45u);
+  uint32_t soundFrames = 0;
+  for (size_t f = 0; f < 45; ++f) {
+    EXPECT_EQ(b.Key[f], a.Key[f]) << f;
+    EXPECT_EQ(b.Sounds[f][0], a.Sounds[f][0]) << f;
+    EXPECT_TRUE(SameVideo(a.Video[f], b.Video[f])) << f;
+    soundFrames += b.Sounds[f][1].size() > 4;
+  }
+  EXPECT_GT(soundFrames, 1u);
+  // 1.5 seconds of the tone, decoded back.
+  const std::vector<int16_t> decoded = DecodeTrack(out, 1);
+  EXPECT_NEAR(double(decoded.size()), 33075.0, 45 * 8.0);
+  EXPECT_GT(ToneSnr(decoded, 0, 1000, 32000, 22050), 20.0);
+  RemoveTree(dir);
+}
+
+// Several tracks at once: a replaced track keeps its place, a removed one goes, and a new one
+// goes last.
+TEST(VelmoMixEncode, ReplacedTrackKeepsItsPlace) {
+  const std::string dir = TempDir(), in = dir + "/in.vm2", out = dir + "/out.vm2";
+  const std::vector<uint8_t> input = BuildInput({200, VelmoFlagFullRange, "t", 30, 10, {5, 7, 9}});
+  WriteAll(in, input);
+  Tone stereo;
+  stereo.Rate = 16000;
+  stereo.Channels = 2;
+  Tone mono;
+  MixRun run;
+  ASSERT_GT(run.Run(in, out, {NewTrack(12, &mono, 104), Removal(9), NewTrack(7, &stereo)}), 0u);
+  Parsed a, b;
+  ASSERT_TRUE(Parse(input, &a));
+  ASSERT_TRUE(Parse(ReadAll(out), &b));
+  ASSERT_EQ(b.Info.TrackCount, 3u);
+  EXPECT_EQ(b.Tracks[0].Id, 5u);
+  EXPECT_EQ(b.Tracks[1].Id, 7u);
+  EXPECT_EQ(b.Tracks[2].Id, 12u);
+  EXPECT_EQ(b.Tracks[1].Format & VelmoTrackRateMask, 16000u);
+  EXPECT_TRUE(b.Tracks[1].Format & VelmoTrackStereo);
+  EXPECT_TRUE(b.Tracks[2].Format & VelmoTrackOlder);  // level 104: the older form
+  for (size_t f = 0; f < a.Video.size(); ++f) {
+    EXPECT_EQ(b.Sounds[f][0], a.Sounds[f][0]) << f;
+    EXPECT_TRUE(SameVideo(a.Video[f], b.Video[f])) << f;
+  }
+  HVELMO h = VelmoOpen(out.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->TrackCount, 3u);
+  EXPECT_EQ(VelmoGetTrackId(h, 1), 7u);
+  EXPECT_EQ(VelmoGetTrackId(h, 2), 12u);
+  VelmoClose(h);
+  const std::vector<int16_t> decoded = DecodeTrack(out, 1);
+  EXPECT_NEAR(double(decoded.size()), 16000.0, 30 * 8.0);
+  EXPECT_GT(ToneSnr(decoded, 0, 1000, 15000, 16000), 20.0);
+  RemoveTree(dir);
+}
+
+// /N-500 starts the sound half a second in; /N31 at 30 frames a second one second in; without a
+// start the tone is there from the first sample.
+TEST(VelmoMixEncode, SilentLeadIn) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  WriteAll(in, BuildInput({100, 0, nullptr, 75, 15, {}}));
+  struct Case {
+    int32_t start;
+    size_t lead;  // samples of silence
+  } cases[] = {{0, 0}, {-500, 11024}, {31, 22050}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.start);
+    Tone tone;
+    MixRun run;
+    ASSERT_GT(run.Run(in, out, {NewTrack(0, &tone)}, 0, 0, 0, c.start), 0u);
+    const std::vector<int16_t> decoded = DecodeTrack(out, 0);
+    EXPECT_NEAR(double(decoded.size()), 55125.0, 75 * 8.0);
+    if (c.lead) EXPECT_LT(Rms(decoded, 0, c.lead - 2048), 20.0);
+    EXPECT_GT(ToneSnr(decoded, c.lead, c.lead + 2048, c.lead + 20000, 22050), 20.0);
+    // The source gave what the track had room for behind its silence, and no more.
+    EXPECT_LE(tone.Samples, 55125 - c.lead + 4096);
+    EXPECT_GE(tone.Samples, 55125 - c.lead - 4);
+  }
   RemoveTree(dir);
 }
 
