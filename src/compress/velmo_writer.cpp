@@ -7,6 +7,7 @@
 #include <new>
 
 #include "compress/rate_plan.h"
+#include "compress/velmo_sound_track.h"
 #include "host/platform.h"
 
 namespace {
@@ -193,12 +194,26 @@ VelmoComplexityPlane PlaneOf(const VelmoQueueSlot& slot, const VelmoQueueSlot* p
   return p;
 }
 
-// Writes one encoded frame and books it in the index.
+// The three track tables as the container writes them.
+std::vector<VelmoTrackInfo> TrackTable(const VelmoWriter* w) {
+  std::vector<VelmoTrackInfo> table(w->TrackCount);
+  for (uint32_t t = 0; t < w->TrackCount; ++t)
+    table[t] = {w->Tracks[t].MaxDecodedBytes, w->Tracks[t].TrackFlags, w->Tracks[t].TrackId};
+  return table;
+}
+
+// Writes one encoded frame, each track's sound packet before its video, and books it in the
+// index. Returns the bytes the rate plan counts as used: the whole frame, except that the
+// first frame's sound, the lead-in, is left out.
 uint32_t WriteFrame(VelmoWriter* w, const VelmoEncodeResult& result, bool key) {
   const uint32_t n = w->FramesWritten;
   EnterWrites(w);
   const uint64_t start = FileTell(w->File);
   w->FrameIndex[n] = VelmoMakeFrameEntry(start, key);
+  for (uint32_t t = 0; t < w->TrackCount; ++t)
+    VelmoWriterSoundPacket(&w->Tracks[t], n, w->FrameRateNumerator, w->FrameRateDenominator,
+                           w->File);
+  const uint64_t video = FileTell(w->File);
   FileWrite(w->File, result.Section.data(), result.Section.size());
   const uint64_t end = FileTell(w->File);
   w->FrameIndex[n + 1] = VelmoMakeFrameEntry(end, false);
@@ -209,7 +224,11 @@ uint32_t WriteFrame(VelmoWriter* w, const VelmoEncodeResult& result, bool key) {
   w->LargestFrame = std::max(w->LargestFrame, bytes);
   w->FrameErrors[n] = result.Errors[0] + result.Errors[1] + result.Errors[2] + result.Errors[3];
   w->FramesWritten = n + 1;
-  return bytes;
+  return n == 0 ? uint32_t(end - video) : bytes;
+}
+
+void EndTracks(VelmoWriter* w) {
+  for (uint32_t t = 0; t < w->TrackCount; ++t) VelmoWriterTrackEnd(&w->Tracks[t]);
 }
 
 void MaybeCheckpoint(VelmoWriter* w) {
@@ -239,7 +258,8 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
                              const int16_t* colourBlock, uint32_t keyRate,
                              VelmoWriterProgressFn progress, void* userData) {
   if (!path || version < 100 || version >= 200 || !width || !height || !frames ||
-      !rateNumerator || !rateDenominator || trackCount || colourBlock ||
+      !rateNumerator || !rateDenominator || trackCount > VelmoMaxTracks ||
+      (trackCount && !tracks) || colourBlock ||
       textLength > VelmoWriterMaxText || frames >= VelmoMaxIndexFrames)
     return nullptr;
   VelmoWriter* w = new (std::nothrow) VelmoWriter();
@@ -318,7 +338,7 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   w->KeyCountdown = int32_t(std::min<uint32_t>(w->KeyInterval, 0x7fffffff));
   w->PreviousSlot = ~0u;
   w->Tracks = tracks;
-  w->TrackCount = 0;
+  w->TrackCount = trackCount;
 
   // 6. The header.
   VelmoWriteParams params{};
@@ -332,6 +352,9 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   params.SliceMode = 0;
   params.Text = w->ExtraTextLength ? w->ExtraText : nullptr;
   params.TextLength = w->ExtraTextLength;
+  const std::vector<VelmoTrackInfo> trackTable = TrackTable(w);
+  params.TrackCount = trackCount;
+  params.Tracks = trackTable.data();
   if (!VelmoBuildHeaderImage(params, &w->Image)) {
     Tell(w, VelmoProgressMessage, "Out of memory!");
     VelmoEncoderFree(w->Encoder);
@@ -409,8 +432,13 @@ void VelmoWriterPump(VelmoWriter* w, bool drainAll) {
     w->ProgressFrame = w->FramesWritten;
     if (Tell(w, VelmoProgressLabel, "Compressing") && !w->CancelRequested)
       w->CancelRequested = VelmoCancelDiscard;
-    const uint32_t reservation = VelmoSoundReservation(nullptr, 0, n, i, w->FrameRateNumerator,
-                                                       w->FrameRateDenominator);
+    VelmoRateTrack sound[VelmoMaxTracks];
+    for (uint32_t t = 0; t < w->TrackCount; ++t) {
+      const VelmoWriterTrack& k = w->Tracks[t];
+      sound[t] = {k.InputBytes, k.OutputBytes, k.BytesPerSecond, k.BytesLeft};
+    }
+    const uint32_t reservation = VelmoSoundReservation(
+        sound, w->TrackCount, n, i, w->FrameRateNumerator, w->FrameRateDenominator);
     const uint32_t budget = VelmoPumpBudget(state, slots[i], i, reservation, w->KeyFrameBytes,
                                             w->FramesWritten, geometry);
     VelmoQueueSlot& s = QueueSlot(w, i);
@@ -444,7 +472,8 @@ bool VelmoWriterCheckpoint(VelmoWriter* w) {
   state.Frames = w->FramesWritten;
   state.LargestFrameSize = w->LargestFrame;
   state.Flags = w->Image.Flags;
-  state.Tracks = nullptr;
+  const std::vector<VelmoTrackInfo> tracks = TrackTable(w);
+  state.Tracks = tracks.data();
   state.FrameEntries = w->FrameIndex.data();
   std::vector<VelmoPatch> patches;
   bool ok = VelmoCheckpointPatches(w->Image, state, &patches);
@@ -473,6 +502,7 @@ uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
     FileFlush(w->File, true);
     if (w->File->WriteError) w->Failed = 1;
   }
+  EndTracks(w);
   EnterWrites(w);
   uint64_t size = FileTell(w->File);
   FileClose(w->File);

@@ -5,7 +5,7 @@
 // the file on disk plays up to its last checkpoint while the run goes on; the close renames
 // the temporary file to the output name (or deletes it on discard).
 //
-// This build writes the first generation (versions 100 to 199) and no sound tracks yet.
+// This build writes the first generation (versions 100 to 199).
 #pragma once
 #include <cstdint>
 #include <vector>
@@ -113,6 +113,9 @@ struct VelmoWriter {
 // Opens "<path>.tmp", writes the header and empty tables. Null on failure (after telling it
 // through `progress`). `version` 100 to 199; the second generation is refused. `text` may be
 // null. `keyRate` is the /N rate in bytes per second (0 none). `colourBlock` must be null.
+// `tracks` (trackCount records, at most 256) are started by VelmoWriterTrackStart and stay the
+// caller's memory until the close; the writer frees their encoders at its close, and leaves
+// them to the caller when the open fails.
 VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version, uint32_t width,
                              uint32_t height, uint32_t frames, uint32_t textLength,
                              const char* text, uint32_t keyInterval, uint32_t rateNumerator,

@@ -11,25 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "audio/audio_test_util.h"
-#include "compress/audio/velmo_audio.h"
+#include "sound_track_check.h"
 
 namespace {
 
 using audio_test::Samples;
-
-struct MemorySound {
-  const uint8_t* Data;
-  size_t Size, Position;
-};
-
-uint32_t ReadMemory(void* source, void* buffer, uint32_t bytes) {
-  MemorySound* s = static_cast<MemorySound*>(source);
-  const size_t n = std::min<size_t>(bytes, s->Size - s->Position);
-  std::memcpy(buffer, s->Data + s->Position, n);
-  s->Position += n;
-  return uint32_t(n);
-}
+using sound_check::MemorySound;
+using sound_check::ReadMemory;
 
 // A source that hands out at most 100 bytes a call, as a sound input may at its seams.
 uint32_t ReadMemoryInBits(void* source, void* buffer, uint32_t bytes) {
@@ -114,35 +102,14 @@ Walked Walk(const Written& w) {
   return out;
 }
 
-// Decodes the track as the reader does: per packet, blocks until its decoded count is met.
+// Decodes the track as the reader does.
 Samples Decode(const Written& w, const Walked& walked) {
-  uint32_t mode = 0;
-  EXPECT_TRUE(VelmoAudioTrackMode(w.Track.TrackFlags, &mode));
-  std::vector<uint8_t> memory(VelmoAudioDecoderSize(w.Track.SampleRate, w.Track.Channels));
-  VelmoAudioDecoder* decoder =
-      VelmoAudioDecoderOpen(memory.data(), w.Track.SampleRate, w.Track.Channels, mode);
-  EXPECT_NE(decoder, nullptr);
-  if (!decoder) return {};
-  std::vector<uint8_t> out;
-  std::vector<uint8_t> block(VelmoAudioDecoderBlockBytes(decoder));
+  std::vector<sound_check::SoundSpan> spans;
   for (size_t f = 0; f < w.Packets.size(); ++f) {
     const VelmoSoundPacket& s = walked.Sounds[f];
-    if (!s.PacketSize) continue;
-    VelmoAudioInput input{w.Packets[f].data() + s.DataOffset, s.DataSize, 0};
-    uint32_t remain = s.DecodedBytes;
-    while (remain && input.Position < input.Size) {
-      VelmoAudioRing ring{block.data(), block.data() + block.size(), block.data(),
-                          uint32_t(block.size()), 0, 0, 16};
-      VelmoAudioDecodeBlock(decoder, &ring, &input);
-      const uint32_t take = std::min(remain, ring.Offered);
-      out.insert(out.end(), block.begin(), block.begin() + take);
-      remain -= take;
-    }
-    EXPECT_EQ(remain, 0u) << "frame " << f << " holds fewer blocks than its decoded count";
+    if (s.PacketSize) spans.push_back({w.Packets[f].data() + s.DataOffset, s.DataSize, s.DecodedBytes});
   }
-  Samples pcm(out.size() / 2);
-  std::memcpy(pcm.data(), out.data(), pcm.size() * 2);
-  return pcm;
+  return sound_check::DecodeSpans(w.Track.TrackFlags, w.Track.SampleRate, w.Track.Channels, spans);
 }
 
 uint64_t SumRawDecoded(const Walked& walked) {

@@ -1,0 +1,236 @@
+// The output writer with sound tracks: track tables at every checkpoint and at the close,
+// packets before each frame's video, the largest frame with its sound, the sound's share of
+// the data rate, and files that the reader's parsing and the frame decoder take whole.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "compress/velmo1_file_check.h"
+#include "compress/velmo_sound_track.h"
+#include "compress/velmo_writer.h"
+#include "sound_track_check.h"
+
+namespace {
+
+using audio_test::Samples;
+using sound_check::MemorySound;
+
+std::string TempDir() {
+  char pattern[] = "/tmp/wtrack_writer_XXXXXX";
+  return mkdtemp(pattern);
+}
+
+std::vector<uint32_t> Picture(uint32_t w, uint32_t h, uint32_t t) {
+  std::vector<uint32_t> p(size_t(w) * h);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) {
+      const uint32_t r = (x * 7 + t * 3) & 255, g = (y * 5 + ((x / 8 + y / 8 + t) & 1) * 90) & 255,
+                     b = (x ^ y ^ t) & 255;
+      p[size_t(y) * w + x] = 0xff000000u | r << 16 | g << 8 | b;
+    }
+  return p;
+}
+
+// What the growing file showed at each "Compressing" label: frames, and the first track's
+// table entries, against the largest decoded count of the frames written by then.
+struct Observed {
+  std::string Path;
+  std::vector<uint32_t> Frames, TableMax, LargestSoFar, Formats, Ids;
+};
+
+// The largest decoded count of a track over the first `frames` frames of a parsed file.
+uint32_t LargestDecoded(const Velmo1FileCheck& c, uint32_t frames, uint32_t track = 0) {
+  uint32_t largest = 0;
+  for (uint32_t f = 0; f < frames; ++f) {
+    const uint64_t start = VelmoEntryOffset(c.Offsets[f]), end = VelmoEntryOffset(c.Offsets[f + 1]);
+    std::vector<VelmoSoundPacket> s(c.Info.TrackCount);
+    VelmoWalkFramePacket(c.Bytes.data() + start, size_t(end - start), c.Info.TrackCount, s.data());
+    uint32_t raw = 0;
+    if (s[track].PacketSize) std::memcpy(&raw, c.Bytes.data() + start + s[track].Offset + 4, 4);
+    largest = std::max(largest, raw);
+  }
+  return largest;
+}
+
+int Watch(uint32_t kind, VelmoWriter* w, const char*) {
+  Observed* o = static_cast<Observed*>(w->UserData);
+  if (kind != VelmoProgressLabel || !o) return 0;
+  Velmo1FileCheck check;
+  if (Velmo1CheckOpen(o->Path.c_str(), &check) != nullptr) return 0;
+  const VelmoTrackInfo t = VelmoTableTrack(check.Info.Tables, 0);
+  o->Frames.push_back(check.Info.Header.Frames);
+  o->TableMax.push_back(t.MaxBytes);
+  o->LargestSoFar.push_back(LargestDecoded(check, check.Info.Header.Frames));
+  o->Formats.push_back(t.Format);
+  o->Ids.push_back(t.Id);
+  return 0;
+}
+
+struct Clip {
+  uint64_t Size = 0;
+  VelmoWriterTrack Tracks[2]{};
+  uint32_t TrackFlags[2]{};
+};
+
+// Writes `frames` frames of 48 x 32 at 12 a second with `trackCount` tracks of music: track t
+// at 22050 Hz mono (t = 0) or 11025 Hz stereo (t = 1), ids 40 + t.
+Clip WriteClip(const std::string& out, uint32_t frames, uint32_t trackCount,
+              const Samples* music, Observed* observed = nullptr) {
+  Clip r;
+  MemorySound sounds[2];
+  for (uint32_t t = 0; t < trackCount; ++t) {
+    sounds[t] = {reinterpret_cast<const uint8_t*>(music[t].data()), music[t].size() * 2, 0};
+    VelmoWriterTrack& k = r.Tracks[t];
+    k.TrackId = 40 + t;
+    k.SampleRate = t ? 11025 : 22050;
+    k.Bits = 16;
+    k.Channels = t + 1;
+    k.Source = &sounds[t];
+    k.ReadSamples = sound_check::ReadMemory;
+    EXPECT_TRUE(VelmoWriterTrackStart(&k, t ? 104 : 0, frames, 12, 1));
+    r.TrackFlags[t] = k.TrackFlags;
+  }
+  VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 101, 48, 32, frames, 0, nullptr, 0, 12, 1,
+                                   trackCount, r.Tracks, 4, 10000, nullptr, 0,
+                                   observed ? Watch : nullptr, observed);
+  EXPECT_NE(w, nullptr);
+  if (!w) return r;
+  if (observed) {
+    observed->Path = out + ".tmp";
+    w->CheckpointBytes = 1;  // a checkpoint after every frame
+    w->NextCheckpointBytes = w->FileSize + 1;
+  }
+  for (uint32_t f = 0; f < frames; ++f) {
+    const std::vector<uint32_t> pic = Picture(48, 32, f);
+    EXPECT_TRUE(VelmoWriterAddFrame(w, 2000, 6000, false, pic.data(), 48 * 4, false));
+    VelmoWriterCommit(w);
+  }
+  r.Size = VelmoWriterClose(w, false);
+  for (uint32_t t = 0; t < trackCount; ++t) EXPECT_EQ(r.Tracks[t].Encoder, nullptr);
+  return r;
+}
+
+// Each frame's video section bytes, and the sound spans of track `track`.
+void SplitFrames(const Velmo1FileCheck& c, uint32_t track, std::vector<uint32_t>* video,
+                 std::vector<sound_check::SoundSpan>* spans, uint32_t* largestFrame,
+                 uint64_t* rawDecoded) {
+  *largestFrame = 0;
+  *rawDecoded = 0;
+  for (uint32_t f = 0; f < c.Info.Header.Frames; ++f) {
+    const uint64_t start = VelmoEntryOffset(c.Offsets[f]), end = VelmoEntryOffset(c.Offsets[f + 1]);
+    std::vector<VelmoSoundPacket> s(c.Info.TrackCount);
+    const VelmoPacketLayout layout = VelmoWalkFramePacket(
+        c.Bytes.data() + start, size_t(end - start), c.Info.TrackCount, s.data());
+    EXPECT_TRUE(layout.HasVideo) << f;
+    video->push_back(layout.VideoSize);
+    *largestFrame = std::max(*largestFrame, uint32_t(end - start));
+    if (track < c.Info.TrackCount && s[track].PacketSize) {
+      spans->push_back({c.Bytes.data() + start + s[track].DataOffset, s[track].DataSize,
+                        s[track].DecodedBytes});
+      uint32_t raw;
+      std::memcpy(&raw, c.Bytes.data() + start + s[track].Offset + 4, 4);
+      *rawDecoded += raw;
+    }
+  }
+}
+
+TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
+  const std::string dir = TempDir(), out = dir + "/two.vlm";
+  const uint32_t frames = 18;  // 1.5 seconds
+  const Samples music[2] = {audio_test::Music(22050, 1, 33075),
+                            audio_test::Music(11025, 2, 16538)};
+  const Clip r = WriteClip(out, frames, 2, music);
+  ASSERT_GT(r.Size, 0u);
+  Velmo1FileCheck check;
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  ASSERT_EQ(check.Info.TrackCount, 2u);
+  EXPECT_EQ(check.Info.Header.Frames, frames);
+  // The video decodes past the sound packets.
+  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), frames);
+  uint32_t largestFrame[2];
+  for (uint32_t t = 0; t < 2; ++t) {
+    const VelmoTrackInfo info = VelmoTableTrack(check.Info.Tables, t);
+    EXPECT_EQ(info.Id, 40 + t);
+    EXPECT_EQ(info.Format, r.TrackFlags[t]);
+    EXPECT_EQ(info.Format & VelmoTrackRateMask, t ? 11025u : 22050u);
+    EXPECT_EQ(bool(info.Format & VelmoTrackStereo), t == 1);
+    EXPECT_EQ(VelmoTrackIsCurrentForm(info.Format), t == 0);
+    EXPECT_EQ(info.MaxBytes, LargestDecoded(check, frames, t));
+    std::vector<uint32_t> video;
+    std::vector<sound_check::SoundSpan> spans;
+    uint64_t raw = 0;
+    SplitFrames(check, t, &video, &spans, &largestFrame[t], &raw);
+    const uint32_t rate = t ? 11025 : 22050, channels = t + 1;
+    EXPECT_EQ(raw, (uint64_t(rate) * channels * 2 * frames / 12 + 3) & ~uint64_t(3));
+    const Samples decoded = sound_check::DecodeSpans(info.Format, rate, channels, spans);
+    EXPECT_GT(audio_test::Snr(music[t], decoded), t ? 24 : 26);
+  }
+  EXPECT_EQ(check.Info.Header.LargestFrameSize, largestFrame[0]);
+  std::remove(out.c_str());
+  rmdir(dir.c_str());
+}
+
+TEST(VelmoWriterSound, CheckpointsCarryTheTablesSoFar) {
+  const std::string dir = TempDir(), out = dir + "/grow.vlm";
+  const Samples music[1] = {audio_test::Music(22050, 1, 22050)};
+  Observed seen;
+  const Clip r = WriteClip(out, 12, 1, music, &seen);
+  ASSERT_GE(seen.Frames.size(), 8u);
+  for (size_t i = 0; i < seen.Frames.size(); ++i) {
+    EXPECT_EQ(seen.TableMax[i], seen.LargestSoFar[i]) << "at " << seen.Frames[i] << " frames";
+    EXPECT_EQ(seen.Formats[i], r.TrackFlags[0]);
+    EXPECT_EQ(seen.Ids[i], 40u);
+  }
+  // The largest count grows: frame 0's lead-in first, then no packet is as large.
+  EXPECT_GT(seen.TableMax.back(), 0u);
+  std::remove(out.c_str());
+  rmdir(dir.c_str());
+}
+
+// The sound's bytes come out of the frames' shares: with the same targets, the video of a
+// file with sound is smaller, by about what the sound takes.
+TEST(VelmoWriterSound, SoundTakesItsShareOfTheRate) {
+  const std::string dir = TempDir(), silent = dir + "/silent.vlm", loud = dir + "/loud.vlm";
+  const uint32_t frames = 12;
+  const Samples music[1] = {audio_test::Music(22050, 1, 22050)};
+  WriteClip(silent, frames, 0, nullptr);
+  WriteClip(loud, frames, 1, music);
+  Velmo1FileCheck a, b;
+  ASSERT_EQ(Velmo1CheckOpen(silent.c_str(), &a), nullptr);
+  ASSERT_EQ(Velmo1CheckOpen(loud.c_str(), &b), nullptr);
+  std::vector<uint32_t> videoA, videoB;
+  std::vector<sound_check::SoundSpan> spans;
+  uint32_t largest;
+  uint64_t raw;
+  SplitFrames(a, 0, &videoA, &spans, &largest, &raw);
+  SplitFrames(b, 0, &videoB, &spans, &largest, &raw);
+  uint64_t sumA = 0, sumB = 0, sound = 0;
+  for (uint32_t f = 0; f < frames; ++f) {
+    sumA += videoA[f];
+    sumB += videoB[f];
+  }
+  for (const auto& s : spans) sound += s.Size;
+  ASSERT_GT(sound, 0u);
+  EXPECT_LT(sumB, sumA);
+  EXPECT_LT(sumA - sumB, sound * 2);
+  std::remove(silent.c_str());
+  std::remove(loud.c_str());
+  rmdir(dir.c_str());
+}
+
+TEST(VelmoWriterSound, OpenRefusesTrackTablesItCannotWrite) {
+  const std::string dir = TempDir(), out = dir + "/x.vlm";
+  VelmoWriterTrack tracks[1]{};
+  EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 0, 24, 1, 1, nullptr, 4,
+                            10000, nullptr, 0, nullptr, nullptr),
+            nullptr);
+  EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 0, 24, 1, 257, tracks, 4,
+                            10000, nullptr, 0, nullptr, nullptr),
+            nullptr);
+  EXPECT_NE(access((out + ".tmp").c_str(), F_OK), 0);
+  rmdir(dir.c_str());
+}
+
+}  // namespace
