@@ -1,5 +1,5 @@
-// VelmoConv: switches, the help, the frame loop, the sound-only copy, the progress tick and the
-// cancel dialog.
+// VelmoConv: switches, the help, the frame loop with the sound laid beside the frames, the
+// sound-only copy, the progress tick and the cancel dialog.
 #include "convert/velmoconv.h"
 
 #include <strings.h>
@@ -15,7 +15,7 @@
 #include "host/platform.h"
 #include "host/switches.h"
 #include "host/textformat.h"
-#include "media/media_internal.h"  // MediaReadWaveInfo: the wave header walk of the wave reader
+#include "media/sound.h"
 
 namespace {
 
@@ -36,9 +36,7 @@ const char HelpText[] =
     "    also the /S and /E switches on each line of a list file to specify a\n"
     "    subset of frames in each input file to convert.  List files must have\n"
     "    an .LST extension.\n"
-    "\n  This build also writes YUV4MPEG2 streams (.y4m, or \"-\" for standard output).\n"
-    "  Sound is copied only from wave inputs to wave or raw outputs; the sound of\n"
-    "    video inputs is not converted yet.\n";
+    "\n  This build also writes YUV4MPEG2 streams (.y4m, or \"-\" for standard output).\n";
 
 const char VideoHelpText[] =
     "\nVideo switches:\n"
@@ -113,11 +111,13 @@ volatile int g_finished = 0;
 volatile uint32_t g_cancel = 0;
 volatile uint32_t g_tickBusy = 0;
 volatile uint32_t g_stopped = 0;
-volatile uint32_t g_count = 0;      // frames converted, or sound bytes for sound only
+volatile uint64_t g_count = 0;      // frames converted, or sound bytes for sound only
 volatile uint64_t g_bytes = 0;      // output bytes so far
-uint32_t g_total = 0;
+uint64_t g_total = 0;
 bool g_soundOnly = false;
-uint32_t g_startMs = 0, g_lastElapsedMs = 0, g_shownCount = ~0u;
+uint32_t g_startMs = 0, g_lastElapsedMs = 0;
+uint64_t g_shownCount = ~0ull;
+bool g_framesStarted = false;       // the frame loop runs: its status line stands
 uint64_t g_shownBytes = ~0ull;
 bool g_declined = false;            // the user said No to the overwrite question
 
@@ -141,6 +141,13 @@ int Message(const char* text, int level) {
   return int(g_cancel);
 }
 
+// The sound's messages while frames are converted: its per-read status would fight with the
+// frame status, so only what comes before the frame loop (normalising) and boxes pass.
+int SoundMessage(const char* text, int level) {
+  if (g_framesStarted && (level == MediaLevelStatus || level == MediaLevelStep)) return int(g_cancel);
+  return Message(text, level);
+}
+
 bool AskOverwrite(const char* question, void*) {
   const bool yes = ToolFrameAsk(question, ToolBoxDefaultSecond) == 1;
   if (!yes) g_declined = true;
@@ -161,27 +168,29 @@ void Tick(ToolDialog*) {
     g_lastElapsedMs = now;
     ShowTime(VelmoConvIdElapsed, elapsed);
   }
-  const uint32_t count = g_count;
+  const uint64_t count = g_count;
   if (count != g_shownCount && g_total) {
     g_shownCount = count;
-    const uint32_t percent = uint32_t(std::min<uint64_t>(99, (uint64_t(count) + 1) * 100 / g_total));
+    const uint32_t percent = uint32_t(std::min<uint64_t>(99, (count + 1) * 100 / g_total));
     char text[200];
     if (g_soundOnly)
-      std::snprintf(text, sizeof text, "Converting %u kb of %u kb (%u%%)...", count / 1024,
-                    g_total / 1024, percent);
+      std::snprintf(text, sizeof text, "Converting %llu kb of %llu kb (%u%%)...",
+                    (unsigned long long)(count / 1024), (unsigned long long)(g_total / 1024),
+                    percent);
     else
-      std::snprintf(text, sizeof text, "Processing %u of %u (%u%%)...", count, g_total, percent);
+      std::snprintf(text, sizeof text, "Processing %llu of %llu (%u%%)...",
+                    (unsigned long long)count, (unsigned long long)g_total, percent);
     ToolFrameSetText(VelmoConvIdStatus, text);
     std::snprintf(text, sizeof text, "%u%% - Velmo Converter", percent);
     ToolFrameSetCaption(text);
     ToolFrameSetProgress(ToolIdProgress, int(percent));
-    if (count) ShowTime(VelmoConvIdRemaining, uint64_t(g_total - std::min(count, g_total)) * elapsed / count);
+    if (count) ShowTime(VelmoConvIdRemaining, (g_total - std::min(count, g_total)) * elapsed / count);
   }
   const uint64_t bytes = g_bytes;
   if (bytes != g_shownBytes && count) {
     g_shownBytes = bytes;
     char number[40], text[80];
-    FormatThousands(number, sizeof number, int64_t(uint64_t(g_total) * bytes / count));
+    FormatThousands(number, sizeof number, int64_t(g_total * bytes / count));
     std::snprintf(text, sizeof text, "Projecting: %s bytes", number);
     ToolFrameSetText(VelmoConvIdProjected, text);
   }
@@ -234,7 +243,8 @@ void ResetRunState() {
   g_bytes = 0;
   g_total = 0;
   g_declined = false;
-  g_shownCount = ~0u;
+  g_framesStarted = false;
+  g_shownCount = ~0ull;
   g_shownBytes = ~0ull;
   g_startMs = g_lastElapsedMs = TimerMs();
 }
@@ -269,59 +279,63 @@ void StartDialog(const char* typeName, const char* output) {
   ToolFrameSetTimer(Tick, 500);
 }
 
-// ---- Sound only: a wave input copied to a wave or raw output ---------------------------------
+// ---- Sound ---------------------------------------------------------------------------------
 
-int ConvertSound(const VelmoConvSettings& s) {
-  FILE* in = std::fopen(s.input, "rb");
-  MediaWaveInfo info{};
-  if (!in || !MediaReadWaveInfo(in, &info) || info.format_tag != 1 || !info.block_align) {
-    if (in) std::fclose(in);
-    ToolFrameError("No audio could be read from the input file.");
-    return ToolExitInputError;
+// Opens the sound of the input with the run's sound switches; null when there is none.
+SoundInput* OpenSound(const VelmoConvSettings& s, uint32_t startMs, uint32_t endMs,
+                      ProgressFn progress) {
+  if (s.track < 0) return nullptr;
+  return SoundOpen(s.input, uint32_t(s.rate), uint32_t(s.bits), uint32_t(s.channels), startMs,
+                   endMs, uint32_t(s.track), s.forced_input, uint32_t(s.skip_bytes), progress);
+}
+
+void ShowSoundFormat(const SoundInput* sound) {
+  char text[200];
+  std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", sound->rate, sound->bits,
+                sound->channels == 2 ? "stereo" : "mono");
+  ToolFrameSetText(VelmoConvIdAudio, text);
+}
+
+bool MayOverwrite(const VelmoConvSettings& s) {
+  struct stat st;
+  if (s.overwrite || stat(s.output, &st) != 0) return true;
+  const std::string q = std::string("File ") + s.output + " exists, overwrite?";
+  return ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) == 1;
+}
+
+// Sound only: the sound goes to a wave file (or bare samples for ".raw"), 16384 bytes at a time.
+int ConvertSound(const VelmoConvSettings& s, SoundInput* sound) {
+  if (!MayOverwrite(s)) {
+    SoundClose(sound);
+    return ToolExitNoOverwrite;
   }
-  if (!s.overwrite) {
-    struct stat st;
-    if (stat(s.output, &st) == 0) {
-      const std::string q = std::string("File ") + s.output + " exists, overwrite?";
-      if (ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) != 1) {
-        std::fclose(in);
-        return ToolExitNoOverwrite;
-      }
-    }
-  }
-  WaveFile* out = WaveCreate(s.output, info.sample_rate, info.bits, info.channels,
+  WaveFile* out = WaveCreate(s.output, sound->rate, sound->bits, sound->channels,
                              EndsWith(s.output, ".raw"));
   if (!out) {
-    std::fclose(in);
+    SoundClose(sound);
     ToolFrameError("Error opening output file.");
     return ToolExitOutputError;
   }
-  char text[200];
-  std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", info.sample_rate, info.bits,
-                info.channels == 2 ? "stereo" : "mono");
-  ToolFrameSetText(VelmoConvIdAudio, text);
+  ShowSoundFormat(sound);
   ToolFrameSetText(VelmoConvIdVideo, "No video.");
   g_soundOnly = true;
-  g_total = uint32_t(std::min<uint64_t>(info.data_bytes, 0xFFFFFFFFu));
-  StartDialog("Wave file", s.output);
+  g_total = sound->total_bytes;
+  StartDialog(sound->type_name ? sound->type_name : "Sound", s.output);
   std::vector<uint8_t> buffer(16384);
-  uint64_t left = info.data_bytes;
   int code = ToolExitDone;
-  while (left && !g_cancel) {
-    const size_t want = size_t(std::min<uint64_t>(left, buffer.size()));
-    const size_t got = std::fread(buffer.data(), 1, want, in);
+  while (!g_cancel) {
+    const uint32_t got = SoundRead(sound, buffer.data(), uint32_t(buffer.size()));
     if (!got) break;
     if (!WaveWrite(out, buffer.data(), got)) {
       ToolFrameError(DiskFullText);
       code = ToolExitDiskWriteError;
       break;
     }
-    left -= got;
-    g_count = g_count + uint32_t(got);
+    g_count = g_count + got;
     g_bytes = g_count;
   }
   StopTicks();
-  std::fclose(in);
+  SoundClose(sound);
   const uint64_t size = WaveClose(out);
   if (code == ToolExitDone && !size) {
     ToolFrameError(DiskFullText);
@@ -335,13 +349,24 @@ int ConvertSound(const VelmoConvSettings& s) {
 // ---- Video -----------------------------------------------------------------------------------
 
 struct VideoRun {
+  SoundInput* sound = nullptr;
   MediaInput* input = nullptr;
   OutputWriter* writer = nullptr;
+  // Sound, input and writer are closed in that order.
   ~VideoRun() {
-    if (writer) OutputClose(writer);
+    if (sound) SoundClose(sound);
     if (input) MediaClose(input);
+    if (writer) OutputClose(writer);
   }
 };
+
+// Milliseconds from the start of the source to the start of output frame `frames` (counted
+// from the first frame that /S keeps).
+uint32_t FrameTimeMs(const MediaInput* in, uint64_t frames) {
+  if (!in->output_rate_num) return 0;
+  const uint64_t ms = frames * in->output_rate_den * 1000 / in->output_rate_num;
+  return uint32_t(std::min<uint64_t>(ms, 0xFFFFFFFFu));
+}
 
 int ConvertVideo(VelmoConvSettings& s) {
   VideoRun run;
@@ -349,8 +374,31 @@ int ConvertVideo(VelmoConvSettings& s) {
   args.title = "Converting";
   args.progress = Message;
   run.input = MediaOpenWith(s.input, &args);
-  if (!run.input) return ToolExitInputError;
+  if (run.input && run.input->type == MediaTypeSoundOnly) {
+    // A sound file read as video has no frames: the sound alone goes out.
+    MediaClose(run.input);
+    run.input = nullptr;
+  }
+  if (!run.input) {
+    // The layer has reported why the input did not open; a sound file goes on as sound only.
+    if (g_cancel) return ToolExitInputError;
+    SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), Message);
+    if (!sound) return ToolExitInputError;
+    if (VelmoConvSameFile(s.input, s.output)) {
+      SoundClose(sound);
+      ToolFrameError("The input and output files are the same file.");
+      return ToolExitOutputError;
+    }
+    return ConvertSound(s, sound);
+  }
   MediaInput* in = run.input;
+  // The sound covers the frames that go out unless a range was asked for.
+  const uint32_t startMs = s.start_ms ? uint32_t(s.start_ms) : FrameTimeMs(in, in->skip_frames);
+  const uint32_t endMs = s.end_ms ? uint32_t(s.end_ms)
+                                  : FrameTimeMs(in, uint64_t(in->skip_frames) + in->output_frames);
+  if (in->has_sound) run.sound = OpenSound(s, startMs, endMs, SoundMessage);
+  if (g_cancel) return ToolExitCancelled;
+
   const bool wantAlpha = (s.video.open_flags & MediaOpenAlpha) != 0;
   const bool quietAlpha = (s.video.open_flags & MediaOpenNoAlphaWarning) != 0;
   bool alpha = wantAlpha;
@@ -394,12 +442,21 @@ int ConvertVideo(VelmoConvSettings& s) {
                 uint32_t(uint64_t(in->output_rate_num % in->output_rate_den) * 100 /
                          in->output_rate_den));
   ToolFrameSetText(VelmoConvIdVideo, text);
-  ToolFrameSetText(VelmoConvIdAudio, "No audio.");  // the sound of video inputs comes later
+  if (run.sound && !run.writer->takes_sound) {
+    SoundClose(run.sound);
+    run.sound = nullptr;
+  }
+  if (run.sound)
+    ShowSoundFormat(run.sound);
+  else
+    ToolFrameSetText(VelmoConvIdAudio, "No audio.");
   g_soundOnly = false;
   g_total = in->output_frames;
   StartDialog(in->type_name, s.output);
+  g_framesStarted = true;
 
   const uint32_t smooth = (s.video.smooth << 16 | s.video.smooth) << 8;
+  std::vector<uint8_t> soundBuffer;
   int code = ToolExitDone;
   while (!in->at_end && !g_cancel) {
     if (!MediaGetFrame(in, s.video.denoise, smooth, s.video.contrast, s.video.brightness,
@@ -412,16 +469,35 @@ int ConvertVideo(VelmoConvSettings& s) {
       code = ToolExitDiskWriteError;
       break;
     }
+    if (SoundInput* sound = run.sound) {
+      // The writer keeps its sound three quarters of a second ahead of the frames.
+      const uint32_t wanted =
+          OutputSoundWanted(run.writer, sound->rate, sound->bits, sound->channels);
+      if (wanted > soundBuffer.size()) soundBuffer.resize(wanted);
+      const uint32_t got = wanted ? SoundRead(sound, soundBuffer.data(), wanted) : 0;
+      if (got && !OutputWriteSound(run.writer, soundBuffer.data(), got)) {
+        ToolFrameError(DiskFullText);
+        code = ToolExitDiskWriteError;
+        break;
+      }
+    }
     g_count = g_count + 1;
     g_bytes = run.writer->bytes_written;
   }
   StopTicks();
-  const uint32_t frames = g_count;
-  const uint64_t bytes = OutputClose(run.writer);
-  run.writer = nullptr;
+  const uint64_t frames = g_count;
+  if (run.sound) SoundClose(run.sound);
+  run.sound = nullptr;
   MediaClose(run.input);
   run.input = nullptr;
+  const bool avi = run.writer->kind == OutputKindAvi;
+  const uint64_t bytes = OutputClose(run.writer);
+  run.writer = nullptr;
   if (code == ToolExitDone && g_cancel) code = ToolExitCancelled;
+  if (code == ToolExitDone && avi && !bytes) {  // the AVI's indexes and headers did not fit
+    ToolFrameError(DiskFullText);
+    code = ToolExitDiskWriteError;
+  }
   if (code == ToolExitDone) ShowTotals(frames, "frames converted", bytes);
   return code;
 }
@@ -436,9 +512,11 @@ bool VelmoConvParseSwitches(char* line, VelmoConvSettings* s) {
   MediaParseSwitches(line, &s->video);
   s->track = SwitchNumber(line, 'N', 0);
   s->overwrite = SwitchFlag(line, 'O');
+  // A raw input: /L type 1 to 4 in the low three bits (less one), its /G rate above them.
   const int32_t forced = SwitchNumber(line, 'L', 0);
-  const int32_t forcedRate = SwitchNumber(line, 'G', 0);
-  if (forced >= 1 && forced <= 4) s->forced_input = uint32_t(forced - 1) | uint32_t(forcedRate) << 3;
+  const int32_t forcedRate = SwitchNumber(line, 'G', 11025);
+  if (forced >= 1 && forced <= 4 && forcedRate > 0)
+    s->forced_input = uint32_t(forced - 1) | uint32_t(forcedRate) << 3;
   s->skip_bytes = SwitchNumber(line, 'M', 0);
   s->start_ms = SwitchNumber(line, 'J', 0);
   s->end_ms = SwitchNumber(line, 'K', 0);
@@ -476,11 +554,16 @@ int VelmoConvMain(char* commandTail, ToolDialog*) {
   VelmoConvCompleteOutput(&s);
   int code;
   if (s.sound_only) {
-    if (VelmoConvSameFile(s.input, s.output)) {
+    SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), Message);
+    if (!sound) {
+      if (!g_cancel) ToolFrameError("No audio could be read from the input file.");
+      code = g_cancel ? ToolExitCancelled : ToolExitInputError;
+    } else if (VelmoConvSameFile(s.input, s.output)) {
+      SoundClose(sound);
       ToolFrameError("The input and output files are the same file.");
       code = ToolExitOutputError;
     } else {
-      code = ConvertSound(s);
+      code = ConvertSound(s, sound);
     }
   } else {
     code = ConvertVideo(s);

@@ -227,33 +227,127 @@ TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
   }
 }
 
+// A PCM wave file of interleaved 16-bit samples.
+void WriteWave(const std::string& name, uint32_t rate, uint32_t channels,
+               const std::vector<int16_t>& samples) {
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_TRUE(f);
+  const uint32_t bytes = uint32_t(samples.size() * 2);
+  auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
+  auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
+  std::fwrite("RIFF", 1, 4, f);
+  put32(36 + bytes);
+  std::fwrite("WAVEfmt ", 1, 8, f);
+  put32(16), put16(1), put16(uint16_t(channels)), put32(rate), put32(rate * channels * 2);
+  put16(uint16_t(channels * 2)), put16(16);
+  std::fwrite("data", 1, 4, f);
+  put32(bytes);
+  std::fwrite(samples.data(), 2, samples.size(), f);
+  std::fclose(f);
+}
+
+uint32_t Le32(const std::string& d, size_t at) {
+  return uint32_t(uint8_t(d[at])) | uint32_t(uint8_t(d[at + 1])) << 8 |
+         uint32_t(uint8_t(d[at + 2])) << 16 | uint32_t(uint8_t(d[at + 3])) << 24;
+}
+uint32_t Le16(const std::string& d, size_t at) {
+  return uint32_t(uint8_t(d[at])) | uint32_t(uint8_t(d[at + 1])) << 8;
+}
+
+// The 44-byte header of a written wave file against the format and data length it should have.
+void ExpectWaveHeader(const std::string& data, uint32_t rate, uint32_t bits, uint32_t channels,
+                      uint32_t dataBytes) {
+  ASSERT_EQ(data.size(), 44u + dataBytes);
+  EXPECT_EQ(data.substr(0, 4), "RIFF");
+  EXPECT_EQ(Le32(data, 4), 36u + dataBytes);
+  EXPECT_EQ(data.substr(8, 8), "WAVEfmt ");
+  EXPECT_EQ(Le32(data, 16), 16u);
+  EXPECT_EQ(Le16(data, 20), 1u);
+  EXPECT_EQ(Le16(data, 22), channels);
+  EXPECT_EQ(Le32(data, 24), rate);
+  EXPECT_EQ(Le32(data, 28), rate * channels * bits / 8);
+  EXPECT_EQ(Le16(data, 32), channels * bits / 8);
+  EXPECT_EQ(Le16(data, 34), bits);
+  EXPECT_EQ(data.substr(36, 4), "data");
+  EXPECT_EQ(Le32(data, 40), dataBytes);
+}
+
+std::vector<int16_t> Samples16(const std::string& data, size_t from) {
+  std::vector<int16_t> out((data.size() - from) / 2);
+  std::memcpy(out.data(), data.data() + from, out.size() * 2);
+  return out;
+}
+
 TEST_F(VelmoConvRun, WaveCopiedToWaveAndRaw) {
   const std::string wav = dir + "/tone.wav";
   std::vector<int16_t> samples(1000);
   for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 37);
-  {
-    FILE* f = std::fopen(wav.c_str(), "wb");
-    ASSERT_TRUE(f);
-    auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
-    auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
-    std::fwrite("RIFF", 1, 4, f);
-    put32(36 + 2000);
-    std::fwrite("WAVEfmt ", 1, 8, f);
-    put32(16), put16(1), put16(1), put32(8000), put32(16000), put16(2), put16(16);
-    std::fwrite("data", 1, 4, f);
-    put32(2000);
-    std::fwrite(samples.data(), 2, samples.size(), f);
-    std::fclose(f);
-  }
+  WriteWave(wav, 8000, 1, samples);
   ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy"), 0);
   const std::string copy = ReadAll(dir + "/copy.wav");
-  ASSERT_EQ(copy.size(), 44u + 2000u);
+  ExpectWaveHeader(copy, 8000, 16, 1, 2000);
   EXPECT_EQ(copy.substr(44), std::string(reinterpret_cast<const char*>(samples.data()), 2000));
   ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy.raw"), 0);
   EXPECT_EQ(ReadAll(dir + "/copy.raw"), copy.substr(44));
-  // A picture has no sound to copy.
+  // The same file read as headerless 16-bit mono at a forced rate, past its 44 header bytes.
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/forced.wav /L3 /G11025 /M44"), 0);
+  const std::string forced = ReadAll(dir + "/forced.wav");
+  ExpectWaveHeader(forced, 11025, 16, 1, 2000);
+  EXPECT_EQ(forced.substr(44), copy.substr(44));
+  // Read as 8-bit stereo instead: each byte pair is one sample of two 8-bit channels.
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/bytes.wav /L2 /G8000 /M44 /B8"), 0);
+  const std::string bytes = ReadAll(dir + "/bytes.wav");
+  ExpectWaveHeader(bytes, 8000, 8, 2, 2000);
+  EXPECT_EQ(bytes.substr(44), copy.substr(44));
+  // A picture has no sound to copy, and /N-1 asks for none.
   MakeSeries(dir + "/in", 1, 8, 8, false);
   EXPECT_EQ(Code(RunProgram("velmoconv " + dir + "/in1.png " + dir + "/x.wav")), Code(8002));
+  EXPECT_EQ(Code(RunProgram("velmoconv " + wav + " " + dir + "/y.wav /N-1")), Code(8002));
+  EXPECT_FALSE(Exists(dir + "/y.wav"));
+}
+
+TEST_F(VelmoConvRun, WaveOutputsTakeFormatAndRangeSwitches) {
+  // Stereo at 8000 Hz, one second: left rises by 40 a sample, right by 8.
+  const std::string wav = dir + "/st.wav";
+  std::vector<int16_t> samples;
+  for (int i = 0; i < 8000; ++i) {
+    samples.push_back(int16_t(i * 4 % 32000));
+    samples.push_back(int16_t(i * 2 % 16000));
+  }
+  WriteWave(wav, 8000, 2, samples);
+  // Mono: the mean of the two channels.
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/mono.wav /C1"), 0);
+  const std::string mono = ReadAll(dir + "/mono.wav");
+  ExpectWaveHeader(mono, 8000, 16, 1, 16000);
+  const std::vector<int16_t> m = Samples16(mono, 44);
+  ASSERT_EQ(m.size(), 8000u);
+  for (size_t i = 0; i < m.size(); i += 97)
+    EXPECT_EQ(m[i], (samples[2 * i] + samples[2 * i + 1]) / 2) << i;
+  // 8 bits: the top byte of each value with its sign bit turned over.
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/eight.wav /B8"), 0);
+  const std::string eight = ReadAll(dir + "/eight.wav");
+  ExpectWaveHeader(eight, 8000, 8, 2, 16000);
+  for (size_t i = 0; i < samples.size(); i += 101)
+    EXPECT_EQ(uint8_t(eight[44 + i]), uint8_t((samples[i] >> 8) + 128)) << i;
+  // Milliseconds 250 to 500: samples 2000 to 3999.
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/part.wav /J250 /K500"), 0);
+  const std::string part = ReadAll(dir + "/part.wav");
+  ExpectWaveHeader(part, 8000, 16, 2, 2000 * 4);
+  const std::vector<int16_t> p = Samples16(part, 44);
+  ASSERT_EQ(p.size(), 4000u);
+  EXPECT_EQ(p.front(), samples[4000]);
+  EXPECT_EQ(p.back(), samples[7999]);
+  // Twice the rate: twice the samples, the source's values at the even places.
+  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/fast.wav /R16000 /J0 /K100"), 0);
+  const std::string fast = ReadAll(dir + "/fast.wav");
+  ExpectWaveHeader(fast, 16000, 16, 2, 1600 * 4);
+  const std::vector<int16_t> f = Samples16(fast, 44);
+  ASSERT_EQ(f.size(), 3200u);
+  for (size_t i = 10; i < 790; i += 37) {
+    const int left = samples[2 * i];
+    EXPECT_NEAR(f[4 * i], left, 1) << i;
+    EXPECT_NEAR(f[4 * i + 2], left + 2, 1) << i;  // half way to the next (4 on)
+  }
 }
 
 TEST_F(VelmoConvRun, ExitCodes) {
