@@ -86,7 +86,7 @@ TEST(SoundBits, EightBitInAndOut) {
   TempDir dir;
   std::vector<uint8_t> bytes;
   for (int v = 0; v < 256; ++v) bytes.push_back(static_cast<uint8_t>(v));
-  WaveSpec w;
+  WaveShape w;
   w.bits = 8;
   w.rate = 11025;
   WriteBytes(dir / "e.wav", Wave(w, bytes));
@@ -121,7 +121,7 @@ TEST(SoundFormats, TwentyFourAndThirtyTwoBitsGiveTheirTopSixteen) {
       for (uint32_t b = 0; b < bits / 8 - 2; ++b) data.push_back(static_cast<uint8_t>(i * 37 + b));
       Put16(&data, static_cast<uint16_t>(top[i]));
     }
-    WaveSpec w;
+    WaveShape w;
     w.bits = bits;
     w.channels = 2;
     WriteBytes(dir / "d.wav", Wave(w, data));
@@ -150,7 +150,7 @@ TEST(SoundFormats, FloatWavesScaleAndClamp) {
       }
       data.insert(data.end(), raw, raw + bits / 8);
     }
-    WaveSpec w;
+    WaveShape w;
     w.tag = 3;
     w.bits = bits;
     WriteBytes(dir / "f.wav", Wave(w, data));
@@ -161,7 +161,7 @@ TEST(SoundFormats, FloatWavesScaleAndClamp) {
 TEST(SoundFormats, ExtensibleWavesByTheirSubFormatOthersRefused) {
   TempDir dir;
   const std::vector<int16_t> values = Noise(64, 9);
-  WaveSpec w;
+  WaveShape w;
   w.tag = 0xFFFE;
   w.channels = 2;
   WriteBytes(dir / "x.wav", Wave(w, Pcm16(values)));
@@ -182,11 +182,11 @@ TEST(SoundFormats, ExtensibleWavesByTheirSubFormatOthersRefused) {
   w.sub_tag = 2;  // ADPCM inside the extensible form
   WriteBytes(dir / "xa.wav", Wave(w, Pcm16(values)));
   EXPECT_EQ(Open(dir / "xa.wav"), nullptr);
-  WaveSpec adpcm;
+  WaveShape adpcm;
   adpcm.tag = 2;
   WriteBytes(dir / "a.wav", Wave(adpcm, Pcm16(values)));
   EXPECT_EQ(Open(dir / "a.wav"), nullptr);
-  WaveSpec odd;
+  WaveShape odd;
   odd.bits = 12;
   WriteBytes(dir / "o.wav", Wave(odd, Pcm16(values)));
   EXPECT_EQ(Open(dir / "o.wav"), nullptr);

@@ -19,14 +19,14 @@ inline void Put32(std::vector<uint8_t>* out, uint32_t v) {
 }
 inline void PutText(std::vector<uint8_t>* out, const char* four) { out->insert(out->end(), four, four + 4); }
 
-struct WaveSpec {
+struct WaveShape {
   uint32_t tag = 1;  // 1 PCM, 3 float, 0xFFFE extensible
   uint32_t sub_tag = 1;  // the extensible sub-format
   uint32_t channels = 1, rate = 22050, bits = 16;
 };
 
 // A whole wave file around `data`, with an odd-length chunk before "fmt " to test the padding.
-inline std::vector<uint8_t> Wave(const WaveSpec& w, const std::vector<uint8_t>& data) {
+inline std::vector<uint8_t> Wave(const WaveShape& w, const std::vector<uint8_t>& data) {
   std::vector<uint8_t> fmt;
   Put16(&fmt, w.tag);
   Put16(&fmt, w.channels);
@@ -75,7 +75,7 @@ inline void WriteBytes(const std::string& name, const std::vector<uint8_t>& byte
 
 inline void WriteWave16(const std::string& name, uint32_t rate, uint32_t channels,
                         const std::vector<int16_t>& values) {
-  WaveSpec w;
+  WaveShape w;
   w.rate = rate;
   w.channels = channels;
   WriteBytes(name, Wave(w, Pcm16(values)));
