@@ -1,5 +1,5 @@
-// ORNInfo: the media layer's view of a file, the reader library's Velmo details, a wave file's
-// sound format, and the file system's facts, as one text.
+// ORNInfo: the media layer's view of a file, the reader library's Velmo details, the sound
+// layer's view of its sound, and the file system's facts, as one text.
 #include "tools/orninfo.h"
 
 #include <sys/stat.h>
@@ -15,7 +15,8 @@
 #include "host/textformat.h"
 #include "host/toolframe.h"
 #include "media/media.h"
-#include "media/media_internal.h"  // MediaReadWaveInfo
+#include "media/sound.h"
+#include "media/sound_source.h"  // the source format's float flag
 #include "media/readers/stream_readers.h"
 #include "reader/container.h"
 #include "velmo.h"
@@ -166,17 +167,15 @@ void AddStreamFrameSizes(std::string* out, const char* name, uint32_t type) {
       Line, Thousands(summary.highest_second_frame + 1).c_str());
 }
 
-// Line 12: the sound of a wave file.
-void AddWave(std::string* out, const char* name) {
-  FILE* file = std::fopen(name, "rb");
-  if (!file) return;
-  MediaWaveInfo info;
-  if (MediaReadWaveInfo(file, &info) && info.sample_rate) {
-    Add(out, "%sSound info (%s file):", Line, "wave");
-    Add(out, "\r\n      %u Hz, %u bit%s, %u channel sound data.", info.sample_rate, info.bits,
-        info.format_tag == 3 ? "(float)" : "", info.channels);
-  }
-  std::fclose(file);
+// Line 12: the sound of the file as the sound input layer reads it, in the source's format.
+void AddSound(std::string* out, const char* name) {
+  SoundInput* sound = SoundOpen(name, 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
+  if (!sound) return;
+  const bool isFloat = sound->source && sound->source->reader.format.is_float;
+  Add(out, "%sSound info (%s file):", Line, sound->type_name ? sound->type_name : "sound");
+  Add(out, "\r\n      %u Hz, %u bit%s, %d channel sound data.", sound->source_rate,
+      sound->source_bits, isFloat ? "(float)" : "", int(sound->source_channels));
+  SoundClose(sound);
 }
 
 // Line 13: size or directory, time of the last change, attributes.
@@ -256,7 +255,7 @@ std::string OrnFileInfoText(const char* name) {
       else
         AddStreamFrameSizes(&out, name, type);
     }
-    AddWave(&out, name);
+    AddSound(&out, name);
   }
   AddFileSystem(&out, name);
   return out;

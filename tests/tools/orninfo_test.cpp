@@ -174,6 +174,39 @@ TEST(OrnFrameSizes, OneSecondWindowRule) {
   EXPECT_EQ(s.highest_second, 0u);
 }
 
+// A wave file with one "fmt " chunk of the given tag and a second of silence.
+void WriteWave(const std::string& name, uint16_t tag, uint16_t channels, uint32_t rate,
+               uint16_t bits) {
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_TRUE(f);
+  const uint32_t align = channels * bits / 8, bytes = rate * align;
+  auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
+  auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
+  std::fwrite("RIFF", 1, 4, f);
+  put32(36 + bytes);
+  std::fwrite("WAVEfmt ", 1, 8, f);
+  put32(16), put16(tag), put16(channels), put32(rate), put32(bytes), put16(uint16_t(align));
+  put16(bits);
+  std::fwrite("data", 1, 4, f);
+  put32(bytes);
+  const std::vector<uint8_t> zeros(bytes, 0);
+  std::fwrite(zeros.data(), 1, zeros.size(), f);
+  std::fclose(f);
+}
+
+TEST_F(OrnFileInfo, SoundFilesShowTheSourceFormat) {
+  WriteWave(dir + "/pcm.wav", 1, 2, 22050, 16);
+  const std::string pcm = OrnFileInfoText((dir + "/pcm.wav").c_str());
+  EXPECT_EQ(pcm.find("\r\n    Sound info (Wave file):\r\n      22050 Hz, 16 bit, 2 channel sound "
+                     "data.\r\n    Size: 88244"),
+            0u)
+      << pcm;
+  WriteWave(dir + "/float.wav", 3, 1, 8000, 32);
+  const std::string flt = OrnFileInfoText((dir + "/float.wav").c_str());
+  EXPECT_TRUE(Has(flt, "\r\n      8000 Hz, 32 bit(float), 1 channel sound data.")) << flt;
+  EXPECT_FALSE(Has(flt, "Video format")) << flt;
+}
+
 TEST_F(OrnFileInfo, DirectoryAndUnknownFileShowOnlyFileSystemLines) {
   const std::string dirText = OrnFileInfoText(dir.c_str());
   EXPECT_EQ(dirText.find("\r\n    This is a directory."), 0u) << dirText;
