@@ -75,6 +75,14 @@ class AudioBitWriter {
     }
   }
 
+  // Starts the buffer over, empty.
+  void Restart() {
+    Bytes = 0;
+    Buffer = 0;
+    Filled = 0;
+    Overflow = false;
+  }
+
   size_t BitCount() const { return Bytes * 8 + Filled; }
   size_t ByteCount() const { return Bytes + (Filled ? 1 : 0); }
   bool Overflowed() const { return Overflow; }

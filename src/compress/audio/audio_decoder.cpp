@@ -110,16 +110,19 @@ void ReadChannel(const VelmoAudioDecoder* decoder, AudioBitReader& reader, size_
     if (reader.Read(1)) count = 8 * VelmoAudioRunGroups[reader.Read(4)];
     const uint32_t end = std::min(length, i + count);
     const uint32_t width = reader.Read(4);
-    if (width == 0) std::fill(out + i, out + end, 0.0f);
-    else ReadMagnitudes(reader, width, steps, out, i, end);
-    // A group that runs past the packet ends the channel: silence from the group on. The
-    // test is on the bits the group really took; bounding each coefficient by w + 1 bits
-    // would also reject valid trailing runs of the last blocks and lose the next block's
-    // start in the packet.
-    if (reader.BitPosition() > total) {
+    // A group whose bits could run past the packet ends the channel: the reader goes back to
+    // the group's start and everything from there on is silence. The group is judged before
+    // it is read, at its longest: 9 bits of head and w + 1 bits a coefficient. A width of 0
+    // codes no coefficient bits at all (a run of 512 zeros takes its 9 bits and no more), so
+    // such a group counts its 9 bits only; counting a bit for each of its zeros would end
+    // valid channels early and move the next channel's start.
+    const size_t longest = 9 + (width ? size_t{end - i} * (width + 1) : 0);
+    if (groupStart + longest > total) {
       reader.Seek(groupStart);
       break;
     }
+    if (width == 0) std::fill(out + i, out + end, 0.0f);
+    else ReadMagnitudes(reader, width, steps, out, i, end);
     i = end;
   }
   std::fill(out + i, out + length, 0.0f);

@@ -26,12 +26,21 @@ double QuietCurve(double f) {
 void BuildQuietTables(VelmoAudioEncoder* e, uint32_t bandRate) {
   const uint64_t nyquist = VelmoAudioNyquist(bandRate);
   const uint32_t length = e->Length;
-  const double divide = e->IsCurrentForm ? 1.0 : static_cast<double>(e->Channels);
+  // In the older form the interleaved samples of a stereo pair make one signal at twice the
+  // rate. Its lower half of the spectrum holds what the channels share, at the true
+  // frequency; the upper half holds what sets them apart, mirrored: content at f appears at
+  // rate - f. Taking the threshold at the true frequency keeps that difference, which a plain
+  // halving of the frequency would put up near 22 kHz and drop, folding stereo to mono.
+  const bool interleaved = !e->IsCurrentForm && e->Channels == 2;
   e->QuietThreshold.resize(length);
   e->QuietPower.resize(length);
   for (uint32_t k = 0; k < length; ++k) {
-    const uint64_t hz = k * nyquist / length;
-    const double threshold = QuietCurve(static_cast<double>(hz) * 0.001 / divide);
+    uint64_t hz = k * nyquist / length;
+    if (interleaved && 2 * hz > nyquist) hz = nyquist - hz;
+    // The curve is held at 130 dB, past the loudest coefficient 16-bit samples can give
+    // (about 117 dB): above that it only says "never heard", and holding it keeps it finite
+    // at 0 Hz and lets the low levels' lowering reach the top of fast rates' spectra.
+    const double threshold = std::min(QuietCurve(static_cast<double>(hz) * 0.001), 130.0);
     e->QuietThreshold[k] = static_cast<float>(threshold);
     e->QuietPower[k] = std::pow(10.0, static_cast<double>(e->QuietThreshold[k]) / 10.0);
   }
@@ -71,8 +80,17 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
     const float s = std::fabs(rp) + r;
     float c = 0.5f;
     if (s >= 2.5f) {
-      c = std::sqrt((rp - r) * (rp - r) + (pp - phase[k]) * (pp - phase[k])) / s;
-      if (c > 0.5f || !(c >= 0.05f)) c = 0.5f;
+      // The phase error is an angle: taken modulo a turn, into -pi .. pi.
+      const float turn = 6.28318531f;
+      float dp = pp - phase[k];
+      dp -= turn * std::nearbyint(dp / turn);
+      c = std::sqrt((rp - r) * (rp - r) + dp * dp) / s;
+      // The unpredictability is held within 0.05 .. 0.5, the range over which the measure
+      // below runs from 1 (tonal) to 0 (noise). A prediction better than 0.05 is as tonal as
+      // one can be; sending it to 0.5 would call every steady tone noise and starve it of
+      // bits. Only a figure that is not a number counts as noise.
+      if (c > 0.5f || std::isnan(c)) c = 0.5f;
+      else if (c < 0.05f) c = 0.05f;
     }
     sumW += r;
     sumV += r * (-0.43f * std::log(c) - 0.29f);
@@ -81,8 +99,19 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
   return static_cast<float>(sumV / sumW);
 }
 
+// How a block's groups are laid out beyond the plain rule.
+struct GroupLayout {
+  uint32_t WidenBy = 0;    // the last channel's first group: alone, and this much wider
+  uint32_t SplitFrom = ~0u;  // from this coefficient on, groups with coded bits stand alone
+};
+
 // Writes the coefficients from index 2 in groups of eight, runs of equal width joined.
-void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length) {
+// Group `widen` (if below the group count) is written alone and `widenBy` bits wider than it
+// needs: the same values in more bits, which moves the end of the block. Groups of nonzero
+// width starting at or after `splitFrom` are not joined into runs.
+void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length,
+                 uint32_t channel, uint32_t widen, uint32_t widenBy, uint32_t splitFrom,
+                 std::vector<VelmoAudioGroupReach>& reach) {
   const uint32_t groups = (length - 2 + 7) / 8;
   uint8_t widths[VelmoAudioMaxLength / 8];
   for (uint32_t g = 0; g < groups; ++g) {
@@ -91,14 +120,19 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
       largest = std::max<uint32_t>(largest, static_cast<uint32_t>(std::abs(magnitudes[i])));
     uint32_t width = 0;
     while (largest >> width) ++width;
+    if (g == widen) width = std::min<uint32_t>(15, width + widenBy);
     widths[g] = static_cast<uint8_t>(width);
   }
   uint32_t g = 0;
   while (g < groups) {
+    const size_t start = out.BitCount();
     const uint32_t width = widths[g];
     const uint32_t remaining = groups - g;
     uint32_t same = 1;
-    while (same < 64 && g + same < groups && widths[g + same] == width) ++same;
+    if (g != widen)
+      while (same < 64 && g + same < groups && widths[g + same] == width && g + same != widen &&
+             (width == 0 || 2 + 8 * (g + same) < splitFrom))
+        ++same;
     uint32_t covered = 1;
     if (same == 1) {
       out.Write(0, 1);
@@ -111,13 +145,16 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
       covered = std::min(VelmoAudioRunGroups[code], remaining);
     }
     out.Write(width, 4);
+    const uint32_t first = 2 + 8 * g;
     const uint32_t end = std::min(length, 2 + 8 * (g + covered));
-    if (width)
-      for (uint32_t i = 2 + 8 * g; i < end; ++i) {
+    if (width) {
+      reach.push_back({start, 9 + size_t{end - first} * (width + 1), channel, first});
+      for (uint32_t i = first; i < end; ++i) {
         const int32_t m = magnitudes[i];
         out.Write(static_cast<uint32_t>(std::abs(m)), width);
         if (m) out.Write(m < 0 ? 1 : 0, 1);
       }
+    }
     g += covered;
   }
 }
@@ -137,8 +174,10 @@ void LoadChannel(const VelmoAudioEncoder* e, const uint8_t* data, uint32_t dataB
   std::fill(out + count, out + e->Length, last);
 }
 
-void CodeChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data, uint32_t dataBytes,
-                 float quality, AudioBitWriter& out) {
+// Models and quantises one channel: its two leading floats, band indices and magnitudes go
+// to the channel's slots of the encoder's block record.
+void PrepareChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data,
+                    uint32_t dataBytes, float quality) {
   const uint32_t length = e->Length;
   const AudioTransformKernels* kernels = AudioKernelsSelect();
   float* analysis = e->Analysis.data();
@@ -161,20 +200,68 @@ void CodeChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data, ui
   for (uint32_t i = 0; i < length; ++i) coding[i] *= e->InverseRoot;
   if (e->IsCurrentForm) coding[0] *= 0.5f;
 
-  uint32_t indices[VelmoAudioMaxBands];
+  uint32_t* indices = e->Indices + channel * VelmoAudioMaxBands;
   VelmoAudioChooseBandQuantisers(e, coding, allowance, indices);
-  for (uint32_t b = 0; b < e->BandCount; ++b) {
-    if (indices[b] >= 255) continue;
-    const float v = quality + e->BandQuiet[b];
-    if (v > indices[b] * 0.664f)
-      indices[b] = std::min<uint32_t>(255, static_cast<uint32_t>((v + 0.3319f) * 1.5060241f));
-  }
+  VelmoAudioFloorByQuiet(e, quality, indices);
+  e->Leading[2 * channel] = VelmoAudioPackFloat(coding[0]);
+  e->Leading[2 * channel + 1] = VelmoAudioPackFloat(coding[1]);
+  VelmoAudioQuantiseCoefficients(e, coding, indices, quality,
+                                 e->Magnitudes.data() + size_t{channel} * length);
+}
 
-  out.Write(VelmoAudioPackFloat(coding[0]), 29);
-  out.Write(VelmoAudioPackFloat(coding[1]), 29);
-  for (uint32_t b = 0; b < e->BandCount; ++b) out.Write(indices[b], 8);
-  VelmoAudioQuantiseCoefficients(e, coding, indices, quality, e->Magnitudes.data());
-  WriteGroups(out, e->Magnitudes.data(), length);
+// Writes the prepared channels as one block; returns whether every group's longest reach
+// stays within the block, and if not, the first group that passes it.
+bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& layout,
+                VelmoAudioGroupReach* failing) {
+  std::vector<VelmoAudioGroupReach>& reach = e->Reach;
+  reach.clear();
+  if (e->IsCurrentForm) out.Write(0, 2);
+  const uint32_t last = e->ChannelsCoded - 1;
+  for (uint32_t c = 0; c <= last; ++c) {
+    out.Write(e->Leading[2 * c], 29);
+    out.Write(e->Leading[2 * c + 1], 29);
+    for (uint32_t b = 0; b < e->BandCount; ++b) out.Write(e->Indices[c * VelmoAudioMaxBands + b], 8);
+    WriteGroups(out, e->Magnitudes.data() + size_t{c} * e->Length, e->Length, c,
+                c == last && layout.WidenBy ? 0 : ~0u, layout.WidenBy, layout.SplitFrom, reach);
+  }
+  out.PadToWord();
+  const size_t end = out.BitCount();
+  for (const VelmoAudioGroupReach& r : reach)
+    if (r.Start + r.Longest > end) {
+      *failing = r;
+      return false;
+    }
+  return true;
+}
+
+// A packet may end right after any block, and a reader ends a channel at a group that could
+// run past the packet, judging it at 9 + (w + 1) bits a coefficient. A group with zero
+// magnitudes takes less than that, so near the end of a block its reach may pass the last
+// word. Then the block is written again: with its last channel's first group one, two or
+// three bits wider (8 to 24 bits more, which moves the padding); then also with the groups
+// from the one that reaches too far on standing alone, so that no long run of mostly zero
+// magnitudes reaches far; failing all that, the channel's coefficients from the group that
+// reaches too far on are dropped, as the reader would drop them.
+void CodeBlock(VelmoAudioEncoder* e, AudioBitWriter& out) {
+  VelmoAudioGroupReach failing{};
+  GroupLayout layout;
+  uint32_t splitFrom = ~0u;
+  for (uint32_t pass = 0; pass < 2; ++pass) {
+    if (pass == 1) layout.SplitFrom = splitFrom;
+    for (layout.WidenBy = 0; layout.WidenBy <= 3; ++layout.WidenBy) {
+      out.Restart();
+      if (WriteBlock(e, out, layout, &failing)) return;
+      splitFrom = std::min(splitFrom, failing.First);
+      if (pass == 1) layout.SplitFrom = splitFrom;
+    }
+  }
+  layout.WidenBy = 0;
+  for (;;) {
+    int32_t* magnitudes = e->Magnitudes.data() + size_t{failing.Channel} * e->Length;
+    std::fill(magnitudes + failing.First, magnitudes + e->Length, 0);
+    out.Restart();
+    if (WriteBlock(e, out, layout, &failing)) return;
+  }
 }
 
 }  // namespace
@@ -212,6 +299,7 @@ void VelmoAudioMaskingThreshold(VelmoAudioEncoder* e, uint32_t channel, const fl
     tonal[b] = Tonality(history, half, from, to, power, phase) * energy[b];
   }
   const float base = e->LoudnessBase;
+  const VelmoAudioLevelShape shape = VelmoAudioShapeOfQuality(quality);
   for (uint32_t j = 0; j < bands; ++j) {
     double spreadEnergy = 0, spreadTonal = 0;
     for (uint32_t b = 0; b < bands; ++b) {
@@ -224,7 +312,7 @@ void VelmoAudioMaskingThreshold(VelmoAudioEncoder* e, uint32_t channel, const fl
       a = std::clamp(static_cast<float>(spreadTonal / spreadEnergy), 0.0f, 1.0f);
     float value = (j + 15) * a + (1 - a) * 6 + base;
     if (j < 8) value += base;
-    value -= 2 * quality;
+    value += shape.AllowanceShift;
     allowance[j] = std::max(value, 0.0f);
   }
 }
@@ -246,7 +334,15 @@ void VelmoAudioChooseBandQuantisers(const VelmoAudioEncoder* e, const float* coe
         top = i;
         break;
       }
-    uint32_t high = top + 2, low = 0, mid = high / 2, result = 0;
+    // The finest step is useless once magnitudes pass 32767: they are capped, and the cap's
+    // error is far above any allowance. The search starts from the finest step that holds
+    // the largest magnitude, which is then also the answer when no step meets the limit.
+    uint32_t fits = 0;
+    while (fits < VelmoAudioMaxIndex &&
+           std::trunc(largest / VelmoAudioQuantStep(fits) + 0.5f) > VelmoAudioMaxMagnitude)
+      ++fits;
+    if (top < fits) top = fits;
+    uint32_t high = top + 2, low = fits, mid = (high + low) / 2, result = fits;
     double best = 0;
     const double limit = energy / std::pow(10.0, allowance[b] / 10.0) * (1.0 + 1e-7);
     for (;;) {
@@ -275,14 +371,47 @@ void VelmoAudioChooseBandQuantisers(const VelmoAudioEncoder* e, const float* coe
   }
 }
 
+VelmoAudioLevelShape VelmoAudioShapeOfQuality(float quality) {
+  quality = ClampQuality(quality);
+  VelmoAudioLevelShape shape;
+  // Levels 0 to 4 run from lossless to the model's own allowances: 12 dB a level, so that
+  // level 0 asks some 66 dB or more of every band, which the finest steps give.
+  // Above 4 the allowances loosen with the square root of the distance, so that each
+  // level still counts at 99 (some 24 dB less) and none silences the sound outright.
+  if (quality < 4.0f) shape.AllowanceShift = 12.0f * (4.0f - quality);
+  else shape.AllowanceShift = -2.4f * std::sqrt(quality - 4.0f);
+  // The threshold in quiet rises by half a dB a level from 4 on. Below 4 it sinks fast, 75 dB a
+  // level, so that level 0 drops nothing and puts no floor under any step: even where the
+  // curve is held at its 130 dB, a coefficient is kept.
+  shape.QuietRaise = quality < 4.0f ? 2.0f - 75.0f * (4.0f - quality) : quality * 0.5f;
+  return shape;
+}
+
+void VelmoAudioFloorByQuiet(const VelmoAudioEncoder* e, float quality, uint32_t* indices) {
+  // A band's step need not be finer than what its threshold in quiet (raised by the level)
+  // lets pass unheard. The threshold is a power in dB and a step is an amplitude, so index i,
+  // a step of 0.664 i dB, squares to 1.328 i dB: the floor is the step whose square meets the
+  // threshold, which leaves its rounding noise (a twelfth of the square) 10.8 dB below.
+  const float raise = VelmoAudioShapeOfQuality(quality).QuietRaise;
+  for (uint32_t b = 0; b < e->BandCount; ++b) {
+    if (indices[b] >= 255) continue;
+    const float v = raise + e->BandQuiet[b];
+    if (v > indices[b] * 1.328f)
+      indices[b] = std::min<uint32_t>(255, static_cast<uint32_t>(v * 0.75301205f));
+  }
+}
+
 void VelmoAudioQuantiseCoefficients(const VelmoAudioEncoder* e, const float* coefficients,
                                     const uint32_t* indices, float quality, int32_t* magnitudes) {
-  const double raised = std::pow(10.0, static_cast<double>(quality));
+  const double raised =
+      std::pow(10.0, static_cast<double>(VelmoAudioShapeOfQuality(quality).QuietRaise) / 10.0);
   for (uint32_t i = 2; i < e->Length; ++i) {
     const uint32_t band = e->CoefficientBand[i];
     const float x = coefficients[i];
+    // The level raises the threshold in the bands from 8 on only; a lowering (levels below
+    // 4) applies to all.
     double threshold = e->QuietPower[i];
-    if (band >= 8) threshold *= raised;
+    if (band >= 8 || raised < 1.0) threshold *= raised;
     int32_t magnitude = 0;
     if (e->BandCount && double{x} * x >= threshold) {
       const float step = VelmoAudioQuantStep(indices[band]);
@@ -327,7 +456,8 @@ VelmoAudioEncoder* VelmoAudioEncoderOpen(uint32_t rate, uint32_t channels, int i
     e->OutputBuffer.assign(e->BlockBytes + e->BlockBytes / 2, 0);
     e->Analysis.assign(e->Length, 0.0f);
     e->Coding.assign(e->Length, 0.0f);
-    e->Magnitudes.assign(e->Length, 0);
+    e->Magnitudes.assign(size_t{e->ChannelsCoded} * e->Length, 0);
+    e->Reach.reserve(2 * (e->Length / 8 + 1));
     e->Work = std::make_unique<AudioTransformWork>();
   } catch (const std::bad_alloc&) {
     delete e;
@@ -359,10 +489,9 @@ bool VelmoAudioEncodeBlock(VelmoAudioEncoder* e, float quality, uint32_t bytes,
   quality = ClampQuality(quality);
 
   AudioBitWriter out(e->OutputBuffer.data(), e->OutputBuffer.size());
-  if (e->IsCurrentForm) out.Write(0, 2);
   for (uint32_t c = 0; c < e->ChannelsCoded; ++c)
-    CodeChannel(e, c, e->InputBuffer.data(), dataBytes, quality, out);
-  out.PadToWord();
+    PrepareChannel(e, c, e->InputBuffer.data(), dataBytes, quality);
+  CodeBlock(e, out);
 
   std::memmove(e->InputBuffer.data(), e->InputBuffer.data() + e->BlockBytes - e->OverlapBytes,
                e->OverlapBytes);

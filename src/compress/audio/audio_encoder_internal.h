@@ -9,6 +9,16 @@
 #include <memory>
 #include <vector>
 
+// Where a group with coded coefficients starts in the block and the most bits a reader may
+// assume it takes (9 of head and w + 1 per coefficient); a reader that finds this reaching
+// past the packet ends the channel at the group.
+struct VelmoAudioGroupReach {
+  size_t Start;
+  size_t Longest;
+  uint32_t Channel;
+  uint32_t First;  // index of the group's first coefficient
+};
+
 struct VelmoAudioEncoder {
   uint32_t Rate = 0;
   uint32_t Channels = 0;
@@ -34,10 +44,27 @@ struct VelmoAudioEncoder {
   std::vector<uint8_t> OutputBuffer;
   // Work areas of one block.
   std::vector<float> Analysis, Coding;
+  // The block being coded: per coded channel, the two leading floats in their 29-bit form,
+  // the band indices and the signed magnitudes of all L coefficients.
+  uint32_t Leading[4] = {};
+  uint32_t Indices[2 * VelmoAudioMaxBands] = {};
   std::vector<int32_t> Magnitudes;
+  std::vector<VelmoAudioGroupReach> Reach;  // groups of the block last written
   std::unique_ptr<AudioTransformWork> Work;
   const AudioTransformPlan* Plan = nullptr;
 };
+
+// What a level (the quality, 0 to 99) does to the coding: a shift of every band's noise
+// allowance in dB, and a rise of the threshold in quiet in dB, below which coefficients are
+// dropped and under which a band's step is not made finer.
+struct VelmoAudioLevelShape {
+  float AllowanceShift = 0;
+  float QuietRaise = 0;
+};
+VelmoAudioLevelShape VelmoAudioShapeOfQuality(float quality);
+
+// Raises each band's index (below 255) to the step its threshold in quiet allows.
+void VelmoAudioFloorByQuiet(const VelmoAudioEncoder* encoder, float quality, uint32_t* indices);
 
 // Spreading of energy from band b to band j, by j - b, from -3 to 7.
 float VelmoAudioSpread(int distance);

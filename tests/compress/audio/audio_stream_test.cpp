@@ -165,6 +165,13 @@ std::vector<uint8_t> BuildBlock(const Layout& layout, const std::vector<ChannelD
   return bytes;
 }
 
+// A block followed by bytes of the next one, as inside a packet: the last groups of a block
+// alone may be judged too long for the packet (see the short-packet tests below).
+std::vector<uint8_t> InPacket(std::vector<uint8_t> block) {
+  block.resize(block.size() + 256, 0xFF);
+  return block;
+}
+
 ChannelData RandomChannel(const Layout& layout, uint32_t seed, int32_t largest = 40) {
   std::mt19937 random(seed);
   ChannelData data;
@@ -268,10 +275,10 @@ TEST(AudioDecoder, OlderFormMonoMatchesInverseFft) {
   Decoder decoder(11025, 1, 0);
   size_t position = 0;
   uint32_t used = 0;
-  const std::vector<uint8_t> packet = BuildBlock(layout, {data});
-  const std::vector<int16_t> out = decoder.Block(packet, &position, &used);
-  EXPECT_EQ(used, packet.size());
-  EXPECT_EQ(position, packet.size());
+  const std::vector<uint8_t> block = BuildBlock(layout, {data});
+  const std::vector<int16_t> out = decoder.Block(InPacket(block), &position, &used);
+  EXPECT_EQ(used, block.size());
+  EXPECT_EQ(position, block.size());
   ASSERT_EQ(out.size(), 512u - 32u);
   ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
 }
@@ -286,7 +293,7 @@ TEST(AudioDecoder, OlderFormStereoIsOneInterleavedChannel) {
 
   const ChannelData data = RandomChannel(layout, 2);
   Decoder decoder(22050, 2, 0);
-  const std::vector<int16_t> out = decoder.Block(BuildBlock(layout, {data}));
+  const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {data})));
   ASSERT_EQ(out.size(), 2048u - 128u);
   ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
 }
@@ -295,7 +302,7 @@ TEST(AudioDecoder, CurrentFormStereoInterleavesTwoDcts) {
   const Layout layout = LayoutFor(22050, 2, true);
   const ChannelData left = RandomChannel(layout, 3), right = RandomChannel(layout, 4);
   Decoder decoder(22050, 2, VelmoAudioCurrentForm);
-  const std::vector<int16_t> out = decoder.Block(BuildBlock(layout, {left, right}));
+  const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {left, right})));
   ASSERT_EQ(out.size(), 2 * 1024u - 128u);
   const size_t frames = out.size() / 2;
   ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, left)), 2, 0, frames, 1.01);
@@ -307,7 +314,7 @@ TEST(AudioDecoder, CurrentFormOddRatesUseTheirOwnBands) {
     const Layout layout = LayoutFor(rate, 1, true);
     const ChannelData data = RandomChannel(layout, rate);
     Decoder decoder(rate, 1, VelmoAudioCurrentForm);
-    const std::vector<int16_t> out = decoder.Block(BuildBlock(layout, {data}));
+    const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {data})));
     ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
   }
 }
@@ -321,7 +328,8 @@ TEST(AudioDecoder, IndexAbove95DecodesAs95) {
   capped.Indices[3] = 95;
   capped.Indices[4] = 95;
   Decoder first(11025, 1, VelmoAudioCurrentForm), second(11025, 1, VelmoAudioCurrentForm);
-  EXPECT_EQ(first.Block(BuildBlock(layout, {high})), second.Block(BuildBlock(layout, {capped})));
+  EXPECT_EQ(first.Block(InPacket(BuildBlock(layout, {high}))),
+            second.Block(InPacket(BuildBlock(layout, {capped}))));
 }
 
 TEST(AudioDecoder, ZeroWidthRunOf512CoefficientsTakesNineBits) {
@@ -385,8 +393,31 @@ TEST(AudioDecoder, NoBandsMeansStepsOfOne) {
   ChannelData data = RandomChannel(layout, 6, 200);
   Decoder decoder(0, 1, VelmoAudioCurrentForm);
   ASSERT_NE(decoder.Handle, nullptr);
-  const std::vector<int16_t> out = decoder.Block(BuildBlock(layout, {data}));
+  const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {data})));
   ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
+}
+
+// The first group (each written alone here) that a reader must give up in a packet of
+// `bits`: the first whose 9 bits of head and w + 1 bits a coefficient (none for w = 0) pass
+// the end.
+size_t FirstGroupLost(const Layout& layout, const ChannelData& data,
+                      const std::vector<size_t>& starts, size_t bits) {
+  for (size_t g = 0; g < starts.size(); ++g) {
+    const uint32_t from = 2 + 8 * static_cast<uint32_t>(g);
+    const uint32_t to = std::min(layout.Length, from + 8);
+    uint32_t largest = 0;
+    for (uint32_t i = from; i < to; ++i) largest = std::max<uint32_t>(largest, std::abs(data.Values[i]));
+    uint32_t width = 0;
+    while (largest >> width) ++width;
+    if (starts[g] + 9 + (width ? (to - from) * (width + 1) : 0) > bits) return g;
+  }
+  return starts.size();
+}
+
+ChannelData WithoutGroupsFrom(const Layout& layout, ChannelData data, size_t group) {
+  for (uint32_t i = 2 + 8 * static_cast<uint32_t>(group); i < layout.Length; ++i)
+    data.Values[i] = 0;
+  return data;
 }
 
 TEST(AudioDecoder, ShortPacketIsSilentFromTheBrokenGroupOn) {
@@ -394,25 +425,53 @@ TEST(AudioDecoder, ShortPacketIsSilentFromTheBrokenGroupOn) {
   const ChannelData data = RandomChannel(layout, 7, 500);
   std::vector<size_t> starts;
   std::vector<uint8_t> packet = BuildBlock(layout, {data}, &starts);
-  // Cut the packet inside group 20 (coefficients 162..169).
-  const size_t cutBits = starts[20] + 7;
-  packet.resize(cutBits / 8);
-  ChannelData expected = data;
-  for (uint32_t i = 2 + 8 * 20; i < layout.Length; ++i) expected.Values[i] = 0;
-  // The group starting within the last byte may or may not fit: find the first that doesn't.
-  size_t firstLost = 0;
-  while (firstLost + 1 < starts.size() && starts[firstLost + 1] <= packet.size() * 8) ++firstLost;
-  for (uint32_t i = 2 + 8 * static_cast<uint32_t>(firstLost); i < layout.Length; ++i)
-    expected.Values[i] = 0;
-  ASSERT_LE(firstLost, 20u);
+  // Cut the packet inside group 20 (coefficients 162..169): a group or two before it whose
+  // longest reach passes the cut goes too.
+  packet.resize((starts[20] + 7) / 8);
+  const size_t lost = FirstGroupLost(layout, data, starts, packet.size() * 8);
+  ASSERT_LE(lost, 20u);
+  ASSERT_GE(lost, 17u);
 
   Decoder decoder(11025, 1, VelmoAudioCurrentForm);
   size_t position = 0;
   const std::vector<int16_t> out = decoder.Block(packet, &position);
   EXPECT_LE(position, packet.size());
   EXPECT_EQ(position % 4, 0u);
-  ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, expected)), 1, 0, out.size(),
-                    1.01);
+  // The reader went back to the start of the lost group before moving to the next word.
+  EXPECT_EQ(position, std::min(packet.size(), (starts[lost] + 31) / 32 * 4));
+  ExpectSamplesNear(out,
+                    DirectInverse(layout, Coefficients(layout, WithoutGroupsFrom(layout, data, lost))),
+                    1, 0, out.size(), 1.01);
+}
+
+TEST(AudioDecoder, LastGroupIsJudgedAtItsLongestNotByWhatItTakes) {
+  // A block that is its packet's last, ending in a group of width 6 with zeros in it: it
+  // takes fewer bits than 9 + 8 * 7, and whether it is kept depends on that bound alone.
+  const Layout layout = LayoutFor(11025, 1, true);
+  uint32_t dropped = 0, kept = 0;
+  for (uint32_t zeros = 0; zeros <= 7; ++zeros) {
+    ChannelData data = RandomChannel(layout, 100 + zeros, 40);
+    for (uint32_t i = layout.Length - 8; i < layout.Length; ++i)
+      data.Values[i] = i - (layout.Length - 8) < zeros ? 0 : 33;
+    std::vector<size_t> starts;
+    const std::vector<uint8_t> block = BuildBlock(layout, {data}, &starts);
+    const size_t lost = FirstGroupLost(layout, data, starts, block.size() * 8);
+    ASSERT_GE(lost, starts.size() - 1);  // only the last group can be in doubt
+    (lost < starts.size() ? dropped : kept) += 1;
+    const ChannelData left = WithoutGroupsFrom(layout, data, lost);
+
+    Decoder decoder(11025, 1, VelmoAudioCurrentForm);
+    const std::vector<int16_t> out = decoder.Block(block);
+    ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, left)), 1, 0, out.size(),
+                      1.01);
+    // With the next block behind it, the same group is read in full.
+    Decoder inPacket(11025, 1, VelmoAudioCurrentForm);
+    const std::vector<int16_t> whole = inPacket.Block(InPacket(block));
+    ExpectSamplesNear(whole, DirectInverse(layout, Coefficients(layout, data)), 1, 0, whole.size(),
+                      1.01);
+  }
+  EXPECT_GT(dropped, 0u);  // the seeds give both cases
+  EXPECT_GT(kept, 0u);
 }
 
 TEST(AudioDecoder, EmptyPacketGivesSilenceAndUsesNothing) {
