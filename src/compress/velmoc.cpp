@@ -9,9 +9,11 @@
 #include <string>
 
 #include "compress/rate_plan.h"
+#include "compress/velmo_sound_track.h"
 #include "compress/velmo_writer.h"
 #include "compress/velmoc_source.h"
 #include "host/bfile.h"
+#include "media/sound.h"
 #include "host/platform.h"
 #include "host/switches.h"
 
@@ -52,6 +54,7 @@ volatile uint32_t g_tickBusy = 0;
 uint32_t g_runFrames = 0, g_skipped = 0, g_startMs = 0, g_lastElapsedMs = 0;
 uint32_t g_shownFrames = ~0u;
 uint64_t g_shownSize = ~0ull, g_inputBytesPerFrame = 0;
+uint64_t g_inputSoundBytes = 0;  // the sound's 16-bit bytes, counted in with the input's size
 uint32_t g_progressShift = 0;
 std::string g_lastStatus;
 
@@ -90,12 +93,20 @@ void ProgressTick(ToolDialog*) {
       FormatTime(uint32_t(uint64_t(elapsed) * (g_runFrames - std::min(done, g_runFrames)) / done), t,
                  sizeof t);
       ToolFrameSetText(VelmocIdRemaining, t);
+      if (w->TrackCount) {
+        const VelmoWriterTrack& k = w->Tracks[0];
+        const uint64_t ratio10 = k.OutputBytes ? uint64_t(k.InputBytes) * 10 / k.OutputBytes : 0;
+        std::snprintf(text, sizeof text, "%u hz, %u-bit, %s (%u.%01u to 1)", k.SampleRate,
+                      k.Bits, k.Channels == 2 ? "stereo" : "mono", uint32_t(ratio10 / 10),
+                      uint32_t(ratio10 % 10));
+        ToolFrameSetText(VelmocIdSound, text);
+      }
     }
     const uint64_t size = w->FileSize;
     if (size != g_shownSize && done) {
       g_shownSize = size;
       const uint64_t projected = size * g_runFrames / done;
-      const uint64_t input = g_inputBytesPerFrame * g_runFrames;
+      const uint64_t input = g_inputBytesPerFrame * g_runFrames + g_inputSoundBytes;
       const uint64_t ratio10 = projected ? input * 10 / projected : 0;
       std::snprintf(text, sizeof text, "Projecting: %llu bytes (%llu.%01llu to 1)",
                     (unsigned long long)projected, (unsigned long long)(ratio10 / 10),
@@ -418,6 +429,15 @@ struct Run {
   VelmocSourceInfo info{};
   VelmocHints hints;
   VelmoWriter* writer = nullptr;
+  // The sound track, when the input has sound and /L asks for it. The writer frees the
+  // track's encoder at its close; whatever is left is freed here, after the writer is gone.
+  SoundInput* sound = nullptr;
+  VelmoWriterTrack track{};
+  uint32_t trackCount = 0;
+  ~Run() {
+    VelmoWriterTrackEnd(&track);
+    if (sound) SoundClose(sound);
+  }
 };
 
 void ResetRunState() {
@@ -469,6 +489,58 @@ MediaFrameArgs FrameFilters(const Run& r, uint32_t f) {
   a.gamma = m.gamma;
   if (f < h.Gamma.size() && h.Gamma[f] > 0.0001f) a.gamma = 1.0 / double(h.Gamma[f]);
   return a;
+}
+
+uint32_t ReadSound(void* source, void* buffer, uint32_t bytes) {
+  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
+}
+
+// The input's sound over the run's span: from the time of the run's first input frame for as
+// long as the run's frames last, as 16-bit samples (the hundreds of /B still ask for
+// normalising). The sound codec takes one or two channels at up to 65535 Hz; a sound beyond
+// that is asked for again within those bounds. No sound, or none that opens, leaves the run
+// without a track.
+void OpenSound(Run& r, uint32_t rateNum, uint32_t rateDen) {
+  const VelmocSettings& s = r.s;
+  if (uint32_t(s.SoundLevel) >= 200 || !r.info.HasSound) return;
+  const uint32_t inNum = r.info.InputRateNumerator ? r.info.InputRateNumerator : rateNum;
+  const uint32_t inDen = r.info.InputRateNumerator ? r.info.InputRateDenominator : rateDen;
+  const uint64_t startMs = uint64_t(r.info.SkippedFrames) * 1000 * inDen / inNum;
+  const uint64_t endMs = startMs + uint64_t(r.info.Frames) * 1000 * rateDen / rateNum;
+  if (startMs > 0xffffffffu || endMs > 0xffffffffu) return;
+  const uint32_t bits = uint32_t(std::max(0, s.SoundBits)) / 100 * 100 + 16;
+  uint32_t rate = uint32_t(std::max(0, s.SoundRate)), channels = uint32_t(std::max(0, s.SoundChannels));
+  const char* name = r.info.FileName[0] ? r.info.FileName : s.Input;
+  if (bits >= 100) SetStatus("Normalizing audio...");
+  SoundInput* sound = nullptr;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    sound = SoundOpen(name, rate, bits, channels, uint32_t(startMs), uint32_t(endMs), 0, 0, 0,
+                      nullptr);
+    if (!sound) return;
+    const bool rateOk = sound->rate >= 1 && sound->rate <= 65535;
+    const bool channelsOk = sound->channels == 1 || sound->channels == 2;
+    if (rateOk && channelsOk) break;
+    rate = rateOk ? sound->rate : std::clamp<uint32_t>(sound->rate, 8000, 48000);
+    channels = channelsOk ? sound->channels : 2;
+    SoundClose(sound);
+    sound = nullptr;
+  }
+  if (!sound) return;
+  VelmoWriterTrack& t = r.track;
+  t = VelmoWriterTrack{};
+  t.TrackId = uint32_t(s.TrackId);
+  t.SampleRate = sound->rate;
+  t.Bits = sound->bits;
+  t.Channels = sound->channels;
+  t.Source = sound;
+  t.ReadSamples = ReadSound;
+  if (!VelmoWriterTrackStart(&t, s.SoundLevel, r.info.Frames, rateNum, rateDen)) {
+    VelmoWriterTrackEnd(&t);
+    SoundClose(sound);
+    return;
+  }
+  r.sound = sound;
+  r.trackCount = 1;
 }
 
 int FrameLoop(Run& r) {
@@ -563,7 +635,11 @@ int VelmocMain(char* commandTail, ToolDialog*) {
     ToolFrameError("Couldn't read the hint file.");
     return Finish(r, ToolExitInputError);
   }
-  // There is no sound input in this build: /L has nothing to take, as for an input without it.
+  {
+    uint32_t rateNum = 0, rateDen = 0;
+    OutputRate(r, &rateNum, &rateDen);
+    OpenSound(r, rateNum, rateDen);
+  }
 
   // Output name and the overwrite question.
   const uint32_t version = VelmocVersion(r.s);
@@ -595,7 +671,8 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   OutputRate(r, &rateNum, &rateDen);
   r.writer = VelmoWriterOpen(r.s.Output, flags, version, r.info.Width, r.info.Height,
                              r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, r.s.KeyInterval,
-                             rateNum, rateDen, 0, nullptr, r.s.PreviewFrames, r.s.Nits, nullptr,
+                             rateNum, rateDen, r.trackCount, r.trackCount ? &r.track : nullptr,
+                             r.s.PreviewFrames, r.s.Nits, nullptr,
                              r.s.KeyRate, WriterProgress, &r.s.Graphics);
   if (!r.writer) return Finish(r, ToolExitOutputError);
   char text[1400];
@@ -608,11 +685,18 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   std::snprintf(text, sizeof text, "%u x %u, %u.%02u frames per second", r.info.Width,
                 r.info.Height, fps100 / 100, fps100 % 100);
   ToolFrameSetText(VelmocIdFormat, text);
-  ToolFrameSetText(VelmocIdSound, "None.");
+  if (r.trackCount) {
+    std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", r.track.SampleRate, r.track.Bits,
+                  r.track.Channels == 2 ? "stereo" : "mono");
+    ToolFrameSetText(VelmocIdSound, text);
+  } else {
+    ToolFrameSetText(VelmocIdSound, "None.");
+  }
   g_progressShift = 0;
   while ((r.info.Frames >> g_progressShift) >= 65536) g_progressShift++;
   ToolFrameSetProgressRange(ToolIdProgress, int(r.info.Frames >> g_progressShift));
   g_inputBytesPerFrame = uint64_t(r.info.Width) * r.info.Height * 3;
+  g_inputSoundBytes = r.trackCount ? r.track.BytesLeft : 0;
   g_writer = r.writer;
 
   int code = FrameLoop(r);
@@ -632,7 +716,7 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   ToolFrameSetText(VelmocIdElapsed, text);
   ToolFrameSetText(VelmocIdRemaining, "Done!");
   ToolFrameSetText(VelmocIdView, "&View");
-  const uint64_t input = g_inputBytesPerFrame * written;
+  const uint64_t input = g_inputBytesPerFrame * written + (r.trackCount ? r.track.BytesDone : 0);
   const uint64_t ratio10 = size ? input * 10 / size : 0;
   std::snprintf(text, sizeof text, "Final: %llu bytes (%llu.%01llu to 1)", (unsigned long long)size,
                 (unsigned long long)(ratio10 / 10), (unsigned long long)(ratio10 % 10));

@@ -66,6 +66,9 @@ void Info(const VelmocSource* source, VelmocSourceInfo* out) {
   out->IsHdr = in->float_source != 0;
   out->IsImage = in->type < 32 && in->total_frames <= 1;
   std::snprintf(out->TypeName, sizeof out->TypeName, "%.63s", in->type_name);
+  out->InputRateNumerator = in->input_rate_num;
+  out->InputRateDenominator = in->input_rate_den;
+  std::snprintf(out->FileName, sizeof out->FileName, "%s", in->file_name);
 }
 
 bool Read(Source* s, const MediaFrameArgs& f) {

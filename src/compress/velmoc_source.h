@@ -17,6 +17,11 @@ struct VelmocSourceInfo {
   uint32_t InputFrames;                     // all frames of the input
   bool HasAlpha, HasSound, IsHdr, IsImage;
   char TypeName[64];
+  // The input's own frame rate (after /F, before /A), which times the skipped frames, and the
+  // name the input was found under (a name without extension gets the one that opened), which
+  // the sound input opens when the input has sound. Empty for sources without a file.
+  uint32_t InputRateNumerator, InputRateDenominator;
+  char FileName[1024];
 };
 
 struct VelmocSource;

@@ -1,0 +1,233 @@
+// Velmoc with sound: whole runs through the tool shell and the media layer on inputs that carry
+// sound (a wave file, and a Velmo file with a track), read back through the sound input, which
+// opens the output's track with the reader library; the /L, /T, /R, /C switches and the span
+// of a run that starts later; the sound lines of the dialog.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "audio/audio_test_util.h"
+#include "compress/velmo1_file_check.h"
+#include "compress/velmoc.h"
+#include "compress/velmoc_source.h"
+#include "host/toolframe.h"
+#include "media/sound.h"
+#include "reader/container.h"
+
+namespace {
+
+using audio_test::Samples;
+
+std::string TempDir() {
+  char pattern[] = "/tmp/wtrack_velmoc_XXXXXX";
+  return mkdtemp(pattern);
+}
+
+void Put32(std::vector<uint8_t>& b, uint32_t v) {
+  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
+}
+void Put16(std::vector<uint8_t>& b, uint32_t v) {
+  b.push_back(uint8_t(v));
+  b.push_back(uint8_t(v >> 8));
+}
+
+bool WriteWave(const std::string& name, const Samples& pcm, uint32_t rate, uint32_t channels) {
+  std::vector<uint8_t> b;
+  const uint32_t data = uint32_t(pcm.size() * 2);
+  b.insert(b.end(), {'R', 'I', 'F', 'F'});
+  Put32(b, 36 + data);
+  b.insert(b.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
+  Put32(b, 16);
+  Put16(b, 1);
+  Put16(b, channels);
+  Put32(b, rate);
+  Put32(b, rate * channels * 2);
+  Put16(b, channels * 2);
+  Put16(b, 16);
+  b.insert(b.end(), {'d', 'a', 't', 'a'});
+  Put32(b, data);
+  for (int16_t s : pcm) Put16(b, uint16_t(s));
+  FILE* f = std::fopen(name.c_str(), "wb");
+  if (!f) return false;
+  const bool ok = std::fwrite(b.data(), 1, b.size(), f) == b.size();
+  return std::fclose(f) == 0 && ok;
+}
+
+// The texts the run put on the dialog's sound line.
+std::mutex g_textsLock;
+std::vector<std::string> g_soundTexts;
+
+int RecordTexts(ToolDialog*, const ToolMessage* m) {
+  if (m->code == ToolMsgSetText && m->a == VelmocIdSound && m->text) {
+    std::lock_guard<std::mutex> hold(g_textsLock);
+    g_soundTexts.push_back(m->text);
+  }
+  return 0;
+}
+
+int RunMedia(const std::string& tail) {
+  VelmocRegisterDialog();
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  ToolFrameSetHook(RecordTexts);
+  VelmocSetSource(nullptr);
+  {
+    std::lock_guard<std::mutex> hold(g_textsLock);
+    g_soundTexts.clear();
+  }
+  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
+  ToolFrameSetHook(nullptr);
+  return code;
+}
+
+// The output's sound as the sound input reads it back (through the reader library).
+Samples ReadBack(const std::string& name, uint32_t* rate, uint32_t* channels) {
+  Samples out;
+  SoundInput* s = SoundOpen(name.c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  if (!s) return out;
+  *rate = s->rate;
+  *channels = s->channels;
+  int16_t buffer[4096];
+  uint32_t got;
+  while ((got = SoundRead(s, buffer, sizeof buffer)) > 0) out.insert(out.end(), buffer, buffer + got / 2);
+  SoundClose(s);
+  return out;
+}
+
+struct Output {
+  Velmo1FileCheck Check;
+  bool Open = false;
+};
+
+Output Parse(const std::string& name) {
+  Output o;
+  o.Open = Velmo1CheckOpen(name.c_str(), &o.Check) == nullptr;
+  return o;
+}
+
+class VelmocSound : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir = TempDir();
+    wav = dir + "/tune.wav";
+    music = audio_test::Music(22050, 2, 22050 * 2);  // two seconds of stereo
+    ASSERT_TRUE(WriteWave(wav, music, 22050, 2));
+  }
+  void TearDown() override {
+    for (const std::string& f : made) std::remove(f.c_str());
+    std::remove(wav.c_str());
+    rmdir(dir.c_str());
+  }
+  std::string Out(const char* name) {
+    made.push_back(dir + "/" + name);
+    return made.back();
+  }
+  std::string dir, wav;
+  Samples music;
+  std::vector<std::string> made;
+};
+
+TEST_F(VelmocSound, WaveInputGivesATrackTheReaderPlays) {
+  const std::string out = Out("tune.vlm");
+  ASSERT_EQ(RunMedia(wav + " " + out + " /v101 /t9"), ToolExitDone);
+  Output o = Parse(out);
+  ASSERT_TRUE(o.Open);
+  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
+  const VelmoTrackInfo t = VelmoTableTrack(o.Check.Info.Tables, 0);
+  EXPECT_EQ(t.Id, 9u);
+  EXPECT_EQ(t.Format, 22050u | VelmoTrackCurrent | VelmoTrackStereo | VelmoTrack16Bit);
+  EXPECT_GT(t.MaxBytes, 0u);
+  // A wave file as video is 4 x 4 frames at 15 a second for as long as the sound.
+  const uint32_t frames = o.Check.Info.Header.Frames;
+  EXPECT_EQ(frames, 31u);
+  EXPECT_EQ(Velmo1CheckDecode(o.Check, nullptr, nullptr), frames);
+  {
+    std::lock_guard<std::mutex> hold(g_textsLock);
+    ASSERT_FALSE(g_soundTexts.empty());
+    EXPECT_EQ(g_soundTexts.front(), "22050 hz, 16-bit, stereo.");
+    if (g_soundTexts.size() > 1) {
+      // The tick's line: the running ratio of the sound coding.
+      EXPECT_EQ(g_soundTexts.back().rfind("22050 hz, 16-bit, stereo (", 0), 0u);
+      EXPECT_NE(g_soundTexts.back().find(" to 1)"), std::string::npos);
+    }
+  }
+  uint32_t rate = 0, channels = 0;
+  const Samples back = ReadBack(out, &rate, &channels);
+  EXPECT_EQ(rate, 22050u);
+  EXPECT_EQ(channels, 2u);
+  // The video's span, 31 frames at 15 a second, is longer than the sound: silence follows.
+  const size_t span = size_t(22050) * 31 / 15 * 2;
+  EXPECT_GE(back.size() + 16, span);
+  EXPECT_LE(back.size(), span + 2);
+  EXPECT_GT(audio_test::Snr(music, back), 20.0);
+}
+
+TEST_F(VelmocSound, LevelSwitchAndFormatSwitches) {
+  const std::string none = Out("none.vlm"), old = Out("old.vlm"), mono = Out("mono.vlm");
+  // /L-1: the input's sound is left out.
+  ASSERT_EQ(RunMedia(wav + " " + none + " /v101 /l-1"), ToolExitDone);
+  Output n = Parse(none);
+  ASSERT_TRUE(n.Open);
+  EXPECT_EQ(n.Check.Info.TrackCount, 0u);
+  {
+    std::lock_guard<std::mutex> hold(g_textsLock);
+    ASSERT_FALSE(g_soundTexts.empty());
+    EXPECT_EQ(g_soundTexts.front(), "None.");
+  }
+  // Levels from 100 write the older form.
+  ASSERT_EQ(RunMedia(wav + " " + old + " /v101 /l104"), ToolExitDone);
+  Output o = Parse(old);
+  ASSERT_TRUE(o.Open);
+  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
+  EXPECT_EQ(VelmoTableTrack(o.Check.Info.Tables, 0).Format,
+            22050u | VelmoTrackOlder | VelmoTrackStereo | VelmoTrack16Bit);
+  EXPECT_EQ(VelmoTableTrack(o.Check.Info.Tables, 0).Id, 0u);
+  // /R and /C convert the sound before it is coded.
+  ASSERT_EQ(RunMedia(wav + " " + mono + " /v101 /r11025 /c1"), ToolExitDone);
+  Output m = Parse(mono);
+  ASSERT_TRUE(m.Open);
+  ASSERT_EQ(m.Check.Info.TrackCount, 1u);
+  EXPECT_EQ(VelmoTableTrack(m.Check.Info.Tables, 0).Format, 11025u | VelmoTrackCurrent | VelmoTrack16Bit);
+  // Beyond 199 the level is a syntax error, and nothing is written.
+  const std::string bad = Out("bad.vlm");
+  EXPECT_EQ(RunMedia(wav + " " + bad + " /v101 /l200"), ToolExitBadSwitches);
+  EXPECT_NE(access(bad.c_str(), F_OK), 0);
+}
+
+// A run from a later frame takes the sound from that frame's time on.
+TEST_F(VelmocSound, StartFrameMovesTheSound) {
+  const std::string out = Out("later.vlm");
+  ASSERT_EQ(RunMedia(wav + " " + out + " /v101 /s7 /e21"), ToolExitDone);
+  Output o = Parse(out);
+  ASSERT_TRUE(o.Open);
+  EXPECT_EQ(o.Check.Info.Header.Frames, 15u);
+  uint32_t rate = 0, channels = 0;
+  const Samples back = ReadBack(out, &rate, &channels);
+  // Six frames at 15 a second skipped: 400 ms, then one second of sound.
+  const size_t skip = size_t(22050) * 400 / 1000 * 2;
+  ASSERT_GE(back.size() + 16, size_t(22050) * 2);
+  const Samples later(music.begin() + long(skip), music.begin() + long(skip + back.size()));
+  EXPECT_GT(audio_test::Snr(later, back), 20.0);
+  EXPECT_LT(audio_test::Snr(music, back), 3.0);
+}
+
+// A Velmo file with a track is an input with sound: its track is decoded and coded anew.
+TEST_F(VelmocSound, VelmoInputKeepsItsSound) {
+  const std::string first = Out("first.vlm"), second = Out("second.vlm");
+  ASSERT_EQ(RunMedia(wav + " " + first + " /v101 /l0"), ToolExitDone);
+  ASSERT_EQ(RunMedia(first + " " + second + " /v101 /l0 /t3"), ToolExitDone);
+  Output o = Parse(second);
+  ASSERT_TRUE(o.Open);
+  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
+  EXPECT_EQ(VelmoTableTrack(o.Check.Info.Tables, 0).Id, 3u);
+  uint32_t rate = 0, channels = 0;
+  const Samples back = ReadBack(second, &rate, &channels);
+  EXPECT_EQ(rate, 22050u);
+  EXPECT_EQ(channels, 2u);
+  EXPECT_GT(audio_test::Snr(music, back), 18.0);
+}
+
+}  // namespace
