@@ -1,7 +1,11 @@
 // The demo's helper: writes a built-in sample clip (a moving, detailed picture) as a
-// YUV4MPEG2 stream, and measures a compressed Velmo 1 file against its source.
+// YUV4MPEG2 stream and a sound to go with it (tones and chirps) as a wave file, and measures a
+// compressed Velmo 1 file or a sound that came back from one against its source.
 //   orn_make_sample <out.y4m> [frames] [width] [height]
+//   orn_make_sample --wav <out.wav> [seconds] [rate]
 //   orn_make_sample --compare <source> <file.vlm>
+//   orn_make_sample --compare-wav <source.wav> <sound>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +14,7 @@
 
 #include "compress/velmo1_file_check.h"
 #include "compress/velmoc_source.h"
+#include "media/sound.h"
 
 namespace {
 
@@ -66,6 +71,122 @@ int WriteSample(const char* path, int frames, int w, int h) {
   return 0;
 }
 
+// Left and right of sample i at `rate`: a chord that swells, a rising and a falling chirp, then
+// three beeps that go from left to right, each second of the sound one part.
+void SoundSample(uint32_t i, uint32_t rate, double lr[2]) {
+  const double pi = 3.14159265358979, t = double(i) / rate;
+  const int part = int(t) % 3;
+  const double u = t - std::floor(t);  // time within the part
+  double left = 0, right = 0;
+  if (part == 0) {
+    const double swell = std::sin(pi * u);
+    left = swell * (0.3 * std::sin(2 * pi * 440 * t) + 0.15 * std::sin(2 * pi * 554.37 * t));
+    right = swell * (0.3 * std::sin(2 * pi * 440 * t) + 0.15 * std::sin(2 * pi * 659.26 * t));
+  } else if (part == 1) {
+    // The phase of a linear sweep from f0 to f1 over one second: f0 u + (f1 - f0) u² / 2.
+    left = 0.35 * std::sin(2 * pi * (300 * u + 900 * u * u / 2));
+    right = 0.35 * std::sin(2 * pi * (1200 * u - 900 * u * u / 2));
+  } else {
+    const int beep = int(u * 3);
+    const double v = u * 3 - beep, freq[3] = {660, 880, 990};
+    const double level = v < 0.6 ? 0.4 * std::sin(pi * v / 0.6) : 0.0;
+    const double tone = level * std::sin(2 * pi * freq[beep] * t);
+    left = tone * (1.0 - beep * 0.45);
+    right = tone * (0.1 + beep * 0.45);
+  }
+  lr[0] = left;
+  lr[1] = right;
+}
+
+void Put16(FILE* f, uint32_t v) {
+  const unsigned char b[2] = {(unsigned char)v, (unsigned char)(v >> 8)};
+  std::fwrite(b, 1, 2, f);
+}
+void Put32(FILE* f, uint32_t v) {
+  Put16(f, v & 0xFFFF);
+  Put16(f, v >> 16);
+}
+
+int WriteSound(const char* path, double seconds, uint32_t rate) {
+  FILE* f = std::fopen(path, "wb");
+  if (!f) {
+    std::fprintf(stderr, "Couldn't create %s\n", path);
+    return 1;
+  }
+  const uint32_t samples = uint32_t(seconds * rate), bytes = samples * 4;
+  std::fwrite("RIFF", 1, 4, f);
+  Put32(f, 36 + bytes);
+  std::fwrite("WAVEfmt ", 1, 8, f);
+  Put32(f, 16);
+  Put16(f, 1);
+  Put16(f, 2);
+  Put32(f, rate);
+  Put32(f, rate * 4);
+  Put16(f, 4);
+  Put16(f, 16);
+  std::fwrite("data", 1, 4, f);
+  Put32(f, bytes);
+  // Short fades at each end of the whole sound keep it free of clicks.
+  const uint32_t fade = rate / 100;
+  for (uint32_t i = 0; i < samples; ++i) {
+    double lr[2];
+    SoundSample(i, rate, lr);
+    const double edge = std::min(1.0, std::min(double(i), double(samples - 1 - i)) / fade);
+    for (double v : lr) Put16(f, uint32_t(int(std::lround(v * edge * 32767)) & 0xFFFF));
+  }
+  const bool ok = std::fclose(f) == 0;
+  std::printf("Wrote %s: %.1f seconds of 16-bit stereo sound at %u Hz (a chord, chirps, beeps).\n",
+              path, seconds, rate);
+  return ok ? 0 : 1;
+}
+
+// Reads a whole sound as 16-bit samples of the given format through the sound input layer.
+bool ReadSound(const char* name, uint32_t rate, uint32_t channels, std::vector<int16_t>* out,
+               SoundInput** format) {
+  SoundInput* sound = SoundOpen(name, rate, 16, channels, 0, 0, 0, 0, 0, nullptr);
+  if (!sound) return false;
+  std::vector<int16_t> block(8192);
+  uint32_t got;
+  while ((got = SoundRead(sound, block.data(), uint32_t(block.size() * 2))) > 0)
+    out->insert(out->end(), block.begin(), block.begin() + got / 2);
+  if (format)
+    *format = sound;
+  else
+    SoundClose(sound);
+  return true;
+}
+
+int CompareSound(const char* source, const char* copy) {
+  std::vector<int16_t> a, b;
+  SoundInput* format = nullptr;
+  if (!ReadSound(source, 0, 0, &a, &format)) {
+    std::fprintf(stderr, "Couldn't read the sound of %s\n", source);
+    return 1;
+  }
+  const uint32_t rate = format->rate, channels = format->channels;
+  SoundClose(format);
+  if (!ReadSound(copy, rate, channels, &b, nullptr)) {
+    std::fprintf(stderr, "Couldn't read the sound of %s\n", copy);
+    return 1;
+  }
+  const size_t n = std::min(a.size(), b.size());
+  double signal = 0, noise = 0;
+  for (size_t i = 0; i < n; ++i) {
+    signal += double(a[i]) * a[i];
+    noise += (double(a[i]) - b[i]) * (double(a[i]) - b[i]);
+  }
+  std::printf("%s: %.3f seconds of %u Hz %s sound against %.3f seconds in the source\n", copy,
+              double(b.size()) / channels / rate, rate, channels == 2 ? "stereo" : "mono",
+              double(a.size()) / channels / rate);
+  if (noise == 0)
+    std::printf("Signal to noise ratio over %.3f seconds: identical samples\n",
+                double(n) / channels / rate);
+  else
+    std::printf("Signal to noise ratio over %.3f seconds: %.2f dB\n", double(n) / channels / rate,
+                10 * std::log10(signal / noise));
+  return 0;
+}
+
 int Compare(const char* source, const char* file) {
   Velmo1FileCheck check;
   if (const char* e = Velmo1CheckOpen(file, &check)) {
@@ -91,9 +212,18 @@ int Compare(const char* source, const char* file) {
 
 int main(int argc, char** argv) {
   if (argc == 4 && std::strcmp(argv[1], "--compare") == 0) return Compare(argv[2], argv[3]);
+  if (argc == 4 && std::strcmp(argv[1], "--compare-wav") == 0) return CompareSound(argv[2], argv[3]);
+  if (argc >= 3 && std::strcmp(argv[1], "--wav") == 0) {
+    const double seconds = argc > 3 ? std::atof(argv[3]) : 3.0;
+    const long rate = argc > 4 ? std::atol(argv[4]) : 22050;
+    if (!(seconds > 0 && seconds <= 600) || rate < 8000 || rate > 192000) return 2;
+    return WriteSound(argv[2], seconds, uint32_t(rate));
+  }
   if (argc < 2 || argv[1][0] == '-') {
     std::fprintf(stderr, "usage: orn_make_sample <out.y4m> [frames] [width] [height]\n"
-                         "       orn_make_sample --compare <source> <file.vlm>\n");
+                         "       orn_make_sample --wav <out.wav> [seconds] [rate]\n"
+                         "       orn_make_sample --compare <source> <file.vlm>\n"
+                         "       orn_make_sample --compare-wav <source.wav> <sound>\n");
     return 2;
   }
   const int frames = argc > 2 ? std::atoi(argv[2]) : 90;
