@@ -25,6 +25,7 @@ struct SoundList {
   uint32_t rate = 0, bits = 0, channels = 0;  // the list's format: its first entry's output
   uint32_t bytes_per_sample = 0;
   uint32_t track = 0;
+  uint32_t force = 0, skip = 0;  // a raw type for entries that are raw files
   SoundInput* entry = nullptr;
   std::vector<uint64_t> lengths;  // output samples of each entry, in walk order
 };
@@ -60,7 +61,7 @@ SoundInput* OpenEntry(const SoundList* list, const MediaListItem& item, uint32_t
   const uint32_t end = EntryEnd(item);
   if (start > 0xFFFFFFFFu) start = 0xFFFFFFFFu;
   return SoundOpen(item.name, rate, bits, channels, static_cast<uint32_t>(start), end, list->track,
-                   0, 0, nullptr);
+                   list->force, list->skip, nullptr);
 }
 
 // Opens every entry once: the first sets the format, each gives its length.
@@ -166,6 +167,8 @@ bool SoundOpenList(const SoundOpenRequest& request, SoundReader* reader) {
   const bool file = extension && MediaSameText(extension, ".lst");
   list->list = file ? ReadListFile(request.name) : MediaListFromLine(request.name);
   list->track = request.track;
+  list->force = request.force;
+  list->skip = request.skip;
   ++ListDepth;
   const bool ok = list->list && Enumerate(list, request);
   --ListDepth;

@@ -104,6 +104,27 @@ TEST(SoundList, SeriesSelfReferenceAndMissingEntries) {
   EXPECT_EQ(Open(dir / "absent.lst"), nullptr);
 }
 
+TEST(SoundList, ARawTypeAppliesToEveryEntry) {
+  TempDir dir;
+  const std::vector<int16_t> a = Noise(2 * 100, 31), b = Noise(2 * 60, 32);
+  std::vector<uint8_t> bytes(6, 0x77);  // a header to skip
+  const std::vector<uint8_t> pa = Pcm16(a), pb = Pcm16(b);
+  std::vector<uint8_t> fa = bytes, fb = bytes;
+  fa.insert(fa.end(), pa.begin(), pa.end());
+  fb.insert(fb.end(), pb.begin(), pb.end());
+  WriteBytes(dir / "a.raw", fa);
+  WriteBytes(dir / "b.raw", fb);
+  WriteText(dir / "r.lst", "a.raw\nb.raw\n");
+  const uint32_t force = 4 + 8000 * 8 - 1;
+  SoundInput* sound = SoundOpen((dir / "r.lst").c_str(), 0, 0, 0, 0, 0, 0, force, 6, nullptr);
+  ASSERT_NE(sound, nullptr);
+  EXPECT_EQ(sound->rate, 8000u);
+  std::vector<int16_t> joined = a;
+  joined.insert(joined.end(), b.begin(), b.end());
+  EXPECT_EQ(As16(ReadAll(sound)), joined);
+  SoundClose(sound);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Damaged and hostile waves
 
