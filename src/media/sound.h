@@ -28,6 +28,7 @@ struct SoundInput {
   // The source format.
   uint32_t source_rate, source_bits, source_channels;
   uint32_t source_bytes_per_sample;
+  int source_float;  // the source samples are IEEE floats (source_bits 32 or 64)
   uint64_t total_source_samples;
   uint64_t source_index;  // samples read from the source
 

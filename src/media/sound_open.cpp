@@ -54,6 +54,7 @@ bool SetFormat(SoundInput* sound, const SoundFormat& f, uint32_t rate, uint32_t 
   sound->source_bits = f.bits;
   sound->source_channels = f.channels;
   sound->source_bytes_per_sample = f.bytes_per_sample;
+  sound->source_float = f.is_float ? 1 : 0;
   sound->rate = rate ? rate : f.rate;
   sound->bits = (bits == 8 || (bits == 0 && f.bits == 8 && !f.is_float)) ? 8 : 16;
   sound->channels = channels == 0 ? f.channels : channels > 1 ? 2 : 1;

@@ -155,6 +155,12 @@ TEST(SoundFormats, FloatWavesScaleAndClamp) {
     w.bits = bits;
     WriteBytes(dir / "f.wav", Wave(w, data));
     EXPECT_EQ(ReadAll16(dir / "f.wav"), expected) << bits;
+    SoundInput* sound = Open(dir / "f.wav");
+    ASSERT_NE(sound, nullptr);
+    EXPECT_TRUE(sound->source_float);
+    EXPECT_EQ(sound->source_bits, bits);
+    EXPECT_EQ(sound->bits, 16u);
+    SoundClose(sound);
   }
 }
 
