@@ -17,6 +17,7 @@
 #include "host/switches.h"
 #include "host/toolframe.h"
 #include "compress/velmoc.h"
+#include "compress/velmomix.h"
 #include "tools/orninfo.h"
 #include "tools/ornsi.h"
 #include "convert/velmoconv.h"
@@ -89,7 +90,7 @@ const ToolWordRow Table[] = {
     {{"orninfo"}, "ORNInfo", DispatchWindowTool, nullptr, nullptr, nullptr, OrnFileInfoMain, nullptr},
     {{"versioncheck"}, "versioncheck", DispatchVersionCheck, nullptr, nullptr, nullptr, nullptr, nullptr},
     {{"velmoconv"}, "VelmoConv", DispatchShellTool, "velmoconv", VelmoConvMain, VelmoConvCommand, nullptr, nullptr},
-    {{"velmomix"}, "VelmoMix", DispatchShellTool, "velmomix", nullptr, nullptr, nullptr, nullptr},
+    {{"velmomix"}, "VelmoMix", DispatchShellTool, "velmomix", VelmoMixMain, VelmoMixCommand, nullptr, nullptr},
     {{"tarvmix"}, "TarvMix", DispatchShellTool, "tarvmix", nullptr, nullptr, nullptr, nullptr},
     {{"tarv"}, "Tarv", DispatchShellTool, "tarv", nullptr, nullptr, nullptr, nullptr},
     {{"velmo", "velmoc"}, "Velmoc", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v100"},

@@ -14,6 +14,7 @@
 
 #include "../reader/container_test_util.h"
 #include "compress/velmomix.h"
+#include "host/switches.h"
 #include "host/toolframe.h"
 #include "reader/container.h"
 #include "velmo.h"
@@ -578,7 +579,9 @@ TEST(VelmoMixEncode, SilentLeadIn) {
     ASSERT_GT(run.Run(in, out, {NewTrack(0, &tone)}, 0, 0, 0, c.start), 0u);
     const std::vector<int16_t> decoded = DecodeTrack(out, 0);
     EXPECT_NEAR(double(decoded.size()), 55125.0, 75 * 8.0);
-    if (c.lead) EXPECT_LT(Rms(decoded, 0, c.lead - 2048), 20.0);
+    if (c.lead) {
+      EXPECT_LT(Rms(decoded, 0, c.lead - 2048), 20.0);
+    }
     EXPECT_GT(ToneSnr(decoded, c.lead, c.lead + 2048, c.lead + 20000, 22050), 20.0);
     // The source gave what the track had room for behind its silence, and no more.
     EXPECT_LE(tone.Samples, 55125 - c.lead + 4096);
@@ -602,6 +605,200 @@ TEST(VelmoMixSilence, StartInMillisecondsOrFrames) {
   EXPECT_EQ(VelmoMixSilenceBytes(11, 44100, 25, 1), 17640u);
   // Long leads stay in range rather than wrapping.
   EXPECT_EQ(VelmoMixSilenceBytes(0x7fffffff, 192000, 1, 1000), 0xfffffffcu);
+}
+
+// ---- The tool ----------------------------------------------------------------------------------
+
+bool ParseLine(const char* text, VelmoMixSettings* s) {
+  std::vector<char> line(text, text + std::strlen(text) + 1);
+  return VelmoMixParseSwitches(line.data(), s);
+}
+
+TEST(VelmoMixSwitches, ValuesAndDefaults) {
+  VelmoMixSettings d;
+  ASSERT_TRUE(ParseLine("in - out", &d));
+  EXPECT_EQ(d.Level, 4);
+  EXPECT_EQ(d.TrackId, 0u);
+  EXPECT_EQ(d.Start, 0);
+  EXPECT_FALSE(d.Loop);
+  EXPECT_EQ(d.RateNumerator, 0u);
+  EXPECT_FALSE(d.Overwrite);
+  EXPECT_STREQ(d.Input, "in");
+  EXPECT_STREQ(d.Sound, "-");
+  EXPECT_STREQ(d.Output, "out");
+
+  // /T and /I are the mixer's (track id, and the sound file's track to read); the sound layer
+  // gets the rest.
+  VelmoMixSettings s;
+  ASSERT_TRUE(ParseLine("/l104 \"my in.vlm|4096\" snd.raw /t7 /n-250 /p /f29.97 /r16000 /b108 "
+                        "/c2 /i3 /s100 /e900 /y4 /d8000 /k44 /o out", &s));
+  EXPECT_EQ(s.Level, 104);
+  EXPECT_EQ(s.TrackId, 7u);
+  EXPECT_EQ(s.Start, -250);
+  EXPECT_TRUE(s.Loop);
+  EXPECT_EQ(s.RateNumerator * 100, 2997u * s.RateDenominator);
+  EXPECT_EQ(s.SoundRate, 16000u);
+  EXPECT_EQ(s.SoundBits, 108u);
+  EXPECT_EQ(s.SoundChannels, 2u);
+  EXPECT_EQ(s.SoundTrack, 3u);
+  EXPECT_EQ(s.StartMs, 100u);
+  EXPECT_EQ(s.EndMs, 900u);
+  EXPECT_EQ(s.Force, 4u + 8000u * 8u - 1u);
+  EXPECT_EQ(s.Skip, 44u);
+  EXPECT_TRUE(s.Overwrite);
+  EXPECT_STREQ(s.Input, "my in.vlm");
+  EXPECT_EQ(s.InputOffset, 4096u);
+  EXPECT_STREQ(s.Output, "out");
+}
+
+TEST(VelmoMixSwitches, SyntaxErrors) {
+  VelmoMixSettings s;
+  EXPECT_TRUE(ParseLine("a b c /l-1", &s));
+  EXPECT_TRUE(ParseLine("a b c /l199", &s));
+  EXPECT_FALSE(ParseLine("a b c /l200", &s));
+  EXPECT_FALSE(ParseLine("a b c /l-2", &s));
+  EXPECT_FALSE(ParseLine("a b", &s));
+  EXPECT_FALSE(ParseLine("", &s));
+  EXPECT_FALSE(ParseLine("a b c /g", &s));   // a switch nobody knows
+  EXPECT_FALSE(ParseLine("a b c /f0", &s));  // no rate
+  EXPECT_FALSE(ParseLine("a b c /y9", &s));  // no such raw type
+  EXPECT_FALSE(ParseLine("a|x b c", &s));    // an offset that is no number
+}
+
+TEST(VelmoMixSwitches, ExtensionsFromTheInputsMagic) {
+  const std::string dir = TempDir();
+  WriteAll(dir + "/one.vlm", BuildInput({100, 0, nullptr, 2, 1, {}}));
+  std::vector<uint8_t> two(16, 0);
+  const std::vector<uint8_t> vm2 = BuildInput({200, 0, nullptr, 2, 1, {}});
+  two.insert(two.end(), vm2.begin(), vm2.end());
+  WriteAll(dir + "/two.bin", two);
+  char name[256] = "clip";
+  VelmoMixInputExtension(name, sizeof name);
+  EXPECT_STREQ(name, "clip.vlm");
+  std::strcpy(name, "a.b/out");
+  VelmoMixOutputExtension(name, sizeof name, (dir + "/one.vlm").c_str(), 0);
+  EXPECT_STREQ(name, "a.b/out.vlm");
+  std::strcpy(name, "out");
+  VelmoMixOutputExtension(name, sizeof name, (dir + "/two.bin").c_str(), 16);
+  EXPECT_STREQ(name, "out.vm2");
+  std::strcpy(name, "out");
+  VelmoMixOutputExtension(name, sizeof name, (dir + "/two.bin").c_str(), 0);  // no magic there
+  EXPECT_STREQ(name, "out.vlm");
+  std::strcpy(name, "out.dat");
+  VelmoMixOutputExtension(name, sizeof name, (dir + "/two.bin").c_str(), 16);
+  EXPECT_STREQ(name, "out.dat");
+  RemoveTree(dir);
+}
+
+int RunTool(const std::string& tail) {
+  VelmoMixRegisterDialog();
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  return ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmoMixMain, VelmoMixCommand, "velmomix");
+}
+
+// A wave file of the tone: 16-bit, `seconds` long.
+void WriteWave(const std::string& name, uint32_t rate, uint32_t channels, double seconds) {
+  Tone tone;
+  tone.Rate = rate;
+  tone.Channels = channels;
+  std::vector<uint8_t> pcm(size_t(rate * seconds) * channels * 2);
+  ReadTone(&tone, pcm.data(), uint32_t(pcm.size()));
+  std::vector<uint8_t> file(44);
+  std::memcpy(file.data(), "RIFF", 4);
+  Store32(&file, 4, uint32_t(36 + pcm.size()));
+  std::memcpy(file.data() + 8, "WAVEfmt ", 8);
+  Store32(&file, 16, 16);
+  Store32(&file, 20, 1 | channels << 16);
+  Store32(&file, 24, rate);
+  Store32(&file, 28, rate * channels * 2);
+  Store32(&file, 32, channels * 2 | 16 << 16);
+  std::memcpy(file.data() + 36, "data", 4);
+  Store32(&file, 40, uint32_t(pcm.size()));
+  file.insert(file.end(), pcm.begin(), pcm.end());
+  WriteAll(name, file);
+}
+
+TEST(VelmoMixTool, ExitCodes) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  WriteAll(in, BuildInput({}));
+  EXPECT_EQ(RunTool(in + " - " + out + " /l200"), ToolExitBadSwitches);
+  EXPECT_EQ(RunTool(in + " -"), ToolExitBadSwitches);
+  EXPECT_EQ(RunTool(in + " " + dir + "/none.wav " + out), ToolExitInputError);
+  EXPECT_FALSE(Exists(out));
+  EXPECT_EQ(RunTool(dir + "/none.vlm - " + out), 8004);  // the mixer fails on its input
+  EXPECT_FALSE(Exists(out));
+  EXPECT_FALSE(Exists(out + ".tmp"));
+  EXPECT_EQ(RunTool(in + " - " + out), ToolExitDone);
+  EXPECT_TRUE(Exists(out));
+  // Without /O the console takes the question's default answer, No.
+  EXPECT_EQ(RunTool(in + " - " + out), ToolExitNoOverwrite);
+  EXPECT_EQ(RunTool(in + " - " + out + " /o"), ToolExitDone);
+  RemoveTree(dir);
+}
+
+// Mixing a wave: the track of /T joins the file's own, at the level of /L; the rest is the
+// input's. "-" takes the track of /T out again, and names without extensions get theirs.
+TEST(VelmoMixTool, MixesAWaveAndRemovesItAgain) {
+  const std::string dir = TempDir();
+  const std::vector<uint8_t> input = BuildInput({200, VelmoFlagFullRange, "x", 45, 5, {5}});
+  WriteAll(dir + "/in.vlm", input);
+  WriteWave(dir + "/tone.wav", 22050, 2, 2.0);
+  ASSERT_EQ(RunTool(dir + "/in " + dir + "/tone.wav " + dir + "/with.vlm /t3 /l8"), ToolExitDone);
+  const std::string with = dir + "/with.vlm";
+  Parsed a, b;
+  ASSERT_TRUE(Parse(input, &a));
+  ASSERT_TRUE(Parse(ReadAll(with), &b));
+  ASSERT_EQ(b.Tracks.size(), 2u);
+  EXPECT_EQ(b.Tracks[1].Id, 3u);
+  EXPECT_EQ(b.Tracks[1].Format & VelmoTrackRateMask, 22050u);
+  EXPECT_TRUE(b.Tracks[1].Format & VelmoTrackStereo);
+  EXPECT_TRUE(b.Tracks[1].Format & VelmoTrack16Bit);
+  for (size_t f = 0; f < a.Video.size(); ++f) {
+    EXPECT_EQ(b.Sounds[f][0], a.Sounds[f][0]) << f;
+    EXPECT_TRUE(SameVideo(a.Video[f], b.Video[f])) << f;
+  }
+  const std::vector<int16_t> decoded = DecodeTrack(with, 1);
+  EXPECT_NEAR(double(decoded.size()), 33075.0, 45 * 8.0);
+  EXPECT_GT(ToneSnr(decoded, 0, 1000, 32000, 22050), 15.0);
+
+  // Names without extensions: the input's is ".vlm", the output's follows the input's magic.
+  // "-" removes track 3 and leaves the rest as it was.
+  ASSERT_EQ(RunTool(dir + "/with - " + dir + "/without /t3"), ToolExitDone);
+  Parsed c;
+  ASSERT_TRUE(Parse(ReadAll(dir + "/without.vm2"), &c));
+  ASSERT_EQ(c.Tracks.size(), 1u);
+  EXPECT_EQ(c.Tracks[0].Id, 5u);
+  for (size_t f = 0; f < a.Video.size(); ++f) {
+    EXPECT_EQ(c.Sounds[f][0], a.Sounds[f][0]) << f;
+    EXPECT_TRUE(SameVideo(a.Video[f], c.Video[f])) << f;
+  }
+  RemoveTree(dir);
+}
+
+// /P repeats a short sound over the whole video; without it the track falls silent. /B8 makes
+// an 8-bit track of the 16-bit samples; /F changes the rate, and with it the sound's length.
+TEST(VelmoMixTool, LoopBitsAndRate) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm";
+  WriteAll(in, BuildInput({100, 0, nullptr, 60, 5, {}}));
+  WriteWave(dir + "/short.wav", 22050, 1, 0.25);
+  ASSERT_EQ(RunTool(in + " " + dir + "/short.wav " + dir + "/loop.vlm /p"), ToolExitDone);
+  ASSERT_EQ(RunTool(in + " " + dir + "/short.wav " + dir + "/once.vlm"), ToolExitDone);
+  const std::vector<int16_t> loop = DecodeTrack(dir + "/loop.vlm", 0);
+  const std::vector<int16_t> once = DecodeTrack(dir + "/once.vlm", 0);
+  EXPECT_NEAR(double(loop.size()), 44100.0, 60 * 8.0);
+  EXPECT_NEAR(double(once.size()), 44100.0, 60 * 8.0);
+  EXPECT_GT(Rms(loop, 30000, 40000), 3000.0);
+  EXPECT_LT(Rms(once, 30000, 40000), 20.0);
+  EXPECT_GT(Rms(once, 1000, 4000), 3000.0);
+
+  ASSERT_EQ(RunTool(in + " " + dir + "/short.wav " + dir + "/eight.vlm /b8 /f15"), ToolExitDone);
+  Parsed e;
+  ASSERT_TRUE(Parse(ReadAll(dir + "/eight.vlm"), &e));
+  EXPECT_EQ(e.Info.Header.FrameRate, 15u);
+  EXPECT_EQ(e.Info.Header.FrameRateDiv, 1u);
+  ASSERT_EQ(e.Tracks.size(), 1u);
+  EXPECT_FALSE(e.Tracks[0].Format & VelmoTrack16Bit);
+  RemoveTree(dir);
 }
 
 }  // namespace

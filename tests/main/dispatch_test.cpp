@@ -101,7 +101,7 @@ TEST_F(Dispatch, WordsIgnoreCaseAndPickTheirTool) {
     const char* tool;
   } cases[] = {
       {"velmoplay", "VelmoPlay"}, {"VELMOPLAY", "VelmoPlay"}, {"VelmoPl64", "VelmoPlay"},
-      {"ORNBatch", "ORNBatch"},   {"orn2exe", "ORN2EXE"},     {"velmomix", "VelmoMix"},
+      {"ORNBatch", "ORNBatch"},   {"orn2exe", "ORN2EXE"},
       {"TarvMix", "TarvMix"},
       {"tarv", "Tarv"},           {"ornana", "ORNAna"},
   };
@@ -140,6 +140,17 @@ TEST_F(Dispatch, ConverterAndFileInfoAreBuilt) {
   EXPECT_EQ(o.code, 0) << o.output;
   EXPECT_TRUE(Has(o, "Information on /tmp")) << o.output;
   EXPECT_FALSE(Has(o, "not part of this build"));
+}
+
+TEST_F(Dispatch, MixerIsBuilt) {
+  // The mixer with no sound or output name shows its help (8005, 69 as a status).
+  for (const char* word : {"velmomix", "VELMOMIX"}) {
+    Outcome o = RunTool({word, "in.vlm"});
+    EXPECT_EQ(o.code, 8005 & 255) << word << "\n" << o.output;
+    EXPECT_TRUE(Has(o, "Syntax:  VelmoMix <Input Velmo File>[.VLM] <Input Sound File> "
+                       "<Output Velmo File>[.VLM] [/Switches]")) << o.output;
+    EXPECT_FALSE(Has(o, "not part of this build")) << o.output;
+  }
 }
 
 TEST_F(Dispatch, BuiltToolWordsIgnoreCase) {
