@@ -5,14 +5,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "compress/velmomix.h"
 #include "convert/velmoconv.h"
 #include "imagefile/imagefile.h"
+#include "media/readers/stream_readers.h"
+#include "media/sound.h"
 
 namespace {
 
@@ -139,6 +144,18 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
   ASSERT_TRUE(VelmoConvParseSwitches(fromWave, &s));
   VelmoConvCompleteOutput(&s);
   EXPECT_STREQ(s.output, "out.wav");
+
+  // A raw input: the type less one in the low three bits, the rate above (11025 when not given).
+  char forced[256] = "in.pcm out.wav /L3 /G8000 /M44";
+  ASSERT_TRUE(VelmoConvParseSwitches(forced, &s));
+  EXPECT_EQ(s.forced_input, 2u | 8000u << 3);
+  EXPECT_EQ(s.skip_bytes, 44);
+  char defaultRate[256] = "in.pcm out.wav /L1";
+  ASSERT_TRUE(VelmoConvParseSwitches(defaultRate, &s));
+  EXPECT_EQ(s.forced_input, 0u | 11025u << 3);
+  char badType[256] = "in.pcm out.wav /L5 /G8000";
+  ASSERT_TRUE(VelmoConvParseSwitches(badType, &s));
+  EXPECT_EQ(s.forced_input, 0u);
 
   char noOutput[256] = "in.png /o";
   EXPECT_FALSE(VelmoConvParseSwitches(noOutput, &s));
@@ -348,6 +365,144 @@ TEST_F(VelmoConvRun, WaveOutputsTakeFormatAndRangeSwitches) {
     EXPECT_NEAR(f[4 * i], left, 1) << i;
     EXPECT_NEAR(f[4 * i + 2], left + 2, 1) << i;  // half way to the next (4 on)
   }
+}
+
+// A YUV4MPEG2 clip of flat grey frames that brighten, at 30 frames a second.
+void WriteY4m(const std::string& name, int frames, int w, int h) {
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_TRUE(f);
+  std::fprintf(f, "YUV4MPEG2 W%d H%d F30:1 Ip A1:1 C420jpeg\n", w, h);
+  std::vector<uint8_t> plane(size_t(w) * h * 3 / 2, 128);
+  for (int t = 0; t < frames; ++t) {
+    std::fill(plane.begin(), plane.begin() + w * h, uint8_t(40 + t * 3));
+    std::fputs("FRAME\n", f);
+    std::fwrite(plane.data(), 1, plane.size(), f);
+  }
+  std::fclose(f);
+}
+
+uint32_t ReadSoundInput(void* source, void* buffer, uint32_t bytes) {
+  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
+}
+
+// The PCM of an AVI file's first audio stream, chunk by chunk.
+struct AviSound {
+  StreamAudioTrack track{};
+  std::vector<std::string> chunks;
+  uint32_t rate_num = 0, rate_den = 0, frames = 0;
+};
+
+bool ReadAviSound(const std::string& name, AviSound* out) {
+  StreamError error{};
+  StreamReader* reader = StreamReaderOpen(&kStreamReaderAvi, name.c_str(), &error);
+  if (!reader) return false;
+  const StreamInfo* info = StreamReaderInfo(reader);
+  out->rate_num = info->rate_num;
+  out->rate_den = info->rate_den;
+  out->frames = info->frame_count;
+  const bool ok = StreamReaderAudioTrackCount(reader) == 1 &&
+                  StreamReaderAudioTrack(reader, 0, &out->track);
+  for (uint32_t c = 0; ok && c < out->track.chunk_count; ++c) {
+    std::string chunk(out->track.chunks[c].size, '\0');
+    chunk.resize(StreamReaderReadAudio(reader, 0, c, chunk.data(), chunk.size()));
+    out->chunks.push_back(chunk);
+  }
+  StreamReaderClose(reader);
+  return ok;
+}
+
+class VelmoConvSound : public VelmoConvRun {
+ protected:
+  // A 45-frame Velmo clip (1.5 seconds) with one track made by the mixer from two seconds of
+  // a mono 11025 Hz sweep.
+  void SetUp() override {
+    VelmoConvRun::SetUp();
+    WriteY4m(dir + "/clip.y4m", 45, 16, 16);
+    ASSERT_EQ(RunProgram("velmoc " + dir + "/clip.y4m " + dir + "/plain.vlm /v101 /d100000"), 0);
+    std::vector<int16_t> samples(2 * 11025);
+    for (size_t i = 0; i < samples.size(); ++i)
+      samples[i] = int16_t(9000 * std::sin(double(i) * (0.05 + double(i) * 2e-6)));
+    WriteWave(dir + "/sweep.wav", 11025, 1, samples);
+    SoundInput* sound =
+        SoundOpen((dir + "/sweep.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+    ASSERT_TRUE(sound);
+    VelmoMixTrack track{0, 11025, 16, 1, 4, sound, ReadSoundInput};
+    vlm = dir + "/clip.vlm";
+    const uint64_t size =
+        VelmoMixFile((dir + "/plain.vlm").c_str(), vlm.c_str(), 0, 0, 0, 0, 1, &track, nullptr);
+    SoundClose(sound);
+    ASSERT_GT(size, 0u);
+  }
+  std::string vlm;
+};
+
+TEST_F(VelmoConvSound, AviTakesTheTrackAheadOfItsFrames) {
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/clip.avi"), 0);
+  // The track alone, as the sound layer decodes it, for comparison.
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/track.wav"), 0);
+  const std::string wave = ReadAll(dir + "/track.wav");
+  ExpectWaveHeader(wave, 11025, 16, 1, uint32_t(wave.size() - 44));
+  // The mixer made the track as long as the frames, give or take its rounding.
+  ASSERT_NEAR(double(wave.size() - 44), 33075.0, 8.0);
+
+  AviSound avi;
+  ASSERT_TRUE(ReadAviSound(dir + "/clip.avi", &avi));
+  EXPECT_EQ(avi.frames, 45u);
+  ASSERT_EQ(uint64_t(avi.rate_num) * 1, uint64_t(avi.rate_den) * 30);
+  EXPECT_EQ(avi.track.format_tag, 1);
+  EXPECT_EQ(avi.track.channels, 1);
+  EXPECT_EQ(avi.track.samples_per_second, 11025u);
+  EXPECT_EQ(avi.track.bits_per_sample, 16);
+  EXPECT_EQ(avi.track.block_align, 2);
+  ASSERT_GE(avi.chunks.size(), 2u);
+  // After the first frame: three quarters of a second (8268 samples, a multiple of 4) and
+  // one frame's 735 bytes, in whole samples: 16536 + 734.
+  EXPECT_EQ(avi.chunks[0].size(), 17270u);
+  // Then about a frame's worth after each frame, until the sound reaches the frames' length.
+  for (size_t c = 1; c < avi.chunks.size(); ++c) {
+    EXPECT_GE(avi.chunks[c].size(), 2u) << c;
+    EXPECT_LE(avi.chunks[c].size(), 736u) << c;
+  }
+  // 1.5 seconds of 22050 bytes a second in whole samples (33074), or the track's end if that
+  // comes first, and the same samples as the track's own decoding.
+  std::string pcm;
+  for (const std::string& c : avi.chunks) pcm += c;
+  ASSERT_EQ(pcm.size(), std::min<size_t>(33074u, wave.size() - 44));
+  EXPECT_EQ(avi.track.total_bytes, pcm.size());
+  EXPECT_TRUE(pcm == wave.substr(44, pcm.size())) << "the AVI's sound differs from the track's";
+  // A lossy track, yet close to the sweep it was made from.
+  const std::string source = ReadAll(dir + "/sweep.wav");
+  double signal = 0, noise = 0;
+  for (size_t i = 0; i < pcm.size() / 2; ++i) {
+    const int a = int16_t(Le16(source, 44 + 2 * i)), b = int16_t(Le16(pcm, 2 * i));
+    signal += double(a) * a;
+    noise += double(a - b) * (a - b);
+  }
+  EXPECT_GT(10 * std::log10(signal / std::max(noise, 1.0)), 15.0);
+}
+
+TEST_F(VelmoConvSound, TrackSwitchesAndSoundOnlyVideo) {
+  // /N-1: the AVI has no audio stream.
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/mute.avi /n-1"), 0);
+  AviSound mute;
+  EXPECT_FALSE(ReadAviSound(dir + "/mute.avi", &mute));
+  EXPECT_EQ(mute.frames, 45u);
+  // A track that is not there: the frames go on without sound.
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/none.avi /n3"), 0);
+  AviSound none;
+  EXPECT_FALSE(ReadAviSound(dir + "/none.avi", &none));
+  // /V: the sound alone, in a wave file named for it; a range and a format change go with it.
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/part /v /j500 /k1000 /b8"), 0);
+  const std::string part = ReadAll(dir + "/part.wav");
+  ExpectWaveHeader(part, 11025, 8, 1, 11025 - 11025 * 500 / 1000);  // samples 5512 to 11024
+  // A range with video: /J and /K pick the sound; the frames stay as they were.
+  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/late.avi /j1000 /k1200"), 0);
+  AviSound late;
+  ASSERT_TRUE(ReadAviSound(dir + "/late.avi", &late));
+  std::string pcm;
+  for (const std::string& c : late.chunks) pcm += c;
+  EXPECT_EQ(pcm.size(), 2u * (11025 * 1200 / 1000 - 11025));
+  EXPECT_EQ(late.frames, 45u);
 }
 
 TEST_F(VelmoConvRun, ExitCodes) {
