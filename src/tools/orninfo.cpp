@@ -128,8 +128,8 @@ void AddVelmo(std::string* out, const char* name) {
   }
   if (velmo) {
     for (uint32_t t = 0; t < velmo->TrackCount; ++t) {
-      const uint32_t format = velmo->TrackFormats[t];
-      Add(out, "%sTrack ID %u: %u Hz, %u bit, %s sound data%s.", Line, velmo->TrackIds[t],
+      const uint32_t format = VelmoGetTrackFormat(velmo, t);
+      Add(out, "%sTrack ID %u: %u Hz, %u bit, %s sound data%s.", Line, VelmoGetTrackId(velmo, t),
           format & VelmoTrackRateMask, (format & VelmoTrack16Bit) ? 16u : 8u,
           (format & VelmoTrackStereo) ? "Stereo" : "Mono",
           (format & VelmoTrackOlder) ? "(Old format)" : "");

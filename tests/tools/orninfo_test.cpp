@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "compress/velmomix.h"
 #include "convert/output.h"
 #include "imagefile/imagefile.h"
+#include "media/sound.h"
 #include "tools/orninfo.h"
 
 namespace {
@@ -262,6 +264,49 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
   RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" orninfo " + vlm + " </dev/null 2>&1",
              &both);
   EXPECT_TRUE(Has(both, "Information on " + vlm)) << both;
+}
+
+uint32_t ReadSoundInput(void* source, void* buffer, uint32_t bytes) {
+  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
+}
+
+TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
+  WritePng(dir + "/in1.png", 16, 16, false);
+  WritePng(dir + "/in2.png", 16, 16, false);
+  const std::string plain = dir + "/plain.vlm";
+  std::string out;
+  ASSERT_EQ(RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" velmoc \"" + dir +
+                           "/in?.png*1-2\" " + plain + " /v101 </dev/null >/dev/null 2>&1",
+                       &out),
+            0);
+  // Two tracks laid in by the mixer: id 7 mono at 11025 Hz, then id 2 stereo at 22050 Hz.
+  WriteWave(dir + "/mono.wav", 1, 1, 11025, 16);
+  WriteWave(dir + "/stereo.wav", 1, 2, 22050, 16);
+  SoundInput* mono = SoundOpen((dir + "/mono.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* stereo =
+      SoundOpen((dir + "/stereo.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  ASSERT_TRUE(mono && stereo);
+  const VelmoMixTrack tracks[2] = {{7, 11025, 16, 1, 4, mono, ReadSoundInput},
+                                   {2, 22050, 16, 2, 4, stereo, ReadSoundInput}};
+  const std::string vlm = dir + "/tracks.vlm";
+  const uint64_t size =
+      VelmoMixFile(plain.c_str(), vlm.c_str(), 0, 0, 0, 0, 2, tracks, nullptr);
+  SoundClose(mono);
+  SoundClose(stereo);
+  ASSERT_GT(size, 0u);
+  const std::string text = OrnFileInfoText(vlm.c_str());
+  // The track lines follow the slices line; the sound block (the first track) follows them.
+  EXPECT_EQ(Between(text, "\r\n    Video slices", "\r\n    Size:"),
+            "\r\n    Video slices (max simultaneous CPUs): 1"
+            "\r\n    Track ID 7: 11025 Hz, 16 bit, Mono sound data."
+            "\r\n    Track ID 2: 22050 Hz, 16 bit, Stereo sound data."
+            "\r\n    Sound info (Velmo track file):"
+            "\r\n      11025 Hz, 16 bit, 1 channel sound data.")
+      << text;
+  // Without tracks there are neither.
+  const std::string none = OrnFileInfoText(plain.c_str());
+  EXPECT_FALSE(Has(none, "Track ID")) << none;
+  EXPECT_FALSE(Has(none, "Sound info")) << none;
 }
 
 TEST_F(OrnFileInfo, NoNameIsAnInputError) {
