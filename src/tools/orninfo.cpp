@@ -16,7 +16,6 @@
 #include "host/toolframe.h"
 #include "media/media.h"
 #include "media/sound.h"
-#include "media/sound_source.h"  // the source format's float flag
 #include "media/readers/stream_readers.h"
 #include "reader/container.h"
 #include "velmo.h"
@@ -171,7 +170,7 @@ void AddStreamFrameSizes(std::string* out, const char* name, uint32_t type) {
 void AddSound(std::string* out, const char* name) {
   SoundInput* sound = SoundOpen(name, 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
   if (!sound) return;
-  const bool isFloat = sound->source && sound->source->reader.format.is_float;
+  const bool isFloat = sound->source_float != 0;
   Add(out, "%sSound info (%s file):", Line, sound->type_name ? sound->type_name : "sound");
   Add(out, "\r\n      %u Hz, %u bit%s, %d channel sound data.", sound->source_rate,
       sound->source_bits, isFloat ? "(float)" : "", int(sound->source_channels));
