@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The main job on a built-in sample, on the console front end: the entry's answers, a stand-in
-# tool behind the shell, then a generated clip compressed with velmoc, measured against its
-# source, converted back to a PNG series, and described by ORNInfo.
+# tool behind the shell, then a generated clip compressed with velmoc and measured against its
+# source, a generated sound laid beside its frames with VelmoMix, the clip converted back to a
+# PNG series, a wave file (measured against the generated sound) and an AVI, and ORNInfo's
+# account of the results.
 set -uo pipefail
 BUILD=${1:-build}
 PROGRAM="$BUILD/src/main/ORNVideo64"
@@ -40,13 +42,33 @@ echo "(exit code ${PIPESTATUS[0]})"
 "$BUILD/src/main/orn_make_sample" --compare "$SAMPLE_DIR/sample.y4m" "$SAMPLE_DIR/sample.vlm"
 
 echo
-echo "== And back again: the compressed sample as a PNG series, then what ORNInfo says of it =="
+echo "== Sound for the sample: 3 seconds of tones and chirps, laid beside its frames by VelmoMix =="
+"$BUILD/src/main/orn_make_sample" --wav "$SAMPLE_DIR/sample.wav" 3 22050
+echo "\$ ORNVideo64 VelmoMix sample.vlm sample.wav clip.vlm /o"
+"$PROGRAM" VelmoMix "$SAMPLE_DIR/sample.vlm" "$SAMPLE_DIR/sample.wav" "$SAMPLE_DIR/clip.vlm" /o </dev/null 2>&1 | tail -3
+echo "(exit code ${PIPESTATUS[0]})"
+
+echo
+echo "== And back again: the compressed clip as a PNG series, its track as a wave file, and both in an AVI =="
 mkdir -p "$SAMPLE_DIR/frames"
-echo "\$ ORNVideo64 VelmoConv sample.vlm frames/sample.png /o"
-"$PROGRAM" VelmoConv "$SAMPLE_DIR/sample.vlm" "$SAMPLE_DIR/frames/sample.png" /o </dev/null 2>&1 | tail -3
+echo "\$ ORNVideo64 VelmoConv clip.vlm frames/clip.png /o"
+"$PROGRAM" VelmoConv "$SAMPLE_DIR/clip.vlm" "$SAMPLE_DIR/frames/clip.png" /o </dev/null 2>&1 | tail -3
 echo "(exit code ${PIPESTATUS[0]})"
 echo "$(ls "$SAMPLE_DIR/frames" | wc -l) PNG files, first and last: $(ls "$SAMPLE_DIR/frames" | head -1) $(ls "$SAMPLE_DIR/frames" | tail -1)"
 echo
-echo "\$ ORNVideo64 ORNInfo sample.vlm"
-"$PROGRAM" ORNInfo "$SAMPLE_DIR/sample.vlm" </dev/null 2>/dev/null
+echo "\$ ORNVideo64 VelmoConv clip.vlm back.wav /o"
+"$PROGRAM" VelmoConv "$SAMPLE_DIR/clip.vlm" "$SAMPLE_DIR/back.wav" /o </dev/null 2>&1 | tail -3
+echo "(exit code ${PIPESTATUS[0]})"
+"$BUILD/src/main/orn_make_sample" --compare-wav "$SAMPLE_DIR/sample.wav" "$SAMPLE_DIR/back.wav"
+echo
+echo "\$ ORNVideo64 VelmoConv clip.vlm clip.avi /o"
+"$PROGRAM" VelmoConv "$SAMPLE_DIR/clip.vlm" "$SAMPLE_DIR/clip.avi" /o </dev/null 2>&1 | tail -3
+echo "(exit code ${PIPESTATUS[0]})"
+echo
+echo "\$ ORNVideo64 ORNInfo clip.vlm"
+"$PROGRAM" ORNInfo "$SAMPLE_DIR/clip.vlm" </dev/null 2>/dev/null
+echo "(exit code $?)"
+echo
+echo "\$ ORNVideo64 ORNInfo clip.avi"
+"$PROGRAM" ORNInfo "$SAMPLE_DIR/clip.avi" </dev/null 2>/dev/null
 echo "(exit code $?)"
