@@ -521,6 +521,17 @@ bool ThreadStart(PlatformThread* thread, ThreadEntry entry, void* argument, size
     rc = pthread_create(&handle, &attr, ThreadMain, thread);
   }
   pthread_attr_destroy(&attr);
+  // The system puts the static thread-local blocks of all modules on the thread's stack, and
+  // refuses a stack that cannot hold them (the sound decoder's scratch is one): a small stack
+  // is grown until it does.
+  for (size_t grown = std::max(stackBytes, size_t(65536)) * 4;
+       rc == EINVAL && stackBytes && grown <= (size_t(16) << 20); grown *= 4) {
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, grown);
+    if (cpu >= 0 && cpu < CPU_SETSIZE && (processor & ProcessorHard)) SystemBindProcessor(&attr, cpu);
+    rc = pthread_create(&handle, &attr, ThreadMain, thread);
+    pthread_attr_destroy(&attr);
+  }
   if (rc != 0) return false;
   static_assert(sizeof(pthread_t) <= sizeof(thread->Handle));
   thread->Handle = static_cast<uint64_t>(handle);
