@@ -98,6 +98,17 @@ struct VelmoState : VelmoHandle {
   uint32_t OnReaderList;        // registered with the read-ahead service
 
   VelmoFrameBuffers Buffers;    // FrameBuffers points here when frame buffers exist
+
+  // Sound tracks (velmo_sound.cpp). The feeder may run on the sound thread: what it reads of
+  // the walk comes through the two mirrors, written atomically by the frame thread.
+  void* TrackBlock;             // decoders and rings of the open tracks
+  VelmoState* NextSound;        // the sound service's list, under its list lock
+  volatile uint32_t OnSoundList;
+  int32_t SoundService;         // 0 sound thread, 1 fed by the frame walk, 2 fed by the host
+  uint32_t SoundSleep;          // the thread's sleep time this handle asks for, ms
+  uint32_t LastSoundFrame;      // frame whose sound packets were decoded last
+  volatile uint32_t FeedFrame;  // FrameNum, for the feeder
+  volatile uint32_t FeedPlayed; // nonzero once a frame was played, for the feeder
 };
 
 inline VelmoState* VelmoStateOf(HVELMO handle) { return static_cast<VelmoState*>(handle); }
@@ -160,7 +171,8 @@ int32_t VelmoLateness(VelmoState* h, uint32_t now);
 uint32_t VelmoSkipCheck(VelmoState* h, uint32_t mode);
 void VelmoEndBlitTiming(VelmoState* h, uint32_t now);
 
-// Sound hooks: no-ops while no tracks are open (the sound module fills them in later).
+// Sound hooks (velmo_sound.cpp): feeding the tracks at the walk's points when the frame walk
+// feeds them, and the restart after an underrun or a resync.
 void VelmoFeedPolledSound(VelmoState* h);
 void VelmoSoundRestart(VelmoState* h);  // off, clear the clock, on
 

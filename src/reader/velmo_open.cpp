@@ -5,6 +5,7 @@
 #include "host/cpu_features.h"
 #include "reader/container.h"
 #include "reader/velmo_handle.h"
+#include "reader/velmo_sound.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -555,6 +556,7 @@ void StartWalking(OpenJob& job) {
   }
   h->NextReadPosition = 0xF0000000u;
   VelmoSelectFrame(h, 1);
+  VelmoSoundWake(h);
   h->OpenSerial = AtomicAdd(&OpenSerialCounter, 1) + 1;
 }
 
@@ -744,10 +746,12 @@ HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options, u
   h->LateLimit = h->FrameRate ? uint32_t(uint64_t(2000) * h->FrameRateDiv / h->FrameRate) : 2000;
   h->VideoOn = 1;
   h->OpenTime = clock() - job.Now;
-  // Sound tracks are opened by the sound module; until then the file plays silently and
-  // the reserved track memory stays unused.
-  h->OpenTracks = 0;
-  h->SoundOn = 0;
+  // Step 18: the asked tracks by id; without the track list, id 0.
+  const uint32_t defaultId = 0;
+  if (flags & VelmoOpenTrackList)
+    VelmoOpenTracks(h, job.Options.TrackIds, std::min(job.Options.TrackCount, job.AskedTracks));
+  else
+    VelmoOpenTracks(h, &defaultId, 1);
   StartWalking(job);
   return h;
 }
@@ -765,12 +769,15 @@ void VelmoClose(HVELMO handle) {
   const VelmoIOService* service = VelmoCurrentIOService();
   if (h->OnReaderList && service->Unregister) service->Unregister(h);
   h->OnReaderList = 0;
+  VelmoSoundUnregister(h);
   if (!h->ImageSpan.Data) {
     LockEnter(&h->FrameReadLock);
     AtomicStore(&h->FrameReadPending, 0);
     LockLeave(&h->FrameReadLock);
   }
-  // Sound tracks: none are opened yet, so there is nothing to close under the sound lock.
+  // The tracks' back ends are closed under the sound service lock, and their memory freed;
+  // the sound thread stops after its last handle.
+  VelmoCloseTracks(h);
   if (h->ProviderOpen && h->IOProvider.Close) {
     LockEnter(VelmoOpenLock());
     h->IOProvider.Close(&h->IOProvider);

@@ -56,6 +56,18 @@ void VelmoSoundPause(VelmoState* h, uint32_t pause);
 // Feeds the back ends of the handle's tracks from their rings (see the feeder's rules).
 void VelmoFeedSound(VelmoState* h);
 
+// ---- the sound service (velmo_sound_thread.cpp) ----
+
+// The registered back end's open, null when none is registered.
+VelmoOpenBackEnd VelmoSoundBackEnd();
+// Counts a handle's newly opened tracks in the process and starts its service by the first
+// track's ServiceMode: the sound thread, the host's tick, or the frame walk (which it falls back
+// to when no thread can be had). Sets h->SoundService.
+void VelmoSoundServiceAdd(VelmoState* h, uint32_t tracks);
+// Lowers the process's track count by the handle's tracks, and stops the sound thread after its
+// last handle unless that handle was opened with 0x40.
+void VelmoSoundServiceRemove(VelmoState* h, uint32_t tracks);
+
 // The sound thread, for tests: whether it runs, and how often it was started.
 bool VelmoSoundThreadRunning();
 uint32_t VelmoSoundThreadStarts();

@@ -4,6 +4,7 @@
 #include "host/cpu_features.h"
 #include "reader/container.h"
 #include "reader/velmo_handle.h"
+#include "reader/velmo_sound.h"
 
 #include <algorithm>
 #include <cstring>
@@ -31,9 +32,6 @@ bool AsyncPending(const VelmoState* h) {
 
 // A time stamp that is never 0, since 0 means "not set" in the walk's fields.
 uint32_t Stamp(uint32_t now) { return now ? now : 1; }
-
-// The speed factor of the first track in 16.16; nominal without sound.
-uint32_t ClockScale(const VelmoState*) { return 0x10000; }
 
 // The packet of frame `frame` (from 1): position and size from the frame table, limited to
 // where the packet can be held.
@@ -109,15 +107,6 @@ bool DecodeVideo(VelmoState* h, const VelmoPacketLayout& layout, uint32_t first,
 // ---------------------------------------------------------------------------------------------
 // Shared steps
 
-void VelmoFeedPolledSound(VelmoState*) {}  // no tracks are fed until the sound module lands
-
-void VelmoSoundRestart(VelmoState* h) {
-  VelmoSetSoundOn(h, 0);
-  h->StartTime = 0;
-  h->PauseOffset = 0;
-  VelmoSetSoundOn(h, 1);
-}
-
 uint32_t VelmoTakeShare(VelmoState* h, uint32_t parts) {
   const uint32_t total = h->SliceState.Count;
   if (parts == 0 || total == 0) return 0;
@@ -136,7 +125,7 @@ void VelmoStartClock(VelmoState* h, uint32_t now) {
 int32_t VelmoLateness(VelmoState* h, uint32_t now) {
   const uint64_t frames = uint32_t(h->FramesPlayed - h->StartFrame);
   const uint32_t target = uint32_t(frames * h->FrameRateDiv * 1000 / h->FrameRate);
-  const uint32_t scaled = uint32_t((uint64_t(target) * ClockScale(h)) >> 16);
+  const uint32_t scaled = uint32_t((uint64_t(target) * VelmoSoundClockScale(h)) >> 16);
   return int32_t(now - scaled - h->StartTime);
 }
 
@@ -225,6 +214,7 @@ void VelmoSelectFrame(VelmoState* h, uint32_t frame) {
   }
   VelmoFeedPolledSound(h);
   h->FrameNum = frame;
+  AtomicStore(&h->FeedFrame, frame);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -297,7 +287,7 @@ uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags) {
   uint32_t start = Now(h);
   const VelmoPacketLayout layout =
       VelmoWalkFramePacket(h->FrameData, h->FrameSize, h->TrackCount, nullptr);
-  // (Sound decoding into the tracks' rings belongs to the sound module; no tracks are open.)
+  if (h->OpenTracks && first + count >= h->SliceState.Count) VelmoDecodeFrameSound(h);
   uint32_t mid = Now(h);
   AtomicAdd(&h->SoundTime, int32_t(mid - start));
 
@@ -367,6 +357,7 @@ void VelmoEndFrame(HVELMO handle, uint32_t now) {
   }
 
   ++h->FramesPlayed;
+  AtomicStore(&h->FeedPlayed, 1);
   if (h->StartTime == 0) VelmoStartClock(h, now);
   h->BlitStart = VelmoBlitPending;
   h->LastDecoded = h->FrameNum;
@@ -384,8 +375,8 @@ void VelmoNextFrame(HVELMO handle) {
   if (h->OpenTracks && h->FrameRate && !h->Paused && h->SoundOn) {
     if (h->SkipState == 0) VelmoSkipCheck(h, 0);
     h->SkipState = 0;
-    // (Track underrun flags are read here once the sound module opens tracks.)
-    if (h->ForceResync) {
+    const bool underrun = VelmoSoundUnderrun(h);
+    if (h->ForceResync || underrun) {
       h->ForceResync = 0;
       ++h->SoundSkips;
       VelmoSoundRestart(h);
@@ -497,7 +488,7 @@ uint32_t VelmoPause(HVELMO handle, uint32_t pause) {
     VelmoEndBlitTiming(h, now);
     h->LastFrameTime = 0;
     h->Paused = state;
-    // (Each open track's Pause operation is told here once the sound module opens tracks.)
+    VelmoSoundPause(h, state);
     if (state) {
       h->PauseOffset = h->StartTime ? now - h->StartTime : 0;
     } else {
@@ -512,14 +503,6 @@ uint32_t VelmoPause(HVELMO handle, uint32_t pause) {
 
 void VelmoSetVideoOn(HVELMO handle, uint32_t on) {
   if (handle) handle->VideoOn = on ? 1 : 0;
-}
-
-uint32_t VelmoSetSoundOn(HVELMO handle, uint32_t on) {
-  if (!handle) return 0;
-  VelmoState* h = VelmoStateOf(handle);
-  // Tracks switch on and off through their back ends; with none open, sound stays off.
-  if (h->OpenTracks == 0) h->SoundOn = 0;
-  return h->SoundOn;
 }
 
 void VelmoSetFileLoop(HVELMO handle, uint32_t on) {

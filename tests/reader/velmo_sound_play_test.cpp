@@ -1,0 +1,471 @@
+// Sound tracks while playing: tracks opened by id, the rings, the feeding of a device (the null
+// back end, on the tests' clock), switching sound off and on, the device's speed in the frame
+// clock, underrun restarts, the sound thread and the host's tick, and speaker volumes.
+#include "reader/velmo_sound.h"
+#include "reader/velmo_sound_null.h"
+#include "sound_test_files.h"
+#include "velmo_test_files.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+
+using namespace velmo_test;
+using namespace sound_test;
+
+class SoundPlayTest : public VelmoTest {
+ protected:
+  VelmoNullSoundConfig Config;
+
+  void SetUp() override {
+    VelmoTest::SetUp();
+    Config.Clock = FakeClock;
+    ASSERT_EQ(VelmoSetSoundSystem(VelmoNullSoundSelect, uintptr_t(&Config)), 1u);
+  }
+  void TearDown() override {
+    VelmoSetSoundSystem(nullptr, 0);
+    VelmoTest::TearDown();
+  }
+
+  HVELMO Open(const std::vector<uint8_t>& file, const std::vector<uint32_t>& ids,
+              uint32_t flags = VelmoOpenNoBuffers, uint32_t rate = 0, uint32_t rateDiv = 1) {
+    VelmoOpenOptions o{};
+    o.ImageSize = file.size();
+    o.TrackCount = uint32_t(ids.size());
+    o.TrackIds = ids.data();
+    o.ForcedRate = rate;
+    o.ForcedRateDiv = rateDiv;
+    if (rate) flags |= VelmoOpenForceRate;
+    return VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o,
+                                flags | VelmoOpenImage | VelmoOpenTrackList);
+  }
+};
+
+// The n-th frame played (from 1) is due at this time of the tests' clock at fps / 1.
+uint32_t FrameTime(uint32_t n, uint32_t fps) { return 1000 + (n - 1) * 1000 / fps; }
+
+// Plays the selected frame as a player does: its time comes, it is decoded, the next is chosen.
+void PlayFrame(HVELMO h, uint32_t fps) {
+  FakeNow = FrameTime(VelmoStateOf(h)->FramesPlayed + 1, fps);
+  VelmoWait(h);
+  VelmoDoFrame(h);
+  VelmoNextFrame(h);
+}
+
+uint32_t Held(const VelmoTrack& t) {
+  const int64_t d = t.RingWrite - t.RingRead;
+  return uint32_t(d < 0 ? d + t.RingSize : d);
+}
+
+// The `count` bytes in front of RingWrite.
+std::vector<uint8_t> RingTail(const VelmoTrack& t, uint32_t count) {
+  std::vector<uint8_t> out(count);
+  const uint8_t* at = t.RingWrite;
+  for (uint32_t i = count; i-- > 0;) {
+    at = at == t.RingStart ? t.RingEnd - 1 : at - 1;
+    out[i] = *at;
+  }
+  return out;
+}
+
+TEST_F(SoundPlayTest, DeviceHearsWhatTheCodecDecodesAndTheLastBytesGoOut) {
+  // 60 frames: EndFrame is 60 - 22 = 38. The device takes whole 1024-byte blocks before it.
+  const SoundFile sf = BuildSoundFile(60, 30, 1, {{22050, 1, false, 0, 3, 0}});
+  const std::vector<uint8_t> direct = DecodeFrames(sf.Streams[0], 0, 60);
+  ASSERT_NE(direct.size() % 1024, 0u);  // so the end must hand out a short piece
+  std::vector<uint8_t> capture(direct.size() + 4096);
+  Config.DeviceBlock = 1024;
+  Config.BlockMask = ~1023u;
+  Config.Latency = 400;
+  Config.Logs[0].Capture = capture.data();
+  Config.Logs[0].CaptureSize = uint32_t(capture.size());
+
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  ASSERT_EQ(h->OpenTracks, 1u);
+  EXPECT_EQ(h->SoundOn, 1u);
+  const VelmoTrack& t = h->Tracks[0];
+  EXPECT_EQ(t.EndFrame, 38u);
+  EXPECT_EQ(t.FileRate, 22050u);
+  EXPECT_EQ(t.OutputRate, 22050u);
+  EXPECT_EQ(t.RingSize, (h->TrackMaxBytes[0] * 5 / 4 + 255) & ~255u);
+  // (750 - 400) ms of 22050 Hz mono, held below the ring's size.
+  EXPECT_EQ(t.Prefill, std::min<uint32_t>((350 * 22050 * 2 / 1000) & ~63u, t.RingSize - 16));
+
+  for (uint32_t f = 1; f <= 60; ++f) {
+    EXPECT_EQ(h->FrameNum, f);
+    PlayFrame(h, 30);
+  }
+  const VelmoNullSoundLog& log = Config.Logs[0];
+  EXPECT_EQ(log.Received, direct.size());
+  EXPECT_TRUE(std::equal(direct.begin(), direct.end(), capture.begin()));
+  EXPECT_EQ(log.ShortEarly, 0u);   // before EndFrame only whole device blocks
+  EXPECT_GE(log.ShortUnlocks, 1u); // and the remainder after it
+  EXPECT_EQ(log.Underruns, 0u);
+  VelmoSummary summary;
+  VelmoGetSummary(h, &summary);
+  EXPECT_EQ(summary.SoundSkips, 0u);
+  VelmoClose(h);
+  EXPECT_EQ(log.Closed, 1u);
+}
+
+TEST_F(SoundPlayTest, AskedIdsOpenOnceInOrderAndUnusableOrMissingOnesAreSkipped) {
+  const SoundFile sf = BuildSoundFile(4, 30, 1,
+                                      {{22050, 1, false, 5, 1, 0},
+                                       {22050, 2, false, 3, 1, 0},
+                                       {22050, 1, false, 8, 1, 0x90000000u}});
+  HVELMO h = Open(sf.File, {5, 5, 77, 3, 8});
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->OpenTracks, 2u);
+  EXPECT_EQ(h->TrackIndexes[0], 0u);
+  EXPECT_EQ(h->TrackIndexes[1], 1u);
+  EXPECT_EQ(h->Tracks[1].Channels, 2u);
+  EXPECT_EQ(Config.TracksOpened, 2u);
+  EXPECT_STREQ(VelmoGetError(), "");
+  VelmoClose(h);
+
+  Config = VelmoNullSoundConfig{};
+  Config.Clock = FakeClock;
+  h = Open(sf.File, {3, 5});
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(h->OpenTracks, 2u);
+  EXPECT_EQ(h->TrackIndexes[0], 1u);
+  EXPECT_EQ(h->TrackIndexes[1], 0u);
+  VelmoClose(h);
+
+  // Only the unusable track asked: a silent video, no error.
+  h = Open(sf.File, {8});
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->OpenTracks, 0u);
+  EXPECT_EQ(h->SoundOn, 0u);
+  EXPECT_STREQ(VelmoGetError(), "");
+  EXPECT_EQ(VelmoSetSoundOn(h, 1), 0u);
+  PlayFrame(h, 30);
+  EXPECT_EQ(h->FrameNum, 2u);
+  VelmoClose(h);
+
+  // Without a back end every track is left out, and the file plays.
+  VelmoSetSoundSystem(nullptr, 0);
+  h = Open(sf.File, {5});
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->OpenTracks, 0u);
+  VelmoClose(h);
+  // A back end that refuses its open drops the track too.
+  Config.RefuseOpen = 1;
+  ASSERT_EQ(VelmoSetSoundSystem(VelmoNullSoundSelect, uintptr_t(&Config)), 1u);
+  h = Open(sf.File, {5, 3});
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->OpenTracks, 0u);
+  VelmoClose(h);
+}
+
+TEST_F(SoundPlayTest, ForcedFrameRateScalesTheOutputRateUpTo256000) {
+  const SoundFile sf =
+      BuildSoundFile(3, 30, 1, {{22050, 1, false, 1, 1, 0}, {48000, 2, false, 2, 1, 0}});
+  HVELMO h = Open(sf.File, {1, 2}, VelmoOpenNoBuffers, 60, 1);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  ASSERT_EQ(h->OpenTracks, 2u);
+  EXPECT_EQ(h->Tracks[0].OutputRate, 44100u);
+  EXPECT_EQ(h->Tracks[1].OutputRate, 96000u);
+  EXPECT_EQ(h->Tracks[1].FileRate, 48000u);
+  VelmoClose(h);
+  h = Open(sf.File, {1, 2}, VelmoOpenNoBuffers, 240, 1);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->Tracks[0].OutputRate, 176400u);
+  EXPECT_EQ(h->Tracks[1].OutputRate, 256000u);  // 384000 is held at the limit
+  VelmoClose(h);
+  h = Open(sf.File, {1}, VelmoOpenNoBuffers, 45, 2);  // 22.5 frames a second
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->Tracks[0].OutputRate, 16537u);
+  VelmoClose(h);
+}
+
+TEST_F(SoundPlayTest, OffAndOnAlignsTheRingOnlyOnceSoundWasHeard) {
+  const SoundFile sf = BuildSoundFile(30, 30, 1, {{22050, 1, false, 0, 2, 0}});
+  Config.Latency = 700;  // a Prefill well inside the ring
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  VelmoTrack& t = h->Tracks[0];
+  ASSERT_EQ(t.Prefill, (50 * 22050 * 2 / 1000) & ~63u);
+  ASSERT_LT(t.Prefill, t.RingSize - 16);
+
+  // At frame 1 with nothing played, off and on leave the ring alone.
+  EXPECT_EQ(VelmoSetSoundOn(h, 0), 0u);
+  EXPECT_EQ(h->SoundOn, 0u);
+  EXPECT_EQ(VelmoSetSoundOn(h, 1), 1u);
+  EXPECT_EQ(h->SoundOn, 1u);
+  EXPECT_EQ(t.RingRead, t.RingStart);
+  EXPECT_EQ(t.RingWrite, t.RingStart);
+  EXPECT_EQ(Config.Logs[0].OnOffCalls, 2u);
+
+  for (int i = 0; i < 3; ++i) PlayFrame(h, 30);
+  // Off empties the ring; on with an empty ring puts Prefill bytes of silence in front.
+  VelmoSetSoundOn(h, 0);
+  EXPECT_EQ(t.RingRead, t.RingStart);
+  EXPECT_EQ(t.RingWrite, t.RingStart);
+  VelmoStateOf(h)->StartTime = 5;
+  EXPECT_EQ(VelmoSetSoundOn(h, 1), 1u);
+  EXPECT_EQ(VelmoStateOf(h)->StartTime, 0u);  // the frame clock starts again
+  EXPECT_EQ(Held(t), t.Prefill);
+  const std::vector<uint8_t> silence = RingTail(t, t.Prefill);
+  EXPECT_TRUE(std::all_of(silence.begin(), silence.end(), [](uint8_t b) { return b == 0; }));
+
+  // Sound decoded while off is kept newest first; on keeps exactly Prefill of it, the newest.
+  VelmoSetSoundOn(h, 0);
+  const uint32_t from = h->FrameNum;
+  for (int i = 0; i < 3; ++i) PlayFrame(h, 30);
+  ASSERT_GT(Held(t), t.Prefill);
+  ASSERT_EQ(Held(t) % 64, 0u);  // whole blocks of 1920 bytes
+  VelmoSetSoundOn(h, 1);
+  EXPECT_EQ(Held(t), t.Prefill);
+  // (The decoder ran on from the frame before, so a fresh decode differs only in a first
+  // crossfade that lies outside the Prefill bytes kept.)
+  const std::vector<uint8_t> decoded = DecodeFrames(sf.Streams[0], from - 1, from + 2);
+  ASSERT_GE(decoded.size(), t.Prefill);
+  EXPECT_EQ(RingTail(t, t.Prefill),
+            std::vector<uint8_t>(decoded.end() - t.Prefill, decoded.end()));
+  VelmoClose(h);
+}
+
+TEST_F(SoundPlayTest, TheDevicesSpeedSetsTheFrameClock) {
+  const SoundFile sf = BuildSoundFile(10, 30, 1, {{22050, 1, false, 0, 2, 0}});
+  struct Case {
+    uint32_t RateScale, ReportScale, Scale, EarlyMs, DueMs;
+  };
+  // One frame at 30/s is 33 ms: a device at twice the speed makes it 16, at half 66.
+  const Case cases[] = {{0x10000, 1, 0x10000, 32, 33},
+                        {0x20000, 1, 0x8000, 15, 16},
+                        {0x8000, 1, 0x20000, 65, 66},
+                        {0x20000, 0, 0x10000, 32, 33}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.RateScale);
+    Config = VelmoNullSoundConfig{};
+    Config.Clock = FakeClock;
+    Config.RateScale = c.RateScale;
+    Config.ReportScale = c.ReportScale;
+    FakeNow = 1000;
+    HVELMO h = Open(sf.File, {0});
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->Tracks[0].ClockScale, c.Scale);
+    VelmoDoFrame(h);  // the clock starts at this frame's end
+    VelmoNextFrame(h);
+    FakeNow = 1000 + c.EarlyMs;
+    EXPECT_EQ(VelmoWait(h), 1u);
+    FakeNow = 1000 + c.DueMs;
+    EXPECT_EQ(VelmoWait(h), 0u);
+    VelmoClose(h);
+  }
+}
+
+TEST_F(SoundPlayTest, AnUnderrunRestartsSoundBeforeEndFrameOnly) {
+  // A device that plays three times too fast and does not say so runs dry again and again.
+  const SoundFile sf = BuildSoundFile(60, 30, 1, {{22050, 1, false, 0, 1, 0}});
+  Config.RateScale = 0x30000;
+  Config.ReportScale = 0;
+  Config.Latency = 100;
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr);
+  VelmoTrack& t = h->Tracks[0];
+  uint32_t restarts = 0;
+  for (uint32_t f = 1; f <= 60; ++f) {
+    const uint32_t skips = VelmoStateOf(h)->SoundSkips;
+    const uint32_t onOff = Config.Logs[0].OnOffCalls;
+    FakeNow = FrameTime(f, 30);
+    VelmoWait(h);
+    VelmoDoFrame(h);
+    const bool flagged = t.Underrun != 0;
+    VelmoNextFrame(h);
+    EXPECT_EQ(t.Underrun, 0u);  // read and cleared
+    const uint32_t added = VelmoStateOf(h)->SoundSkips - skips;
+    const bool counts = flagged && f > 1 && f <= t.EndFrame;
+    EXPECT_EQ(added, counts ? 1u : 0u) << "frame " << f;
+    if (added) {
+      EXPECT_EQ(Config.Logs[0].OnOffCalls, onOff + 2);  // off, then on
+      ++restarts;
+    }
+  }
+  EXPECT_GT(restarts, 0u);
+  EXPECT_GT(Config.Logs[0].Underruns, restarts);  // also those after EndFrame, not counted
+  VelmoClose(h);
+}
+
+TEST_F(SoundPlayTest, GotoRunsUpOneSecondOfSoundToTheTarget) {
+  const SoundFile sf = BuildSoundFile(60, 30, 1, {{22050, 1, false, 0, 1, 0}});
+  Config.Latency = 700;
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr);
+  const VelmoTrack& t = h->Tracks[0];
+  VelmoGoto(h, 40, 0);
+  ASSERT_EQ(h->FrameNum, 40u);
+  EXPECT_EQ(h->SoundOn, 1u);
+  // The run-up filled the ring to RingSize - 16; the alignment moves RingRead in 64-byte
+  // steps, so the part beyond a multiple of 64 stays on top of Prefill.
+  EXPECT_EQ(Held(t), t.Prefill + (t.RingSize - 16) % 64);
+  // The run-up starts a second earlier, at frame 10, and ends with frame 39's sound.
+  const std::vector<uint8_t> decoded = DecodeFrames(sf.Streams[0], 9, 39);
+  ASSERT_GE(decoded.size(), t.Prefill);
+  EXPECT_EQ(RingTail(t, t.Prefill),
+            std::vector<uint8_t>(decoded.end() - t.Prefill, decoded.end()));
+  VelmoClose(h);
+}
+
+TEST_F(SoundPlayTest, PauseReachesTheDeviceAndTheHostTickFeedsModeTwo) {
+  const SoundFile sf = BuildSoundFile(8, 30, 1, {{22050, 2, false, 0, 1, 0}});
+  Config.ServiceMode = 2;
+  const bool threadBefore = VelmoSoundThreadRunning();
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(VelmoStateOf(h)->SoundService, 2);
+  EXPECT_EQ(VelmoSoundThreadRunning(), threadBefore);  // no thread for a host-fed device
+  PlayFrame(h, 30);
+  PlayFrame(h, 30);
+  EXPECT_EQ(Config.Logs[0].Received, 0u);  // the walk does not feed this device
+  VelmoSoundTick();
+  const uint64_t fed = Config.Logs[0].Received;
+  EXPECT_GT(fed, 0u);
+  EXPECT_EQ(VelmoPause(h, 1), 1u);
+  EXPECT_EQ(Config.Logs[0].Paused, 1u);
+  PlayFrame(h, 30);  // a paused handle still decodes; a paused device takes nothing
+  VelmoSoundTick();
+  EXPECT_EQ(Config.Logs[0].Received, fed);
+  EXPECT_EQ(VelmoPause(h, 0), 0u);
+  EXPECT_EQ(Config.Logs[0].Pauses, 2u);
+  VelmoSoundTick();
+  EXPECT_GT(Config.Logs[0].Received, fed);
+  VelmoClose(h);
+  EXPECT_EQ(Config.Logs[0].Pauses, 3u);  // the close pauses first
+  EXPECT_EQ(Config.Logs[0].Closed, 1u);
+}
+
+TEST_F(SoundPlayTest, ABackEndIsNotSwappedWhileTracksAreOpen) {
+  struct Other {
+    static uint32_t Open(VelmoTrack*, uint32_t, uint32_t, uint32_t, HVELMO) { return 0; }
+    static VelmoOpenBackEnd Select(uintptr_t) { return Open; }
+    static VelmoOpenBackEnd Select2(uintptr_t a, uintptr_t b) { return a + b ? Open : nullptr; }
+  };
+  const SoundFile sf = BuildSoundFile(3, 30, 1, {{22050, 1, false, 0, 1, 0}});
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(h->OpenTracks, 1u);
+  EXPECT_EQ(VelmoSetSoundSystem(Other::Select, 0), 0u);
+  EXPECT_EQ(VelmoSetSoundSystem2(Other::Select2, 1, 2), 0u);
+  EXPECT_EQ(VelmoSetSoundSystem(nullptr, 0), 0u);
+  EXPECT_EQ(VelmoSetSoundSystem(VelmoNullSoundSelect, uintptr_t(&Config)), 1u);  // the same
+  VelmoClose(h);
+  EXPECT_EQ(VelmoSetSoundSystem2(Other::Select2, 1, 2), 1u);
+  EXPECT_EQ(VelmoSetSoundSystem2(Other::Select2, 0, 0), 0u);  // selects nothing
+  EXPECT_EQ(VelmoSoundBackEnd(), nullptr);
+}
+
+TEST_F(SoundPlayTest, VolumesGoToSpeakerBins) {
+  const SoundFile sf =
+      BuildSoundFile(2, 30, 1, {{22050, 1, false, 4, 1, 0}, {22050, 2, false, 6, 1, 0}});
+  HVELMO h = Open(sf.File, {4, 6});
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(h->OpenTracks, 2u);
+  const VelmoNullSoundLog& mono = Config.Logs[0];
+  const VelmoNullSoundLog& stereo = Config.Logs[1];
+  auto mix = [](const VelmoNullSoundLog& log) {
+    return std::vector<float>(log.Mix, log.Mix + 8);
+  };
+
+  VelmoSetTrackVolumes(h, 4, nullptr, nullptr, 1);
+  EXPECT_EQ(mix(mono), (std::vector<float>{1, 1, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(mono.MixStereo, 0u);
+  EXPECT_EQ(mono.MixCount, 1u);
+
+  const uint32_t two[] = {32768, 65536};
+  VelmoSetTrackVolumes(h, 4, nullptr, two, 2);
+  EXPECT_EQ(mix(mono), (std::vector<float>{1, 2, 0, 0, 0.5f, 1, 0, 0}));
+  EXPECT_EQ(mono.MixVolume, 1.0f);
+
+  const uint32_t eight[] = {8192, 16384, 24576, 32768, 40960, 49152, 57344, 70000};
+  VelmoSetTrackVolumes(h, 6, nullptr, eight, 8);
+  EXPECT_EQ(mix(stereo), (std::vector<float>{0.25f, 0.5f, 1.25f, 1.5f, 0.75f, 1, 1.75f, 2}));
+  EXPECT_EQ(stereo.MixStereo, 1u);
+  EXPECT_EQ(stereo.MixCount, 8u);
+
+  // An explicit bin list: a stereo track's entries alternate channels within the bin's pair.
+  const uint32_t bins[] = {1, 1, 3};
+  const uint32_t levels[] = {16384, 8192, 32768};
+  VelmoSetTrackVolumes(h, 6, bins, levels, 3);
+  EXPECT_EQ(mix(stereo), (std::vector<float>{0, 0, 0.5f, 0.25f, 0, 0, 1, 0}));
+  VelmoSetTrackVolumes(h, 4, bins, levels, 3);  // mono: the bin itself
+  EXPECT_EQ(mix(mono), (std::vector<float>{0, 0.25f, 0, 1, 0, 0, 0, 0}));
+
+  const uint32_t before = mono.MixCount;
+  VelmoSetTrackVolumes(h, 99, nullptr, nullptr, 2);  // no such track: nothing happens
+  EXPECT_EQ(mono.MixCount, before);
+  VelmoClose(h);
+}
+
+// The sound thread on the real clock: it starts with the first file that wants it, feeds
+// while the frame thread plays, and stops after its last file unless that kept it.
+class SoundThreadTest : public SoundPlayTest {
+ protected:
+  void SetUp() override {
+    SoundPlayTest::SetUp();
+    VelmoSetClockForTest(nullptr);
+    Config.Clock = nullptr;
+    Config.ServiceMode = 0;
+  }
+};
+
+void PlayInRealTime(HVELMO h, uint32_t frames) {
+  for (uint32_t i = 0; i < frames; ++i) {
+    for (uint32_t spins = 0; VelmoWait(h) && spins < 200; ++spins) ThreadSleep(1);
+    VelmoDoFrame(h);
+    VelmoNextFrame(h);
+  }
+}
+
+TEST_F(SoundThreadTest, FeedsFromItsOwnThreadAndStopsAfterTheLastFile) {
+  const SoundFile sf = BuildSoundFile(40, 60, 1, {{22050, 1, false, 0, 4, 0}});
+  const std::vector<uint8_t> direct = DecodeFrames(sf.Streams[0], 0, 40);
+  std::vector<uint8_t> capture(direct.size());
+  Config.Latency = 300;
+  Config.Logs[0].Capture = capture.data();
+  Config.Logs[0].CaptureSize = uint32_t(capture.size());
+  const uint32_t starts = VelmoSoundThreadStarts();
+
+  HVELMO a = Open(sf.File, {0});
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(VelmoStateOf(a)->SoundService, 0);
+  EXPECT_TRUE(VelmoSoundThreadRunning());
+  HVELMO b = Open(sf.File, {0});
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(VelmoSoundThreadStarts(), starts + 1);  // one thread serves both
+  PlayInRealTime(a, 40);
+  PlayInRealTime(b, 5);
+  VelmoClose(a);
+  EXPECT_TRUE(VelmoSoundThreadRunning());
+  VelmoClose(b);
+  EXPECT_FALSE(VelmoSoundThreadRunning());
+
+  const VelmoNullSoundLog& log = Config.Logs[0];
+  EXPECT_GT(log.Received, 0u);
+  // Unless a slow machine forced a restart, the device heard the decoded sound in order.
+  if (log.OnOffCalls == 0) {
+    EXPECT_TRUE(std::equal(capture.begin(), capture.begin() + log.CaptureUsed, direct.begin()));
+  }
+  EXPECT_EQ(log.Closed, 1u);
+  EXPECT_EQ(Config.Logs[1].Closed, 1u);
+}
+
+TEST_F(SoundThreadTest, KeepThreadsLeavesTheThreadRunning) {
+  const SoundFile sf = BuildSoundFile(4, 30, 1, {{22050, 1, false, 0, 1, 0}});
+  HVELMO a = Open(sf.File, {0}, VelmoOpenNoBuffers | VelmoOpenKeepThreads);
+  ASSERT_NE(a, nullptr);
+  PlayInRealTime(a, 2);
+  VelmoClose(a);
+  EXPECT_TRUE(VelmoSoundThreadRunning());
+  HVELMO b = Open(sf.File, {0});
+  ASSERT_NE(b, nullptr);
+  VelmoClose(b);
+  EXPECT_FALSE(VelmoSoundThreadRunning());
+}
+
+}  // namespace
