@@ -360,8 +360,7 @@ struct VideoRun {
   }
 };
 
-// Milliseconds from the start of the source to the start of output frame `frames` (counted
-// from the first frame that /S keeps).
+// The time of frame `frames` (from 0, at the output rate) in milliseconds.
 uint32_t FrameTimeMs(const MediaInput* in, uint64_t frames) {
   if (!in->output_rate_num) return 0;
   const uint64_t ms = frames * in->output_rate_den * 1000 / in->output_rate_num;
@@ -374,22 +373,12 @@ int ConvertVideo(VelmoConvSettings& s) {
   args.title = "Converting";
   args.progress = Message;
   run.input = MediaOpenWith(s.input, &args);
-  if (run.input && run.input->type == MediaTypeSoundOnly) {
-    // A sound file read as video has no frames: the sound alone goes out.
-    MediaClose(run.input);
-    run.input = nullptr;
-  }
-  if (!run.input) {
-    // The layer has reported why the input did not open; a sound file goes on as sound only.
-    if (g_cancel) return ToolExitInputError;
-    SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), Message);
-    if (!sound) return ToolExitInputError;
-    if (VelmoConvSameFile(s.input, s.output)) {
-      SoundClose(sound);
-      ToolFrameError("The input and output files are the same file.");
-      return ToolExitOutputError;
-    }
-    return ConvertSound(s, sound);
+  if (!run.input) return ToolExitInputError;  // the layer has said why
+  if (run.input->type == MediaTypeSoundOnly) {
+    // No frames to write: the sound of such an input goes to a wave or raw output only.
+    ToolFrameError("The input file has no video. Name a .wav or .raw output file to convert "
+                   "its sound.");
+    return ToolExitInputError;
   }
   MediaInput* in = run.input;
   // The sound covers the frames that go out unless a range was asked for.

@@ -316,6 +316,9 @@ TEST_F(VelmoConvRun, WaveCopiedToWaveAndRaw) {
   const std::string bytes = ReadAll(dir + "/bytes.wav");
   ExpectWaveHeader(bytes, 8000, 8, 2, 2000);
   EXPECT_EQ(bytes.substr(44), copy.substr(44));
+  // A sound has no frames for an AVI.
+  EXPECT_EQ(Code(RunProgram("velmoconv " + wav + " " + dir + "/tone.avi")), Code(8002));
+  EXPECT_FALSE(Exists(dir + "/tone.avi"));
   // A picture has no sound to copy, and /N-1 asks for none.
   MakeSeries(dir + "/in", 1, 8, 8, false);
   EXPECT_EQ(Code(RunProgram("velmoconv " + dir + "/in1.png " + dir + "/x.wav")), Code(8002));
