@@ -1,5 +1,6 @@
 // VelmoConv run as the real program with the console front end: series, AVI, y4m (also to a
-// pipe), a first-generation Velmo back to PNG, wave copies, and the exit codes.
+// pipe), a first-generation Velmo back to PNG, wave and raw outputs with the sound switches, a
+// Velmo file's track into an AVI beside its frames, and the exit codes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>

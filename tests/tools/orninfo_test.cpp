@@ -1,6 +1,7 @@
 // ORNInfo: the report's lines for a picture, a palette animation, an AVI file with its frame
-// sizes, a Velmo file, a directory and an unknown file, and the program run with the console
-// front end; the one-second window rule of the frame-size lines.
+// sizes, wave files, a Velmo file with and without sound tracks, a directory and an unknown
+// file, and the program run with the console front end; the one-second window rule of the
+// frame-size lines.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
