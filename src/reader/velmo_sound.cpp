@@ -91,6 +91,23 @@ void FeedTrack(VelmoTrack* t, uint32_t frame) {
 }
 
 // Step 2 of opening a track: everything a kept track needs. False drops it.
+// The ring of a track: 5/4 of the most one frame decodes to, in whole 256-byte steps. A ring
+// longer than four bytes a sample of one second (a track that cannot be played from it) gets
+// no memory: the track is dropped.
+uint32_t RingBytesOf(const VelmoState* h, uint32_t index) {
+  const uint32_t format = h->TrackFormats[index];
+  const uint64_t rate = format & VelmoTrackRateMask;
+  const uint64_t channels = (format & VelmoTrackStereo) ? 2 : 1;
+  const uint64_t ring = (uint64_t(h->TrackMaxBytes[index]) * 5 / 4 + 255) & ~uint64_t(255);
+  return ring <= 4 * rate * channels ? uint32_t(ring) : 0;
+}
+
+uint32_t DecoderBytesOf(const VelmoState* h, uint32_t index) {
+  const uint32_t format = h->TrackFormats[index];
+  const uint32_t channels = (format & VelmoTrackStereo) ? 2 : 1;
+  return (VelmoSoundDecoderBytes(format & VelmoTrackRateMask, channels) + 63) & ~63u;
+}
+
 bool OpenOneTrack(VelmoState* h, VelmoTrack* t, uint32_t index, uint8_t* memory,
                   uint32_t decoderBytes, uint32_t ringBytes) {
   const uint32_t format = h->TrackFormats[index];
@@ -105,7 +122,7 @@ bool OpenOneTrack(VelmoState* h, VelmoTrack* t, uint32_t index, uint8_t* memory,
                           (double(h->FileRate) * h->FrameRateDiv);
     outputRate = uint32_t(std::min<double>(forced, MaxOutputRate));
   }
-  if (outputRate == 0 || uint64_t(ringBytes) > uint64_t(4) * rate * channels) return false;
+  if (outputRate == 0) return false;
 
   std::memset(static_cast<void*>(t), 0, offsetof(VelmoTrack, BackEndArea));
   t->FileRate = rate;
@@ -166,16 +183,8 @@ void VelmoOpenTracks(VelmoState* h, const uint32_t* ids, uint32_t count) {
 
   // One block for all decoders and rings.
   uint64_t total = 0;
-  for (uint32_t c = 0; c < chosen; ++c) {
-    const uint32_t index = h->TrackIndexes[c];
-    const uint32_t format = h->TrackFormats[index];
-    const uint32_t channels = (format & VelmoTrackStereo) ? 2 : 1;
-    const uint64_t decoder =
-        (uint64_t(VelmoSoundDecoderBytes(format & VelmoTrackRateMask, channels)) + 63) & ~63u;
-    const uint64_t ring = (uint64_t(h->TrackMaxBytes[index]) * 5 / 4 + 255) & ~uint64_t(255);
-    total += decoder + ring;
-  }
-  if (total > 0xFFFFFFFFu) return;
+  for (uint32_t c = 0; c < chosen; ++c)
+    total += uint64_t(DecoderBytesOf(h, h->TrackIndexes[c])) + RingBytesOf(h, h->TrackIndexes[c]);
   uint8_t* block = static_cast<uint8_t*>(
       ::operator new(size_t(std::max<uint64_t>(total, 64)), std::align_val_t(64), std::nothrow));
   if (!block) return;
@@ -184,15 +193,10 @@ void VelmoOpenTracks(VelmoState* h, const uint32_t* ids, uint32_t count) {
   uint32_t kept = 0;
   for (uint32_t c = 0; c < chosen; ++c) {
     const uint32_t index = h->TrackIndexes[c];
-    const uint32_t format = h->TrackFormats[index];
-    const uint32_t channels = (format & VelmoTrackStereo) ? 2 : 1;
-    const uint32_t decoderBytes =
-        (VelmoSoundDecoderBytes(format & VelmoTrackRateMask, channels) + 63) & ~63u;
-    const uint64_t ring = (uint64_t(h->TrackMaxBytes[index]) * 5 / 4 + 255) & ~uint64_t(255);
+    const uint32_t decoderBytes = DecoderBytesOf(h, index);
+    const uint32_t ring = RingBytesOf(h, index);
     VelmoTrack* t = &h->Tracks[kept];
-    if (OpenOneTrack(h, t, index, memory, decoderBytes, uint32_t(ring))) {
-      h->TrackIndexes[kept++] = index;
-    }
+    if (OpenOneTrack(h, t, index, memory, decoderBytes, ring)) h->TrackIndexes[kept++] = index;
     memory += decoderBytes + ring;
   }
   if (kept == 0) {
@@ -274,10 +278,11 @@ void VelmoSoundPause(VelmoState* h, uint32_t pause) {
 void VelmoFeedSound(VelmoState* h) {
   const uint32_t tracks = h->OpenTracks;
   if (tracks == 0 || !AtomicRead(&h->FeedPlayed)) return;
-  VelmoTrack* last = &h->Tracks[tracks - 1];
-  if (!last->Ops.Ready || !last->Ops.Ready(last)) return;
+  // The lock comes before the device is asked: a back end's Ready may look at state that
+  // its OnOff and Pause change, and those run under this lock.
   if (!LockTry(&h->SoundLock, 0)) return;
-  if (h->SoundOn) {
+  VelmoTrack* last = &h->Tracks[tracks - 1];
+  if (h->SoundOn && last->Ops.Ready && last->Ops.Ready(last)) {
     const uint32_t frame = AtomicRead(&h->FeedFrame);
     for (uint32_t i = 0; i < tracks; ++i) {
       VelmoTrack* t = &h->Tracks[i];

@@ -66,7 +66,9 @@ TEST_F(TrackReaderTest, DecodesEachTrackLikeTheCodecAlone) {
     }
     // The stereo track's blocks are longer than a frame: some frames carry none, and the
     // decoder must join the blocks across them.
-    if (index == 0) EXPECT_TRUE(sawEmpty);
+    if (index == 0) {
+      EXPECT_TRUE(sawEmpty);
+    }
     VelmoCloseTrack(t);
   }
   VelmoClose(h);
