@@ -18,9 +18,11 @@ struct Pair {
 
 int32_t Clamp16(int64_t v) { return v < -32768 ? -32768 : v > 32767 ? 32767 : static_cast<int32_t>(v); }
 
+// Full scale is -1 to 1; beyond it (infinities too) the value is clamped, and NaN is silence.
 int32_t FromFloat(double v) {
-  if (!(v == v)) return 0;  // NaN
-  return Clamp16(static_cast<int64_t>(std::floor(v * 32768.0)));
+  if (!(v == v)) return 0;
+  const double scaled = std::floor(v * 32768.0);
+  return scaled <= -32768.0 ? -32768 : scaled >= 32767.0 ? 32767 : static_cast<int32_t>(scaled);
 }
 
 // One channel value of the source format at p, as a signed 16-bit value.

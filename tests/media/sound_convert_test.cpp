@@ -136,8 +136,10 @@ TEST(SoundFormats, TwentyFourAndThirtyTwoBitsGiveTheirTopSixteen) {
 
 TEST(SoundFormats, FloatWavesScaleAndClamp) {
   TempDir dir;
-  const std::vector<double> values = {0.0, 0.5, -0.5, -1.0, 0.999, 1.0, 1.5, -2.0, 0.25};
-  const std::vector<int16_t> expected = {0, 16384, -16384, -32768, 32735, 32767, 32767, -32768, 8192};
+  const std::vector<double> values = {0.0, 0.5,   -0.5, -1.0, 0.999, 1.0,      1.5,
+                                      -2.0, 0.25, 1e30, -1e300, NAN, INFINITY, -INFINITY};
+  const std::vector<int16_t> expected = {0,      16384, -16384, -32768, 32735, 32767, 32767,
+                                         -32768, 8192,  32767,  -32768, 0,     32767, -32768};
   for (uint32_t bits : {32u, 64u}) {
     std::vector<uint8_t> data;
     for (double v : values) {
