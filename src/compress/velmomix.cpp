@@ -152,17 +152,14 @@ void AddExtension(char* name, size_t size, const char* extension) {
   std::snprintf(name + n, size - n, "%s", extension);
 }
 
-// "name|offset": the Velmo data stands `offset` bytes into the file.
-bool SplitOffset(char* name, uint64_t* offset) {
+// "name|offset": the Velmo data stands `offset` bytes into the file. A bar that is not followed
+// by digits alone is part of the name.
+void SplitOffset(char* name, uint64_t* offset) {
   *offset = 0;
   char* bar = std::strrchr(name, '|');
-  if (!bar) return true;
-  char* end = nullptr;
-  const unsigned long long value = std::strtoull(bar + 1, &end, 10);
-  if (end == bar + 1 || *end) return false;
-  *offset = value;
+  if (!bar || !bar[1] || std::strspn(bar + 1, "0123456789") != std::strlen(bar + 1)) return;
+  *offset = std::strtoull(bar + 1, nullptr, 10);
   *bar = 0;
-  return true;
 }
 
 const ToolControlDesc Controls[] = {
@@ -225,7 +222,7 @@ bool VelmoMixParseSwitches(char* line, VelmoMixSettings* s) {
   TakeName(s->Sound, sizeof s->Sound, line);
   TakeName(s->Output, sizeof s->Output, line);
   if (!s->Input[0] || !s->Sound[0] || !s->Output[0]) ok = false;
-  if (!SplitOffset(s->Input, &s->InputOffset)) ok = false;
+  SplitOffset(s->Input, &s->InputOffset);
   return ok;
 }
 

@@ -662,7 +662,16 @@ TEST(VelmoMixSwitches, SyntaxErrors) {
   EXPECT_FALSE(ParseLine("a b c /g", &s));   // a switch nobody knows
   EXPECT_FALSE(ParseLine("a b c /f0", &s));  // no rate
   EXPECT_FALSE(ParseLine("a b c /y9", &s));  // no such raw type
-  EXPECT_FALSE(ParseLine("a|x b c", &s));    // an offset that is no number
+  // A bar with no number behind it belongs to the name.
+  VelmoMixSettings bar;
+  ASSERT_TRUE(ParseLine("a|x b c", &bar));
+  EXPECT_STREQ(bar.Input, "a|x");
+  EXPECT_EQ(bar.InputOffset, 0u);
+  ASSERT_TRUE(ParseLine("a|12| b c", &bar));
+  EXPECT_STREQ(bar.Input, "a|12|");
+  ASSERT_TRUE(ParseLine("a|x|12 b c", &bar));
+  EXPECT_STREQ(bar.Input, "a|x");
+  EXPECT_EQ(bar.InputOffset, 12u);
 }
 
 TEST(VelmoMixSwitches, ExtensionsFromTheInputsMagic) {
