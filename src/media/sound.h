@@ -34,7 +34,8 @@ struct SoundInput {
 
   SoundKind kind;
 
-  // Linear interpolation state (22.10 fixed point) for raising the rate.
+  // Linear interpolation state for raising the rate: the last source sample read (left,
+  // right), and the value delivered and its step per output sample in 22.10 fixed point.
   int32_t interp_left, interp_right;
   int32_t interp_value_left, interp_value_right;
   int32_t interp_step_left, interp_step_right;
@@ -43,14 +44,16 @@ struct SoundInput {
   int reported;  // "Processing sound data" was said once (level 1 first, then 0)
 
   uint64_t remaining_bytes, total_bytes;  // output bytes left and promised
-  uint64_t skip_bytes;                    // lists: output bytes still to skip at the start
+  uint64_t skip_bytes;                    // not used: a list seeks entry by entry
 
-  int64_t gain;  // 16.16 ... 32.32 fixed point multiplier (>> 32); 0 or 0x10000: none
+  int64_t gain;  // normalising: each output value becomes value * gain >> 32; 0 or 0x10000: none
 
   SoundSource* source;  // private
 };
 
-// Opens `name`. rate, bits, channels of 0 mean "as the source". bits / 100 is a normalising
+// Opens `name`. rate, bits, channels of 0 mean "as the source". The output is 8 bits
+// (unsigned) when 8 is asked or the source has 8-bit integer samples, else 16 bits (signed);
+// one or two channels. Sources have one or two channels. bits / 100 is a normalising
 // level in percent of full scale (16 + 100 * level); 0 means no normalising. start_ms/end_ms
 // bound the span (end 0: to the end). track chooses a Velmo file's sound track (index). force
 // is a raw type + rate * 8 - 1 (0: none) and skip the bytes before a raw file's samples.
@@ -59,7 +62,9 @@ SoundInput* SoundOpen(const char* name, uint32_t rate, uint32_t bits, uint32_t c
                       uint32_t start_ms, uint32_t end_ms, uint32_t track, uint32_t force,
                       uint32_t skip, ProgressFn progress);
 
-// Fills buffer with up to count bytes (rounded down to whole samples); 0 at the end.
+// Fills buffer with up to count bytes (rounded down to whole samples); 0 at the end. With a
+// progress function, each call reports "Processing sound data (%i%%)..."; a non-zero answer
+// (cancel) ends the sound. A source that gives out early ends it too (at_end).
 uint32_t SoundRead(SoundInput* sound, void* buffer, uint32_t count);
 void SoundRewind(SoundInput* sound);
 void SoundClose(SoundInput* sound);
