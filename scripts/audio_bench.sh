@@ -12,7 +12,10 @@ for tool in espeak-ng sox; do
   command -v "$tool" >/dev/null || { echo "needs $tool (scripts/install-deps.sh)" >&2; exit 1; }
 done
 
-cmake --build "$build" --target audio_table -j2 >/dev/null
+if ! log="$(cmake --build "$build" --target audio_table -j2 2>&1)"; then
+  echo "$log" >&2
+  exit 1
+fi
 table="$(find "$build" -name audio_table -type f -perm -u+x | head -n 1)"
 [ -n "$table" ] || { echo "audio_table not built in $build" >&2; exit 1; }
 

@@ -75,6 +75,7 @@ Result Measure(const Wave& wave, int level) {
 
   // Encode as the writer does: zero-filled reads past the end until all is accounted for.
   std::vector<uint8_t> stream;
+  std::vector<size_t> blockEnds;
   size_t blocks = 0;
   double start = ThreadSeconds();
   VelmoAudioEncoder* encoder =
@@ -92,6 +93,7 @@ Result Measure(const Wave& wave, int level) {
     uint32_t size, consumed;
     VelmoAudioEncodeBlock(encoder, VelmoAudioLevelQuality(level), want, &out, &size, &consumed);
     stream.insert(stream.end(), out, out + size);
+    blockEnds.push_back(stream.size());
     consumedTotal += consumed;
     ++blocks;
   }
@@ -110,8 +112,13 @@ Result Measure(const Wave& wave, int level) {
     auto* out = reinterpret_cast<uint8_t*>(decoded.data());
     VelmoAudioRing ring{out, out + decoded.size() * 2, out,
                         static_cast<uint32_t>(decoded.size() * 2), 0, 0, 16};
-    VelmoAudioInput input{stream.data(), stream.size(), 0};
-    for (size_t b = 0; b < blocks; ++b) VelmoAudioDecodeBlock(decoder, &ring, &input);
+    // Each block as a packet of its own, the strictest case for the rule that ends a channel
+    // at a group that could run past its packet.
+    VelmoAudioInput input{stream.data(), 0, 0};
+    for (size_t b = 0; b < blocks; ++b) {
+      input.Size = blockEnds[b];
+      VelmoAudioDecodeBlock(decoder, &ring, &input);
+    }
     ++rounds;
   } while (ThreadSeconds() - start < 0.3);
   const double decodeSeconds = (ThreadSeconds() - start) / rounds;

@@ -1,4 +1,5 @@
 // Transforms against direct sums, inverse pairs, and kernel variants against each other.
+#include "audio_test_util.h"
 #include "compress/audio/audio_transform.h"
 #include "host/cpu_features.h"
 
@@ -183,6 +184,23 @@ TEST(AudioKernels, FloatToPcmIdenticalAcrossVariants) {
       AudioKernelsAvx2.FloatToPcm(in.data(), count, scale, wide.data());
       EXPECT_EQ(plain, wide) << "count " << count << " scale " << scale;
     }
+  }
+}
+
+TEST(AudioKernels, WholeCodecIdenticalAcrossVariants) {
+  // The encoder's streams and the decoder's samples do not depend on the kernels, in either
+  // form, from lossless to very lossy.
+  if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
+  const audio_test::Samples music = audio_test::Music(22050, 2, 12000);
+  for (int level : {0, 4, 99, 100, 160}) {
+    FeatureMask(0, CpuAVX2);
+    audio_test::Encoded plainStream;
+    const audio_test::Samples plain = audio_test::RoundTrip(music, 22050, 2, level, &plainStream);
+    FeatureMask(0, 0);
+    audio_test::Encoded wideStream;
+    const audio_test::Samples wide = audio_test::RoundTrip(music, 22050, 2, level, &wideStream);
+    EXPECT_EQ(plainStream.Stream, wideStream.Stream) << level;
+    EXPECT_EQ(plain, wide) << level;
   }
 }
 
