@@ -162,6 +162,26 @@ TEST_F(SoundPlayTest, AskedIdsOpenOnceInOrderAndUnusableOrMissingOnesAreSkipped)
   VelmoClose(h);
 }
 
+TEST_F(SoundPlayTest, TheStoredTrackListServesOneOpenThenTrackZeroAgain) {
+  const SoundFile sf = BuildSoundFile(3, 30, 1,
+                                      {{22050, 1, false, 0, 1, 0}, {22050, 1, false, 3, 1, 0},
+                                       {22050, 1, false, 5, 1, 0}});
+  const uint32_t ids[] = {5, 3, 5};
+  VelmoSetSoundTracks(3, ids);
+  const char* image = reinterpret_cast<const char*>(sf.File.data());
+  HVELMO h = VelmoOpen(image, VelmoOpenImage | VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  ASSERT_EQ(h->OpenTracks, 2u);
+  EXPECT_EQ(h->TrackIndexes[0], 2u);
+  EXPECT_EQ(h->TrackIndexes[1], 1u);
+  VelmoClose(h);
+  h = VelmoOpen(image, VelmoOpenImage | VelmoOpenNoBuffers);  // the list went back to id 0
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(h->OpenTracks, 1u);
+  EXPECT_EQ(h->TrackIndexes[0], 0u);
+  VelmoClose(h);
+}
+
 TEST_F(SoundPlayTest, ForcedFrameRateScalesTheOutputRateUpTo256000) {
   const SoundFile sf =
       BuildSoundFile(3, 30, 1, {{22050, 1, false, 1, 1, 0}, {48000, 2, false, 2, 1, 0}});
@@ -457,8 +477,11 @@ TEST_F(SoundThreadTest, FeedsFromItsOwnThreadAndStopsAfterTheLastFile) {
 
 TEST_F(SoundThreadTest, KeepThreadsLeavesTheThreadRunning) {
   const SoundFile sf = BuildSoundFile(4, 30, 1, {{22050, 1, false, 0, 1, 0}});
+  Config.ServiceMode = -5;  // the thread, every 5 ms
   HVELMO a = Open(sf.File, {0}, VelmoOpenNoBuffers | VelmoOpenKeepThreads);
   ASSERT_NE(a, nullptr);
+  EXPECT_EQ(VelmoStateOf(a)->SoundService, 0);
+  EXPECT_EQ(VelmoStateOf(a)->SoundSleep, 5u);
   PlayInRealTime(a, 2);
   VelmoClose(a);
   EXPECT_TRUE(VelmoSoundThreadRunning());
