@@ -189,8 +189,13 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
     ++outputTracks;
     if (r.Mode != VelmoTrackEncode) continue;
     if (!VelmoWriterTrackStart(&r, levels[i], header.Frames, header.FrameRate,
-                               header.FrameRateDiv))
-      return m.Fail("Out of memory!");
+                               header.FrameRateDiv)) {
+      char text[160];
+      std::snprintf(text, sizeof text,
+                    "The sound encoder can't take this sound (%u hz, %u channels, level %d).",
+                    r.SampleRate, r.Channels, levels[i]);
+      return m.Fail(text);
+    }
     m.Started[i] = true;
     // The writer yields the silent lead-in before it reads the source.
     r.Mode = VelmoTrackEncode;

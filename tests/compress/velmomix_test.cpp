@@ -590,6 +590,23 @@ TEST(VelmoMixEncode, SilentLeadIn) {
   RemoveTree(dir);
 }
 
+// A sound the encoder cannot take ends the mix before any output exists.
+TEST(VelmoMixEncode, SoundTheEncoderRefuses) {
+  const std::string dir = TempDir(), in = dir + "/in.vlm", out = dir + "/out.vlm";
+  WriteAll(in, BuildInput({}));
+  Tone tone;
+  for (int32_t level : {200, -1}) {
+    MixRun run;
+    EXPECT_EQ(run.Run(in, out, {NewTrack(1, &tone, level)}), 0u);
+    ASSERT_EQ(run.Msg.Texts.size(), 1u);
+    EXPECT_EQ(run.Msg.Texts[0].rfind("The sound encoder can't take this sound (22050 hz, 1 "
+                                     "channels, level ", 0), 0u);
+    EXPECT_FALSE(Exists(out));
+    EXPECT_FALSE(Exists(out + ".tmp"));
+  }
+  RemoveTree(dir);
+}
+
 // ---- The silent lead-in ------------------------------------------------------------------------
 
 TEST(VelmoMixSilence, StartInMillisecondsOrFrames) {
