@@ -759,6 +759,10 @@ TEST(VelmoMixTool, ExitCodes) {
   // Without /O the console takes the question's default answer, No.
   EXPECT_EQ(RunTool(in + " - " + out), ToolExitNoOverwrite);
   EXPECT_EQ(RunTool(in + " - " + out + " /o"), ToolExitDone);
+  // A file mixed onto itself: the input is read to its end before the old file goes.
+  const std::vector<uint8_t> before = ReadAll(in);
+  EXPECT_EQ(RunTool(in + " - " + in + " /o /t99"), ToolExitDone);
+  EXPECT_EQ(ReadAll(in), before);
   RemoveTree(dir);
 }
 
