@@ -111,7 +111,11 @@ int SoundProgress(const char* text, int level) {
   if (!text) return g_cancel ? 1 : 0;
   if (level == 5) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
   if (text[0] == '@') text++;
-  if (level == 2 || level == 4) ToolFrameTell(text, 0);
+  if (level == 2) {  // an error: shown, and the sound stops
+    ToolFrameTell(text, 0);
+    return 1;
+  }
+  if (level == 4) ToolFrameTell(text, 0);
   else if (level == 1) ToolFrameSetText(ToolIdStatus, text);
   return g_cancel ? 1 : 0;
 }
