@@ -101,16 +101,16 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
 
 // How a block's groups are laid out beyond the plain rule.
 struct GroupLayout {
-  uint32_t WidenBy = 0;    // the last channel's first group: alone, and this much wider
+  uint32_t WidenBy = 0;      // the last channel's first group with room: alone, this much wider
   uint32_t SplitFrom = ~0u;  // from this coefficient on, groups with coded bits stand alone
 };
 
 // Writes the coefficients from index 2 in groups of eight, runs of equal width joined.
-// Group `widen` (if below the group count) is written alone and `widenBy` bits wider than it
-// needs: the same values in more bits, which moves the end of the block. Groups of nonzero
-// width starting at or after `splitFrom` are not joined into runs.
+// With `widenBy`, the first group whose width can take it is written alone and that much
+// wider than it needs: the same values in more bits, which moves the end of the block.
+// Groups of nonzero width starting at or after `splitFrom` are not joined into runs.
 void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length,
-                 uint32_t channel, uint32_t widen, uint32_t widenBy, uint32_t splitFrom,
+                 uint32_t channel, uint32_t widenBy, uint32_t splitFrom,
                  std::vector<VelmoAudioGroupReach>& reach) {
   const uint32_t groups = (length - 2 + 7) / 8;
   uint8_t widths[VelmoAudioMaxLength / 8];
@@ -120,9 +120,15 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
       largest = std::max<uint32_t>(largest, static_cast<uint32_t>(std::abs(magnitudes[i])));
     uint32_t width = 0;
     while (largest >> width) ++width;
-    if (g == widen) width = std::min<uint32_t>(15, width + widenBy);
     widths[g] = static_cast<uint8_t>(width);
   }
+  uint32_t widen = ~0u;
+  for (uint32_t g = 0; widenBy && g < groups; ++g)
+    if (widths[g] + widenBy <= 15) {
+      widen = g;
+      widths[g] = static_cast<uint8_t>(widths[g] + widenBy);
+      break;
+    }
   uint32_t g = 0;
   while (g < groups) {
     const size_t start = out.BitCount();
@@ -222,7 +228,7 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
     out.Write(e->Leading[2 * c + 1], 29);
     for (uint32_t b = 0; b < e->BandCount; ++b) out.Write(e->Indices[c * VelmoAudioMaxBands + b], 8);
     WriteGroups(out, e->Magnitudes.data() + size_t{c} * e->Length, e->Length, c,
-                c == last && layout.WidenBy ? 0 : ~0u, layout.WidenBy, layout.SplitFrom, reach);
+                c == last ? layout.WidenBy : 0, layout.SplitFrom, reach);
   }
   out.PadToWord();
   const size_t end = out.BitCount();
@@ -237,8 +243,9 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
 // A packet may end right after any block, and a reader ends a channel at a group that could
 // run past the packet, judging it at 9 + (w + 1) bits a coefficient. A group with zero
 // magnitudes takes less than that, so near the end of a block its reach may pass the last
-// word. Then the block is written again: with its last channel's first group one, two or
-// three bits wider (8 to 24 bits more, which moves the padding); then also with the groups
+// word. Then the block is written again: with a group of its last channel (the first with
+// room) one, two or three bits wider (8 to 24 bits more, which moves the padding, so that one
+// of the four tries leaves at least 24 bits of it); then also with the groups
 // from the one that reaches too far on standing alone, so that no long run of mostly zero
 // magnitudes reaches far; failing all that, the channel's coefficients from the group that
 // reaches too far on are dropped, as the reader would drop them.
