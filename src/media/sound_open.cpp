@@ -14,6 +14,8 @@ constexpr uint32_t NormaliseBlockBytes = 1024;
 constexpr uint32_t NormaliseRun = 16;
 // The loudest gain that keeps sample * gain within 64 bits (a boost of 32768 times).
 constexpr int64_t MaxGain = int64_t(1) << 47;
+// The longest source taken (over 200 days at 48000 Hz), so that sample * rate fits 64 bits.
+constexpr uint64_t MaxSourceSamples = uint64_t(1) << 40;
 
 typedef bool (*ReaderOpenFn)(const SoundOpenRequest& request, SoundReader* reader);
 
@@ -84,7 +86,8 @@ bool SeekReader(SoundReader* reader, uint64_t sample) {
 
 // start_ms and end_ms (0: to the end) as a span of source samples; the output length follows.
 void SetRange(SoundInput* sound, uint32_t start_ms, uint32_t end_ms) {
-  const uint64_t total = sound->source->reader.format.total_samples;
+  uint64_t total = sound->source->reader.format.total_samples;
+  if (total > MaxSourceSamples) total = MaxSourceSamples;  // a length from a hostile header
   uint64_t first = static_cast<uint64_t>(start_ms) * sound->source_rate / 1000;
   uint64_t end = end_ms ? static_cast<uint64_t>(end_ms) * sound->source_rate / 1000 : total;
   if (first > total) first = total;

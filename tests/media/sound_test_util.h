@@ -17,7 +17,9 @@ inline void Put32(std::vector<uint8_t>* out, uint32_t v) {
   Put16(out, v & 0xFFFF);
   Put16(out, v >> 16);
 }
-inline void PutText(std::vector<uint8_t>* out, const char* four) { out->insert(out->end(), four, four + 4); }
+inline void PutText(std::vector<uint8_t>* out, const char* four) {
+  for (int i = 0; i < 4; ++i) out->push_back(static_cast<uint8_t>(four[i]));
+}
 
 struct WaveShape {
   uint32_t tag = 1;  // 1 PCM, 3 float, 0xFFFE extensible
