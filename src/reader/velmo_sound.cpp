@@ -52,7 +52,9 @@ void AlignRing(VelmoTrack* t) {
   uint8_t* read = t->RingRead;
   const uint32_t held = RingHeld(t, read, t->RingWrite) & ~63u;
   if (held < t->Prefill) {
-    uint32_t back = t->Prefill - held;
+    // Never so far back that the ring would seem full or pass RingWrite.
+    const uint32_t all = RingHeld(t, read, t->RingWrite);
+    uint32_t back = std::min(t->Prefill - held, t->RingSize - 16 - std::min(all, t->RingSize - 16));
     uint8_t* start = RingStep(t, read, -int64_t(back));
     uint8_t* at = start;
     while (back) {

@@ -183,6 +183,8 @@ void VelmoSoundServiceAdd(VelmoState* h, uint32_t tracks) {
     if (mode < 0)
       h->SoundSleep = uint32_t(std::min<int64_t>(-int64_t(mode), DefaultSleepMs));
     AddToList(h, true);
+  } else {
+    h->Tracks[0].ServiceMode = 1;  // no thread to be had: the frame walk feeds
   }
   LockLeave(&Service.Control);
 }
