@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -195,6 +197,33 @@ TEST_F(VelmocSound, LevelSwitchAndFormatSwitches) {
   const std::string bad = Out("bad.vlm");
   EXPECT_EQ(RunMedia(wav + " " + bad + " /v101 /l200"), ToolExitBadSwitches);
   EXPECT_NE(access(bad.c_str(), F_OK), 0);
+}
+
+// The largest root mean square over runs of 16 samples.
+double PeakRms(const Samples& pcm) {
+  double peak = 0;
+  for (size_t from = 0; from + 16 <= pcm.size(); from += 16) {
+    double sum = 0;
+    for (size_t i = from; i < from + 16; ++i) sum += double(pcm[i]) * pcm[i];
+    peak = std::max(peak, std::sqrt(sum / 16));
+  }
+  return peak;
+}
+
+// /B5008 asks for 8 bits and normalising to 50 percent of full scale: the track stays 16-bit, and the
+// hundreds still normalise.
+TEST_F(VelmocSound, BitsAreSixteenAndTheHundredsNormalise) {
+  const std::string out = Out("loud.vlm");
+  ASSERT_EQ(RunMedia(wav + " " + out + " /v101 /b5008"), ToolExitDone);
+  Output o = Parse(out);
+  ASSERT_TRUE(o.Open);
+  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
+  EXPECT_TRUE(VelmoTableTrack(o.Check.Info.Tables, 0).Format & VelmoTrack16Bit);
+  uint32_t rate = 0, channels = 0;
+  const Samples back = ReadBack(out, &rate, &channels);
+  const double half = 32768 * 0.5;
+  ASSERT_LT(PeakRms(music), half * 0.7);  // the source is well below the asked level
+  EXPECT_NEAR(PeakRms(back), half, half * 0.15);
 }
 
 // A run from a later frame takes the sound from that frame's time on.
