@@ -75,9 +75,15 @@ TEST(AudioLevels, QualityAndBitsFallSmoothlyAsTheLevelRises) {
       EXPECT_LT(snr, lastSnr) << "level " << level;
       EXPECT_LT(encoded.Stream.size(), lastBytes) << "level " << level;
       // No level falls off a cliff: each step of this list costs at most 20 dB.
-      if (level) EXPECT_GT(snr, lastSnr - 20) << "level " << level;
-      if (level == 0) EXPECT_GT(snr, 70);
-      if (level == 4) EXPECT_GT(snr, 28);
+      if (level) {
+        EXPECT_GT(snr, lastSnr - 20) << "level " << level;
+      }
+      if (level == 0) {
+        EXPECT_GT(snr, 70);
+      }
+      if (level == 4) {
+        EXPECT_GT(snr, 28);
+      }
       lastSnr = snr;
       lastBytes = encoded.Stream.size();
     }
@@ -327,7 +333,9 @@ TEST(AudioStream, EveryBlockSurvivesEndingItsPacket) {
           DecodeAll(encoded.Stream, rate, channels, mode, encoded.BlockSizes.size());
       EXPECT_EQ(DecodeEachAsPacket(encoded, rate, channels, mode), whole)
           << channels << " channels, level " << level;
-      if (level % 100 == 0) EXPECT_GT(Snr(source, whole), 65) << channels << " " << level;
+      if (level % 100 == 0) {
+        EXPECT_GT(Snr(source, whole), 65) << channels << " " << level;
+      }
     }
   }
 }
