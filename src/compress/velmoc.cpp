@@ -13,9 +13,9 @@
 #include "compress/velmo_writer.h"
 #include "compress/velmoc_source.h"
 #include "host/bfile.h"
-#include "media/sound.h"
 #include "host/platform.h"
 #include "host/switches.h"
+#include "media/sound.h"
 
 namespace {
 
@@ -502,7 +502,7 @@ uint32_t ReadSound(void* source, void* buffer, uint32_t bytes) {
 // without a track.
 void OpenSound(Run& r, uint32_t rateNum, uint32_t rateDen) {
   const VelmocSettings& s = r.s;
-  if (uint32_t(s.SoundLevel) >= 200 || !r.info.HasSound) return;
+  if (uint32_t(s.SoundLevel) >= 200 || !r.info.HasSound || !rateNum || !rateDen) return;
   const uint32_t inNum = r.info.InputRateNumerator ? r.info.InputRateNumerator : rateNum;
   const uint32_t inDen = r.info.InputRateNumerator ? r.info.InputRateDenominator : rateDen;
   const uint64_t startMs = uint64_t(r.info.SkippedFrames) * 1000 * inDen / inNum;
