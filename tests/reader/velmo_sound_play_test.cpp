@@ -314,22 +314,29 @@ TEST_F(SoundPlayTest, AnUnderrunRestartsSoundBeforeEndFrameOnly) {
 
 TEST_F(SoundPlayTest, GotoRunsUpOneSecondOfSoundToTheTarget) {
   const SoundFile sf = BuildSoundFile(60, 30, 1, {{22050, 1, false, 0, 1, 0}});
-  Config.Latency = 700;
-  HVELMO h = Open(sf.File, {0});
-  ASSERT_NE(h, nullptr);
-  const VelmoTrack& t = h->Tracks[0];
-  VelmoGoto(h, 40, 0);
-  ASSERT_EQ(h->FrameNum, 40u);
-  EXPECT_EQ(h->SoundOn, 1u);
-  // The run-up filled the ring to RingSize - 16; the alignment moves RingRead in 64-byte
-  // steps, so the part beyond a multiple of 64 stays on top of Prefill.
-  EXPECT_EQ(Held(t), t.Prefill + (t.RingSize - 16) % 64);
   // The run-up starts a second earlier, at frame 10, and ends with frame 39's sound.
   const std::vector<uint8_t> decoded = DecodeFrames(sf.Streams[0], 9, 39);
-  ASSERT_GE(decoded.size(), t.Prefill);
-  EXPECT_EQ(RingTail(t, t.Prefill),
-            std::vector<uint8_t>(decoded.end() - t.Prefill, decoded.end()));
-  VelmoClose(h);
+  // A short device latency makes Prefill the whole ring less 16 bytes.
+  for (uint32_t latency : {700u, 200u}) {
+    SCOPED_TRACE(latency);
+    Config = VelmoNullSoundConfig{};
+    Config.Clock = FakeClock;
+    Config.Latency = latency;
+    HVELMO h = Open(sf.File, {0});
+    ASSERT_NE(h, nullptr);
+    const VelmoTrack& t = h->Tracks[0];
+    VelmoGoto(h, 40, 0);
+    ASSERT_EQ(h->FrameNum, 40u);
+    EXPECT_EQ(h->SoundOn, 1u);
+    // The run-up filled the ring to RingSize - 16; the alignment moves RingRead in 64-byte
+    // steps, so the part beyond a multiple of 64 stays on top of Prefill, as far as the ring
+    // has room.
+    const uint32_t held = Held(t);
+    EXPECT_EQ(held, std::min(t.Prefill + (t.RingSize - 16) % 64, t.RingSize - 16));
+    ASSERT_GE(decoded.size(), held);
+    EXPECT_EQ(RingTail(t, held), std::vector<uint8_t>(decoded.end() - held, decoded.end()));
+    VelmoClose(h);
+  }
 }
 
 TEST_F(SoundPlayTest, PauseReachesTheDeviceAndTheHostTickFeedsModeTwo) {
@@ -489,6 +496,26 @@ TEST_F(SoundThreadTest, KeepThreadsLeavesTheThreadRunning) {
   ASSERT_NE(b, nullptr);
   VelmoClose(b);
   EXPECT_FALSE(VelmoSoundThreadRunning());
+}
+
+TEST_F(SoundThreadTest, FilesComeAndGoWhileTheThreadFeeds) {
+  const SoundFile sf = BuildSoundFile(6, 100, 1, {{22050, 2, false, 0, 2, 0}});
+  Config.Latency = 60;
+  HVELMO steady = Open(sf.File, {0});
+  ASSERT_NE(steady, nullptr);
+  for (uint32_t round = 0; round < 12; ++round) {
+    HVELMO h = Open(sf.File, {0});
+    ASSERT_NE(h, nullptr);
+    PlayInRealTime(h, 3);
+    PlayInRealTime(steady, 1);
+    if (round % 3 == 0) VelmoSetSoundOn(h, 0);
+    VelmoClose(h);
+    EXPECT_TRUE(VelmoSoundThreadRunning());
+  }
+  VelmoClose(steady);
+  EXPECT_FALSE(VelmoSoundThreadRunning());
+  const uint32_t logs = Config.TracksOpened;
+  for (uint32_t i = 0; i < logs; ++i) EXPECT_EQ(Config.Logs[i].Opened, Config.Logs[i].Closed);
 }
 
 }  // namespace
