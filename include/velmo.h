@@ -223,7 +223,12 @@ uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch, int32_t
  * A file's sound plays through a back end: a table of nine operations that the program
  * registers once, before opening files. Each open track has a 448-byte record; the back end
  * fills ServiceMode, DeviceBlock, Latency, ClockScale (optional) and the operations, and may
- * keep its own state in BackEndArea. */
+ * keep its own state in BackEndArea.
+ *
+ * The library calls Ready, Lock and Unlock while it feeds, and OnOff, Pause and SetMix, with
+ * the handle's sound lock held, except in service mode 1, where everything happens on the
+ * caller's thread. A back end that plays on a thread of its own writes Underrun and ClockScale
+ * with atomic stores. */
 typedef struct VelmoTrack VelmoTrack;
 typedef struct VelmoTrackOps {
   uint32_t (*Ready)(VelmoTrack* track);                                 /* device takes data now */
@@ -271,8 +276,12 @@ uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
 /* For hosts whose back end asked for service mode 2: feeds every file's tracks once. */
 void VelmoSoundTick(void);
 
+/* The file's TrackFormat and TrackId of track `index` (file order); 0 past the last track. */
 uint32_t VelmoGetTrackFormat(HVELMO handle, uint32_t index);
 uint32_t VelmoGetTrackId(HVELMO handle, uint32_t index);
+/* Routes an open track (found by its id) to eight speaker bins through its back end's SetMix.
+ * Up to eight volumes of 0..65535 (65536 and above: 2.0; no list: 1.0 each); with `bins`, entry
+ * i goes to bins[i] (mono) or bins[i] * 2 + i % 2 (stereo). */
 void VelmoSetTrackVolumes(HVELMO handle, uint32_t trackId, const uint32_t* bins,
                           const uint32_t* volumes, uint32_t count);
 
