@@ -435,22 +435,4 @@ TEST(SoundSwitches, AllSwitchesAndTheRawForceNumber) {
   }
 }
 
-TEST(SoundSwitches, TheForceNumberOpensTheRawFile) {
-  TempDir dir;
-  const std::vector<int16_t> values = Noise(100, 15);
-  std::vector<uint8_t> bytes(10, 0);
-  const std::vector<uint8_t> pcm = Pcm16(values);
-  bytes.insert(bytes.end(), pcm.begin(), pcm.end());
-  WriteBytes(dir / "in.raw", bytes);
-  char line[] = "/Y3 /D12000 /K10";
-  SoundSwitches s;
-  ASSERT_TRUE(SoundParseSwitches(line, &s));
-  SoundInput* sound = SoundOpen((dir / "in.raw").c_str(), s.rate, s.bits, s.channels, s.start_ms,
-                                s.end_ms, s.track, s.force, s.skip, nullptr);
-  ASSERT_NE(sound, nullptr);
-  EXPECT_EQ(sound->source_rate, 12000u);
-  EXPECT_EQ(As16(ReadAll(sound)), values);
-  SoundClose(sound);
-}
-
 }  // namespace
