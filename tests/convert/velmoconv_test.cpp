@@ -391,7 +391,8 @@ uint32_t ReadSoundInput(void* source, void* buffer, uint32_t bytes) {
 
 // The PCM of an AVI file's first audio stream, chunk by chunk.
 struct AviSound {
-  StreamAudioTrack track{};
+  StreamAudioTrack track{};  // its pointers are gone with the reader: see `places`
+  std::vector<StreamAudioChunk> places;
   std::vector<std::string> chunks;
   uint32_t rate_num = 0, rate_den = 0, frames = 0;
 };
@@ -407,11 +408,14 @@ bool ReadAviSound(const std::string& name, AviSound* out) {
   const bool ok = StreamReaderAudioTrackCount(reader) == 1 &&
                   StreamReaderAudioTrack(reader, 0, &out->track);
   for (uint32_t c = 0; ok && c < out->track.chunk_count; ++c) {
+    out->places.push_back(out->track.chunks[c]);
     std::string chunk(out->track.chunks[c].size, '\0');
     chunk.resize(StreamReaderReadAudio(reader, 0, c, chunk.data(), chunk.size()));
     out->chunks.push_back(chunk);
   }
   StreamReaderClose(reader);
+  out->track.chunks = nullptr;
+  out->track.extra = nullptr;
   return ok;
 }
 
@@ -462,10 +466,15 @@ TEST_F(VelmoConvSound, AviTakesTheTrackAheadOfItsFrames) {
   // After the first frame: three quarters of a second (8268 samples, a multiple of 4) and
   // one frame's 735 bytes, in whole samples: 16536 + 734.
   EXPECT_EQ(avi.chunks[0].size(), 17270u);
-  // Then about a frame's worth after each frame, until the sound reaches the frames' length.
+  // Then about a frame's worth after each frame, until the sound reaches the frames' length;
+  // a frame's video chunk (16 × 16 × 3 bytes and its header) lies between two sound chunks.
   for (size_t c = 1; c < avi.chunks.size(); ++c) {
     EXPECT_GE(avi.chunks[c].size(), 2u) << c;
     EXPECT_LE(avi.chunks[c].size(), 736u) << c;
+    const StreamAudioChunk& before = avi.places[c - 1];
+    EXPECT_EQ(avi.places[c].offset,
+              before.offset + before.size + (before.size & 1) + 8 + (8 + 16 * 16 * 3))
+        << c;
   }
   // 1.5 seconds of 22050 bytes a second in whole samples (33074), or the track's end if that
   // comes first, and the same samples as the track's own decoding.
