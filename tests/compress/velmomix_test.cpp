@@ -68,7 +68,7 @@ uint32_t Load32(const std::vector<uint8_t>& file, size_t at) {
 // A usable track of the current sound form, 22050 Hz 16-bit mono.
 constexpr uint32_t TrackFormat = VelmoTrackCurrent | VelmoTrack16Bit | 22050;
 
-struct InputSpec {
+struct InputLayout {
   uint32_t Version = 100;
   uint32_t Flags = 0;
   const char* Text = nullptr;
@@ -91,7 +91,7 @@ std::vector<uint8_t> VideoBytes(uint32_t frame) {
   return v;
 }
 
-std::vector<uint8_t> BuildInput(const InputSpec& s) {
+std::vector<uint8_t> BuildInput(const InputLayout& s) {
   static const int16_t hdr[6] = {1000, 2000, 3000, -400, -500, 1000};
   static const int16_t matrix[12] = {4096, 0, 0, 0, 4096, 0, 0, 0, 4096, 10, 20, 30};
   std::vector<VelmoTrackInfo> tracks;
@@ -220,23 +220,23 @@ struct MixRun {
 // the output is the input byte for byte.
 TEST(VelmoMixCopy, RemovingAnAbsentTrackReproducesTheFile) {
   const std::string dir = TempDir();
-  const InputSpec specs[] = {
+  const InputLayout layouts[] = {
       {100, 0, nullptr, 12, 4, {5, 7}},
       {101, VelmoFlagFullRange, "some extra text", 12, 4, {5}},
       {200, VelmoFlagFullRange | VelmoFlagAlpha, "made by a test", 9, 3, {1, 2, 3}},
       {200, VelmoFlagHdr | VelmoFlagFullRange, "hdr", 5, 1, {}},
       {200, VelmoFlagColourMatrix | VelmoFlagFullRange, nullptr, 7, 2, {9}},
   };
-  for (const InputSpec& spec : specs) {
-    SCOPED_TRACE(spec.Version);
-    const std::vector<uint8_t> input = BuildInput(spec);
+  for (const InputLayout& layout : layouts) {
+    SCOPED_TRACE(layout.Version);
+    const std::vector<uint8_t> input = BuildInput(layout);
     const std::string in = dir + "/in.vlm", out = dir + "/out.vlm";
     WriteAll(in, input);
     MixRun run;
     ASSERT_EQ(run.Run(in, out, {Removal(30)}), input.size()) << ::testing::PrintToString(run.Msg.Texts);
     EXPECT_TRUE(run.Msg.Texts.empty());
-    EXPECT_EQ(run.Msg.Labels, spec.Frames);
-    EXPECT_EQ(run.Progress.FramesDone, spec.Frames);
+    EXPECT_EQ(run.Msg.Labels, layout.Frames);
+    EXPECT_EQ(run.Progress.FramesDone, layout.Frames);
     EXPECT_EQ(ReadAll(out), input);
     EXPECT_FALSE(Exists(out + ".tmp"));
   }
