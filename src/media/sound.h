@@ -1,5 +1,5 @@
-// Sound input: one call opens a sound from a wave file, a raw file, a FLAC or Ogg Vorbis
-// file, a Velmo file's track or a list of these; the caller then reads interleaved PCM in the
+// Sound input: one call opens a sound from a wave file, a raw file, the PCM sound of an AVI
+// file, a FLAC or Ogg Vorbis file, a Velmo file's track or a list of these; the caller then reads interleaved PCM in the
 // format it asked for. Rate, bit and channel conversion happen on the fly.
 #pragma once
 #include <cstdint>
@@ -10,14 +10,15 @@
 struct SoundSource;  // the open reader behind a SoundInput (file, list entry, track)
 
 enum SoundKind : uint32_t {
-  SoundKindFile = 1,   // wave, raw, FLAC, Vorbis
+  SoundKindFile = 1,   // wave, raw, AVI, FLAC, Vorbis
   SoundKindList = 4,
   SoundKindVelmo = 6,  // a track of a Velmo file
 };
 
 struct SoundInput {
   char file_name[1024];
-  const char* type_name;  // "Wave", "Raw", "FLAC", "Ogg Vorbis", "Velmo track", "List"
+  // "Wave", "Raw", "AVI", "FLAC", "Ogg Vorbis", "Velmo track", "List"
+  const char* type_name;
   int at_end;
 
   // The output format, and the bytes of one output sample over all channels.

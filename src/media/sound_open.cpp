@@ -39,11 +39,13 @@ bool Try(ReaderOpenFn open, const SoundOpenRequest& request, SoundReader* reader
 }
 
 // The trials in their order: a list or series; a raw file when a raw type is forced (no header
-// is looked for then); a wave, FLAC or Ogg Vorbis file; a Velmo file's track.
+// is looked for then); a wave file, an AVI file's PCM sound, a FLAC or Ogg Vorbis file; a Velmo
+// file's track.
 bool OpenReader(const SoundOpenRequest& request, SoundReader* reader) {
   if (SoundIsListName(request.name)) return Try(SoundOpenList, request, reader);
   if (request.force) return Try(SoundOpenRaw, request, reader);
-  const ReaderOpenFn trials[] = {SoundOpenWave, SoundOpenFlac, SoundOpenVorbis, SoundOpenVelmo};
+  const ReaderOpenFn trials[] = {SoundOpenWave, SoundOpenAvi, SoundOpenFlac, SoundOpenVorbis,
+                                  SoundOpenVelmo};
   for (ReaderOpenFn open : trials)
     if (Try(open, request, reader)) return true;
   return false;

@@ -60,10 +60,18 @@ struct SoundWaveHeader {
 // Reads "RIFF", a length, "WAVE" and walks the chunks for "fmt " and "data". `file_size`
 // bounds the data. False for anything that is not a wave of a format the layer reads.
 bool SoundReadWaveHeader(FILE* file, uint64_t file_size, SoundWaveHeader* header);
+// A WAVEFORMATEX of `size` bytes (a wave's "fmt " chunk, an AVI sound stream's "strf") into
+// the header's format fields, WAVE_FORMAT_EXTENSIBLE resolved to its sub-format. False for a
+// format other than PCM or float, or one too short to tell.
+bool SoundParseWaveFormat(const uint8_t* fmt, uint32_t size, SoundWaveHeader* header);
+// The converter's format for a header (total_samples from data_bytes); false when the layer
+// does not convert it.
+bool SoundWaveFormat(const SoundWaveHeader& header, SoundFormat* format);
 
 // The openers, one per kind; each returns false when the name is not of its kind.
 bool SoundOpenRaw(const SoundOpenRequest& request, SoundReader* reader);
 bool SoundOpenWave(const SoundOpenRequest& request, SoundReader* reader);
+bool SoundOpenAvi(const SoundOpenRequest& request, SoundReader* reader);
 bool SoundOpenFlac(const SoundOpenRequest& request, SoundReader* reader);
 bool SoundOpenVorbis(const SoundOpenRequest& request, SoundReader* reader);
 bool SoundOpenList(const SoundOpenRequest& request, SoundReader* reader);

@@ -33,29 +33,7 @@ bool ReadFormat(FILE* file, uint32_t size, SoundWaveHeader* header) {
   if (size < 16) return false;
   const uint32_t take = size < sizeof fmt ? size : sizeof fmt;
   if (fread(fmt, 1, take, file) != take) return false;
-  header->format_tag = Le16(fmt);
-  header->channels = Le16(fmt + 2);
-  header->rate = Le32(fmt + 4);
-  header->block_align = Le16(fmt + 12);
-  header->bits = Le16(fmt + 14);
-  if (header->format_tag == TagExtensible) {
-    const uint32_t extra = take >= 18 ? Le16(fmt + 16) : 0;
-    if (take < 40 || extra < 22 || memcmp(fmt + 26, GuidTail, sizeof GuidTail) != 0) return false;
-    header->format_tag = Le16(fmt + 24);
-  }
-  return header->format_tag == TagPcm || header->format_tag == TagFloat;
-}
-
-// The format of a header as the converter sees it.
-bool HeaderFormat(const SoundWaveHeader& header, SoundFormat* format) {
-  memset(format, 0, sizeof *format);
-  format->rate = header.rate;
-  format->channels = header.channels;
-  format->bits = header.bits;
-  format->is_float = header.format_tag == TagFloat;
-  if (!SoundFormatValid(format)) return false;
-  format->total_samples = header.data_bytes / format->bytes_per_sample;
-  return true;
+  return SoundParseWaveFormat(fmt, take, header);
 }
 
 uint64_t FileSize(FILE* file) {
@@ -136,6 +114,32 @@ bool SoundFormatValid(SoundFormat* format) {
   return true;
 }
 
+bool SoundParseWaveFormat(const uint8_t* fmt, uint32_t size, SoundWaveHeader* header) {
+  if (size < 16) return false;
+  header->format_tag = Le16(fmt);
+  header->channels = Le16(fmt + 2);
+  header->rate = Le32(fmt + 4);
+  header->block_align = Le16(fmt + 12);
+  header->bits = Le16(fmt + 14);
+  if (header->format_tag == TagExtensible) {
+    const uint32_t extra = size >= 18 ? Le16(fmt + 16) : 0;
+    if (size < 40 || extra < 22 || memcmp(fmt + 26, GuidTail, sizeof GuidTail) != 0) return false;
+    header->format_tag = Le16(fmt + 24);
+  }
+  return header->format_tag == TagPcm || header->format_tag == TagFloat;
+}
+
+bool SoundWaveFormat(const SoundWaveHeader& header, SoundFormat* format) {
+  memset(format, 0, sizeof *format);
+  format->rate = header.rate;
+  format->channels = header.channels;
+  format->bits = header.bits;
+  format->is_float = header.format_tag == TagFloat;
+  if (!SoundFormatValid(format)) return false;
+  format->total_samples = header.data_bytes / format->bytes_per_sample;
+  return true;
+}
+
 bool SoundReadWaveHeader(FILE* file, uint64_t file_size, SoundWaveHeader* header) {
   memset(header, 0, sizeof *header);
   unsigned char riff[12];
@@ -168,7 +172,7 @@ bool SoundOpenWave(const SoundOpenRequest& request, SoundReader* reader) {
   if (!file) return false;
   SoundWaveHeader header;
   SoundFormat format;
-  if (!SoundReadWaveHeader(file, FileSize(file), &header) || !HeaderFormat(header, &format)) {
+  if (!SoundReadWaveHeader(file, FileSize(file), &header) || !SoundWaveFormat(header, &format)) {
     fclose(file);
     return false;
   }

@@ -3,7 +3,8 @@
 // indexes. The frame index comes from the OpenDML super index (indx pointing at ix## standard
 // indexes) when the video stream has one, else from idx1, else from a walk over the movi lists.
 // Video: uncompressed 8-bit (with palette), 16-bit 5-5-5, 24 and 32-bit, and Motion-JPEG.
-// Sound streams are not decoded; their formats and chunk positions are kept for the sound layer.
+// Sound streams are not decoded; their formats and chunk positions are kept for the sound layer,
+// which may also open a file for its sound alone (any video coding, or no video stream).
 #include "media/readers/mjpeg_codec.h"
 #include "media/readers/stream_internal.h"
 
@@ -49,12 +50,14 @@ int StreamNumberOf(uint32_t id) {
 
 class AviReader final : public StreamReader {
  public:
+  explicit AviReader(bool sound_only) : sound_only_(sound_only) {}
   bool Open(StreamError* error);
   int Read(uint32_t index, StreamFrame* frame, StreamError* error) override;
   uint32_t AudioTrackCount() const override { return uint32_t(audio_.size()); }
   int AudioTrack(uint32_t index, StreamAudioTrack* track) const override;
 
  private:
+  bool OpenSound(StreamError* error);
   bool ReadTopLevel(StreamError* error);
   bool ParseHeaderList(uint64_t at, uint32_t size, StreamError* error);
   void ParseStreamList(const uint8_t* d, size_t size);
@@ -74,6 +77,7 @@ class AviReader final : public StreamReader {
   uint32_t avih_frames_ = 0;
   int video_ = -1;
   std::vector<int> audio_;  // stream numbers of the sound streams
+  bool sound_only_;         // opened for the sound: no video is set up, no frames are read
 
   VideoCoding coding_ = VideoCoding::kUncompressed;
   uint32_t bits_ = 0;
@@ -96,6 +100,7 @@ bool AviReader::Open(StreamError* error) {
     if (streams_[i].type == FourCC("vids") && video_ < 0) video_ = int(i);
     if (streams_[i].type == FourCC("auds")) audio_.push_back(int(i));
   }
+  if (sound_only_) return OpenSound(error);
   if (video_ < 0) return StreamFail(error, STREAM_ERROR_UNSUPPORTED, "AVI: no video stream");
   if (!SetUpVideo(error)) return false;
 
@@ -124,6 +129,23 @@ bool AviReader::Open(StreamError* error) {
   info.seekable = 1;
   info.total_bytes = source->Size();
   std::memcpy(info.palette, palette_, sizeof palette_);
+  return true;
+}
+
+// The sound streams alone: their indexes as for video, and a walk over the movi lists when the
+// first sound stream is in none of them.
+bool AviReader::OpenSound(StreamError* error) {
+  if (audio_.empty()) return StreamFail(error, STREAM_ERROR_UNSUPPORTED, "AVI: no sound stream");
+  video_ = -1;
+  StreamDesc& first = streams_[size_t(audio_[0])];
+  IndexFromSuper(&first);
+  if (first.entries.empty() && idx1_size_) IndexFromIdx1();
+  if (first.entries.empty()) IndexByWalking();
+  info.has_sound = 1;
+  info.rate_num = 1;
+  info.rate_den = 1;
+  info.total_bytes = source->Size();
+  SetTypeName(&info, "AVI (sound)");
   return true;
 }
 
@@ -409,6 +431,7 @@ bool AviReader::Decode(uint32_t entry) {
 }
 
 int AviReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
+  if (video_ < 0) return StreamFail(error, STREAM_ERROR_END, "AVI: opened for its sound, no frames");
   const auto& entries = streams_[size_t(video_)].entries;
   if (index >= entries.size()) return StreamFail(error, STREAM_ERROR_END, "AVI: no frame %u", index);
   // An empty chunk is a dropped frame: the last picture before it stands.
@@ -459,7 +482,14 @@ int AviReader::AudioTrack(uint32_t index, StreamAudioTrack* track) const {
 }  // namespace
 
 StreamReader* OpenAviSource(std::unique_ptr<ByteSource> source, StreamError* error) {
-  auto reader = std::make_unique<AviReader>();
+  auto reader = std::make_unique<AviReader>(false);
+  reader->source = std::move(source);
+  if (!reader->Open(error)) return nullptr;
+  return reader.release();
+}
+
+StreamReader* OpenAviSoundSource(std::unique_ptr<ByteSource> source, StreamError* error) {
+  auto reader = std::make_unique<AviReader>(true);
   reader->source = std::move(source);
   if (!reader->Open(error)) return nullptr;
   return reader.release();
@@ -483,3 +513,7 @@ static StreamReader* OpenAviMemory(const uint8_t* data, size_t size, StreamError
 
 extern "C" const StreamReaderOps kStreamReaderAvi = {STREAM_FORMAT_AVI, "AVI", ".avi", ProbeAvi, OpenAviPath,
                                                     OpenAviMemory};
+
+extern "C" StreamReader* StreamReaderOpenAviSound(const char* path, StreamError* error) {
+  return OpenPath(&kStreamReaderAvi, OpenAviSoundSource, path, false, error);
+}

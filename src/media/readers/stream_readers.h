@@ -163,6 +163,11 @@ int StreamReaderAudioTrack(const StreamReader* reader, uint32_t index, StreamAud
 // Reads up to `size` bytes of one audio chunk; returns the bytes read.
 size_t StreamReaderReadAudio(StreamReader* reader, uint32_t track, uint32_t chunk, void* buffer,
                              size_t size);
+// Opens an AVI file for its sound streams alone: the video stream may be missing or of a coding
+// that is not decoded, and no frames are read (frame_count 0). The first sound stream's chunks
+// come from its index, or from a walk over the movi lists when no index names them. Fails
+// when the file has no sound stream.
+StreamReader* StreamReaderOpenAviSound(const char* path, StreamError* error);
 
 #ifdef __cplusplus
 }
