@@ -1,5 +1,5 @@
 // Velmoc with sound: whole runs through the tool shell and the media layer on inputs that carry
-// sound (a wave file, and a Velmo file with a track), read back through the sound input, which
+// sound (a wave file, an AVI file with a PCM stream, and a Velmo file with a track), read back through the sound input, which
 // opens the output's track with the reader library; the /L, /T, /R, /C switches and the span
 // of a run that starts later; the sound lines of the dialog.
 #include <gtest/gtest.h>
@@ -16,6 +16,7 @@
 #include "compress/velmo1_file_check.h"
 #include "compress/velmoc.h"
 #include "compress/velmoc_source.h"
+#include "convert/avi_writer.h"
 #include "host/toolframe.h"
 #include "media/sound.h"
 #include "reader/container.h"
@@ -241,6 +242,45 @@ TEST_F(VelmocSound, StartFrameMovesTheSound) {
   const Samples later(music.begin() + long(skip), music.begin() + long(skip + back.size()));
   EXPECT_GT(audio_test::Snr(later, back), 20.0);
   EXPECT_LT(audio_test::Snr(music, back), 3.0);
+}
+
+// An AVI file's PCM stream is the input's sound: the frames and the sound both go through.
+TEST_F(VelmocSound, AviInputGivesItsSoundATrack) {
+  const std::string avi = Out("clip.avi"), out = Out("clip.vlm");
+  // 30 frames of 16 x 16 at 15 a second, each with one frame's length of the music behind it.
+  const AviVideoFormat format = {16, 16, 15, 1, 24, 0, 0, 0};
+  AviFile* file = AviCreate(avi.c_str(), &format);
+  ASSERT_NE(file, nullptr);
+  ASSERT_TRUE(AviAddSound(file, 22050, 16, 2));
+  const size_t perFrame = 22050 / 15 * 2;
+  ASSERT_EQ(music.size(), 30 * perFrame);
+  std::vector<uint8_t> pixels(16 * 16 * 3);
+  for (size_t i = 0; i < 30; ++i) {
+    std::fill(pixels.begin(), pixels.end(), uint8_t(i * 8));
+    ASSERT_TRUE(AviWriteVideo(file, pixels.data(), uint32_t(pixels.size())));
+    ASSERT_TRUE(AviWriteSound(file, &music[i * perFrame], uint32_t(perFrame * 2)));
+  }
+  ASSERT_GT(AviClose(file), 0u);
+
+  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /t4"), ToolExitDone);
+  Output o = Parse(out);
+  ASSERT_TRUE(o.Open);
+  EXPECT_EQ(o.Check.Info.Header.Frames, 30u);
+  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
+  const VelmoTrackInfo t = VelmoTableTrack(o.Check.Info.Tables, 0);
+  EXPECT_EQ(t.Id, 4u);
+  EXPECT_EQ(t.Format, 22050u | VelmoTrackCurrent | VelmoTrackStereo | VelmoTrack16Bit);
+  {
+    std::lock_guard<std::mutex> hold(g_textsLock);
+    ASSERT_FALSE(g_soundTexts.empty());
+    EXPECT_EQ(g_soundTexts.front(), "22050 hz, 16-bit, stereo.");
+  }
+  uint32_t rate = 0, channels = 0;
+  const Samples back = ReadBack(out, &rate, &channels);
+  EXPECT_EQ(rate, 22050u);
+  EXPECT_EQ(channels, 2u);
+  EXPECT_GE(back.size() + 16, music.size());
+  EXPECT_GT(audio_test::Snr(music, back), 20.0);
 }
 
 // A Velmo file with a track is an input with sound: its track is decoded and coded anew.
