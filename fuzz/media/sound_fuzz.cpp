@@ -1,6 +1,6 @@
 // Fuzz target for sound input: the wave header walk on its own, then the bytes as a file
-// opened through SoundOpen (wave, FLAC and Ogg Vorbis trials, then as a raw file of the type
-// that the first byte picks), read in conversion to another rate and format, rewound and read
+// opened through SoundOpen (wave, AVI, FLAC and Ogg Vorbis trials, then as a raw file of the
+// type that the first byte picks), read in conversion to another rate and format, rewound and read
 // again. The output is capped so that a tiny source rate raised to a huge one ends quickly.
 #include <unistd.h>
 
