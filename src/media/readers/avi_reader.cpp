@@ -132,8 +132,8 @@ bool AviReader::Open(StreamError* error) {
   return true;
 }
 
-// The sound streams alone: their indexes as for video, and a walk over the movi lists when the
-// first sound stream is in none of them.
+// The sound streams alone: the first one's OpenDML index, else idx1, else a walk over the movi
+// lists. Other streams keep what the same index or walk names of them.
 bool AviReader::OpenSound(StreamError* error) {
   if (audio_.empty()) return StreamFail(error, STREAM_ERROR_UNSUPPORTED, "AVI: no sound stream");
   video_ = -1;
@@ -488,7 +488,7 @@ StreamReader* OpenAviSource(std::unique_ptr<ByteSource> source, StreamError* err
   return reader.release();
 }
 
-StreamReader* OpenAviSoundSource(std::unique_ptr<ByteSource> source, StreamError* error) {
+static StreamReader* OpenAviSoundSource(std::unique_ptr<ByteSource> source, StreamError* error) {
   auto reader = std::make_unique<AviReader>(true);
   reader->source = std::move(source);
   if (!reader->Open(error)) return nullptr;

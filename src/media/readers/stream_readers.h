@@ -165,8 +165,8 @@ size_t StreamReaderReadAudio(StreamReader* reader, uint32_t track, uint32_t chun
                              size_t size);
 // Opens an AVI file for its sound streams alone: the video stream may be missing or of a coding
 // that is not decoded, and no frames are read (frame_count 0). The first sound stream's chunks
-// come from its index, or from a walk over the movi lists when no index names them. Fails
-// when the file has no sound stream.
+// come from its index, or from a walk over the movi lists when no index names them; only its
+// chunk list is sure to be complete. Fails when the file has no sound stream.
 StreamReader* StreamReaderOpenAviSound(const char* path, StreamError* error);
 
 #ifdef __cplusplus
