@@ -522,7 +522,7 @@ bool ThreadStart(PlatformThread* thread, ThreadEntry entry, void* argument, size
   }
   pthread_attr_destroy(&attr);
   // The system puts the static thread-local blocks of all modules on the thread's stack, and
-  // refuses a stack that cannot hold them (the sound decoder's scratch is one): a small stack
+  // refuses a stack that cannot hold them (a linked library may bring large ones): a small stack
   // is grown until it does.
   for (size_t grown = std::max(stackBytes, size_t(65536)) * 4;
        rc == EINVAL && stackBytes && grown <= (size_t(16) << 20); grown *= 4) {

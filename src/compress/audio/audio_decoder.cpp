@@ -31,6 +31,8 @@ static_assert(sizeof(VelmoAudioDecoder) <= TailOffset, "decoder record overlaps 
 
 constexpr uint32_t MaxBlockSamples = 4096;  // N times channels
 
+// Working memory of one block (about 90 KiB). It lives on the decoding thread's stack for the
+// length of a call, so a decoder record stays small and no thread pays for it unless it decodes.
 struct DecodeScratch {
   AudioTransformWork Transform;
   alignas(32) float Coefficients[VelmoAudioMaxLength];
@@ -39,11 +41,6 @@ struct DecodeScratch {
   alignas(32) int16_t Block[MaxBlockSamples];
   alignas(32) uint8_t Bytes[MaxBlockSamples * 2];
 };
-
-DecodeScratch& Scratch() {
-  thread_local DecodeScratch scratch;
-  return scratch;
-}
 
 int16_t* TailOf(VelmoAudioDecoder* decoder) {
   return reinterpret_cast<int16_t*>(reinterpret_cast<uint8_t*>(decoder) + TailOffset);
@@ -259,7 +256,7 @@ uint32_t VelmoAudioDecodeBlock(VelmoAudioDecoder* decoder, VelmoAudioRing* ring,
   if (!decoder || !ring || !input || !input->Data) return 0;
   const size_t start = std::min(input->Position, input->Size);
   AudioBitReader reader(input->Data, input->Size, start * 8);
-  DecodeScratch& scratch = Scratch();
+  DecodeScratch scratch;
   const AudioTransformKernels* kernels = AudioKernelsSelect();
   const uint32_t blockSamples = decoder->BlockBytes / 2;
   int16_t* block = scratch.Block;
