@@ -82,6 +82,12 @@ bool Has(const Outcome& o, const std::string& text) {
   return o.output.find(text) != std::string::npos;
 }
 
+std::string Joined(const std::vector<std::string>& args) {
+  std::string line;
+  for (const std::string& a : args) line += "[" + a + "]";
+  return line;
+}
+
 class Dispatch : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -95,86 +101,63 @@ class Dispatch : public ::testing::Test {
   }
 };
 
-TEST_F(Dispatch, WordsIgnoreCaseAndPickTheirTool) {
+// Each word, in any case, reaches its tool (or the message that the tool is missing), and the
+// exit status tells which: 1 for a refusal, 8005 & 255 for a tool's syntax help, 8006 & 255 for
+// the missing second-generation compressor.
+TEST_F(Dispatch, WordsPickTheirToolWithItsExitCode) {
+  const std::string missing = " is not part of this build yet.";
+  const std::string velmoSyntax = "Syntax:  Velmo <Input Graphics File>";
+  const std::string convSyntax = "Syntax:  VelmoConv <Input File> <Output File> [/Switches]";
+  const std::string mixSyntax =
+      "Syntax:  VelmoMix <Input Velmo File>[.VLM] <Input Sound File> <Output Velmo "
+      "File>[.VLM] [/Switches]";
+  const std::string velmo2 = "Velmo 2 compression (version 200 and up)" + missing;
   struct Case {
-    const char* word;
-    const char* tool;
+    std::vector<std::string> words, tail;
+    int code;
+    std::string said;
+    bool built;  // "not part of this build" must not be said
   } cases[] = {
-      {"velmoplay", "VelmoPlay"}, {"VELMOPLAY", "VelmoPlay"}, {"VelmoPl64", "VelmoPlay"},
-      {"ORNBatch", "ORNBatch"},   {"orn2exe", "ORN2EXE"},
-      {"TarvMix", "TarvMix"},
-      {"tarv", "Tarv"},           {"ornana", "ORNAna"},
+      {{"velmoplay", "VELMOPLAY", "VelmoPl64"}, {"in.avi"}, 1, "VelmoPlay" + missing, false},
+      {{"ORNBatch"}, {"in.avi"}, 1, "ORNBatch" + missing, false},
+      {{"orn2exe"}, {"in.avi"}, 1, "ORN2EXE" + missing, false},
+      {{"TarvMix"}, {"in.avi"}, 1, "TarvMix" + missing, false},
+      {{"tarv"}, {"in.avi"}, 1, "Tarv" + missing, false},
+      {{"ornana"}, {"in.avi"}, 1, "ORNAna" + missing, false},
+      {{"tarvplay"}, {"a.trv"}, 1, "TarvPlw", false},
+      {{"Velmo", "VELMOC"}, {"in.avi"}, 8005 & 255, velmoSyntax, false},
+      {{"velmo2c", "Velmo2C64"}, {"in.avi", "out.vm2"}, 8006 & 255, velmo2, false},
+      {{"VelmoConv", "VELMOCONV"}, {"in.avi"}, 8005 & 255, convSyntax, true},
+      {{"velmomix", "VELMOMIX"}, {"in.vlm"}, 8005 & 255, mixSyntax, true},
+      {{"ORNINFO"}, {"/tmp"}, 0, "Information on /tmp", true},
+      {{"ornsi", "OrnSi", "ORNSI"}, {}, 0, "ORN System Info...", true},
   };
-  for (const Case& c : cases) {
-    Outcome o = RunTool({c.word, "in.avi"});
-    EXPECT_EQ(o.code, 1) << c.word;
-    EXPECT_TRUE(Has(o, std::string(c.tool) + " is not part of this build yet.")) << c.word << "\n"
-                                                                                  << o.output;
-  }
+  for (const Case& c : cases)
+    for (const std::string& word : c.words) {
+      std::vector<std::string> args = {word};
+      args.insert(args.end(), c.tail.begin(), c.tail.end());
+      SCOPED_TRACE(Joined(args));
+      const Outcome o = RunTool(args);
+      EXPECT_EQ(o.code, c.code) << o.output;
+      EXPECT_TRUE(Has(o, c.said)) << o.output;
+      if (c.built) {
+        EXPECT_FALSE(Has(o, "not part of this build")) << o.output;
+      }
+    }
 }
 
-TEST_F(Dispatch, CompressorWordsReachTheCompressor) {
-  // A tail without an output name is a syntax error of the compressor (8005, 69 as a status).
-  for (const char* word : {"Velmo", "VELMOC"}) {
-    Outcome o = RunTool({word, "in.avi"});
-    EXPECT_EQ(o.code, 8005 & 255) << word << "\n" << o.output;
-    EXPECT_TRUE(Has(o, "Syntax:  Velmo <Input Graphics File>")) << o.output;
-  }
-  // The second generation says plainly that it is missing (8006, 70 as a status).
-  for (const char* word : {"velmo2c", "Velmo2C64"}) {
-    Outcome o = RunTool({word, "in.avi", "out.vm2"});
-    EXPECT_EQ(o.code, 8006 & 255) << word << "\n" << o.output;
-    EXPECT_TRUE(Has(o, "Velmo 2 compression (version 200 and up) is not part of this build yet."))
-        << o.output;
-  }
-}
-
-TEST_F(Dispatch, ConverterAndFileInfoAreBuilt) {
-  // The converter with no output name shows its help (8005, 69 as a status).
-  for (const char* word : {"VelmoConv", "VELMOCONV"}) {
-    Outcome o = RunTool({word, "in.avi"});
-    EXPECT_EQ(o.code, 8005 & 255) << word << "\n" << o.output;
-    EXPECT_TRUE(Has(o, "Syntax:  VelmoConv <Input File> <Output File> [/Switches]")) << o.output;
-  }
-  Outcome o = RunTool({"ORNINFO", "/tmp"});
-  EXPECT_EQ(o.code, 0) << o.output;
-  EXPECT_TRUE(Has(o, "Information on /tmp")) << o.output;
-  EXPECT_FALSE(Has(o, "not part of this build"));
-}
-
-TEST_F(Dispatch, MixerIsBuilt) {
-  // The mixer with no sound or output name shows its help (8005, 69 as a status).
-  for (const char* word : {"velmomix", "VELMOMIX"}) {
-    Outcome o = RunTool({word, "in.vlm"});
-    EXPECT_EQ(o.code, 8005 & 255) << word << "\n" << o.output;
-    EXPECT_TRUE(Has(o, "Syntax:  VelmoMix <Input Velmo File>[.VLM] <Input Sound File> "
-                       "<Output Velmo File>[.VLM] [/Switches]")) << o.output;
-    EXPECT_FALSE(Has(o, "not part of this build")) << o.output;
-  }
-}
-
-TEST_F(Dispatch, BuiltToolWordsIgnoreCase) {
-  for (const char* word : {"ornsi", "OrnSi", "ORNSI"}) {
-    Outcome o = RunTool({word});
-    EXPECT_EQ(o.code, 0) << word << "\n" << o.output;
-    EXPECT_TRUE(Has(o, "ORN System Info...")) << word << "\n" << o.output;
-    EXPECT_FALSE(Has(o, "not part of this build")) << word;
-  }
-}
-
-TEST_F(Dispatch, UnknownWordsAreRefused) {
+TEST_F(Dispatch, UnknownWordsAreRefusedAndAnEmptyLineOpensTheLauncher) {
   for (const char* word : {"velmoplayer", "velm", "velmoc2", "launcher", "/v100"}) {
+    SCOPED_TRACE(word);
     Outcome o = RunTool({word, "a.vlm"});
-    EXPECT_EQ(o.code, 1) << word;
+    EXPECT_EQ(o.code, 1);
     EXPECT_TRUE(Has(o, "ORN Video Tools")) << o.output;
-    EXPECT_TRUE(Has(o, "Unknown command line command.")) << word << "\n" << o.output;
-    EXPECT_FALSE(Has(o, "ORN dispatch:")) << word;
+    EXPECT_TRUE(Has(o, "Unknown command line command.")) << o.output;
+    EXPECT_FALSE(Has(o, "ORN dispatch:"));
   }
-}
-
-TEST_F(Dispatch, EmptyLineOpensTheLauncher) {
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {}, {""}, {"   "}, {" ", "\t"}}) {
+    SCOPED_TRACE(Joined(args));
     Outcome o = RunTool(args);
     EXPECT_EQ(o.code, 1);
     EXPECT_TRUE(Has(o, "The launcher is not part of this build yet.")) << o.output;
@@ -182,63 +165,54 @@ TEST_F(Dispatch, EmptyLineOpensTheLauncher) {
   }
 }
 
-TEST_F(Dispatch, CompressorsGetTheirVersionAtTheVeryEnd) {
-  Outcome o = RunTool({"velmoc", "in.avi", "out.vlm", "/d5000"});
-  EXPECT_TRUE(Has(o, "ORN dispatch: Velmoc tail \"in.avi out.vlm /d5000 /v100\"")) << o.output;
-  o = RunTool({"velmo", "in.avi", "out.vlm"});
-  EXPECT_TRUE(Has(o, "tail \"in.avi out.vlm /v100\"")) << o.output;
-  o = RunTool({"velmo2c", "in.avi", "out.vm2"});
-  EXPECT_TRUE(Has(o, "ORN dispatch: Velmo2c tail \"in.avi out.vm2 /v200\"")) << o.output;
-  o = RunTool({"VELMO2C64", "in.avi"});
-  EXPECT_TRUE(Has(o, "tail \"in.avi /v200\"")) << o.output;
-  // Names with blanks keep their quotes; the switch still goes behind them.
-  o = RunTool({"velmoc", "my movie.avi", "out file.vlm"});
-  EXPECT_TRUE(Has(o, "tail \"\"my movie.avi\" \"out file.vlm\" /v100\"")) << o.output;
-}
-
-TEST_F(Dispatch, AGivenVersionStands) {
-  Outcome o = RunTool({"velmoc", "in.avi", "/v210", "out.vm2"});
-  EXPECT_TRUE(Has(o, "tail \"in.avi /v210 out.vm2\"")) << o.output;
-  o = RunTool({"velmo2c", "/V150", "in.avi"});
-  EXPECT_TRUE(Has(o, "tail \"/V150 in.avi\"")) << o.output;
-  // A /V with no number is no version: the default still comes.
-  o = RunTool({"velmoc", "in.avi", "/v"});
-  EXPECT_TRUE(Has(o, "/v100\"")) << o.output;
-}
-
-TEST_F(Dispatch, ParentWindowSwitchesLeaveTheTail) {
-  Outcome o = RunTool({"velmoconv", "in.vlm", "out.avi", "/#4242", "/#"});
-  EXPECT_TRUE(Has(o, "ORN dispatch: VelmoConv tail \"in.vlm out.avi\"")) << o.output;
-  o = RunTool({"tarv", "/#", "in.flc", "out.trv"});
-  EXPECT_TRUE(Has(o, "tail \"in.flc out.trv\"")) << o.output;
-}
-
-TEST_F(Dispatch, CommaBehindTheWordIsSwallowed) {
-  Outcome o = RunTool({"velmomix", ",", "a.vlm"});
-  EXPECT_TRUE(Has(o, "ORN dispatch: VelmoMix tail \"a.vlm\"")) << o.output;
+// The tail each tool is handed: compressors get their default version at the very end unless
+// one is given, parent window switches leave it, a comma behind the word is swallowed.
+TEST_F(Dispatch, TailsHandedToTheTools) {
+  const struct {
+    std::vector<std::string> args;
+    const char* trace;
+  } cases[] = {
+      {{"velmoc", "in.avi", "out.vlm", "/d5000"},
+       "ORN dispatch: Velmoc tail \"in.avi out.vlm /d5000 /v100\""},
+      {{"velmo", "in.avi", "out.vlm"}, "tail \"in.avi out.vlm /v100\""},
+      {{"velmo2c", "in.avi", "out.vm2"}, "ORN dispatch: Velmo2c tail \"in.avi out.vm2 /v200\""},
+      {{"VELMO2C64", "in.avi"}, "tail \"in.avi /v200\""},
+      // Names with blanks keep their quotes; the switch still goes behind them.
+      {{"velmoc", "my movie.avi", "out file.vlm"},
+       "tail \"\"my movie.avi\" \"out file.vlm\" /v100\""},
+      {{"velmoc", "in.avi", "/v210", "out.vm2"}, "tail \"in.avi /v210 out.vm2\""},
+      {{"velmo2c", "/V150", "in.avi"}, "tail \"/V150 in.avi\""},
+      {{"velmoc", "in.avi", "/v"}, "/v100\""},  // a /V with no number is no version
+      {{"velmoconv", "in.vlm", "out.avi", "/#4242", "/#"},
+       "ORN dispatch: VelmoConv tail \"in.vlm out.avi\""},
+      {{"tarv", "/#", "in.flc", "out.trv"}, "tail \"in.flc out.trv\""},
+      {{"velmomix", ",", "a.vlm"}, "ORN dispatch: VelmoMix tail \"a.vlm\""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Joined(c.args));
+    const Outcome o = RunTool(c.args);
+    EXPECT_TRUE(Has(o, c.trace)) << o.output;
+  }
 }
 
 TEST_F(Dispatch, VersionCheckStoresItsSetting) {
   setenv("XDG_CONFIG_HOME", g_config.c_str(), 1);
-  Outcome o = RunTool({"versioncheck", "off"});
-  EXPECT_EQ(o.code, 0);
-  EXPECT_TRUE(Has(o, "ORN File Info...")) << o.output;
-  EXPECT_TRUE(Has(o, "Velmo version will be not checked.")) << o.output;
-  char value[16] = "?";
-  SettingsReadText(SettingsMainSection, "NoLastVersionCheck", value, sizeof value, "unset");
-  EXPECT_STREQ(value, "1");
-
-  o = RunTool({"VersionCheck"});
-  EXPECT_EQ(o.code, 0);
-  EXPECT_TRUE(Has(o, "Velmo version will be checked.")) << o.output;
-  SettingsReadText(SettingsMainSection, "NoLastVersionCheck", value, sizeof value, "unset");
-  EXPECT_STREQ(value, "");
-}
-
-TEST_F(Dispatch, PalettePlayerMissingFails) {
-  Outcome o = RunTool({"tarvplay", "a.trv"});
-  EXPECT_EQ(o.code, 1);
-  EXPECT_TRUE(Has(o, "TarvPlw")) << o.output;
+  const struct {
+    std::vector<std::string> args;
+    const char* said;
+    const char* stored;
+  } cases[] = {{{"versioncheck", "off"}, "Velmo version will be not checked.", "1"},
+               {{"VersionCheck"}, "Velmo version will be checked.", ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Joined(c.args));
+    const Outcome o = RunTool(c.args);
+    EXPECT_EQ(o.code, 0);
+    EXPECT_TRUE(Has(o, "ORN File Info...")) << o.output;
+    EXPECT_TRUE(Has(o, c.said)) << o.output;
+    char value[16] = "?";
+    SettingsReadText(SettingsMainSection, "NoLastVersionCheck", value, sizeof value, "unset");
+    EXPECT_STREQ(value, c.stored);
+  }
 }
 
 // A copy of the program beside a stand-in "TarvPlw" that records its arguments.
