@@ -13,10 +13,13 @@
 
 #include "convert/output.h"
 #include "imagefile/imagefile.h"
+#include "program_test_support.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+using namespace program_test;
 
 struct Said {
   std::string text;
@@ -71,31 +74,18 @@ std::vector<uint32_t> Frame(int w, int h, int n) {
   return px;
 }
 
-std::vector<uint8_t> ReadAll(const std::string& name) {
-  std::ifstream in(name, std::ios::binary);
-  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+std::vector<uint8_t> ReadBytes(const std::string& name) {
+  const std::string data = ReadAll(name);
+  return std::vector<uint8_t>(data.begin(), data.end());
 }
-
-uint32_t Le32(const std::vector<uint8_t>& d, size_t at) {
-  if (at + 4 > d.size()) return 0;
-  return d[at] | d[at + 1] << 8 | d[at + 2] << 16 | uint32_t(d[at + 3]) << 24;
-}
-uint32_t Le16(const std::vector<uint8_t>& d, size_t at) { return d[at] | d[at + 1] << 8; }
 uint64_t Le64(const std::vector<uint8_t>& d, size_t at) {
   return Le32(d, at) | uint64_t(Le32(d, at + 4)) << 32;
 }
 uint32_t Fcc(const char* t) { return t[0] | t[1] << 8 | t[2] << 16 | uint32_t(uint8_t(t[3])) << 24; }
 
-std::vector<uint32_t> ReadImage(const std::string& name, int* w, int* h) {
-  ImageFile* f = ImageFileOpen(name.c_str(), nullptr);
-  if (!f) return {};
-  *w = ImageFileInfo(f)->width;
-  *h = ImageFileInfo(f)->height;
-  std::vector<uint32_t> px(size_t(*w) * *h);
-  ImagePixels dest{px.data(), *w * 4, *w, *h, IMAGE_PIXELS_ARGB32};
-  bool ok = ImageFileReadFrame(f, 0, &dest, nullptr);
-  ImageFileClose(f);
-  return ok ? px : std::vector<uint32_t>{};
+std::vector<uint32_t> ReadImage(const std::string& name) {
+  Picture p;
+  return ReadPicture(name, &p) ? p.pixels : std::vector<uint32_t>{};
 }
 
 // ---- Series names --------------------------------------------------------------------------
@@ -143,8 +133,7 @@ TEST_F(OutputTest, PngSeriesNamesAndPixelsWithAlpha) {
   for (int n = 0; n < 11; ++n) {
     char name[32];
     std::snprintf(name, sizeof name, "clip%02d.png", n);
-    int rw = 0, rh = 0;
-    auto px = ReadImage(Path(name), &rw, &rh);
+    auto px = ReadImage(Path(name));
     ASSERT_EQ(px, Frame(w, h, n)) << name;
     sum += fs::file_size(Path(name));
   }
@@ -161,8 +150,7 @@ TEST_F(OutputTest, OneFrameHasNoNumberAndBmpDropsAlpha) {
   auto frame = Frame(w, h, 3);
   ASSERT_EQ(OutputWriteFrame(out, frame.data(), nullptr), 1);
   OutputClose(out);
-  int rw = 0, rh = 0;
-  auto px = ReadImage(Path("still.BmP"), &rw, &rh);
+  auto px = ReadImage(Path("still.BmP"));
   ASSERT_EQ(px.size(), frame.size());
   for (size_t i = 0; i < px.size(); ++i) EXPECT_EQ(px[i], frame[i] | 0xFF000000u);
 }
@@ -178,8 +166,7 @@ TEST_F(OutputTest, BottomUpFloatFramesTruncateAndClamp) {
   ASSERT_NE(out, nullptr);
   ASSERT_EQ(OutputWriteFrame(out, mem.data() + w * 4, nullptr), 1);
   OutputClose(out);
-  int rw = 0, rh = 0;
-  auto px = ReadImage(Path("f.tga"), &rw, &rh);
+  auto px = ReadImage(Path("f.tga"));
   ASSERT_EQ(px.size(), 6u);
   EXPECT_EQ(px[0], 0xFFFF0000u);
   EXPECT_EQ(px[1], 0xFF00FF00u);
@@ -222,8 +209,7 @@ TEST_F(OutputTest, JpegSeriesUsesTheGivenQuality) {
   ASSERT_EQ(OutputWriteFrame(out, flat.data(), nullptr), 1);
   ASSERT_EQ(OutputWriteFrame(out, flat.data(), nullptr), 1);
   OutputClose(out);
-  int rw = 0, rh = 0;
-  auto px = ReadImage(Path("q1.jpg"), &rw, &rh);
+  auto px = ReadImage(Path("q1.jpg"));
   ASSERT_EQ(px.size(), flat.size());
   for (int c = 0; c < 24; c += 8)
     EXPECT_NEAR(int((px[40] >> c) & 255), int((flat[0] >> c) & 255), 3);
@@ -325,7 +311,7 @@ struct ParsedAvi {
 
 ParsedAvi ParseAvi(const std::string& name) {
   ParsedAvi a;
-  a.d = ReadAll(name);
+  a.d = ReadBytes(name);
   a.riffs = Chunks(a.d, 0, a.d.size());
   if (a.riffs.empty()) return a;
   EXPECT_EQ(a.riffs[0].listType, Fcc("AVI "));
@@ -652,7 +638,7 @@ TEST_F(OutputTest, Y4m420AndOddSizesMatchTheModel) {
   ASSERT_NE(out, nullptr);
   for (int n = 0; n < 2; ++n) ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
   const uint64_t bytes = OutputClose(out);
-  auto d = ReadAll(Path("v.Y4M"));
+  auto d = ReadBytes(Path("v.Y4M"));
   EXPECT_EQ(bytes, d.size());
   CheckY4m(d, w, h, 2, false, "YUV4MPEG2 W7 H5 F24000:1001 Ip A1:1 C420jpeg\n");
 }
@@ -675,7 +661,7 @@ TEST_F(OutputTest, Y4m444ToStandardOutput) {
   close(saved);
   std::fclose(sink);
   ASSERT_TRUE(ok);
-  CheckY4m(ReadAll(file), w, h, 3, true, "YUV4MPEG2 W6 H4 F25:1 Ip A1:1 C444\n");
+  CheckY4m(ReadBytes(file), w, h, 3, true, "YUV4MPEG2 W6 H4 F25:1 Ip A1:1 C444\n");
 }
 
 // ---- Wave files ------------------------------------------------------------------------------
@@ -688,28 +674,15 @@ TEST_F(OutputTest, WaveHeaderLengthsAndData) {
   ASSERT_TRUE(WaveWrite(wave, data.data(), 20000));
   ASSERT_TRUE(WaveWrite(wave, data.data() + 20000, data.size() - 20000));
   EXPECT_EQ(WaveClose(wave), 44u + data.size());
-  auto d = ReadAll(Path("s.wav"));
-  ASSERT_EQ(d.size(), 44u + data.size());
-  EXPECT_EQ(Le32(d, 0), Fcc("RIFF"));
-  EXPECT_EQ(Le32(d, 4), d.size() - 8);
-  EXPECT_EQ(Le32(d, 8), Fcc("WAVE"));
-  EXPECT_EQ(Le32(d, 12), Fcc("fmt "));
-  EXPECT_EQ(Le32(d, 16), 16u);
-  EXPECT_EQ(Le16(d, 20), 1u);
-  EXPECT_EQ(Le16(d, 22), 2u);
-  EXPECT_EQ(Le32(d, 24), 44100u);
-  EXPECT_EQ(Le32(d, 28), 176400u);
-  EXPECT_EQ(Le16(d, 32), 4u);
-  EXPECT_EQ(Le16(d, 34), 16u);
-  EXPECT_EQ(Le32(d, 36), Fcc("data"));
-  EXPECT_EQ(Le32(d, 40), data.size());
+  auto d = ReadBytes(Path("s.wav"));
+  ExpectWaveHeader(d, 44100, 16, 2, uint32_t(data.size()));
   EXPECT_TRUE(std::equal(data.begin(), data.end(), d.begin() + 44));
 
   WaveFile* raw = WaveCreate(Path("s.raw").c_str(), 8000, 8, 1, true);
   ASSERT_NE(raw, nullptr);
   ASSERT_TRUE(WaveWrite(raw, data.data(), 10));
   EXPECT_EQ(WaveClose(raw), 10u);
-  EXPECT_EQ(ReadAll(Path("s.raw")), std::vector<uint8_t>(data.begin(), data.begin() + 10));
+  EXPECT_EQ(ReadBytes(Path("s.raw")), std::vector<uint8_t>(data.begin(), data.begin() + 10));
   EXPECT_EQ(WaveCreate(Path("bad.wav").c_str(), 8000, 12, 1, false), nullptr);
   EXPECT_EQ(WaveCreate((dir / "missing" / "x.wav").string().c_str(), 8000, 8, 1, false), nullptr);
 }

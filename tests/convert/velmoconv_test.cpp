@@ -1,49 +1,27 @@
 // VelmoConv run as the real program with the console front end: series, AVI, y4m (also to a
 // pipe), a first-generation Velmo back to PNG, wave and raw outputs with the sound switches, a
 // Velmo file's track into an AVI beside its frames, and the exit codes.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "compress/velmomix.h"
 #include "convert/velmoconv.h"
-#include "imagefile/imagefile.h"
 #include "media/readers/stream_readers.h"
-#include "media/sound.h"
+#include "program_test_support.h"
 
 namespace {
 
-const char* const Program = ORN_PROGRAM_PATH;
+using namespace program_test;
 
-std::string TempDir() {
-  char pattern[] = "/tmp/orn_conv_XXXXXX";
-  const char* dir = mkdtemp(pattern);
-  return dir ? dir : "/tmp";
-}
+const char* const Program = ORN_PROGRAM_PATH;
 
 // Runs the program with a tail; returns its exit status, its stdout in *out when given.
 int RunProgram(const std::string& tail, std::string* out = nullptr, const std::string& pipeTo = "") {
   std::string command = "ORN_CONSOLE=1 \"" + std::string(Program) + "\" " + tail + " </dev/null";
   command += out ? " 2>/dev/null" : " >/dev/null 2>&1";
   if (!pipeTo.empty()) command = "set -o pipefail; " + command + " | " + pipeTo;
-  command = "bash -c '" + command + "'";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return -1;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0)
-    if (out) out->append(buffer, n);
-  const int status = pclose(pipe);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return RunShell("bash -c '" + command + "'", out);
 }
 
 int Code(int exitCode) { return exitCode & 255; }
@@ -60,108 +38,54 @@ void MakeSeries(const std::string& base, int frames, int width, int height, bool
   for (int f = 1; f <= frames; ++f) {
     for (int y = 0; y < height; ++y)
       for (int x = 0; x < width; ++x) pixels[size_t(y) * width + x] = PixelOf(f, x, y, alpha);
-    ImagePixels p{pixels.data(), ptrdiff_t(width) * 4, width, height, IMAGE_PIXELS_ARGB32};
-    ImageWriteParams params{IMAGE_FORMAT_PNG, alpha ? 1 : 0, 90, 0};
-    ImageError error{};
-    const std::string name = base + std::to_string(f) + ".png";
-    ASSERT_TRUE(ImageWriteFile(name.c_str(), &params, &p, &error)) << error.text;
+    WritePng(base + std::to_string(f) + ".png", pixels, width, height, alpha);
   }
 }
 
-struct Picture {
-  int width = 0, height = 0, has_alpha = 0;
-  std::vector<uint32_t> pixels;
-};
-
-bool ReadPicture(const std::string& name, Picture* out) {
-  ImageError error{};
-  ImageFile* file = ImageFileOpen(name.c_str(), &error);
-  if (!file) return false;
-  const ImageInfo* info = ImageFileInfo(file);
-  out->width = info->width;
-  out->height = info->height;
-  out->has_alpha = info->has_alpha;
-  out->pixels.assign(size_t(out->width) * out->height, 0);
-  ImagePixels p{out->pixels.data(), ptrdiff_t(out->width) * 4, out->width, out->height,
-                IMAGE_PIXELS_ARGB32};
-  const bool ok = ImageFileReadFrame(file, 0, &p, &error) != 0;
-  ImageFileClose(file);
-  return ok;
-}
-
-std::string ReadAll(const std::string& name) {
-  std::string data;
-  FILE* f = std::fopen(name.c_str(), "rb");
-  if (!f) return data;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, f)) > 0) data.append(buffer, n);
-  std::fclose(f);
-  return data;
-}
-
-bool Exists(const std::string& name) {
-  struct stat st;
-  return stat(name.c_str(), &st) == 0;
-}
-
-void RemoveTree(const std::string& dir) {
-  const std::string command = "rm -rf '" + dir + "'";
-  EXPECT_EQ(std::system(command.c_str()), 0);
-}
-
-class VelmoConvRun : public ::testing::Test {
- protected:
-  void SetUp() override { dir = TempDir(); }
-  void TearDown() override { RemoveTree(dir); }
-  std::string dir;
-};
+using VelmoConvRun = TempDirTest;
 
 TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
   VelmoConvSettings s;
-  char line[256] = "in.png out /p444 /o /n-1";
-  ASSERT_TRUE(VelmoConvParseSwitches(line, &s));
+  char first[256] = "in.png out /p444 /o /n-1";
+  ASSERT_TRUE(VelmoConvParseSwitches(first, &s));
   EXPECT_STREQ(s.input, "in.png");
   EXPECT_EQ(s.format_option, 444);
   EXPECT_TRUE(s.overwrite);
   EXPECT_EQ(s.track, -1);
-  VelmoConvCompleteOutput(&s);
-  EXPECT_STREQ(s.output, "out.avi");
-  EXPECT_FALSE(s.sound_only);
-
-  char wave[256] = "in.png out /v";
-  ASSERT_TRUE(VelmoConvParseSwitches(wave, &s));
-  VelmoConvCompleteOutput(&s);
-  EXPECT_STREQ(s.output, "out.wav");
-  EXPECT_TRUE(s.sound_only);
-
-  char raw[256] = "in.WAV dir.x/take.RAW";
-  ASSERT_TRUE(VelmoConvParseSwitches(raw, &s));
-  VelmoConvCompleteOutput(&s);
-  EXPECT_STREQ(s.output, "dir.x/take.RAW");  // the dot of a folder is no extension
-  EXPECT_TRUE(s.sound_only);
-
-  char fromWave[256] = "clip.wav out";
-  ASSERT_TRUE(VelmoConvParseSwitches(fromWave, &s));
-  VelmoConvCompleteOutput(&s);
-  EXPECT_STREQ(s.output, "out.wav");
-
+  // The output's type: given, or from /V and the input; the dot of a folder is no extension.
   // A raw input: the type less one in the low three bits, the rate above (11025 when not given).
-  char forced[256] = "in.pcm out.wav /L3 /G8000 /M44";
-  ASSERT_TRUE(VelmoConvParseSwitches(forced, &s));
-  EXPECT_EQ(s.forced_input, 2u | 8000u << 3);
+  const struct {
+    const char* line;
+    const char* output;
+    bool sound_only;
+    uint32_t forced;
+  } cases[] = {
+      {"in.png out /p444 /o /n-1", "out.avi", false, 0},
+      {"in.png out /v", "out.wav", true, 0},
+      {"in.WAV dir.x/take.RAW", "dir.x/take.RAW", true, 0},
+      {"clip.wav out", "out.wav", true, 0},
+      {"in.pcm out.wav /L3 /G8000 /M44", "out.wav", true, 2u | 8000u << 3},
+      {"in.pcm out.wav /L1", "out.wav", true, 0u | 11025u << 3},
+      {"in.pcm out.wav /L5 /G8000", "out.wav", true, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    char line[256];
+    std::snprintf(line, sizeof line, "%s", c.line);
+    ASSERT_TRUE(VelmoConvParseSwitches(line, &s));
+    VelmoConvCompleteOutput(&s);
+    EXPECT_STREQ(s.output, c.output);
+    EXPECT_EQ(s.sound_only, c.sound_only);
+    EXPECT_EQ(s.forced_input, c.forced);
+  }
+  char skip[256] = "in.pcm out.wav /L3 /M44";
+  ASSERT_TRUE(VelmoConvParseSwitches(skip, &s));
   EXPECT_EQ(s.skip_bytes, 44);
-  char defaultRate[256] = "in.pcm out.wav /L1";
-  ASSERT_TRUE(VelmoConvParseSwitches(defaultRate, &s));
-  EXPECT_EQ(s.forced_input, 0u | 11025u << 3);
-  char badType[256] = "in.pcm out.wav /L5 /G8000";
-  ASSERT_TRUE(VelmoConvParseSwitches(badType, &s));
-  EXPECT_EQ(s.forced_input, 0u);
-
-  char noOutput[256] = "in.png /o";
-  EXPECT_FALSE(VelmoConvParseSwitches(noOutput, &s));
-  char unknown[256] = "in.png out.avi /%5";
-  EXPECT_FALSE(VelmoConvParseSwitches(unknown, &s));
+  for (const char* bad : {"in.png /o", "in.png out.avi /%5"}) {  // no output; unknown switch
+    char line[256];
+    std::snprintf(line, sizeof line, "%s", bad);
+    EXPECT_FALSE(VelmoConvParseSwitches(line, &s)) << bad;
+  }
 }
 
 TEST_F(VelmoConvRun, SeriesToPngSeriesKeepsPixels) {
@@ -246,48 +170,10 @@ TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
 }
 
 // A PCM wave file of interleaved 16-bit samples.
-void WriteWave(const std::string& name, uint32_t rate, uint32_t channels,
+void WriteWave(const std::string& name, uint32_t rate, uint16_t channels,
                const std::vector<int16_t>& samples) {
-  FILE* f = std::fopen(name.c_str(), "wb");
-  ASSERT_TRUE(f);
-  const uint32_t bytes = uint32_t(samples.size() * 2);
-  auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
-  auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
-  std::fwrite("RIFF", 1, 4, f);
-  put32(36 + bytes);
-  std::fwrite("WAVEfmt ", 1, 8, f);
-  put32(16), put16(1), put16(uint16_t(channels)), put32(rate), put32(rate * channels * 2);
-  put16(uint16_t(channels * 2)), put16(16);
-  std::fwrite("data", 1, 4, f);
-  put32(bytes);
-  std::fwrite(samples.data(), 2, samples.size(), f);
-  std::fclose(f);
-}
-
-uint32_t Le32(const std::string& d, size_t at) {
-  return uint32_t(uint8_t(d[at])) | uint32_t(uint8_t(d[at + 1])) << 8 |
-         uint32_t(uint8_t(d[at + 2])) << 16 | uint32_t(uint8_t(d[at + 3])) << 24;
-}
-uint32_t Le16(const std::string& d, size_t at) {
-  return uint32_t(uint8_t(d[at])) | uint32_t(uint8_t(d[at + 1])) << 8;
-}
-
-// The 44-byte header of a written wave file against the format and data length it should have.
-void ExpectWaveHeader(const std::string& data, uint32_t rate, uint32_t bits, uint32_t channels,
-                      uint32_t dataBytes) {
-  ASSERT_EQ(data.size(), 44u + dataBytes);
-  EXPECT_EQ(data.substr(0, 4), "RIFF");
-  EXPECT_EQ(Le32(data, 4), 36u + dataBytes);
-  EXPECT_EQ(data.substr(8, 8), "WAVEfmt ");
-  EXPECT_EQ(Le32(data, 16), 16u);
-  EXPECT_EQ(Le16(data, 20), 1u);
-  EXPECT_EQ(Le16(data, 22), channels);
-  EXPECT_EQ(Le32(data, 24), rate);
-  EXPECT_EQ(Le32(data, 28), rate * channels * bits / 8);
-  EXPECT_EQ(Le16(data, 32), channels * bits / 8);
-  EXPECT_EQ(Le16(data, 34), bits);
-  EXPECT_EQ(data.substr(36, 4), "data");
-  EXPECT_EQ(Le32(data, 40), dataBytes);
+  program_test::WriteWave(name, 1, channels, rate, 16, samples.data(),
+                          uint32_t(samples.size() * 2));
 }
 
 std::vector<int16_t> Samples16(const std::string& data, size_t from) {
@@ -383,10 +269,6 @@ void WriteY4m(const std::string& name, int frames, int w, int h) {
     std::fwrite(plane.data(), 1, plane.size(), f);
   }
   std::fclose(f);
-}
-
-uint32_t ReadSoundInput(void* source, void* buffer, uint32_t bytes) {
-  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
 }
 
 // The PCM of an AVI file's first audio stream, chunk by chunk.

@@ -2,61 +2,45 @@
 // sizes, wave files, a Velmo file with and without sound tracks, a directory and an unknown
 // file, and the program run with the console front end; the one-second window rule of the
 // frame-size lines.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
-
 #include "compress/velmomix.h"
 #include "convert/output.h"
-#include "imagefile/imagefile.h"
-#include "media/sound.h"
 #include "tools/orninfo.h"
+#include "../convert/program_test_support.h"
 
 namespace {
 
-const char* const Program = ORN_PROGRAM_PATH;
+using namespace program_test;
 
-int RunCommand(const std::string& command, std::string* out) {
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return -1;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out->append(buffer, n);
-  const int status = pclose(pipe);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+// Runs the program with the console front end; `redirect` says where its output goes.
+int RunTool(const std::string& tail, const std::string& redirect, std::string* out = nullptr) {
+  return RunShell("ORN_CONSOLE=1 \"" + std::string(ORN_PROGRAM_PATH) + "\" " + tail +
+                      " </dev/null " + redirect,
+                  out);
 }
 
 void WritePng(const std::string& name, int width, int height, bool alpha) {
   std::vector<uint32_t> pixels(size_t(width) * height);
-  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = (alpha ? 0x80000000u : 0xFF000000u) | uint32_t(i * 2654435761u >> 8);
-  ImagePixels p{pixels.data(), ptrdiff_t(width) * 4, width, height, IMAGE_PIXELS_ARGB32};
-  ImageWriteParams params{IMAGE_FORMAT_PNG, alpha ? 1 : 0, 90, 0};
-  ImageError error{};
-  ASSERT_TRUE(ImageWriteFile(name.c_str(), &params, &p, &error)) << error.text;
+  for (size_t i = 0; i < pixels.size(); ++i)
+    pixels[i] = (alpha ? 0x80000000u : 0xFF000000u) | uint32_t(i * 2654435761u >> 8);
+  program_test::WritePng(name, pixels, width, height, alpha);
 }
 
 bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-class OrnFileInfo : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/orn_info_XXXXXX";
-    dir = mkdtemp(pattern);
+using OrnFileInfo = TempDirTest;
+
+// Every one of `lines` is in `text`, each at or after the one before it.
+template <size_t N>
+void ExpectInOrder(const std::string& text, const char* const (&lines)[N]) {
+  size_t at = 0;
+  for (const char* line : lines) {
+    const size_t found = text.find(line, at);
+    ASSERT_NE(found, std::string::npos) << line << "\n" << text;
+    at = found;
   }
-  void TearDown() override {
-    const std::string command = "rm -rf '" + dir + "'";
-    EXPECT_EQ(std::system(command.c_str()), 0);
-  }
-  std::string dir;
-};
+}
 
 TEST_F(OrnFileInfo, PictureLinesInOrder) {
   const std::string png = dir + "/pic.png";
@@ -70,12 +54,7 @@ TEST_F(OrnFileInfo, PictureLinesInOrder) {
                                "\r\n    Average data rate: ", "\r\n    Average frame size: ",
                                "\r\n    Size: ", "\r\n    Last modified on ",
                                "\r\n    Attributes: archive-"};
-  size_t at = 0;
-  for (const char* line : lines) {
-    const size_t found = text.find(line, at);
-    ASSERT_NE(found, std::string::npos) << line << "\n" << text;
-    at = found;
-  }
+  ExpectInOrder(text, lines);
   EXPECT_FALSE(Has(text, "Velmo")) << text;
   EXPECT_FALSE(Has(text, "This is a directory."));
 }
@@ -180,21 +159,8 @@ TEST(OrnFrameSizes, OneSecondWindowRule) {
 // A wave file with one "fmt " chunk of the given tag and a second of silence.
 void WriteWave(const std::string& name, uint16_t tag, uint16_t channels, uint32_t rate,
                uint16_t bits) {
-  FILE* f = std::fopen(name.c_str(), "wb");
-  ASSERT_TRUE(f);
-  const uint32_t align = channels * bits / 8, bytes = rate * align;
-  auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
-  auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
-  std::fwrite("RIFF", 1, 4, f);
-  put32(36 + bytes);
-  std::fwrite("WAVEfmt ", 1, 8, f);
-  put32(16), put16(tag), put16(channels), put32(rate), put32(bytes), put16(uint16_t(align));
-  put16(bits);
-  std::fwrite("data", 1, 4, f);
-  put32(bytes);
-  const std::vector<uint8_t> zeros(bytes, 0);
-  std::fwrite(zeros.data(), 1, zeros.size(), f);
-  std::fclose(f);
+  const std::vector<uint8_t> zeros(rate * channels * bits / 8, 0);
+  program_test::WriteWave(name, tag, channels, rate, bits, zeros.data(), uint32_t(zeros.size()));
 }
 
 TEST_F(OrnFileInfo, SoundFilesShowTheSourceFormat) {
@@ -230,16 +196,9 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
   WritePng(dir + "/in1.png", 32, 32, false);
   WritePng(dir + "/in2.png", 32, 32, false);
   const std::string vlm = dir + "/clip.vlm";
+  ASSERT_EQ(RunTool("velmoc \"" + dir + "/in?.png*1-2\" " + vlm + " /v101 /*hello", ">/dev/null 2>&1"), 0);
   std::string out;
-  ASSERT_EQ(RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" velmoc \"" + dir +
-                           "/in?.png*1-2\" " + vlm + " /v101 /*hello </dev/null >/dev/null 2>&1",
-                       &out),
-            0);
-  out.clear();
-  ASSERT_EQ(RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" ORNInfo /#77 \"" + vlm +
-                           "\" </dev/null 2>/dev/null",
-                       &out),
-            0);
+  ASSERT_EQ(RunTool("ORNInfo /#77 \"" + vlm + "\"", "2>/dev/null", &out), 0);
   EXPECT_FALSE(Has(out, "\r"));
   EXPECT_EQ(out.find("    Video format: "), 0u) << out;
   const char* const lines[] = {"\n    Width: 32\n",
@@ -254,32 +213,18 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
                                "\n    Extra text: hello\n",
                                "\n    Video slices (max simultaneous CPUs): 1\n",
                                "\n    Size: "};
-  size_t at = 0;
-  for (const char* line : lines) {
-    const size_t found = out.find(line, at);
-    ASSERT_NE(found, std::string::npos) << line << "\n" << out;
-    at = found;
-  }
+  ExpectInOrder(out, lines);
   // The box goes to the terminal under its caption.
   std::string both;
-  RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" orninfo " + vlm + " </dev/null 2>&1",
-             &both);
+  RunTool("orninfo " + vlm, "2>&1", &both);
   EXPECT_TRUE(Has(both, "Information on " + vlm)) << both;
-}
-
-uint32_t ReadSoundInput(void* source, void* buffer, uint32_t bytes) {
-  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
 }
 
 TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
   WritePng(dir + "/in1.png", 16, 16, false);
   WritePng(dir + "/in2.png", 16, 16, false);
   const std::string plain = dir + "/plain.vlm";
-  std::string out;
-  ASSERT_EQ(RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" velmoc \"" + dir +
-                           "/in?.png*1-2\" " + plain + " /v101 </dev/null >/dev/null 2>&1",
-                       &out),
-            0);
+  ASSERT_EQ(RunTool("velmoc \"" + dir + "/in?.png*1-2\" " + plain + " /v101", ">/dev/null 2>&1"), 0);
   // Two tracks laid in by the mixer: id 7 mono at 11025 Hz, then id 2 stereo at 22050 Hz.
   WriteWave(dir + "/mono.wav", 1, 1, 11025, 16);
   WriteWave(dir + "/stereo.wav", 1, 2, 22050, 16);
@@ -311,9 +256,7 @@ TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
 }
 
 TEST_F(OrnFileInfo, NoNameIsAnInputError) {
-  std::string out;
-  EXPECT_EQ(RunCommand("ORN_CONSOLE=1 \"" + std::string(Program) + "\" orninfo </dev/null 2>&1", &out),
-            8002 & 255);
+  EXPECT_EQ(RunTool("orninfo", ">/dev/null 2>&1"), 8002 & 255);
 }
 
 }  // namespace

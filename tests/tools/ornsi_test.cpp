@@ -1,46 +1,26 @@
 // ORNSI: the report's lines, and the program run with the console front end.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <regex>
-#include <string>
 
 #include "tools/ornsi.h"
+#include "../convert/program_test_support.h"
 
 namespace {
 
-// Runs a shell command line; returns its exit code and stdout.
-int RunCommand(const std::string& command, std::string* out) {
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return -1;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out->append(buf, n);
-  const int status = pclose(pipe);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using program_test::RunShell;
 
 TEST(OrnSystemInfoTest, LinesInOrderAndWellFormed) {
   const std::string text = OrnSystemInfoText();
   ASSERT_FALSE(text.empty());
   EXPECT_EQ(text.back(), '\n');
   EXPECT_EQ(text.find("\n\n"), std::string::npos);
-  const size_t version = text.find("\nVersion: ");
-  const size_t features = text.find("Processor features: ");
-  const size_t count = text.find(" CPUs ");
-  const size_t memory = text.find("Physical memory: ");
-  const size_t disk = text.find("Space on current disk: ");
-  ASSERT_NE(version, std::string::npos);
-  ASSERT_NE(features, std::string::npos);
-  ASSERT_NE(count, std::string::npos);
-  ASSERT_NE(memory, std::string::npos);
-  ASSERT_NE(disk, std::string::npos);
-  EXPECT_LT(version, features);
-  EXPECT_LT(features, count);
-  EXPECT_LT(count, memory);
-  EXPECT_LT(memory, disk);
+  size_t previous = 0;
+  for (const char* part : {"\nVersion: ", "Processor features: ", " CPUs ", "Physical memory: ",
+                           "Space on current disk: "}) {
+    const size_t found = text.find(part);
+    ASSERT_NE(found, std::string::npos) << part;
+    EXPECT_GT(found, previous) << part << " comes after the line before it";
+    previous = found;
+  }
   // Grouped megabytes, and a processor count consistent with itself.
   EXPECT_TRUE(std::regex_search(
       text, std::regex("Physical memory: [1-9][0-9]{0,2}(,[0-9]{3})* MB  Total memory: "
@@ -59,7 +39,7 @@ TEST(OrnSystemInfoTest, ProgramPrintsTheReportAndTheBox) {
   std::string out;
   const std::string command = std::string("env -u DISPLAY -u WAYLAND_DISPLAY ORN_CONSOLE=1 '") +
                               ORN_PROGRAM_PATH + "' ornsi 2>&1 </dev/null";
-  ASSERT_EQ(RunCommand(command, &out), 0) << out;
+  ASSERT_EQ(RunShell(command, &out), 0) << out;
   EXPECT_NE(out.find("ORN System Info..."), std::string::npos) << out;
   EXPECT_NE(out.find("Physical memory: "), std::string::npos) << out;
   EXPECT_NE(out.find("CPUs with"), std::string::npos) << out;
