@@ -143,16 +143,16 @@ TEST(Hostile, GiantHeadersAreRefusedBeforeAllocating) {
 
 TEST(Probe, SignaturesWinOverExtensions) {
   Picture p = Pattern(4, 4, false);
-  const std::vector<uint8_t> png = Write({IMAGE_FORMAT_PNG, 0, 0, 0}, p);
-  EXPECT_EQ(ImageProbeFormat(png.data(), png.size(), "looks_like.tga"), IMAGE_FORMAT_PNG);
-  const std::vector<uint8_t> bmp = Write({IMAGE_FORMAT_BMP, 0, 0, 0}, p);
-  EXPECT_EQ(ImageProbeFormat(bmp.data(), bmp.size(), "file.jpg"), IMAGE_FORMAT_BMP);
-  const std::vector<uint8_t> jpg = Write({IMAGE_FORMAT_JPEG, 0, 50, 0}, p);
-  EXPECT_EQ(ImageProbeFormat(jpg.data(), jpg.size(), nullptr), IMAGE_FORMAT_JPEG);
-  const std::vector<uint8_t> tif = Write({IMAGE_FORMAT_TIFF, 0, 0, 0}, p);
-  EXPECT_EQ(ImageProbeFormat(tif.data(), tif.size(), nullptr), IMAGE_FORMAT_TIFF);
-  const std::vector<uint8_t> exr = Write({IMAGE_FORMAT_EXR, 0, 0, 0}, p);
-  EXPECT_EQ(ImageProbeFormat(exr.data(), exr.size(), nullptr), IMAGE_FORMAT_EXR);
+  const struct {
+    int format;
+    const char* name;
+  } cases[] = {{IMAGE_FORMAT_PNG, "looks_like.tga"}, {IMAGE_FORMAT_BMP, "file.jpg"},
+               {IMAGE_FORMAT_JPEG, nullptr},         {IMAGE_FORMAT_TIFF, nullptr},
+               {IMAGE_FORMAT_EXR, nullptr}};
+  for (const auto& c : cases) {
+    const std::vector<uint8_t> bytes = Write({c.format, 0, 50, 0}, p);
+    EXPECT_EQ(ImageProbeFormat(bytes.data(), bytes.size(), c.name), c.format) << ImageFormatName(c.format);
+  }
 }
 
 TEST(Probe, TgaNeedsItsExtensionOrAConvincingHeader) {

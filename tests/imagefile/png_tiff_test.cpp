@@ -51,16 +51,7 @@ std::vector<uint8_t> EncodePng(const PngSpec& s, std::vector<std::vector<uint8_t
 }
 
 std::vector<uint16_t> ReadWide(const std::vector<uint8_t>& bytes, ImageInfo* info) {
-  ImageError error{};
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, &error);
-  EXPECT_NE(file, nullptr) << error.text;
-  if (!file) return {};
-  *info = *ImageFileInfo(file);
-  std::vector<uint16_t> out(size_t(info->width) * size_t(info->height) * 4);
-  ImagePixels view{out.data(), ptrdiff_t(info->width) * 8, info->width, info->height, IMAGE_PIXELS_RGBA16};
-  EXPECT_EQ(ImageFileReadFrame(file, 0, &view, &error), 1) << error.text;
-  ImageFileClose(file);
-  return out;
+  return ReadSamples<uint16_t>(bytes, IMAGE_PIXELS_RGBA16, info);
 }
 
 TEST(Png, SixteenBitRgbaKeepsItsPrecision) {

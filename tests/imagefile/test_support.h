@@ -50,15 +50,36 @@ inline Picture Smooth(int w, int h) {
   return p;
 }
 
-inline std::vector<uint8_t> Write(const ImageWriteParams& params, Picture& picture) {
+// Writes the pixels of any kind to memory; empty when the writer refuses them.
+inline std::vector<uint8_t> WriteView(const ImageWriteParams& params, const ImagePixels& view) {
   void* data = nullptr;
   size_t size = 0;
   ImageError error{};
-  ImagePixels view = picture.View();
   EXPECT_EQ(ImageWriteMemory(&params, &view, &data, &size, &error), 1) << error.text;
   std::vector<uint8_t> bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
   ImageFreeMemory(data);
   return bytes;
+}
+
+inline std::vector<uint8_t> Write(const ImageWriteParams& params, Picture& picture) {
+  return WriteView(params, picture.View());
+}
+
+// Opens bytes and reads frame 0 as four samples a pixel: IMAGE_PIXELS_RGBA16 into uint16_t,
+// IMAGE_PIXELS_FLOAT into float.
+template <typename Sample>
+std::vector<Sample> ReadSamples(const std::vector<uint8_t>& bytes, int kind, ImageInfo* info) {
+  ImageError error{};
+  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, &error);
+  EXPECT_NE(file, nullptr) << error.text;
+  if (!file) return {};
+  *info = *ImageFileInfo(file);
+  std::vector<Sample> out(size_t(info->width) * size_t(info->height) * 4);
+  ImagePixels view{out.data(), ptrdiff_t(info->width) * 4 * ptrdiff_t(sizeof(Sample)), info->width,
+                   info->height, kind};
+  EXPECT_EQ(ImageFileReadFrame(file, 0, &view, &error), 1) << error.text;
+  ImageFileClose(file);
+  return out;
 }
 
 // Opens bytes and reads frame `frame` as ARGB; `ok` reports the read's result.
