@@ -351,11 +351,18 @@ uint32_t ReportSelf(void* argument) {
   return 0xC0FFEE;
 }
 
-TEST(Threads, StartPassesArgumentAndJoinGivesResult) {
+// Starts ReportSelf on a thread of its own with the given settings and joins it.
+Seen RunReport(PlatformThread* thread, const char* name, uint32_t priority = PriorityNormal,
+               uint32_t processor = 0, uint32_t stack = 0) {
   Seen seen{};
+  EXPECT_TRUE(ThreadStart(thread, ReportSelf, &seen, stack, priority, processor, name));
+  EXPECT_EQ(ThreadJoin(thread), 0xC0FFEEu);
+  return seen;
+}
+
+TEST(Threads, StartPassesArgumentAndJoinGivesResult) {
   PlatformThread thread;
-  ASSERT_TRUE(ThreadStart(&thread, ReportSelf, &seen, 256 * 1024, PriorityNormal, 0, "worker"));
-  EXPECT_EQ(ThreadJoin(&thread), 0xC0FFEEu);
+  RunReport(&thread, "worker", PriorityNormal, 0, 256 * 1024);
   EXPECT_EQ(thread.Started, 0u);
   EXPECT_EQ(ThreadJoin(&thread), 0u) << "a second join has nothing to wait for";
   EXPECT_FALSE(ThreadStart(&thread, nullptr, nullptr, 0, PriorityNormal, 0, "none"));
@@ -363,10 +370,8 @@ TEST(Threads, StartPassesArgumentAndJoinGivesResult) {
 
 TEST(Threads, LongNameIsCutAt31BytesAndTheSystemGetsItsShortForm) {
   const char* name = "Velmo IO reading ahead for every open file";
-  Seen seen{};
   PlatformThread thread;
-  ASSERT_TRUE(ThreadStart(&thread, ReportSelf, &seen, 0, PriorityNormal, 0, name));
-  ThreadJoin(&thread);
+  const Seen seen = RunReport(&thread, name);
   EXPECT_EQ(std::string(thread.Name), std::string(name, 31));
   const char* off = std::getenv("ORN_NO_SET_THREAD_NAMES");
   if (!(off && std::strcmp(off, "1") == 0)) {
@@ -388,28 +393,17 @@ TEST(ThreadsDeathStyle, NamingCanBeTurnedOffFromTheEnvironment) {
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST(Threads, LowestPriorityLowersTheThread) {
-  Seen seen{};
+TEST(Threads, LowestPriorityLowersAndAHardProcessorBinds) {
   PlatformThread thread;
-  ASSERT_TRUE(ThreadStart(&thread, ReportSelf, &seen, 0, PriorityLowest, 0, "low"));
-  ThreadJoin(&thread);
+  Seen seen = RunReport(&thread, "low", PriorityLowest);
   EXPECT_EQ(seen.Level, -2);
   EXPECT_GE(seen.Nice, 10);  // lowering is always allowed
-}
 
-TEST(Threads, HardProcessorBindsTheThread) {
   const uint32_t cpu = ProcessorTable()[ProcessorCount() - 1];
-  Seen seen{};
-  PlatformThread thread;
-  ASSERT_TRUE(ThreadStart(&thread, ReportSelf, &seen, 0, PriorityNormal,
-                          ProcessorNumber(cpu) | ProcessorHard, "bound"));
-  ThreadJoin(&thread);
+  seen = RunReport(&thread, "bound", PriorityNormal, ProcessorNumber(cpu) | ProcessorHard);
   EXPECT_EQ(seen.AllowedCpus, 1);
   EXPECT_EQ(seen.Cpu, static_cast<int>(cpu));
-
-  ASSERT_TRUE(ThreadStart(&thread, ReportSelf, &seen, 0, PriorityNormal,
-                          ProcessorPicked(0) | ProcessorHard, "picked"));
-  ThreadJoin(&thread);
+  seen = RunReport(&thread, "picked", PriorityNormal, ProcessorPicked(0) | ProcessorHard);
   EXPECT_EQ(seen.Cpu, static_cast<int>(ProcessorPick(0)));
 }
 

@@ -95,15 +95,42 @@ TEST(SeriesName, PrintfFieldForm) {
   EXPECT_STREQ(small, "Exam0");
 }
 
-TEST(FindSequence, ThreeExamFilesFormASeries) {
-  FakeFiles files = Numbered("Exam%03d.bmp", 1, 3);
-  const Found f = Find("Exam001.bmp", files);
-  ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.series, "Exam???.bmp*1-3");
-  EXPECT_EQ(f.first, 1);
-  EXPECT_EQ(f.last, 3);
-  const Found middle = Find("Exam002.bmp", files);  // searching down and up
-  EXPECT_EQ(middle.series, "Exam???.bmp*1-3");
+// Files numbered by `format` from `first` to `last`; the series found from `name` must be
+// `series`, and every name it stands for must be one of the files.
+TEST(FindSequence, SeriesFoundFromOneMember) {
+  const struct {
+    const char* format;
+    int first, last;
+    const char* name;
+    const char* series;
+  } cases[] = {
+      {"Exam%03d.bmp", 1, 3, "Exam001.bmp", "Exam???.bmp*1-3"},
+      {"Exam%03d.bmp", 1, 3, "Exam002.bmp", "Exam???.bmp*1-3"},  // searching down and up
+      {"f%02d.png", 0, 5, "f03.png", "f??.png*0-5"},               // down stops at zero
+      {"/data/u2/Exam%03d.bmp", 1, 3, "/data/u2/Exam002.bmp", "/data/u2/Exam???.bmp*1-3"},
+      // "shot2_0041" reads as 20041 over the places "shot?_????"; the places that agree
+      // between first and last are then written back as digits.
+      {"shot2_%04d.tga", 40, 45, "shot2_0041.tga", "shot2_004?.tga*0-5"},
+      {"take7_%d.wav", 1, 4, "take7_2.wav", "take7_?.wav*1-4"},
+      {"img%05d.tga", 20041, 20050, "img20045.tga", "img200??.tga*41-50"},
+      // Names without leading zeros use a printf field, with a percent sign escaped...
+      {"frame%d.png", 8, 12, "frame10.png", "frame%01i.png*8-12"},
+      {"x%%_%d.png", 9, 11, "x%_10.png", "x%%_%01i.png*9-11"},
+      // ...but zero-padded neighbours win when they make the longer series.
+      {"f%02d.png", 0, 20, "f10.png", "f??.png*0-20"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeFiles files = Numbered(c.format, c.first, c.last);
+    const Found f = Find(c.name, files);
+    ASSERT_TRUE(f.ok);
+    EXPECT_EQ(f.series, c.series);
+    FileSeries s;
+    ASSERT_TRUE(SeriesParse(f.series.c_str(), &s));
+    EXPECT_EQ(f.first, s.first);
+    EXPECT_EQ(f.last, s.last);
+    for (int32_t n = s.first; n <= s.last; ++n) EXPECT_TRUE(files.names.count(NameOf(s.pattern, n))) << n;
+  }
 }
 
 TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
@@ -117,25 +144,6 @@ TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
   EXPECT_FALSE(Find("Exam?01.bmp", files).ok);
 }
 
-TEST(FindSequence, DownSearchStopsAtZero) {
-  FakeFiles files = Numbered("f%02d.png", 0, 5);
-  const Found f = Find("f03.png", files);
-  EXPECT_EQ(f.series, "f??.png*0-5");
-}
-
-TEST(FindSequence, DigitsAcrossASeparatorReadAsOneNumber) {
-  // "shot2_0041" reads as 20041 over the places "shot?_????"; the places that agree between
-  // first and last are then written back as digits.
-  FakeFiles files = Numbered("shot2_%04d.tga", 40, 45);
-  const Found f = Find("shot2_0041.tga", files);
-  ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.series, "shot2_004?.tga*0-5");
-  EXPECT_EQ(NameOf("shot2_004?.tga", 5), "shot2_0045.tga");
-
-  FakeFiles take = Numbered("take7_%d.wav", 1, 4);
-  EXPECT_EQ(Find("take7_2.wav", take).series, "take7_?.wav*1-4");
-}
-
 TEST(FindSequence, FallsBackToFewerDigits) {
   // As one number "v2_9" is 29, whose neighbours v2_8 and v3_0 do not exist; the last digit
   // alone finds v2_9 and v2_10.
@@ -144,41 +152,6 @@ TEST(FindSequence, FallsBackToFewerDigits) {
   const Found f = Find("v2_9.png", files);
   ASSERT_TRUE(f.ok);
   EXPECT_EQ(f.series, "v2_?.png*9-10");
-}
-
-TEST(FindSequence, CommonLeadingDigitsAreWrittenBack) {
-  FakeFiles files = Numbered("img%05d.tga", 20041, 20050);
-  const Found f = Find("img20045.tga", files);
-  ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.series, "img200??.tga*41-50");
-  FileSeries s;
-  ASSERT_TRUE(SeriesParse(f.series.c_str(), &s));
-  for (int32_t n = s.first; n <= s.last; ++n) EXPECT_TRUE(files.names.count(NameOf(s.pattern, n))) << n;
-}
-
-TEST(FindSequence, NamesWithoutLeadingZerosUseAPrintfField) {
-  FakeFiles files = Numbered("frame%d.png", 8, 12);
-  const Found f = Find("frame10.png", files);
-  ASSERT_TRUE(f.ok);
-  EXPECT_EQ(f.series, "frame%01i.png*8-12");
-  FileSeries s;
-  ASSERT_TRUE(SeriesParse(f.series.c_str(), &s));
-  for (int32_t n = s.first; n <= s.last; ++n) EXPECT_TRUE(files.names.count(NameOf(s.pattern, n))) << n;
-
-  // Zero-padded neighbours win over the unpadded reading when they make the longer series.
-  FakeFiles padded = Numbered("f%02d.png", 0, 20);
-  EXPECT_EQ(Find("f10.png", padded).series, "f??.png*0-20");
-
-  // A percent sign in the name is escaped in the printf form.
-  FakeFiles percent = Numbered("x%%_%d.png", 9, 11);
-  const Found p = Find("x%_10.png", percent);
-  EXPECT_EQ(p.series, "x%%_%01i.png*9-11");
-  EXPECT_EQ(NameOf("x%%_%01i.png", 9), "x%_9.png");
-}
-
-TEST(FindSequence, OnlyTheLastPathComponentCounts) {
-  FakeFiles files = Numbered("/data/u2/Exam%03d.bmp", 1, 3);
-  EXPECT_EQ(Find("/data/u2/Exam002.bmp", files).series, "/data/u2/Exam???.bmp*1-3");
 }
 
 TEST(FindSequence, ProbesAreBoundedWhenEverythingExists) {

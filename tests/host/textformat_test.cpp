@@ -67,68 +67,46 @@ TEST(GreatestDivisor, EuclidAndZeros) {
 }
 
 TEST(ReduceFraction, ReducesAndKeepsZerosAndSigns) {
-  int32_t a = 2997, b = 100;
-  ReduceFraction(&a, &b);
-  EXPECT_EQ(a, 2997);
-  EXPECT_EQ(b, 100);
-  a = 60000, b = 2002;
-  ReduceFraction(&a, &b);
-  EXPECT_EQ(a, 30000);
-  EXPECT_EQ(b, 1001);
-  a = -50, b = 10;
-  ReduceFraction(&a, &b);
-  EXPECT_EQ(a, -5);
-  EXPECT_EQ(b, 1);
-  a = 0, b = 10;
-  ReduceFraction(&a, &b);
-  EXPECT_EQ(b, 10);
-  a = 10, b = 0;
-  ReduceFraction(&a, &b);
-  EXPECT_EQ(a, 10);
-  a = INT32_MIN, b = 2;
-  ReduceFraction(&a, &b);
-  EXPECT_EQ(a, INT32_MIN / 2);
-  EXPECT_EQ(b, 1);
+  const struct {
+    int32_t a, b, wantA, wantB;
+  } cases[] = {
+      {2997, 100, 2997, 100}, {60000, 2002, 30000, 1001}, {-50, 10, -5, 1},
+      {0, 10, 0, 10},         {10, 0, 10, 0},             {INT32_MIN, 2, INT32_MIN / 2, 1},
+  };
+  for (const auto& c : cases) {
+    int32_t a = c.a, b = c.b;
+    ReduceFraction(&a, &b);
+    EXPECT_EQ(a, c.wantA) << c.a << "/" << c.b;
+    EXPECT_EQ(b, c.wantB) << c.a << "/" << c.b;
+  }
   uint32_t u = 4000000000u, v = 2000000000u;
   ReduceFraction(&u, &v);
   EXPECT_EQ(u, 2u);
   EXPECT_EQ(v, 1u);
 }
 
-TEST(ReduceFraction64, FittingValuesReduceExactly) {
-  uint32_t n, d;
-  ReduceFraction64(60000, 2002, &n, &d);
-  EXPECT_EQ(n, 30000u);
-  EXPECT_EQ(d, 1001u);
-  ReduceFraction64(0, 5, &n, &d);  // a zero stays while it fits
-  EXPECT_EQ(n, 0u);
-  EXPECT_EQ(d, 5u);
-  ReduceFraction64(30000ull << 20, 1001ull << 20, &n, &d);  // large, but a common divisor fixes it
-  EXPECT_EQ(n, 30000u);
-  EXPECT_EQ(d, 1001u);
-}
-
-TEST(ReduceFraction64, EqualOrZeroGiveOne) {
-  uint32_t n, d;
-  ReduceFraction64(0, 1ull << 40, &n, &d);
-  EXPECT_EQ(n, 1u);
-  EXPECT_EQ(d, 1u);
-  ReduceFraction64(1ull << 40, 0, &n, &d);
-  EXPECT_EQ(n, 1u);
-  EXPECT_EQ(d, 1u);
-}
-
-TEST(ReduceFraction64, LopsidedSidesBecomeAQuotientOverOne) {
-  uint32_t n, d;
-  ReduceFraction64(10000000000ull + 7, 3, &n, &d);
-  EXPECT_EQ(n, 3333333335u);
-  EXPECT_EQ(d, 1u);
-  ReduceFraction64(5, 100000000000ull + 1, &n, &d);
-  EXPECT_EQ(n, 1u);
-  EXPECT_EQ(d, UINT32_MAX);  // 20000000000 capped
-  ReduceFraction64(UINT64_MAX, 1, &n, &d, INT32_MAX);
-  EXPECT_EQ(n, static_cast<uint32_t>(INT32_MAX));
-  EXPECT_EQ(d, 1u);
+// Fitting values reduce exactly (a zero stays while it fits); equal or zero sides give 1/1;
+// lopsided sides become a quotient over one, capped at the limit.
+TEST(ReduceFraction64, ExactReductionsAndLimits) {
+  const struct {
+    uint64_t num, den;
+    uint32_t limit, wantN, wantD;
+  } cases[] = {
+      {60000, 2002, UINT32_MAX, 30000, 1001},
+      {0, 5, UINT32_MAX, 0, 5},
+      {30000ull << 20, 1001ull << 20, UINT32_MAX, 30000, 1001},
+      {0, 1ull << 40, UINT32_MAX, 1, 1},
+      {1ull << 40, 0, UINT32_MAX, 1, 1},
+      {10000000000ull + 7, 3, UINT32_MAX, 3333333335u, 1},
+      {5, 100000000000ull + 1, UINT32_MAX, 1, UINT32_MAX},  // 20000000000 capped
+      {UINT64_MAX, 1, INT32_MAX, INT32_MAX, 1},
+  };
+  for (const auto& c : cases) {
+    uint32_t n, d;
+    ReduceFraction64(c.num, c.den, &n, &d, c.limit);
+    EXPECT_EQ(n, c.wantN) << c.num << "/" << c.den;
+    EXPECT_EQ(d, c.wantD) << c.num << "/" << c.den;
+  }
 }
 
 TEST(ReduceFraction64, ConvergentsApproximateTheQuotient) {

@@ -117,6 +117,19 @@ int FailingTool(char*, ToolDialog*) {
   return ToolExitInputError;
 }
 
+// What a run of the frame gave: the tool's code and what went to stderr.
+struct RunResult {
+  int code;
+  std::string out;
+};
+
+RunResult RunFrame(ToolMainRoutine tool, ToolCommandHandler handler, bool closeWhenDone = false,
+                   const char* tail = "", const char* dialog = "shelltest", intptr_t parent = 0) {
+  testing::internal::CaptureStderr();
+  const int code = ToolFrameRun(nullptr, parent, tail, 1, closeWhenDone, tool, handler, dialog);
+  return {code, testing::internal::GetCapturedStderr()};
+}
+
 class ConsoleShell : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -134,10 +147,7 @@ class ConsoleShell : public ::testing::Test {
 
 TEST_F(ConsoleShell, SuccessShowsDoneAndReturnsZero) {
   ToolFrameSetHook(RecordFinish);
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "in.avi out.vlm", 1, false, SucceedingTool, CancelHandler,
-                          "SHELLTEST");
-  std::string out = testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(SucceedingTool, CancelHandler, false, "in.avi out.vlm", "SHELLTEST");
   EXPECT_EQ(code, 0);
   EXPECT_EQ(seen.finishedCount, 1);
   EXPECT_EQ(seen.doneButton, "&Done");
@@ -153,9 +163,7 @@ TEST_F(ConsoleShell, SuccessShowsDoneAndReturnsZero) {
 
 TEST_F(ConsoleShell, FailureClosesWithTheToolsCode) {
   ToolFrameSetHook(RecordFinish);
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, false, FailingTool, CancelHandler, "shelltest");
-  std::string out = testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(FailingTool, CancelHandler);
   EXPECT_EQ(code, ToolExitInputError);
   EXPECT_EQ(seen.finishedCount, 1);
   EXPECT_EQ(seen.doneButton, "&Cancel");  // no Done on failure
@@ -165,18 +173,14 @@ TEST_F(ConsoleShell, FailureClosesWithTheToolsCode) {
 
 TEST_F(ConsoleShell, CloseWhenDoneSkipsTheDoneButton) {
   ToolFrameSetHook(RecordFinish);
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 12345, "x", 1, true, SucceedingTool, CancelHandler, "shelltest");
-  testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(SucceedingTool, CancelHandler, true, "x", "shelltest", 12345);
   EXPECT_EQ(code, 0);
   EXPECT_EQ(seen.doneButton, "&Done");
   EXPECT_EQ(seen.handlerCalls, 0);
 }
 
 TEST_F(ConsoleShell, UnknownDialogCannotBeCreated) {
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, false, SucceedingTool, CancelHandler, "nosuchdialog");
-  std::string out = testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(SucceedingTool, CancelHandler, false, "", "nosuchdialog");
   EXPECT_EQ(code, 0);
   EXPECT_NE(out.find("Couldn't create window."), std::string::npos);
 }
@@ -219,9 +223,7 @@ int AskingTool(char*, ToolDialog*) {
 }
 
 TEST_F(ConsoleShell, BoxesTakeTheDefaultButtonWithoutATerminal) {
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, false, AskingTool, CancelHandler, "shelltest");
-  std::string out = testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(AskingTool, CancelHandler);
   EXPECT_EQ(code, 0);
   const int expected[] = {0, 1, 1, 2, 0, 1, 0, 0, 2, 0};
   for (int i = 0; i < 10; i++) EXPECT_EQ(seen.answers[i], expected[i]) << "box " << i;
@@ -260,9 +262,7 @@ int ChattyTool(char*, ToolDialog*) {
 
 TEST_F(ConsoleShell, PostedTextsKeepTheirOrder) {
   ToolFrameSetHook(RecordFinish);
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, true, ChattyTool, CancelHandler, "shelltest");
-  std::string out = testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(ChattyTool, CancelHandler, true);
   EXPECT_EQ(code, 0);
   ASSERT_EQ(seen.texts.size(), 2000u);
   for (int i = 0; i < 2000; i++) ASSERT_EQ(seen.texts[size_t(i)], "step " + std::to_string(i));
@@ -284,11 +284,9 @@ int InterruptedTool(char*, ToolDialog*) {
 
 TEST_F(ConsoleShell, CtrlCGoesToTheHandlerAndTheFrameWaitsForTheWorker) {
   ToolFrameSetHook(RecordFinish);
-  testing::internal::CaptureStderr();
   auto start = std::chrono::steady_clock::now();
-  int code = ToolFrameRun(nullptr, 0, "", 1, false, InterruptedTool, CancelHandler, "shelltest");
+  const auto [code, out] = RunFrame(InterruptedTool, CancelHandler);
   auto took = std::chrono::steady_clock::now() - start;
-  std::string out = testing::internal::GetCapturedStderr();
   EXPECT_EQ(code, ToolExitCancelled);
   EXPECT_TRUE(seen.workerReturned);
   EXPECT_GE(took, 150ms);
@@ -317,9 +315,7 @@ int CloseTwiceTool(char*, ToolDialog*) {
 }
 
 TEST_F(ConsoleShell, NoToCancelKeepsTheRunGoing) {
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, false, CloseTwiceTool, RefusingHandler, "shelltest");
-  testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(CloseTwiceTool, RefusingHandler);
   EXPECT_EQ(code, 0);
   EXPECT_EQ(seen.cancel, 0);
   EXPECT_EQ(seen.handlerCalls, 2);  // the refused cancel, then Done
@@ -340,9 +336,7 @@ int OutlivingTool(char*, ToolDialog*) {
 }
 
 TEST_F(ConsoleShell, WorkerOutlivesItsDialog) {
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, false, OutlivingTool, ViewClosesHandler, "shelltest");
-  std::string out = testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(OutlivingTool, ViewClosesHandler);
   EXPECT_EQ(code, 42);
   EXPECT_TRUE(seen.workerReturned);
   EXPECT_EQ(seen.answers[0], -1);  // the dialog was gone
@@ -360,9 +354,7 @@ int DeepStackTool(char*, ToolDialog*) {
 }
 
 TEST_F(ConsoleShell, WorkerHasA16MiBStack) {
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, true, DeepStackTool, CancelHandler, "shelltest");
-  testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(DeepStackTool, CancelHandler, true);
   EXPECT_EQ(code, 0);
 }
 
@@ -383,9 +375,7 @@ int TimedTool(char*, ToolDialog*) {
 }
 
 TEST_F(ConsoleShell, TimerTicksOnTheMainThreadUntilStopped) {
-  testing::internal::CaptureStderr();
-  int code = ToolFrameRun(nullptr, 0, "", 1, true, TimedTool, CancelHandler, "shelltest");
-  testing::internal::GetCapturedStderr();
+  const auto [code, out] = RunFrame(TimedTool, CancelHandler, true);
   EXPECT_EQ(code, 0);
   EXPECT_GE(seen.answers[0], 3);
   EXPECT_EQ(seen.answers[0], seen.answers[1]);
