@@ -3,15 +3,15 @@
 // thread independence.
 #include "compress/velmo1_encoder.h"
 
-#include "decode/velmo1_decoder.h"
-#include "host/platform.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
+
+#include "decode/velmo1_decoder.h"
+#include "host/platform.h"
 
 namespace {
 
@@ -22,8 +22,7 @@ struct Picture {
   VelmoEncodeInput Input(bool key) {
     VelmoEncodeInput in{};
     const uint32_t cw = (W + 1) / 2;
-    const int32_t pitches[4] = {int32_t(W), int32_t(cw), int32_t(cw),
-                                int32_t(W)};
+    const int32_t pitches[4] = {int32_t(W), int32_t(cw), int32_t(cw), int32_t(W)};
     for (int i = 0; i < 4; ++i)
       in.Planes[i] = P[i].data(), in.Pitches[i] = pitches[i];
     in.Key = key;
@@ -35,8 +34,7 @@ enum Content { Gradient, Noise, Shapes, Flat };
 
 // Content at time t: a gradient, noise, or shapes moving over a textured
 // background.
-Picture MakePicture(uint32_t w, uint32_t h, Content content, int t,
-                    uint32_t seed = 1) {
+Picture MakePicture(uint32_t w, uint32_t h, Content content, int t, uint32_t seed = 1) {
   Picture pic{w, h, {}};
   const uint32_t cw = (w + 1) / 2, ch = (h + 1) / 2;
   std::mt19937 rng(seed);
@@ -48,33 +46,32 @@ Picture MakePicture(uint32_t w, uint32_t h, Content content, int t,
     for (uint32_t x = 0; x < w; ++x) {
       uint8_t v = 0;
       switch (content) {
-      case Gradient:
-        v = uint8_t((x * 255) / (w ? w : 1) / 2 + (y * 255) / (h ? h : 1) / 2);
-        break;
-      case Noise:
-        v = uint8_t(rng());
-        break;
-      case Flat:
-        v = 77;
-        break;
-      case Shapes: {
-        v = uint8_t(60 + ((x / 4 + y / 4) & 1) * 20 + (x * 40) / w);
-        const int cx = 20 + 3 * t, cy = 16 + t;
-        if (std::abs(int(x) - cx) < 10 && std::abs(int(y) - cy) < 8)
-          v = 220;
-        const int dx = int(x) - (int(w) - 30 - 2 * t), dy = int(y) - int(h) / 2;
-        if (dx * dx + dy * dy < 120)
-          v = uint8_t(30 + (x & 7) * 4);
-        break;
-      }
+        case Gradient:
+          v = uint8_t((x * 255) / (w ? w : 1) / 2 + (y * 255) / (h ? h : 1) / 2);
+          break;
+        case Noise:
+          v = uint8_t(rng());
+          break;
+        case Flat:
+          v = 77;
+          break;
+        case Shapes: {
+          v = uint8_t(60 + ((x / 4 + y / 4) & 1) * 20 + (x * 40) / w);
+          const int cx = 20 + 3 * t, cy = 16 + t;
+          if (std::abs(int(x) - cx) < 10 && std::abs(int(y) - cy) < 8)
+            v = 220;
+          const int dx = int(x) - (int(w) - 30 - 2 * t), dy = int(y) - int(h) / 2;
+          if (dx * dx + dy * dy < 120)
+            v = uint8_t(30 + (x & 7) * 4);
+          break;
+        }
       }
       pic.P[0][size_t(y) * w + x] = v;
       pic.P[3][size_t(y) * w + x] = uint8_t(x < w / 2 ? 255 : (y * 4));
     }
   for (uint32_t y = 0; y < ch; ++y)
     for (uint32_t x = 0; x < cw; ++x) {
-      pic.P[1][size_t(y) * cw + x] =
-          uint8_t(128 + (int(x) - int(cw) / 2) / 2 + t);
+      pic.P[1][size_t(y) * cw + x] = uint8_t(128 + (int(x) - int(cw) / 2) / 2 + t);
       pic.P[2][size_t(y) * cw + x] = uint8_t(100 + y);
     }
   return pic;
@@ -88,10 +85,9 @@ struct Reader {
     Ring = like;
     Ring.Current = 0;
     size_t bytes = 0;
-    const size_t sizes[4] = {size_t(like.LumaWidth) * like.LumaHeight,
-                             size_t(like.ChromaWidth) * like.ChromaHeight,
-                             size_t(like.ChromaWidth) * like.ChromaHeight,
-                             size_t(like.LumaWidth) * like.LumaHeight};
+    const size_t sizes[4] = {
+        size_t(like.LumaWidth) * like.LumaHeight, size_t(like.ChromaWidth) * like.ChromaHeight,
+        size_t(like.ChromaWidth) * like.ChromaHeight, size_t(like.LumaWidth) * like.LumaHeight};
     for (size_t s : sizes)
       bytes += 2 * s;
     Memory.assign(bytes, 0x5a);
@@ -102,12 +98,12 @@ struct Reader {
         at += sizes[i];
       }
   }
-  void Decode(const std::vector<uint8_t> &section, uint32_t flags,
-              uint32_t fileFlags, uint32_t tag) {
+  void Decode(const std::vector<uint8_t> &section, uint32_t flags, uint32_t fileFlags,
+              uint32_t tag) {
     std::vector<uint8_t> padded(section);
     padded.resize(padded.size() + 4, 0);
-    Velmo1DecodeFrame(&Ring, padded.data(), padded.data() + padded.size(),
-                      nullptr, flags, fileFlags, tag);
+    Velmo1DecodeFrame(&Ring, padded.data(), padded.data() + padded.size(), nullptr, flags,
+                      fileFlags, tag);
     Ring.Current ^= 1;
   }
 };
@@ -136,7 +132,8 @@ struct EncodeRun {
   Reader R;
   uint32_t Flags, FileFlags, Tag;
   explicit EncodeRun(const VelmoEncoderConfig &c)
-      : E(VelmoEncoderCreate(c)), R(*VelmoEncoderPicture(E)),
+      : E(VelmoEncoderCreate(c)),
+        R(*VelmoEncoderPicture(E)),
         Flags(VelmoEncoderDecodeFlags(E)),
         FileFlags(c.Flags & VelmoEncodeAlpha ? Velmo1FileHasAlpha : 0),
         Tag(Velmo1FileTagFor(c.Version)) {}
@@ -150,7 +147,7 @@ struct EncodeRun {
   }
 };
 
-} // namespace
+}  // namespace
 
 TEST(Velmo1Encoder, RejectsBadConfigurations) {
   EXPECT_EQ(VelmoEncoderCreate({0, 16, 100, 0}), nullptr);
@@ -167,8 +164,7 @@ TEST(Velmo1Encoder, RejectsBadConfigurations) {
 TEST(Velmo1Encoder, DecoderRebuildsTheEncodersPictureForEveryContentAndBudget) {
   for (Content c : {Gradient, Noise, Shapes, Flat}) {
     for (uint32_t budget : {0u, 300u, 3000u, 30000u}) {
-      SCOPED_TRACE(testing::Message()
-                   << "content " << c << " budget " << budget);
+      SCOPED_TRACE(testing::Message() << "content " << c << " budget " << budget);
       EncodeRun run({96, 64, 101, 0});
       for (int t = 0; t < 3; ++t) {
         Picture pic = MakePicture(96, 64, c, t);
@@ -191,7 +187,7 @@ TEST(Velmo1Encoder, QualityRisesWithBudgetAndSizeFollowsIt) {
     if (lastPsnr < 99.0)
       EXPECT_GT(psnr, lastPsnr) << budget;
     else
-      EXPECT_EQ(psnr, 99.0) << budget; // lossless stays lossless
+      EXPECT_EQ(psnr, 99.0) << budget;  // lossless stays lossless
     EXPECT_GE(r.Section.size(), lastSize) << budget;
     // The plan runs on estimates; the frame lands near its budget.
     if (budget >= 1500) {
@@ -210,7 +206,7 @@ TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
   EXPECT_EQ(key.Errors[0], 0u);
   EXPECT_LT(key.Sizes[0], 120u);
   EXPECT_GT(key.DoubledKinds[Velmo1One],
-            0u); // a flat area is one colour at 16x16
+            0u);  // a flat area is one colour at 16x16
   Picture shapes = MakePicture(64, 48, Shapes, 0);
   const VelmoEncodeResult first = run.Frame(shapes, false, 1500);
   // The encoder's own picture as the next input: every block repeats at no
@@ -219,13 +215,11 @@ TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
   const VelmoFrameBufferSet &now = ring.Sets[ring.Current];
   Picture same{64, 48, {}};
   for (int i = 0; i < 4; ++i) {
-    const uint32_t w = i == 0 || i == 3 ? 64 : 32,
-                   h = i == 0 || i == 3 ? 48 : 24;
+    const uint32_t w = i == 0 || i == 3 ? 64 : 32, h = i == 0 || i == 3 ? 48 : 24;
     const int32_t pitch = i == 0 || i == 3 ? ring.LumaPitch : ring.ChromaPitch;
     same.P[i].resize(size_t(w) * h);
     for (uint32_t y = 0; y < h && now.Planes[i]; ++y)
-      std::memcpy(same.P[i].data() + y * w, now.Planes[i] + int64_t(y) * pitch,
-                  w);
+      std::memcpy(same.P[i].data() + y * w, now.Planes[i] + int64_t(y) * pitch, w);
   }
   const VelmoEncodeResult still = run.Frame(same, false, 1500);
   EXPECT_EQ(still.PlannedError, 0u);
@@ -254,7 +248,7 @@ TEST(Velmo1Encoder, SmoothAreasTakeDoubledBlocksOfIntraSubKinds) {
     subs += r.DoubledKinds[k];
   EXPECT_EQ(subs, r.Kinds[Velmo1Doubled]);
   for (uint32_t k : {0u, 1u, 2u, 4u, 7u})
-    EXPECT_EQ(r.DoubledKinds[k], 0u) << k; // only intra sub-kinds
+    EXPECT_EQ(r.DoubledKinds[k], 0u) << k;  // only intra sub-kinds
   // Every 16x16 block stands for four 8x8 places: the counts add up to the
   // plane's blocks.
   const uint32_t places = BlockCount(r) + 3 * r.Kinds[Velmo1Doubled];
@@ -269,13 +263,11 @@ TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
   // Stripes of a few levels: runs along a scan code them exactly; motion with
   // noise takes residues. The standard candidate lists never offer either kind.
   for (const bool asked : {false, true}) {
-    EncodeRun run(
-        {96, 64, 101, asked ? uint32_t(VelmoEncodeRunAndResidue) : 0u});
+    EncodeRun run({96, 64, 101, asked ? uint32_t(VelmoEncodeRunAndResidue) : 0u});
     Picture pic = MakePicture(96, 64, Shapes, 0);
     for (uint32_t y = 0; y < 64; ++y)
       for (uint32_t x = 0; x < 96; ++x)
-        pic.P[0][y * 96 + x] =
-            uint8_t(((x / 3 + y) % 5) * 40 + (x > 48 ? 7 : 0));
+        pic.P[0][y * 96 + x] = uint8_t(((x / 3 + y) % 5) * 40 + (x > 48 ? 7 : 0));
     uint32_t runs = 0, residues = 0;
     for (int t = 0; t < 4; ++t) {
       // Small noise added frame by frame on the moving shapes: motion plus
@@ -284,10 +276,8 @@ TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
       std::mt19937 rng{uint32_t(t)};
       for (uint32_t y = 0; y < 64; ++y)
         for (uint32_t x = 0; x < 96; ++x)
-          next.P[0][y * 96 + x] =
-              uint8_t(next.P[0][y * 96 + x] + int(rng() % 3) - 1 + t);
-      const VelmoEncodeResult r =
-          run.Frame(t == 0 ? pic : next, t == 0, 3000 + 2000 * t);
+          next.P[0][y * 96 + x] = uint8_t(next.P[0][y * 96 + x] + int(rng() % 3) - 1 + t);
+      const VelmoEncodeResult r = run.Frame(t == 0 ? pic : next, t == 0, 3000 + 2000 * t);
       runs += r.Kinds[Velmo1Run] + r.DoubledKinds[Velmo1Run];
       residues += r.Kinds[Velmo1Motz];
     }
@@ -306,7 +296,7 @@ TEST(Velmo1Encoder, KeyFramesDecodeWithoutThePreviousPicture) {
   std::vector<std::vector<uint8_t>> sections;
   for (int t = 0; t < 4; ++t) {
     Picture pic = MakePicture(80, 48, t < 2 ? Shapes : Noise, t,
-                              7); // a scene cut at t = 2
+                              7);  // a scene cut at t = 2
     sections.push_back(run.Frame(pic, t == 2, 6000).Section);
   }
   // A fresh reader starting at the key frame gets the same picture.
@@ -327,7 +317,7 @@ TEST(Velmo1Encoder, AlphaPlanesConstantAndCoded) {
     r = run.Frame(pic, false, 8000);
     EXPECT_EQ(r.Errors[3], 0u);
     if (version == 101) {
-      EXPECT_EQ(r.Sizes[3], 4u); // the flag bit, the value, padding
+      EXPECT_EQ(r.Sizes[3], 4u);  // the flag bit, the value, padding
     }
   }
 }

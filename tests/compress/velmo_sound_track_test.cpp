@@ -4,13 +4,13 @@
 #include "compress/velmo_sound_track.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "compress_test_util.h"
 #include "sound_track_check.h"
 
 namespace {
@@ -24,23 +24,12 @@ uint32_t ReadMemoryInBits(void* source, void* buffer, uint32_t bytes) {
   return ReadMemory(source, buffer, std::min(bytes, 100u));
 }
 
-std::string TempName() {
-  char pattern[] = "/tmp/wtrack_packetsXXXXXX";
-  const int fd = mkstemp(pattern);
-  if (fd >= 0) close(fd);
-  return pattern;
-}
-
-std::vector<uint8_t> ReadWholeFile(const std::string& name) {
-  std::vector<uint8_t> bytes;
-  if (FILE* f = std::fopen(name.c_str(), "rb")) {
-    uint8_t chunk[4096];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
-    std::fclose(f);
-  }
-  return bytes;
-}
+// The bytes a buffered file received, read back once it is closed.
+struct ScratchFile {
+  compress_test::ScratchDir Dir;
+  std::string Name = Dir / "packets";
+  std::vector<uint8_t> Bytes() const { return compress_test::ReadAll(Name); }
+};
 
 // One track written for `frames` frames: each frame's packet as it lies in the file.
 struct Written {
@@ -61,8 +50,8 @@ Written WriteTrack(const Samples& pcm, uint32_t rate, uint32_t channels, int lev
   w.Track.ReadSamples = read;
   w.Track.SilenceBytes = silenceBytes;
   EXPECT_TRUE(VelmoWriterTrackStart(&w.Track, level, frames, num, den));
-  const std::string name = TempName();
-  BufferedFile* file = FileCreate(0x10000, name.c_str(), 0);
+  const ScratchFile scratch;
+  BufferedFile* file = FileCreate(0x10000, scratch.Name.c_str(), 0);
   EXPECT_NE(file, nullptr);
   if (!file) return w;
   std::vector<uint64_t> ends{0};
@@ -73,8 +62,7 @@ Written WriteTrack(const Samples& pcm, uint32_t rate, uint32_t channels, int lev
   FileClose(file);
   VelmoWriterTrackEnd(&w.Track);
   EXPECT_EQ(w.Track.Encoder, nullptr);
-  const std::vector<uint8_t> bytes = ReadWholeFile(name);
-  std::remove(name.c_str());
+  const std::vector<uint8_t> bytes = scratch.Bytes();
   EXPECT_EQ(bytes.size(), ends.back());
   for (uint32_t f = 0; f < frames && ends[f + 1] <= bytes.size(); ++f)
     w.Packets.emplace_back(bytes.begin() + long(ends[f]), bytes.begin() + long(ends[f + 1]));
@@ -291,8 +279,8 @@ TEST(SoundTrackPackets, EightBitTracksCountHalfTheInput) {
 }
 
 TEST(SoundTrackPackets, TrackWithoutEncoderOrSoundWritesTheEmptyWord) {
-  const std::string name = TempName();
-  BufferedFile* file = FileCreate(0x10000, name.c_str(), 0);
+  const ScratchFile scratch;
+  BufferedFile* file = FileCreate(0x10000, scratch.Name.c_str(), 0);
   ASSERT_NE(file, nullptr);
   VelmoWriterTrack none{};  // never started: no encoder
   none.SampleRate = 22050;
@@ -311,8 +299,7 @@ TEST(SoundTrackPackets, TrackWithoutEncoderOrSoundWritesTheEmptyWord) {
   VelmoWriterTrackEnd(&empty);
   const uint64_t size = FileTell(file);
   FileClose(file);
-  const std::vector<uint8_t> bytes = ReadWholeFile(name);
-  std::remove(name.c_str());
+  const std::vector<uint8_t> bytes = scratch.Bytes();
   ASSERT_EQ(bytes.size(), size);
   ASSERT_GE(bytes.size(), 4u + 8u + 4u + 4u);
   // The first frame's packet carries the whole tenth of a second; the next two are empty.

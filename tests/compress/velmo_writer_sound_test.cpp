@@ -2,7 +2,6 @@
 // packets before each frame's video, the largest frame with its sound, the sound's share of
 // the data rate, and files that the reader's parsing and the frame decoder take whole.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -10,6 +9,7 @@
 #include "compress/velmo1_file_check.h"
 #include "compress/velmo_sound_track.h"
 #include "compress/velmo_writer.h"
+#include "compress_test_util.h"
 #include "sound_track_check.h"
 
 namespace {
@@ -17,21 +17,8 @@ namespace {
 using audio_test::Samples;
 using sound_check::MemorySound;
 
-std::string TempDir() {
-  char pattern[] = "/tmp/wtrack_writer_XXXXXX";
-  return mkdtemp(pattern);
-}
-
-std::vector<uint32_t> Picture(uint32_t w, uint32_t h, uint32_t t) {
-  std::vector<uint32_t> p(size_t(w) * h);
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) {
-      const uint32_t r = (x * 7 + t * 3) & 255, g = (y * 5 + ((x / 8 + y / 8 + t) & 1) * 90) & 255,
-                     b = (x ^ y ^ t) & 255;
-      p[size_t(y) * w + x] = 0xff000000u | r << 16 | g << 8 | b;
-    }
-  return p;
-}
+using compress_test::Picture;
+using compress_test::ScratchDir;
 
 // What the growing file showed at each "Compressing" label: frames, and the first track's
 // table entries, against the largest decoded count of the frames written by then.
@@ -137,7 +124,8 @@ void SplitFrames(const Velmo1FileCheck& c, uint32_t track, std::vector<uint32_t>
 }
 
 TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
-  const std::string dir = TempDir(), out = dir + "/two.vlm";
+  const ScratchDir dir;
+  const std::string out = dir / "two.vlm";
   const uint32_t frames = 18;  // 1.5 seconds
   const Samples music[2] = {audio_test::Music(22050, 1, 33075),
                             audio_test::Music(11025, 2, 16538)};
@@ -168,12 +156,11 @@ TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
     EXPECT_GT(audio_test::Snr(music[t], decoded), t ? 24 : 26);
   }
   EXPECT_EQ(check.Info.Header.LargestFrameSize, largestFrame[0]);
-  std::remove(out.c_str());
-  rmdir(dir.c_str());
 }
 
 TEST(VelmoWriterSound, CheckpointsCarryTheTablesSoFar) {
-  const std::string dir = TempDir(), out = dir + "/grow.vlm";
+  const ScratchDir dir;
+  const std::string out = dir / "grow.vlm";
   const Samples music[1] = {audio_test::Music(22050, 1, 22050)};
   Observed seen;
   const Clip r = WriteClip(out, 12, 1, music, &seen);
@@ -185,14 +172,13 @@ TEST(VelmoWriterSound, CheckpointsCarryTheTablesSoFar) {
   }
   // The largest count grows: frame 0's lead-in first, then no packet is as large.
   EXPECT_GT(seen.TableMax.back(), 0u);
-  std::remove(out.c_str());
-  rmdir(dir.c_str());
 }
 
 // The sound's bytes come out of the frames' shares: with the same targets, the video of a
 // file with sound is smaller, by about what the sound takes.
 TEST(VelmoWriterSound, SoundTakesItsShareOfTheRate) {
-  const std::string dir = TempDir(), silent = dir + "/silent.vlm", loud = dir + "/loud.vlm";
+  const ScratchDir dir;
+  const std::string silent = dir / "silent.vlm", loud = dir / "loud.vlm";
   const uint32_t frames = 12;
   const Samples music[1] = {audio_test::Music(22050, 1, 22050)};
   WriteClip(silent, frames, 0, nullptr);
@@ -215,13 +201,11 @@ TEST(VelmoWriterSound, SoundTakesItsShareOfTheRate) {
   ASSERT_GT(sound, 0u);
   EXPECT_LT(sumB, sumA);
   EXPECT_LT(sumA - sumB, sound * 2);
-  std::remove(silent.c_str());
-  std::remove(loud.c_str());
-  rmdir(dir.c_str());
 }
 
 TEST(VelmoWriterSound, OpenRefusesTrackTablesItCannotWrite) {
-  const std::string dir = TempDir(), out = dir + "/x.vlm";
+  const ScratchDir dir;
+  const std::string out = dir / "x.vlm";
   VelmoWriterTrack tracks[1]{};
   EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 0, 24, 1, 1, nullptr, 4,
                             10000, nullptr, 0, nullptr, nullptr),
@@ -229,8 +213,7 @@ TEST(VelmoWriterSound, OpenRefusesTrackTablesItCannotWrite) {
   EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 0, 24, 1, 257, tracks, 4,
                             10000, nullptr, 0, nullptr, nullptr),
             nullptr);
-  EXPECT_NE(access((out + ".tmp").c_str(), F_OK), 0);
-  rmdir(dir.c_str());
+  EXPECT_FALSE(compress_test::Exists(out + ".tmp"));
 }
 
 }  // namespace

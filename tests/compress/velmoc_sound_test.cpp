@@ -3,7 +3,6 @@
 // opens the output's track with the reader library; the /L, /T, /R, /C switches and the span
 // of a run that starts later; the sound lines of the dialog.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,6 +15,7 @@
 #include "compress/velmo1_file_check.h"
 #include "compress/velmoc.h"
 #include "compress/velmoc_source.h"
+#include "compress_test_util.h"
 #include "convert/avi_writer.h"
 #include "host/toolframe.h"
 #include "media/sound.h"
@@ -24,41 +24,6 @@
 namespace {
 
 using audio_test::Samples;
-
-std::string TempDir() {
-  char pattern[] = "/tmp/wtrack_velmoc_XXXXXX";
-  return mkdtemp(pattern);
-}
-
-void Put32(std::vector<uint8_t>& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-void Put16(std::vector<uint8_t>& b, uint32_t v) {
-  b.push_back(uint8_t(v));
-  b.push_back(uint8_t(v >> 8));
-}
-
-bool WriteWave(const std::string& name, const Samples& pcm, uint32_t rate, uint32_t channels) {
-  std::vector<uint8_t> b;
-  const uint32_t data = uint32_t(pcm.size() * 2);
-  b.insert(b.end(), {'R', 'I', 'F', 'F'});
-  Put32(b, 36 + data);
-  b.insert(b.end(), {'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-  Put32(b, 16);
-  Put16(b, 1);
-  Put16(b, channels);
-  Put32(b, rate);
-  Put32(b, rate * channels * 2);
-  Put16(b, channels * 2);
-  Put16(b, 16);
-  b.insert(b.end(), {'d', 'a', 't', 'a'});
-  Put32(b, data);
-  for (int16_t s : pcm) Put16(b, uint16_t(s));
-  FILE* f = std::fopen(name.c_str(), "wb");
-  if (!f) return false;
-  const bool ok = std::fwrite(b.data(), 1, b.size(), f) == b.size();
-  return std::fclose(f) == 0 && ok;
-}
 
 // The texts the run put on the dialog's sound line.
 std::mutex g_textsLock;
@@ -70,6 +35,11 @@ int RecordTexts(ToolDialog*, const ToolMessage* m) {
     g_soundTexts.push_back(m->text);
   }
   return 0;
+}
+
+std::vector<std::string> SoundTexts() {
+  std::lock_guard<std::mutex> hold(g_textsLock);
+  return g_soundTexts;
 }
 
 int RunMedia(const std::string& tail) {
@@ -114,23 +84,14 @@ Output Parse(const std::string& name) {
 class VelmocSound : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir = TempDir();
-    wav = dir + "/tune.wav";
+    wav = dir / "tune.wav";
     music = audio_test::Music(22050, 2, 22050 * 2);  // two seconds of stereo
-    ASSERT_TRUE(WriteWave(wav, music, 22050, 2));
+    compress_test::WriteWave(wav, music, 22050, 2);
   }
-  void TearDown() override {
-    for (const std::string& f : made) std::remove(f.c_str());
-    std::remove(wav.c_str());
-    rmdir(dir.c_str());
-  }
-  std::string Out(const char* name) {
-    made.push_back(dir + "/" + name);
-    return made.back();
-  }
-  std::string dir, wav;
+  std::string Out(const char* name) { return dir / name; }
+  compress_test::ScratchDir dir;
+  std::string wav;
   Samples music;
-  std::vector<std::string> made;
 };
 
 TEST_F(VelmocSound, WaveInputGivesATrackTheReaderPlays) {
@@ -147,15 +108,13 @@ TEST_F(VelmocSound, WaveInputGivesATrackTheReaderPlays) {
   const uint32_t frames = o.Check.Info.Header.Frames;
   EXPECT_EQ(frames, 31u);
   EXPECT_EQ(Velmo1CheckDecode(o.Check, nullptr, nullptr), frames);
-  {
-    std::lock_guard<std::mutex> hold(g_textsLock);
-    ASSERT_FALSE(g_soundTexts.empty());
-    EXPECT_EQ(g_soundTexts.front(), "22050 hz, 16-bit, stereo.");
-    if (g_soundTexts.size() > 1) {
-      // The tick's line: the running ratio of the sound coding.
-      EXPECT_EQ(g_soundTexts.back().rfind("22050 hz, 16-bit, stereo (", 0), 0u);
-      EXPECT_NE(g_soundTexts.back().find(" to 1)"), std::string::npos);
-    }
+  const std::vector<std::string> texts = SoundTexts();
+  ASSERT_FALSE(texts.empty());
+  EXPECT_EQ(texts.front(), "22050 hz, 16-bit, stereo.");
+  if (texts.size() > 1) {
+    // The tick's line: the running ratio of the sound coding.
+    EXPECT_EQ(texts.back().rfind("22050 hz, 16-bit, stereo (", 0), 0u);
+    EXPECT_NE(texts.back().find(" to 1)"), std::string::npos);
   }
   uint32_t rate = 0, channels = 0;
   const Samples back = ReadBack(out, &rate, &channels);
@@ -175,11 +134,8 @@ TEST_F(VelmocSound, LevelSwitchAndFormatSwitches) {
   Output n = Parse(none);
   ASSERT_TRUE(n.Open);
   EXPECT_EQ(n.Check.Info.TrackCount, 0u);
-  {
-    std::lock_guard<std::mutex> hold(g_textsLock);
-    ASSERT_FALSE(g_soundTexts.empty());
-    EXPECT_EQ(g_soundTexts.front(), "None.");
-  }
+  ASSERT_FALSE(SoundTexts().empty());
+  EXPECT_EQ(SoundTexts().front(), "None.");
   // Levels from 100 write the older form.
   ASSERT_EQ(RunMedia(wav + " " + old + " /v101 /l104"), ToolExitDone);
   Output o = Parse(old);
@@ -197,7 +153,7 @@ TEST_F(VelmocSound, LevelSwitchAndFormatSwitches) {
   // Beyond 199 the level is a syntax error, and nothing is written.
   const std::string bad = Out("bad.vlm");
   EXPECT_EQ(RunMedia(wav + " " + bad + " /v101 /l200"), ToolExitBadSwitches);
-  EXPECT_NE(access(bad.c_str(), F_OK), 0);
+  EXPECT_FALSE(compress_test::Exists(bad));
 }
 
 // The largest root mean square over runs of 16 samples.
@@ -270,11 +226,8 @@ TEST_F(VelmocSound, AviInputGivesItsSoundATrack) {
   const VelmoTrackInfo t = VelmoTableTrack(o.Check.Info.Tables, 0);
   EXPECT_EQ(t.Id, 4u);
   EXPECT_EQ(t.Format, 22050u | VelmoTrackCurrent | VelmoTrackStereo | VelmoTrack16Bit);
-  {
-    std::lock_guard<std::mutex> hold(g_textsLock);
-    ASSERT_FALSE(g_soundTexts.empty());
-    EXPECT_EQ(g_soundTexts.front(), "22050 hz, 16-bit, stereo.");
-  }
+  ASSERT_FALSE(SoundTexts().empty());
+  EXPECT_EQ(SoundTexts().front(), "22050 hz, 16-bit, stereo.");
   uint32_t rate = 0, channels = 0;
   const Samples back = ReadBack(out, &rate, &channels);
   EXPECT_EQ(rate, 22050u);

@@ -20,24 +20,19 @@ constexpr double Pi = 3.14159265358979323846;
 
 // ---- tables ----
 
-TEST(AudioTables, BlockLengthFollowsRate) {
-  EXPECT_EQ(VelmoAudioBlockSamples(8000), 512u);
-  EXPECT_EQ(VelmoAudioBlockSamples(22049), 512u);
-  EXPECT_EQ(VelmoAudioBlockSamples(22050), 1024u);
-  EXPECT_EQ(VelmoAudioBlockSamples(44099), 1024u);
-  EXPECT_EQ(VelmoAudioBlockSamples(44100), 2048u);
-  EXPECT_EQ(VelmoAudioBlockSamples(65535), 2048u);
-}
-
-TEST(AudioTables, BandCountStopsBelowNyquist) {
-  EXPECT_EQ(VelmoAudioBandCount(0), 0u);
-  EXPECT_EQ(VelmoAudioBandCount(1), 1u);        // Nyquist 1: only the edge at 0
-  EXPECT_EQ(VelmoAudioBandCount(8000), 18u);    // edges up to 3700 Hz
-  EXPECT_EQ(VelmoAudioBandCount(22050), 23u);   // up to 9500 Hz
-  EXPECT_EQ(VelmoAudioBandCount(44100), 25u);
-  EXPECT_EQ(VelmoAudioBandCount(65535), 25u);
-  EXPECT_EQ(VelmoAudioBandCount(24000), 23u);   // Nyquist 12000 is not below itself
-  EXPECT_EQ(VelmoAudioBandCount(24002), 24u);
+TEST(AudioTables, SizesFollowTheRate) {
+  const uint32_t blockSamples[][2] = {{8000, 512},   {22049, 512},  {22050, 1024},
+                                      {44099, 1024}, {44100, 2048}, {65535, 2048}};
+  for (const auto& [rate, samples] : blockSamples) EXPECT_EQ(VelmoAudioBlockSamples(rate), samples) << rate;
+  // Band edges up to 3700 Hz at 8000, 9500 Hz at 22050; Nyquist 12000 is not below itself.
+  const uint32_t bandCounts[][2] = {{0, 0},      {1, 1},      {8000, 18},  {22050, 23},
+                                    {44100, 25}, {65535, 25}, {24000, 23}, {24002, 24}};
+  for (const auto& [rate, bands] : bandCounts) EXPECT_EQ(VelmoAudioBandCount(rate), bands) << rate;
+  // The decoder's record of 160 bytes and a tail of an eighth of a block per channel.
+  const uint32_t decoderSizes[][3] = {{11025, 1, 224}, {11025, 2, 288}, {22050, 1, 288},
+                                      {22050, 2, 416}, {44100, 1, 416}, {48000, 2, 672}};
+  for (const auto& [rate, channels, bytes] : decoderSizes)
+    EXPECT_EQ(VelmoAudioDecoderSize(rate, channels), bytes) << rate << " " << channels;
 }
 
 TEST(AudioTables, BandBoundsScaleEdgesToPairs) {
@@ -75,15 +70,6 @@ TEST(AudioTables, PackedFloatKeepsTwentyThreeBits) {
   EXPECT_EQ(VelmoAudioPackFloat(1.0f), 1u | (1u << 22) << 5);  // e = 1, mantissa 2^22
   EXPECT_EQ(VelmoAudioPackFloat(-1.0f), VelmoAudioPackFloat(1.0f) | 0x10000000u);
   EXPECT_EQ(VelmoAudioUnpackFloat(5 | 0x7FFFFF << 5), 0x7FFFFF * std::ldexp(1.0f, 5 - 23));
-}
-
-TEST(AudioTables, DecoderSizeHoldsRecordAndTail) {
-  EXPECT_EQ(VelmoAudioDecoderSize(11025, 1), 224u);  // 160 + 64
-  EXPECT_EQ(VelmoAudioDecoderSize(11025, 2), 288u);
-  EXPECT_EQ(VelmoAudioDecoderSize(22050, 1), 288u);  // 160 + 128
-  EXPECT_EQ(VelmoAudioDecoderSize(22050, 2), 416u);
-  EXPECT_EQ(VelmoAudioDecoderSize(44100, 1), 416u);  // 160 + 256
-  EXPECT_EQ(VelmoAudioDecoderSize(48000, 2), 672u);  // 160 + 512
 }
 
 TEST(AudioTables, TrackFlagsAndModes) {
@@ -269,54 +255,41 @@ TEST(AudioDecoder, OpenRefusesWhatItCannotDecode) {
   EXPECT_EQ(VelmoAudioDecoderStepBytes(decoder), 8192u - 512u);
 }
 
-TEST(AudioDecoder, OlderFormMonoMatchesInverseFft) {
-  const Layout layout = LayoutFor(11025, 1, false);
-  const ChannelData data = RandomChannel(layout, 1);
-  Decoder decoder(11025, 1, 0);
-  size_t position = 0;
-  uint32_t used = 0;
-  const std::vector<uint8_t> block = BuildBlock(layout, {data});
-  const std::vector<int16_t> out = decoder.Block(InPacket(block), &position, &used);
-  EXPECT_EQ(used, block.size());
-  EXPECT_EQ(position, block.size());
-  ASSERT_EQ(out.size(), 512u - 32u);
-  ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
-}
-
-TEST(AudioDecoder, OlderFormStereoIsOneInterleavedChannel) {
-  // 22050 Hz stereo: a transform of 2048 over the bands of 44100 Hz.
-  const Layout layout = LayoutFor(22050, 2, false);
-  EXPECT_EQ(layout.Length, 2048u);
-  EXPECT_EQ(layout.BandCount, 25u);
-  Layout reference = LayoutFor(44100, 1, true);
-  for (uint32_t b = 0; b <= 25; ++b) EXPECT_EQ(layout.Bounds[b], reference.Bounds[b]);
-
-  const ChannelData data = RandomChannel(layout, 2);
-  Decoder decoder(22050, 2, 0);
-  const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {data})));
-  ASSERT_EQ(out.size(), 2048u - 128u);
-  ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
-}
-
-TEST(AudioDecoder, CurrentFormStereoInterleavesTwoDcts) {
-  const Layout layout = LayoutFor(22050, 2, true);
-  const ChannelData left = RandomChannel(layout, 3), right = RandomChannel(layout, 4);
-  Decoder decoder(22050, 2, VelmoAudioCurrentForm);
-  const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {left, right})));
-  ASSERT_EQ(out.size(), 2 * 1024u - 128u);
-  const size_t frames = out.size() / 2;
-  ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, left)), 2, 0, frames, 1.01);
-  ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, right)), 2, 1, frames, 1.01);
-}
-
-TEST(AudioDecoder, CurrentFormOddRatesUseTheirOwnBands) {
-  for (uint32_t rate : {8000u, 11025u, 32000u, 48000u, 65535u}) {
-    const Layout layout = LayoutFor(rate, 1, true);
-    const ChannelData data = RandomChannel(layout, rate);
-    Decoder decoder(rate, 1, VelmoAudioCurrentForm);
-    const std::vector<int16_t> out = decoder.Block(InPacket(BuildBlock(layout, {data})));
-    ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data)), 1, 0, out.size(), 1.01);
+// Blocks of random coefficients against the direct inverse sums: the older form's inverse FFT
+// (stereo as one interleaved channel of twice the length), the current form's DCT per channel.
+TEST(AudioDecoder, BlocksMatchDirectInverseSums) {
+  const struct {
+    uint32_t Rate, Channels;
+    bool Current;
+    size_t Samples;  // handed out: the block less its overlap
+  } cases[] = {{11025, 1, false, 512 - 32},    {22050, 2, false, 2048 - 128},
+               {22050, 2, true, 2 * 1024 - 128}, {8000, 1, true, 512 - 32},
+               {11025, 1, true, 512 - 32},       {32000, 1, true, 1024 - 64},
+               {48000, 1, true, 2048 - 128},     {65535, 1, true, 2048 - 128}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.Rate << " Hz, " << c.Channels << " channels, form "
+                                      << c.Current);
+    const Layout layout = LayoutFor(c.Rate, c.Channels, c.Current);
+    const uint32_t coded = c.Current ? c.Channels : 1;
+    std::vector<ChannelData> data;
+    for (uint32_t ch = 0; ch < coded; ++ch) data.push_back(RandomChannel(layout, c.Rate + ch));
+    Decoder decoder(c.Rate, c.Channels, c.Current ? VelmoAudioCurrentForm : 0);
+    size_t position = 0;
+    uint32_t used = 0;
+    const std::vector<uint8_t> block = BuildBlock(layout, data);
+    const std::vector<int16_t> out = decoder.Block(InPacket(block), &position, &used);
+    EXPECT_EQ(used, block.size());
+    EXPECT_EQ(position, block.size());
+    ASSERT_EQ(out.size(), c.Samples);
+    for (uint32_t ch = 0; ch < coded; ++ch)
+      ExpectSamplesNear(out, DirectInverse(layout, Coefficients(layout, data[ch])), coded, ch,
+                        out.size() / coded, 1.01);
   }
+  // 22050 Hz stereo in the older form: a transform of 2048 over the bands of 44100 Hz.
+  const Layout older = LayoutFor(22050, 2, false), reference = LayoutFor(44100, 1, true);
+  EXPECT_EQ(older.Length, 2048u);
+  ASSERT_EQ(older.BandCount, 25u);
+  for (uint32_t b = 0; b <= 25; ++b) EXPECT_EQ(older.Bounds[b], reference.Bounds[b]);
 }
 
 TEST(AudioDecoder, IndexAbove95DecodesAs95) {

@@ -1,0 +1,97 @@
+// Helpers shared by the compressor's tests: a scratch folder that removes itself, whole-file
+// reads and writes, the generated test picture, and 16-bit wave files.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace compress_test {
+
+// A fresh folder under /tmp, removed with everything in it when the test is done.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    char pattern[] = "/tmp/orn_compress_test_XXXXXX";
+    const char* made = mkdtemp(pattern);
+    EXPECT_NE(made, nullptr);
+    Dir = made ? made : "/tmp";
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(Dir, ignored);
+  }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  std::string operator/(const std::string& name) const { return Dir + "/" + name; }
+  std::string Dir;
+};
+
+inline bool Exists(const std::string& p) { return access(p.c_str(), F_OK) == 0; }
+
+inline std::vector<uint8_t> ReadAll(const std::string& name) {
+  std::vector<uint8_t> bytes;
+  if (FILE* f = std::fopen(name.c_str(), "rb")) {
+    uint8_t chunk[65536];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
+    std::fclose(f);
+  }
+  return bytes;
+}
+
+inline void WriteAll(const std::string& name, const std::vector<uint8_t>& bytes) {
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_NE(f, nullptr) << name;
+  ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+  ASSERT_EQ(std::fclose(f), 0);
+}
+
+inline void WriteText(const std::string& name, const char* text) {
+  WriteAll(name, std::vector<uint8_t>(text, text + std::strlen(text)));
+}
+
+inline void Store32(std::vector<uint8_t>* file, size_t at, uint32_t value) {
+  std::memcpy(file->data() + at, &value, 4);
+}
+
+// An opaque 0xAARRGGBB test picture at time t: ramps, a moving checkerboard, and a pattern.
+inline std::vector<uint32_t> Picture(uint32_t w, uint32_t h, uint32_t t) {
+  std::vector<uint32_t> p(size_t(w) * h);
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) {
+      const uint32_t r = (x * 7 + t * 3) & 255, g = (y * 5 + ((x / 8 + y / 8 + t) & 1) * 90) & 255,
+                     b = (x ^ y) & 255;
+      p[size_t(y) * w + x] = 0xff000000u | r << 16 | g << 8 | b;
+    }
+  return p;
+}
+
+// A 16-bit PCM wave file of interleaved samples.
+inline void WriteWave(const std::string& name, const std::vector<int16_t>& pcm, uint32_t rate,
+                      uint32_t channels) {
+  const uint32_t data = uint32_t(pcm.size() * 2);
+  std::vector<uint8_t> file(44);
+  std::memcpy(file.data(), "RIFF", 4);
+  Store32(&file, 4, 36 + data);
+  std::memcpy(file.data() + 8, "WAVEfmt ", 8);
+  Store32(&file, 16, 16);
+  Store32(&file, 20, 1 | channels << 16);
+  Store32(&file, 24, rate);
+  Store32(&file, 28, rate * channels * 2);
+  Store32(&file, 32, channels * 2 | 16 << 16);
+  std::memcpy(file.data() + 36, "data", 4);
+  Store32(&file, 40, data);
+  file.resize(44 + data);
+  std::memcpy(file.data() + 44, pcm.data(), data);
+  WriteAll(name, file);
+}
+
+}  // namespace compress_test
