@@ -29,6 +29,18 @@ std::vector<uint8_t> Plane(uint32_t w, std::vector<std::vector<int>> rows, bool 
   return Velmo1EncBuildPlane(p, o);
 }
 
+// Y: 4 x 2 blocks, two of them SKIP. Cr, Cb: 2 x 1 blocks.
+const std::vector<std::vector<int>> LumaRows = {{10, -1, 30, 40}, {50, 60, -1, 80}};
+
+// The frame most cases decode: alpha 7 (when present), Y of LumaRows, Cr 1 2, Cb 3 4.
+std::vector<uint8_t> Section(bool alpha) {
+  return Velmo1EncBuildSection(alpha, false, alpha ? Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false)
+                                                   : std::vector<uint8_t>{},
+                               Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
+                               Plane(16, {{3, 4}}, false));
+}
+
+// Two frame sets of 32 x 16 with alpha: the previous picture in set 0, set 1 to decode into.
 struct FrameCase {
   Velmo1TestFrames F{32, 16, 16, 8, true};
   FrameCase() {
@@ -37,17 +49,16 @@ struct FrameCase {
       F.FillPlane(1, p, Before);
     }
   }
-  uint32_t Decode(const std::vector<uint8_t>& section, uint32_t flags, uint32_t fileFlags, uint32_t tag) {
+  // Decodes from an exact-size heap copy, so that a read past the section is caught.
+  uint32_t Decode(const std::vector<uint8_t>& section, uint32_t flags, uint32_t fileFlags,
+                  uint32_t tag, const uint32_t* bundleSizes = nullptr) {
     std::unique_ptr<uint8_t[]> copy(new uint8_t[section.size() + 1]);
     std::copy(section.begin(), section.end(), copy.get());
-    return Velmo1DecodeFrame(&F.Fb, copy.get(), copy.get() + section.size() + 4, nullptr, flags,
+    return Velmo1DecodeFrame(&F.Fb, copy.get(), copy.get() + section.size() + 4, bundleSizes, flags,
                              fileFlags, tag);
   }
   uint8_t At(uint32_t p, uint32_t x, uint32_t y) { return *F.Pixel(1, p, x, y); }
 };
-
-// Y: 4 x 2 blocks, two of them SKIP. Cr, Cb: 2 x 1 blocks.
-const std::vector<std::vector<int>> LumaRows = {{10, -1, 30, 40}, {50, 60, -1, 80}};
 
 TEST(Velmo1Frame, VlmkFrameWithConstantAlpha) {
   FrameCase c;
@@ -82,30 +93,27 @@ TEST(Velmo1Frame, ChangeFigureTakesTheLeastChangedPlane) {
   EXPECT_EQ(d.At(VelmoPlaneCr, 15, 0), 2);
 }
 
+// Planes left out by the flags keep what the set held: luma alone as the reader may ask,
+// chroma with alpha, and everything.
 TEST(Velmo1Frame, SkipFlagsLeavePlanesUntouched) {
-  const auto section = Velmo1EncBuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
-                                          Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
-                                          Plane(16, {{3, 4}}, false));
-  FrameCase chroma;  // chroma and alpha left out, as the reader asks for luma alone
-  chroma.Decode(section, Velmo1SkipChroma, Velmo1FileHasAlpha, TagVLMi);
-  EXPECT_EQ(chroma.At(VelmoPlaneY, 0, 0), 10);
-  EXPECT_EQ(chroma.At(VelmoPlaneAlpha, 0, 0), Before);
-  EXPECT_EQ(chroma.At(VelmoPlaneCr, 0, 0), Before);
-  EXPECT_EQ(chroma.At(VelmoPlaneCb, 0, 0), Before);
-
-  FrameCase luma;  // chroma with alpha
-  luma.Decode(section, Velmo1SkipLuma | Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
-  EXPECT_EQ(luma.At(VelmoPlaneY, 0, 0), Before);
-  EXPECT_EQ(luma.At(VelmoPlaneAlpha, 5, 5), 7);
-  EXPECT_EQ(luma.At(VelmoPlaneCr, 8, 0), 2);
-  EXPECT_EQ(luma.At(VelmoPlaneCb, 8, 0), 4);
-
-  FrameCase all;
-  all.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
-  EXPECT_EQ(all.At(VelmoPlaneAlpha, 31, 15), 7);
-  EXPECT_EQ(all.At(VelmoPlaneY, 16, 0), 30);
-  EXPECT_EQ(all.At(VelmoPlaneCb, 0, 0), 3);
-  EXPECT_TRUE(all.F.GuardsIntact());
+  const std::vector<uint8_t> section = Section(true);
+  const struct {
+    uint32_t Flags;
+    uint8_t Alpha, Y, Cr, Cb;  // at (8, 0)
+  } cases[] = {{Velmo1SkipChroma, Before, 0x60, Before, Before},
+               {Velmo1SkipLuma | Velmo1AlphaPlane, 7, Before, 2, 4},
+               {Velmo1AlphaPlane, 7, 0x60, 2, 4}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.Flags);
+    FrameCase f;
+    f.Decode(section, c.Flags, Velmo1FileHasAlpha, TagVLMi);
+    EXPECT_EQ(f.At(VelmoPlaneAlpha, 8, 0), c.Alpha);
+    EXPECT_EQ(f.At(VelmoPlaneY, 8, 0), c.Y);  // a SKIP block: the previous picture
+    EXPECT_EQ(f.At(VelmoPlaneY, 16, 0), c.Y == Before ? Before : 30);
+    EXPECT_EQ(f.At(VelmoPlaneCr, 8, 0), c.Cr);
+    EXPECT_EQ(f.At(VelmoPlaneCb, 8, 0), c.Cb);
+    EXPECT_TRUE(f.F.GuardsIntact());
+  }
 }
 
 TEST(Velmo1Frame, OldRevisionChainsPlanesWithoutAChromaWord) {
@@ -123,9 +131,7 @@ TEST(Velmo1Frame, OldRevisionChainsPlanesWithoutAChromaWord) {
 }
 
 TEST(Velmo1Frame, OffsetsOutsideTheSectionLeavePlanesAsTheyWere) {
-  auto section = Velmo1EncBuildSection(true, false, Plane(32, {{7, 7, 7, 7}, {7, 7, 7, 7}}, false),
-                                    Plane(32, LumaRows, false), Plane(16, {{1, 2}}, false),
-                                    Plane(16, {{3, 4}}, false));
+  const std::vector<uint8_t> section = Section(true);
   // The alpha size word pointing past the section: alpha decodes, nothing after it does.
   auto badAlpha = section;
   badAlpha[0] = 0xF0;
@@ -151,10 +157,9 @@ TEST(Velmo1Frame, OffsetsOutsideTheSectionLeavePlanesAsTheyWere) {
 TEST(Velmo1Frame, SingleBufferRingReadsAndWritesTheSameSet) {
   Velmo1TestFrames f(32, 16, 16, 8, false, 1);
   f.FillPlane(0, VelmoPlaneY, 0x44);
-  const auto section = Velmo1EncBuildSection(false, false, {}, Plane(32, LumaRows, false),
-                                          Plane(16, {{1, 2}}, false), Plane(16, {{3, 4}}, false));
-  EXPECT_EQ(Velmo1DecodeFrame(&f.Fb, section.data(), section.data() + section.size() + 4, nullptr, 0, 0,
-                              TagVLMi),
+  const std::vector<uint8_t> section = Section(false);
+  EXPECT_EQ(Velmo1DecodeFrame(&f.Fb, section.data(), section.data() + section.size() + 4, nullptr,
+                              0, 0, TagVLMi),
             100u);  // the chroma planes skipped nothing
   EXPECT_EQ(*f.Pixel(0, VelmoPlaneY, 8, 0), 0x44);
   EXPECT_EQ(*f.Pixel(0, VelmoPlaneY, 0, 0), 10);
@@ -163,10 +168,8 @@ TEST(Velmo1Frame, SingleBufferRingReadsAndWritesTheSameSet) {
 
 TEST(Velmo1Frame, SmallGivenBundleSizesAreRaised) {
   FrameCase c;
-  uint32_t tiny[Velmo1BundleCount] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
-  const auto section = Velmo1EncBuildSection(false, false, {}, Plane(32, LumaRows, false),
-                                          Plane(16, {{1, 2}}, false), Plane(16, {{3, 4}}, false));
-  Velmo1DecodeFrame(&c.F.Fb, section.data(), section.data() + section.size() + 4, tiny, 0, 0, TagVLMi);
+  const uint32_t tiny[Velmo1BundleCount] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+  c.Decode(Section(false), 0, 0, TagVLMi, tiny);
   EXPECT_EQ(c.At(VelmoPlaneY, 24, 8), 80);
   EXPECT_EQ(c.At(VelmoPlaneCb, 8, 0), 4);
 }

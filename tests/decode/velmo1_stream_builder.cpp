@@ -3,6 +3,7 @@
 #include "velmo1_stream_builder.h"
 
 #include <algorithm>
+#include <cmath>
 #include <random>
 
 // ---------------------------------------------------------------------------------------------
@@ -81,4 +82,25 @@ Velmo1EncPlaneSpec Velmo1MixedPlane(uint32_t width, uint32_t height, uint32_t se
     plane.Rows.push_back(std::move(row));
   }
   return plane;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Float reference transform
+
+double Velmo1AanScale(int k) { return k == 0 ? 1.0 : std::sqrt(2.0) * std::cos(k * M_PI / 16); }
+
+void Velmo1FloatIdct(const int16_t coeffs[64], const uint32_t table[64], double out[64]) {
+  for (int y = 0; y < 8; ++y)
+    for (int x = 0; x < 8; ++x) {
+      double sum = 0;
+      for (int u = 0; u < 8; ++u)
+        for (int v = 0; v < 8; ++v) {
+          const double f = coeffs[u * 8 + v] * double(table[u * 8 + v]) / 65536.0 /
+                           Velmo1AanScale(u) / Velmo1AanScale(v);
+          const double cu = u ? 1 : M_SQRT1_2, cv = v ? 1 : M_SQRT1_2;
+          sum += cu * cv * f * std::cos((2 * y + 1) * u * M_PI / 16) *
+                 std::cos((2 * x + 1) * v * M_PI / 16);
+        }
+      out[y * 8 + x] = sum / 4;
+    }
 }

@@ -2,6 +2,7 @@
 #include "decode/velmo1_decoder.h"
 #include "decode/velmo1_tables.h"
 #include "host/cpu_features.h"
+#include "velmo1_stream_builder.h"
 
 #include <gtest/gtest.h>
 
@@ -96,14 +97,13 @@ TEST(Velmo1Bundles, SizesFollowTheWidth) {
 // ---------------------------------------------------------------------------------------------
 // Dequantisation
 
-double AanScale(int k) { return k == 0 ? 1.0 : std::sqrt(2.0) * std::cos(k * M_PI / 16); }
 
 TEST(Velmo1Dequant, BasesAreScaledIntegerWeights) {
   // Each printed base is 65536 * a(u) * a(v) * w / 16 with a the transform's scale factors and
   // w a whole weight; a mistyped digit breaks this.
   for (const uint32_t* base : {Velmo1IntraBaseMilli, Velmo1InterBaseMilli}) {
     for (int k = 0; k < 64; ++k) {
-      const double w = base[k] / 1000.0 / 65536.0 / AanScale(k / 8) / AanScale(k % 8) * 16;
+      const double w = base[k] / 1000.0 / 65536.0 / Velmo1AanScale(k / 8) / Velmo1AanScale(k % 8) * 16;
       EXPECT_NEAR(w, std::round(w), 2e-5) << k;
       EXPECT_GE(std::round(w), 16);
     }
@@ -133,22 +133,6 @@ TEST(Velmo1Dequant, TablesAreBaseTimesScaleRounded) {
 // ---------------------------------------------------------------------------------------------
 // Inverse transform
 
-// The transform as a plain float DCT: coefficient c at (u, v) stands for c * t / (65536 a(u) a(v))
-// of an orthonormal 8x8 DCT whose DC gives pixels of DC / 8.
-void FloatIdct(const int16_t coeffs[64], const uint32_t table[64], double out[64]) {
-  for (int y = 0; y < 8; ++y)
-    for (int x = 0; x < 8; ++x) {
-      double sum = 0;
-      for (int u = 0; u < 8; ++u)
-        for (int v = 0; v < 8; ++v) {
-          const double f = coeffs[u * 8 + v] * double(table[u * 8 + v]) / 65536.0 / AanScale(u) / AanScale(v);
-          const double cu = u ? 1 : M_SQRT1_2, cv = v ? 1 : M_SQRT1_2;
-          sum += cu * cv * f * std::cos((2 * y + 1) * u * M_PI / 16) * std::cos((2 * x + 1) * v * M_PI / 16);
-        }
-      out[y * 8 + x] = sum / 4;
-    }
-}
-
 TEST(Velmo1Idct, LoneDcRoundsWith127) {
   int16_t c[64] = {};
   int32_t out[64];
@@ -163,7 +147,7 @@ TEST(Velmo1Idct, LoneDcRoundsWith127) {
       for (int32_t v : out) EXPECT_EQ(v, (d + 127) >> 8) << dc << " " << s;
       if (std::abs(int64_t(dc) * t[0]) < (int64_t(1) << 31)) {  // products that do not wrap
         double ref[64];
-        FloatIdct(c, t, ref);
+        Velmo1FloatIdct(c, t, ref);
         EXPECT_NEAR(out[0], ref[0], 1.0);
       }
     }
@@ -180,7 +164,7 @@ TEST(Velmo1Idct, MatchesFloatReferenceOnRandomBlocks) {
     int32_t out[64];
     double ref[64];
     Velmo1IdctReference(c, t, out);
-    FloatIdct(c, t, ref);
+    Velmo1FloatIdct(c, t, ref);
     for (int k = 0; k < 64; ++k) ASSERT_NEAR(out[k], ref[k], 2.0) << round << " " << k;
   }
 }
