@@ -58,6 +58,16 @@ class Settings : public ::testing::Test {
     Put(MachineFile(), "[Software\\Ornis Works\\ORN Video Tools]\n" + body);
   }
 
+  // Writes the stores given with their section line, removes the others.
+  void Stores(const char* profile, const char* user, const char* machine) {
+    unlink(ProfileFile().c_str());
+    unlink(UserFile().c_str());
+    unlink(MachineFile().c_str());
+    if (profile) PutProfile(profile);
+    if (user) PutUser(user);
+    if (machine) PutMachine(machine);
+  }
+
   static std::string Text(const char* name, const char* fallback, size_t size = 256) {
     char buf[256];
     const size_t n = SettingsReadText(SettingsMainSection, name, buf, size, fallback);
@@ -79,23 +89,27 @@ TEST_F(Settings, MissingFilesGiveDefaults) {
   EXPECT_EQ(std::string(path), UserFile());
 }
 
-TEST_F(Settings, ProfileTextOverDefault) {
-  PutProfile("VelmoConv =  /z /q  \nTarvComp=\"  padded  \"\n");
-  EXPECT_EQ(Text("velmoconv", "/z"), "/z /q");  // names compare without case, blanks trimmed
-  EXPECT_EQ(Text("TarvComp", ""), "  padded  ");
-}
-
-TEST_F(Settings, RegistryTextOverProfile) {
-  PutProfile("Path=/from/profile\n");
-  PutUser("Path=sz:/from/user\n");
-  PutMachine("Path=sz:/from/machine\n");
-  EXPECT_EQ(Text("Path", ""), "/from/user");
-}
-
-TEST_F(Settings, MachineTextWhenUserHasNone) {
-  PutProfile("Path=/from/profile\n");
-  PutMachine("Path=sz:/from/machine\n");
-  EXPECT_EQ(Text("Path", ""), "/from/machine");
+// Which store a value comes from: user registry, then machine registry (texts only), then the
+// profile, then the default; names compare without case, profile blanks are trimmed, and a
+// registry value of the wrong type is passed over.
+TEST_F(Settings, StoresInOrderOfPrecedence) {
+  const struct {
+    const char *profile, *user, *machine, *name, *want;
+  } texts[] = {
+      {"VelmoConv =  /z /q  \n", nullptr, nullptr, "velmoconv", "/z /q"},
+      {"TarvComp=\"  padded  \"\n", nullptr, nullptr, "TarvComp", "  padded  "},
+      {"Path=/from/profile\n", "Path=sz:/from/user\n", "Path=sz:/from/machine\n", "Path", "/from/user"},
+      {"Path=/from/profile\n", nullptr, "Path=sz:/from/machine\n", "Path", "/from/machine"},
+      {"Path=/p\n", "Path=dword:00000001\n", nullptr, "Path", "/p"},
+  };
+  for (const auto& c : texts) {
+    SCOPED_TRACE(c.name + std::string(" ") + c.want);
+    Stores(c.profile, c.user, c.machine);
+    EXPECT_EQ(Text(c.name, "default"), c.want);
+  }
+  // Numbers never come from the machine store.
+  Stores(nullptr, nullptr, "X=dword:00000064\n");
+  EXPECT_EQ(Int("X", 5), 5u);
   char path[512];
   SettingsStorePath(SettingsStoreMachine, path, sizeof path);
   EXPECT_EQ(std::string(path), MachineFile());
@@ -110,12 +124,6 @@ TEST_F(Settings, RegistryTextTooLongFallsBack) {
   EXPECT_EQ(Text("Path", "", 6), "/mach");  // exactly fits with its terminator
 }
 
-TEST_F(Settings, RegistryTextMustBeText) {
-  PutProfile("Path=/p\n");
-  PutUser("Path=dword:00000001\n");
-  EXPECT_EQ(Text("Path", ""), "/p");
-}
-
 TEST_F(Settings, IntegerFromProfileThenUserRegistry) {
   PutProfile("X=250\nY=-3\nW=abc\n");
   EXPECT_EQ(Int("X", 100), 250u);
@@ -123,11 +131,6 @@ TEST_F(Settings, IntegerFromProfileThenUserRegistry) {
   EXPECT_EQ(Int("W", 7), 7u);  // not a number: the default stands
   PutUser("X=dword:00000064\n");
   EXPECT_EQ(Int("X", 1), 100u);
-}
-
-TEST_F(Settings, IntegerIgnoresMachineStore) {
-  PutMachine("X=dword:00000064\n");
-  EXPECT_EQ(Int("X", 5), 5u);
 }
 
 TEST_F(Settings, IntegerNeedsExactlyFourBytes) {
