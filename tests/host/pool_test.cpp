@@ -49,15 +49,6 @@ TEST_F(Pool, EveryIndexRunsExactlyOncePerRun) {
   }
 }
 
-TEST_F(Pool, OneThreadRunsOnTheCallerAlone) {
-  PoolSetThreads(1);
-  Tally tally{};
-  PoolRun(CountIndex, &tally);
-  EXPECT_EQ(tally.Hits[0], 1u);
-  EXPECT_EQ(tally.Hits[1], 0u);
-  EXPECT_TRUE(pthread_equal(tally.Threads[0], pthread_self()));
-}
-
 TEST_F(Pool, CountsOutOfRangeTakeTheProcessorCount) {
   PoolSetThreads(0);
   EXPECT_EQ(PoolThreadCount(), ProcessorCount());

@@ -108,9 +108,7 @@ TEST_F(Timer, SimpleSourceWhenAskedForObeysTheSameRule) {
   EXPECT_EQ(TimerMs(), 0u);
   fakeSimple += 0x20;
   EXPECT_EQ(TimerMs(), 0x20u);
-}
-
-TEST_F(Timer, OtherValuesOfTheVariableKeepTheCounter) {
+  // Other values of the variable keep the counter.
   setenv("ORN_USE_TGT", "0", 1);
   Install(1000000);
   TimerMs();

@@ -36,18 +36,15 @@ TEST(Bmp, OneBitRowsArePaddedAndBottomUp) {
   EXPECT_EQ(p.pixels, (std::vector<uint32_t>{dark, light, light, light, dark, light}));
 }
 
-TEST(Bmp, FourAndEightBitPalettes) {
+TEST(Bmp, FourAndEightBitPalettesAndIndicesPastThem) {
   const std::vector<uint8_t> four = {0x12, 0x30, 0, 0};  // 3x1: indices 1,2,3
   EXPECT_EQ(Read(MakeBmp(3, 1, 4, 0, kFourColours, four)).pixels,
             (std::vector<uint32_t>{0xFFFF0000, 0xFF00FF00, 0xFF0000FF}));
   const std::vector<uint8_t> eight = {3, 0, 1, 0};
   EXPECT_EQ(Read(MakeBmp(3, 1, 8, 0, kFourColours, eight)).pixels,
             (std::vector<uint32_t>{0xFF0000FF, 0xFF000000, 0xFFFF0000}));
-}
-
-TEST(Bmp, IndexBeyondThePaletteReadsBlack) {
-  const std::vector<uint8_t> eight = {200, 1, 0, 0};
-  EXPECT_EQ(Read(MakeBmp(2, 1, 8, 0, kFourColours, eight)).pixels, (std::vector<uint32_t>{0xFF000000, 0xFFFF0000}));
+  const std::vector<uint8_t> beyond = {200, 1, 0, 0};  // an index past the palette reads black
+  EXPECT_EQ(Read(MakeBmp(2, 1, 8, 0, kFourColours, beyond)).pixels, (std::vector<uint32_t>{0xFF000000, 0xFFFF0000}));
 }
 
 TEST(Bmp, SixteenBitDefaultAndBitFields) {

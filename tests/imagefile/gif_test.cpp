@@ -70,7 +70,7 @@ std::vector<RawFrame> TwoFrames(int first_disposal) {
   return {first, second};
 }
 
-TEST(Gif, AnimationHeaderFramesDelaysAndLoop) {
+TEST(Gif, AnimationHeaderFramesDelaysLoopAndTransparency) {
   const std::vector<uint8_t> bytes = EncodeGif(3, 2, TwoFrames(1));
   ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, nullptr);
   ASSERT_NE(file, nullptr);
@@ -89,10 +89,7 @@ TEST(Gif, AnimationHeaderFramesDelaysAndLoop) {
   EXPECT_EQ(ImageFilePalette(file, palette), 4);
   EXPECT_EQ(palette[3], B);
   ImageFileClose(file);
-}
-
-TEST(Gif, TransparentPixelsKeepTheCanvasUnderThem) {
-  const std::vector<uint8_t> bytes = EncodeGif(3, 2, TwoFrames(1));
+  // Transparent pixels keep the canvas under them.
   EXPECT_EQ(Read(bytes, nullptr, 0).pixels, (std::vector<uint32_t>(6, R)));
   EXPECT_EQ(Read(bytes, nullptr, 1).pixels, (std::vector<uint32_t>{R, R, R, R, B, R}));
 }
