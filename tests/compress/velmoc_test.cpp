@@ -464,7 +464,7 @@ TEST(VelmocRun, ExitCodes) {
   EXPECT_FALSE(Exists(out + ".tmp"));
   // Alpha asked on an input without it: the console answers the question with its default
   // (No: go on), and the run ends well without alpha.
-  EXPECT_EQ(RunTool("clip " + out + " /v100 /z1000"), ToolExitDone);
+  EXPECT_EQ(RunTool("clip " + out + " /v100 /z1000 /s1 /e2"), ToolExitDone);
   Velmo1FileCheck check;
   ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
   EXPECT_FALSE(check.Info.Header.Flags & VelmoFlagAlpha);

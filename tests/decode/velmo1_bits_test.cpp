@@ -36,82 +36,56 @@ TEST(Velmo1BitReader, BytesPastTheReadableSpanAreZero) {
   EXPECT_EQ(r.Pos, 16u);  // the position goes on counting
 }
 
-Velmo1Huffman Decode(const Velmo1EncBits& bits) {
+// Reads a description from the given fields; `next` gets the four bits that follow it.
+Velmo1Huffman Decode(const Velmo1EncBits& bits, uint32_t* next = nullptr) {
   Velmo1EncBitWriter w;
   w.Put(bits);
+  w.Put(0xA, 4);
   const std::vector<uint8_t> bytes = w.Finish();
   Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size() + 4);
   Velmo1Huffman h{};
   Velmo1ReadHuffman(r, h);
+  if (next) *next = Velmo1Read(r, 4);
   return h;
 }
 
 std::vector<int> MapOf(const Velmo1Huffman& h) { return std::vector<int>(h.Map, h.Map + 16); }
 
-TEST(Velmo1Description, TableZeroIsTheIdentity) {
-  Velmo1EncBits b;
-  b.Put(0, 4);
-  b.Put(0xF, 4);  // not part of the description
-  const Velmo1Huffman h = Decode(b);
-  EXPECT_EQ(h.Table, 0u);
-  EXPECT_EQ(h.Longest, 4u);
-  std::vector<int> identity(16);
-  std::iota(identity.begin(), identity.end(), 0);
-  EXPECT_EQ(MapOf(h), identity);
-}
-
-TEST(Velmo1Description, PrefixFormThenUnusedValuesAscending) {
-  Velmo1EncBits b;
-  b.Put(7, 4);   // table 7
-  b.Put(1, 1);   // prefix form
-  b.Put(2, 3);   // three entries
-  b.Put(9, 4);
-  b.Put(0, 4);
-  b.Put(15, 4);
-  const Velmo1Huffman h = Decode(b);
-  EXPECT_EQ(h.Table, 7u);
-  EXPECT_EQ(h.Longest, 6u);
-  EXPECT_EQ(MapOf(h), (std::vector<int>{9, 0, 15, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13, 14}));
-}
-
-TEST(Velmo1Description, PairsWithoutMerging) {
-  Velmo1EncBits b;
-  b.Put(2, 4);
-  b.Put(0, 1);   // pairs
-  b.Put(0, 2);   // no merges
-  for (int p = 0; p < 8; ++p) b.Put(p & 1, 1);  // every second pair swapped
-  EXPECT_EQ(MapOf(Decode(b)), (std::vector<int>{0, 1, 3, 2, 4, 5, 7, 6, 8, 9, 11, 10, 12, 13, 15, 14}));
-}
-
-TEST(Velmo1Description, MergeReadsOnlyTheBitsItNeeds) {
-  Velmo1EncBits b;
-  b.Put(5, 4);
-  b.Put(0, 1);
-  b.Put(1, 2);  // one merge round: four lists of four
-  b.Put(0xFF, 8);  // all pairs swapped: (1,0) (3,2) (5,4) ...
-  // Lists (1,0)+(3,2): take B, B -> B used up, A appended without bits: 3 2 1 0.
-  b.Put(1, 1);
-  b.Put(1, 1);
-  // (5,4)+(7,6): A, B, A -> A used up: 5 7 4 6.
-  b.Put(0, 1);
-  b.Put(1, 1);
-  b.Put(0, 1);
-  // (9,8)+(11,10): A A -> 9 8 11 10.
-  b.Put(0, 1);
-  b.Put(0, 1);
-  // (13,12)+(15,14): B A B A? B, A, B -> B used up: 15 13 14 12.
-  b.Put(1, 1);
-  b.Put(0, 1);
-  b.Put(1, 1);
-  b.Put(0xA, 4);  // a sentinel that must not be consumed
-  Velmo1EncBitWriter w;
-  w.Put(b);
-  const std::vector<uint8_t> bytes = w.Finish();
-  Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size() + 4);
-  Velmo1Huffman h{};
-  Velmo1ReadHuffman(r, h);
-  EXPECT_EQ(MapOf(h), (std::vector<int>{3, 2, 1, 0, 5, 7, 4, 6, 9, 8, 11, 10, 15, 13, 14, 12}));
-  EXPECT_EQ(Velmo1Read(r, 4), 0xAu);
+// Descriptions written field by field: each is read to its last bit and no further.
+TEST(Velmo1Description, FormsGiveTheirMaps) {
+  const struct {
+    const char* What;
+    std::vector<std::pair<uint32_t, uint8_t>> Fields;  // value, width
+    uint32_t Table;
+    std::vector<int> Map;
+  } cases[] = {
+      {"table 0 is the identity", {{0, 4}}, 0, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}},
+      // Table 7, prefix form, three entries, then the unused values ascending.
+      {"prefix form", {{7, 4}, {1, 1}, {2, 3}, {9, 4}, {0, 4}, {15, 4}}, 7,
+       {9, 0, 15, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13, 14}},
+      // Pairs, no merge rounds, every second pair swapped.
+      {"pairs without merging",
+       {{2, 4}, {0, 1}, {0, 2}, {0, 1}, {1, 1}, {0, 1}, {1, 1}, {0, 1}, {1, 1}, {0, 1}, {1, 1}}, 2,
+       {0, 1, 3, 2, 4, 5, 7, 6, 8, 9, 11, 10, 12, 13, 15, 14}},
+      // One merge round of four lists of four, all pairs swapped: (1,0) (3,2) (5,4) ... Then
+      // (1,0)+(3,2): B, B -> B used up, A appended without bits: 3 2 1 0. (5,4)+(7,6): A, B, A
+      // -> 5 7 4 6. (9,8)+(11,10): A, A -> 9 8 11 10. (13,12)+(15,14): B, A, B -> 15 13 14 12.
+      {"a merge reads only the bits it needs",
+       {{5, 4}, {0, 1}, {1, 2}, {0xFF, 8}, {1, 1}, {1, 1}, {0, 1}, {1, 1}, {0, 1}, {0, 1}, {0, 1},
+        {1, 1}, {0, 1}, {1, 1}},
+       5, {3, 2, 1, 0, 5, 7, 4, 6, 9, 8, 11, 10, 15, 13, 14, 12}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.What);
+    Velmo1EncBits b;
+    b.Fields = c.Fields;
+    uint32_t next = 0;
+    const Velmo1Huffman h = Decode(b, &next);
+    EXPECT_EQ(h.Table, c.Table);
+    EXPECT_EQ(h.Longest, Velmo1LongestCode[c.Table]);
+    EXPECT_EQ(MapOf(h), c.Map);
+    EXPECT_EQ(next, 0xAu);
+  }
 }
 
 TEST(Velmo1Description, WriterFormsRoundTripForRandomMaps) {
