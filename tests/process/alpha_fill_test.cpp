@@ -46,28 +46,29 @@ TEST(AlphaFill, OpaqueAndEmptyFramesAreLeftAlone) {
   EXPECT_EQ(empty.Pixels, std::vector<uint32_t>(800, 0x00123456u));
 }
 
-TEST(AlphaFill, UnpremultiplyFillOnOpaqueFrameChangesNothing) {
-  const uint32_t w = 33, h = 17;
-  std::vector<uint32_t> src = RandomFrame(w, h, 4);
-  for (auto& px : src) px |= Opaque;
-  std::vector<uint32_t> dst(src.size());
-  const PixelFetch fetch = Fetch32();
-  RecordingRunner runner;
-  InitRecordingRunner(&runner, 2);
-  const StageFrames f{
-      Bytes(src.data()), w * 4, &fetch, nullptr, Bytes(dst.data()), w * 4, w, h, false,
-      &runner.Runner};
-  StageUnpremultiplyFill(&f);
-  EXPECT_EQ(dst, src);
-  EXPECT_EQ(runner.Names, (std::vector<std::string>{"Unpremultiply", "Fill in alpha"}));
-}
-
-TEST(AlphaFill, InsideATileTransparentPixelsTakeNeighbourColour) {
-  Frame f(16, 16);
-  f.FillRect(0, 0, 8, 16, Opaque | Red);
-  Fill(&f);
-  for (uint32_t y = 0; y < 16; ++y)
-    for (uint32_t x = 0; x < 16; ++x) ASSERT_EQ(f.At(x, y), (x < 8 ? Opaque : 0) | Red);
+// One block of colour in an empty frame: the block is kept, every transparent pixel takes its
+// colour, in the rounds that the tiles around the block need.
+TEST(AlphaFill, OneBlockColoursTheWholeFrame) {
+  struct Case {
+    uint32_t w, h, x, y, bw, bh, colour;
+    std::vector<std::string> rounds;
+  } cases[] = {
+      {16, 16, 0, 0, 8, 16, Red, {"Fill in alpha"}},  // inside one tile
+      {48, 16, 16, 0, 16, 16, Green, OneRound},        // every sweep line has content
+      {48, 48, 16, 16, 16, 16, 0x0AC81E, TwoRounds},   // corners reached from the side tiles
+      {21, 19, 0, 0, 4, 4, Blue, TwoRounds},           // partial tiles at the edges
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
+    Frame f(c.w, c.h);
+    f.FillRect(c.x, c.y, c.bw, c.bh, Opaque | c.colour);
+    EXPECT_EQ(Fill(&f), c.rounds);
+    for (uint32_t y = 0; y < c.h; ++y)
+      for (uint32_t x = 0; x < c.w; ++x) {
+        const bool inside = x >= c.x && x < c.x + c.bw && y >= c.y && y < c.y + c.bh;
+        ASSERT_EQ(f.At(x, y), (inside ? Opaque : 0) | c.colour) << x << "," << y;
+      }
+  }
 }
 
 TEST(AlphaFill, MostSurroundedPixelsAreFilledFirst) {
@@ -92,26 +93,6 @@ TEST(AlphaFill, TwoColoursMeet) {
   f.At(2, 0) = Opaque | Blue;
   Fill(&f);
   EXPECT_EQ(f.At(1, 0), 0x00800080u);  // (255 + 0) ÷ 2 rounded, both ways
-}
-
-TEST(AlphaFill, IsolatedTileFloodsItsRowAndColumnThenTheRest) {
-  Frame f(48, 48);
-  const uint32_t colour = 0x000AC81Eu;
-  f.FillRect(16, 16, 16, 16, Opaque | colour);
-  EXPECT_EQ(Fill(&f), TwoRounds);  // corners are reached from the flooded side tiles
-  for (uint32_t y = 0; y < 48; ++y)
-    for (uint32_t x = 0; x < 48; ++x) {
-      const bool inside = x >= 16 && x < 32 && y >= 16 && y < 32;
-      ASSERT_EQ(f.At(x, y), (inside ? Opaque : 0) | colour) << x << "," << y;
-    }
-}
-
-TEST(AlphaFill, OneRoundWhenEverySweepLineHasContent) {
-  Frame f(48, 16);
-  f.FillRect(16, 0, 16, 16, Opaque | Green);
-  EXPECT_EQ(Fill(&f), OneRound);
-  EXPECT_EQ(f.At(0, 0), Green);
-  EXPECT_EQ(f.At(47, 15), Green);
 }
 
 TEST(AlphaFill, SweepsCarryTheEdgeFacingTheirDirection) {
@@ -141,14 +122,6 @@ TEST(AlphaFill, EmptyTilesAverageWhatTheSweepsBring) {
   EXPECT_EQ(f.At(20, 3), 0x007F007Fu);
   EXPECT_EQ(f.At(47, 15), 0x007F007Fu);
   EXPECT_EQ(f.At(0, 0), Opaque | Red);
-}
-
-TEST(AlphaFill, PartialTilesAtTheEdges) {
-  Frame f(21, 19);
-  f.FillRect(0, 0, 4, 4, Opaque | Blue);
-  EXPECT_EQ(Fill(&f), TwoRounds);
-  for (uint32_t y = 0; y < 19; ++y)
-    for (uint32_t x = 0; x < 21; ++x) ASSERT_EQ(f.At(x, y) & 0x00FFFFFFu, Blue) << x << "," << y;
 }
 
 // Sparse content: a few opaque or half-transparent blobs on a transparent frame.
@@ -231,15 +204,16 @@ TEST(AlphaFill, FloatFlatFillWritesAlphaZero) {
   EXPECT_EQ(filled[3], 0.0f);
 }
 
-TEST(AlphaFill, UnpremultipliesBeforeFilling) {
-  std::vector<uint32_t> src = {Argb(128, 64, 0, 0), 0};
-  std::vector<uint32_t> dst(2);
-  const PixelFetch fetch = Fetch32();
-  const StageFrames f{Bytes(src.data()),    8, &fetch, nullptr, Bytes(dst.data()), 8, 2, 1, false,
-                      ProcessInlineRunner()};
-  StageUnpremultiplyFill(&f);
-  EXPECT_EQ(dst[0], Argb(128, 128, 0, 0));
-  EXPECT_EQ(dst[1], Argb(0, 128, 0, 0));
+TEST(AlphaFill, UnpremultiplyFillUnpremultipliesFirst) {
+  EXPECT_EQ(ApplyInt({Argb(128, 64, 0, 0), 0}, 2, 1, StageUnpremultiplyFill),
+            (std::vector<uint32_t>{Argb(128, 128, 0, 0), Argb(0, 128, 0, 0)}));
+  // An opaque frame comes through unchanged, on any number of threads.
+  std::vector<uint32_t> src = RandomFrame(33, 17, 4);
+  for (auto& px : src) px |= Opaque;
+  RecordingRunner runner;
+  InitRecordingRunner(&runner, 2);
+  EXPECT_EQ(ApplyInt(src, 33, 17, StageUnpremultiplyFill, &runner.Runner), src);
+  EXPECT_EQ(runner.Names, (std::vector<std::string>{"Unpremultiply", "Fill in alpha"}));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 
 #include "process_test_util.h"
 
@@ -12,51 +11,7 @@ using namespace processtest;
 
 namespace {
 
-typedef std::function<void(const StageFrames*)> Stage;
-
-std::vector<uint32_t> ApplyInt(const std::vector<uint32_t>& src, uint32_t w, uint32_t h,
-                               const Stage& stage,
-                               const ProcessJobRunner* runner = ProcessInlineRunner()) {
-  std::vector<uint32_t> dst(src.size(), 0xA5A5A5A5u);
-  const PixelFetch fetch = Fetch32();
-  const StageFrames f{Bytes(src.data()),
-                      ptrdiff_t(w) * 4,
-                      &fetch,
-                      nullptr,
-                      Bytes(dst.data()),
-                      ptrdiff_t(w) * 4,
-                      w,
-                      h,
-                      false,
-                      runner};
-  stage(&f);
-  return dst;
-}
-
-std::vector<float> ApplyFloat(const std::vector<float>& src, uint32_t w, uint32_t h,
-                              const Stage& stage, bool floatSource = false,
-                              const ProcessJobRunner* runner = ProcessInlineRunner()) {
-  std::vector<float> dst(src.size(), -3.0f);
-  const PixelFetchFloat fetch = Fetch128();
-  const StageFrames f{Bytes(src.data()),
-                      ptrdiff_t(w) * 16,
-                      nullptr,
-                      &fetch,
-                      Bytes(dst.data()),
-                      ptrdiff_t(w) * 16,
-                      w,
-                      h,
-                      floatSource,
-                      runner};
-  stage(&f);
-  return dst;
-}
-
 uint32_t One(uint32_t px, const Stage& stage) { return ApplyInt({px}, 1, 1, stage)[0]; }
-
-std::vector<float> OneFloat(std::vector<float> px, const Stage& stage, bool floatSource = false) {
-  return ApplyFloat(px, 1, 1, stage, floatSource);
-}
 
 // Every (colour, alpha) pair once: R = colour, G = 255 − colour, B = colour ÷ 2.
 std::vector<uint32_t> AllPairs() {
@@ -81,14 +36,6 @@ TEST(Premultiply, IntegerIsRoundedProductOverAllPairs) {
     }
     ASSERT_EQ(ChannelOf(out[i], 3), a);
   }
-}
-
-TEST(Unpremultiply, IntegerKnownValuesAndTransparentPixels) {
-  EXPECT_EQ(One(Argb(200, 100, 0, 200), StageUnpremultiply), Argb(200, 128, 0, 255));
-  EXPECT_EQ(One(Argb(3, 1, 2, 3), StageUnpremultiply), Argb(3, 85, 170, 255));
-  EXPECT_EQ(One(Argb(0, 1, 2, 3), StageUnpremultiply), Argb(0, 1, 2, 3));
-  // Colour above alpha cannot come from premultiplying; it is held at 255.
-  EXPECT_EQ(One(Argb(10, 11, 200, 0), StageUnpremultiply), Argb(10, 255, 255, 0));
 }
 
 TEST(Unpremultiply, IntegerRoundTripStaysWithinBounds) {
@@ -129,13 +76,6 @@ TEST(Unpremultiply, FloatRoundTripAndRules) {
     ASSERT_FLOAT_EQ(pre[i], src[i] * src[i - i % 4 + 3]);
     ASSERT_NEAR(back[i], src[i], 2e-6);
   }
-  // No upper limit after un-premultiplying; colour under 1e-5 is dropped.
-  const std::vector<float> bright = OneFloat({0.5f, 5e-7f, 0.1f, 0.1f}, StageUnpremultiplyFloat);
-  EXPECT_FLOAT_EQ(bright[0], 5.0f);
-  EXPECT_EQ(bright[1], 0.0f);
-  EXPECT_FLOAT_EQ(bright[2], 1.0f);
-  const std::vector<float> clear = OneFloat({0.5f, 0.2f, 0.1f, 0.0f}, StageUnpremultiplyFloat);
-  EXPECT_EQ(clear, (std::vector<float>{0.5f, 0.2f, 0.1f, 0.0f}));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -150,8 +90,6 @@ TEST(Gamma, TwoBrightensThroughTheTable) {
     ASSERT_GE(table[i], i);
   }
   EXPECT_EQ(table[64], 127);  // sqrt(0.25098) × 255 = 127.75
-  EXPECT_EQ(One(Argb(77, 64, 0, 255), [](const StageFrames* f) { StageGamma(f, 0.5); }),
-            Argb(77, 127, 0, 255));
 }
 
 TEST(Gamma, TableIsSharedWithinOneHundredth) {
@@ -166,38 +104,8 @@ TEST(Gamma, TableIsSharedWithinOneHundredth) {
   EXPECT_EQ(first[128], uint8_t(std::pow(128 * 0.003921569, 2.0) * 255.0));
 }
 
-TEST(Gamma, FloatIsPowerWithRules) {
-  const Stage half = [](const StageFrames* f) { StageGammaFloat(f, 0.5); };
-  const std::vector<float> out = OneFloat({0.25f, 0.0f, 4.0f, 0.7f}, half);
-  EXPECT_FLOAT_EQ(out[0], 0.5f);
-  EXPECT_EQ(out[1], 0.0f);
-  EXPECT_EQ(out[2], 1.0f);  // 2.0 held to 1.0
-  EXPECT_FLOAT_EQ(out[3], 0.7f);
-  EXPECT_FLOAT_EQ(OneFloat({0.25f, 0.0f, 4.0f, 0.7f}, half, true)[2], 2.0f);
-  // Negative colour (overshoot of a scaler) has no power: it becomes black.
-  EXPECT_EQ(OneFloat({-0.1f, 0.0f, 0.0f, 1.0f}, half)[0], 0.0f);
-}
-
 // ---------------------------------------------------------------------------------------------
 // Black clamp, contrast, brightness
-
-TEST(BlackClamp, IntegerColourAndAlphaApart) {
-  const Stage clamp10 = [](const StageFrames* f) { StageBlackClamp(f, 10); };
-  EXPECT_EQ(One(Argb(200, 5, 10, 11), clamp10), Argb(200, 5, 10, 11));  // B exceeds 10
-  EXPECT_EQ(One(Argb(200, 10, 10, 10), clamp10), Argb(200, 0, 0, 0));
-  EXPECT_EQ(One(Argb(10, 50, 60, 70), clamp10), Argb(0, 50, 60, 70));
-  EXPECT_EQ(One(Argb(11, 1, 2, 3), clamp10), Argb(11, 0, 0, 0));
-  const Stage clamp255 = [](const StageFrames* f) { StageBlackClamp(f, 255); };
-  for (uint32_t px : ApplyInt(RandomFrame(16, 16, 3), 16, 16, clamp255)) ASSERT_EQ(px, 0u);
-  EXPECT_EQ(One(0xFFFFFFFFu, clamp255), 0u);
-}
-
-TEST(BlackClamp, FloatThresholdIsLevelOver255) {
-  const Stage clamp51 = [](const StageFrames* f) { StageBlackClampFloat(f, 51); };  // 0.2
-  EXPECT_EQ(OneFloat({0.2f, 0.1f, 0.0f, 0.2f}, clamp51), (std::vector<float>{0, 0, 0, 0}));
-  EXPECT_EQ(OneFloat({0.1f, 0.21f, 0.0f, 0.21f}, clamp51),
-            (std::vector<float>{0.1f, 0.21f, 0.0f, 0.21f}));
-}
 
 int ContrastModel(int x, int p) {
   if (x >= 255 - p) return 255;
@@ -221,38 +129,76 @@ TEST(Contrast, IntegerOverAllLevels) {
       EXPECT_EQ(out, ramp);
     }
   }
-  const Stage c127 = [](const StageFrames* f) { StageContrast(f, 127); };
-  EXPECT_EQ(One(Argb(9, 127, 128, 126), c127), Argb(9, 0, 255, 0));
-  const Stage c128 = [](const StageFrames* f) { StageContrast(f, 128); };
-  EXPECT_EQ(One(Argb(9, 127, 128, 126), c128), Argb(9, 255, 255, 0));
-  // Above 128 is held to 128.
-  const Stage c200 = [](const StageFrames* f) { StageContrast(f, 200); };
-  EXPECT_EQ(One(Argb(9, 127, 128, 126), c200), Argb(9, 255, 255, 0));
 }
 
-TEST(Contrast, FloatFormula) {
-  const Stage c50 = [](const StageFrames* f) { StageContrastFloat(f, 50); };
-  const std::vector<float> out = OneFloat({0.6f, 0.5f, 0.1f, 0.3f}, c50);
-  EXPECT_NEAR(out[0], 0.1 * 255 / 155 + 0.5, 1e-6);
-  EXPECT_FLOAT_EQ(out[1], 0.5f);
-  EXPECT_EQ(out[2], 0.0f);  // (0.1 − 0.5) × 1.645 + 0.5 < 0
-  EXPECT_FLOAT_EQ(out[3], 0.3f);
+// Single pixels through each stage, against values worked out by hand.
+TEST(Stages, IntegerKnownValues) {
+  struct Case {
+    const char* name;
+    Stage stage;
+    uint32_t in, out;
+  };
+  const Stage clamp10 = [](const StageFrames* f) { StageBlackClamp(f, 10); };
+  const Case cases[] = {
+      {"unpremultiply", StageUnpremultiply, Argb(200, 100, 0, 200), Argb(200, 128, 0, 255)},
+      {"unpremultiply", StageUnpremultiply, Argb(3, 1, 2, 3), Argb(3, 85, 170, 255)},
+      {"unpremultiply alpha 0", StageUnpremultiply, Argb(0, 1, 2, 3), Argb(0, 1, 2, 3)},
+      // Colour above alpha cannot come from premultiplying; it is held at 255.
+      {"unpremultiply overflow", StageUnpremultiply, Argb(10, 11, 200, 0), Argb(10, 255, 255, 0)},
+      {"gamma 2", [](const StageFrames* f) { StageGamma(f, 0.5); }, Argb(77, 64, 0, 255),
+       Argb(77, 127, 0, 255)},
+      {"clamp, B above", clamp10, Argb(200, 5, 10, 11), Argb(200, 5, 10, 11)},
+      {"clamp colour", clamp10, Argb(200, 10, 10, 10), Argb(200, 0, 0, 0)},
+      {"clamp alpha", clamp10, Argb(10, 50, 60, 70), Argb(0, 50, 60, 70)},
+      {"clamp colour only", clamp10, Argb(11, 1, 2, 3), Argb(11, 0, 0, 0)},
+      {"clamp 255", [](const StageFrames* f) { StageBlackClamp(f, 255); }, 0xFFFFFFFFu, 0},
+      {"contrast 127", [](const StageFrames* f) { StageContrast(f, 127); },
+       Argb(9, 127, 128, 126), Argb(9, 0, 255, 0)},
+      {"contrast 128", [](const StageFrames* f) { StageContrast(f, 128); },
+       Argb(9, 127, 128, 126), Argb(9, 255, 255, 0)},
+      {"contrast 200 held to 128", [](const StageFrames* f) { StageContrast(f, 200); },
+       Argb(9, 127, 128, 126), Argb(9, 255, 255, 0)},
+      {"brightness 200", [](const StageFrames* f) { StageBrightness(f, 200); },
+       Argb(33, 200, 100, 1), Argb(33, 255, 200, 2)},
+      {"brightness 0", [](const StageFrames* f) { StageBrightness(f, 0); },
+       Argb(33, 200, 100, 1), Argb(33, 0, 0, 0)},
+      {"brightness 150", [](const StageFrames* f) { StageBrightness(f, 150); },
+       Argb(255, 101, 3, 170), Argb(255, 151, 4, 255)},
+  };
+  for (const Case& c : cases) EXPECT_EQ(One(c.in, c.stage), c.out) << c.name;
+  for (uint32_t px : ApplyInt(RandomFrame(16, 16, 3), 16, 16, cases[9].stage)) ASSERT_EQ(px, 0u);
 }
 
-TEST(Brightness, IntegerAndFloat) {
-  const Stage b200 = [](const StageFrames* f) { StageBrightness(f, 200); };
-  EXPECT_EQ(One(Argb(33, 200, 100, 1), b200), Argb(33, 255, 200, 2));
-  const Stage b0 = [](const StageFrames* f) { StageBrightness(f, 0); };
-  EXPECT_EQ(One(Argb(33, 200, 100, 1), b0), Argb(33, 0, 0, 0));
-  const Stage b150 = [](const StageFrames* f) { StageBrightness(f, 150); };
-  EXPECT_EQ(One(Argb(255, 101, 3, 170), b150), Argb(255, 151, 4, 255));
-  const Stage f200 = [](const StageFrames* f) { StageBrightnessFloat(f, 200); };
-  EXPECT_EQ(OneFloat({0.8f, 0.25f, 0.0f, 3.0f}, f200),
-            (std::vector<float>{1.0f, 0.5f, 0.0f, 3.0f}));
-  const std::vector<float> wide = OneFloat({0.8f, 100.0f, 0.0f, 3.0f}, f200, true);
-  EXPECT_FLOAT_EQ(wide[0], 1.6f);
-  EXPECT_EQ(wide[1], 125.0f);
-  EXPECT_EQ(wide[3], 3.0f);  // alpha is never limited
+TEST(Stages, FloatKnownValues) {
+  struct Case {
+    const char* name;
+    Stage stage;
+    bool wide;  // wide-range source: colour limited to 125 rather than 1
+    std::vector<float> in, out;
+  };
+  const Stage gamma2 = [](const StageFrames* f) { StageGammaFloat(f, 0.5); };
+  const Stage clamp51 = [](const StageFrames* f) { StageBlackClampFloat(f, 51); };  // 0.2
+  const Stage bright200 = [](const StageFrames* f) { StageBrightnessFloat(f, 200); };
+  const Case cases[] = {
+      // No upper limit after un-premultiplying; colour under 1e-5 is dropped.
+      {"unpremultiply", StageUnpremultiplyFloat, false, {0.5f, 5e-7f, 0.1f, 0.1f}, {5, 0, 1, 0.1f}},
+      {"unpremultiply alpha 0", StageUnpremultiplyFloat, false, {0.5f, 0.2f, 0.1f, 0}, {0.5f, 0.2f, 0.1f, 0}},
+      {"gamma", gamma2, false, {0.25f, 0, 4, 0.7f}, {0.5f, 0, 1, 0.7f}},
+      {"gamma wide", gamma2, true, {0.25f, 0, 4, 0.7f}, {0.5f, 0, 2, 0.7f}},
+      // Negative colour (overshoot of a scaler) has no power: it becomes black.
+      {"gamma negative", gamma2, false, {-0.1f, 0, 0, 1}, {0, 0, 0, 1}},
+      {"clamp", clamp51, false, {0.2f, 0.1f, 0, 0.2f}, {0, 0, 0, 0}},
+      {"clamp above", clamp51, false, {0.1f, 0.21f, 0, 0.21f}, {0.1f, 0.21f, 0, 0.21f}},
+      // (0.1 − 0.5) × 255 ÷ 155 + 0.5 < 0
+      {"contrast", [](const StageFrames* f) { StageContrastFloat(f, 50); }, false,
+       {0.6f, 0.5f, 0.1f, 0.3f}, {0.1f * 255 / 155 + 0.5f, 0.5f, 0, 0.3f}},
+      {"brightness", bright200, false, {0.8f, 0.25f, 0, 3}, {1, 0.5f, 0, 3}},
+      {"brightness wide", bright200, true, {0.8f, 100, 0, 3}, {1.6f, 125, 0, 3}},  // alpha unlimited
+  };
+  for (const Case& c : cases) {
+    const std::vector<float> out = ApplyFloat(c.in, 1, 1, c.stage, c.wide);
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(out[i], c.out[i], 2e-6) << c.name << " channel " << i;
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -342,29 +288,30 @@ std::vector<uint32_t> Deinterlace(const std::vector<uint32_t>& src, uint32_t mod
   return ApplyInt(src, 3, h, [mode](const StageFrames* f) { StageDeinterlace(f, mode); });
 }
 
-TEST(Deinterlace, EvenFieldKeepsEvenRows) {
-  // Three rows: rows 0 and 2 kept, row 1 their mean.
-  EXPECT_EQ(Deinterlace(Rows({10, 99, 30}), 1), Rows({10, 20, 30}));
-  // Even height: the last row repeats the one above.
-  EXPECT_EQ(Deinterlace(Rows({10, 99, 31, 99}), 1), Rows({10, 20, 31, 31}));
-  EXPECT_EQ(Deinterlace(Rows({10, 99, 30, 99, 51}), 1), Rows({10, 20, 30, 40, 51}));
-}
-
-TEST(Deinterlace, OddFieldKeepsOddRows) {
-  EXPECT_EQ(Deinterlace(Rows({99, 10, 99, 30}), 2), Rows({10, 20, 30, 30}));
-  // Odd height: one more row copied from two back.
-  EXPECT_EQ(Deinterlace(Rows({99, 10, 99, 30, 99}), 2), Rows({10, 20, 30, 30, 30}));
-  EXPECT_EQ(Deinterlace(Rows({99, 10}), 2), Rows({10, 10}));
-}
-
-TEST(Deinterlace, BlendMixesTheOtherField) {
-  // Kept rows become (3 × kept + partner) ÷ 4; partner is the row below, or above at the end.
-  // Rows 0, 2: (3·8 + 16) ÷ 4 = 10, (3·40 + 0) ÷ 4 = 30; between them 20; last copies.
-  EXPECT_EQ(Deinterlace(Rows({8, 16, 40, 0}), 9), Rows({10, 20, 30, 30}));
-  // Odd height: the last kept row (4) has no row below and takes row 3.
-  EXPECT_EQ(Deinterlace(Rows({8, 16, 40, 0, 100}), 9), Rows({10, 20, 30, 52, 75}));
-  // Odd field: rows 1, 3 with partners 2 and (last) 2: (24 + 16) ÷ 4, (120 + 16) ÷ 4.
-  EXPECT_EQ(Deinterlace(Rows({0, 8, 16, 40}), 10), Rows({10, 22, 34, 34}));
+TEST(Deinterlace, RowsWorkedOutByHand) {
+  struct Case {
+    uint32_t mode;
+    std::vector<uint32_t> in, out;
+  } cases[] = {
+      // Even field: rows 0 and 2 kept, row 1 their mean; an even height repeats the last kept row.
+      {1, Rows({10, 99, 30}), Rows({10, 20, 30})},
+      {1, Rows({10, 99, 31, 99}), Rows({10, 20, 31, 31})},
+      {1, Rows({10, 99, 30, 99, 51}), Rows({10, 20, 30, 40, 51})},
+      // Odd field; an odd height copies one more row from two back.
+      {2, Rows({99, 10, 99, 30}), Rows({10, 20, 30, 30})},
+      {2, Rows({99, 10, 99, 30, 99}), Rows({10, 20, 30, 30, 30})},
+      {2, Rows({99, 10}), Rows({10, 10})},
+      // Blend: kept rows become (3 × kept + partner) ÷ 4, the partner being the row below, or
+      // above at the end: (3·8 + 16) ÷ 4 = 10, (3·40 + 0) ÷ 4 = 30.
+      {9, Rows({8, 16, 40, 0}), Rows({10, 20, 30, 30})},
+      {9, Rows({8, 16, 40, 0, 100}), Rows({10, 20, 30, 52, 75})},
+      {10, Rows({0, 8, 16, 40}), Rows({10, 22, 34, 34})},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Deinterlace(c.in, c.mode), c.out) << "mode " << c.mode;
+  // No field, or one row: a copy.
+  const std::vector<uint32_t> one = RandomFrame(3, 1, 2), many = RandomFrame(3, 5, 2);
+  EXPECT_EQ(Deinterlace(one, 1), one);
+  EXPECT_EQ(Deinterlace(many, 8), many);
 }
 
 TEST(Deinterlace, ChannelsAndAlphaAreAveragedApart) {
@@ -411,13 +358,6 @@ TEST(Deinterlace, RandomFramesMatchTheRowModel) {
           ASSERT_EQ(out[y * w + x], DeinterlaceModel(src, w, h, x, y, mode % 8 == 2, mode & 8))
               << "height " << h << " mode " << mode << " at " << x << "," << y;
     }
-}
-
-TEST(Deinterlace, NoFieldOrOneRowCopies) {
-  const std::vector<uint32_t> one = RandomFrame(3, 1, 2);
-  EXPECT_EQ(Deinterlace(one, 1), one);
-  const std::vector<uint32_t> many = RandomFrame(3, 5, 2);
-  EXPECT_EQ(Deinterlace(many, 8), many);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -498,16 +438,8 @@ TEST(StageFrames, NegativePitchesWalkBottomUp) {
   std::vector<uint32_t> flipped(src.size()), out(src.size());
   for (uint32_t y = 0; y < h; ++y) std::memcpy(&flipped[(h - 1 - y) * w], &src[y * w], w * 4);
   const PixelFetch fetch = Fetch32();
-  const StageFrames f{Bytes(flipped.data()) + (h - 1) * w * 4,
-                      -ptrdiff_t(w * 4),
-                      &fetch,
-                      nullptr,
-                      Bytes(out.data()),
-                      ptrdiff_t(w * 4),
-                      w,
-                      h,
-                      false,
-                      ProcessInlineRunner()};
+  const StageFrames f{Bytes(flipped.data()) + (h - 1) * w * 4, -ptrdiff_t(w * 4), &fetch, nullptr,
+                      Bytes(out.data()), ptrdiff_t(w * 4), w, h, false, ProcessInlineRunner()};
   StageDenoise(&f);
   EXPECT_EQ(out, expected);
 }

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -48,6 +49,33 @@ inline PixelFetchFloat Fetch128(bool premultiply = false) {
   PixelFetchFloat fetch;
   PixelFetchFloatSelect(&fetch, 128, premultiply);
   return fetch;
+}
+
+// A stage run on one frame: the stage functions, or a lambda binding their level.
+typedef std::function<void(const StageFrames*)> Stage;
+
+// Runs `stage` from a 32-bit frame into a new one (first filled with a marker), `w` × `h`.
+inline std::vector<uint32_t> ApplyInt(const std::vector<uint32_t>& src, uint32_t w, uint32_t h,
+                                      const Stage& stage,
+                                      const ProcessJobRunner* runner = ProcessInlineRunner()) {
+  std::vector<uint32_t> dst(src.size(), 0xA5A5A5A5u);
+  const PixelFetch fetch = Fetch32();
+  const StageFrames f{Bytes(src.data()), ptrdiff_t(w) * 4, &fetch, nullptr,
+                      Bytes(dst.data()), ptrdiff_t(w) * 4, w, h, false, runner};
+  stage(&f);
+  return dst;
+}
+
+// The same on frames of four floats a pixel; `floatSource` marks wide-range colour.
+inline std::vector<float> ApplyFloat(const std::vector<float>& src, uint32_t w, uint32_t h,
+                                     const Stage& stage, bool floatSource = false,
+                                     const ProcessJobRunner* runner = ProcessInlineRunner()) {
+  std::vector<float> dst(src.size(), -3.0f);
+  const PixelFetchFloat fetch = Fetch128();
+  const StageFrames f{Bytes(src.data()), ptrdiff_t(w) * 16, nullptr, &fetch,
+                      Bytes(dst.data()), ptrdiff_t(w) * 16, w, h, floatSource, runner};
+  stage(&f);
+  return dst;
 }
 
 // A runner that notes the job names it is given and runs each job on `threads` threads of its
