@@ -4,6 +4,8 @@
 #include "media/readers/mjpeg_codec.h"
 #include "media/readers/stream_readers.h"
 
+#include "avi_test_util.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -15,195 +17,7 @@
 
 namespace {
 
-struct Bytes {
-  std::vector<uint8_t> v;
-  size_t size() const { return v.size(); }
-  void U8(int x) { v.push_back(uint8_t(x)); }
-  void U16(int x) { U8(x & 0xFF), U8(x >> 8 & 0xFF); }
-  void U32(uint32_t x) { U16(int(x & 0xFFFF)), U16(int(x >> 16)); }
-  void U64(uint64_t x) { U32(uint32_t(x)), U32(uint32_t(x >> 32)); }
-  void Id(const char* s) { v.insert(v.end(), s, s + 4); }
-  void Put(const std::vector<uint8_t>& d) { v.insert(v.end(), d.begin(), d.end()); }
-  void Patch32(size_t at, uint32_t x) {
-    for (int i = 0; i < 4; ++i) v[at + size_t(i)] = uint8_t(x >> (8 * i));
-  }
-  void Patch64(size_t at, uint64_t x) { Patch32(at, uint32_t(x)), Patch32(at + 4, uint32_t(x >> 32)); }
-  // Opens a RIFF or LIST; returns the position of its size field.
-  size_t Begin(const char* id, const char* kind) {
-    Id(id);
-    const size_t at = size();
-    U32(0);
-    Id(kind);
-    return at;
-  }
-  void End(size_t at) {
-    if (size() & 1) U8(0);
-    Patch32(at, uint32_t(size() - at - 4));
-  }
-  // A chunk; returns the position of its data.
-  size_t Chunk(const char* id, const std::vector<uint8_t>& data) {
-    Id(id);
-    U32(uint32_t(data.size()));
-    const size_t at = size();
-    Put(data);
-    if (data.size() & 1) U8(0);
-    return at;
-  }
-};
-
-uint32_t FourCC(const char* s) { return uint32_t(s[0]) | uint32_t(s[1]) << 8 | uint32_t(s[2]) << 16 | uint32_t(s[3]) << 24; }
-
-struct AviSpec {
-  int32_t width = 6, height = 4;  // negative height: rows top down
-  int bits = 24;
-  uint32_t compression = 0;
-  std::vector<uint8_t> palette;  // RGBQUAD entries for 8-bit
-  std::vector<std::vector<uint8_t>> frames;
-  std::vector<std::vector<uint8_t>> sound;  // one sound chunk after each frame, while there are any
-  enum Index { kIdx1, kIdx1Absolute, kNone, kOpenDml } index = kIdx1;
-  bool stray_chunk = false;  // a video chunk in movi that no index names
-  bool looping_super_index = false;
-};
-
-std::vector<uint8_t> BitmapHeader(const AviSpec& s) {
-  Bytes b;
-  b.U32(40);
-  b.U32(uint32_t(s.width));
-  b.U32(uint32_t(s.height));
-  b.U16(1);
-  b.U16(s.bits);
-  b.U32(s.compression);
-  b.U32(0);
-  b.U32(0), b.U32(0);
-  b.U32(uint32_t(s.palette.size() / 4));
-  b.U32(0);
-  b.Put(s.palette);
-  return b.v;
-}
-
-std::vector<uint8_t> StreamHeader(const char* type, const char* handler, uint32_t scale, uint32_t rate,
-                                  uint32_t length, uint32_t sample_size) {
-  Bytes b;
-  b.Id(type);
-  b.Id(handler);
-  b.U32(0), b.U32(0), b.U32(0);
-  b.U32(scale), b.U32(rate), b.U32(0), b.U32(length), b.U32(0), b.U32(0), b.U32(sample_size);
-  b.U32(0), b.U32(0);
-  return b.v;
-}
-
-std::vector<uint8_t> WaveFormat() {
-  Bytes b;
-  b.U16(1), b.U16(2), b.U32(22050), b.U32(88200), b.U16(4), b.U16(16), b.U16(2), b.U16(0xBEEF);
-  return b.v;
-}
-
-struct Built {
-  std::vector<uint8_t> file;
-  std::vector<size_t> sound_at;  // data positions of the sound chunks
-};
-
-Built BuildAvi(const AviSpec& s) {
-  Built out;
-  Bytes b;
-  const size_t riff = b.Begin("RIFF", "AVI ");
-  const size_t hdrl = b.Begin("LIST", "hdrl");
-  Bytes avih;
-  avih.U32(40000);
-  for (int i = 0; i < 3; ++i) avih.U32(0);
-  avih.U32(uint32_t(s.frames.size()));
-  avih.U32(0), avih.U32(s.sound.empty() ? 1 : 2), avih.U32(0), avih.U32(uint32_t(s.width)), avih.U32(uint32_t(s.height));
-  for (int i = 0; i < 4; ++i) avih.U32(0);
-  b.Chunk("avih", avih.v);
-  const size_t strl = b.Begin("LIST", "strl");
-  b.Chunk("strh", StreamHeader("vids", "    ", 1001, 30000, uint32_t(s.frames.size()), 0));
-  b.Chunk("strf", BitmapHeader(s));
-  size_t indx_at = 0;
-  const size_t split = s.frames.size() / 2 + 1;  // OpenDML: frames from here go into AVIX
-  if (s.index == AviSpec::kOpenDml) {
-    Bytes x;
-    x.U16(4), x.U8(0), x.U8(0), x.U32(2), x.Id("00dc"), x.U32(0), x.U32(0), x.U32(0);
-    for (int i = 0; i < 4; ++i) x.U64(0), x.U32(0), x.U32(0);  // room for four entries
-    indx_at = b.Chunk("indx", x.v);
-  }
-  b.End(strl);
-  if (!s.sound.empty()) {
-    const size_t strl2 = b.Begin("LIST", "strl");
-    b.Chunk("strh", StreamHeader("auds", "\0\0\0\0", 4, 88200, 0, 4));
-    b.Chunk("strf", WaveFormat());
-    b.End(strl2);
-  }
-  b.End(hdrl);
-
-  struct Written {
-    const char* id;
-    size_t data;
-    uint32_t size;
-  };
-  std::vector<Written> written;
-  std::vector<size_t> frame_data;
-  size_t movi = b.Begin("LIST", "movi");
-  const size_t movi_word = movi + 4;
-  size_t base = movi_word;
-  std::vector<std::pair<size_t, uint32_t>> ix;  // position and size of each ix00 chunk
-  auto write_ix = [&](size_t first, size_t last) {
-    Bytes x;
-    x.U16(2), x.U8(0), x.U8(1), x.U32(uint32_t(last - first)), x.Id("00dc"), x.U64(base), x.U32(0);
-    for (size_t i = first; i < last; ++i) x.U32(uint32_t(frame_data[i] - base)), x.U32(uint32_t(s.frames[i].size()));
-    const size_t at = b.Chunk("ix00", x.v) - 8;
-    ix.push_back({at, uint32_t(x.v.size() + 8)});
-  };
-  size_t avix = 0;  // size field of the AVIX RIFF, once there is one
-  for (size_t i = 0; i < s.frames.size(); ++i) {
-    if (s.index == AviSpec::kOpenDml && i == split) {
-      write_ix(0, split);
-      b.End(movi);
-      b.End(riff);
-      avix = b.Begin("RIFF", "AVIX");
-      movi = b.Begin("LIST", "movi");
-      base = movi + 4;
-    }
-    if (s.stray_chunk && i == 1) b.Chunk("00dc", std::vector<uint8_t>(s.frames[0].size(), 0x5A));
-    const size_t at = b.Chunk("00dc", s.frames[i]);
-    frame_data.push_back(at);
-    written.push_back({"00dc", at, uint32_t(s.frames[i].size())});
-    if (i < s.sound.size()) {
-      const size_t sat = b.Chunk("01wb", s.sound[i]);
-      out.sound_at.push_back(sat);
-      written.push_back({"01wb", sat, uint32_t(s.sound[i].size())});
-    }
-  }
-  if (s.index == AviSpec::kOpenDml) write_ix(avix ? split : 0, s.frames.size());
-  b.End(movi);
-  if (s.index == AviSpec::kIdx1 || s.index == AviSpec::kIdx1Absolute) {
-    Bytes idx;
-    for (const Written& w : written) {
-      idx.Id(w.id);
-      idx.U32(0x10);
-      const size_t header = w.data - 8;
-      idx.U32(uint32_t(s.index == AviSpec::kIdx1 ? header - movi_word : header));
-      idx.U32(w.size);
-    }
-    b.Chunk("idx1", idx.v);
-  }
-  b.End(avix ? avix : riff);
-  if (s.index == AviSpec::kOpenDml) {
-    size_t entry = indx_at + 24;
-    for (size_t i = 0; i < ix.size(); ++i, entry += 16) {
-      b.Patch64(entry, ix[i].first);
-      b.Patch32(entry + 8, ix[i].second);
-    }
-    uint32_t entries = uint32_t(ix.size());
-    if (s.looping_super_index) {
-      // The same standard indexes named again.
-      for (size_t i = 0; i < ix.size(); ++i, entry += 16) b.Patch64(entry, ix[i].first), b.Patch32(entry + 8, ix[i].second);
-      entries *= 2;
-    }
-    b.Patch32(indx_at + 4, entries);
-  }
-  out.file = b.v;
-  return out;
-}
+using namespace avi_test;
 
 // A picture that differs by position, channel and frame number.
 uint8_t Sample(int frame, int x, int y, int c) { return uint8_t(frame * 40 + x * 17 + y * 29 + c * 71); }
@@ -297,7 +111,7 @@ TEST(AviReader, IndexesDecideTheFrames) {
   for (AviSpec::Index index : {AviSpec::kIdx1, AviSpec::kOpenDml, AviSpec::kNone}) {
     AviSpec s;
     s.index = index;
-    s.stray_chunk = true;
+    s.stray_frame = true;
     for (int i = 0; i < 5; ++i) s.frames.push_back(RawFrame(i, 6, 4, 24, false));
     StreamError error{};
     const std::vector<uint8_t> file = BuildAvi(s).file;
@@ -366,9 +180,13 @@ TEST(AviReader, SoundChunksAreListed) {
   for (AviSpec::Index index : {AviSpec::kIdx1, AviSpec::kNone}) {
     AviSpec s;
     s.index = index;
+    // 16-bit stereo with two extra format bytes.
+    s.sound.push_back({WaveFormat(1, 2, 22050, 16), {}});
+    s.sound[0].format[16] = 2;
+    s.sound[0].format.insert(s.sound[0].format.end(), {0xEF, 0xBE});
     for (int i = 0; i < 3; ++i) {
       s.frames.push_back(RawFrame(i, 6, 4, 24, false));
-      s.sound.push_back(std::vector<uint8_t>(size_t(100 + i * 7), uint8_t(i + 1)));
+      s.sound[0].chunks.push_back(std::vector<uint8_t>(size_t(100 + i * 7), uint8_t(i + 1)));
     }
     const Built built = BuildAvi(s);
     StreamError error{};
@@ -395,9 +213,9 @@ TEST(AviReader, SoundChunksAreListed) {
     for (uint32_t i = 0; i < 3; ++i) {
       EXPECT_EQ(t.chunks[i].offset, built.sound_at[i]);
       std::vector<uint8_t> data(200, 0);
-      ASSERT_EQ(StreamReaderReadAudio(r, 0, i, data.data(), data.size()), s.sound[i].size());
+      ASSERT_EQ(StreamReaderReadAudio(r, 0, i, data.data(), data.size()), s.sound[0].chunks[i].size());
       EXPECT_EQ(data[0], i + 1);
-      EXPECT_EQ(data[s.sound[i].size() - 1], i + 1);
+      EXPECT_EQ(data[s.sound[0].chunks[i].size() - 1], i + 1);
     }
     EXPECT_EQ(StreamReaderReadAudio(r, 0, 3, nullptr, 0), 0u);
     StreamReaderClose(r);
