@@ -51,63 +51,48 @@ std::vector<Entry> Names(std::initializer_list<const char*> names) {
   return out;
 }
 
-TEST(MediaList, LinesCommentsRangesAndQuotes) {
-  Files files;
-  const auto entries = WalkText(
-      "# a comment\r\nclip.avi /S5 /E20\n\n\"with blank.png\"\n  other.vlm /E-3  \n#x.png\n", &files);
-  const std::vector<Entry> expected = {
-      {"clip.avi", 5, 20}, {"with blank.png", 0, 0}, {"other.vlm", 1, -3}};
-  EXPECT_EQ(entries, expected);
-}
-
-TEST(MediaList, RepeatGivesALineBackAgain) {
-  Files files;
-  EXPECT_EQ(WalkText("a.png /L3\nb.png\n", &files), Names({"a.png", "a.png", "a.png", "b.png"}));
-  EXPECT_EQ(WalkText("a.png /L0\n", &files), Names({"a.png"}));
-}
-
-TEST(MediaList, RelativeNamesComeFromTheListFolder) {
-  Files files;
-  EXPECT_EQ(WalkText("a.png\n/abs/b.png\n", &files, "/lists/"), Names({"/lists/a.png", "/abs/b.png"}));
-  EXPECT_EQ(WalkText("a.png\n", &files, "/lists"), Names({"/lists/a.png"}));
-}
-
-TEST(MediaList, SeriesWithRangeUpAndDown) {
-  Files files;
-  EXPECT_EQ(WalkText("s??.tga*8-11\n", &files), Names({"s08.tga", "s09.tga", "s10.tga", "s11.tga"}));
-  EXPECT_EQ(WalkText("s??.tga*3-1\n", &files), Names({"s03.tga", "s02.tga", "s01.tga"}));
-  EXPECT_EQ(files.probes, 0);  // a closed range does not look at the files
-}
-
-TEST(MediaList, SeriesLineRangePicksWithinTheSeries) {
-  Files files;
-  // /S and /E count from the series' first number; the number after "-" caps the end.
-  EXPECT_EQ(WalkText("s??.tga*10-20 /S3 /E5\n", &files), Names({"s12.tga", "s13.tga", "s14.tga"}));
-  EXPECT_EQ(WalkText("s??.tga*10-12 /S2 /E50\n", &files), Names({"s11.tga", "s12.tga"}));
-  EXPECT_EQ(WalkText("s??.tga*10-19 /S-2\n", &files), Names({"s18.tga", "s19.tga"}));
-  EXPECT_EQ(WalkText("s??.tga*1-2 /L2\n", &files), Names({"s01.tga", "s02.tga", "s01.tga", "s02.tga"}));
-}
-
-TEST(MediaList, OpenSeriesRunsWhileTheFilesExist) {
-  Files files;
-  files.names = {"p1.png", "p2.png", "p3.png", "p5.png"};
-  EXPECT_EQ(WalkText("p?.png\n", &files), Names({"p1.png", "p2.png", "p3.png"}));
-  files.names.insert("p0.png");
-  EXPECT_EQ(WalkText("p?.png\n", &files), Names({"p0.png", "p1.png", "p2.png", "p3.png"}));
-  EXPECT_EQ(WalkText("p?.png*2\n", &files), Names({"p2.png", "p3.png"}));
-  EXPECT_EQ(WalkText("q?.png\n", &files), Names({}));
-}
-
-TEST(MediaList, NumbersBeyondThePlacesWidenTheName) {
-  Files files;
-  EXPECT_EQ(WalkText("a?b?.png*99-100\n", &files), Names({"a9b9.png", "a10b0.png"}));
-}
-
-TEST(MediaList, PrintfSeriesForm) {
-  Files files;
-  EXPECT_EQ(WalkText("frame%01i.png*8-10\n", &files), Names({"frame8.png", "frame9.png", "frame10.png"}));
-  // A "*" that is no range belongs to the name.
-  EXPECT_EQ(WalkText("odd*name.png\n", &files), Names({"odd*name.png"}));
+TEST(MediaList, LinesAndSeriesWalkToTheirEntries) {
+  const std::set<std::string> p123 = {"p1.png", "p2.png", "p3.png", "p5.png"};
+  struct Case {
+    std::string text;
+    const char* folder;
+    std::set<std::string> files;
+    std::vector<Entry> entries;
+  } cases[] = {
+      {"# a comment\r\nclip.avi /S5 /E20\n\n\"with blank.png\"\n  other.vlm /E-3  \n#x.png\n", "", {},
+       {{"clip.avi", 5, 20}, {"with blank.png", 0, 0}, {"other.vlm", 1, -3}}},
+      {"a.png /L3\nb.png\n", "", {}, Names({"a.png", "a.png", "a.png", "b.png"})},
+      {"a.png /L0\n", "", {}, Names({"a.png"})},
+      // Relative names come from the list's folder.
+      {"a.png\n/abs/b.png\n", "/lists/", {}, Names({"/lists/a.png", "/abs/b.png"})},
+      {"a.png\n", "/lists", {}, Names({"/lists/a.png"})},
+      // Series with a range up and down; /S and /E count from the series' first number, and the
+      // number after "-" caps the end.
+      {"s??.tga*8-11\n", "", {}, Names({"s08.tga", "s09.tga", "s10.tga", "s11.tga"})},
+      {"s??.tga*3-1\n", "", {}, Names({"s03.tga", "s02.tga", "s01.tga"})},
+      {"s??.tga*10-20 /S3 /E5\n", "", {}, Names({"s12.tga", "s13.tga", "s14.tga"})},
+      {"s??.tga*10-12 /S2 /E50\n", "", {}, Names({"s11.tga", "s12.tga"})},
+      {"s??.tga*10-19 /S-2\n", "", {}, Names({"s18.tga", "s19.tga"})},
+      {"s??.tga*1-2 /L2\n", "", {}, Names({"s01.tga", "s02.tga", "s01.tga", "s02.tga"})},
+      // An open series runs while the files exist.
+      {"p?.png\n", "", p123, Names({"p1.png", "p2.png", "p3.png"})},
+      {"p?.png\n", "", {"p0.png", "p1.png", "p5.png"}, Names({"p0.png", "p1.png"})},
+      {"p?.png*2\n", "", p123, Names({"p2.png", "p3.png"})},
+      {"q?.png\n", "", p123, Names({})},
+      {"a?b?.png*99-100\n", "", {}, Names({"a9b9.png", "a10b0.png"})},  // numbers widen the name
+      {"frame%01i.png*8-10\n", "", {}, Names({"frame8.png", "frame9.png", "frame10.png"})},
+      {"odd*name.png\n", "", {}, Names({"odd*name.png"})},  // a "*" that is no range
+      // A line whose passes give nothing is not repeated for ever.
+      {"none?.png /L2000000000\n", "", {}, Names({})},
+  };
+  for (const Case& c : cases) {
+    Files files;
+    files.names = c.files;
+    EXPECT_EQ(WalkText(c.text, &files, c.folder), c.entries) << c.text;
+    if (c.text[0] == 's') {
+      EXPECT_EQ(files.probes, 0) << "a closed range does not look at the files";
+    }
+  }
 }
 
 TEST(MediaList, HostileRepeatsAndRangesEnd) {
@@ -118,11 +103,9 @@ TEST(MediaList, HostileRepeatsAndRangesEnd) {
   while (MediaListNext(list, &item, FakeExists, &files)) ++count;
   EXPECT_EQ(count, MediaListMaxEntries);
   MediaListFree(list);
-  // A line whose passes give nothing is not repeated for ever.
-  EXPECT_EQ(WalkText("none?.png /L2000000000\n", &files), Names({}));
 }
 
-TEST(MediaList, RewindStartsOver) {
+TEST(MediaList, RewindStartsOverAndASingleLineIsASeries) {
   Files files;
   const std::string text = "a.png /L2\nb.png\n";
   MediaList* list = MediaListParse(text.data(), text.size(), "");
@@ -130,11 +113,7 @@ TEST(MediaList, RewindStartsOver) {
   MediaListRewind(list);
   EXPECT_EQ(Walk(list, &files), Names({"a.png", "a.png", "b.png"}));
   MediaListFree(list);
-}
-
-TEST(MediaList, SingleLineSeries) {
-  Files files;
-  MediaList* list = MediaListFromLine("Exam???.BMP*1-3");
+  list = MediaListFromLine("Exam???.BMP*1-3");
   EXPECT_EQ(Walk(list, &files), Names({"Exam001.BMP", "Exam002.BMP", "Exam003.BMP"}));
   MediaListFree(list);
 }

@@ -103,6 +103,15 @@ class MediaTest : public ::testing::Test {
     Answer = nullptr;
   }
   void TearDown() override { Answer = nullptr; }
+  // A numbered PNG series f001.png .. f<count>.png, each tagged with its number.
+  void Series(int count, int width = 8, int height = 6) {
+    for (int i = 1; i <= count; ++i) {
+      char name[32];
+      snprintf(name, sizeof name, "f%03d.png", i);
+      ASSERT_TRUE(WritePng(dir / name, width, height, uint32_t(i)));
+    }
+  }
+  std::string SeriesName(int count) { return dir / ("f???.png*1-" + std::to_string(count)); }
   TempDir dir;
 };
 

@@ -1,45 +1,27 @@
 // Sound input from a Velmo file's sound tracks, against the codec's own decode of the packets.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "media/sound.h"
 #include "media_test_util.h"
 #include "sound_test_files.h"
+#include "sound_test_util.h"
 
 namespace {
 
 using media_test::TempDir;
 
-void Write(const std::string& name, const std::vector<uint8_t>& bytes) {
-  FILE* file = fopen(name.c_str(), "wb");
-  ASSERT_NE(file, nullptr);
-  ASSERT_EQ(fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
-  fclose(file);
-}
-
-std::vector<uint8_t> ReadAll(SoundInput* sound) {
-  std::vector<uint8_t> out, buffer(3000);
-  for (uint32_t got; (got = SoundRead(sound, buffer.data(), 3000)) != 0;)
-    out.insert(out.end(), buffer.begin(), buffer.begin() + got);
-  return out;
-}
-
-std::vector<int16_t> Samples(const std::vector<uint8_t>& bytes) {
-  std::vector<int16_t> out(bytes.size() / 2);
-  for (size_t i = 0; i < out.size(); ++i)
-    out[i] = static_cast<int16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
-  return out;
-}
+using sound_test::ReadAll;
+using sound_test::WriteBytes;
 
 class SoundVelmo : public ::testing::Test {
  protected:
   void SetUp() override {
     // A stereo track whose blocks outrun the frames (some frames carry none), and a mono track.
     file_ = sound_test::BuildSoundFile(12, 25, 1, {{22050, 2, false, 7, 1, 0}, {16000, 1, false, 3, 1, 0}});
-    Write(dir_ / "s.vlm", file_.File);
+    WriteBytes(dir_ / "s.vlm", file_.File);
   }
   std::vector<uint8_t> Decoded(size_t track) const {
     const sound_test::TrackStream& s = file_.Streams[track];
@@ -70,10 +52,10 @@ TEST_F(SoundVelmo, EachTrackReadsAsTheCodecDecodesIt) {
 }
 
 TEST_F(SoundVelmo, RangeAndConversionApply) {
-  const std::vector<int16_t> all = Samples(Decoded(1));  // mono, 16000 Hz
+  const std::vector<int16_t> all = sound_test::As16(Decoded(1));  // mono, 16000 Hz
   SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 8000, 16, 2, 100, 300, 1, 0, 0, nullptr);
   ASSERT_NE(sound, nullptr);
-  const std::vector<int16_t> out = Samples(ReadAll(sound));
+  const std::vector<int16_t> out = sound_test::As16(ReadAll(sound));
   SoundClose(sound);
   ASSERT_EQ(out.size(), 2u * 1600);  // 200 ms at 8000 Hz, two channels
   for (size_t k = 0; k < 1600; ++k) {
@@ -86,7 +68,7 @@ TEST_F(SoundVelmo, RangeAndConversionApply) {
 TEST_F(SoundVelmo, DamagedFilesOpenNotOrEndEarly) {
   const std::vector<uint8_t>& whole = file_.File;
   for (size_t cut : {size_t(3), size_t(64), whole.size() / 3, whole.size() - 5}) {
-    Write(dir_ / "c.vlm", std::vector<uint8_t>(whole.begin(), whole.begin() + cut));
+    WriteBytes(dir_ / "c.vlm", std::vector<uint8_t>(whole.begin(), whole.begin() + cut));
     SoundInput* sound = SoundOpen((dir_ / "c.vlm").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
     if (!sound) continue;
     EXPECT_LE(ReadAll(sound).size(), Decoded(0).size()) << cut;
