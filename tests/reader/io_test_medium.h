@@ -31,8 +31,9 @@ inline std::atomic<uint32_t> ClockNow{1000};
 inline std::atomic<uint32_t> ClockStep{0};
 inline uint32_t TestClock() { return ClockNow.fetch_add(ClockStep.load()) + ClockStep.load(); }
 
-// Polls `done` every millisecond until it holds; false after `ms`.
-inline bool WaitFor(const std::function<bool()>& done, uint32_t ms = 5000) {
+// Polls `done` every millisecond until it holds; false after `ms`, a bound far above what a
+// loaded machine under the sanitizers needs.
+inline bool WaitFor(const std::function<bool()>& done, uint32_t ms = 30000) {
   const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   while (!done()) {
     if (std::chrono::steady_clock::now() > until) return false;
