@@ -30,6 +30,17 @@ const float FullTable[16] = {
 
 const uint32_t ValidFormats[] = {3, 4, 5, 6, 8, 9, 10, 12};
 
+// A table with the Cr and Cb rows exchanged.
+struct Table {
+  float V[16];
+};
+Table SwappedChroma(const float* table) {
+  Table t;
+  std::memcpy(t.V, table, sizeof t.V);
+  for (int i = 0; i < 3; ++i) std::swap(t.V[i], t.V[4 + i]);
+  return t;
+}
+
 int BytesOf(uint32_t format) { return format >= 8 && format <= 10 ? 2 : 4; }
 
 // A frame's planes, with pitches wider than the picture.
@@ -38,9 +49,10 @@ struct Frame {
   int32_t LumaPitch = 0, ChromaPitch = 0;
   std::vector<uint8_t> Y, Cr, Cb, A;
 
-  Frame(uint32_t w, uint32_t h, bool alpha) : W(w), H(h) {
-    LumaPitch = int32_t(w + 7);
-    ChromaPitch = int32_t((w + 1) / 2 + 5);
+  // Tight planes are exactly as large as the picture, each in its own allocation.
+  Frame(uint32_t w, uint32_t h, bool alpha, bool tight = false) : W(w), H(h) {
+    LumaPitch = int32_t(tight ? w : w + 7);
+    ChromaPitch = int32_t((w + 1) / 2 + (tight ? 0 : 5));
     Y.assign(size_t(LumaPitch) * h, 0);
     Cr.assign(size_t(ChromaPitch) * ((h + 1) / 2), 128);
     Cb = Cr;
@@ -166,9 +178,8 @@ TEST(CopyOutKernels, EveryFamilyMatchesTheReference) {
   const auto families = UsableFamilies();
   const VelmoCopyKernelFamily* reference = families.back();
   std::mt19937 rng(12345);
-  float swapped[16], oddShape[16], randomTable[16];
-  std::memcpy(swapped, VideoTable, sizeof swapped);
-  for (int i = 0; i < 3; ++i) std::swap(swapped[i], swapped[4 + i]);
+  const Table swapped = SwappedChroma(VideoTable);
+  float oddShape[16], randomTable[16];
   std::memcpy(oddShape, FullTable, sizeof oddShape);
   oddShape[13] = 0.9f;
   int copied = 0;
@@ -177,7 +188,7 @@ TEST(CopyOutKernels, EveryFamilyMatchesTheReference) {
     Frame frame(w, h, rng() % 2);
     frame.Randomize(rng);
     for (float& v : randomTable) v = float(int(rng() % 20001) - 10000) / 2500.0f;
-    const float* tables[] = {VideoTable, FullTable, swapped, oddShape, randomTable};
+    const float* tables[] = {VideoTable, FullTable, swapped.V, oddShape, randomTable};
     VelmoCopySource src = frame.Source(tables[rng() % 5]);
     src.OpenFlags = (rng() % 2 ? 0x800 : 0) | (rng() % 4 == 0 ? 0x20000 : 0) | 0x10 | 0x100000;
     const uint32_t format = rng() % 5 ? ValidFormats[rng() % 8] : rng() % 16;
@@ -256,10 +267,7 @@ TEST(CopyOutState, TableShapesOrderAndGrayscale) {
   EXPECT_EQ(s.CopyFlags & VelmoCopySwapChroma, 0u);
 
   // A table with Cr and Cb the other way round reads the Cb row as Cr.
-  float swapped[16];
-  std::memcpy(swapped, VideoTable, sizeof swapped);
-  for (int i = 0; i < 3; ++i) std::swap(swapped[i], swapped[4 + i]);
-  ASSERT_TRUE(VelmoBuildConversionState(swapped, 3, 0, ReferenceFamily(), &s));
+  ASSERT_TRUE(VelmoBuildConversionState(SwappedChroma(VideoTable).V, 3, 0, ReferenceFamily(), &s));
   EXPECT_EQ(s.CrToR, 6536);
   EXPECT_EQ(s.CbToB, 8265);
   EXPECT_EQ(s.CopyFlags, uint32_t(VelmoCopySwapChroma));
@@ -455,23 +463,9 @@ TEST(CopyOutRect, TightPlanesAreNotReadPastTheirEnd) {
   std::mt19937 rng(61);
   for (const auto* family : UsableFamilies()) {
     for (auto [w, h] : {std::pair{1u, 1u}, {16u, 2u}, {17u, 3u}, {32u, 4u}, {33u, 5u}, {64u, 1u}}) {
-      const uint32_t cw = (w + 1) / 2, chh = (h + 1) / 2;
-      std::vector<std::vector<uint8_t>> planes = {std::vector<uint8_t>(w * h),
-                                                  std::vector<uint8_t>(cw * chh),
-                                                  std::vector<uint8_t>(cw * chh),
-                                                  std::vector<uint8_t>(w * h)};
-      for (auto& p : planes)
-        for (auto& v : p) v = uint8_t(rng());
-      VelmoCopySource src{};
-      src.Y = planes[0].data();
-      src.Cr = planes[1].data();
-      src.Cb = planes[2].data();
-      src.Alpha = planes[3].data();
-      src.LumaPitch = int32_t(w);
-      src.ChromaPitch = int32_t(cw);
-      src.Width = w;
-      src.Height = h;
-      std::memcpy(src.ColourTable, VideoTable, sizeof src.ColourTable);
+      Frame frame(w, h, true, true);
+      frame.Randomize(rng);
+      const VelmoCopySource src = frame.Source();
       for (uint32_t format : ValidFormats) {
         for (uint32_t extra : {0u, 0x800u, 0x20000u}) {
           Surface out(int32_t(w) * 4, int32_t(h));
@@ -659,12 +653,10 @@ TEST(CopyOutFlags, GrayscaleAndTableShapes) {
   EXPECT_EQ(grayByOpen.Mem, gray.Mem);
 
   // A table with Cr and Cb the other way round, over exchanged planes, gives the same picture.
-  float swappedTable[16];
-  std::memcpy(swappedTable, VideoTable, sizeof swappedTable);
-  for (int i = 0; i < 3; ++i) std::swap(swappedTable[i], swappedTable[4 + i]);
   Frame exchanged = frame;
   std::swap(exchanged.Cr, exchanged.Cb);
-  const VelmoCopySource normal = frame.Source(VideoTable), other = exchanged.Source(swappedTable);
+  const Table swappedTable = SwappedChroma(VideoTable);
+  const VelmoCopySource normal = frame.Source(VideoTable), other = exchanged.Source(swappedTable.V);
   Surface a(26 * 4, 6), b(26 * 4, 6);
   VelmoCopyPlanes(&normal, a.Base(), a.Pitch, 6, 0, 0, 3);
   VelmoCopyPlanes(&other, b.Base(), b.Pitch, 6, 0, 0, 3);
