@@ -2,13 +2,9 @@
 // 128 KiB units on unit boundaries, copying packets out across the ring's end and beyond what it
 // holds, seeks inside and outside the ring, a ring that holds the whole file, the touch at the
 // loop point, read errors, header reads, the simulated slow medium, the time counters,
-// suspending, and the POSIX calls on a real file.
+// suspending, and a missing file.
 #include "io_test_medium.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -488,57 +484,10 @@ TEST_F(FileProviderTest, RandomPacketsAlwaysCarryTheFilesBytes) {
   }
 }
 
-// ---------------------------------------------------------------------------------------------
-// The POSIX calls on a real file.
-
-class PosixProviderTest : public ::testing::Test {
- protected:
-  std::string Path;
-  void SetUp() override {
-    VelmoSetFileCalls(nullptr);
-    char name[] = "/tmp/velmo_io_XXXXXX";
-    const int fd = mkstemp(name);
-    ASSERT_GE(fd, 0);
-    const std::vector<uint8_t> data = PatternFile(3 * Unit + 99);
-    ASSERT_EQ(write(fd, data.data(), data.size()), ssize_t(data.size()));
-    close(fd);
-    Path = name;
-  }
-  void TearDown() override { std::remove(Path.c_str()); }
-};
-
-TEST_F(PosixProviderTest, ReadsARealFileThroughTheRing) {
-  Rig r;
-  ASSERT_TRUE(r.Open(Path.c_str()));
-  EXPECT_EQ(r.Io->OwnsHandle, 1u);
-  r.ReadHead(44);
-  EXPECT_EQ(r.Io->FileTotal, 3 * Unit + 99);
-  r.GiveRing(2 * Unit, r.Io->FileTotal);
-  r.Fill();
-  EXPECT_TRUE(r.Packet(VELMO_IO_CONTINUE, 3 * Unit, 44));
-  EXPECT_TRUE(r.Packet(100, 55, 100));
-  EXPECT_EQ(r.Io->ReadError, 0u);
-}
-
-TEST_F(PosixProviderTest, AHandlePassedInIsNotClosed) {
-  const int fd = open(Path.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  {
-    Rig r;
-    VelmoOpenOptions o{};
-    o.FileOffset = 8;
-    ASSERT_TRUE(r.Open(reinterpret_cast<const char*>(uintptr_t(fd)),
-                       VelmoOpenFileHandle | VelmoOpenFileOffset, &o));
-    EXPECT_EQ(r.Io->OwnsHandle, 0u);
-    uint8_t b[4];
-    ASSERT_EQ(r.Io->ReadHeader(r.Io, 2, b, 4), 4u);
-    EXPECT_EQ(b[0], PatternByte(10));
-  }
-  EXPECT_NE(fcntl(fd, F_GETFD), -1);  // still open
-  close(fd);
-}
-
-TEST_F(PosixProviderTest, AMissingFileDoesNotOpen) {
+// Real files through the POSIX calls are read in the open tests; here only a path that is not
+// there.
+TEST(PosixProvider, AMissingFileDoesNotOpen) {
+  VelmoSetFileCalls(nullptr);
   Rig r;
   EXPECT_FALSE(r.Open("/tmp/velmo_io_no_such_file.vlm"));
   EXPECT_EQ(r.Io->FileHandle, VelmoIONoFile);
