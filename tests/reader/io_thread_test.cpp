@@ -91,7 +91,7 @@ class ReaderRound : public ::testing::Test {
  protected:
   VelmoIOReaderList List{};
   void SetUp() override { Calls.clear(); }
-  void Link(std::initializer_list<StubHandle*> handles) {
+  void Link(const std::vector<StubHandle*>& handles) {
     VelmoHandle** link = &List.First;
     for (StubHandle* s : handles) {
       *link = s->H();
@@ -104,54 +104,42 @@ class ReaderRound : public ::testing::Test {
 
 using CallList = std::vector<std::pair<char, char>>;
 
-TEST_F(ReaderRound, CurrentReadsOnWhileOthersAreNotMuchEmptier) {
-  StubHandle a('a', 110), b('b', 30);
-  Link({&a, &b});
-  List.Current = a.H();
-  bool read = false;
-  EXPECT_EQ(Round(&read), 0u);
-  EXPECT_TRUE(read);
-  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
-  EXPECT_EQ(List.Current, a.H());
-}
-
-TEST_F(ReaderRound, AFarEmptierHandleTakesTheThread) {
-  StubHandle a('a', 110), b('b', 20);
-  Link({&a, &b});
-  List.Current = a.H();
-  bool read = false;
-  Round(&read);
-  EXPECT_EQ(Calls, (CallList{{'a', 'i'}, {'b', 'i'}}));
-  EXPECT_EQ(List.Current, b.H());
-  // Now b is served: a at 110 does not take it back from b at 20.
-  Calls.clear();
-  Round(&read);
-  EXPECT_EQ(Calls, (CallList{{'b', 'i'}}));
-}
-
-TEST_F(ReaderRound, TheEmptiestOfSeveralIsChosen) {
-  StubHandle a('a', 125), b('b', 60), c('c', 40), d('d', 50);
-  Link({&a, &b, &c, &d});
-  List.Current = a.H();
-  bool read = false;
-  Round(&read);
-  EXPECT_EQ(Calls, (CallList{{'a', 'i'}, {'c', 'i'}}));
-  EXPECT_EQ(List.Current, c.H());
-  // A nearly empty one takes it even from a current that is far from full.
-  StubHandle e('e', 11);
-  Link({&a, &b, &c, &d, &e});
-  Calls.clear();
-  Round(&read);
-  EXPECT_EQ(Calls, (CallList{{'c', 'i'}, {'e', 'i'}}));
-}
-
-TEST_F(ReaderRound, NoCurrentYetTakesTheEmptiest) {
-  StubHandle a('a', 90), b('b', 100);
-  Link({&a, &b});
-  bool read = false;
-  Round(&read);
-  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
-  EXPECT_EQ(List.Current, a.H());
+// Reading ahead: the current handle keeps the thread unless another is clearly emptier, and the
+// emptiest takes it then (handles are named 'a', 'b', ... in list order; -1: no current yet).
+TEST_F(ReaderRound, ReadingAheadGoesWhereItIsWantedMost) {
+  struct Case {
+    const char* What;
+    std::vector<uint32_t> Fullness;
+    int Current;
+    CallList Calls;
+    int Then;
+  };
+  const Case cases[] = {
+      {"others not much emptier", {110, 30}, 0, {{'a', 'i'}}, 0},
+      {"a far emptier handle takes it", {110, 20}, 0, {{'a', 'i'}, {'b', 'i'}}, 1},
+      {"and a fuller one does not take it back", {110, 20}, 1, {{'b', 'i'}}, 1},
+      {"the emptiest of several", {125, 60, 40, 50}, 0, {{'a', 'i'}, {'c', 'i'}}, 2},
+      {"a nearly empty one takes it from a current far from full", {125, 60, 40, 50, 11}, 2,
+       {{'c', 'i'}, {'e', 'i'}}, 4},
+      {"no current yet", {90, 100}, -1, {{'a', 'i'}}, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.What);
+    std::vector<std::unique_ptr<StubHandle>> owned;
+    std::vector<StubHandle*> handles;
+    for (uint32_t f : c.Fullness) {
+      owned.push_back(std::make_unique<StubHandle>(char('a' + handles.size()), f));
+      handles.push_back(owned.back().get());
+    }
+    Link(handles);
+    List.Current = c.Current < 0 ? nullptr : handles[size_t(c.Current)]->H();
+    Calls.clear();
+    bool read = false;
+    EXPECT_EQ(Round(&read), 0u);
+    EXPECT_TRUE(read);
+    EXPECT_EQ(Calls, c.Calls);
+    EXPECT_EQ(List.Current, handles[size_t(c.Then)]->H());
+  }
 }
 
 TEST_F(ReaderRound, PendingFrameReadsComeFirstAndMoveTheThread) {
@@ -332,7 +320,7 @@ TEST_F(ReaderThreadTest, ASlowSimulatedMediumDoesNotHoldUpOpensAndCloses) {
   auto b = Open(4 * Unit, 2);
   Close(b.get());
   Close(a.get());
-  EXPECT_LT(TimerMs() - start, 2000u);
+  EXPECT_LT(TimerMs() - start, 4000u);  // half of what the unit costs, for a loaded machine
   EXPECT_FALSE(VelmoIOThreadRunning());
 }
 
