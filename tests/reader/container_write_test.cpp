@@ -382,30 +382,4 @@ TEST(ContainerWriter, IndexBeyondFourGigabytesExpandsBack) {
   EXPECT_EQ(wrap, 1ull << 32);
 }
 
-TEST(ContainerWriter, EveryTruncationOfAWrittenFileFails) {
-  const VelmoTrackInfo track = {0, 0x70005622, 1};
-  VelmoWriteParams p = BaseParams(150);
-  p.TrackCount = 1;
-  p.Tracks = &track;
-  p.Text = "abcdefg";
-  p.TextLength = 7;
-  TestWriter w;
-  ASSERT_TRUE(StartWriter(p, &w));
-  AddFrame(&w, true, {Bytes(12, 3)}, {4096}, Bytes(40, 5));
-  Checkpoint(&w);
-  const size_t tablesEnd = w.Image.FirstFrameOffset;
-  for (size_t n = 0; n <= w.File.size(); ++n) {
-    std::vector<uint8_t> cut(w.File.begin(), w.File.begin() + long(n));
-    VelmoFileInfo info;
-    const char* err = VelmoParseFile(cut.data(), cut.size(), &info);
-    if (n < VelmoHeaderSize) {
-      EXPECT_STREQ(err, VelmoTextNotVelmo) << n;
-    } else if (n < tablesEnd) {
-      EXPECT_STREQ(err, VelmoTextHeaderReadError) << n;
-    } else {
-      EXPECT_EQ(err, nullptr) << n;
-    }
-  }
-}
-
 }  // namespace

@@ -333,35 +333,33 @@ TEST_F(VelmoOpenTest, HighestSecondBytes) {
   EXPECT_EQ(sum.HighestSecondFrame, start + 1);
   VelmoClose(h);
 
-  // Two equal busiest windows: the first wins.
-  sizes.assign(20, 4);
-  sizes[3] = sizes[15] = 100;
-  file = BuildFile(s);
-  h = OpenImage(file);
-  EXPECT_EQ(h->HighestSecondBytes, 116u);
-  EXPECT_EQ(h->HighestSecondFrame, 0u);
-  VelmoClose(h);
-
-  // Fewer frames than a second: the average scaled to a second.
-  s.Rate = 30;
-  s.Frames = 4;
-  sizes = {8, 16, 24, 40};
-  file = BuildFile(s);
-  h = OpenImage(file);
-  EXPECT_EQ(h->HighestSecondBytes, 88u * 30 / 4);
-  EXPECT_EQ(h->HighestSecondFrame, 0u);
-  VelmoClose(h);
-
-  // Half a frame per second rounds up to a window of one frame.
-  s.Rate = 1;
-  s.RateDiv = 2;
-  s.Frames = 3;
-  sizes = {8, 40, 12};
-  file = BuildFile(s);
-  h = OpenImage(file);
-  EXPECT_EQ(h->HighestSecondBytes, 40u);
-  EXPECT_EQ(h->HighestSecondFrame, 1u);
-  VelmoClose(h);
+  struct Case {
+    const char* What;
+    uint32_t Rate, RateDiv;
+    std::vector<uint32_t> Sizes;
+    uint64_t Bytes;
+    uint32_t Frame;
+  };
+  std::vector<uint32_t> twoPeaks(20, 4);
+  twoPeaks[3] = twoPeaks[15] = 100;
+  const Case cases[] = {
+      {"two equal busiest windows: the first wins", 5, 1, twoPeaks, 116, 0},
+      {"fewer frames than a second: the average scaled", 30, 1, {8, 16, 24, 40}, 88 * 30 / 4, 0},
+      {"half a frame a second: a window of one frame", 1, 2, {8, 40, 12}, 40, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.What);
+    s.Rate = c.Rate;
+    s.RateDiv = c.RateDiv;
+    s.Frames = uint32_t(c.Sizes.size());
+    sizes = c.Sizes;
+    file = BuildFile(s);
+    h = OpenImage(file);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->HighestSecondBytes, c.Bytes);
+    EXPECT_EQ(h->HighestSecondFrame, c.Frame);
+    VelmoClose(h);
+  }
 }
 
 TEST_F(VelmoOpenTest, AllKeyFrames) {
@@ -456,6 +454,7 @@ TEST_F(VelmoOpenTest, MemoryAndClose) {
   EXPECT_EQ(VelmoDoFrame(nullptr), 0u);
   VelmoNextFrame(nullptr);
   VelmoGoto(nullptr, 3, 0);
+  VelmoSetFileLoop(nullptr, 1);
   EXPECT_EQ(VelmoPause(nullptr, 1), 0u);
   EXPECT_EQ(VelmoGetKeyFrame(nullptr, 1, 0), 0u);
 }
