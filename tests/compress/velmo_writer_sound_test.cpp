@@ -20,11 +20,12 @@ using sound_check::MemorySound;
 using compress_test::Picture;
 using compress_test::ScratchDir;
 
-// What the growing file showed at each "Compressing" label: frames, and the first track's
-// table entries, against the largest decoded count of the frames written by then.
+// What the growing file showed at each "Compressing" label: frames against those the writer
+// had written, and the first track's table entries against the largest decoded count of the
+// frames written by then.
 struct Observed {
   std::string Path;
-  std::vector<uint32_t> Frames, TableMax, LargestSoFar, Formats, Ids;
+  std::vector<uint32_t> Frames, Written, TableMax, LargestSoFar, Formats, Ids;
 };
 
 // The largest decoded count of a track over the first `frames` frames of a parsed file.
@@ -48,6 +49,8 @@ int Watch(uint32_t kind, VelmoWriter* w, const char*) {
   if (Velmo1CheckOpen(o->Path.c_str(), &check) != nullptr) return 0;
   const VelmoTrackInfo t = VelmoTableTrack(check.Info.Tables, 0);
   o->Frames.push_back(check.Info.Header.Frames);
+  o->Written.push_back(w->FramesWritten);
+  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), check.Info.Header.Frames);  // playable
   o->TableMax.push_back(t.MaxBytes);
   o->LargestSoFar.push_back(LargestDecoded(check, check.Info.Header.Frames));
   o->Formats.push_back(t.Format);
@@ -158,14 +161,22 @@ TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
   EXPECT_EQ(check.Info.Header.LargestFrameSize, largestFrame[0]);
 }
 
-TEST(VelmoWriterSound, CheckpointsCarryTheTablesSoFar) {
+// Before each frame is encoded, the file on disk holds exactly the frames written so far (from
+// the first checkpoint on), they decode, and the track table holds their figures.
+TEST(VelmoWriterSound, CheckpointsKeepTheGrowingFilePlayable) {
   const ScratchDir dir;
   const std::string out = dir / "grow.vlm";
   const Samples music[1] = {audio_test::Music(22050, 1, 22050)};
   Observed seen;
   const Clip r = WriteClip(out, 12, 1, music, &seen);
+  EXPECT_FALSE(compress_test::Exists(out + ".tmp"));
+  Velmo1FileCheck check;
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  EXPECT_EQ(check.Info.Header.Frames, 12u);
+  EXPECT_TRUE(VelmoEntryIsKey(check.Offsets[0]));
   ASSERT_GE(seen.Frames.size(), 8u);
   for (size_t i = 0; i < seen.Frames.size(); ++i) {
+    EXPECT_EQ(seen.Frames[i], seen.Written[i]) << i;
     EXPECT_EQ(seen.TableMax[i], seen.LargestSoFar[i]) << "at " << seen.Frames[i] << " frames";
     EXPECT_EQ(seen.Formats[i], r.TrackFlags[0]);
     EXPECT_EQ(seen.Ids[i], 40u);
