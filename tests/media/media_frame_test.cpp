@@ -76,10 +76,14 @@ TEST_F(FrameTest, ProgressLineCountsSourceFrames) {
 TEST_F(FrameTest, ListRepeatsLinesAndWalksSeriesLines) {
   Series(3);
   ASSERT_TRUE(WritePng(dir / "x.png", 8, 6, 50));
-  WriteText(dir / "l.lst", "x.png /L2\nf???.png*1-3 /S2\n\"x.png\"\n");
+  WriteText(dir / "l.lst", "# the opening\nx.png /L2\n\n  f???.png*1-3 /S2  \n\"x.png\"\n");
   MediaInput* in = Open(dir / "l.lst");
   ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->type, MediaTypeList);
+  EXPECT_STREQ(in->type_name, "List");
+  EXPECT_EQ(in->source_frames, 5u);
   EXPECT_EQ(in->output_frames, 5u);
+  EXPECT_TRUE(Said("Opening " + dir / "x.png...", MediaLevelStatus));
   EXPECT_EQ(FrameTags(in), Tags({50, 50, 2, 3, 50}));
   MediaClose(in);
 }

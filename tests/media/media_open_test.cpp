@@ -323,20 +323,6 @@ TEST_F(OpenTest, RatesForcedAndAdjusted) {
 
 // ---- Lists and series -----------------------------------------------------------------------
 
-TEST_F(OpenTest, ListWithRepeatsAndComments) {
-  ASSERT_TRUE(WritePng(dir / "a.png", 8, 6, 1));
-  ASSERT_TRUE(WritePng(dir / "b.png", 8, 6, 2));
-  WriteText(dir / "l.lst", "# the opening\na.png /L3\n\n  b.png  \n");
-  MediaInput* in = Open(dir / "l.lst");
-  ASSERT_NE(in, nullptr);
-  EXPECT_EQ(in->type, MediaTypeList);
-  EXPECT_STREQ(in->type_name, "List");
-  EXPECT_EQ(in->source_frames, 4u);
-  EXPECT_EQ(in->output_frames, 4u);
-  EXPECT_TRUE(Said("Opening " + dir / "a.png...", MediaLevelStatus));
-  MediaClose(in);
-}
-
 TEST_F(OpenTest, ListTakesTheLargestEntrySize) {
   Series(3, 8, 6);
   ASSERT_TRUE(WritePng(dir / "wide.png", 16, 4, 9));

@@ -208,6 +208,10 @@ Raw RawHeader(uint32_t frames, uint32_t w, uint32_t h, int32_t speed) {
   return r;
 }
 
+StreamReader* OpenRaw(const Raw& r, StreamError* error) {
+  return StreamReaderOpenMemory(&kStreamReaderRaw, r.v.data(), r.v.size(), error);
+}
+
 void ExpectRawFrame(const StreamFrame& f, int w, int h, uint8_t seed) {
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) ASSERT_EQ(f.pixels[y * f.pitch + x], uint8_t(y * w + x + seed)) << x << "," << y;
@@ -221,7 +225,7 @@ TEST(RawReader, MarkersPalettesAndEmptyFrames) {
   r.U32(7);                          // frame 2: no data
   r.Palette(5), r.Palette(3), r.Pixels(w, h, 40);  // frame 3: two palettes, the last one counts
   StreamError error{};
-  StreamReader* reader = StreamReaderOpenMemory(&kStreamReaderRaw, r.v.data(), r.v.size(), &error);
+  StreamReader* reader = OpenRaw(r, &error);
   ASSERT_NE(reader, nullptr) << error.text;
   const StreamInfo* info = StreamReaderInfo(reader);
   EXPECT_STREQ(info->type_name, "");
@@ -252,7 +256,7 @@ TEST(RawReader, RatesAndErrors) {
   for (auto [speed, num, den] : {std::tuple{-40, 1000u, 40u}, std::tuple{0, 15u, 1u}, std::tuple{2000, 100000u, 2000u}}) {
     Raw r = RawHeader(1, 2, 2, speed);
     r.Pixels(2, 2, 0);
-    StreamReader* reader = StreamReaderOpenMemory(&kStreamReaderRaw, r.v.data(), r.v.size(), &error);
+    StreamReader* reader = OpenRaw(r, &error);
     ASSERT_NE(reader, nullptr) << error.text;
     EXPECT_EQ(StreamReaderInfo(reader)->rate_num, num);
     EXPECT_EQ(StreamReaderInfo(reader)->rate_den, den);
@@ -262,7 +266,7 @@ TEST(RawReader, RatesAndErrors) {
   two.Pixels(4, 2, 1);
   two.U32(0);  // a palette marker with the palette cut off
   two.v.resize(two.v.size() + 100);
-  StreamReader* reader = StreamReaderOpenMemory(&kStreamReaderRaw, two.v.data(), two.v.size(), &error);
+  StreamReader* reader = OpenRaw(two, &error);
   ASSERT_NE(reader, nullptr);
   StreamFrame f{};
   EXPECT_EQ(StreamReaderRead(reader, 1, &f, &error), 0);
@@ -270,15 +274,13 @@ TEST(RawReader, RatesAndErrors) {
   ASSERT_EQ(StreamReaderRead(reader, 0, &f, &error), 1);
   ExpectRawFrame(f, 4, 2, 1);
   StreamReaderClose(reader);
-  const Raw empty = RawHeader(0, 4, 2, 10);
-  EXPECT_EQ(StreamReaderOpenMemory(&kStreamReaderRaw, empty.v.data(), empty.v.size(), &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
-  const Raw huge = RawHeader(1, 100000, 2, 10);
-  EXPECT_EQ(StreamReaderOpenMemory(&kStreamReaderRaw, huge.v.data(), huge.v.size(), &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_TOO_LARGE);
-  const Raw no_frame = RawHeader(1, 4, 2, 10);
-  EXPECT_EQ(StreamReaderOpenMemory(&kStreamReaderRaw, no_frame.v.data(), no_frame.v.size(), &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  // No frames, an over-large picture, a frame count with no frame behind it.
+  for (auto [raw, code] : {std::pair{RawHeader(0, 4, 2, 10), STREAM_ERROR_CORRUPT},
+                           {RawHeader(1, 100000, 2, 10), STREAM_ERROR_TOO_LARGE},
+                           {RawHeader(1, 4, 2, 10), STREAM_ERROR_CORRUPT}}) {
+    EXPECT_EQ(OpenRaw(raw, &error), nullptr);
+    EXPECT_EQ(error.code, code);
+  }
   const uint8_t junk[] = {'R', 'A', 'W'};
   EXPECT_EQ(StreamReaderOpenMemory(&kStreamReaderRaw, junk, sizeof junk, &error), nullptr);
   EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);

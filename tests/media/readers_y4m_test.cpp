@@ -124,28 +124,20 @@ TEST(Y4mReader, EveryChromaFormMatchesTheModel) {
 }
 
 TEST(Y4mReader, RangeEndsMapToBlackAndWhite) {
-  const Form& form = kForms[5];  // 444
   Planes p;
   p.y = {16, 235, 0, 255};
-  p.u = {128, 128, 128, 128};
-  p.v = {128, 128, 128, 128};
-  const std::string limited = Y4m("YUV4MPEG2 W4 H1 F1:1 C444", {p});
-  const std::string full = Y4m("YUV4MPEG2 W4 H1 F1:1 C444 XCOLORRANGE=FULL", {p});
-  StreamError error{};
-  StreamFrame f{};
-  StreamReader* r = OpenText(limited, &error);
-  ASSERT_NE(r, nullptr) << error.text;
-  ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
-  const uint8_t want_limited[4] = {0, 255, 0, 255};
-  for (int x = 0; x < 4; ++x) EXPECT_EQ(f.pixels[x * 4 + 1], want_limited[x]) << x;
-  StreamReaderClose(r);
-  r = OpenText(full, &error);
-  ASSERT_NE(r, nullptr) << error.text;
-  ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
-  const uint8_t want_full[4] = {16, 235, 0, 255};
-  for (int x = 0; x < 4; ++x) EXPECT_EQ(f.pixels[x * 4 + 1], want_full[x]) << x;
-  StreamReaderClose(r);
-  (void)form;
+  p.u = p.v = {128, 128, 128, 128};
+  for (auto [range, want] : {std::pair{"", std::vector<uint8_t>{0, 255, 0, 255}},
+                             {" XCOLORRANGE=FULL", std::vector<uint8_t>{16, 235, 0, 255}}}) {
+    StreamError error{};
+    StreamFrame f{};
+    const std::string file = Y4m(std::string("YUV4MPEG2 W4 H1 F1:1 C444") + range, {p});
+    StreamReader* r = OpenText(file, &error);
+    ASSERT_NE(r, nullptr) << error.text;
+    ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(f.pixels[x * 4 + 1], want[size_t(x)]) << range << " " << x;
+    StreamReaderClose(r);
+  }
 }
 
 TEST(Y4mReader, HeaderParameters) {

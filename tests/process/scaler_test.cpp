@@ -77,6 +77,8 @@ std::map<int, long double> TableWeights(const ScalerAxis& axis, uint32_t positio
 void ExpectAxisMatchesModel(const ScalerAxis& axis, uint32_t kernel, int dst, int src) {
   const ModelAxis model = BuildModelAxis(kernel, dst, src);
   for (int i = 0; i < dst; ++i) {
+    ASSERT_GE(axis.Counts[i], 1u);
+    ASSERT_LE(axis.Counts[i], axis.MaxEntries);
     std::map<int, long double> table = TableWeights(axis, i);
     for (const auto& [index, w] : model[i]) {
       if (std::fabs(w) < 1e-15L) continue;
@@ -156,29 +158,6 @@ TEST(ScalerKernel, WeightsFollowTheirDefinitions) {
   EXPECT_EQ(ScalerKernelWeight(ScaleKernelBox, 0.0), 1.0);
 }
 
-TEST(ScalerTable, WeightsSumToOneAndIndicesStayInside) {
-  const uint32_t sizes[] = {1, 2, 3, 7, 16, 33, 100, 641};
-  for (uint32_t kernel = 0; kernel < 3; ++kernel)
-    for (uint32_t dst : sizes)
-      for (uint32_t src : sizes) {
-        ScalerPtr s = Make(kernel, dst, 1, src, 1);
-        ASSERT_TRUE(s);
-        for (uint32_t i = 0; i < dst; ++i) {
-          const uint32_t count = s->Horizontal.Counts[i];
-          ASSERT_GE(count, 1u);
-          ASSERT_LE(count, s->Horizontal.MaxEntries);
-          double sum = 0;
-          const ScalerSlot* slots = s->Horizontal.Entries + size_t(i) * s->Horizontal.MaxEntries;
-          for (uint32_t k = 0; k < count; ++k) {
-            sum += slots[k].Weight;
-            EXPECT_GE(slots[k].Index, 0);
-            EXPECT_LT(slots[k].Index, int32_t(src));
-          }
-          EXPECT_NEAR(sum, 1.0, 1e-12) << kernel << " " << dst << " from " << src << " at " << i;
-        }
-      }
-}
-
 TEST(ScalerTable, MaxEntriesFollowTheWindow) {
   // Enlarging 10 to 20: (int) 2r + 1. Reducing 19 to 10 (s = 0.5): ceil(2r ÷ s + 1).
   const uint32_t enlarge[3] = {5, 3, 2}, reduce[3] = {9, 5, 3};
@@ -188,10 +167,12 @@ TEST(ScalerTable, MaxEntriesFollowTheWindow) {
   }
 }
 
+// The model's weights are normalised, so a match also says the table's weights sum to one and
+// its indices stay inside the source.
 TEST(ScalerTable, MatchesTheModelForEveryKernelAndDirection) {
-  const std::pair<int, int> cases[] = {{1, 1},      {1, 5},    {5, 1},    {2, 3},  {8, 8},
-                                       {15, 4},     {4, 15},   {64, 9},   {9, 64}, {720, 1080},
-                                       {1280, 640}, {3, 1000}, {1000, 3}, {17, 16}};
+  std::vector<std::pair<int, int>> cases = {{720, 1080}, {1280, 640}, {3, 1000}, {1000, 3}, {17, 16}};
+  for (int dst : {1, 2, 3, 5, 7, 16, 33, 64, 641})
+    for (int src : {1, 2, 3, 4, 9, 15, 100, 641}) cases.push_back({dst, src});
   for (uint32_t kernel = 0; kernel < 3; ++kernel)
     for (auto [dst, src] : cases) {
       SCOPED_TRACE(testing::Message() << "kernel " << kernel << " " << dst << " from " << src);
@@ -200,17 +181,6 @@ TEST(ScalerTable, MatchesTheModelForEveryKernelAndDirection) {
       ExpectAxisMatchesModel(s->Horizontal, kernel, dst, src);
       ExpectAxisMatchesModel(s->Vertical, kernel, src, dst);
     }
-}
-
-TEST(ScalerTable, EndsLandOnTheEndsOfTheSource) {
-  for (uint32_t kernel : {ScaleKernelLinear, ScaleKernelBox}) {
-    ScalerPtr s = Make(kernel, 37, 1, 11, 1);
-    const ScalerAxis& a = s->Horizontal;
-    ASSERT_EQ(a.Counts[0], 1u);
-    EXPECT_EQ(a.Entries[0].Index, 0);
-    ASSERT_EQ(a.Counts[36], 1u);
-    EXPECT_EQ(a.Entries[36 * a.MaxEntries].Index, 10);
-  }
 }
 
 TEST(ScalerTable, BoxEnlargingTakesOneSourcePixelEach) {
