@@ -171,6 +171,19 @@ struct Parsed {
   return ::testing::AssertionSuccess();
 }
 
+// The reader library opens the file, with its frames and these tracks in this order.
+void ExpectReaderOpens(const std::string& name, uint32_t frames, const std::vector<uint32_t>& ids) {
+  HVELMO h = VelmoOpen(name.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->Frames, frames);
+  EXPECT_EQ(h->TrackCount, ids.size());
+  for (uint32_t t = 0; t < ids.size() && t < h->TrackCount; ++t) {
+    EXPECT_EQ(h->TrackIds[t], ids[t]);
+    EXPECT_EQ(VelmoGetTrackId(h, t), ids[t]);
+  }
+  VelmoClose(h);
+}
+
 struct Messages {
   std::vector<std::string> Texts;
   uint32_t Labels = 0;
@@ -254,14 +267,7 @@ TEST(VelmoMixCopy, DroppingATrackKeepsTheOthersAndTheVideo) {
   EXPECT_EQ(b.Info.Header.Flags, a.Info.Header.Flags);
   EXPECT_EQ(b.Info.Extras.TextSize, a.Info.Extras.TextSize);
   EXPECT_TRUE(KeptFrames(a, b, {{0, 0}, {2, 1}}));
-  // The reader library takes the result.
-  HVELMO h = VelmoOpen(out.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
-  EXPECT_EQ(h->Frames, 10u);
-  ASSERT_EQ(h->TrackCount, 2u);
-  EXPECT_EQ(h->TrackIds[0], 5u);
-  EXPECT_EQ(h->TrackIds[1], 9u);
-  VelmoClose(h);
+  ExpectReaderOpens(out, 10, {5, 9});
 }
 
 // The Velmo data may stand inside a larger file; the output starts with its header. A rate
@@ -297,38 +303,10 @@ TEST(VelmoMixCopy, EmptyTrackListDoesNothing) {
 
 // ---- Failures ----------------------------------------------------------------------------------
 
-TEST(VelmoMixFailure, InputsThatAreNotVelmoFiles) {
-  const ScratchDir dir;
-  const std::string out = dir / "out.vlm";
-  MixRun run;
-  EXPECT_EQ(run.Run(dir / "missing.vlm", out, {Removal(0)}), 0u);
-  ASSERT_EQ(run.Msg.Texts.size(), 1u);
-  EXPECT_EQ(run.Msg.Texts[0], "Couldn't open input Velmo file.");
-
-  std::vector<uint8_t> wave(200, 0);
-  std::memcpy(wave.data(), "RIFF\0\0\0\0WAVEfmt ", 16);
-  const std::string other = dir / "sound.wav";
-  WriteAll(other, wave);
-  // A "VLM" magic with a letter of no known version is no Velmo file either; so is a file
-  // shorter than a header.
-  std::vector<uint8_t> beta = BuildInput({});
-  beta[3] = 'j';
-  const std::string betaName = dir / "beta.vlm", shortName = dir / "short.vlm";
-  WriteAll(betaName, beta);
-  WriteAll(shortName, std::vector<uint8_t>(beta.begin() + 8, beta.begin() + 40));
-  for (const std::string& name : {other, betaName, shortName}) {
-    MixRun r;
-    EXPECT_EQ(r.Run(name, out, {Removal(0)}), 0u) << name;
-    ASSERT_EQ(r.Msg.Texts.size(), 1u) << name;
-    EXPECT_EQ(r.Msg.Texts[0], "Input file isn't a Velmo file.");
-    EXPECT_FALSE(Exists(out));
-    EXPECT_FALSE(Exists(out + ".tmp"));
-  }
-}
-
+// Inputs that are no Velmo files, and damaged ones, end the mix with one message and no output.
 // Frame sizes from the index are checked against the file before they are read: a cut file, an
 // entry beyond the end, a frame whose track packets run past it.
-TEST(VelmoMixFailure, DamagedFramesEndTheMixWithoutOutput) {
+TEST(VelmoMixFailure, BadInputsEndTheMixWithoutOutput) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
   const std::vector<uint8_t> good = BuildInput({100, 0, nullptr, 8, 4, {5}});
@@ -336,25 +314,45 @@ TEST(VelmoMixFailure, DamagedFramesEndTheMixWithoutOutput) {
   ASSERT_TRUE(Parse(good, &p));
   const size_t indexAt = p.Info.TablesOffset + 3 * 4;
   const uint32_t frame3 = Load32(good, indexAt + 3 * 4);
-
-  std::vector<std::vector<uint8_t>> damaged;
-  damaged.emplace_back(good.begin(), good.end() - 30);  // cut inside the last frame
-  damaged.push_back(good);
-  Store32(&damaged.back(), indexAt + 4 * 4, 0x0ffffff0);  // far beyond the file
-  damaged.push_back(good);
-  Store32(&damaged.back(), indexAt + 4 * 4, frame3);  // a frame of no bytes
-  damaged.push_back(good);
-  Store32(&damaged.back(), frame3 & ~3u, 0x7fffffff);  // a packet past the frame
-  damaged.push_back(good);
-  Store32(&damaged.back(), 40, 300);  // more tracks than the file has room for
-  for (size_t i = 0; i < damaged.size(); ++i) {
-    WriteAll(in, damaged[i]);
+  const char* const notVelmo = "Input file isn't a Velmo file.";
+  struct Case {
+    const char* What;
+    std::vector<uint8_t> File;
+    const char* Message;  // null: any one message
+  };
+  std::vector<Case> cases;
+  cases.push_back({"a wave file", std::vector<uint8_t>(200, 0), notVelmo});
+  std::memcpy(cases.back().File.data(), "RIFF\0\0\0\0WAVEfmt ", 16);
+  // A "VLM" magic with a letter of no known version is no Velmo file either; so is a file
+  // shorter than a header.
+  cases.push_back({"an unknown version letter", good, notVelmo});
+  cases.back().File[3] = 'j';
+  cases.push_back({"a part of a header", std::vector<uint8_t>(good.begin() + 8, good.begin() + 40), notVelmo});
+  cases.push_back({"cut inside the last frame", std::vector<uint8_t>(good.begin(), good.end() - 30), nullptr});
+  cases.push_back({"an entry far beyond the file", good, nullptr});
+  Store32(&cases.back().File, indexAt + 4 * 4, 0x0ffffff0);
+  cases.push_back({"a frame of no bytes", good, nullptr});
+  Store32(&cases.back().File, indexAt + 4 * 4, frame3);
+  cases.push_back({"a packet past the frame", good, nullptr});
+  Store32(&cases.back().File, frame3 & ~3u, 0x7fffffff);
+  cases.push_back({"more tracks than the file has room for", good, nullptr});
+  Store32(&cases.back().File, 40, 300);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.What);
+    WriteAll(in, c.File);
     MixRun run;
-    EXPECT_EQ(run.Run(in, out, {Removal(1)}), 0u) << i;
-    EXPECT_EQ(run.Msg.Texts.size(), 1u) << i;
-    EXPECT_FALSE(Exists(out)) << i;
-    EXPECT_FALSE(Exists(out + ".tmp")) << i;
+    EXPECT_EQ(run.Run(in, out, {Removal(1)}), 0u);
+    ASSERT_EQ(run.Msg.Texts.size(), 1u);
+    if (c.Message) {
+      EXPECT_EQ(run.Msg.Texts[0], c.Message);
+    }
+    EXPECT_FALSE(Exists(out));
+    EXPECT_FALSE(Exists(out + ".tmp"));
   }
+  MixRun missing;
+  EXPECT_EQ(missing.Run(dir / "missing.vlm", out, {Removal(0)}), 0u);
+  ASSERT_EQ(missing.Msg.Texts.size(), 1u);
+  EXPECT_EQ(missing.Msg.Texts[0], "Couldn't open input Velmo file.");
 }
 
 TEST(VelmoMixFailure, CancelDeletesTheTemporaryFile) {
@@ -496,12 +494,7 @@ TEST(VelmoMixEncode, ReplacedTrackKeepsItsPlace) {
   EXPECT_TRUE(b.Tracks[1].Format & VelmoTrackStereo);
   EXPECT_TRUE(b.Tracks[2].Format & VelmoTrackOlder);  // level 104: the older form
   EXPECT_TRUE(KeptFrames(a, b, {{0, 0}}));
-  HVELMO h = VelmoOpen(out.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
-  EXPECT_EQ(h->TrackCount, 3u);
-  EXPECT_EQ(VelmoGetTrackId(h, 1), 7u);
-  EXPECT_EQ(VelmoGetTrackId(h, 2), 12u);
-  VelmoClose(h);
+  ExpectReaderOpens(out, 30, {5, 7, 12});
   const std::vector<int16_t> decoded = DecodeTrack(out, 1);
   EXPECT_NEAR(double(decoded.size()), 16000.0, 30 * 8.0);
   EXPECT_GT(ToneSnr(decoded, 0, 1000, 15000, 16000), 20.0);
