@@ -170,9 +170,9 @@ TEST(ScalerTable, MaxEntriesFollowTheWindow) {
 // The model's weights are normalised, so a match also says the table's weights sum to one and
 // its indices stay inside the source.
 TEST(ScalerTable, MatchesTheModelForEveryKernelAndDirection) {
-  std::vector<std::pair<int, int>> cases = {{720, 1080}, {1280, 640}, {3, 1000}, {1000, 3}, {17, 16}};
-  for (int dst : {1, 2, 3, 5, 7, 16, 33, 64, 641})
-    for (int src : {1, 2, 3, 4, 9, 15, 100, 641}) cases.push_back({dst, src});
+  std::vector<std::pair<int, int>> cases = {{720, 1080}, {1280, 640}, {3, 1000}, {1000, 3}, {17, 16}, {641, 2}, {1, 641}};
+  for (int dst : {1, 2, 3, 5, 16, 33})
+    for (int src : {1, 2, 3, 4, 15, 64}) cases.push_back({dst, src});
   for (uint32_t kernel = 0; kernel < 3; ++kernel)
     for (auto [dst, src] : cases) {
       SCOPED_TRACE(testing::Message() << "kernel " << kernel << " " << dst << " from " << src);
