@@ -33,7 +33,7 @@ TEST(MediaSwitches, DefaultsWhenNothingIsGiven) {
   EXPECT_EQ(rest, "in.avi out.vlm");
 }
 
-TEST(MediaSwitches, ZValuesBecomeOpenFlags) {
+TEST(MediaSwitches, ZAndDeinterlaceValuesBecomeOpenFlags) {
   struct Case {
     const char* line;
     uint32_t flags;
@@ -50,17 +50,14 @@ TEST(MediaSwitches, ZValuesBecomeOpenFlags) {
       {"/Z10000", 0x40000 | 0x80},
       {"/Z21000", 0x100},
       {"/Z11102", 0x40000 | 0x80 | 0x100 | 0x4000 | 2},
+      // De-interlace values.
+      {"/Z20000 /;1", MediaOpenDeinterlaceEven},
+      {"/Z20000 /;2", MediaOpenDeinterlaceOdd},
+      {"/Z20000 /;9", MediaOpenDeinterlaceEven | MediaOpenDeinterlaceBlend},
+      {"/Z20000 /;8", MediaOpenDeinterlaceBlend},
+      {"/Z20000 /;3", 0},
   };
   for (const Case& c : cases) EXPECT_EQ(Parse(c.line).open_flags, c.flags) << c.line;
-}
-
-TEST(MediaSwitches, DeinterlaceValues) {
-  EXPECT_EQ(Parse("/Z20000 /;1").open_flags, uint32_t(MediaOpenDeinterlaceEven));
-  EXPECT_EQ(Parse("/Z20000 /;2").open_flags, uint32_t(MediaOpenDeinterlaceOdd));
-  EXPECT_EQ(Parse("/Z20000 /;9").open_flags,
-            uint32_t(MediaOpenDeinterlaceEven | MediaOpenDeinterlaceBlend));
-  EXPECT_EQ(Parse("/Z20000 /;8").open_flags, uint32_t(MediaOpenDeinterlaceBlend));
-  EXPECT_EQ(Parse("/Z20000 /;3").open_flags, 0u);
 }
 
 TEST(MediaSwitches, RatesAndFrameDurations) {

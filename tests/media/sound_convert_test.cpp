@@ -266,31 +266,27 @@ TEST(SoundRange, StartAndEndInMillisecondsPickTheSourceSpan) {
   std::vector<int16_t> index(2000);
   for (size_t i = 0; i < index.size(); ++i) index[i] = static_cast<int16_t>(i);
   WriteWave16(dir / "i.wav", 1000, 1, index);
-  SoundInput* sound = SoundOpen((dir / "i.wav").c_str(), 0, 16, 0, 100, 250, 0, 0, 0, nullptr);
-  ASSERT_NE(sound, nullptr);
-  EXPECT_EQ(sound->total_bytes, 150u * 2);
-  std::vector<int16_t> out = As16(ReadAll(sound, 64));
-  ASSERT_EQ(out.size(), 150u);
-  EXPECT_EQ(out.front(), 100);
-  EXPECT_EQ(out.back(), 249);
-  EXPECT_TRUE(sound->at_end);
-  SoundClose(sound);
-
-  // At twice the rate the same span gives twice the samples; an end past the sound stops there.
-  sound = SoundOpen((dir / "i.wav").c_str(), 2000, 16, 0, 1500, 9000, 0, 0, 0, nullptr);
-  ASSERT_NE(sound, nullptr);
-  out = As16(ReadAll(sound));
-  ASSERT_EQ(out.size(), 1000u);
-  EXPECT_EQ(out.front(), 1500);
-  EXPECT_EQ(out.back(), 1999);
-  SoundClose(sound);
-
-  // An end before the start is an empty sound.
-  sound = SoundOpen((dir / "i.wav").c_str(), 0, 16, 0, 900, 300, 0, 0, 0, nullptr);
-  ASSERT_NE(sound, nullptr);
-  EXPECT_EQ(sound->total_bytes, 0u);
-  EXPECT_TRUE(ReadAll(sound).empty());
-  SoundClose(sound);
+  // At twice the rate the same span gives twice the samples, and an end past the sound stops
+  // there; an end before the start is an empty sound.
+  struct Case {
+    uint32_t rate, start, end;
+    size_t count;
+    int16_t front, back;
+  } cases[] = {{0, 100, 250, 150, 100, 249}, {2000, 1500, 9000, 1000, 1500, 1999}, {0, 900, 300, 0, 0, 0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.start << " to " << c.end << " ms");
+    SoundInput* sound = SoundOpen((dir / "i.wav").c_str(), c.rate, 16, 0, c.start, c.end, 0, 0, 0, nullptr);
+    ASSERT_NE(sound, nullptr);
+    EXPECT_EQ(sound->total_bytes, c.count * 2);
+    const std::vector<int16_t> out = As16(ReadAll(sound, 64));
+    EXPECT_TRUE(sound->at_end);
+    SoundClose(sound);
+    ASSERT_EQ(out.size(), c.count);
+    if (c.count) {
+      EXPECT_EQ(out.front(), c.front);
+      EXPECT_EQ(out.back(), c.back);
+    }
+  }
 }
 
 TEST(SoundRaw, ForcedTypeRateAndSkip) {
