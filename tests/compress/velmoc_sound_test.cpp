@@ -57,29 +57,35 @@ int RunMedia(const std::string& tail) {
 }
 
 // The output's sound as the sound input reads it back (through the reader library).
-Samples ReadBack(const std::string& name, uint32_t* rate, uint32_t* channels) {
-  Samples out;
+struct Heard {
+  uint32_t Rate = 0, Channels = 0;
+  Samples Pcm;
+};
+Heard ReadBack(const std::string& name) {
+  Heard out;
   SoundInput* s = SoundOpen(name.c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
   if (!s) return out;
-  *rate = s->rate;
-  *channels = s->channels;
+  out.Rate = s->rate;
+  out.Channels = s->channels;
   int16_t buffer[4096];
   uint32_t got;
-  while ((got = SoundRead(s, buffer, sizeof buffer)) > 0) out.insert(out.end(), buffer, buffer + got / 2);
+  while ((got = SoundRead(s, buffer, sizeof buffer)) > 0) out.Pcm.insert(out.Pcm.end(), buffer, buffer + got / 2);
   SoundClose(s);
   return out;
 }
 
-struct Output {
-  Velmo1FileCheck Check;
-  bool Open = false;
-};
-
-Output Parse(const std::string& name) {
-  Output o;
-  o.Open = Velmo1CheckOpen(name.c_str(), &o.Check) == nullptr;
-  return o;
+// The output parsed, with the given number of tracks.
+::testing::AssertionResult Open(const std::string& name, Velmo1FileCheck* check, uint32_t tracks) {
+  if (const char* e = Velmo1CheckOpen(name.c_str(), check)) return ::testing::AssertionFailure() << e;
+  if (check->Info.TrackCount != tracks)
+    return ::testing::AssertionFailure() << check->Info.TrackCount << " tracks";
+  return ::testing::AssertionSuccess();
 }
+
+VelmoTrackInfo FirstTrack(const Velmo1FileCheck& check) { return VelmoTableTrack(check.Info.Tables, 0); }
+
+// The wave's own format, coded in the current form.
+constexpr uint32_t StereoTrack = 22050u | VelmoTrackCurrent | VelmoTrackStereo | VelmoTrack16Bit;
 
 class VelmocSound : public ::testing::Test {
  protected:
@@ -97,17 +103,15 @@ class VelmocSound : public ::testing::Test {
 TEST_F(VelmocSound, WaveInputGivesATrackTheReaderPlays) {
   const std::string out = Out("tune.vlm");
   ASSERT_EQ(RunMedia(wav + " " + out + " /v101 /t9"), ToolExitDone);
-  Output o = Parse(out);
-  ASSERT_TRUE(o.Open);
-  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
-  const VelmoTrackInfo t = VelmoTableTrack(o.Check.Info.Tables, 0);
-  EXPECT_EQ(t.Id, 9u);
-  EXPECT_EQ(t.Format, 22050u | VelmoTrackCurrent | VelmoTrackStereo | VelmoTrack16Bit);
-  EXPECT_GT(t.MaxBytes, 0u);
+  Velmo1FileCheck check;
+  ASSERT_TRUE(Open(out, &check, 1));
+  EXPECT_EQ(FirstTrack(check).Id, 9u);
+  EXPECT_EQ(FirstTrack(check).Format, StereoTrack);
+  EXPECT_GT(FirstTrack(check).MaxBytes, 0u);
   // A wave file as video is 4 x 4 frames at 15 a second for as long as the sound.
-  const uint32_t frames = o.Check.Info.Header.Frames;
+  const uint32_t frames = check.Info.Header.Frames;
   EXPECT_EQ(frames, 31u);
-  EXPECT_EQ(Velmo1CheckDecode(o.Check, nullptr, nullptr), frames);
+  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), frames);
   const std::vector<std::string> texts = SoundTexts();
   ASSERT_FALSE(texts.empty());
   EXPECT_EQ(texts.front(), "22050 hz, 16-bit, stereo.");
@@ -116,40 +120,33 @@ TEST_F(VelmocSound, WaveInputGivesATrackTheReaderPlays) {
     EXPECT_EQ(texts.back().rfind("22050 hz, 16-bit, stereo (", 0), 0u);
     EXPECT_NE(texts.back().find(" to 1)"), std::string::npos);
   }
-  uint32_t rate = 0, channels = 0;
-  const Samples back = ReadBack(out, &rate, &channels);
-  EXPECT_EQ(rate, 22050u);
-  EXPECT_EQ(channels, 2u);
+  const Heard back = ReadBack(out);
+  EXPECT_EQ(back.Rate, 22050u);
+  EXPECT_EQ(back.Channels, 2u);
   // The video's span, 31 frames at 15 a second, is longer than the sound: silence follows.
   const size_t span = size_t(22050) * 31 / 15 * 2;
-  EXPECT_GE(back.size() + 16, span);
-  EXPECT_LE(back.size(), span + 2);
-  EXPECT_GT(audio_test::Snr(music, back), 20.0);
+  EXPECT_GE(back.Pcm.size() + 16, span);
+  EXPECT_LE(back.Pcm.size(), span + 2);
+  EXPECT_GT(audio_test::Snr(music, back.Pcm), 20.0);
 }
 
 TEST_F(VelmocSound, LevelSwitchAndFormatSwitches) {
   const std::string none = Out("none.vlm"), old = Out("old.vlm"), mono = Out("mono.vlm");
+  Velmo1FileCheck check;
   // /L-1: the input's sound is left out.
   ASSERT_EQ(RunMedia(wav + " " + none + " /v101 /l-1"), ToolExitDone);
-  Output n = Parse(none);
-  ASSERT_TRUE(n.Open);
-  EXPECT_EQ(n.Check.Info.TrackCount, 0u);
+  EXPECT_TRUE(Open(none, &check, 0));
   ASSERT_FALSE(SoundTexts().empty());
   EXPECT_EQ(SoundTexts().front(), "None.");
   // Levels from 100 write the older form.
   ASSERT_EQ(RunMedia(wav + " " + old + " /v101 /l104"), ToolExitDone);
-  Output o = Parse(old);
-  ASSERT_TRUE(o.Open);
-  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
-  EXPECT_EQ(VelmoTableTrack(o.Check.Info.Tables, 0).Format,
-            22050u | VelmoTrackOlder | VelmoTrackStereo | VelmoTrack16Bit);
-  EXPECT_EQ(VelmoTableTrack(o.Check.Info.Tables, 0).Id, 0u);
+  ASSERT_TRUE(Open(old, &check, 1));
+  EXPECT_EQ(FirstTrack(check).Format, 22050u | VelmoTrackOlder | VelmoTrackStereo | VelmoTrack16Bit);
+  EXPECT_EQ(FirstTrack(check).Id, 0u);
   // /R and /C convert the sound before it is coded.
   ASSERT_EQ(RunMedia(wav + " " + mono + " /v101 /r11025 /c1"), ToolExitDone);
-  Output m = Parse(mono);
-  ASSERT_TRUE(m.Open);
-  ASSERT_EQ(m.Check.Info.TrackCount, 1u);
-  EXPECT_EQ(VelmoTableTrack(m.Check.Info.Tables, 0).Format, 11025u | VelmoTrackCurrent | VelmoTrack16Bit);
+  ASSERT_TRUE(Open(mono, &check, 1));
+  EXPECT_EQ(FirstTrack(check).Format, 11025u | VelmoTrackCurrent | VelmoTrack16Bit);
   // Beyond 199 the level is a syntax error, and nothing is written.
   const std::string bad = Out("bad.vlm");
   EXPECT_EQ(RunMedia(wav + " " + bad + " /v101 /l200"), ToolExitBadSwitches);
@@ -172,26 +169,22 @@ double PeakRms(const Samples& pcm) {
 TEST_F(VelmocSound, BitsAreSixteenAndTheHundredsNormalise) {
   const std::string out = Out("loud.vlm");
   ASSERT_EQ(RunMedia(wav + " " + out + " /v101 /b5008"), ToolExitDone);
-  Output o = Parse(out);
-  ASSERT_TRUE(o.Open);
-  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
-  EXPECT_TRUE(VelmoTableTrack(o.Check.Info.Tables, 0).Format & VelmoTrack16Bit);
-  uint32_t rate = 0, channels = 0;
-  const Samples back = ReadBack(out, &rate, &channels);
+  Velmo1FileCheck check;
+  ASSERT_TRUE(Open(out, &check, 1));
+  EXPECT_TRUE(FirstTrack(check).Format & VelmoTrack16Bit);
   const double half = 32768 * 0.5;
   ASSERT_LT(PeakRms(music), half * 0.7);  // the source is well below the asked level
-  EXPECT_NEAR(PeakRms(back), half, half * 0.15);
+  EXPECT_NEAR(PeakRms(ReadBack(out).Pcm), half, half * 0.15);
 }
 
 // A run from a later frame takes the sound from that frame's time on.
 TEST_F(VelmocSound, StartFrameMovesTheSound) {
   const std::string out = Out("later.vlm");
   ASSERT_EQ(RunMedia(wav + " " + out + " /v101 /s7 /e21"), ToolExitDone);
-  Output o = Parse(out);
-  ASSERT_TRUE(o.Open);
-  EXPECT_EQ(o.Check.Info.Header.Frames, 15u);
-  uint32_t rate = 0, channels = 0;
-  const Samples back = ReadBack(out, &rate, &channels);
+  Velmo1FileCheck check;
+  ASSERT_TRUE(Open(out, &check, 1));
+  EXPECT_EQ(check.Info.Header.Frames, 15u);
+  const Samples back = ReadBack(out).Pcm;
   // Six frames at 15 a second skipped: 400 ms, then one second of sound.
   const size_t skip = size_t(22050) * 400 / 1000 * 2;
   ASSERT_GE(back.size() + 16, size_t(22050) * 2);
@@ -219,21 +212,18 @@ TEST_F(VelmocSound, AviInputGivesItsSoundATrack) {
   ASSERT_GT(AviClose(file), 0u);
 
   ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /t4"), ToolExitDone);
-  Output o = Parse(out);
-  ASSERT_TRUE(o.Open);
-  EXPECT_EQ(o.Check.Info.Header.Frames, 30u);
-  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
-  const VelmoTrackInfo t = VelmoTableTrack(o.Check.Info.Tables, 0);
-  EXPECT_EQ(t.Id, 4u);
-  EXPECT_EQ(t.Format, 22050u | VelmoTrackCurrent | VelmoTrackStereo | VelmoTrack16Bit);
+  Velmo1FileCheck check;
+  ASSERT_TRUE(Open(out, &check, 1));
+  EXPECT_EQ(check.Info.Header.Frames, 30u);
+  EXPECT_EQ(FirstTrack(check).Id, 4u);
+  EXPECT_EQ(FirstTrack(check).Format, StereoTrack);
   ASSERT_FALSE(SoundTexts().empty());
   EXPECT_EQ(SoundTexts().front(), "22050 hz, 16-bit, stereo.");
-  uint32_t rate = 0, channels = 0;
-  const Samples back = ReadBack(out, &rate, &channels);
-  EXPECT_EQ(rate, 22050u);
-  EXPECT_EQ(channels, 2u);
-  EXPECT_GE(back.size() + 16, music.size());
-  EXPECT_GT(audio_test::Snr(music, back), 20.0);
+  const Heard back = ReadBack(out);
+  EXPECT_EQ(back.Rate, 22050u);
+  EXPECT_EQ(back.Channels, 2u);
+  EXPECT_GE(back.Pcm.size() + 16, music.size());
+  EXPECT_GT(audio_test::Snr(music, back.Pcm), 20.0);
 }
 
 // A Velmo file with a track is an input with sound: its track is decoded and coded anew.
@@ -241,15 +231,13 @@ TEST_F(VelmocSound, VelmoInputKeepsItsSound) {
   const std::string first = Out("first.vlm"), second = Out("second.vlm");
   ASSERT_EQ(RunMedia(wav + " " + first + " /v101 /l0"), ToolExitDone);
   ASSERT_EQ(RunMedia(first + " " + second + " /v101 /l0 /t3"), ToolExitDone);
-  Output o = Parse(second);
-  ASSERT_TRUE(o.Open);
-  ASSERT_EQ(o.Check.Info.TrackCount, 1u);
-  EXPECT_EQ(VelmoTableTrack(o.Check.Info.Tables, 0).Id, 3u);
-  uint32_t rate = 0, channels = 0;
-  const Samples back = ReadBack(second, &rate, &channels);
-  EXPECT_EQ(rate, 22050u);
-  EXPECT_EQ(channels, 2u);
-  EXPECT_GT(audio_test::Snr(music, back), 18.0);
+  Velmo1FileCheck check;
+  ASSERT_TRUE(Open(second, &check, 1));
+  EXPECT_EQ(FirstTrack(check).Id, 3u);
+  const Heard back = ReadBack(second);
+  EXPECT_EQ(back.Rate, 22050u);
+  EXPECT_EQ(back.Channels, 2u);
+  EXPECT_GT(audio_test::Snr(music, back.Pcm), 18.0);
 }
 
 }  // namespace
