@@ -28,18 +28,35 @@ struct Observed {
   std::vector<uint32_t> Frames, Written, TableMax, LargestSoFar, Formats, Ids;
 };
 
-// The largest decoded count of a track over the first `frames` frames of a parsed file.
-uint32_t LargestDecoded(const Velmo1FileCheck& c, uint32_t frames, uint32_t track = 0) {
-  uint32_t largest = 0;
-  for (uint32_t f = 0; f < frames; ++f) {
+// A file taken apart by frames: the video sections, the largest frame, and of track `track` the
+// DecodedBytes words as written and the sound spans that the reader decodes.
+struct FrameParts {
+  uint64_t VideoBytes = 0, SoundBytes = 0, RawSum = 0;
+  uint32_t LargestFrame = 0, LargestRaw = 0;
+  std::vector<sound_check::SoundSpan> Spans;
+};
+
+FrameParts Split(const Velmo1FileCheck& c, uint32_t track = 0) {
+  FrameParts parts;
+  for (uint32_t f = 0; f < c.Info.Header.Frames; ++f) {
     const uint64_t start = VelmoEntryOffset(c.Offsets[f]), end = VelmoEntryOffset(c.Offsets[f + 1]);
     std::vector<VelmoSoundPacket> s(c.Info.TrackCount);
-    VelmoWalkFramePacket(c.Bytes.data() + start, size_t(end - start), c.Info.TrackCount, s.data());
-    uint32_t raw = 0;
-    if (s[track].PacketSize) std::memcpy(&raw, c.Bytes.data() + start + s[track].Offset + 4, 4);
-    largest = std::max(largest, raw);
+    const VelmoPacketLayout layout = VelmoWalkFramePacket(
+        c.Bytes.data() + start, size_t(end - start), c.Info.TrackCount, s.data());
+    EXPECT_TRUE(layout.HasVideo) << f;
+    parts.VideoBytes += layout.VideoSize;
+    parts.LargestFrame = std::max(parts.LargestFrame, uint32_t(end - start));
+    if (track < c.Info.TrackCount && s[track].PacketSize) {
+      parts.Spans.push_back({c.Bytes.data() + start + s[track].DataOffset, s[track].DataSize,
+                             s[track].DecodedBytes});
+      parts.SoundBytes += s[track].DataSize;
+      uint32_t raw;
+      std::memcpy(&raw, c.Bytes.data() + start + s[track].Offset + 4, 4);
+      parts.RawSum += raw;
+      parts.LargestRaw = std::max(parts.LargestRaw, raw);
+    }
   }
-  return largest;
+  return parts;
 }
 
 int Watch(uint32_t kind, VelmoWriter* w, const char*) {
@@ -52,7 +69,7 @@ int Watch(uint32_t kind, VelmoWriter* w, const char*) {
   o->Written.push_back(w->FramesWritten);
   EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), check.Info.Header.Frames);  // playable
   o->TableMax.push_back(t.MaxBytes);
-  o->LargestSoFar.push_back(LargestDecoded(check, check.Info.Header.Frames));
+  o->LargestSoFar.push_back(Split(check).LargestRaw);
   o->Formats.push_back(t.Format);
   o->Ids.push_back(t.Id);
   return 0;
@@ -102,30 +119,6 @@ Clip WriteClip(const std::string& out, uint32_t frames, uint32_t trackCount,
   return r;
 }
 
-// Each frame's video section bytes, and the sound spans of track `track`.
-void SplitFrames(const Velmo1FileCheck& c, uint32_t track, std::vector<uint32_t>* video,
-                 std::vector<sound_check::SoundSpan>* spans, uint32_t* largestFrame,
-                 uint64_t* rawDecoded) {
-  *largestFrame = 0;
-  *rawDecoded = 0;
-  for (uint32_t f = 0; f < c.Info.Header.Frames; ++f) {
-    const uint64_t start = VelmoEntryOffset(c.Offsets[f]), end = VelmoEntryOffset(c.Offsets[f + 1]);
-    std::vector<VelmoSoundPacket> s(c.Info.TrackCount);
-    const VelmoPacketLayout layout = VelmoWalkFramePacket(
-        c.Bytes.data() + start, size_t(end - start), c.Info.TrackCount, s.data());
-    EXPECT_TRUE(layout.HasVideo) << f;
-    video->push_back(layout.VideoSize);
-    *largestFrame = std::max(*largestFrame, uint32_t(end - start));
-    if (track < c.Info.TrackCount && s[track].PacketSize) {
-      spans->push_back({c.Bytes.data() + start + s[track].DataOffset, s[track].DataSize,
-                        s[track].DecodedBytes});
-      uint32_t raw;
-      std::memcpy(&raw, c.Bytes.data() + start + s[track].Offset + 4, 4);
-      *rawDecoded += raw;
-    }
-  }
-}
-
 TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
   const ScratchDir dir;
   const std::string out = dir / "two.vlm";
@@ -140,7 +133,6 @@ TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
   EXPECT_EQ(check.Info.Header.Frames, frames);
   // The video decodes past the sound packets.
   EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), frames);
-  uint32_t largestFrame[2];
   for (uint32_t t = 0; t < 2; ++t) {
     const VelmoTrackInfo info = VelmoTableTrack(check.Info.Tables, t);
     EXPECT_EQ(info.Id, 40 + t);
@@ -148,17 +140,14 @@ TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
     EXPECT_EQ(info.Format & VelmoTrackRateMask, t ? 11025u : 22050u);
     EXPECT_EQ(bool(info.Format & VelmoTrackStereo), t == 1);
     EXPECT_EQ(VelmoTrackIsCurrentForm(info.Format), t == 0);
-    EXPECT_EQ(info.MaxBytes, LargestDecoded(check, frames, t));
-    std::vector<uint32_t> video;
-    std::vector<sound_check::SoundSpan> spans;
-    uint64_t raw = 0;
-    SplitFrames(check, t, &video, &spans, &largestFrame[t], &raw);
+    const FrameParts parts = Split(check, t);
+    EXPECT_EQ(info.MaxBytes, parts.LargestRaw);
+    EXPECT_EQ(check.Info.Header.LargestFrameSize, parts.LargestFrame);
     const uint32_t rate = t ? 11025 : 22050, channels = t + 1;
-    EXPECT_EQ(raw, (uint64_t(rate) * channels * 2 * frames / 12 + 3) & ~uint64_t(3));
-    const Samples decoded = sound_check::DecodeSpans(info.Format, rate, channels, spans);
+    EXPECT_EQ(parts.RawSum, (uint64_t(rate) * channels * 2 * frames / 12 + 3) & ~uint64_t(3));
+    const Samples decoded = sound_check::DecodeSpans(info.Format, rate, channels, parts.Spans);
     EXPECT_GT(audio_test::Snr(music[t], decoded), t ? 24 : 26);
   }
-  EXPECT_EQ(check.Info.Header.LargestFrameSize, largestFrame[0]);
 }
 
 // Before each frame is encoded, the file on disk holds exactly the frames written so far (from
@@ -197,21 +186,10 @@ TEST(VelmoWriterSound, SoundTakesItsShareOfTheRate) {
   Velmo1FileCheck a, b;
   ASSERT_EQ(Velmo1CheckOpen(silent.c_str(), &a), nullptr);
   ASSERT_EQ(Velmo1CheckOpen(loud.c_str(), &b), nullptr);
-  std::vector<uint32_t> videoA, videoB;
-  std::vector<sound_check::SoundSpan> spans;
-  uint32_t largest;
-  uint64_t raw;
-  SplitFrames(a, 0, &videoA, &spans, &largest, &raw);
-  SplitFrames(b, 0, &videoB, &spans, &largest, &raw);
-  uint64_t sumA = 0, sumB = 0, sound = 0;
-  for (uint32_t f = 0; f < frames; ++f) {
-    sumA += videoA[f];
-    sumB += videoB[f];
-  }
-  for (const auto& s : spans) sound += s.Size;
-  ASSERT_GT(sound, 0u);
-  EXPECT_LT(sumB, sumA);
-  EXPECT_LT(sumA - sumB, sound * 2);
+  const FrameParts withoutSound = Split(a), withSound = Split(b);
+  ASSERT_GT(withSound.SoundBytes, 0u);
+  EXPECT_LT(withSound.VideoBytes, withoutSound.VideoBytes);
+  EXPECT_LT(withoutSound.VideoBytes - withSound.VideoBytes, withSound.SoundBytes * 2);
 }
 
 TEST(VelmoWriterSound, OpenRefusesTrackTablesItCannotWrite) {
