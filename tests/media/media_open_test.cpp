@@ -1,8 +1,11 @@
-// Opening inputs: the type table, sizes, ranges, scaling, crop, rates, lists and series.
+// Opening inputs: the type table, sizes, ranges, scaling, crop, rates, lists and series; Velmo
+// files through the reader library (built with the container's writer functions, their frames
+// not real pictures, which the decoder survives).
 #include <cstring>
 
 #include "media/media.h"
 #include "media_test_util.h"
+#include "reader/velmo_test_files.h"
 #include "sound_test_util.h"
 
 namespace {
@@ -102,6 +105,36 @@ TEST_F(OpenTest, StreamReadersAreRowsOfTheTable) {
   MediaClose(in);
 }
 
+TEST_F(OpenTest, VelmoHeaderGivesSizesRateAndFrames) {
+  velmo_test::FileSpec file;
+  file.Width = 32;
+  file.Height = 16;
+  file.Frames = 6;
+  file.Rate = 24;
+  sound_test::WriteBytes(dir / "clip.vlm", velmo_test::BuildFile(file));
+  MediaInput* in = Open(dir / "clip.vlm");
+  ASSERT_NE(in, nullptr) << (Messages.empty() ? "" : Messages.back().text);
+  EXPECT_EQ(in->type, MediaTypeVelmo);
+  EXPECT_STREQ(in->type_name, "Velmo 1");
+  EXPECT_EQ(in->source_width, 32u);
+  EXPECT_EQ(in->source_height, 16u);
+  EXPECT_EQ(in->source_frames, 6u);
+  EXPECT_EQ(in->file_rate_num, 24u);
+  EXPECT_EQ(in->file_rate_den, 1u);
+  EXPECT_EQ(in->has_sound, 0u);
+  EXPECT_EQ(FrameTags(in, 20).size(), 6u);
+  MediaClose(in);
+  // A range skips frames at the first read.
+  MediaOpenArgs args{};
+  args.start = 2;
+  args.end = 4;
+  in = Open(dir / "clip.vlm", args);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->source_frames, 3u);
+  EXPECT_EQ(FrameTags(in, 20).size(), 3u);
+  MediaClose(in);
+}
+
 TEST_F(OpenTest, StandardInputIsReadAsAY4mPipe) {
   WriteText(dir / "pipe.y4m", FlatY4m(3));
   const int saved = dup(0);
@@ -137,6 +170,7 @@ TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
   WriteText(dir / "empty.lst", "# nothing\n\n");
   WriteText(dir / "bad.lst", "missing.avi\n");
   WriteText(dir / "self.lst", "self.lst\n");  // a list that holds itself ends
+  WriteText(dir / "bad.vlm", std::string(200, 'x'));
   struct Case {
     std::string name;
     uint32_t flags;
@@ -151,6 +185,7 @@ TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
       {"empty.lst", 0, "No files in the list file."},
       {"bad.lst", 0, "File not found"},
       {"self.lst", 0, ""},
+      {"bad.vlm", 0, "Error opening: " + dir / "bad.vlm"},
   };
   for (const Case& c : cases) {
     Messages.clear();
