@@ -54,25 +54,42 @@ void ExpectFrame(const StreamFrame& f, const std::vector<uint8_t>& stored, int w
   }
 }
 
-TEST(AviReader, UncompressedDepthsAndOrders) {
+// Opens built files; the reader open last is closed at the end.
+class AviReaderTest : public ::testing::Test {
+ protected:
+  void OpenSpec(const AviSpec& s) {
+    if (r) StreamReaderClose(r);
+    built = BuildAvi(s);
+    r = Open(built.file, &error);
+  }
+  void TearDown() override {
+    if (r) StreamReaderClose(r);
+  }
+  Built built;
+  StreamError error{};
+  StreamReader* r = nullptr;
+};
+
+TEST_F(AviReaderTest, UncompressedDepthsAndOrders) {
   struct Case {
     int bits;
     bool top_down;
     AviSpec::Index index;
-  } cases[] = {{24, false, AviSpec::kIdx1},        {32, true, AviSpec::kNone}, {16, false, AviSpec::kIdx1Absolute},
-               {8, false, AviSpec::kIdx1},         {24, true, AviSpec::kOpenDml}, {32, false, AviSpec::kIdx1}};
+    bool looping = false;  // the OpenDML super index names its standard indexes twice
+  } cases[] = {{24, false, AviSpec::kIdx1},  {32, true, AviSpec::kNone},     {16, false, AviSpec::kIdx1Absolute},
+               {8, false, AviSpec::kIdx1},   {24, true, AviSpec::kOpenDml},  {32, false, AviSpec::kIdx1},
+               {32, false, AviSpec::kOpenDml, true}};
   for (const Case& c : cases) {
     AviSpec s;
     s.width = 7;  // rows need padding at 8, 16 and 24 bits
     s.height = c.top_down ? -5 : 5;
     s.bits = c.bits;
     s.index = c.index;
+    s.looping_super_index = c.looping;
     if (c.bits == 8)
       for (int i = 0; i < 256; ++i) s.palette.insert(s.palette.end(), {uint8_t(i), uint8_t(255 - i), uint8_t(i / 2), 0});
     for (int i = 0; i < 4; ++i) s.frames.push_back(RawFrame(i, 7, 5, c.bits, c.top_down));
-    const Built built = BuildAvi(s);
-    StreamError error{};
-    StreamReader* r = Open(built.file, &error);
+    OpenSpec(s);
     ASSERT_NE(r, nullptr) << c.bits << ": " << error.text;
     const StreamInfo* info = StreamReaderInfo(r);
     EXPECT_STREQ(info->type_name, "AVI (uncompressed)");
@@ -102,81 +119,51 @@ TEST(AviReader, UncompressedDepthsAndOrders) {
     StreamFrame f{};
     EXPECT_EQ(StreamReaderRead(r, 4, &f, &error), 0);
     EXPECT_EQ(error.code, STREAM_ERROR_END);
-    StreamReaderClose(r);
   }
 }
 
 // With an index, a chunk the index does not name is no frame; walking finds it.
-TEST(AviReader, IndexesDecideTheFrames) {
+TEST_F(AviReaderTest, IndexesDecideTheFrames) {
   for (AviSpec::Index index : {AviSpec::kIdx1, AviSpec::kOpenDml, AviSpec::kNone}) {
     AviSpec s;
     s.index = index;
     s.stray_frame = true;
     for (int i = 0; i < 5; ++i) s.frames.push_back(RawFrame(i, 6, 4, 24, false));
-    StreamError error{};
-    const std::vector<uint8_t> file = BuildAvi(s).file;
-    StreamReader* r = Open(file, &error);
+    OpenSpec(s);
     ASSERT_NE(r, nullptr) << error.text;
     EXPECT_EQ(StreamReaderInfo(r)->frame_count, index == AviSpec::kNone ? 6u : 5u);
     StreamFrame f{};
     ASSERT_EQ(StreamReaderRead(r, 4, &f, &error), 1);
     ExpectFrame(f, s.frames[index == AviSpec::kNone ? 3 : 4], 6, 4, 24, false);
-    StreamReaderClose(r);
   }
 }
 
-TEST(AviReader, OpenDmlSuperIndexNamedTwiceCountsOnce) {
-  AviSpec s;
-  s.index = AviSpec::kOpenDml;
-  s.looping_super_index = true;
-  s.bits = 32;
-  for (int i = 0; i < 6; ++i) s.frames.push_back(RawFrame(i, 6, 4, 32, false));
-  StreamError error{};
-  const std::vector<uint8_t> file = BuildAvi(s).file;
-  StreamReader* r = Open(file, &error);
-  ASSERT_NE(r, nullptr) << error.text;
-  EXPECT_EQ(StreamReaderInfo(r)->frame_count, 6u);
-  for (uint32_t i = 0; i < 6; ++i) {
-    StreamFrame f{};
-    ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1);
-    SCOPED_TRACE(i);
-    ExpectFrame(f, s.frames[i], 6, 4, 32, false);
-  }
-  StreamReaderClose(r);
-}
-
-TEST(AviReader, EmptyChunkRepeatsThePreviousPicture) {
+TEST_F(AviReaderTest, EmptyChunkRepeatsThePreviousPicture) {
   AviSpec s;
   s.frames = {RawFrame(0, 6, 4, 24, false), {}, {}, RawFrame(3, 6, 4, 24, false)};
-  StreamError error{};
-  const std::vector<uint8_t> file = BuildAvi(s).file;
-  StreamReader* r = Open(file, &error);
+  OpenSpec(s);
   ASSERT_NE(r, nullptr) << error.text;
   StreamFrame f{};
   ASSERT_EQ(StreamReaderRead(r, 3, &f, &error), 1);
   ASSERT_EQ(StreamReaderRead(r, 2, &f, &error), 1);  // reached directly: goes back to frame 0
   ExpectFrame(f, s.frames[0], 6, 4, 24, false);
   EXPECT_EQ(f.bytes, 0u);
-  StreamReaderClose(r);
 }
 
-TEST(AviReader, ShortChunkGivesBlackBelow) {
+TEST_F(AviReaderTest, ShortChunkGivesBlackBelow) {
   AviSpec s;
   std::vector<uint8_t> full = RawFrame(1, 6, 4, 24, false);
   s.frames = {std::vector<uint8_t>(full.begin(), full.begin() + 18 * 2)};  // the bottom two rows only
-  StreamError error{};
-  const std::vector<uint8_t> file = BuildAvi(s).file;
-  StreamReader* r = Open(file, &error);
+  OpenSpec(s);
   ASSERT_NE(r, nullptr) << error.text;
   StreamFrame f{};
   ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
   EXPECT_EQ(0, std::memcmp(f.pixels + 3 * f.pitch, full.data(), 18));
   for (int y = 0; y < 2; ++y)
     for (int i = 0; i < 18; ++i) EXPECT_EQ(f.pixels[y * f.pitch + i], 0);
-  StreamReaderClose(r);
 }
 
-TEST(AviReader, SoundChunksAreListed) {
+TEST_F(AviReaderTest, SoundChunksAreListed) {
   for (AviSpec::Index index : {AviSpec::kIdx1, AviSpec::kNone}) {
     AviSpec s;
     s.index = index;
@@ -188,9 +175,7 @@ TEST(AviReader, SoundChunksAreListed) {
       s.frames.push_back(RawFrame(i, 6, 4, 24, false));
       s.sound[0].chunks.push_back(std::vector<uint8_t>(size_t(100 + i * 7), uint8_t(i + 1)));
     }
-    const Built built = BuildAvi(s);
-    StreamError error{};
-    StreamReader* r = Open(built.file, &error);
+    OpenSpec(s);
     ASSERT_NE(r, nullptr) << error.text;
     EXPECT_EQ(StreamReaderInfo(r)->has_sound, 1u);
     ASSERT_EQ(StreamReaderAudioTrackCount(r), 1u);
@@ -218,7 +203,6 @@ TEST(AviReader, SoundChunksAreListed) {
       EXPECT_EQ(data[s.sound[0].chunks[i].size() - 1], i + 1);
     }
     EXPECT_EQ(StreamReaderReadAudio(r, 0, 3, nullptr, 0), 0u);
-    StreamReaderClose(r);
   }
 }
 
@@ -291,7 +275,7 @@ std::vector<uint8_t> StripTables(const std::vector<uint8_t>& jpg) {
   return out;
 }
 
-TEST(AviReader, MotionJpegFramesMatchLibjpeg) {
+TEST_F(AviReaderTest, MotionJpegFramesMatchLibjpeg) {
   const int w = 40, h = 24;
   for (bool strip : {false, true}) {
     AviSpec s;
@@ -306,9 +290,7 @@ TEST(AviReader, MotionJpegFramesMatchLibjpeg) {
     if (strip) {
       ASSERT_FALSE(orn::media::MjpegHasHuffmanTables(s.frames[0].data(), s.frames[0].size()));
     }
-    StreamError error{};
-    const std::vector<uint8_t> file = BuildAvi(s).file;
-    StreamReader* r = Open(file, &error);
+    OpenSpec(s);
     ASSERT_NE(r, nullptr) << error.text;
     EXPECT_STREQ(StreamReaderInfo(r)->type_name, "AVI (Motion-JPEG)");
     EXPECT_EQ(StreamReaderInfo(r)->depth, 32u);
@@ -320,11 +302,10 @@ TEST(AviReader, MotionJpegFramesMatchLibjpeg) {
         ASSERT_EQ(0, std::memcmp(f.pixels + y * f.pitch, &reference[i][size_t(y * w * 4)], size_t(w * 4)))
             << "strip " << strip << " frame " << i << " row " << y;
     }
-    StreamReaderClose(r);
   }
 }
 
-TEST(AviReader, MotionJpegFieldPairsAreInterleaved) {
+TEST_F(AviReaderTest, MotionJpegFieldPairsAreInterleaved) {
   const int w = 16, h = 16;
   AviSpec s;
   s.width = w, s.height = h, s.compression = FourCC("MJPG");
@@ -336,9 +317,7 @@ TEST(AviReader, MotionJpegFieldPairsAreInterleaved) {
   s.frames = {pair};
   int dw = 0, dh = 0;
   const std::vector<uint8_t> even = DecodeJpeg(top, &dw, &dh), odd = DecodeJpeg(bottom, &dw, &dh);
-  StreamError error{};
-  const std::vector<uint8_t> file = BuildAvi(s).file;
-  StreamReader* r = Open(file, &error);
+  OpenSpec(s);
   ASSERT_NE(r, nullptr) << error.text;
   StreamFrame f{};
   ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
@@ -346,7 +325,6 @@ TEST(AviReader, MotionJpegFieldPairsAreInterleaved) {
     const std::vector<uint8_t>& field = (y & 1) ? odd : even;
     ASSERT_EQ(0, std::memcmp(f.pixels + y * f.pitch, &field[size_t((y / 2) * w * 4)], size_t(w * 4))) << y;
   }
-  StreamReaderClose(r);
 }
 
 // The inserted tables are the ones libjpeg writes by default: its tables, read from its own
