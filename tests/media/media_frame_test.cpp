@@ -128,25 +128,19 @@ TEST_F(FrameTest, ListEntriesOfOtherSizesLieAtTheCropPositionOnBlack) {
 TEST_F(FrameTest, ContrastIsNotAppliedToListsButBrightnessIs) {
   ASSERT_TRUE(WritePng(dir / "a.png", 4, 4, 100));
   WriteText(dir / "l.lst", "a.png\n");
-  MediaInput* single = Open(dir / "a.png");
-  MediaInput* list = Open(dir / "l.lst");
-  ASSERT_NE(single, nullptr);
-  ASSERT_NE(list, nullptr);
-  ASSERT_TRUE(MediaGetFrame(single, 0, 0, 100, 100, 1.0, 0));
-  ASSERT_TRUE(MediaGetFrame(list, 0, 0, 100, 100, 1.0, 0));
-  EXPECT_NE(OutPixel(single, 2, 2), PatternPixel(100, 2, 2, 0));
-  EXPECT_EQ(OutPixel(list, 2, 2), PatternPixel(100, 2, 2, 0));
-  MediaClose(single);
-  MediaClose(list);
-
-  single = Open(dir / "a.png");
-  list = Open(dir / "l.lst");
-  ASSERT_TRUE(MediaGetFrame(single, 0, 0, 0, 50, 1.0, 0));
-  ASSERT_TRUE(MediaGetFrame(list, 0, 0, 0, 50, 1.0, 0));
-  EXPECT_NE(OutPixel(single, 2, 2), PatternPixel(100, 2, 2, 0));
-  EXPECT_EQ(OutPixel(list, 2, 2), OutPixel(single, 2, 2));
-  MediaClose(single);
-  MediaClose(list);
+  const uint32_t plain = PatternPixel(100, 2, 2, 0);
+  for (auto [contrast, brightness] : {std::pair{100u, 100u}, {0u, 50u}}) {
+    MediaInput* single = Open(dir / "a.png");
+    MediaInput* list = Open(dir / "l.lst");
+    ASSERT_NE(single, nullptr);
+    ASSERT_NE(list, nullptr);
+    ASSERT_TRUE(MediaGetFrame(single, 0, 0, contrast, brightness, 1.0, 0));
+    ASSERT_TRUE(MediaGetFrame(list, 0, 0, contrast, brightness, 1.0, 0));
+    EXPECT_NE(OutPixel(single, 2, 2), plain) << contrast;
+    EXPECT_EQ(OutPixel(list, 2, 2), contrast ? plain : OutPixel(single, 2, 2)) << contrast;
+    MediaClose(single);
+    MediaClose(list);
+  }
 }
 
 // ---- Crop, pad, scaling and stages ------------------------------------------------------------

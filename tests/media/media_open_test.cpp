@@ -87,6 +87,7 @@ TEST_F(OpenTest, StreamReadersAreRowsOfTheTable) {
   MediaInput* in = Open(dir / "a.y4m");
   ASSERT_NE(in, nullptr);
   EXPECT_EQ(in->type, MediaTypeY4m);
+  EXPECT_EQ(in->total_bytes, y4m.size());  // the reader's count of the file
   EXPECT_EQ(in->source_width, 4u);
   EXPECT_EQ(in->source_height, 2u);
   EXPECT_EQ(in->source_frames, 2u);

@@ -272,27 +272,4 @@ TEST(Y4mReader, ReadsAPipeInOrder) {
   std::clearerr(stdin);
 }
 
-TEST(Y4mReader, ReadsAFileByName) {
-  const Form& form = kForms[0];
-  const std::vector<Planes> frames = {RandomPlanes(form, 8, 8, 1), RandomPlanes(form, 8, 8, 2)};
-  const std::string data = Y4m("YUV4MPEG2 W8 H8 F15:1", frames);
-  char path[] = "/tmp/readers_y4m_XXXXXX";
-  const int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(write(fd, data.data(), data.size()), ssize_t(data.size()));
-  close(fd);
-  StreamError error{};
-  StreamReader* r = StreamReaderOpen(&kStreamReaderY4m, path, &error);
-  ASSERT_NE(r, nullptr) << error.text;
-  EXPECT_EQ(StreamReaderInfo(r)->frame_count, 2u);
-  EXPECT_EQ(StreamReaderInfo(r)->total_bytes, data.size());
-  StreamFrame f{};
-  ASSERT_EQ(StreamReaderRead(r, 1, &f, &error), 1);
-  EXPECT_LE(CompareWithModel(f, frames[1], form, 8, 8, false), 1.0);
-  StreamReaderClose(r);
-  unlink(path);
-  EXPECT_EQ(StreamReaderOpen(&kStreamReaderY4m, path, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_OPEN);
-}
-
 }  // namespace
