@@ -547,6 +547,29 @@ uint32_t ThreadJoin(PlatformThread* thread) {
   return thread->Result;
 }
 
+bool ServiceThreadStart(ServiceThread* service, ThreadEntry entry, uint32_t wakeLimit,
+                        size_t stackBytes, uint32_t priority, const char* name) {
+  if (!SemaphoreCreate(&service->Wake, 0, wakeLimit)) return false;
+  AtomicStore(&service->Run, 1);
+  if (!ThreadStart(&service->Thread, entry, service, stackBytes, priority, 0, name)) {
+    AtomicStore(&service->Run, 0);
+    SemaphoreDestroy(&service->Wake);
+    return false;
+  }
+  AtomicAdd(&service->Starts, 1);
+  AtomicStore(&service->Running, 1);
+  return true;
+}
+
+void ServiceThreadStop(ServiceThread* service) {
+  constexpr uint32_t StopSignals = 4;  // enough to wake the thread from any wait
+  AtomicStore(&service->Run, 0);
+  SemaphoreSignal(&service->Wake, StopSignals);
+  ThreadJoin(&service->Thread);
+  AtomicStore(&service->Running, 0);
+  SemaphoreDestroy(&service->Wake);
+}
+
 void ThreadSleep(uint32_t milliseconds) {
   const bool raise = milliseconds >= 1 && milliseconds <= 30;
   const int32_t saved = ThreadPriorityLevel();

@@ -217,3 +217,21 @@ void PoolStart();
 // calling thread, and returns when all have finished. Runs from two threads take turns; a run
 // started from inside a pool function runs every index on that thread.
 void PoolRun(PoolFunction function, void* context);
+
+// ---------------------------------------------------------------------------------------------
+// Service threads: a background thread that sleeps on its semaphore until signalled (or a wait
+// runs out) and leaves once Run is cleared. The entry checks AtomicRead(&service->Run) after
+// every wait.
+struct ServiceThread {
+  PlatformSemaphore Wake;
+  PlatformThread Thread;
+  volatile uint32_t Run;
+  volatile uint32_t Running;  // the thread exists and Wake can be signalled
+  volatile uint32_t Starts;   // threads started so far
+};
+// Creates the semaphore (at most `wakeLimit` signals pending) and starts the thread with
+// `service` as its argument. False, with nothing left behind, when either fails.
+bool ServiceThreadStart(ServiceThread* service, ThreadEntry entry, uint32_t wakeLimit,
+                        size_t stackBytes, uint32_t priority, const char* name);
+// Clears Run, wakes the thread, waits for it and frees the semaphore.
+void ServiceThreadStop(ServiceThread* service);

@@ -17,22 +17,16 @@
 namespace {
 
 constexpr uint32_t WakeLimit = 16384;
-constexpr uint32_t StopSignals = 4;
 constexpr size_t ThreadStack = 32768;
 constexpr uint32_t NotReadable = 129;
 
 struct ReaderService {
-  PlatformLock Control;  // start and stop of the thread
-  PlatformSemaphore Wake;
-  PlatformThread Thread;
-  VelmoIOReaderList List;  // under VelmoListLock()
-  uint32_t Users;          // handles on the list
-  volatile uint32_t Run;
-  volatile uint32_t Running;  // the thread exists and its semaphore can be signalled
-  volatile uint32_t Starts;
+  PlatformLock Control;       // start and stop of the thread
+  ServiceThread Worker;       // the thread, its semaphore and run flags
+  VelmoIOReaderList List;     // under VelmoListLock()
+  uint32_t Users;             // handles on the list
   volatile uint32_t Waiters;  // opens and closes waiting for the locks
 };
-
 
 ReaderService Service;
 
@@ -129,14 +123,14 @@ bool ChooseAndReadAhead(VelmoIOReaderList* list) {
 
 uint32_t ReaderThread(void*) {
   for (;;) {
-    SemaphoreWait(&Service.Wake, WaitForever);
-    if (!AtomicRead(&Service.Run)) return 0;
+    SemaphoreWait(&Service.Worker.Wake, WaitForever);
+    if (!AtomicRead(&Service.Worker.Run)) return 0;
     for (;;) {
       bool read = false;
       LockEnter(VelmoListLock());
       const uint32_t pending = VelmoIORound(&Service.List, &read);
       LockLeave(VelmoListLock());
-      if (!AtomicRead(&Service.Run)) return 0;
+      if (!AtomicRead(&Service.Worker.Run)) return 0;
       if (!read && pending == 0) break;
       // A pending read whose locks are taken: give its owner a moment.
       if (!read) ThreadSleep(1);
@@ -145,26 +139,11 @@ uint32_t ReaderThread(void*) {
 }
 
 bool StartThread() {
-  if (!SemaphoreCreate(&Service.Wake, 0, WakeLimit)) return false;
-  AtomicStore(&Service.Run, 1);
-  if (!ThreadStart(&Service.Thread, ReaderThread, nullptr, ThreadStack, PriorityAboveNormal, 0,
-                   "Velmo IO")) {
-    AtomicStore(&Service.Run, 0);
-    SemaphoreDestroy(&Service.Wake);
-    return false;
-  }
-  AtomicAdd(&Service.Starts, 1);
-  AtomicStore(&Service.Running, 1);
-  return true;
+  return ServiceThreadStart(&Service.Worker, ReaderThread, WakeLimit, ThreadStack,
+                            PriorityAboveNormal, "Velmo IO");
 }
 
-void StopThread() {
-  AtomicStore(&Service.Run, 0);
-  SemaphoreSignal(&Service.Wake, StopSignals);
-  ThreadJoin(&Service.Thread);
-  AtomicStore(&Service.Running, 0);
-  SemaphoreDestroy(&Service.Wake);
-}
+void StopThread() { ServiceThreadStop(&Service.Worker); }
 
 // Takes the list lock and the handle's provider lock, back and forth, never waiting for one
 // while holding the other.
@@ -228,7 +207,7 @@ bool VelmoIORegister(VelmoState* h) {
   const WaitingForService waiting;
   PlatformLock* control = ControlLock();
   LockEnter(control);
-  if (!AtomicRead(&Service.Running) && !StartThread()) {
+  if (!AtomicRead(&Service.Worker.Running) && !StartThread()) {
     LockLeave(control);
     return false;
   }
@@ -261,15 +240,16 @@ void VelmoIOUnregister(VelmoState* h) {
   const bool stop = found && Service.Users == 0 && !(h->OpenFlags & VelmoOpenKeepThreads);
   LockLeave(&h->ProviderLock);
   LockLeave(VelmoListLock());
-  if (stop && AtomicRead(&Service.Running)) StopThread();
+  if (stop && AtomicRead(&Service.Worker.Running)) StopThread();
   LockLeave(control);
 }
 
 void VelmoIOWake(uint32_t count) {
-  if (count && AtomicRead(&Service.Running)) SemaphoreSignal(&Service.Wake, count);
+  if (count && AtomicRead(&Service.Worker.Running))
+    SemaphoreSignal(&Service.Worker.Wake, count);
 }
 
-bool VelmoIOThreadRunning() { return AtomicRead(&Service.Running) != 0; }
+bool VelmoIOThreadRunning() { return AtomicRead(&Service.Worker.Running) != 0; }
 
 uint32_t VelmoIOUserCount() {
   LockEnter(VelmoListLock());
@@ -278,7 +258,7 @@ uint32_t VelmoIOUserCount() {
   return users;
 }
 
-uint32_t VelmoIOThreadStarts() { return AtomicRead(&Service.Starts); }
+uint32_t VelmoIOThreadStarts() { return AtomicRead(&Service.Worker.Starts); }
 
 void VelmoIOStopUnused() {
   PlatformLock* control = ControlLock();
@@ -286,6 +266,6 @@ void VelmoIOStopUnused() {
   LockEnter(VelmoListLock());
   const bool unused = Service.Users == 0;
   LockLeave(VelmoListLock());
-  if (unused && AtomicRead(&Service.Running)) StopThread();
+  if (unused && AtomicRead(&Service.Worker.Running)) StopThread();
   LockLeave(control);
 }

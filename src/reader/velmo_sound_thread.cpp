@@ -21,20 +21,15 @@ constexpr uint32_t DefaultSleepMs = 13;
 constexpr uint32_t BusySleepMs = 2;
 constexpr size_t ThreadStack = 32768;
 constexpr uint32_t WakeLimit = 64;
-constexpr uint32_t StopSignals = 4;
 constexpr uint32_t WalkRestarts = 8;
 
 struct SoundService {
   PlatformLock ListLock;       // the list of handles open for sound
   PlatformLock Control;        // start and stop of the thread
-  PlatformSemaphore Wake;
-  PlatformThread Thread;
+  ServiceThread Worker{};       // the thread, its semaphore and run flags
   VelmoState* First = nullptr;  // under ListLock
   uint32_t ThreadUsers = 0;     // handles fed by the thread; changed under Control and ListLock
   volatile uint32_t Tracks = 0; // tracks open in the process
-  volatile uint32_t Run = 0;
-  volatile uint32_t Running = 0;
-  volatile uint32_t Starts = 0;
   volatile uint32_t SleepMs = DefaultSleepMs;
   std::atomic<VelmoOpenBackEnd> OpenBackEnd{nullptr};
   uintptr_t Select = 0;         // the select function the back end came from
@@ -89,8 +84,8 @@ void FeedAll(uint32_t* sleep) {
 
 uint32_t SoundThread(void*) {
   for (;;) {
-    SemaphoreWait(&Service.Wake, AtomicRead(&Service.SleepMs));
-    if (!AtomicRead(&Service.Run)) return 0;
+    SemaphoreWait(&Service.Worker.Wake, AtomicRead(&Service.SleepMs));
+    if (!AtomicRead(&Service.Worker.Run)) return 0;
     uint32_t sleep = DefaultSleepMs;
     FeedAll(&sleep);
     AtomicStore(&Service.SleepMs, sleep);
@@ -98,26 +93,11 @@ uint32_t SoundThread(void*) {
 }
 
 bool StartThread() {
-  if (!SemaphoreCreate(&Service.Wake, 0, WakeLimit)) return false;
-  AtomicStore(&Service.Run, 1);
-  if (!ThreadStart(&Service.Thread, SoundThread, nullptr, ThreadStack, PriorityHighest, 0,
-                   "Velmo Snd")) {
-    AtomicStore(&Service.Run, 0);
-    SemaphoreDestroy(&Service.Wake);
-    return false;
-  }
-  AtomicAdd(&Service.Starts, 1);
-  AtomicStore(&Service.Running, 1);
-  return true;
+  return ServiceThreadStart(&Service.Worker, SoundThread, WakeLimit, ThreadStack, PriorityHighest,
+                            "Velmo Snd");
 }
 
-void StopThread() {
-  AtomicStore(&Service.Run, 0);
-  SemaphoreSignal(&Service.Wake, StopSignals);
-  ThreadJoin(&Service.Thread);
-  AtomicStore(&Service.Running, 0);
-  SemaphoreDestroy(&Service.Wake);
-}
+void StopThread() { ServiceThreadStop(&Service.Worker); }
 
 // Puts the handle on the list; the caller holds Control.
 void AddToList(VelmoState* h, bool thread) {
@@ -178,7 +158,7 @@ void VelmoSoundServiceAdd(VelmoState* h, uint32_t tracks) {
   if (mode == 2) {
     h->SoundService = 2;
     AddToList(h, false);
-  } else if (AtomicRead(&Service.Running) || StartThread()) {
+  } else if (AtomicRead(&Service.Worker.Running) || StartThread()) {
     h->SoundService = 0;
     if (mode < 0)
       h->SoundSleep = uint32_t(std::min<int64_t>(-int64_t(mode), DefaultSleepMs));
@@ -214,17 +194,17 @@ void VelmoSoundServiceRemove(VelmoState* h, uint32_t tracks) {
   AtomicAdd(&Service.Tracks, -int32_t(tracks));
   if (h->SoundService != 0 || (h->OpenFlags & VelmoOpenKeepThreads)) return;
   LockEnter(&Service.Control);
-  if (Service.ThreadUsers == 0 && AtomicRead(&Service.Running)) StopThread();
+  if (Service.ThreadUsers == 0 && AtomicRead(&Service.Worker.Running)) StopThread();
   LockLeave(&Service.Control);
 }
 
 void VelmoSoundWake(VelmoState* h) {
-  if (h->SoundService == 0 && AtomicRead(&h->OnSoundList) && AtomicRead(&Service.Running))
-    SemaphoreSignal(&Service.Wake, 1);
+  if (h->SoundService == 0 && AtomicRead(&h->OnSoundList) && AtomicRead(&Service.Worker.Running))
+    SemaphoreSignal(&Service.Worker.Wake, 1);
 }
 
-bool VelmoSoundThreadRunning() { return AtomicRead(&Service.Running) != 0; }
-uint32_t VelmoSoundThreadStarts() { return AtomicRead(&Service.Starts); }
+bool VelmoSoundThreadRunning() { return AtomicRead(&Service.Worker.Running) != 0; }
+uint32_t VelmoSoundThreadStarts() { return AtomicRead(&Service.Worker.Starts); }
 
 extern "C" {
 
