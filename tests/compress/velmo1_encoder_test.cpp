@@ -166,7 +166,7 @@ TEST(Velmo1Encoder, DecoderRebuildsTheEncodersPictureForEveryContentAndBudget) {
     for (uint32_t budget : {0u, 300u, 3000u, 30000u}) {
       SCOPED_TRACE(testing::Message() << "content " << c << " budget " << budget);
       EncodeRun run({96, 64, 101, 0});
-      for (int t = 0; t < 3; ++t) {
+      for (int t = 0; t < 2; ++t) {  // a key frame, then one that may refer to it
         Picture pic = MakePicture(96, 64, c, t);
         const VelmoEncodeResult r = run.Frame(pic, t == 0, budget);
         // The planned error is exactly what the decoder's picture has.
