@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "compress_test_util.h"
-#include "sound_track_check.h"
 
 namespace {
 

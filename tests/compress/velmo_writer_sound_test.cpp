@@ -10,7 +10,6 @@
 #include "compress/velmo_sound_track.h"
 #include "compress/velmo_writer.h"
 #include "compress_test_util.h"
-#include "sound_track_check.h"
 
 namespace {
 
