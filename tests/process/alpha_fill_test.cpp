@@ -71,57 +71,45 @@ TEST(AlphaFill, OneBlockColoursTheWholeFrame) {
   }
 }
 
-TEST(AlphaFill, MostSurroundedPixelsAreFilledFirst) {
-  // Transparent centre and corners; the centre has four opaque neighbours and is filled from
-  // them alone before any corner gets colour. Corners then take their two edge neighbours.
-  Frame f(3, 3);
-  f.At(1, 0) = Opaque | 0 << 16;
-  f.At(0, 1) = Opaque | 40 << 16;
-  f.At(2, 1) = Opaque | 80 << 16;
-  f.At(1, 2) = Opaque | 120 << 16;
-  Fill(&f);
-  EXPECT_EQ(f.At(1, 1), 60u << 16);
-  EXPECT_EQ(f.At(0, 0), 20u << 16);
-  EXPECT_EQ(f.At(2, 0), 40u << 16);
-  EXPECT_EQ(f.At(0, 2), 80u << 16);
-  EXPECT_EQ(f.At(2, 2), 100u << 16);
-}
-
-TEST(AlphaFill, TwoColoursMeet) {
-  Frame f(3, 1);
-  f.At(0, 0) = Opaque | Red;
-  f.At(2, 0) = Opaque | Blue;
-  Fill(&f);
-  EXPECT_EQ(f.At(1, 0), 0x00800080u);  // (255 + 0) ÷ 2 rounded, both ways
-}
-
-TEST(AlphaFill, SweepsCarryTheEdgeFacingTheirDirection) {
-  // Left column blue, the rest red: the tile to the left gets the left edge, the one to the
-  // right the right edge.
-  Frame row(48, 16);
-  row.FillRect(16, 0, 16, 16, Opaque | Red);
-  row.FillRect(16, 0, 1, 16, Opaque | Blue);
-  Fill(&row);
-  EXPECT_EQ(row.At(5, 5), Blue);
-  EXPECT_EQ(row.At(40, 5), Red);
-  // Top row green: upward the top edge, downward the bottom edge.
-  Frame column(16, 48);
-  column.FillRect(0, 16, 16, 16, Opaque | Red);
-  column.FillRect(0, 16, 16, 1, Opaque | Green);
-  Fill(&column);
-  EXPECT_EQ(column.At(5, 5), Green);
-  EXPECT_EQ(column.At(5, 40), Red);
-}
-
-TEST(AlphaFill, EmptyTilesAverageWhatTheSweepsBring) {
-  Frame f(64, 16);
-  f.FillRect(0, 0, 16, 16, Opaque | Red);
-  f.FillRect(48, 0, 16, 16, Opaque | Blue);
-  Fill(&f);
-  // Red from the left, blue from the right: 255 × 8192 >> 14 = 127 each.
-  EXPECT_EQ(f.At(20, 3), 0x007F007Fu);
-  EXPECT_EQ(f.At(47, 15), 0x007F007Fu);
-  EXPECT_EQ(f.At(0, 0), Opaque | Red);
+// Opaque rectangles on a transparent frame, then chosen pixels against values worked out here.
+TEST(AlphaFill, HandWorkedFills) {
+  struct Rect {
+    uint32_t x, y, w, h, px;
+  };
+  struct Pixel {
+    uint32_t x, y, px;
+  };
+  struct Case {
+    const char* why;
+    uint32_t w, h;
+    std::vector<Rect> rects;
+    std::vector<Pixel> want;
+  } cases[] = {
+      // The centre has four opaque neighbours and is filled from them alone before any corner
+      // gets colour; the corners then take their two edge neighbours.
+      {"most surrounded first", 3, 3,
+       {{1, 0, 1, 1, Opaque}, {0, 1, 1, 1, Opaque | 40 << 16}, {2, 1, 1, 1, Opaque | 80 << 16},
+        {1, 2, 1, 1, Opaque | 120 << 16}},
+       {{1, 1, 60 << 16}, {0, 0, 20 << 16}, {2, 0, 40 << 16}, {0, 2, 80 << 16}, {2, 2, 100 << 16}}},
+      // (255 + 0) ÷ 2 rounded, both ways.
+      {"two colours meet", 3, 1, {{0, 0, 1, 1, Opaque | Red}, {2, 0, 1, 1, Opaque | Blue}}, {{1, 0, 0x800080}}},
+      // Sweeps carry the edge facing their direction: the tile to the left gets the left edge,
+      // the one to the right the right edge; upward the top edge, downward the bottom edge.
+      {"row sweeps", 48, 16, {{16, 0, 16, 16, Opaque | Red}, {16, 0, 1, 16, Opaque | Blue}},
+       {{5, 5, Blue}, {40, 5, Red}}},
+      {"column sweeps", 16, 48, {{0, 16, 16, 16, Opaque | Red}, {0, 16, 16, 1, Opaque | Green}},
+       {{5, 5, Green}, {5, 40, Red}}},
+      // Empty tiles average what the sweeps bring: red from the left, blue from the right,
+      // 255 × 8192 >> 14 = 127 of each.
+      {"empty tiles average", 64, 16, {{0, 0, 16, 16, Opaque | Red}, {48, 0, 16, 16, Opaque | Blue}},
+       {{20, 3, 0x7F007F}, {47, 15, 0x7F007F}, {0, 0, Opaque | Red}}},
+  };
+  for (const Case& c : cases) {
+    Frame f(c.w, c.h);
+    for (const Rect& r : c.rects) f.FillRect(r.x, r.y, r.w, r.h, r.px);
+    Fill(&f);
+    for (const Pixel& p : c.want) EXPECT_EQ(f.At(p.x, p.y), p.px) << c.why << " at " << p.x << "," << p.y;
+  }
 }
 
 // Sparse content: a few opaque or half-transparent blobs on a transparent frame.
