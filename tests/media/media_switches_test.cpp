@@ -60,30 +60,28 @@ TEST(MediaSwitches, ZAndDeinterlaceValuesBecomeOpenFlags) {
   for (const Case& c : cases) EXPECT_EQ(Parse(c.line).open_flags, c.flags) << c.line;
 }
 
-TEST(MediaSwitches, RatesAndFrameDurations) {
-  MediaSwitches s = Parse("/F29.97 /A30000;1001");
-  EXPECT_EQ(s.force_num, 2997);
-  EXPECT_EQ(s.force_den, 100);
-  EXPECT_EQ(s.adjust_num, 30000);
-  EXPECT_EQ(s.adjust_den, 1001);
-  s = Parse("/F-40");  // 40 ms a frame
-  EXPECT_EQ(s.force_num, 25);
-  EXPECT_EQ(s.force_den, 1);
-  s = Parse("/F-3336667");  // in 1/100000 second
-  EXPECT_EQ(s.force_num, 100000);
-  EXPECT_EQ(s.force_den, 3336667);
-}
-
-TEST(MediaSwitches, ScaleRequests) {
-  MediaSwitches s = Parse("/(-1 /)240");
-  EXPECT_EQ(s.scale_w, -1);
-  EXPECT_EQ(s.scale_h, 240);
-  s = Parse("/(-1.5 /)-2");
-  EXPECT_EQ(s.scale_w, -2500);  // 1.5 × the source width at open
-  EXPECT_EQ(s.scale_h, -3000);
-  s = Parse("/(-0.5 /)320");
-  EXPECT_EQ(s.scale_w, -1500);
-  EXPECT_EQ(s.scale_h, 320);
+// Pairs of numbers: a rate as numerator and denominator, or a scale request as width and height.
+TEST(MediaSwitches, RatesAndScaleRequests) {
+  using Pair = int32_t MediaSwitches::*;
+  struct Case {
+    const char* line;
+    Pair first, second;
+    int32_t a, b;
+  } cases[] = {
+      {"/F29.97", &MediaSwitches::force_num, &MediaSwitches::force_den, 2997, 100},
+      {"/A30000;1001", &MediaSwitches::adjust_num, &MediaSwitches::adjust_den, 30000, 1001},
+      {"/F-40", &MediaSwitches::force_num, &MediaSwitches::force_den, 25, 1},  // 40 ms a frame
+      {"/F-3336667", &MediaSwitches::force_num, &MediaSwitches::force_den, 100000, 3336667},  // 1/100000 s
+      {"/(-1 /)240", &MediaSwitches::scale_w, &MediaSwitches::scale_h, -1, 240},
+      // Factors of the source size at open: 1.5 is -2500, 0.5 is -1500, 2 is -3000.
+      {"/(-1.5 /)-2", &MediaSwitches::scale_w, &MediaSwitches::scale_h, -2500, -3000},
+      {"/(-0.5 /)320", &MediaSwitches::scale_w, &MediaSwitches::scale_h, -1500, 320},
+  };
+  for (const Case& c : cases) {
+    const MediaSwitches s = Parse(c.line);
+    EXPECT_EQ(s.*c.first, c.a) << c.line;
+    EXPECT_EQ(s.*c.second, c.b) << c.line;
+  }
 }
 
 TEST(MediaSwitches, CropRangeAndFilters) {
