@@ -128,12 +128,6 @@ TEST(AudioSignals, SilenceStaysExactlySilentWithEveryWidthZero) {
   }
 }
 
-TEST(AudioSignals, NoiseAtLowRateKeepsItsShape) {
-  const Samples noise = Noise(1, 11025, 3000, 7);
-  EXPECT_GT(Snr(noise, RoundTrip(noise, 11025, 1, 0)), 65);
-  EXPECT_GT(Snr(noise, RoundTrip(noise, 11025, 1, 4)), 18);
-}
-
 TEST(AudioSignals, SinesKeepPitchAndLevel) {
   // A steady tone is tonal to the model, so level 4 codes it far finer than noise.
   for (double hz : {200.0, 1000.0, 5000.0}) {
@@ -147,6 +141,10 @@ TEST(AudioSignals, SinesKeepPitchAndLevel) {
 }
 
 TEST(AudioSignals, SweepAndNoiseComeBackNearlyExactAtLevelZero) {
+  // Noise at a low rate keeps its shape even at level 4.
+  const Samples low = Noise(1, 11025, 3000, 7);
+  EXPECT_GT(Snr(low, RoundTrip(low, 11025, 1, 0)), 65);
+  EXPECT_GT(Snr(low, RoundTrip(low, 11025, 1, 4)), 18);
   const uint32_t rate = 44100;
   Samples sweep(rate);
   for (size_t i = 0; i < sweep.size(); ++i) {
