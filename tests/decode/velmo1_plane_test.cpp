@@ -296,19 +296,26 @@ TEST(Velmo1Plane, DoubledBlocksEnlargeEverySubKind) {
     }
 }
 
-TEST(Velmo1Plane, DoubledAtTheRightOrBottomEdgeIsPassed) {
-  // A 24 wide plane: a DOUBLED type at x = 16 has only 8 pixels left and reads no sub-type.
-  PlaneFixture f(24, 16);
-  Velmo1EncRawBlock edge;
-  edge.Type = Velmo1Doubled;
+// Blocks that are passed write nothing, and the blocks after them still decode: a DOUBLED block
+// of an unknown sub-kind, a kind above nine, and a DOUBLED type at x = 32 of a 40 wide plane,
+// where only 8 pixels are left and no sub-type is read.
+TEST(Velmo1Plane, PassedBlocksWriteNothingAndKeepTheStreamInStep) {
+  PlaneFixture f(40, 16);
+  Velmo1EncRawBlock odd, bad, edge;
+  odd.Type = edge.Type = Velmo1Doubled;
+  odd.SubTypes = {Velmo1Mot};
+  bad.Type = 11;
   Velmo1EncPlaneSpec p;
-  p.Width = 24;
-  p.Rows.push_back({Velmo1EncOneBlock(1), Velmo1EncOneBlock(2), edge});
-  p.Rows.push_back({Velmo1EncOneBlock(3), Velmo1EncOneBlock(4), Velmo1EncOneBlock(5)});
+  p.Width = 40;
+  p.Rows.push_back({odd, bad, Velmo1EncOneBlock(8), edge});
+  p.Rows.push_back({Velmo1EncDoubledLower(), Velmo1EncOneBlock(10), Velmo1EncOneBlock(11), Velmo1EncOneBlock(5)});
   f.Decode(Build(p));
-  EXPECT_EQ(f.D(16, 0), Untouched);
-  EXPECT_EQ(f.D(23, 7), Untouched);
-  EXPECT_EQ(f.D(16, 8), 5);
+  for (auto [x, y] : {std::pair{0, 0}, {15, 15}, {16, 0}, {23, 7}, {32, 0}, {39, 7}})
+    EXPECT_EQ(f.D(x, y), Untouched) << x << "," << y;
+  EXPECT_EQ(f.D(24, 0), 8);
+  EXPECT_EQ(f.D(16, 8), 10);
+  EXPECT_EQ(f.D(31, 15), 11);
+  EXPECT_EQ(f.D(32, 8), 5);
 
   // A plane of one block row: the sub-type is read, then the block is passed with 8.
   PlaneFixture g(16, 8);
@@ -319,22 +326,6 @@ TEST(Velmo1Plane, DoubledAtTheRightOrBottomEdgeIsPassed) {
   EXPECT_EQ(g.D(0, 0), Untouched);
   EXPECT_EQ(g.D(8, 0), 7);
   EXPECT_EQ(g.D(15, 7), 7);
-}
-
-TEST(Velmo1Plane, DoubledWithAnUnknownSubKindWritesNothing) {
-  PlaneFixture f(32, 16);
-  Velmo1EncRawBlock odd;
-  odd.Type = Velmo1Doubled;
-  odd.SubTypes = {Velmo1Mot};
-  Velmo1EncPlaneSpec p;
-  p.Width = 32;
-  p.Rows.push_back({odd, Velmo1EncOneBlock(8), Velmo1EncOneBlock(9)});
-  p.Rows.push_back({Velmo1EncDoubledLower(), Velmo1EncOneBlock(10), Velmo1EncOneBlock(11)});
-  f.Decode(Build(p));
-  EXPECT_EQ(f.D(0, 0), Untouched);
-  EXPECT_EQ(f.D(15, 15), Untouched);
-  EXPECT_EQ(f.D(16, 0), 8);
-  EXPECT_EQ(f.D(31, 15), 11);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -493,16 +484,6 @@ TEST(Velmo1Plane, RepeatPastTheCountStopsTheRefill) {
   for (uint32_t x = 0; x < 40; ++x) EXPECT_EQ(f.D(x, 3), 0x40) << x;
   EXPECT_EQ(f.D(40, 0), f.S(40, 0));
   EXPECT_EQ(f.Skips, 1u);
-}
-
-TEST(Velmo1Plane, KindsAboveNineArePassed) {
-  PlaneFixture f(24, 8);
-  Velmo1EncRawBlock bad;
-  bad.Type = 11;
-  f.Decode(Build(OneRow(24, {Velmo1EncOneBlock(3), bad, Velmo1EncOneBlock(4)})));
-  EXPECT_EQ(f.D(0, 0), 3);
-  EXPECT_EQ(f.D(8, 0), Untouched);
-  EXPECT_EQ(f.D(16, 0), 4);
 }
 
 TEST(Velmo1Plane, TruncatedStreamPassesTheRestAndStopsAtTheLimit) {
