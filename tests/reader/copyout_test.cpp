@@ -11,35 +11,34 @@
 #include <vector>
 
 #include "host/cpu_features.h"
+#include "reader/container.h"
 #include "reader/frame_buffers.h"
 
 namespace {
 
-const float VideoTable[16] = {
-    1.595795f,  -0.813477f, 0.0f,       0.0f,  //
-    0.0f,       -0.391449f, 2.017822f,  0.0f,  //
-    -0.874069f, 0.531782f,  -1.085911f, 1.0f,  //
-    1.164124f,  1.164124f,  1.164124f,  0.0f,
-};
-const float FullTable[16] = {
-    1.402f,     -0.71414f, 0.0f,       0.0f,  //
-    0.0f,       -0.34414f, 1.772f,     0.0f,  //
-    -0.703749f, 0.531215f, -0.889475f, 1.0f,  //
-    1.0f,       1.0f,      1.0f,       0.0f,
-};
-
-const uint32_t ValidFormats[] = {3, 4, 5, 6, 8, 9, 10, 12};
-
-// A table with the Cr and Cb rows exchanged.
 struct Table {
   float V[16];
 };
+
+// The files' default tables (their values are checked in the container tests).
+Table DefaultTable(uint32_t fileFlags) {
+  Table t;
+  VelmoDefaultColourTable(VelmoMagicVM2j, fileFlags, t.V);
+  return t;
+}
+const Table Video = DefaultTable(0), Full = DefaultTable(VelmoFlagFullRange);
+const float* const VideoTable = Video.V;
+const float* const FullTable = Full.V;
+
+// A table with the Cr and Cb rows exchanged.
 Table SwappedChroma(const float* table) {
   Table t;
   std::memcpy(t.V, table, sizeof t.V);
   for (int i = 0; i < 3; ++i) std::swap(t.V[i], t.V[4 + i]);
   return t;
 }
+
+const uint32_t ValidFormats[] = {3, 4, 5, 6, 8, 9, 10, 12};
 
 int BytesOf(uint32_t format) { return format >= 8 && format <= 10 ? 2 : 4; }
 
@@ -70,7 +69,7 @@ struct Frame {
   uint8_t& ChromaAt(std::vector<uint8_t>& p, uint32_t x, uint32_t y) {
     return p[size_t(y) * ChromaPitch + x];
   }
-  VelmoCopySource Source(const float table[16] = VideoTable) const {
+  VelmoCopySource Source(const float* table = VideoTable) const {
     VelmoCopySource s{};
     s.Y = Y.data();
     s.Cr = Cr.data();
