@@ -29,6 +29,8 @@ struct FileSpec {
   std::vector<VelmoTrackInfo> Tracks;
   // Video bytes of frame i (from 0); by default 8 bytes of the frame's number.
   std::function<std::vector<uint8_t>(uint32_t)> Video;
+  // Coded sound of track t in frame i (empty: none) and its DecodedBytes; by default none.
+  std::function<std::vector<uint8_t>(uint32_t i, size_t t, uint32_t* decoded)> Sound;
 };
 
 inline std::vector<uint8_t> DefaultVideo(uint32_t i) {
@@ -53,6 +55,7 @@ inline TestWriter BuildWriter(const FileSpec& s) {
   for (uint32_t i = 0; i < s.Frames; ++i) {
     std::vector<std::vector<uint8_t>> sounds(s.Tracks.size());
     std::vector<uint32_t> decoded(s.Tracks.size(), 0);
+    for (size_t t = 0; s.Sound && t < s.Tracks.size(); ++t) sounds[t] = s.Sound(i, t, &decoded[t]);
     AddFrame(&w, s.KeyEvery && i % s.KeyEvery == 0, sounds, decoded,
              s.Video ? s.Video(i) : DefaultVideo(i));
   }
