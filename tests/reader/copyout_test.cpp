@@ -250,7 +250,7 @@ TEST(CopyOutState, FixedPointWeightsOffsetsAndDither) {
     EXPECT_FALSE(VelmoBuildConversionState(VideoTable, bad, 0, ReferenceFamily(), &s)) << bad;
 }
 
-TEST(CopyOutState, TableShapesOrderAndGrayscale) {
+TEST(CopyOutState, ChannelOrderAndGrayscale) {
   VelmoConversionState s;
   // Red at bit 0: red and blue roles change places and the chroma planes are exchanged.
   ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 4, 0, ReferenceFamily(), &s));
@@ -265,21 +265,7 @@ TEST(CopyOutState, TableShapesOrderAndGrayscale) {
   EXPECT_EQ(s.CrToR, 6536);
   EXPECT_EQ(s.CopyFlags & VelmoCopySwapChroma, 0u);
 
-  // A table with Cr and Cb the other way round reads the Cb row as Cr.
-  ASSERT_TRUE(VelmoBuildConversionState(SwappedChroma(VideoTable).V, 3, 0, ReferenceFamily(), &s));
-  EXPECT_EQ(s.CrToR, 6536);
-  EXPECT_EQ(s.CbToB, 8265);
-  EXPECT_EQ(s.CopyFlags, uint32_t(VelmoCopySwapChroma));
-
-  // Any other shape: plain Y.
-  float odd[16];
-  std::memcpy(odd, VideoTable, sizeof odd);
-  odd[14] = 1.0f;
-  ASSERT_TRUE(VelmoBuildConversionState(odd, 3, 0, ReferenceFamily(), &s));
-  EXPECT_EQ(s.YWeight, 4768);
-  EXPECT_EQ(s.CrToR | s.CrToG | s.CbToG | s.CbToB, 0);
-  EXPECT_EQ(s.OffsetR[0][0], 0);
-
+  // (Tables with Cr and Cb the other way round, and other shapes, are checked on the pixels.)
   // Grayscale folds neutral chroma into the offsets.
   ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 3, VelmoCopyGray, ReferenceFamily(), &s));
   EXPECT_EQ(s.CrToR | s.CrToG | s.CbToG | s.CbToB, 0);
@@ -670,8 +656,9 @@ TEST(CopyOutFlags, GrayscaleAndTableShapes) {
   VelmoCopyPlanes(&oddA, c.Base(), c.Pitch, 6, 0, 0, 3);
   VelmoCopyPlanes(&oddB, d.Base(), d.Pitch, 6, 0, 0, 3);
   EXPECT_EQ(c.Mem, d.Mem);
-  const Rgba px = Decode(3, c.Pixel(0, 0, 4));
-  EXPECT_NEAR(px.R, frame.Y[0] / 2.0, 1.0);
+  for (int32_t y = 0; y < 6; y += 2)  // where the dither is 0: half of Y, nothing else
+    for (int32_t x = 0; x < 26; x += 2)
+      ASSERT_NEAR(Decode(3, c.Pixel(x, y, 4)).R, frame.Y[size_t(y) * frame.LumaPitch + x] / 2.0, 1.0);
 }
 
 // ---------------------------------------------------------------------------------------------
