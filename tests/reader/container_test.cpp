@@ -64,7 +64,9 @@ TEST(ContainerMagic, EveryProbeOnEveryValue) {
     const ProbeRow& row = ProbeTable[i];
     SCOPED_TRACE(row.Magic);
     const uint32_t m = MagicFromText(row.Magic);
-    if (i < std::size(VelmoAllMagics)) EXPECT_EQ(VelmoAllMagics[i], m);
+    if (i < std::size(VelmoAllMagics)) {
+      EXPECT_EQ(VelmoAllMagics[i], m);
+    }
     EXPECT_EQ(MagicIsValid(m), row.Valid);
     EXPECT_EQ(MagicIsSecondGeneration(m), row.Second);
     EXPECT_EQ(MagicIsFirstGeneration(m), row.First);
