@@ -1,6 +1,6 @@
 // Opening Velmo files: every open error from a crafted file, the completed open flags, rates and
-// next-open settings, the planned memory and frame buffers, the busiest second, the paths that
-// read the whole file, and closing.
+// next-open settings (the stored track list is checked with the sound tests), the planned
+// memory and frame buffers, the busiest second, the paths that read the whole file, and closing.
 #include "velmo_test_files.h"
 
 #include <gtest/gtest.h>
@@ -133,6 +133,13 @@ TEST_F(VelmoOpenTest, PublicFieldsAfterOpen) {
   HVELMO second = OpenImage(file);
   EXPECT_EQ(second->OpenSerial, h->OpenSerial + 1);
   VelmoClose(second);
+  VelmoClose(h);
+
+  s.KeyEvery = 1;  // every frame a key frame
+  const std::vector<uint8_t> keys = BuildFile(s);
+  h = OpenImage(keys);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->AllKeyFrames, 1u);
   VelmoClose(h);
 }
 
@@ -279,20 +286,6 @@ TEST_F(VelmoOpenTest, RatesAndNextOpenSettings) {
   VelmoClose(h);
 }
 
-TEST_F(VelmoOpenTest, SoundTrackListIsConsumedAndCapped) {
-  std::vector<uint32_t> ids(40);
-  for (uint32_t i = 0; i < 40; ++i) ids[i] = i + 1;
-  VelmoSetSoundTracks(40, ids.data());
-  const std::vector<uint8_t> file = BuildFile({});
-  HVELMO h = VelmoOpen(reinterpret_cast<const char*>(file.data()), VelmoOpenImage);
-  ASSERT_NE(h, nullptr);
-  EXPECT_NE(h->OpenFlags & VelmoOpenTrackList, 0u);
-  VelmoClose(h);
-  h = VelmoOpen(reinterpret_cast<const char*>(file.data()), VelmoOpenImage);
-  EXPECT_EQ(h->OpenFlags & VelmoOpenTrackList, 0u);  // back to track 0 alone
-  VelmoClose(h);
-}
-
 // The busiest second, worked out independently from the frame sizes.
 uint64_t BusiestSecond(const std::vector<uint32_t>& sizes, uint32_t ring, uint32_t* start) {
   uint64_t best = 0;
@@ -360,15 +353,6 @@ TEST_F(VelmoOpenTest, HighestSecondBytes) {
     EXPECT_EQ(h->HighestSecondFrame, c.Frame);
     VelmoClose(h);
   }
-}
-
-TEST_F(VelmoOpenTest, AllKeyFrames) {
-  FileSpec s;
-  s.KeyEvery = 1;
-  std::vector<uint8_t> file = BuildFile(s);
-  HVELMO h = OpenImage(file);
-  EXPECT_EQ(h->AllKeyFrames, 1u);
-  VelmoClose(h);
 }
 
 TEST_F(VelmoOpenTest, ProviderPathReadsThePacketOnTheCallersThread) {

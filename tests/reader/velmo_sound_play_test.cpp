@@ -162,21 +162,28 @@ TEST_F(SoundPlayTest, AskedIdsOpenOnceInOrderAndUnusableOrMissingOnesAreSkipped)
   VelmoClose(h);
 }
 
-TEST_F(SoundPlayTest, TheStoredTrackListServesOneOpenThenTrackZeroAgain) {
+TEST_F(SoundPlayTest, TheStoredTrackListIsCappedAndServesOneOpenThenTrackZeroAgain) {
   const SoundFile sf = BuildSoundFile(3, 30, 1,
                                       {{22050, 1, false, 0, 1, 0}, {22050, 1, false, 3, 1, 0},
                                        {22050, 1, false, 5, 1, 0}});
-  const uint32_t ids[] = {5, 3, 5};
-  VelmoSetSoundTracks(3, ids);
+  // Only the first 32 ids are kept: id 0, asked in place 36, is not opened.
+  std::vector<uint32_t> ids(40, 99);
+  ids[0] = 5;
+  ids[1] = 3;
+  ids[2] = 5;
+  ids[35] = 0;
+  VelmoSetSoundTracks(uint32_t(ids.size()), ids.data());
   const char* image = reinterpret_cast<const char*>(sf.File.data());
   HVELMO h = VelmoOpen(image, VelmoOpenImage | VelmoOpenNoBuffers);
   ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_NE(h->OpenFlags & VelmoOpenTrackList, 0u);
   ASSERT_EQ(h->OpenTracks, 2u);
   EXPECT_EQ(h->TrackIndexes[0], 2u);
   EXPECT_EQ(h->TrackIndexes[1], 1u);
   VelmoClose(h);
   h = VelmoOpen(image, VelmoOpenImage | VelmoOpenNoBuffers);  // the list went back to id 0
   ASSERT_NE(h, nullptr);
+  EXPECT_EQ(h->OpenFlags & VelmoOpenTrackList, 0u);
   ASSERT_EQ(h->OpenTracks, 1u);
   EXPECT_EQ(h->TrackIndexes[0], 0u);
   VelmoClose(h);
