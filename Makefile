@@ -28,9 +28,10 @@ test-plain:
 	cmake --build $(BUILD) -j $(JOBS)
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
-# clang with ASan + UBSan; the fuzz targets are built here too and CTest runs each one briefly.
+# clang with ASan + UBSan; the fuzz targets are built here too and CTest runs each one for a few
+# seconds over its seeds (longer runs: make fuzz).
 test-sanitize:
-	CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORN_SANITIZE=ON -DORN_FUZZ=ON -DORN_BENCH=OFF $(CMAKE_FLAGS)
+	CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORN_SANITIZE=ON -DORN_FUZZ=ON -DORN_FUZZ_SMOKE_SECONDS=5 -DORN_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
