@@ -44,14 +44,6 @@ extern const MediaReaderOps MediaBmpReader, MediaGifReader, MediaTiffReader, Med
 // Velmo support is there when the reader library is built with its open and walk.
 bool MediaVelmoAvailable();
 
-// What a wave file's header says.
-struct MediaWaveInfo {
-  uint32_t format_tag, channels, sample_rate, block_align, bits;
-  uint64_t data_bytes;
-};
-// Walks the RIFF chunks of an open file for "fmt " and "data"; false when it is no wave file.
-bool MediaReadWaveInfo(FILE* file, MediaWaveInfo* info);
-
 // The open arguments of a list's entries: the list's flags, forced rate and scale request; no
 // crop and no adjusted rate (the list itself adds and drops frames).
 MediaOpenArgs MediaListEntryArgs(const MediaInput* list, int32_t start, int32_t end);
