@@ -13,6 +13,7 @@
 #include "host/switches.h"
 #include "media/sound.h"
 #include "reader/container.h"
+#include "reader/container_bytes.h"
 
 namespace {
 
@@ -237,7 +238,7 @@ void VelmoMixOutputExtension(char* name, size_t size, const char* input, uint64_
   if (BufferedFile* f = FileOpenRead(4096, input, FileModeReadOnly)) {
     FileSeek(f, offset);
     uint8_t bytes[4] = {};
-    if (FileRead(f, bytes, 4) == 4) magic = bytes[0] | bytes[1] << 8 | bytes[2] << 16 | uint32_t(bytes[3]) << 24;
+    if (FileRead(f, bytes, 4) == 4) magic = velmo_bytes::Load32(bytes);
     FileClose(f);
   }
   AddExtension(name, size, MagicIsSecondGeneration(magic) ? ".vm2" : ".vlm");

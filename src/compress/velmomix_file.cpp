@@ -11,6 +11,7 @@
 #include "compress/velmomix.h"
 #include "host/bfile.h"
 #include "reader/container.h"
+#include "reader/container_bytes.h"
 
 namespace {
 
@@ -133,9 +134,7 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
     std::vector<uint8_t> raw(tableWords * 4);
     if (FileRead(m.In, raw.data(), raw.size()) != raw.size())
       return m.Fail(VelmoTextHeaderReadError);
-    for (size_t i = 0; i < tableWords; ++i)
-      tables[i] = raw[i * 4] | raw[i * 4 + 1] << 8 | raw[i * 4 + 2] << 16 |
-                  uint32_t(raw[i * 4 + 3]) << 24;
+    for (size_t i = 0; i < tableWords; ++i) tables[i] = velmo_bytes::Load32(&raw[i * 4]);
   }
   m.InputTracks.resize(inputTracks);
   for (uint32_t t = 0; t < inputTracks; ++t)

@@ -4,14 +4,13 @@
 // The ring has two owners: the frame thread moves RingWrite, the feeder (possibly the sound
 // thread) moves RingRead. Each side reads the other's pointer through an atomic load.
 #include "compress/audio/velmo_audio.h"
+#include "reader/container.h"
 #include "reader/velmo_sound.h"
 
 #include <algorithm>
 #include <atomic>
 
 namespace {
-
-constexpr uint32_t FormatRateMask = 0xFFFF;
 
 uint8_t* LoadPointer(uint8_t* const& field) {
   return std::atomic_ref<uint8_t* const>(field).load(std::memory_order_acquire);
@@ -42,7 +41,7 @@ uint32_t VelmoSoundDecoderBytes(uint32_t rate, uint32_t channels) {
 void* VelmoSoundDecoderCreate(void* memory, uint32_t trackFormat) {
   uint32_t mode = 0;
   if (!VelmoAudioTrackMode(trackFormat, &mode)) return nullptr;
-  const uint32_t rate = trackFormat & FormatRateMask;
+  const uint32_t rate = trackFormat & VelmoTrackRateMask;
   if (rate == 0) return nullptr;
   const uint32_t channels = (trackFormat & VelmoTrackStereo) ? 2 : 1;
   return VelmoAudioDecoderOpen(memory, rate, channels, mode);
