@@ -14,18 +14,12 @@ jobs="${FUZZ_JOBS:-1}"
 findings="$build/fuzz-findings"
 mkdir -p "$findings"
 
-# Fuzz targets are the executables built from fuzz/<subsystem>/*.cpp: named like their source.
+# Fuzz targets are the executables in <build-dir>/fuzz/<subsystem>/; their seeds, if any, lie in
+# fuzz/<subsystem>/seeds/<target>.
 targets=()
-for source in "$root"/fuzz/*/*.cpp; do
-  name="$(basename "$source" .cpp)"
-  [[ "$name" =~ $pattern ]] || continue
-  binary="$build/fuzz/$(basename "$(dirname "$source")")/$name"
-  if [ -x "$binary" ]; then
-    targets+=("$binary")
-  else
-    echo "skipping $name: not built in $build" >&2
-  fi
-done
+while IFS= read -r binary; do
+  [[ "$(basename "$binary")" =~ $pattern ]] && targets+=("$binary")
+done < <(find "$build/fuzz" -mindepth 2 -maxdepth 2 -type f -perm -u+x 2>/dev/null | sort)
 [ ${#targets[@]} -gt 0 ] || { echo "no fuzz targets matched '$pattern' in $build" >&2; exit 1; }
 
 run_one() {
