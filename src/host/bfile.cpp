@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@ constexpr uint32_t BufferLargest = 1u << 30;
 constexpr uint64_t PositionLimit = 0x7FFFFFFFFFFFFFFFull;
 
 std::atomic<uint64_t> systemReads{0};
+std::atomic<FileWriteFilter> writeFilter{nullptr};
 
 // ---------------------------------------------------------------------------------------------
 // System wrappers
@@ -58,6 +60,8 @@ size_t SystemRead(int fd, void* data, size_t bytes, uint64_t position) {
 }
 
 size_t SystemWrite(int fd, const void* data, size_t bytes, uint64_t position) {
+  if (const FileWriteFilter filter = writeFilter.load(std::memory_order_relaxed))
+    bytes = std::min(bytes, filter(position, bytes));
   size_t done = 0;
   while (done < bytes && position + done <= PositionLimit) {
     const ssize_t put = pwrite(fd, static_cast<const uint8_t*>(data) + done, bytes - done,
@@ -249,6 +253,21 @@ BufferedFile* FileCreateShared(int32_t bufferSize, const char* name) {
   return FileCreate(bufferSize, name, 1);
 }
 
+BufferedFile* FileCreateExclusive(int32_t bufferSize, const char* name) {
+  if (!name) return nullptr;
+  // Opened without truncating: the file is emptied only once the lock is ours, so a holder's
+  // data is never touched. The lock goes with the descriptor, so a holder that dies frees it.
+  const int fd = open(name, O_CLOEXEC | O_RDWR | O_CREAT, 0666);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || flock(fd, LOCK_EX | LOCK_NB) != 0 ||
+      ftruncate(fd, 0) != 0) {
+    close(fd);
+    return nullptr;
+  }
+  return NewFile(bufferSize, name, fd, true);
+}
+
 void FileClose(BufferedFile* file) {
   if (!file) return;
   if (file->Handle != FileClosed) {
@@ -416,6 +435,10 @@ uint32_t FileRename(const char* newName, const char* oldName) {
   // ENOENT also means the new name's folder is missing; only a missing old file is "not found".
   struct stat info;
   return lstat(oldName, &info) != 0 ? FailureCode(errno) : 2;
+}
+
+void FileSetWriteFilter(FileWriteFilter filter) {
+  writeFilter.store(filter, std::memory_order_relaxed);
 }
 
 uint64_t FileSystemReads() { return systemReads.load(std::memory_order_relaxed); }

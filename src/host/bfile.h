@@ -36,6 +36,10 @@ BufferedFile* FileOpenRead(int32_t bufferSize, const char* name, uint32_t mode);
 // this system, whatever `shareRead` says.
 BufferedFile* FileCreate(int32_t bufferSize, const char* name, uint32_t shareRead);
 BufferedFile* FileCreateShared(int32_t bufferSize, const char* name);
+// Creates or replaces a file that stays held for writing while it is open: a second
+// FileCreateExclusive of the same name, from this process or another, fails (null) and leaves
+// the holder's file as it is. A file left by a process that has ended is replaced.
+BufferedFile* FileCreateExclusive(int32_t bufferSize, const char* name);
 // Writes out what is buffered (waiting bits padded with zeros), closes and frees.
 void FileClose(BufferedFile* file);
 
@@ -76,6 +80,12 @@ uint32_t FileRename(const char* newName, const char* oldName);
 // The number of read calls made to the system by this layer, for tests that prove a read
 // was served from the buffer.
 uint64_t FileSystemReads();
+
+// For tests of failing disks and interrupted runs: when set, each write to the system first
+// asks the filter how many of its `bytes` at `position` may go through; fewer give a short
+// write, as a full disk does (WriteError is set). Null removes it. Process-wide.
+typedef size_t (*FileWriteFilter)(uint64_t position, size_t bytes);
+void FileSetWriteFilter(FileWriteFilter filter);
 
 // ---------------------------------------------------------------------------------------------
 // Fast paths: the same tests as the slow path, inlined. The slow path handles everything else.
