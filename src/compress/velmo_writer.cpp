@@ -270,7 +270,8 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   std::snprintf(w->TemporaryPath, sizeof w->TemporaryPath, "%s.tmp", path);
 
   // 1. The temporary file.
-  w->File = FileCreateShared(VelmoWriterFileBuffer, w->TemporaryPath);
+  // Held while the run lasts: a second run writing the same output name cannot empty it.
+  w->File = FileCreateExclusive(VelmoWriterFileBuffer, w->TemporaryPath);
   if (!w->File) {
     Tell(w, VelmoProgressMessage, TextNoTemporary);
     delete w;
@@ -477,9 +478,12 @@ bool VelmoWriterCheckpoint(VelmoWriter* w) {
   state.FrameEntries = w->FrameIndex.data();
   std::vector<VelmoPatch> patches;
   bool ok = VelmoCheckpointPatches(w->Image, state, &patches);
-  for (const VelmoPatch& p : patches) {
-    FileSeek(w->File, p.Offset);
-    FileWrite(w->File, p.Bytes.data(), p.Bytes.size());
+  // Last patch first: the index (past the header) goes to the file before the header's frame
+  // count that makes a reader use it, so a run killed between the two writes leaves a file
+  // that still plays up to the checkpoint before. Seeking away writes the frames out first.
+  for (auto p = patches.rbegin(); p != patches.rend(); ++p) {
+    FileSeek(w->File, p->Offset);
+    FileWrite(w->File, p->Bytes.data(), p->Bytes.size());
   }
   FileSeek(w->File, position);
   if (w->File->WriteError) w->Failed = 1;
@@ -499,18 +503,15 @@ uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
     if (w->QueuedFrames) VelmoWriterPump(w, true);
     // The checkpoint may only fail at its gate, which nobody else holds now; try until it takes.
     while (!VelmoWriterCheckpoint(w)) ThreadSleep(1);
-    FileFlush(w->File, true);
-    if (w->File->WriteError) w->Failed = 1;
+    if (!FileFlush(w->File, true) || w->File->WriteError) w->Failed = 1;
   }
   EndTracks(w);
   EnterWrites(w);
-  uint64_t size = FileTell(w->File);
-  FileClose(w->File);
-  w->File = nullptr;
-  LeaveWrites(w);
+  const uint64_t size = FileTell(w->File);
+  // The temporary file is deleted or renamed while still open and held, so that no other run
+  // can take the name in between and have its file renamed or deleted by this one.
   if (discard || w->Failed) {
     FileDelete(w->TemporaryPath);
-    size = w->Failed && !discard ? 0 : size;
   } else if (FileDelete(w->OutputPath) == 2) {
     char text[VelmoWriterPathBytes * 2 + 100];
     std::snprintf(text, sizeof text,
@@ -520,7 +521,11 @@ uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
   } else if (FileRename(w->OutputPath, w->TemporaryPath) != 0) {
     Tell(w, VelmoProgressMessage, "Velmo couldn't rename the temporary file.");
   }
+  FileClose(w->File);
+  w->File = nullptr;
+  LeaveWrites(w);
+  const bool failed = w->Failed != 0;
   VelmoEncoderFree(w->Encoder);
   delete w;
-  return size;
+  return failed ? 0 : size;
 }

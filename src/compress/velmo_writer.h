@@ -138,7 +138,7 @@ bool VelmoWriterCheckpoint(VelmoWriter* writer);
 // Checkpoint and flush to the disk.
 bool VelmoWriterFlush(VelmoWriter* writer);
 // Finishes (or with `discard` deletes) the file, renames it and frees the writer. Returns the
-// final file size.
+// final file size; 0 when a write failed (the temporary file is then deleted).
 uint64_t VelmoWriterClose(VelmoWriter* writer, bool discard);
 
 // Pixel conversion of one frame into planes (also used by tests): Y at luma pitch, Cr and Cb

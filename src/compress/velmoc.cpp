@@ -44,6 +44,7 @@ const char SwitchListText[] =
     "Smooth  Black-clamp  Bright  Gamma  Denoise";
 
 const char CaptionSuffix[] = "Velmo Video Compressor";
+const char TextDiskFull[] = "Error writing to disk - probably out of disk space.";
 
 // ---- Run state shared with the timer and the dialog ------------------------------------------
 
@@ -579,7 +580,7 @@ int FrameLoop(Run& r) {
     VelmoWriterCommit(r.writer);
     if (r.writer->Failed) {
       next.Join();
-      ToolFrameError("Error writing to disk - probably out of disk space.");
+      ToolFrameError(TextDiskFull);
       g_cancel = VelmoCancelKeep;
       return ToolExitDiskWriteError;
     }
@@ -707,6 +708,11 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   const bool discard = g_cancel == VelmoCancelDiscard;
   const uint64_t size = VelmoWriterClose(r.writer, discard);
   if (code != ToolExitDone) return code;
+  // The last frames and the final tables reach the disk only at the close.
+  if (!discard && size == 0) {
+    ToolFrameError(TextDiskFull);
+    return ToolExitDiskWriteError;
+  }
   if (g_cancel) return ToolExitCancelled;
   std::snprintf(text, sizeof text, "%u total frames compressed.", written);
   SetStatus(text);

@@ -1,0 +1,364 @@
+// The compressor when things go wrong around it: a run killed at any moment leaves a temporary
+// file that plays up to its last checkpoint, a full disk ends the run with its message and
+// exit code and no broken file under the output name, and two runs writing the same output
+// name leave each other's files alone.
+//
+// Failing writes come from the file layer's write filter rather than a small file system or a
+// file size limit: the filter can stop the run at every single write in turn, and cut a write
+// short at a page edge as a kill during a large write does, which no size limit can place.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "compress/velmo1_file_check.h"
+#include "compress/velmo_writer.h"
+#include "compress/velmoc.h"
+#include "compress/velmoc_source.h"
+#include "compress_test_util.h"
+#include "host/bfile.h"
+#include "host/platform.h"
+#include "host/toolframe.h"
+#include "velmo.h"
+
+namespace {
+
+using compress_test::Exists;
+using compress_test::Picture;
+using compress_test::ReadAll;
+using compress_test::ScratchDir;
+
+constexpr uint32_t W = 32, H = 24;
+
+uint32_t Load32(const std::vector<uint8_t>& b, size_t at) {
+  uint32_t v = 0;
+  if (at + 4 <= b.size()) std::memcpy(&v, b.data() + at, 4);
+  return v;
+}
+// The frame count a reader takes from the header (0 while the file is shorter than a header).
+uint32_t HeaderFrames(const std::string& name) { return Load32(ReadAll(name), 8); }
+
+int Quiet(uint32_t, VelmoWriter*, const char*) { return 0; }
+
+// A writer with a checkpoint after every frame.
+VelmoWriter* OpenEager(const std::string& out, uint32_t frames,
+                       VelmoWriterProgressFn progress = Quiet, void* user = nullptr) {
+  VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 101, W, H, frames, 0, nullptr, 0, 30, 1, 0,
+                                   nullptr, 2, 10000, nullptr, 0, progress, user);
+  if (w) {
+    w->CheckpointBytes = 1;
+    w->NextCheckpointBytes = w->FileSize + 1;
+  }
+  return w;
+}
+
+void Feed(VelmoWriter* w, uint32_t from, uint32_t to) {
+  for (uint32_t t = from; t < to; ++t) {
+    const std::vector<uint32_t> pic = Picture(W, H, t);
+    VelmoWriterAddFrame(w, 1500, 4500, false, pic.data(), int32_t(W * 4), false);
+    VelmoWriterCommit(w);
+  }
+}
+
+// The child side of a forked run: one thread (the parent's pool workers are not in the child),
+// and no return into the test framework.
+[[noreturn]] void ChildRun(const std::string& out, uint32_t frames) {
+  PoolSetThreads(1);
+  VelmoWriter* w = OpenEager(out, frames);
+  if (!w) _exit(2);
+  Feed(w, 0, frames);
+  _exit(VelmoWriterClose(w, false) ? 0 : 3);
+}
+
+// What a file claims and whether all of it is there: the reader library opens it with the
+// same count, and every claimed frame decodes, byte for byte the frame a finished run wrote.
+void ExpectPlaysUpToItsCount(const std::string& name, const Velmo1FileCheck& whole,
+                             uint32_t* claimed, const std::string& where) {
+  SCOPED_TRACE(where);
+  *claimed = HeaderFrames(name);
+  if (*claimed == 0) return;  // killed before the first checkpoint: nothing to play yet
+  Velmo1FileCheck part;
+  ASSERT_EQ(Velmo1CheckOpen(name.c_str(), &part), nullptr);
+  ASSERT_EQ(part.Info.Header.Frames, *claimed);
+  ASSERT_LE(*claimed, whole.Info.Header.Frames);
+  EXPECT_EQ(Velmo1CheckDecode(part, nullptr, nullptr), *claimed);
+  for (uint32_t f = 0; f < *claimed; ++f) {
+    const uint64_t a = VelmoEntryOffset(part.Offsets[f]), b = VelmoEntryOffset(part.Offsets[f + 1]);
+    ASSERT_EQ(a, VelmoEntryOffset(whole.Offsets[f]));
+    ASSERT_EQ(b, VelmoEntryOffset(whole.Offsets[f + 1]));
+    ASSERT_EQ(0, std::memcmp(part.Bytes.data() + a, whole.Bytes.data() + a, size_t(b - a)))
+        << "frame " << f;
+  }
+  HVELMO h = VelmoOpen(name.c_str(), 0);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->Frames, *claimed);
+  VelmoClose(h);
+}
+
+// ---- Killed runs -------------------------------------------------------------------------------
+
+// The write filter of a child: lets `g_killAt` writes through, then kills the process, either
+// before the next write or, with `g_cutShort`, after that write's first page.
+uint32_t g_writes = 0, g_killAt = ~0u;
+bool g_cutShort = false;
+size_t KillingFilter(uint64_t position, size_t bytes) {
+  if (g_writes++ < g_killAt) return bytes;
+  if (!g_cutShort || g_writes > g_killAt + 1) raise(SIGKILL);
+  const size_t toPageEdge = 4096 - size_t(position % 4096);
+  if (toPageEdge >= bytes) raise(SIGKILL);  // within one page a write is not split
+  return toPageEdge;
+}
+size_t CountingFilter(uint64_t, size_t bytes) {
+  g_writes++;
+  return bytes;
+}
+
+TEST(VelmoReliability, KilledAtEveryWriteThePartialFilePlays) {
+  const ScratchDir dir;
+  const uint32_t frames = 5;
+  // The finished run, with its writes counted.
+  const std::string whole = dir / "whole.vlm";
+  g_writes = 0;
+  FileSetWriteFilter(CountingFilter);
+  VelmoWriter* w = OpenEager(whole, frames);
+  ASSERT_NE(w, nullptr);
+  Feed(w, 0, frames);
+  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  FileSetWriteFilter(nullptr);
+  const uint32_t writes = g_writes;
+  ASSERT_GE(writes, frames * 3) << "a checkpoint after each frame writes index, flags and counts";
+  Velmo1FileCheck reference;
+  ASSERT_EQ(Velmo1CheckOpen(whole.c_str(), &reference), nullptr);
+
+  for (const bool cut : {false, true}) {
+    uint32_t last = 0;
+    for (uint32_t k = 0; k < writes; ++k) {
+      const std::string out = dir / ("k" + std::to_string(k) + (cut ? "c" : "") + ".vlm");
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        g_writes = 0;
+        g_killAt = k;
+        g_cutShort = cut;
+        FileSetWriteFilter(KillingFilter);
+        ChildRun(out, frames);
+      }
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "write " << k;
+      EXPECT_FALSE(Exists(out)) << "a killed run never names the output";
+      uint32_t claimed = 0;
+      ExpectPlaysUpToItsCount(out + ".tmp", reference, &claimed,
+                              "killed at write " + std::to_string(k) + (cut ? " (cut short)" : ""));
+      EXPECT_GE(claimed, last) << "a later kill never plays less";
+      last = claimed;
+      unlink((out + ".tmp").c_str());
+    }
+    EXPECT_GE(last, frames - 1);
+  }
+}
+
+TEST(VelmoReliability, KilledFromOutsideMidRunThenRunAgain) {
+  const ScratchDir dir;
+  const uint32_t frames = 400;  // far more than any kill below waits for
+  const std::string whole = dir / "whole.vlm";
+  VelmoWriter* w = OpenEager(whole, frames);
+  ASSERT_NE(w, nullptr);
+  Feed(w, 0, 40);
+  VelmoWriterClose(w, false);
+  Velmo1FileCheck reference;
+  ASSERT_EQ(Velmo1CheckOpen(whole.c_str(), &reference), nullptr);
+  ASSERT_EQ(reference.Info.Header.Frames, 40u);
+
+  const std::string out = dir / "out.vlm", tmp = out + ".tmp";
+  for (const uint32_t waitFor : {1u, 7u, 23u}) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) ChildRun(out, frames);
+    // Waits for the checkpoint count, not for a time: a loaded machine only makes it slower.
+    const uint32_t start = TimerMs();
+    while (HeaderFrames(tmp) < waitFor && TimerMs() - start < 20000) ThreadSleep(1);
+    kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the run ended before the kill";
+    uint32_t claimed = 0;
+    ExpectPlaysUpToItsCount(tmp, reference, &claimed, "kill after " + std::to_string(waitFor));
+    EXPECT_GE(claimed, waitFor);
+    EXPECT_FALSE(Exists(out));
+  }
+  // The temporary file of a run that is gone does not stop the next run of that name.
+  w = OpenEager(out, 3);
+  ASSERT_NE(w, nullptr);
+  Feed(w, 0, 3);
+  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  EXPECT_FALSE(Exists(tmp));
+  EXPECT_EQ(HeaderFrames(out), 3u);
+}
+
+// ---- Whole runs through the tool shell -----------------------------------------------------------
+
+struct Clip {
+  uint32_t frames, first;
+  std::vector<uint32_t> pic;
+};
+uint32_t g_clipW = 32, g_clipH = 24;
+VelmocSource* ClipOpen(const char*, uint32_t first, uint32_t last, char*, size_t) {
+  return reinterpret_cast<VelmocSource*>(new Clip{std::min<uint32_t>(last, 23) - first + 1, first, {}});
+}
+void ClipInfo(const VelmocSource* s, VelmocSourceInfo* out) {
+  const Clip* c = reinterpret_cast<const Clip*>(s);
+  *out = {};
+  out->Width = g_clipW;
+  out->Height = g_clipH;
+  out->RateNumerator = 30;
+  out->RateDenominator = 1;
+  out->Frames = c->frames;
+  out->SkippedFrames = c->first;
+  out->InputFrames = 24;
+  out->InputBytes = uint64_t(g_clipW) * g_clipH * 3 * 24;
+}
+bool ClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int32_t* pitch) {
+  Clip* c = reinterpret_cast<Clip*>(s);
+  if (index >= c->frames) return false;
+  c->pic = Picture(g_clipW, g_clipH, c->first + index);
+  *pixels = c->pic.data();
+  *pitch = int32_t(g_clipW * 4);
+  return true;
+}
+void ClipClose(VelmocSource* s) { delete reinterpret_cast<Clip*>(s); }
+const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose, nullptr, nullptr};
+
+// Runs the tool on the console front end; `told` gets what it printed (its boxes included).
+int RunTool(const std::string& tail, std::string* told) {
+  VelmocRegisterDialog();
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  VelmocSetSource(&ClipOps);
+  testing::internal::CaptureStderr();
+  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
+  *told = testing::internal::GetCapturedStderr();
+  VelmocSetSource(nullptr);
+  return code;
+}
+
+// A disk with room for `g_room` bytes of the file: a write that reaches past it stops there.
+uint64_t g_room = 0;
+size_t FullDiskFilter(uint64_t position, size_t bytes) {
+  return position >= g_room ? 0 : size_t(std::min<uint64_t>(bytes, g_room - position));
+}
+
+TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
+  const ScratchDir dir;
+  const std::string out = dir / "full.vlm", old = dir / "old.vlm";
+  const char* const disk = "Error writing to disk - probably out of disk space.";
+  std::string told;
+  // The big run writes about 20 kB a frame, so the file layer's 128 kB buffer goes to the
+  // disk mid-run; the small one (a smaller picture) reaches the disk only at its close.
+  const std::string big = " /d600000 /m1.2 /e8", small = " /d20000 /e3";
+  ASSERT_EQ(RunTool("clip " + old + " /v101" + small, &told), ToolExitDone) << told;
+  const std::vector<uint8_t> good = ReadAll(old);
+  ASSERT_GT(good.size(), 1000u);
+  // Each case runs on a fresh name, or with /O over the good file, or both.
+  struct Case {
+    uint64_t room;
+    bool big, fresh, over;
+    const char* what;
+  } cases[] = {
+      {0, false, true, true, "nothing fits"},
+      {200, false, true, true, "the header's first bytes fit"},
+      {1000, false, true, true, "full at the close"},
+      {good.size() - 1, false, true, false, "the last byte is missing"},
+      {100000, true, false, true, "full mid-run"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    g_clipW = c.big ? 160 : 32;
+    g_clipH = c.big ? 120 : 24;
+    for (const bool fresh : {true, false}) {
+      if (!(fresh ? c.fresh : c.over)) continue;
+      g_room = c.room;
+      FileSetWriteFilter(FullDiskFilter);
+      const int code = RunTool("clip " + (fresh ? out : old + " /o") + " /v101" +
+                                   (c.big ? big : small), &told);
+      FileSetWriteFilter(nullptr);
+      EXPECT_EQ(code, ToolExitDiskWriteError) << (fresh ? "fresh name" : "over a file");
+      EXPECT_NE(told.find(disk), std::string::npos) << told;
+      EXPECT_EQ(told.find("total frames compressed"), std::string::npos) << told;
+    }
+    EXPECT_FALSE(Exists(out));
+    EXPECT_FALSE(Exists(out + ".tmp"));
+    EXPECT_FALSE(Exists(old + ".tmp"));
+    EXPECT_TRUE(ReadAll(old) == good) << "the file under the output name was changed";
+  }
+}
+
+// ---- Two runs, one output name -----------------------------------------------------------------
+
+using Texts = std::vector<std::string>;
+int Collect(uint32_t kind, VelmoWriter* w, const char* text) {
+  if (kind == VelmoProgressMessage) static_cast<Texts*>(w->UserData)->push_back(text);
+  return 0;
+}
+
+TEST(VelmoReliability, TwoRunsOnOneOutputNameLeaveEachOtherAlone) {
+  const ScratchDir dir;
+  const std::string out = dir / "same.vlm", tmp = out + ".tmp", go = dir / "go";
+  std::string told;
+  g_clipW = 32;
+  g_clipH = 24;
+  // This process's run holds the name when the tool starts: the tool is refused before it
+  // writes a byte, with the reasons of the message, and the first run finishes whole.
+  Texts texts;
+  VelmoWriter* w = OpenEager(out, 6, Collect, &texts);
+  ASSERT_NE(w, nullptr);
+  Feed(w, 0, 3);
+  const std::vector<uint8_t> before = ReadAll(tmp);
+  EXPECT_EQ(RunTool("clip " + out + " /v101 /o", &told), ToolExitOutputError);
+  EXPECT_NE(told.find("Couldn't create temporary file."), std::string::npos) << told;
+  EXPECT_NE(told.find("3) compressing multiple files to the same Velmo output filename."),
+            std::string::npos);
+  EXPECT_TRUE(ReadAll(tmp) == before);
+  Feed(w, 3, 6);
+  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  EXPECT_TRUE(texts.empty());
+  Velmo1FileCheck check;
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  EXPECT_EQ(check.Info.Header.IndexFrames, 6u);
+  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 6u);
+
+  // The other way round, across processes: another process's run holds the name and waits for
+  // a sign; a writer here is refused with the message, then the other run ends whole.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    PoolSetThreads(1);
+    VelmoWriter* cw = OpenEager(out, 8);
+    if (!cw) _exit(2);
+    Feed(cw, 0, 4);
+    for (uint32_t start = TimerMs(); !Exists(go) && TimerMs() - start < 20000;) ThreadSleep(1);
+    Feed(cw, 4, 8);
+    _exit(VelmoWriterClose(cw, false) ? 0 : 3);
+  }
+  for (uint32_t start = TimerMs(); HeaderFrames(tmp) < 2 && TimerMs() - start < 20000;)
+    ThreadSleep(1);
+  texts.clear();
+  EXPECT_EQ(OpenEager(out, 6, Collect, &texts), nullptr);
+  ASSERT_EQ(texts.size(), 1u);
+  EXPECT_EQ(texts[0].rfind("Couldn't create temporary file.", 0), 0u);
+  compress_test::WriteText(go, "go");
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  EXPECT_EQ(check.Info.Header.Frames, 8u);
+  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 8u);
+  EXPECT_FALSE(Exists(tmp));
+}
+
+}  // namespace
