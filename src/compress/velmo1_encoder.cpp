@@ -972,6 +972,11 @@ uint64_t PlaneError(const uint8_t* a, const uint8_t* b, size_t n) {
 
 }  // namespace
 
+namespace {
+// The run's "stop now" state (2), read before each plane pass.
+bool StopNow(const VelmoEncodeInput& input) { return input.Cancel && *input.Cancel == 2; }
+}  // namespace
+
 bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t budgetBytes,
                       VelmoEncodeResult* result) {
   if (!e || !result) return false;
@@ -1004,6 +1009,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   std::vector<BlockPlan*> all;
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
+    if (StopNow(input)) return false;
     AnalyseJob job;
     job.Plane = &planes[i];
     job.BlocksX = planes[i].Width / 8;
@@ -1013,6 +1019,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   }
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
+    if (StopNow(input)) return false;
     Analyse16Job job;
     job.Plane = &planes[i];
     job.BlocksX = planes[i].Width / 16;

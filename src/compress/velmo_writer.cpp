@@ -410,8 +410,9 @@ void VelmoWriterCommit(VelmoWriter* w) {
       none, key);
   w->PreviousSlot = (w->QueueStart + w->QueuedFrames) % RingSize(w);
   w->QueuedFrames++;
-  if (w->QueuedFrames == w->PreviewFrames) VelmoWriterPump(w, false);
-  else if (w->QueuedFrames + w->FramesWritten == w->TotalFrames) VelmoWriterPump(w, true);
+  // At the end of the input the whole queue drains in one pump, full or not.
+  if (w->QueuedFrames + w->FramesWritten == w->TotalFrames) VelmoWriterPump(w, true);
+  else if (w->QueuedFrames == w->PreviewFrames) VelmoWriterPump(w, false);
 }
 
 void VelmoWriterPump(VelmoWriter* w, bool drainAll) {
@@ -433,6 +434,7 @@ void VelmoWriterPump(VelmoWriter* w, bool drainAll) {
     w->ProgressFrame = w->FramesWritten;
     if (Tell(w, VelmoProgressLabel, "Compressing") && !w->CancelRequested)
       w->CancelRequested = VelmoCancelDiscard;
+    if (w->CancelRequested) break;  // a cancelled run starts no further frame
     VelmoRateTrack sound[VelmoMaxTracks];
     for (uint32_t t = 0; t < w->TrackCount; ++t) {
       const VelmoWriterTrack& k = w->Tracks[t];
@@ -450,8 +452,9 @@ void VelmoWriterPump(VelmoWriter* w, bool drainAll) {
       input.Pitches[p] = int32_t(p == VelmoPlaneCr || p == VelmoPlaneCb ? w->ChromaWidth : w->PlaneWidth);
     }
     input.Key = s.IsKey != 0;
+    input.Cancel = &w->CancelRequested;
     if (!VelmoEncodeFrame(w->Encoder, input, budget, &result)) {
-      w->Failed = 1;
+      if (w->CancelRequested != VelmoCancelKeep) w->Failed = 1;  // else stopped mid-frame
       break;
     }
     const uint32_t used = WriteFrame(w, result, s.IsKey != 0);

@@ -101,6 +101,8 @@ struct VelmoWriter {
   uint32_t ExtraTextLength;
   VelmoWriterProgressFn Progress;
   void* UserData;  // for the progress callback
+  // VelmoRunGoing; VelmoCancelDiscard: no further frame is started; VelmoCancelKeep: the
+  // frame in hand stops before its next plane pass, and no further frame is started.
   volatile uint32_t CancelRequested;
   uint64_t NextCheckpointBytes;
   uint32_t NextCheckpointTime;

@@ -161,6 +161,34 @@ TEST(Velmo1Encoder, RejectsBadConfigurations) {
   VelmoEncoderFree(e);
 }
 
+// The run's cancel state: 1 (stop at the next frame) is the writer's business and the frame is
+// coded; 2 (stop now) ends the frame before its first plane pass, and the encoder's picture,
+// which the decoder of the file also holds, stays the last written frame's.
+TEST(Velmo1Encoder, StopNowEndsTheFrameUnwritten) {
+  EncodeRun run({48, 32, 101, 0});
+  Picture first = MakePicture(48, 32, Shapes, 0), second = MakePicture(48, 32, Shapes, 3);
+  run.Frame(first, true, 3000);
+  for (const uint32_t state : {0u, 1u, 2u}) {
+    SCOPED_TRACE(state);
+    const VelmoFrameBuffers &ring = *VelmoEncoderPicture(run.E);
+    const uint32_t current = ring.Current;
+    const std::vector<uint8_t> before(ring.Sets[current].Planes[0], ring.Sets[current].Planes[0] + 48 * 32);
+    VelmoEncodeInput in = second.Input(false);
+    in.Cancel = &state;
+    VelmoEncodeResult r{};
+    if (state == 2) {
+      EXPECT_FALSE(VelmoEncodeFrame(run.E, in, 3000, &r));
+      EXPECT_TRUE(r.Section.empty());
+      EXPECT_EQ(ring.Current, current);
+      EXPECT_EQ(0, std::memcmp(before.data(), ring.Sets[ring.Current].Planes[0], before.size()));
+    } else {
+      ASSERT_TRUE(VelmoEncodeFrame(run.E, in, 3000, &r));
+      run.R.Decode(r.Section, run.Flags, run.FileFlags, run.Tag);
+      ExpectSamePicture(*VelmoEncoderPicture(run.E), run.R.Ring);
+    }
+  }
+}
+
 TEST(Velmo1Encoder, DecoderRebuildsTheEncodersPictureForEveryContentAndBudget) {
   for (Content c : {Gradient, Noise, Shapes, Flat}) {
     for (uint32_t budget : {0u, 300u, 3000u, 30000u}) {

@@ -285,6 +285,63 @@ TEST(VelmoWriterFile, CancelKeepsOrDiscards) {
   EXPECT_TRUE(log.empty());
 }
 
+// A run cancelled at frame 4 by the progress callback's answer (stop at the next frame) or by
+// the dialog's keep (stop now): no frame is coded after it, and the kept file plays the frames
+// written before. The queue's frames were never coded, so a kept file leaves them out.
+struct CancelAt {
+  uint32_t Frame, State, Calls;
+};
+int CancelProgress(uint32_t kind, VelmoWriter* w, const char*) {
+  CancelAt& c = *static_cast<CancelAt*>(w->UserData);
+  if (kind != VelmoProgressLabel || w->ProgressFrame != c.Frame) return 0;
+  c.Calls++;
+  if (c.State == VelmoCancelKeep) w->CancelRequested = VelmoCancelKeep;
+  return c.State == VelmoCancelDiscard;
+}
+
+TEST(VelmoWriterFile, CancelStatesStopTheCoding) {
+  const ScratchDir dir;
+  for (const uint32_t state : {uint32_t(VelmoCancelDiscard), uint32_t(VelmoCancelKeep)}) {
+    SCOPED_TRACE(state);
+    const std::string out = dir / ("c" + std::to_string(state) + ".vlm");
+    CancelAt cancel{4, state, 0};
+    VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 100, 64, 48, 12, 0, nullptr, 0, 30, 1, 0,
+                                     nullptr, 3, 10000, nullptr, 0, CancelProgress, &cancel);
+    ASSERT_NE(w, nullptr);
+    // Frames offered after the cancel wait in the queue until it is full.
+    uint32_t offered = 0;
+    for (; offered < 12; ++offered) {
+      const std::vector<uint32_t> pic = Picture(64, 48, offered);
+      if (!VelmoWriterAddFrame(w, 3000, 9000, false, pic.data(), 64 * 4, false)) break;
+      VelmoWriterCommit(w);
+    }
+    EXPECT_EQ(offered, 7u);  // the four written and a full queue of three
+    EXPECT_EQ(w->CancelRequested, state);
+    EXPECT_EQ(w->FramesWritten, 4u);
+    EXPECT_EQ(cancel.Calls, 1u) << "the frame after the cancel is not started again";
+    VelmoWriterClose(w, false);
+    Velmo1FileCheck check;
+    ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+    EXPECT_EQ(check.Info.Header.Frames, 4u);
+    EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 4u);
+  }
+}
+
+// The last input frame drains the whole queue in one pump, also when it fills the queue.
+TEST(VelmoWriterFile, LastFrameDrainsTheQueue) {
+  const ScratchDir dir;
+  WriterLog log;
+  for (const uint32_t frames : {1u, 2u, 3u, 5u}) {  // preview 2: the last one fills it, or not
+    SCOPED_TRACE(frames);
+    VelmoWriter* w = OpenWriter(dir / "d.vlm", frames, &log);
+    ASSERT_NE(w, nullptr);
+    Feed(w, 0, frames);
+    EXPECT_EQ(w->FramesWritten, frames);
+    EXPECT_EQ(w->QueuedFrames, 0u);
+    VelmoWriterClose(w, true);
+  }
+}
+
 TEST(VelmoWriterFile, FailedRenameAndOverwriteAreTold) {
   const ScratchDir dir;
   WriterLog log;
