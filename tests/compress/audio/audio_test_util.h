@@ -1,7 +1,9 @@
 // Helpers of the sound codec tests: synthetic signals, a whole-sound encode and decode in the
-// writer's manner, and signal-to-noise figures.
+// writer's manner, and a signal-to-noise figure.
 #pragma once
 #include "compress/audio/velmo_audio.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -20,14 +22,14 @@ inline int16_t Clip(double v) {
   return static_cast<int16_t>(std::lround(std::fmax(-32768.0, std::fmin(32767.0, v))));
 }
 
+// `hzRight`, when given, is the second channel's frequency.
 inline Samples Sine(uint32_t rate, uint32_t channels, size_t frames, double hz, double amplitude,
                     double hzRight = 0) {
   Samples out(frames * channels);
-  for (size_t i = 0; i < frames; ++i)
-    for (uint32_t c = 0; c < channels; ++c) {
-      const double f = (c == 1 && hzRight > 0) ? hzRight : hz;
-      out[i * channels + c] = Clip(amplitude * std::sin(2 * Pi * f * i / rate));
-    }
+  for (size_t i = 0; i < out.size(); ++i) {
+    const double f = (i % channels == 1 && hzRight > 0) ? hzRight : hz;
+    out[i] = Clip(amplitude * std::sin(2 * Pi * f * (i / channels) / rate));
+  }
   return out;
 }
 
@@ -48,9 +50,9 @@ inline Samples Music(uint32_t rate, uint32_t channels, size_t frames) {
     const double t = static_cast<double>(i) / rate;
     double v = 0;
     for (double f : chord) v += 2500 * std::sin(2 * Pi * f * t) + 600 * std::sin(4 * Pi * f * t);
-    const size_t note = static_cast<size_t>(t * 4) % 4;
     const double since = t - std::floor(t * 4) / 4;
-    v += 6000 * std::exp(-since * 12) * std::sin(2 * Pi * notes[note] * t);
+    const double note = notes[static_cast<size_t>(t * 4) % 4];
+    v += 6000 * std::exp(-since * 12) * std::sin(2 * Pi * note * t);
     for (uint32_t c = 0; c < channels; ++c) out[i * channels + c] = Clip(c ? v * 0.7 : v);
   }
   return out;
@@ -71,23 +73,18 @@ inline Encoded EncodeAll(const Samples& pcm, uint32_t rate, uint32_t channels, i
       VelmoAudioEncoderOpen(rate, channels, VelmoAudioLevelIsCurrentForm(level));
   if (!encoder) return result;
   const uint64_t total = pcm.size() * 2;
-  const auto* source = reinterpret_cast<const uint8_t*>(pcm.data());
   uint64_t read = 0;
   do {
     uint8_t* buffer;
-    uint32_t want;
+    uint32_t want, size, consumed;
     VelmoAudioEncoderBuffer(encoder, &buffer, &want);
     const uint32_t got = static_cast<uint32_t>(std::min<uint64_t>(want, total - read));
-    std::memcpy(buffer, source + read, got);
+    std::memcpy(buffer, reinterpret_cast<const uint8_t*>(pcm.data()) + read, got);
     read += got;
-    uint32_t given = got;
-    if (padShort && got < want) {
-      std::memset(buffer + got, 0, want - got);
-      given = want;
-    }
+    if (padShort) std::memset(buffer + got, 0, want - got);
     const uint8_t* out;
-    uint32_t size, consumed;
-    VelmoAudioEncodeBlock(encoder, VelmoAudioLevelQuality(level), given, &out, &size, &consumed);
+    VelmoAudioEncodeBlock(encoder, VelmoAudioLevelQuality(level), padShort ? want : got, &out,
+                          &size, &consumed);
     result.Stream.insert(result.Stream.end(), out, out + size);
     result.BlockSizes.push_back(size);
     result.Consumed += consumed;
@@ -96,17 +93,28 @@ inline Encoded EncodeAll(const Samples& pcm, uint32_t rate, uint32_t channels, i
   return result;
 }
 
-// Decodes every block of a stream; returns all the samples handed out.
-inline Samples DecodeAll(const std::vector<uint8_t>& stream, uint32_t rate, uint32_t channels,
-                         uint32_t mode, size_t blocks) {
+inline uint32_t ModeOf(int level) {
+  return VelmoAudioLevelIsCurrentForm(level) ? VelmoAudioCurrentForm : 0;
+}
+
+// Decodes every block of an encoded stream; returns all the samples handed out. Each block is
+// a whole number of words and takes exactly its size. With `asPackets` each block is decoded
+// as the last of its packet: the input ends where the block does.
+inline Samples DecodeAll(const Encoded& encoded, uint32_t rate, uint32_t channels, uint32_t mode,
+                         bool asPackets = false) {
   std::vector<uint8_t> memory(VelmoAudioDecoderSize(rate, channels));
   VelmoAudioDecoder* decoder = VelmoAudioDecoderOpen(memory.data(), rate, channels, mode);
   if (!decoder) return {};
-  std::vector<uint8_t> out(blocks * VelmoAudioDecoderStepBytes(decoder) + 16);
+  std::vector<uint8_t> out(encoded.BlockSizes.size() * VelmoAudioDecoderStepBytes(decoder) + 16);
   VelmoAudioRing ring{out.data(), out.data() + out.size(), out.data(),
                       static_cast<uint32_t>(out.size()), 0, 0, 16};
-  VelmoAudioInput input{stream.data(), stream.size(), 0};
-  for (size_t b = 0; b < blocks; ++b) VelmoAudioDecodeBlock(decoder, &ring, &input);
+  VelmoAudioInput input{encoded.Stream.data(), asPackets ? 0 : encoded.Stream.size(), 0};
+  for (uint32_t size : encoded.BlockSizes) {
+    if (asPackets) input.Size += size;
+    EXPECT_EQ(size % 4, 0u);
+    EXPECT_EQ(VelmoAudioDecodeBlock(decoder, &ring, &input), size);
+  }
+  EXPECT_EQ(input.Position, encoded.Stream.size());
   Samples pcm(ring.Offered / 2);
   std::memcpy(pcm.data(), out.data(), pcm.size() * 2);
   return pcm;
@@ -115,45 +123,20 @@ inline Samples DecodeAll(const std::vector<uint8_t>& stream, uint32_t rate, uint
 inline Samples RoundTrip(const Samples& pcm, uint32_t rate, uint32_t channels, int level,
                          Encoded* encodedOut = nullptr) {
   Encoded encoded = EncodeAll(pcm, rate, channels, level);
-  Samples decoded = DecodeAll(encoded.Stream, rate, channels,
-                              VelmoAudioLevelIsCurrentForm(level) ? VelmoAudioCurrentForm : 0,
-                              encoded.BlockSizes.size());
+  Samples decoded = DecodeAll(encoded, rate, channels, ModeOf(level));
   if (encodedOut) *encodedOut = std::move(encoded);
   return decoded;
 }
 
 // SNR in dB of `decoded` against `source` over the source's length; 200 for an exact match.
-inline double Snr(const Samples& source, const Samples& decoded, size_t from = 0,
-                  size_t to = SIZE_MAX) {
-  to = std::min({to, source.size(), decoded.size()});
+inline double Snr(const Samples& source, const Samples& decoded) {
   double signal = 0, noise = 0;
-  for (size_t i = from; i < to; ++i) {
+  for (size_t i = 0; i < std::min(source.size(), decoded.size()); ++i) {
     const double d = static_cast<double>(source[i]) - decoded[i];
     signal += static_cast<double>(source[i]) * source[i];
     noise += d * d;
   }
-  if (noise == 0) return 200;
-  return 10 * std::log10(signal / noise);
-}
-
-// Mean of per-segment SNRs, each held within -10..35 dB, over segments with some signal.
-inline double SegmentalSnr(const Samples& source, const Samples& decoded, size_t segment = 256) {
-  const size_t count = std::min(source.size(), decoded.size());
-  double sum = 0;
-  size_t segments = 0;
-  for (size_t from = 0; from + segment <= count; from += segment) {
-    double signal = 0, noise = 0;
-    for (size_t i = from; i < from + segment; ++i) {
-      const double d = static_cast<double>(source[i]) - decoded[i];
-      signal += static_cast<double>(source[i]) * source[i];
-      noise += d * d;
-    }
-    if (signal < segment * 100.0) continue;  // near silence
-    const double snr = noise == 0 ? 35 : 10 * std::log10(signal / noise);
-    sum += std::fmax(-10.0, std::fmin(35.0, snr));
-    ++segments;
-  }
-  return segments ? sum / segments : 35;
+  return noise == 0 ? 200 : 10 * std::log10(signal / noise);
 }
 
 }  // namespace audio_test
