@@ -973,8 +973,17 @@ uint64_t PlaneError(const uint8_t* a, const uint8_t* b, size_t n) {
 }  // namespace
 
 namespace {
-// The run's "stop now" state (2), read before each plane pass.
-bool StopNow(const VelmoEncodeInput& input) { return input.Cancel && *input.Cancel == 2; }
+// Tells a stage's label, then reads the run's "stop now" state (2): true to stop.
+bool StopBefore(const VelmoEncodeInput& input, const char* label) {
+  if (label && input.Stage) input.Stage(input.StageContext, label);
+  return input.Cancel && *input.Cancel == 2;
+}
+const char* const AnalyseLabels[4] = {"Compressing Y plane", "Compressing Cr plane",
+                                      "Compressing Cb plane", "Compressing alpha plane"};
+const char* const Analyse16Labels[4] = {"Compressing Y high-plane", "Compressing Cr high-plane",
+                                        nullptr, "Compressing alpha high-plane"};
+const char* const EncodeLabels[4] = {"Encoding Y plane", "Encoding Cr plane", "Encoding Cb plane",
+                                     "Encoding alpha plane"};
 }  // namespace
 
 bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t budgetBytes,
@@ -1009,7 +1018,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   std::vector<BlockPlan*> all;
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
-    if (StopNow(input)) return false;
+    if (StopBefore(input, AnalyseLabels[i])) return false;
     AnalyseJob job;
     job.Plane = &planes[i];
     job.BlocksX = planes[i].Width / 8;
@@ -1019,17 +1028,19 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   }
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
-    if (StopNow(input)) return false;
+    if (StopBefore(input, Analyse16Labels[i])) return false;
     Analyse16Job job;
     job.Plane = &planes[i];
     job.BlocksX = planes[i].Width / 16;
     job.Blocks = uint32_t(e->Plans16[i].size());
     PoolRun(Analyse16Worker, &job);
   }
+  if (StopBefore(input, "Allocating bandwidth")) return false;
   AllocateBits(all.data(), all.size(), budgetBytes);
   result->PlannedError = 0;
   std::fill(std::begin(result->Kinds), std::end(result->Kinds), 0u);
   std::fill(std::begin(result->DoubledKinds), std::end(result->DoubledKinds), 0u);
+  if (StopBefore(input, "Merging multi-resolution planes")) return false;
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
     MergeResolutions(planes[i]);
@@ -1039,6 +1050,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   std::vector<uint8_t> streams[4];
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i]) continue;
+    if (StopBefore(input, EncodeLabels[i])) return false;
     if (i == VelmoPlaneAlpha && constantAlpha) streams[i] = Velmo1EncConstantAlphaPlane(e->Source[i][0]);
     else streams[i] = WritePlane(planes[i], vlmk, e->Models[i], result);
     result->Sizes[i] = uint32_t(streams[i].size());

@@ -31,9 +31,13 @@ struct VelmoEncodeInput {
   const uint8_t* Planes[4];  // indexed by VelmoPlaneY, Cr, Cb, Alpha; unused planes null
   int32_t Pitches[4];
   bool Key;                  // code without reference to the previous frame
-  // The run's cancel state, or null: reading 2 (stop now) before a plane pass ends the frame
+  // The run's cancel state, or null: reading 2 (stop now) before a stage ends the frame
   // unwritten, and the encode returns false with the encoder's reference as it was.
   const volatile uint32_t* Cancel;
+  // Called with each stage's progress label ("Compressing Y plane", "Allocating bandwidth",
+  // ...) before the stage runs; may be null.
+  void (*Stage)(void* context, const char* label);
+  void* StageContext;
 };
 
 struct VelmoEncodeResult {

@@ -227,6 +227,14 @@ uint32_t WriteFrame(VelmoWriter* w, const VelmoEncodeResult& result, bool key) {
   return n == 0 ? uint32_t(end - video) : bytes;
 }
 
+// The encoder's stage labels go to the progress callback; a cancel answer there stops the run
+// at the next frame.
+void StageLabel(void* context, const char* label) {
+  VelmoWriter* w = static_cast<VelmoWriter*>(context);
+  if (Tell(w, VelmoProgressLabel, label) && !w->CancelRequested)
+    w->CancelRequested = VelmoCancelDiscard;
+}
+
 void EndTracks(VelmoWriter* w) {
   for (uint32_t t = 0; t < w->TrackCount; ++t) VelmoWriterTrackEnd(&w->Tracks[t]);
 }
@@ -453,6 +461,8 @@ void VelmoWriterPump(VelmoWriter* w, bool drainAll) {
     }
     input.Key = s.IsKey != 0;
     input.Cancel = &w->CancelRequested;
+    input.Stage = StageLabel;
+    input.StageContext = w;
     if (!VelmoEncodeFrame(w->Encoder, input, budget, &result)) {
       if (w->CancelRequested != VelmoCancelKeep) w->Failed = 1;  // else stopped mid-frame
       break;

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "decode/velmo1_decoder.h"
@@ -161,30 +162,58 @@ TEST(Velmo1Encoder, RejectsBadConfigurations) {
   VelmoEncoderFree(e);
 }
 
-// The run's cancel state: 1 (stop at the next frame) is the writer's business and the frame is
-// coded; 2 (stop now) ends the frame before its first plane pass, and the encoder's picture,
-// which the decoder of the file also holds, stays the last written frame's.
-TEST(Velmo1Encoder, StopNowEndsTheFrameUnwritten) {
+// Each stage is told by its label before it runs, and the run's cancel state is read then:
+// 1 (stop at the next frame) is the writer's business and the frame is coded; 2 (stop now),
+// set at any stage, ends the frame unwritten, and the encoder's picture, which the decoder of
+// the file also holds, stays the last written frame's.
+struct Stages {
+  std::vector<std::string> Seen;
+  std::string StopAt;
+  uint32_t State = 0;
+};
+void OnStage(void *context, const char *label) {
+  Stages &s = *static_cast<Stages *>(context);
+  s.Seen.push_back(label);
+  if (s.StopAt == label) s.State = 2;
+}
+
+TEST(Velmo1Encoder, StagesAreToldAndStopNowEndsTheFrameUnwritten) {
+  const std::vector<std::string> all = {
+      "Compressing Y plane",  "Compressing Cr plane",      "Compressing Cb plane",
+      "Compressing Y high-plane", "Compressing Cr high-plane", "Allocating bandwidth",
+      "Merging multi-resolution planes", "Encoding Y plane", "Encoding Cr plane",
+      "Encoding Cb plane"};
   EncodeRun run({48, 32, 101, 0});
   Picture first = MakePicture(48, 32, Shapes, 0), second = MakePicture(48, 32, Shapes, 3);
   run.Frame(first, true, 3000);
-  for (const uint32_t state : {0u, 1u, 2u}) {
-    SCOPED_TRACE(state);
+  std::vector<std::string> stops = all;
+  stops.push_back("");  // no stop
+  for (const std::string &stop : stops) {
+    SCOPED_TRACE(stop);
+    Stages stages;
+    stages.StopAt = stop;
+    stages.State = stop.empty() ? 1 : 0;
     const VelmoFrameBuffers &ring = *VelmoEncoderPicture(run.E);
     const uint32_t current = ring.Current;
-    const std::vector<uint8_t> before(ring.Sets[current].Planes[0], ring.Sets[current].Planes[0] + 48 * 32);
+    const std::vector<uint8_t> before(ring.Sets[current].Planes[0],
+                                      ring.Sets[current].Planes[0] + 48 * 32);
     VelmoEncodeInput in = second.Input(false);
-    in.Cancel = &state;
+    in.Cancel = &stages.State;
+    in.Stage = OnStage;
+    in.StageContext = &stages;
     VelmoEncodeResult r{};
-    if (state == 2) {
-      EXPECT_FALSE(VelmoEncodeFrame(run.E, in, 3000, &r));
+    const bool coded = VelmoEncodeFrame(run.E, in, 3000, &r);
+    if (stop.empty()) {
+      ASSERT_TRUE(coded);
+      EXPECT_EQ(stages.Seen, all);
+      run.R.Decode(r.Section, run.Flags, run.FileFlags, run.Tag);
+      ExpectSamePicture(*VelmoEncoderPicture(run.E), run.R.Ring);
+    } else {
+      EXPECT_FALSE(coded);
+      EXPECT_EQ(stages.Seen.back(), stop);
       EXPECT_TRUE(r.Section.empty());
       EXPECT_EQ(ring.Current, current);
       EXPECT_EQ(0, std::memcmp(before.data(), ring.Sets[ring.Current].Planes[0], before.size()));
-    } else {
-      ASSERT_TRUE(VelmoEncodeFrame(run.E, in, 3000, &r));
-      run.R.Decode(r.Section, run.Flags, run.FileFlags, run.Tag);
-      ExpectSamePicture(*VelmoEncoderPicture(run.E), run.R.Ring);
     }
   }
 }
