@@ -15,6 +15,7 @@
 #include "compress/velmoc_source.h"
 #include "compress_test_util.h"
 #include "convert/output.h"
+#include "host/platform.h"
 #include "host/toolframe.h"
 #include "reader/container.h"
 
@@ -325,6 +326,47 @@ TEST(VelmoWriterFile, CancelStatesStopTheCoding) {
     EXPECT_EQ(check.Info.Header.Frames, 4u);
     EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 4u);
   }
+}
+
+// Checkpoints come when 2,000,000 bytes more are written or 60 s have passed, whichever is
+// first, and are then flushed so that the temporary file plays that far; a checkpoint that
+// cannot have the file for 250 ms gives up without harm.
+TEST(VelmoWriterFile, CheckpointGates) {
+  const ScratchDir dir;
+  WriterLog log;
+  const std::string out = dir / "gates.vlm", tmp = out + ".tmp";
+  auto onDisk = [&] {
+    const std::vector<uint8_t> b = compress_test::ReadAll(tmp);
+    uint32_t frames = ~0u;
+    if (b.size() >= 12) std::memcpy(&frames, b.data() + 8, 4);
+    return frames;
+  };
+  VelmoWriter* w = OpenWriter(out, 30, &log);
+  ASSERT_NE(w, nullptr);
+  EXPECT_EQ(w->NextCheckpointBytes, w->FileSize + 2000000);
+  EXPECT_NEAR(double(w->NextCheckpointTime - TimerMs()), 60000.0, 5000.0);
+  Feed(w, 0, 5);
+  EXPECT_EQ(onDisk(), ~0u) << "no checkpoint yet: the header still waits in the buffer";
+  w->NextCheckpointTime = TimerMs();  // the clock gate is due
+  Feed(w, 5, 6);
+  EXPECT_EQ(onDisk(), w->FramesWritten);
+  EXPECT_EQ(w->NextCheckpointBytes, w->FileSize + 2000000);
+  const uint32_t byTime = w->FramesWritten;
+  Feed(w, 6, 8);
+  EXPECT_EQ(onDisk(), byTime);
+  w->NextCheckpointBytes = w->FileSize + 1;  // the byte gate is due at the next frame
+  Feed(w, 8, 9);
+  EXPECT_EQ(onDisk(), w->FramesWritten);
+  EXPECT_NEAR(double(w->NextCheckpointTime - TimerMs()), 60000.0, 5000.0);
+  // The work thread is inside a group of writes: the checkpoint waits 250 ms, then gives up.
+  AtomicAdd(&w->WriteGate, 1);
+  const uint32_t start = TimerMs();
+  EXPECT_FALSE(VelmoWriterCheckpoint(w));
+  EXPECT_GE(TimerMs() - start, 250u);
+  EXPECT_EQ(w->CheckpointGate, 0u);
+  AtomicAdd(&w->WriteGate, -1);
+  EXPECT_TRUE(VelmoWriterFlush(w));
+  VelmoWriterClose(w, true);
 }
 
 // The last input frame drains the whole queue in one pump, also when it fills the queue.
