@@ -512,6 +512,57 @@ TEST(VelmocRun, CompressesAClipThatDecodesWell) {
   EXPECT_EQ(check.Info.Header.Frames, 4u);
 }
 
+// The console front end, except that every question is answered Yes.
+void AnswerYes(ToolBox* box) {
+  if (box && !box->answered && box->buttonCount > 1 && box->buttons[0] == ToolButtonYes) {
+    box->answer = ToolButtonYes;
+    box->answered = true;
+  }
+}
+const ToolFrontEnd* SaysYes() {
+  static ToolFrontEnd yes = [] {
+    ToolFrontEnd f = *ToolConsoleFrontEnd();
+    f.name = "yes";
+    f.step = [](ToolDialog* d, int waitMs) {
+      AnswerYes(ToolDialogTopBox(d));
+      ToolConsoleFrontEnd()->step(d, waitMs);
+    };
+    f.box = [](ToolBox* box) {
+      AnswerYes(box);
+      if (!box->answered) ToolConsoleFrontEnd()->box(box);
+    };
+    return f;
+  }();
+  return &yes;
+}
+
+int RunToolSayingYes(const std::string& tail) {
+  VelmocRegisterDialog();
+  ToolFrameSetFrontEnd(SaysYes());
+  VelmocSetSource(&ClipOps);
+  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
+  VelmocSetSource(nullptr);
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  return code;
+}
+
+TEST(VelmocRun, QuestionsAnsweredYes) {
+  const ScratchDir dir;
+  const std::string out = dir / "x.vlm";
+  // Yes to the alpha question cancels the run before any output exists.
+  EXPECT_EQ(RunToolSayingYes("clip " + out + " /v100 /z1000"), ToolExitNoAlpha);
+  EXPECT_FALSE(Exists(out));
+  EXPECT_FALSE(Exists(out + ".tmp"));
+  // ... unless the 10000 part of /Z turns the question off: alpha just goes off.
+  EXPECT_EQ(RunToolSayingYes("clip " + out + " /v100 /z11000 /e2"), ToolExitDone);
+  // Yes to the overwrite question replaces the file.
+  EXPECT_EQ(RunToolSayingYes("clip " + out + " /v100 /e3"), ToolExitDone);
+  Velmo1FileCheck check;
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  EXPECT_EQ(check.Info.Header.Frames, 3u);
+  EXPECT_EQ(check.Info.Header.Magic, VelmoMagicVLMi);
+}
+
 TEST(VelmocRun, ExitCodes) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
