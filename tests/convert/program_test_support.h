@@ -99,43 +99,35 @@ inline bool ReadPicture(const std::string& name, Picture* out) {
   return ok;
 }
 
-// A wave file with one 16-byte "fmt " chunk of the given tag and `bytes` of sample data.
+// The 44-byte header of a wave file with one 16-byte "fmt " chunk and `bytes` of sample data.
+inline std::string WaveHeader(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits,
+                              uint32_t bytes) {
+  std::string h;
+  const auto put = [&h](uint32_t v, int size) { h.append(reinterpret_cast<const char*>(&v), size); };
+  h += "RIFF", put(36 + bytes, 4), h += "WAVEfmt ";
+  put(16, 4), put(tag, 2), put(channels, 2), put(rate, 4), put(rate * channels * bits / 8, 4);
+  put(channels * bits / 8, 2), put(bits, 2), h += "data", put(bytes, 4);
+  return h;
+}
+
 inline void WriteWave(const std::string& name, uint16_t tag, uint16_t channels, uint32_t rate,
                       uint16_t bits, const void* data, uint32_t bytes) {
   FILE* f = std::fopen(name.c_str(), "wb");
   ASSERT_TRUE(f);
-  const uint32_t align = channels * bits / 8u;
-  auto put32 = [&](uint32_t v) { std::fwrite(&v, 4, 1, f); };
-  auto put16 = [&](uint16_t v) { std::fwrite(&v, 2, 1, f); };
-  std::fwrite("RIFF", 1, 4, f);
-  put32(36 + bytes);
-  std::fwrite("WAVEfmt ", 1, 8, f);
-  put32(16), put16(tag), put16(channels), put32(rate), put32(rate * align), put16(uint16_t(align));
-  put16(bits);
-  std::fwrite("data", 1, 4, f);
-  put32(bytes);
+  const std::string header = WaveHeader(tag, channels, rate, bits, bytes);
+  std::fwrite(header.data(), 1, header.size(), f);
   std::fwrite(data, 1, bytes, f);
   std::fclose(f);
 }
 
-// The 44-byte header of a written PCM wave file against the format and data length it should
-// have; the file holds exactly that much data.
+// A written PCM wave file: its header has the given format and data length, and it holds
+// exactly that much data.
 template <typename Bytes>
 void ExpectWaveHeader(const Bytes& data, uint32_t rate, uint32_t bits, uint32_t channels,
                       uint32_t dataBytes) {
   ASSERT_EQ(data.size(), 44u + dataBytes);
-  EXPECT_EQ(std::string(data.begin(), data.begin() + 4), "RIFF");
-  EXPECT_EQ(std::string(data.begin() + 8, data.begin() + 16), "WAVEfmt ");
-  EXPECT_EQ(Le32(data, 4), 36u + dataBytes);
-  EXPECT_EQ(Le32(data, 16), 16u);
-  EXPECT_EQ(Le16(data, 20), 1u);
-  EXPECT_EQ(Le16(data, 22), channels);
-  EXPECT_EQ(Le32(data, 24), rate);
-  EXPECT_EQ(Le32(data, 28), rate * channels * bits / 8);
-  EXPECT_EQ(Le16(data, 32), channels * bits / 8);
-  EXPECT_EQ(Le16(data, 34), bits);
-  EXPECT_EQ(std::string(data.begin() + 36, data.begin() + 40), "data");
-  EXPECT_EQ(Le32(data, 40), dataBytes);
+  EXPECT_EQ(std::string(data.begin(), data.begin() + 44),
+            WaveHeader(1, uint16_t(channels), rate, uint16_t(bits), dataBytes));
 }
 
 // The read function the mixer takes, over an open sound input.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <tuple>
 
 #include "compress/velmomix.h"
 #include "convert/velmoconv.h"
@@ -88,62 +89,42 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
   }
 }
 
-TEST_F(VelmoConvRun, SeriesToPngSeriesKeepsPixels) {
-  MakeSeries(dir + "/in", 3, 24, 16, false);
-  ASSERT_EQ(RunProgram("velmoconv \"" + dir + "/in?.png*1-3\" " + dir + "/out.png"), 0);
-  // Three frames number from 0 with one digit.
+TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {
+  MakeSeries(dir + "/in", 3, 32, 16, true);
+  const std::string in = "velmoconv \"" + dir + "/in?.png*1-3\" ";
+  // Three frames number from 0 with one digit; /Z1000 keeps the alpha plane.
+  ASSERT_EQ(RunProgram(in + dir + "/out.png /z1000"), 0);
   for (int f = 0; f < 3; ++f) {
     Picture p;
     ASSERT_TRUE(ReadPicture(dir + "/out" + std::to_string(f) + ".png", &p)) << f;
-    ASSERT_EQ(p.width, 24);
+    ASSERT_EQ(p.width, 32);
     ASSERT_EQ(p.height, 16);
-    EXPECT_EQ(p.pixels[5 * 24 + 7] & 0xFFFFFF, PixelOf(f + 1, 7, 5, false) & 0xFFFFFF);
+    EXPECT_TRUE(p.has_alpha);
+    EXPECT_EQ(p.pixels[5 * 32 + 7], PixelOf(f + 1, 7, 5, true)) << f;
   }
   EXPECT_FALSE(Exists(dir + "/out3.png"));
-}
-
-TEST_F(VelmoConvRun, SeriesToAviRawAndMotionJpeg) {
-  MakeSeries(dir + "/in", 4, 32, 16, false);
-  const std::string in = "\"" + dir + "/in?.png*1-4\"";
-  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/raw"), 0);  // ".avi" added
+  // AVI: ".avi" added to a bare name; /P1 asks for motion JPEG, smaller than raw frames.
+  ASSERT_EQ(RunProgram(in + dir + "/raw"), 0);
   const std::string raw = ReadAll(dir + "/raw.avi");
-  ASSERT_GT(raw.size(), size_t(4 * 32 * 16 * 3));
+  ASSERT_GT(raw.size(), size_t(3 * 32 * 16 * 3));
   EXPECT_EQ(raw.compare(0, 4, "RIFF"), 0);
   EXPECT_EQ(raw.compare(8, 4, "AVI "), 0);
   EXPECT_NE(raw.find("00db"), std::string::npos);
-  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/mj.avi /p1"), 0);
+  ASSERT_EQ(RunProgram(in + dir + "/mj.avi /p1"), 0);
   const std::string mjpeg = ReadAll(dir + "/mj.avi");
   EXPECT_NE(mjpeg.find("MJPG"), std::string::npos);
   EXPECT_LT(mjpeg.size(), raw.size());
-}
-
-TEST_F(VelmoConvRun, SeriesToY4mFileAndPipe) {
-  MakeSeries(dir + "/in", 2, 16, 8, false);
-  const std::string in = "\"" + dir + "/in?.png*1-2\"";
-  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/a.y4m"), 0);
-  const std::string file = ReadAll(dir + "/a.y4m");
-  EXPECT_EQ(file.compare(0, 10, "YUV4MPEG2 "), 0);
-  EXPECT_NE(file.find("W16 H8"), std::string::npos);
-  EXPECT_EQ(file.size(), file.find('\n') + 1 + 2 * (6 + 16 * 8 * 3 / 2));
-  // 4:4:4 on standard output, through a pipe.
-  std::string piped;
-  ASSERT_EQ(RunProgram("velmoconv " + in + " - /p444", &piped, "cat"), 0);
-  EXPECT_EQ(piped.compare(0, 10, "YUV4MPEG2 "), 0);
-  EXPECT_NE(piped.find("C444"), std::string::npos);
-  EXPECT_EQ(piped.size(), piped.find('\n') + 1 + 2 * (6 + 16 * 8 * 3));
-}
-
-TEST_F(VelmoConvRun, AlphaKeptInPngAndDroppedForY4m) {
-  MakeSeries(dir + "/in", 2, 16, 16, true);
-  const std::string in = "\"" + dir + "/in?.png*1-2\"";
-  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/a.png /z1000"), 0);
-  Picture p;
-  ASSERT_TRUE(ReadPicture(dir + "/a0.png", &p));
-  EXPECT_TRUE(p.has_alpha);
-  EXPECT_EQ(p.pixels[3 * 16 + 5] >> 24, PixelOf(1, 5, 3, true) >> 24);
-  // y4m has no alpha: the question's default answer goes on without it.
-  EXPECT_EQ(RunProgram("velmoconv " + in + " " + dir + "/a.y4m /z1000"), 0);
-  EXPECT_TRUE(Exists(dir + "/a.y4m"));
+  // y4m has no alpha: the question's default answer goes on without it. 4:2:0 to a file,
+  // 4:4:4 on standard output through a pipe; pictures go at 15 frames a second.
+  std::string file, piped;
+  ASSERT_EQ(RunProgram(in + dir + "/a.y4m /z1000"), 0);
+  file = ReadAll(dir + "/a.y4m");
+  ASSERT_EQ(RunProgram(in + "- /p444", &piped, "cat"), 0);
+  for (const auto& [y4m, chroma, frameBytes] :
+       {std::tuple{file, "C420jpeg", 32 * 16 * 3 / 2}, {piped, "C444", 32 * 16 * 3}}) {
+    EXPECT_EQ(y4m.substr(0, y4m.find('\n')), std::string("YUV4MPEG2 W32 H16 F15:1 Ip A1:1 ") + chroma);
+    EXPECT_EQ(y4m.size(), y4m.find('\n') + 1 + 3 * (6 + frameBytes)) << chroma;
+  }
 }
 
 TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
@@ -182,35 +163,29 @@ std::vector<int16_t> Samples16(const std::string& data, size_t from) {
   return out;
 }
 
-TEST_F(VelmoConvRun, WaveCopiedToWaveAndRaw) {
+TEST_F(VelmoConvRun, WaveCopiedToWaveAndRawAndReadAsRaw) {
   const std::string wav = dir + "/tone.wav";
   std::vector<int16_t> samples(1000);
   for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 37);
   WriteWave(wav, 8000, 1, samples);
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy"), 0);
-  const std::string copy = ReadAll(dir + "/copy.wav");
-  ExpectWaveHeader(copy, 8000, 16, 1, 2000);
-  EXPECT_EQ(copy.substr(44), std::string(reinterpret_cast<const char*>(samples.data()), 2000));
+  const std::string pcm(reinterpret_cast<const char*>(samples.data()), 2000);
   ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy.raw"), 0);
-  EXPECT_EQ(ReadAll(dir + "/copy.raw"), copy.substr(44));
-  // The same file read as headerless 16-bit mono at a forced rate, past its 44 header bytes.
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/forced.wav /L3 /G11025 /M44"), 0);
-  const std::string forced = ReadAll(dir + "/forced.wav");
-  ExpectWaveHeader(forced, 11025, 16, 1, 2000);
-  EXPECT_EQ(forced.substr(44), copy.substr(44));
-  // Read as 8-bit stereo instead: each byte pair is one sample of two 8-bit channels.
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/bytes.wav /L2 /G8000 /M44 /B8"), 0);
-  const std::string bytes = ReadAll(dir + "/bytes.wav");
-  ExpectWaveHeader(bytes, 8000, 8, 2, 2000);
-  EXPECT_EQ(bytes.substr(44), copy.substr(44));
-  // A sound has no frames for an AVI.
-  EXPECT_EQ(Code(RunProgram("velmoconv " + wav + " " + dir + "/tone.avi")), Code(8002));
-  EXPECT_FALSE(Exists(dir + "/tone.avi"));
-  // A picture has no sound to copy, and /N-1 asks for none.
-  MakeSeries(dir + "/in", 1, 8, 8, false);
-  EXPECT_EQ(Code(RunProgram("velmoconv " + dir + "/in1.png " + dir + "/x.wav")), Code(8002));
-  EXPECT_EQ(Code(RunProgram("velmoconv " + wav + " " + dir + "/y.wav /N-1")), Code(8002));
-  EXPECT_FALSE(Exists(dir + "/y.wav"));
+  EXPECT_EQ(ReadAll(dir + "/copy.raw"), pcm);
+  // A copy (".wav" added); the same file read as headerless 16-bit mono at a forced rate past
+  // its 44 header bytes; read as 8-bit stereo, each byte pair one sample of two channels.
+  const struct {
+    const char *name, *switches;
+    uint32_t rate, bits, channels;
+  } outputs[] = {{"copy", "", 8000, 16, 1},
+                 {"forced", " /L3 /G11025 /M44", 11025, 16, 1},
+                 {"bytes", " /L2 /G8000 /M44 /B8", 8000, 8, 2}};
+  for (const auto& o : outputs) {
+    SCOPED_TRACE(o.name);
+    ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/" + o.name + o.switches), 0);
+    const std::string out = ReadAll(dir + "/" + o.name + ".wav");
+    ExpectWaveHeader(out, o.rate, o.bits, o.channels, 2000);
+    EXPECT_EQ(out.substr(44), pcm);
+  }
 }
 
 TEST_F(VelmoConvRun, WaveOutputsTakeFormatAndRangeSwitches) {
@@ -401,20 +376,30 @@ TEST_F(VelmoConvSound, TrackSwitchesAndSoundOnlyVideo) {
 }
 
 TEST_F(VelmoConvRun, ExitCodes) {
-  MakeSeries(dir + "/in", 2, 8, 8, false);
-  const std::string in = dir + "/in1.png";
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in)), Code(8005));                       // no output
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.avi /%3")), Code(8005));  // unknown
-  EXPECT_EQ(Code(RunProgram("velmoconv " + dir + "/missing.png " + dir + "/o.avi")), Code(8002));
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + in)), Code(8006));            // same file
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.gif")), Code(8006));  // palette output
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.xyz")), Code(8006));
-  // An existing output: the console's default answer is No, /O writes over it.
-  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/o.avi"), 0);
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/o.avi")), Code(8003));
-  EXPECT_EQ(RunProgram("velmoconv " + in + " " + dir + "/o.avi /o"), 0);
-  ASSERT_EQ(RunProgram("velmoconv " + in + " " + dir + "/s.png"), 0);
-  EXPECT_EQ(Code(RunProgram("velmoconv " + in + " " + dir + "/s.png")), Code(8003));
+  MakeSeries(dir + "/in", 1, 8, 8, false);
+  WriteWave(dir + "/tone.wav", 8000, 1, std::vector<int16_t>(100, 5));
+  const std::string png = "velmoconv " + dir + "/in1.png ", wav = "velmoconv " + dir + "/tone.wav ";
+  // An existing output: the console's default answer is No, /O writes over it. A sound has no
+  // frames for an AVI, a picture no sound for a wave file, and /N-1 asks for no sound.
+  const struct {
+    std::string command;
+    int code;
+  } runs[] = {{png, 8005},                                  // no output
+              {png + dir + "/o.avi /%3", 8005},             // unknown switch
+              {"velmoconv " + dir + "/missing.png " + dir + "/m.avi", 8002},
+              {png + dir + "/in1.png", 8006},               // the input itself
+              {png + dir + "/o.gif", 8006},                 // palette output
+              {png + dir + "/o.xyz", 8006},
+              {png + dir + "/o.avi", 0},
+              {png + dir + "/o.avi", 8003},
+              {png + dir + "/o.avi /o", 0},
+              {png + dir + "/s.png", 0},
+              {png + dir + "/s.png", 8003},
+              {wav + dir + "/tone.avi", 8002},
+              {png + dir + "/x.wav", 8002},
+              {wav + dir + "/y.wav /N-1", 8002}};
+  for (const auto& r : runs) EXPECT_EQ(Code(RunProgram(r.command)), Code(r.code)) << r.command;
+  for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav"}) EXPECT_FALSE(Exists(dir + name));
 }
 
 }  // namespace
