@@ -546,6 +546,31 @@ int RunToolSayingYes(const std::string& tail) {
   return code;
 }
 
+// A hint file named with a leading '*' is the run's own: read, then deleted when the run ends,
+// also when it ends early. Its key-frame column reaches the file's index; frame 1 is a key
+// frame whatever the hints say, and /K adds its own.
+TEST(VelmocRun, TemporaryHintFileAndKeyFrames) {
+  const ScratchDir dir;
+  const std::string out = dir / "h.vlm", hints = dir / "hints.txt";
+  const std::string temporary = " /@\"*" + hints + "\"";  // quoted: the name holds slashes
+  compress_test::WriteText(hints, "1 1 * * 0\n3 3 * * 1\n");
+  ASSERT_EQ(RunTool("clip " + out + " /v101 /k5" + temporary), ToolExitDone);
+  EXPECT_FALSE(Exists(hints));
+  Velmo1FileCheck check;
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  std::vector<uint32_t> keys;
+  for (uint32_t f = 0; f < check.Info.Header.Frames; ++f)
+    if (VelmoEntryIsKey(check.Offsets[f])) keys.push_back(f);
+  // Frame 0, the hint's frame 2 (which reloads the countdown), then every fifth after it.
+  EXPECT_EQ(keys, (std::vector<uint32_t>{0, 2, 7, 12}));
+  compress_test::WriteText(hints, "1 1 * * 0\n");
+  EXPECT_EQ(RunTool("clip " + out + " /v101" + temporary), ToolExitNoOverwrite);
+  EXPECT_FALSE(Exists(hints));
+  // A hint file that is not there ends the run before any output.
+  EXPECT_EQ(RunTool("clip " + dir / "n.vlm" + " /v101" + temporary), ToolExitInputError);
+  EXPECT_FALSE(Exists(dir / "n.vlm"));
+}
+
 TEST(VelmocRun, QuestionsAnsweredYes) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
