@@ -172,6 +172,12 @@ TEST(VelmocSwitches, ExtraTextAndHintName) {
   EXPECT_EQ(std::string(w.ExtraText).rfind("in.y4m out.vlm", 0), 0u);
   EXPECT_NE(std::strstr(w.ExtraText, "/d5000"), nullptr);
   EXPECT_EQ(std::strstr(w.ExtraText, "/*"), nullptr);
+  // At most 1019 characters are kept, and the terminator makes 1020.
+  VelmocSettings l;
+  ASSERT_TRUE(Parse(("a b /*" + std::string(1500, 'x') + " /d5000").c_str(), &l));
+  EXPECT_EQ(std::strlen(l.ExtraText), 1019u);
+  EXPECT_EQ(l.ExtraTextLength, 1020u);
+  EXPECT_EQ(l.DataRate, 5000);
 }
 
 // ---- Hint files ------------------------------------------------------------------------------
