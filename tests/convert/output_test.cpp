@@ -81,7 +81,9 @@ std::vector<uint8_t> ReadBytes(const std::string& name) {
 uint64_t Le64(const std::vector<uint8_t>& d, size_t at) {
   return Le32(d, at) | uint64_t(Le32(d, at + 4)) << 32;
 }
-uint32_t Fcc(const char* t) { return t[0] | t[1] << 8 | t[2] << 16 | uint32_t(uint8_t(t[3])) << 24; }
+uint32_t Fcc(const char* t) {
+  return t[0] | t[1] << 8 | t[2] << 16 | uint32_t(uint8_t(t[3])) << 24;
+}
 
 std::vector<uint32_t> ReadImage(const std::string& name) {
   Picture p;
@@ -198,7 +200,8 @@ TEST_F(OutputTest, ExrTakesIntegerFramesThroughTheGammaCurve) {
 // colour; a writer with alpha asked drops it.
 void ExpectNearFlat(const std::vector<uint32_t>& px, uint32_t colour) {
   for (size_t i = 0; i < px.size(); i += 37)
-    for (int c = 0; c < 24; c += 8) ASSERT_NEAR(int((px[i] >> c) & 255), int((colour >> c) & 255), 3);
+    for (int c = 0; c < 24; c += 8)
+      ASSERT_NEAR(int((px[i] >> c) & 255), int((colour >> c) & 255), 3);
 }
 
 TEST_F(OutputTest, JpegSeriesWritesFlatFramesClosely) {
@@ -325,7 +328,8 @@ ParsedAvi ParseAvi(const std::string& name) {
   a.moviAt = movi->at;
   a.movi = Chunks(a.d, movi->at + 12, movi->at + 8 + movi->size);
   for (uint64_t at = idx1->at + 8; at + 16 <= idx1->at + 8 + idx1->size; at += 16)
-    a.idx1Entries.push_back({Le32(a.d, at), Le32(a.d, at + 8), Le32(a.d, at + 12), Le32(a.d, at + 4)});
+    a.idx1Entries.push_back(
+        {Le32(a.d, at), Le32(a.d, at + 8), Le32(a.d, at + 12), Le32(a.d, at + 4)});
   return a;
 }
 
@@ -336,87 +340,83 @@ struct Field {
 void ExpectFields(const ParsedAvi& a, const Chunk* chunk, std::initializer_list<Field> fields) {
   ASSERT_NE(chunk, nullptr);
   for (const Field& f : fields)
-    EXPECT_EQ(f.bytes == 2 ? Le16(a.d, chunk->at + 8 + f.at) : Le32(a.d, chunk->at + 8 + f.at), f.want)
-        << "field at " << f.at << " of " << std::string(a.d.begin() + chunk->at, a.d.begin() + chunk->at + 4);
+    EXPECT_EQ(f.bytes == 2 ? Le16(a.d, chunk->at + 8 + f.at) : Le32(a.d, chunk->at + 8 + f.at),
+              f.want)
+        << "field at " << f.at << " of "
+        << std::string(a.d.begin() + chunk->at, a.d.begin() + chunk->at + 4);
 }
 
+// Raw frames bottom-up as BGR, rows padded to 4 bytes (odd width), or BGRA with alpha; the
+// headers, the sound ahead of the frames, and idx1.
 TEST_F(OutputTest, AviRawFramesSoundHeadersAndIndex) {
-  const int w = 5, h = 3, frames = 4;  // odd width: rows padded to 4 bytes
+  const int w = 5, h = 3, frames = 4;
   options.codec = OutputCodecRaw;
-  OutputWriter* out = Open("clip.avi", frames, w, h, 0, 30000, 1001);
-  ASSERT_NE(out, nullptr);
-  EXPECT_EQ(out->takes_sound, 1);
-  std::vector<uint8_t> sound;
-  std::vector<uint32_t> wanted;
-  for (int n = 0; n < frames; ++n) {
-    ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
-    wanted.push_back(OutputSoundWanted(out, 22050, 16, 2));
-    std::vector<uint8_t> chunk(wanted.back());
-    for (uint32_t i = 0; i < chunk.size(); ++i) chunk[i] = uint8_t(sound.size() + i);
-    ASSERT_EQ(OutputWriteSound(out, chunk.data(), wanted.back()), 1);
-    sound.insert(sound.end(), chunk.begin(), chunk.end());
-  }
-  // Lead of three quarters of a second (16540 samples), then a frame's worth, capped by the
-  // allowance of 4 frames: 88200 * 1001 * 4 / 30000 = 11771.76 -> 11768 bytes.
-  EXPECT_EQ(wanted[0], 11768u);
-  EXPECT_EQ(wanted[1], 0u);
-  const uint64_t bytes = OutputClose(out);
-
-  ParsedAvi a = ParseAvi(Path("clip.avi"));
-  ASSERT_EQ(a.riffs.size(), 1u);
-  EXPECT_EQ(bytes, a.d.size());
-  EXPECT_EQ(a.riffs[0].size + 8u, a.d.size());
-  // Microseconds a frame, frames, streams, size; the video stream's scale, rate and length;
-  // its format, 24 bits; the sound's block align, bytes a second, length, and 18-byte format.
-  ExpectFields(a, Find(a.hdrl, "avih"), {{0, 33366}, {16, frames}, {24, 2}, {32, w}, {36, h}});
-  ExpectFields(a, Find(a.videoStrl, "strh"), {{0, Fcc("vids")}, {20, 1001}, {24, 30000}, {32, frames}});
-  ExpectFields(a, Find(a.videoStrl, "strf"), {{4, w}, {8, h}, {14, 24, 2}});
-  ExpectFields(a, Find(a.soundStrl, "strh"), {{0, Fcc("auds")}, {20, 4}, {24, 88200}, {32, 11768 / 4}});
-  const Chunk* sstrf = Find(a.soundStrl, "strf");
-  ASSERT_NE(sstrf, nullptr);
-  ExpectFields(a, sstrf, {{0, 1, 2}, {2, 2, 2}, {4, 22050}, {14, 16, 2}});
-  EXPECT_EQ(sstrf->size, 18u);
-
-  // idx1: offsets from the 'movi' word point at chunks of the given id and size.
-  ASSERT_EQ(a.idx1Entries.size(), size_t(frames + 1));
-  int video = 0;
-  std::vector<uint8_t> soundBack;
-  for (const Chunk& e : a.idx1Entries) {
-    const uint64_t at = a.moviAt + 8 + e.at;
-    ASSERT_EQ(Le32(a.d, at), e.id);
-    ASSERT_EQ(Le32(a.d, at + 4), e.size);
-    if (e.id == Fcc("00db")) {
-      EXPECT_EQ(e.listType, 0x10u);
-      ASSERT_EQ(e.size, 16u * h);
-      auto frame = Frame(w, h, video++);
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-          const uint8_t* p = &a.d[at + 8 + (h - 1 - y) * 16 + x * 3];
-          const uint32_t q = frame[y * w + x];
-          ASSERT_EQ(p[0] | p[1] << 8 | p[2] << 16, int(q & 0xFFFFFF));
-        }
-    } else {
-      ASSERT_EQ(e.id, Fcc("01wb"));
-      soundBack.insert(soundBack.end(), a.d.begin() + at + 8, a.d.begin() + at + 8 + e.size);
+  for (const bool alpha : {false, true}) {
+    SCOPED_TRACE(alpha ? "with alpha" : "without alpha");
+    const uint32_t pixelBytes = alpha ? 4 : 3, rowBytes = alpha ? 4 * w : 16;
+    const std::string name = alpha ? "alpha.avi" : "clip.avi";
+    OutputWriter* out = Open(name, frames, w, h, alpha ? OutputFlagAlpha : 0u, 30000, 1001);
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(out->keep_alpha, alpha);
+    EXPECT_EQ(out->takes_sound, 1);
+    std::vector<uint8_t> sound;
+    std::vector<uint32_t> wanted;
+    for (int n = 0; n < frames; ++n) {
+      ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
+      wanted.push_back(OutputSoundWanted(out, 22050, 16, 2));
+      std::vector<uint8_t> chunk(wanted.back());
+      for (uint32_t i = 0; i < chunk.size(); ++i) chunk[i] = uint8_t(sound.size() + i);
+      ASSERT_EQ(OutputWriteSound(out, chunk.data(), wanted.back()), 1);
+      sound.insert(sound.end(), chunk.begin(), chunk.end());
     }
-  }
-  EXPECT_EQ(video, frames);
-  EXPECT_EQ(soundBack, sound);
-}
+    // Lead of three quarters of a second (16540 samples), then a frame's worth, capped by the
+    // allowance of 4 frames: 88200 * 1001 * 4 / 30000 = 11771.76 -> 11768 bytes.
+    EXPECT_EQ(wanted[0], 11768u);
+    EXPECT_EQ(wanted[1], 0u);
+    const uint64_t bytes = OutputClose(out);
 
-TEST_F(OutputTest, AviKeepsAlphaAsBgra) {
-  const std::vector<uint32_t> frame = Frame(2, 2, 0);
-  OutputWriter* out = Open("a.avi", 1, 2, 2, OutputFlagAlpha);
-  ASSERT_NE(out, nullptr);
-  EXPECT_EQ(out->keep_alpha, 1);
-  ASSERT_EQ(OutputWriteFrame(out, frame.data(), nullptr), 1);
-  OutputClose(out);
-  ParsedAvi a = ParseAvi(Path("a.avi"));
-  ExpectFields(a, Find(a.videoStrl, "strf"), {{14, 32, 2}});
-  ASSERT_EQ(a.idx1Entries.size(), 1u);
-  const uint64_t at = a.moviAt + 8 + a.idx1Entries[0].at + 8;
-  EXPECT_EQ(Le32(a.d, at), frame[2]);  // bottom row first
-  EXPECT_EQ(Le32(a.d, at + 12), frame[1]);
+    ParsedAvi a = ParseAvi(Path(name));
+    ASSERT_EQ(a.riffs.size(), 1u);
+    EXPECT_EQ(bytes, a.d.size());
+    EXPECT_EQ(a.riffs[0].size + 8u, a.d.size());
+    // Microseconds a frame, frames, streams, size; the video stream's scale, rate and length;
+    // its size and bits; the sound's block align, bytes a second, length, and 18-byte format.
+    ExpectFields(a, Find(a.hdrl, "avih"), {{0, 33366}, {16, frames}, {24, 2}, {32, w}, {36, h}});
+    ExpectFields(a, Find(a.videoStrl, "strh"),
+                 {{0, Fcc("vids")}, {20, 1001}, {24, 30000}, {32, frames}});
+    ExpectFields(a, Find(a.videoStrl, "strf"), {{4, w}, {8, h}, {14, 8 * pixelBytes, 2}});
+    ExpectFields(a, Find(a.soundStrl, "strh"),
+                 {{0, Fcc("auds")}, {20, 4}, {24, 88200}, {32, 11768 / 4}});
+    const Chunk* sstrf = Find(a.soundStrl, "strf");
+    ASSERT_NE(sstrf, nullptr);
+    ExpectFields(a, sstrf, {{0, 1, 2}, {2, 2, 2}, {4, 22050}, {14, 16, 2}});
+    EXPECT_EQ(sstrf->size, 18u);
+
+    // idx1: offsets from the 'movi' word point at chunks of the given id and size.
+    ASSERT_EQ(a.idx1Entries.size(), size_t(frames + 1));
+    int video = 0;
+    std::vector<uint8_t> soundBack;
+    for (const Chunk& e : a.idx1Entries) {
+      const uint64_t at = a.moviAt + 8 + e.at;
+      ASSERT_EQ(Le32(a.d, at), e.id);
+      ASSERT_EQ(Le32(a.d, at + 4), e.size);
+      if (e.id == Fcc("00db")) {
+        EXPECT_EQ(e.listType, 0x10u);  // a key frame
+        ASSERT_EQ(e.size, rowBytes * h);
+        const std::vector<uint32_t> frame = Frame(w, h, video++);
+        const uint32_t unused = 32 - 8 * pixelBytes;  // the byte read past a BGR pixel
+        for (int y = 0; y < h; ++y)
+          for (int x = 0; x < w; ++x)
+            ASSERT_EQ(Le32(a.d, at + 8 + (h - 1 - y) * rowBytes + x * pixelBytes) << unused,
+                      frame[y * w + x] << unused);
+      } else {
+        ASSERT_EQ(e.id, Fcc("01wb"));
+        soundBack.insert(soundBack.end(), a.d.begin() + at + 8, a.d.begin() + at + 8 + e.size);
+      }
+    }
+    EXPECT_EQ(video, frames);
+    EXPECT_EQ(soundBack, sound);
+  }
 }
 
 TEST_F(OutputTest, AviMotionJpegFramesDecode) {
@@ -439,7 +439,8 @@ TEST_F(OutputTest, AviMotionJpegFramesDecode) {
   for (int n = 0; n < 3; ++n) {
     const Chunk& e = a.idx1Entries[n];
     EXPECT_EQ(e.id, Fcc("00dc"));
-    ImageFile* f = ImageFileOpenMemoryAs(&a.d[a.moviAt + 16 + e.at], e.size, IMAGE_FORMAT_JPEG, nullptr);
+    ImageFile* f =
+        ImageFileOpenMemoryAs(&a.d[a.moviAt + 16 + e.at], e.size, IMAGE_FORMAT_JPEG, nullptr);
     ASSERT_NE(f, nullptr);
     std::vector<uint32_t> px(w * h);
     ImagePixels dest{px.data(), w * 4, w, h, IMAGE_PIXELS_ARGB32};
@@ -598,8 +599,9 @@ TEST_F(OutputTest, Y4mFramesMatchTheModel) {
     int w, h, frames, chroma;
     uint32_t rateNum, rateDen;
     const char* header;
-  } cases[] = {{"v.Y4M", 7, 5, 2, 420, 24000, 1001, "YUV4MPEG2 W7 H5 F24000:1001 Ip A1:1 C420jpeg\n"},
-               {"-", 6, 4, 3, 444, 25, 1, "YUV4MPEG2 W6 H4 F25:1 Ip A1:1 C444\n"}};
+  } cases[] = {
+      {"v.Y4M", 7, 5, 2, 420, 24000, 1001, "YUV4MPEG2 W7 H5 F24000:1001 Ip A1:1 C420jpeg\n"},
+      {"-", 6, 4, 3, 444, 25, 1, "YUV4MPEG2 W6 H4 F25:1 Ip A1:1 C444\n"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     options.y4m_chroma = c.chroma;
@@ -612,7 +614,8 @@ TEST_F(OutputTest, Y4mFramesMatchTheModel) {
     OutputWriter* out = OutputOpen(toStdout ? "-" : file.c_str(), c.frames, c.rateNum, c.rateDen,
                                    c.w, c.h, c.w, Record, 0, &options);
     int ok = out != nullptr;
-    for (int n = 0; ok && n < c.frames; ++n) ok = OutputWriteFrame(out, Frame(c.w, c.h, n).data(), nullptr);
+    for (int n = 0; ok && n < c.frames; ++n)
+      ok = OutputWriteFrame(out, Frame(c.w, c.h, n).data(), nullptr);
     const uint64_t bytes = out ? OutputClose(out) : 0;
     std::fflush(stdout);
     dup2(saved, 1);

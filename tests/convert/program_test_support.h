@@ -103,7 +103,9 @@ inline bool ReadPicture(const std::string& name, Picture* out) {
 inline std::string WaveHeader(uint16_t tag, uint16_t channels, uint32_t rate, uint16_t bits,
                               uint32_t bytes) {
   std::string h;
-  const auto put = [&h](uint32_t v, int size) { h.append(reinterpret_cast<const char*>(&v), size); };
+  const auto put = [&h](uint32_t v, int size) {
+    h.append(reinterpret_cast<const char*>(&v), size);
+  };
   h += "RIFF", put(36 + bytes, 4), h += "WAVEfmt ";
   put(16, 4), put(tag, 2), put(channels, 2), put(rate, 4), put(rate * channels * bits / 8, 4);
   put(channels * bits / 8, 2), put(bits, 2), h += "data", put(bytes, 4);

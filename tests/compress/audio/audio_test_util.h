@@ -139,4 +139,23 @@ inline double Snr(const Samples& source, const Samples& decoded) {
   return noise == 0 ? 200 : 10 * std::log10(signal / noise);
 }
 
+// Direct sums of the inverse transforms, times `scale`: the cosine sum of the current form
+// (element 0 whole), or the older form's real inverse FFT of a packed spectrum (element 1 the
+// Nyquist term), both with no 2 / L.
+template <typename Value>
+std::vector<double> DirectInverse(const std::vector<Value>& c, bool cosine, double scale = 1) {
+  const size_t length = c.size();
+  std::vector<double> x(length);
+  for (size_t t = 0; t < length; ++t) {
+    double sum = cosine ? 0 : 0.5 * (c[0] + c[1] * ((t & 1) ? -1 : 1));
+    for (size_t k = 0; cosine && k < length; ++k)
+      sum += c[k] * std::cos(Pi * (2 * t + 1) * k / (2.0 * length));
+    for (size_t k = 1; !cosine && k < length / 2; ++k)
+      sum += c[2 * k] * std::cos(2 * Pi * k * t / length) -
+             c[2 * k + 1] * std::sin(2 * Pi * k * t / length);
+    x[t] = sum * scale;
+  }
+  return x;
+}
+
 }  // namespace audio_test
