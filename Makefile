@@ -4,10 +4,11 @@
 BUILD       ?= build
 ASAN_BUILD  ?= build-asan
 FUZZ_BUILD  ?= build-fuzz
+TSAN_BUILD  ?= build-tsan
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-plain test-sanitize bench fuzz clean
+.PHONY: all deps build demo test test-plain test-sanitize test-thread bench fuzz clean
 
 all: build
 
@@ -21,7 +22,7 @@ build: deps
 demo: build
 	./scripts/demo.sh $(BUILD)
 
-test: deps test-plain test-sanitize
+test: deps test-plain test-sanitize test-thread
 
 test-plain:
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
@@ -34,6 +35,15 @@ test-sanitize:
 	CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORN_SANITIZE=ON -DORN_FUZZ=ON -DORN_FUZZ_SMOKE_SECONDS=5 -DORN_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+
+# clang with ThreadSanitizer, for the reader's threads only: the read-ahead thread, opens and
+# closes while it reads, and the sound service thread. Only those test programs are built, and
+# only their tests (label "threads") run.
+TSAN_TESTS = reader_io_thread_test reader_io_open_test reader_velmo_sound_play_test
+test-thread:
+	CC=clang CXX=clang++ cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORN_TSAN=ON -DORN_TESTS=ON -DORN_FUZZ=OFF -DORN_BENCH=OFF $(CMAKE_FLAGS)
+	ninja -C $(TSAN_BUILD) -j $(JOBS) $(TSAN_TESTS)
+	ctest --test-dir $(TSAN_BUILD) -L threads --output-on-failure -j $(JOBS)
 
 bench: build
 	./scripts/bench.sh $(BUILD)

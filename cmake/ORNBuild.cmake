@@ -7,6 +7,16 @@ if(ORN_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+# ThreadSanitizer for the threaded parts (read-ahead, sound service); it cannot share a build
+# with ASan, so it has a build of its own.
+if(ORN_TSAN)
+  if(ORN_SANITIZE OR ORN_FUZZ)
+    message(FATAL_ERROR "ORN_TSAN cannot be combined with ORN_SANITIZE or ORN_FUZZ")
+  endif()
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+endif()
+
 if(ORN_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "ORN_FUZZ needs clang (CC=clang CXX=clang++)")
@@ -28,11 +38,16 @@ function(orn_avx2_sources)
 endfunction()
 
 # orn_test(name SOURCES... LIBS libs...) - a GoogleTest program registered with CTest.
+# LABELS tags every test of the program (ctest -L picks them).
 function(orn_test name)
-  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  if(T_LABELS)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS "${T_LABELS}")
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  endif()
 endfunction()
 
 # orn_fuzzer(name SOURCE LIBS...) - a libFuzzer target; CTest runs it briefly over its seeds.

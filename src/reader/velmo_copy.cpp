@@ -12,7 +12,7 @@ void CopyBegin(void* context) {
     const uint32_t now = h->Clock();
     h->BlitStart = now == 0 || now == VelmoBlitPending ? 1 : now;
   }
-  h->InFrame = 1;
+  AtomicStore(&h->InFrame, 1);
 }
 
 // Once per frame, while sound is playing: 0 copy, 1 copy and report, 2 skip the pixels.
@@ -25,7 +25,7 @@ int CopySkipCheck(void* context, uint32_t flags) {
   return reportOnly ? 1 : 2;
 }
 
-void CopyEnd(void* context) { static_cast<VelmoState*>(context)->InFrame = 0; }
+void CopyEnd(void* context) { AtomicStore(&static_cast<VelmoState*>(context)->InFrame, 0); }
 
 const VelmoCopyHooks HandleHooks = {nullptr, CopyBegin, CopySkipCheck, CopyEnd};
 

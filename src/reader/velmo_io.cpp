@@ -167,7 +167,7 @@ const VelmoIOService VelmoFileIOService = {VelmoFileProviderOpen, VelmoIORegiste
                                            VelmoIOUnregister, VelmoIOWake};
 
 uint32_t VelmoIOFullness(const IOProvider* io) {
-  if (io->BufferSize == 0 || io->ReadError || __atomic_load_n(&io->Suspended, __ATOMIC_SEQ_CST))
+  if (io->BufferSize == 0 || AtomicRead(&io->ReadError) || AtomicRead(&io->Suspended))
     return NotReadable;
   const uint64_t room = __atomic_load_n(&io->BufferFree, __ATOMIC_SEQ_CST);
   if (room == 0) return 128;

@@ -157,9 +157,9 @@ void SimulateAfterRead(IOProvider* io, uint64_t bytes, uint32_t start) {
 // Books the ms of a read that began at `start`.
 void BookReadTime(IOProvider* io, uint32_t start, bool inCallAtStart) {
   const uint32_t ms = Now(io) - start;
-  io->IOTime += ms;
-  if (inCallAtStart || InLibraryCall(io)) io->ThreadTime += ms;
-  else io->IdleTime += ms;
+  // The walk reads (and resets) these without the provider lock.
+  AtomicAdd(&io->IOTime, int32_t(ms));
+  AtomicAdd(inCallAtStart || InLibraryCall(io) ? &io->ThreadTime : &io->IdleTime, int32_t(ms));
 }
 
 // Empties the ring; the next fetch starts at `position`.
@@ -203,7 +203,7 @@ uint32_t ReadUnit(IOProvider* io, uint64_t remaining) {
   AtomicStore(&io->Reading, 1);
   if (SeekMedium(io, io->NextFilePos)) got = ReadMedium(io, io->RingWrite + head, size);
   AtomicStore(&io->Reading, 0);
-  if (got < size) io->ReadError = 1;
+  if (got < size) AtomicStore(&io->ReadError, 1);
   SimulateAfterRead(io, got, start);
 
   if (HoldsWholeFile(io)) io->RingBase = io->NextFilePos - ringOffset;
@@ -288,7 +288,7 @@ uint64_t ReadDirect(IOProvider* io, uint64_t position, void* dest, uint64_t size
   AtomicStore(&io->Reading, 1);
   if (SeekMedium(io, position)) got = ReadMedium(io, dest, size);
   AtomicStore(&io->Reading, 0);
-  if (got < size) io->ReadError = 1;
+  if (got < size) AtomicStore(&io->ReadError, 1);
   SimulateAfterRead(io, got, start);
   io->BytesRead += got;
   io->NextFilePos = position + got;
@@ -311,7 +311,7 @@ uint64_t FileReadHeader(IOProvider* io, uint64_t position, void* dest, uint64_t 
   AtomicStore(&io->Reading, 1);
   if (SeekMedium(io, position)) got = ReadMedium(io, dest, size);
   AtomicStore(&io->Reading, 0);
-  if (got < size) io->ReadError = 1;
+  if (got < size) AtomicStore(&io->ReadError, 1);
   SimulateAfterRead(io, got, start);
   io->BytesRead += got;
   if (position == 0 && got >= 8) {
@@ -330,7 +330,7 @@ uint64_t FileReadHeader(IOProvider* io, uint64_t position, void* dest, uint64_t 
 uint64_t FileReadFrame(IOProvider* io, uint32_t frame, uint64_t position, void* dest,
                        uint64_t size) {
   (void)frame;
-  if (io->ReadError) return 0;
+  if (AtomicRead(&io->ReadError)) return 0;
   if (io->BeforeRead) io->BeforeRead(io, position, size);
   uint64_t delivered;
   if (io->BufferSize == 0) {
@@ -448,7 +448,7 @@ void VelmoSetFileCalls(const VelmoFileCalls* calls) {
 }
 
 uint32_t VelmoIOIdleStep(IOProvider* io, bool mustRead) {
-  if (io->ReadError || io->BufferSize == 0) return 0;
+  if (AtomicRead(&io->ReadError) || io->BufferSize == 0) return 0;
   if (!mustRead && __atomic_load_n(&io->Suspended, __ATOMIC_SEQ_CST)) return 0;
   if (mustRead) Lock(io);
   else if (!TryLock(io)) return VELMO_IO_BUSY;

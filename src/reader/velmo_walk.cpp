@@ -56,12 +56,14 @@ bool PacketHeld(const VelmoState* h) {
   const IOProvider& io = h->IOProvider;
   if (io.BufferSize == 0) return false;
   const uint64_t used = AtomicRead64(&io.BufferUsed);
-  return h->FramePosition >= io.LogicalPos &&
-         h->FramePosition + h->FrameSize <= io.LogicalPos + used;
+  const uint64_t logical = AtomicRead64(&io.LogicalPos);
+  return h->FramePosition >= logical && h->FramePosition + h->FrameSize <= logical + used;
 }
 
 void CheckProviderError(VelmoState* h) {
-  if (h->IOProvider.ReadError && !h->ReadError) h->ReadError = h->IOProvider.ReadError;
+  // The reader thread sets the provider's flag while it reads ahead.
+  const uint32_t failed = AtomicRead(&h->IOProvider.ReadError);
+  if (failed && !h->ReadError) h->ReadError = failed;
 }
 
 // Both shares' flags of a first-generation frame: what to leave out for this share.
@@ -268,8 +270,8 @@ uint32_t VelmoStartFrame(HVELMO handle, uint32_t now) {
       h->SliceScratch[size_t(s) * h->SliceScratchWords] = 0;
   h->DecodeResultShadow = 0;
   h->VideoDecoded = 0;
-  h->InFrame = 1;
-  h->IOProvider.InCall = 1;
+  AtomicStore(&h->InFrame, 1);
+  AtomicStore(&h->IOProvider.InCall, 1);
   return 1;
 }
 
@@ -338,9 +340,9 @@ void VelmoEndFrame(HVELMO handle, uint32_t now) {
   h->Ring[VelmoRingVideo][pos] = h->VideoTime;
   h->Ring[VelmoRingSound][pos] = h->SoundTime;
   h->Ring[VelmoRingBlit][pos] = h->BlitTime;
-  h->Ring[VelmoRingIO][pos] = io.IOTime;
-  h->Ring[VelmoRingIdleIO][pos] = io.IdleTime;
-  h->Ring[VelmoRingThreadIO][pos] = io.ThreadTime;
+  h->Ring[VelmoRingIO][pos] = AtomicRead(&io.IOTime);
+  h->Ring[VelmoRingIdleIO][pos] = AtomicRead(&io.IdleTime);
+  h->Ring[VelmoRingThreadIO][pos] = AtomicRead(&io.ThreadTime);
 
   if (h->ClockStartTime == 0) {
     // The first frame: a made-up previous time one frame earlier.
@@ -350,8 +352,8 @@ void VelmoEndFrame(HVELMO handle, uint32_t now) {
           now - uint32_t(uint64_t(h->FileRateDiv) * 1000 / h->FileRate);
     }
     h->ClockStartTime = Stamp(now);
-    h->IOProvider.IdleTime = 0;
-    h->IOProvider.ThreadTime = 0;
+    AtomicStore(&h->IOProvider.IdleTime, 0);
+    AtomicStore(&h->IOProvider.ThreadTime, 0);
   } else {
     VelmoFeedPolledSound(h);
   }
@@ -364,8 +366,8 @@ void VelmoEndFrame(HVELMO handle, uint32_t now) {
   h->LastFrameNum = h->FrameNum;
   h->LastFrameTime = Stamp(now);
   h->LastDecodeResult = h->DecodeResultShadow;
-  h->InFrame = 0;
-  h->IOProvider.InCall = 0;
+  AtomicStore(&h->InFrame, 0);
+  AtomicStore(&h->IOProvider.InCall, 0);
 }
 
 void VelmoNextFrame(HVELMO handle) {
@@ -382,11 +384,11 @@ void VelmoNextFrame(HVELMO handle) {
       VelmoSoundRestart(h);
     }
   }
-  h->InFrame = 1;
+  AtomicStore(&h->InFrame, 1);
   VelmoFeedPolledSound(h);
   VelmoEndBlitTiming(h, Now(h));
   VelmoSelectFrame(h, h->FrameNum >= h->Frames ? 1 : h->FrameNum + 1);
-  h->InFrame = 0;
+  AtomicStore(&h->InFrame, 0);
 }
 
 uint32_t VelmoGetKeyFrame(HVELMO handle, uint32_t frame, uint32_t flags) {
@@ -507,8 +509,9 @@ void VelmoSetVideoOn(HVELMO handle, uint32_t on) {
 
 void VelmoSetFileLoop(HVELMO handle, uint32_t on) {
   if (!handle) return;
-  if (on) handle->OpenFlags |= VelmoOpenFileLoop;
-  else handle->OpenFlags &= ~uint32_t(VelmoOpenFileLoop);
+  // The reader thread looks at the loop flag while it reads ahead.
+  if (on) __atomic_fetch_or(&handle->OpenFlags, uint32_t(VelmoOpenFileLoop), __ATOMIC_SEQ_CST);
+  else __atomic_fetch_and(&handle->OpenFlags, ~uint32_t(VelmoOpenFileLoop), __ATOMIC_SEQ_CST);
 }
 
 void VelmoGetSummary(HVELMO handle, VelmoSummary* out) {
@@ -516,11 +519,13 @@ void VelmoGetSummary(HVELMO handle, VelmoSummary* out) {
   VelmoState* h = VelmoStateOf(handle);
   const IOProvider& io = h->IOProvider;
   std::memset(out, 0, sizeof *out);
-  const uint64_t ms = io.IOTime;
-  out->ReadSpeed = ms >= 1000 ? io.BytesRead * 1000 / ms : io.BytesRead * (1000 / (ms + 1));
+  // The reader thread updates the provider's figures while this runs: each is read whole.
+  const uint64_t ms = AtomicRead(&io.IOTime);
+  const uint64_t bytesRead = AtomicRead64(&io.BytesRead);
+  out->ReadSpeed = ms >= 1000 ? bytesRead * 1000 / ms : bytesRead * (1000 / (ms + 1));
   out->TotalMemory = h->TotalMemory;
   out->ReadBufferSize = io.BufferSize;
-  out->HighestBufferUsed = io.HighWater;
+  out->HighestBufferUsed = AtomicRead64(&io.HighWater);
   out->HighestSecondBytes = h->HighestSecondBytes;
   out->Width = h->Width;
   out->Height = h->Height;
@@ -535,11 +540,11 @@ void VelmoGetSummary(HVELMO handle, VelmoSummary* out) {
   out->SkippedFrames = h->SkippedFrames;
   out->SoundSkips = h->SoundSkips;
   out->BlitTime = h->BlitTime;
-  out->ReadTime = io.IOTime;
+  out->ReadTime = uint32_t(ms);
   out->VideoTime = h->VideoTime;
   out->SoundTime = h->SoundTime;
-  out->IdleReadTime = io.IdleTime;
-  out->ThreadReadTime = io.ThreadTime;
+  out->IdleReadTime = AtomicRead(&io.IdleTime);
+  out->ThreadReadTime = AtomicRead(&io.ThreadTime);
   out->Slowest = h->Slowest;
   out->SecondSlowest = h->SecondSlowest;
   out->SlowestFrame = h->SlowestFrame;
