@@ -1,10 +1,15 @@
 /* The public header compiled as C, linked against libvelmo.so: a tiny first-generation file is
- * built by hand, opened from memory, and walked by reading the handle's public fields. */
+ * built by hand, opened from memory and from disk, and walked by reading the handle's public
+ * fields. The same program is built again from an installed copy with pkg-config alone. */
+#define _POSIX_C_SOURCE 200809L
 #include "velmo.h"
 
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
 static int failures = 0;
 
@@ -42,6 +47,37 @@ static size_t build_file(unsigned char* file) {
   for (i = 0; i <= frames; ++i) put32(file + 44 + 4 * i, (first + i * frameBytes) | (i == 0));
   for (i = 0; i < frames * frameBytes; ++i) file[first + i] = (unsigned char)i;
   return end;
+}
+
+/* The file written to disk, opened by path through the default provider and its reader
+ * thread, walked round twice; every packet is checked against the bytes written. */
+static void walk_from_disk(const unsigned char* file, size_t size) {
+  char path[] = "/tmp/velmo_h_c_XXXXXX";
+  const int fd = mkstemp(path);
+  const struct timespec ms = {0, 1000000};
+  HVELMO h;
+  int i;
+  CHECK(fd >= 0);
+  if (fd < 0) return;
+  CHECK(write(fd, file, size) == (ssize_t)size);
+  close(fd);
+  h = VelmoOpen(path, VelmoOpenNoBuffers);
+  CHECK(h != NULL);
+  if (h) {
+    CHECK(h->Frames == 3 && h->FrameNum == 1);
+    for (i = 0; i < 6; ++i) {
+      const uint32_t frame = h->FrameNum;
+      CHECK(frame == (uint32_t)(i % 3 + 1));
+      while (VelmoWait(h)) nanosleep(&ms, NULL); /* until the packet is in and the frame is due */
+      CHECK(VelmoDoFrame(h) == 1);
+      CHECK(h->ReadError == 0);
+      CHECK(h->FrameSize == 8 && h->FrameData[0] == (unsigned char)((frame - 1) * 8) &&
+            h->FrameData[7] == (unsigned char)((frame - 1) * 8 + 7));
+      VelmoNextFrame(h);
+    }
+    VelmoClose(h);
+  }
+  remove(path);
 }
 
 int main(void) {
@@ -82,6 +118,9 @@ int main(void) {
   file[0] = 'X';
   CHECK(VelmoOpenWithOptions((const char*)file, &options, VelmoOpenImage) == NULL);
   CHECK(strcmp(VelmoGetError(), "Not a Velmo file.") == 0);
+
+  file[0] = 'V';
+  walk_from_disk(file, size);
 
   if (failures == 0) printf("velmo.h from C: all checks passed\n");
   return failures ? 1 : 0;
