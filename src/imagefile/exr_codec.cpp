@@ -5,6 +5,8 @@
 #include "imagefile/imagefile_internal.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include <tinyexr.h>
 
@@ -25,6 +27,36 @@ int FailExr(ImageError* error, int code, const char* what, const char* message) 
   return 0;
 }
 
+// The value of a single-part header's "type" attribute, found by walking the attribute list
+// (name, type name, 32-bit size, data) within the file's bytes; empty when there is none or the
+// list runs out. TinyEXR aborts the process on a type it does not expect, so the value is checked
+// here before the library sees the header.
+std::string HeaderTypeAttribute(const std::vector<uint8_t>& data) {
+  size_t at = 8;  // past the magic number and the version field
+  const auto text = [&](std::string* out) {
+    const auto* begin = data.data() + at;
+    const auto* end = static_cast<const uint8_t*>(std::memchr(begin, 0, data.size() - at));
+    if (!end) return false;
+    out->assign(reinterpret_cast<const char*>(begin), size_t(end - begin));
+    at += out->size() + 1;
+    return true;
+  };
+  std::string name, type;
+  while (at < data.size() && text(&name) && !name.empty()) {
+    if (!text(&type) || data.size() - at < 4) break;
+    const uint32_t size = uint32_t(data[at]) | uint32_t(data[at + 1]) << 8 | uint32_t(data[at + 2]) << 16 |
+                          uint32_t(data[at + 3]) << 24;
+    at += 4;
+    if (size > data.size() - at) break;
+    if (name == "type") {
+      const auto* value = reinterpret_cast<const char*>(data.data() + at);
+      return std::string(value, strnlen(value, size));
+    }
+    at += size;
+  }
+  return {};
+}
+
 // Reads and checks the version and header; shared by open and read.
 int ParseHeader(const std::vector<uint8_t>& data, ExrHeaderGuard* guard, ImageError* error) {
   EXRVersion version;
@@ -33,10 +65,20 @@ int ParseHeader(const std::vector<uint8_t>& data, ExrHeaderGuard* guard, ImageEr
   if (version.multipart || version.non_image)
     return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: multi-part and deep files are not read");
   if (version.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
+  const std::string type = HeaderTypeAttribute(data);
+  if (!type.empty() && type != "scanlineimage")
+    return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: \"%s\" parts are not read", type.c_str());
   const char* message = nullptr;
   if (ParseEXRHeaderFromMemory(&guard->header, &version, data.data(), data.size(), &message) != TINYEXR_SUCCESS)
     return FailExr(error, IMAGE_ERROR_CORRUPT, "bad header", message);
   if (guard->header.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
+  // The library stores any channel type number it finds, and aborts when it meets one it has
+  // no decoder for.
+  for (int c = 0; c < guard->header.num_channels; ++c) {
+    const int type = guard->header.pixel_types[c];
+    if (type != TINYEXR_PIXELTYPE_UINT && type != TINYEXR_PIXELTYPE_HALF && type != TINYEXR_PIXELTYPE_FLOAT)
+      return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: channel %d has an unknown sample type %d", c, type);
+  }
   return 1;
 }
 

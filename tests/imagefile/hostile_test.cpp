@@ -2,6 +2,7 @@
 // and the type probe.
 #include "test_support.h"
 
+#include <cstring>
 #include <random>
 
 using namespace imagefile_test;
@@ -139,6 +140,34 @@ TEST(Hostile, GiantHeadersAreRefusedBeforeAllocating) {
   jpeg.u8(0xFF).u8(0xD8).u8(0xFF).u8(0xC0).u8(0).u8(11).u8(8).u8(0xFD).u8(0xE8).u8(0xFD).u8(0xE8).u8(1);
   jpeg.u8(1).u8(0x11).u8(0).u8(0xFF).u8(0xD9);
   EXPECT_EQ(ImageFileOpenMemory(jpeg.v.data(), jpeg.v.size(), nullptr, &error), nullptr);
+}
+
+// OpenEXR headers that the library would abort on: a part type it does not expect, and a channel
+// whose sample type has no decoder. Both are refused with a reason instead.
+TEST(Hostile, ExrHeadersTheLibraryWouldAbortOnAreRefused) {
+  Picture picture = Pattern(9, 7, false);
+  const std::vector<uint8_t> good = Write({IMAGE_FORMAT_EXR, 1, 0, 1}, picture);
+  ASSERT_GT(good.size(), 8u);
+  for (const char* type : {"tiledimage", "deeptile", "mystery"}) {
+    Bytes typed;
+    typed.raw({good.begin(), good.begin() + 8}).str("type").u8(0).str("string").u8(0);
+    typed.u32(uint32_t(std::strlen(type))).str(type).raw({good.begin() + 8, good.end()});
+    ImageError error{};
+    EXPECT_EQ(ImageFileOpenMemory(typed.v.data(), typed.v.size(), "x.exr", &error), nullptr) << type;
+    EXPECT_EQ(error.code, IMAGE_ERROR_UNSUPPORTED) << type << ": " << error.text;
+    EXPECT_NE(std::strstr(error.text, type), nullptr) << error.text;
+  }
+  // The first channel record follows "chlist" and its size: a name, then the sample type.
+  std::vector<uint8_t> bad = good;
+  const std::string text(bad.begin(), bad.end());
+  const size_t list = text.find(std::string("chlist\0", 7));
+  ASSERT_NE(list, std::string::npos);
+  const size_t sampleType = text.find('\0', list + 7 + 4) + 1;
+  ASSERT_LT(sampleType + 4, bad.size());
+  bad[sampleType] = 7;
+  ImageError error{};
+  EXPECT_EQ(ImageFileOpenMemory(bad.data(), bad.size(), "x.exr", &error), nullptr);
+  EXPECT_EQ(error.code, IMAGE_ERROR_CORRUPT) << error.text;
 }
 
 TEST(Probe, SignaturesWinOverExtensions) {
