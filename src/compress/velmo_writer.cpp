@@ -219,11 +219,12 @@ uint32_t WriteFrame(VelmoWriter* w, const VelmoEncodeResult& result, bool key) {
   w->FrameIndex[n + 1] = VelmoMakeFrameEntry(end, false);
   if (w->File->WriteError) w->Failed = 1;
   w->FileSize = end;
-  LeaveWrites(w);
+  // The counts a checkpoint reads change only while the checkpoint is kept out.
   const uint32_t bytes = uint32_t(end - start);
   w->LargestFrame = std::max(w->LargestFrame, bytes);
   w->FrameErrors[n] = result.Errors[0] + result.Errors[1] + result.Errors[2] + result.Errors[3];
   w->FramesWritten = n + 1;
+  LeaveWrites(w);
   return n == 0 ? uint32_t(end - video) : bytes;
 }
 
@@ -243,8 +244,7 @@ void MaybeCheckpoint(VelmoWriter* w) {
   const bool bytesDue = w->FileSize >= w->NextCheckpointBytes;
   const bool timeDue = int32_t(TimerMs() - w->NextCheckpointTime) >= 0;
   if (!bytesDue && !timeDue) return;
-  if (!VelmoWriterCheckpoint(w)) return;  // the gate was busy: the next frame tries again
-  FileFlush(w->File, true);
+  if (!VelmoWriterFlush(w) && !w->Failed) return;  // the gate was busy: the next frame tries again
   w->NextCheckpointBytes = w->FileSize + w->CheckpointBytes;
   w->NextCheckpointTime = TimerMs() + w->CheckpointMs;
 }
@@ -477,7 +477,12 @@ void VelmoWriterPump(VelmoWriter* w, bool drainAll) {
   w->QueuedFrames -= handled;
 }
 
-bool VelmoWriterCheckpoint(VelmoWriter* w) {
+namespace {
+
+// Rewrites header, tables and index for the frames written so far, and with `toDisk` writes
+// the buffer out and has the system put the file on the disk, all while the gate is held: the
+// preview thread's flush must not write the buffer out while the work thread fills it.
+bool CheckpointHeld(VelmoWriter* w, bool toDisk) {
   if (!w || !w->File) return false;
   if (!TakeCheckpointGate(w)) return false;
   const uint64_t position = FileTell(w->File);
@@ -499,15 +504,17 @@ bool VelmoWriterCheckpoint(VelmoWriter* w) {
     FileWrite(w->File, p->Bytes.data(), p->Bytes.size());
   }
   FileSeek(w->File, position);
+  if (toDisk && !FileFlush(w->File, true)) ok = false;
   if (w->File->WriteError) w->Failed = 1;
   DropCheckpointGate(w);
   return ok;
 }
 
-bool VelmoWriterFlush(VelmoWriter* w) {
-  if (!VelmoWriterCheckpoint(w)) return false;
-  return FileFlush(w->File, true);
-}
+}  // namespace
+
+bool VelmoWriterCheckpoint(VelmoWriter* w) { return CheckpointHeld(w, false); }
+
+bool VelmoWriterFlush(VelmoWriter* w) { return CheckpointHeld(w, true); }
 
 uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
   if (!w) return 0;
@@ -516,7 +523,9 @@ uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
     if (w->QueuedFrames) VelmoWriterPump(w, true);
     // The checkpoint may only fail at its gate, which nobody else holds now; try until it takes.
     while (!VelmoWriterCheckpoint(w)) ThreadSleep(1);
+    EnterWrites(w);
     if (!FileFlush(w->File, true) || w->File->WriteError) w->Failed = 1;
+    LeaveWrites(w);
   }
   EndTracks(w);
   EnterWrites(w);

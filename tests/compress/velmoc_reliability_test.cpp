@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "compress/velmo1_file_check.h"
@@ -200,6 +201,45 @@ TEST(VelmoReliability, KilledFromOutsideMidRunThenRunAgain) {
   ASSERT_GT(VelmoWriterClose(w, false), 0u);
   EXPECT_FALSE(Exists(tmp));
   EXPECT_EQ(HeaderFrames(out), 3u);
+}
+
+// The dialog's View button checkpoints and flushes from its own thread while the run writes
+// frames: each time, the temporary file plays up to its count, and the finished file is the
+// same as a run without it.
+TEST(VelmoReliability, PreviewFlushesWhileTheRunWrites) {
+  const ScratchDir dir;
+  const uint32_t frames = 24;
+  const std::string whole = dir / "whole.vlm", out = dir / "seen.vlm";
+  VelmoWriter* w = OpenEager(whole, frames);
+  ASSERT_NE(w, nullptr);
+  w->CheckpointBytes = 2000000;  // the run's own checkpoints as usual
+  Feed(w, 0, frames);
+  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  Velmo1FileCheck reference;
+  ASSERT_EQ(Velmo1CheckOpen(whole.c_str(), &reference), nullptr);
+
+  w = OpenEager(out, frames);
+  ASSERT_NE(w, nullptr);
+  w->CheckpointBytes = 2000000;
+  volatile uint32_t done = 0;
+  uint32_t flushes = 0, checked = 0;
+  std::thread preview([&] {
+    while (!AtomicRead(&done)) {
+      if (VelmoWriterFlush(w)) {
+        flushes++;
+        uint32_t claimed = 0;
+        ExpectPlaysUpToItsCount(out + ".tmp", reference, &claimed, "preview");
+        if (claimed) checked++;
+      }
+      ThreadSleep(1);
+    }
+  });
+  Feed(w, 0, frames);
+  AtomicStore(&done, 1);
+  preview.join();
+  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  EXPECT_GT(flushes, 0u);
+  EXPECT_TRUE(ReadAll(out) == ReadAll(whole));
 }
 
 // ---- Whole runs through the tool shell -----------------------------------------------------------
