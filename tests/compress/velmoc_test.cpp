@@ -594,6 +594,77 @@ TEST(VelmocRun, QuestionsAnsweredYes) {
   EXPECT_EQ(check.Info.Header.Magic, VelmoMagicVLMi);
 }
 
+// The dialog's cancel: the user presses Cancel once frame 4 has been read, says Yes to "Cancel
+// the compression?" and Yes or No to keeping the frames. The clip holds frame 4 back until
+// the answer is in, so the run cannot end first.
+struct CancelScript {
+  int Keep = ToolButtonYes;
+  volatile uint32_t FramesRead = 0, Sent = 0, Answered = 0;
+  std::vector<std::string> Asked;
+} g_script;
+
+void CancelStep(ToolDialog* d, int) {
+  if (ToolBox* box = ToolDialogTopBox(d)) {
+    const std::string text = box->text;
+    g_script.Asked.push_back(text);
+    box->answer = text.rfind("Keep the frames", 0) == 0 ? g_script.Keep : ToolButtonYes;
+    box->answered = true;
+    if (text.rfind("Keep the frames", 0) == 0) AtomicStore(&g_script.Answered, 1);
+  }
+  if (!g_script.Sent && AtomicRead(&g_script.FramesRead) >= 4) {
+    g_script.Sent = 1;
+    ToolDialogUserCommand(d, ToolIdCancel);
+  }
+  ToolConsoleFrontEnd()->step(d, 2);
+}
+
+bool HeldClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int32_t* pitch) {
+  AtomicAdd(&g_script.FramesRead, 1);
+  for (uint32_t start = TimerMs(); index >= 4 && !AtomicRead(&g_script.Answered) &&
+                                   TimerMs() - start < 10000;)
+    ThreadSleep(1);
+  return ClipFrame(s, index, pixels, pitch);
+}
+const VelmocSourceOps HeldClipOps{ClipOpen, ClipInfo, HeldClipFrame, ClipClose, nullptr, nullptr};
+
+TEST(VelmocRun, CancelKeepsOrDiscardsTheFrames) {
+  const ScratchDir dir;
+  static ToolFrontEnd canceller = *ToolConsoleFrontEnd();
+  canceller.name = "canceller";
+  canceller.step = CancelStep;
+  for (const int keep : {ToolButtonYes, ToolButtonNo}) {
+    SCOPED_TRACE(keep == ToolButtonYes ? "keep" : "discard");
+    const std::string out = dir / (keep == ToolButtonYes ? "kept.vlm" : "dropped.vlm");
+    g_script.Keep = keep;
+    g_script.FramesRead = 0;
+    g_script.Sent = 0;
+    g_script.Answered = 0;
+    g_script.Asked.clear();
+    VelmocRegisterDialog();
+    ToolFrameSetFrontEnd(&canceller);
+    VelmocSetSource(&HeldClipOps);
+    const std::string tail = "clip " + out + " /v101 /p2";
+    const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
+    VelmocSetSource(nullptr);
+    ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+    EXPECT_EQ(code, ToolExitCancelled);
+    ASSERT_GE(g_script.Asked.size(), 2u);
+    EXPECT_EQ(g_script.Asked[0], "Cancel the compression?");
+    EXPECT_EQ(g_script.Asked[1], "Keep the frames that you've compressed so far?");
+    EXPECT_FALSE(Exists(out + ".tmp"));
+    if (keep == ToolButtonNo) {
+      EXPECT_FALSE(Exists(out));
+      continue;
+    }
+    Velmo1FileCheck check;
+    ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+    EXPECT_GE(check.Info.Header.Frames, 1u);
+    EXPECT_LE(check.Info.Header.Frames, 5u);
+    EXPECT_EQ(check.Info.Header.IndexFrames, 16u);
+    EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), check.Info.Header.Frames);
+  }
+}
+
 TEST(VelmocRun, ExitCodes) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
