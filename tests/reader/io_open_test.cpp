@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -269,6 +270,47 @@ TEST_F(ReadAheadOpenTest, ASimulatedSlowMediumTakesItsTime) {
   EXPECT_GE(uint64_t(io.IOTime) + 5, owedAll);
   EXPECT_GE(uint64_t(end - beforeOpen) + 5, owedAll);
   EXPECT_GE(int64_t(end - start) + 5, owedWalk - creditFromOpen);
+  VelmoClose(h);
+}
+
+// A clock that moves on by itself, a second at every reading: the simulated medium's waits then
+// take no real time, and every wait it owes shows on the library's clock.
+std::atomic<uint32_t> SteppingNow{1000};
+uint32_t SteppingClock() { return SteppingNow.fetch_add(1000); }
+
+TEST_F(ReadAheadOpenTest, AThousandBytesASecondStarveTheRing) {
+  VelmoSetClockForTest(SteppingClock);
+  // About 630 KB of frames at 30 a second (too much for the ring to take all), some 1 MB a
+  // second wanted and 1000 bytes given. On the caller's thread, so that each read falls between
+  // the same two frames every run.
+  const std::vector<uint8_t> file = BigFile(18);
+  const std::string path = Write(file);
+  VelmoSetSimulate(1000);
+  VelmoSetIOSize(0x40000);
+  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoFill | VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  const IOProvider& io = h->IOProvider;
+  EXPECT_EQ(io.BufferUsed, 0u);
+  // Every frame is late, so the waits never read ahead: each packet is read when it is wanted,
+  // and the ring runs dry at every unit. The walk still gets every packet right, round the loop.
+  EXPECT_LT(io.BufferSize, file.size());
+  for (uint32_t n = 0; n < 21; ++n) {
+    ASSERT_EQ(h->FrameNum, n % 18 + 1);
+    EXPECT_EQ(VelmoWait(h), 0u);
+    ASSERT_TRUE(PacketMatches(h, file)) << "frame " << h->FrameNum;
+    EXPECT_LE(io.BufferUsed, VelmoIOUnit);  // never a unit ahead
+    VelmoNextFrame(h);
+  }
+  EXPECT_EQ(h->ReadError, 0u);
+  VelmoSummary sum;
+  VelmoGetSummary(h, &sum);
+  EXPECT_EQ(sum.SkippedFrames, 0u);  // no sound: late frames are shown, not skipped
+  // Every byte cost at least its ms of the simulated medium, on the library's clock; a frame
+  // that waited for a whole unit shows it in the longest gap between frames.
+  EXPECT_GE(io.BytesRead, file.size());
+  EXPECT_GE(uint64_t(sum.ReadTime), io.BytesRead);
+  EXPECT_LE(sum.ReadSpeed, 1000u);
+  EXPECT_GE(sum.Slowest, VelmoIOUnit - 0x1000);
   VelmoClose(h);
 }
 
