@@ -665,6 +665,70 @@ TEST(VelmocRun, CancelKeepsOrDiscardsTheFrames) {
   }
 }
 
+// The 500 ms progress tick while the run waits at frame 6: the status, the dialog's title, the
+// projected size and rate, as the front end sees them.
+struct TickWatch {
+  std::string Status, Caption, Projected, Rate;
+  volatile uint32_t Seen = 0;
+} g_tick;
+
+void WatchStep(ToolDialog* d, int) {
+  for (int i = 0; i < ToolDialogControlCount(d); ++i) {
+    const ToolControlView c = ToolDialogControl(d, i);
+    if (c.id == ToolIdStatus && std::string(c.text).rfind("Processing", 0) == 0 && !g_tick.Seen) {
+      g_tick.Status = c.text;
+      g_tick.Caption = ToolDialogCaption(d);
+      for (int j = 0; j < ToolDialogControlCount(d); ++j) {
+        const ToolControlView k = ToolDialogControl(d, j);
+        if (k.id == VelmocIdProjected) g_tick.Projected = k.text;
+        if (k.id == VelmocIdRate) g_tick.Rate = k.text;
+      }
+      AtomicStore(&g_tick.Seen, 1);
+    }
+  }
+  ToolConsoleFrontEnd()->step(d, 2);
+}
+
+bool WatchedClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int32_t* pitch) {
+  for (uint32_t start = TimerMs(); index >= 6 && !AtomicRead(&g_tick.Seen) && TimerMs() - start < 5000;)
+    ThreadSleep(1);
+  return ClipFrame(s, index, pixels, pitch);
+}
+const VelmocSourceOps WatchedClipOps{ClipOpen, ClipInfo, WatchedClipFrame, ClipClose, nullptr, nullptr};
+
+TEST(VelmocRun, ProgressTickTexts) {
+  const ScratchDir dir;
+  static ToolFrontEnd watcher = *ToolConsoleFrontEnd();
+  watcher.name = "watcher";
+  watcher.step = WatchStep;
+  g_tick = {};
+  VelmocRegisterDialog();
+  ToolFrameSetFrontEnd(&watcher);
+  VelmocSetSource(&WatchedClipOps);
+  const std::string tail = "clip " + dir / "t.vlm" + " /v101 /p2 /s2";  // one frame skipped
+  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
+  VelmocSetSource(nullptr);
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  EXPECT_EQ(code, ToolExitDone);
+  ASSERT_TRUE(g_tick.Seen);
+  unsigned done = 0, all = 0, percent = 0;
+  ASSERT_EQ(std::sscanf(g_tick.Status.c_str(), "Processing %u of %u (%u%%)...", &done, &all, &percent), 3)
+      << g_tick.Status;
+  EXPECT_EQ(all, 16u);  // the 15 frames of the run and the one skipped before it
+  EXPECT_GE(done, 2u);
+  EXPECT_LE(done, 6u);
+  EXPECT_EQ(percent, (done - 1) * 100 / 15);
+  EXPECT_EQ(g_tick.Caption, std::to_string(percent) + "% - Velmo Video Compressor");
+  unsigned long long projected = 0, rate = 0;
+  unsigned whole = 0, tenth = 0;
+  ASSERT_EQ(std::sscanf(g_tick.Projected.c_str(), "Projecting: %llu bytes (%u.%u to 1)", &projected,
+                        &whole, &tenth), 3)
+      << g_tick.Projected;
+  ASSERT_EQ(std::sscanf(g_tick.Rate.c_str(), "%llu bytes per second", &rate), 1) << g_tick.Rate;
+  EXPECT_EQ(rate, projected * 30 / 15);
+  EXPECT_EQ((80ull * 56 * 3 * 15 * 10) / projected, whole * 10 + tenth);
+}
+
 TEST(VelmocRun, ExitCodes) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
