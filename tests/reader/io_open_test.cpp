@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -294,13 +295,16 @@ TEST_F(ReadAheadOpenTest, AThousandBytesASecondStarveTheRing) {
   // Every frame is late, so the waits never read ahead: each packet is read when it is wanted,
   // and the ring runs dry at every unit. The walk still gets every packet right, round the loop.
   EXPECT_LT(io.BufferSize, file.size());
+  uint64_t lowest = ~uint64_t(0);
   for (uint32_t n = 0; n < 21; ++n) {
     ASSERT_EQ(h->FrameNum, n % 18 + 1);
     EXPECT_EQ(VelmoWait(h), 0u);
     ASSERT_TRUE(PacketMatches(h, file)) << "frame " << h->FrameNum;
     EXPECT_LE(io.BufferUsed, VelmoIOUnit);  // never a unit ahead
+    lowest = std::min(lowest, AtomicRead64(&io.BufferUsed));
     VelmoNextFrame(h);
   }
+  EXPECT_EQ(lowest, 0u);  // the ring ran dry: a frame took all it held
   EXPECT_EQ(h->ReadError, 0u);
   VelmoSummary sum;
   VelmoGetSummary(h, &sum);
