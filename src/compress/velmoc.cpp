@@ -728,7 +728,7 @@ int VelmocMain(char* commandTail, ToolDialog*) {
                 (unsigned long long)(ratio10 / 10), (unsigned long long)(ratio10 % 10));
   ToolFrameSetText(VelmocIdProjected, text);
   ToolFrameSetProgress(ToolIdProgress, int(r.info.Frames >> g_progressShift));
-  SetStatus("Done!");
+  // The status line keeps the count of frames: "Done!" stands where the time left stood.
   return ToolExitDone;
 }
 

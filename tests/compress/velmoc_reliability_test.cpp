@@ -303,6 +303,8 @@ TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
   const std::string big = " /d600000 /m1.2 /e8", small = " /d20000 /e3";
   ASSERT_EQ(RunTool("clip " + old + " /v101" + small, &told), ToolExitDone) << told;
   const std::vector<uint8_t> good = ReadAll(old);
+  EXPECT_NE(told.find("3 total frames compressed."), std::string::npos) << told;
+  EXPECT_NE(told.find("Final: " + std::to_string(good.size()) + " bytes ("), std::string::npos);
   ASSERT_GT(good.size(), 1000u);
   // Each case runs on a fresh name, or with /O over the good file, or both.
   struct Case {
