@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -179,6 +182,224 @@ TEST(Velmo1Plane, IntraWithAcMatchesTheFloatTransform) {
         const int diff = std::abs(((got - want + 128) & 255) - 128);  // the result wraps
         ASSERT_LE(diff, 2) << round << " " << x << "," << y;
       }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Every block kind from a stream written here bit by bit after the layout, not through the
+// encoder's stream writer, so that a misreading shared by both sides shows up. One "VLMi"
+// plane: all 23 descriptions are table 0 (4-bit codes, identity map), every count field is 10
+// bits wide at these widths except that of SubBlockTypes on an 8 wide plane (9 bits:
+// bitlen(0 + 511)), and bundles a row does not use are killed with a count of 0.
+
+// Fields go in lowest bit first; a table-0 symbol is its four code bits, most significant first.
+struct HandBits {
+  uint32_t Width = 8;  // of the plane, for the width of the count fields
+  std::vector<uint8_t> Bytes;
+  size_t Total = 0;
+  void Put(uint32_t v, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i, ++Total) {
+      if (Total % 8 == 0) Bytes.push_back(0);
+      Bytes.back() |= uint8_t(((v >> i) & 1) << (Total % 8));
+    }
+  }
+  void Sym(uint32_t v) {
+    for (int i = 3; i >= 0; --i) Put((v >> i) & 1, 1);
+  }
+  void Colour(uint8_t c) { Sym(c >> 4), Sym(c & 15); }
+  // The stream padded to its last word, which is where the plane ends.
+  std::vector<uint8_t> Words() const {
+    std::vector<uint8_t> out = Bytes;
+    out.resize((Total + 31) / 32 * 4, 0);
+    return out;
+  }
+};
+
+enum HandBundle { HTypes, HSubTypes, HColours, HPatterns, HX, HY, HIntraDc, HInterDc, HRuns };
+using HandRefills = std::vector<std::pair<HandBundle, std::function<void(HandBits&)>>>;
+
+// One row's refills in bundle order; a bundle not named reads a count of 0, one already dead
+// (or not used up) reads nothing.
+void HandRow(HandBits& w, const HandRefills& fills, std::vector<HandBundle> idle = {}) {
+  for (int b = HTypes; b <= HRuns; ++b) {
+    if (std::find(idle.begin(), idle.end(), b) != idle.end()) continue;
+    bool given = false;
+    for (const auto& [which, write] : fills)
+      if (which == b) write(w), given = true;
+    if (!given) w.Put(0, b == HSubTypes && w.Width < 16 ? 9 : 10);
+  }
+}
+auto FillTypes(uint32_t n, uint32_t kind) {
+  return [=](HandBits& w) { w.Put(n, 10), w.Put(1, 1), w.Put(kind, 4); };
+}
+auto Colours(std::vector<uint8_t> cs) {
+  return [=](HandBits& w) {
+    w.Put(uint32_t(cs.size()), 10), w.Put(0, 1);
+    for (uint8_t c : cs) w.Colour(c);
+  };
+}
+auto Motion(int v) {  // one signed element, symbol form
+  return [=](HandBits& w) {
+    w.Put(1, 10), w.Put(0, 1), w.Sym(uint32_t(std::abs(v)));
+    if (v) w.Put(v < 0, 1);
+  };
+}
+
+TEST(Velmo1Plane, EveryKindFromAHandWrittenStream) {
+  const uint32_t intra = 5, inter = 7;
+  // Scan 2 and the first coefficient positions, as the format lists them.
+  const int scan2[64] = {25, 17, 18, 26, 27, 19, 11, 3,  2,  10, 9,  1,  0,  8,  16, 24,
+                         32, 40, 48, 56, 57, 49, 41, 42, 50, 58, 59, 51, 43, 35, 34, 33,
+                         29, 21, 22, 30, 31, 23, 15, 7,  6,  14, 13, 5,  4,  12, 20, 28,
+                         36, 44, 52, 60, 61, 53, 45, 46, 54, 62, 63, 55, 47, 39, 38, 37};
+  const uint8_t patterns[8] = {0x00, 0xFF, 0x81, 0x3C, 0x5A, 0x0F, 0xE1, 0x96};
+  auto patternBundle = [&](HandBits& w) {
+    w.Put(8, 10);
+    for (uint8_t p : patterns) w.Sym(p & 15), w.Sym(p >> 4);
+  };
+  auto fromTransform = [](int16_t c[64], bool isInter, uint32_t scale, uint32_t x, uint32_t y) {
+    int32_t out[64];
+    Velmo1IdctReference(c, Velmo1DequantTable(isInter, scale), out);
+    return out[y * 8 + x];
+  };
+  // Intra AC coefficients by list index, then by position: 1 -> 1, 3 -> 9, 4 -> 2, 6 -> 10,
+  // 7 -> 11, 8 -> 4.
+  int16_t intraCoeffs[64] = {};
+  intraCoeffs[0] = 600, intraCoeffs[2] = 3, intraCoeffs[11] = -2, intraCoeffs[1] = -3;
+  intraCoeffs[10] = 1, intraCoeffs[4] = -1, intraCoeffs[9] = 1;
+  int16_t interCoeffs[64] = {};
+  interCoeffs[0] = -300, interCoeffs[1] = 1;
+  // RUN colours in the order taken, and the pixels they give along the scan.
+  std::vector<uint8_t> runColours, runPixels;
+  for (auto [len, shared, first] : {std::tuple{3, true, 7}, {16, false, 100}, {1, true, 30}, {16, false, 120},
+                                    {2, true, 40}, {16, false, 140}, {9, true, 70}}) {
+    for (int i = 0; i < len; ++i) runPixels.push_back(uint8_t(shared ? first : first + i));
+    for (int i = 0; i < (shared ? 1 : len); ++i) runColours.push_back(uint8_t(first + i));
+  }
+  runColours.push_back(222);
+  runPixels.push_back(222);
+  // MOTZ residue by list index 0..3 (positions 0, 1, 8, 9): +3, +1, -1, -2.
+  const int residue[4][2] = {{0, 3}, {1, 1}, {8, -1}, {9, -2}};
+
+  struct Case {
+    const char* Name;
+    uint32_t W, H, Skips;
+    std::function<void(HandBits&)> Write;
+    std::function<int(PlaneFixture&, uint32_t, uint32_t)> Want;  // -1: same as the source
+  };
+  const Case cases[] = {
+      {"SKIP", 8, 8, 1, [&](HandBits& w) { HandRow(w, {{HTypes, FillTypes(1, Velmo1Skip)}}); },
+       [](PlaneFixture&, uint32_t, uint32_t) { return -1; }},
+      {"DOUBLED of TWO", 16, 16, 0,
+       [&](HandBits& w) {
+         HandRow(w, {{HTypes, FillTypes(1, Velmo1Doubled)}, {HSubTypes, FillTypes(1, Velmo1Two)},
+                     {HColours, Colours({0x21, 0xD4})}, {HPatterns, patternBundle}});
+         // The lower half reads nothing; the used-up bundles are killed.
+         HandRow(w, {{HTypes, FillTypes(1, Velmo1Doubled)}}, {HX, HY, HIntraDc, HInterDc, HRuns});
+       },
+       [&](PlaneFixture&, uint32_t x, uint32_t y) { return (patterns[y / 2] >> (x / 2)) & 1 ? 0xD4 : 0x21; }},
+      {"MOT", 16, 16, 3,
+       [&](HandBits& w) {
+         HandRow(w, {{HTypes, [](HandBits& w) { w.Put(2, 10), w.Put(0, 1), w.Sym(Velmo1Skip), w.Sym(Velmo1Mot); }},
+                     {HX, Motion(-5)}, {HY, Motion(3)}});
+         HandRow(w, {{HTypes, FillTypes(2, Velmo1Skip)}}, {HSubTypes, HColours, HPatterns, HIntraDc, HInterDc, HRuns});
+       },
+       [](PlaneFixture& f, uint32_t x, uint32_t y) { return x >= 8 && y < 8 ? f.S(x - 5, y + 3) : -1; }},
+      {"RUN", 8, 8, 0,
+       [&](HandBits& w) {
+         // Runs of 3 shared, 16 one by one, 1 shared, 16, 2 shared, 16, 9 shared: 63 pixels, so
+         // scan[63] takes a last colour.
+         HandRow(w, {{HTypes, FillTypes(1, Velmo1Run)}, {HColours, Colours(runColours)},
+                     {HRuns, [](HandBits& w) {
+                        w.Put(7, 10), w.Put(0, 1);
+                        for (uint32_t r : {2, 15, 0, 15, 1, 15, 8}) w.Sym(r);
+                      }}});
+         w.Put(2, 4);
+         for (uint32_t shared : {1, 0, 1, 0, 1, 0, 1}) w.Put(shared, 1);
+       },
+       [&](PlaneFixture&, uint32_t x, uint32_t y) {
+         int k = 0;
+         while (scan2[k] != int(y * 8 + x)) ++k;
+         return int(runPixels[k]);
+       }},
+      {"MOTZ", 16, 8, 1,
+       [&](HandBits& w) {
+         HandRow(w, {{HTypes, [](HandBits& w) { w.Put(2, 10), w.Put(0, 1), w.Sym(Velmo1Motz), w.Sym(Velmo1Skip); }},
+                     {HX, Motion(7)}, {HY, Motion(0)}});
+         w.Put(127, 7);  // the limit
+         w.Put(1, 3);    // two planes, M = 2 then 1
+         // M = 2: groups at 4, 24, 44 stay; (0, 4 singles) opens: 0 now (+2), 1 and 2 wait
+         // at the front (2 ahead of 1), 3 now (-2).
+         for (uint32_t b : {0, 0, 0, 1, 0, 0, 1, 1, 0, 1}) w.Put(b, 1);
+         // M = 1: refine 0 (+1 -> 3) and not 3; then 2 (-1), 1 (+1), and the three groups stay.
+         for (uint32_t b : {1, 0, 1, 1, 1, 0, 0, 0, 0}) w.Put(b, 1);
+       },
+       [&](PlaneFixture& f, uint32_t x, uint32_t y) {
+         if (x >= 8) return -1;
+         int add = 0;
+         for (const auto& [pos, v] : residue)
+           if (int(y * 8 + x) == pos) add = v;
+         return (f.S(x + 7, y) + add) & 255;
+       }},
+      {"DCT_INTRA", 8, 8, 0,
+       [&](HandBits& w) {
+         HandRow(w, {{HTypes, FillTypes(1, intra)}, {HIntraDc, [](HandBits& w) { w.Put(1, 10), w.Put(600, 11); }}});
+         w.Put(2, 4);  // two bit planes
+         // n = 2: group 4 opens: 4 now (+3), 5 and 6 wait (6 ahead), 7 now (-2); its next
+         // group (8, 16 coefficients) stays; 24 and 44 stay; 1 is -3; 2 and 3 stay.
+         w.Put(1, 1), w.Put(0, 1), w.Put(1, 2), w.Put(1, 1), w.Put(1, 1), w.Put(0, 1), w.Put(2, 2);
+         w.Put(0, 1), w.Put(0, 1), w.Put(0, 1), w.Put(1, 1), w.Put(3, 2), w.Put(0, 1), w.Put(0, 1);
+         // n = 1: 6 is +1, 5 stays; group 8 splits into fours, 8..11 opens at once: 8 now (-1),
+         // 9..11 wait; 24, 44, 2 stay; 3 is +1; the new fours at 12, 16, 20 stay.
+         w.Put(1, 1), w.Put(0, 1), w.Put(0, 1), w.Put(1, 1), w.Put(1, 1), w.Put(0, 1), w.Put(1, 1);
+         w.Put(1, 1), w.Put(1, 1), w.Put(1, 1), w.Put(0, 1), w.Put(0, 1), w.Put(0, 1), w.Put(1, 1);
+         w.Put(0, 1), w.Put(0, 1), w.Put(0, 1), w.Put(0, 1);
+         w.Put(3, 4);  // scale 3
+       },
+       [&](PlaneFixture&, uint32_t x, uint32_t y) { return fromTransform(intraCoeffs, false, 3, x, y) & 255; }},
+      {"ONE", 8, 8, 0,
+       [&](HandBits& w) { HandRow(w, {{HTypes, FillTypes(1, Velmo1One)}, {HColours, Colours({0x9C})}}); },
+       [](PlaneFixture&, uint32_t, uint32_t) { return 0x9C; }},
+      {"DCT_INTER", 16, 8, 1,
+       [&](HandBits& w) {
+         HandRow(w, {{HTypes, [=](HandBits& w) { w.Put(2, 10), w.Put(0, 1), w.Sym(Velmo1Skip), w.Sym(inter); }},
+                     {HX, Motion(-8)}, {HY, Motion(0)},
+                     {HInterDc, [](HandBits& w) { w.Put(1, 10), w.Put(300, 10), w.Put(1, 1); }}});
+         w.Put(1, 4);  // one bit plane: only list index 1, +1
+         for (uint32_t b : {0, 0, 0, 1, 0, 0, 0}) w.Put(b, 1);
+         w.Put(2, 4);  // scale 2
+       },
+       [&](PlaneFixture& f, uint32_t x, uint32_t y) {
+         return x < 8 ? -1 : (f.S(x - 8, y) + fromTransform(interCoeffs, true, 2, x - 8, y)) & 255;
+       }},
+      {"TWO", 8, 8, 0,
+       [&](HandBits& w) {
+         HandRow(w, {{HTypes, FillTypes(1, Velmo1Two)}, {HColours, Colours({0x12, 0xE7})}, {HPatterns, patternBundle}});
+       },
+       [&](PlaneFixture&, uint32_t x, uint32_t y) { return (patterns[y] >> x) & 1 ? 0xE7 : 0x12; }},
+      {"BANG", 8, 8, 0,
+       [&](HandBits& w) {
+         std::vector<uint8_t> raw;
+         for (int i = 0; i < 64; ++i) raw.push_back(uint8_t(i * 37 + 5));
+         HandRow(w, {{HTypes, FillTypes(1, Velmo1Bang)}, {HColours, Colours(raw)}});
+       },
+       [](PlaneFixture&, uint32_t x, uint32_t y) { return int(uint8_t((y * 8 + x) * 37 + 5)); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.Name);
+    HandBits w;
+    w.Width = c.W;
+    for (int i = 0; i < 23; ++i) w.Put(0, 4);
+    c.Write(w);
+    PlaneFixture f(c.W, c.H);
+    f.Decode(w.Words());
+    for (uint32_t y = 0; y < c.H; ++y)
+      for (uint32_t x = 0; x < c.W; ++x) {
+        const int want = c.Want(f, x, y);
+        ASSERT_EQ(f.D(x, y), want < 0 ? f.S(x, y) : want) << x << "," << y;
+      }
+    EXPECT_EQ(f.Skips, c.Skips);
+    EXPECT_EQ(f.Consumed, w.Words().size());  // every bit written was read, and no more
   }
 }
 
