@@ -74,6 +74,12 @@ TEST(Velmo1Description, FormsGiveTheirMaps) {
        {{5, 4}, {0, 1}, {1, 2}, {0xFF, 8}, {1, 1}, {1, 1}, {0, 1}, {1, 1}, {0, 1}, {0, 1}, {0, 1},
         {1, 1}, {0, 1}, {1, 1}},
        5, {3, 2, 1, 0, 5, 7, 4, 6, 9, 8, 11, 10, 15, 13, 14, 12}},
+      // Three merge rounds over unswapped pairs, each round done over all its lists before
+      // the next. Round 1: A, A each time -> 0..3, 4..7, 8..11, 12..15. Round 2: B x4 ->
+      // 4 5 6 7 0 1 2 3; A, B, A, B, A, B, A -> 8 12 9 13 10 14 11 15. Round 3: B x8.
+      {"three merge rounds",
+       {{9, 4}, {0, 1}, {3, 2}, {0, 8}, {0, 8}, {15, 4}, {42, 7}, {255, 8}}, 9,
+       {8, 12, 9, 13, 10, 14, 11, 15, 4, 5, 6, 7, 0, 1, 2, 3}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.What);
