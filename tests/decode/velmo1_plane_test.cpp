@@ -357,6 +357,28 @@ TEST(Velmo1Plane, EveryKindFromAHandWrittenStream) {
          w.Put(3, 4);  // scale 3
        },
        [&](PlaneFixture&, uint32_t x, uint32_t y) { return fromTransform(intraCoeffs, false, 3, x, y) & 255; }},
+      {"IntraDC groups", 64, 16, 0,
+       [&](HandBits& w) {
+         // Sixteen values for two rows: the first, a group of 8 deltas of 4 bits (a delta of 0
+         // has no sign bit), and a group of 7 of width 0; the second row refills nothing.
+         HandRow(w, {{HTypes, FillTypes(8, intra)}, {HIntraDc, [](HandBits& w) {
+                        w.Put(16, 10), w.Put(100, 11), w.Put(4, 4);
+                        for (int d : {15, -3, 0, 7, -15, 1, -9, 2}) {
+                          w.Put(uint32_t(std::abs(d)), 4);
+                          if (d) w.Put(d < 0, 1);
+                        }
+                        w.Put(0, 4);
+                      }}});
+         for (int b = 0; b < 8; ++b) w.Put(0, 4), w.Put(15, 4);  // no AC, scale 15
+         HandRow(w, {{HTypes, FillTypes(8, intra)}},
+                 {HSubTypes, HColours, HPatterns, HX, HY, HIntraDc, HInterDc, HRuns});
+         for (int b = 0; b < 8; ++b) w.Put(0, 4), w.Put(15, 4);
+       },
+       [&](PlaneFixture&, uint32_t x, uint32_t y) {
+         const int dcs[8] = {100, 115, 112, 112, 119, 104, 105, 96};
+         const int dc = y < 8 ? dcs[x / 8] : 98;
+         return ((dc * 1408 + 127) >> 8) & 255;  // t[0] = 65536 * 44, >> 11
+       }},
       {"ONE", 8, 8, 0,
        [&](HandBits& w) { HandRow(w, {{HTypes, FillTypes(1, Velmo1One)}, {HColours, Colours({0x9C})}}); },
        [](PlaneFixture&, uint32_t, uint32_t) { return 0x9C; }},
