@@ -27,11 +27,12 @@ int FailExr(ImageError* error, int code, const char* what, const char* message) 
   return 0;
 }
 
-// The value of a single-part header's "type" attribute, found by walking the attribute list
-// (name, type name, 32-bit size, data) within the file's bytes; empty when there is none or the
-// list runs out. TinyEXR aborts the process on a type it does not expect, so the value is checked
-// here before the library sees the header.
-std::string HeaderTypeAttribute(const std::vector<uint8_t>& data) {
+// Walks a single-part header's attribute list (name, type name, 32-bit size, data) within the
+// file's bytes and returns the first "type" attribute whose value is not a scan-line image, or
+// an empty text when there is none. TinyEXR aborts the process on a part type it does not
+// expect (it keeps the last non-empty one it reads), so every one is checked before the library
+// sees the header.
+std::string UnreadablePartType(const std::vector<uint8_t>& data) {
   size_t at = 8;  // past the magic number and the version field
   const auto text = [&](std::string* out) {
     const auto* begin = data.data() + at;
@@ -50,7 +51,8 @@ std::string HeaderTypeAttribute(const std::vector<uint8_t>& data) {
     if (size > data.size() - at) break;
     if (name == "type") {
       const auto* value = reinterpret_cast<const char*>(data.data() + at);
-      return std::string(value, strnlen(value, size));
+      const std::string part(value, strnlen(value, size));
+      if (!part.empty() && part != "scanlineimage") return part;
     }
     at += size;
   }
@@ -65,8 +67,8 @@ int ParseHeader(const std::vector<uint8_t>& data, ExrHeaderGuard* guard, ImageEr
   if (version.multipart || version.non_image)
     return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: multi-part and deep files are not read");
   if (version.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
-  const std::string type = HeaderTypeAttribute(data);
-  if (!type.empty() && type != "scanlineimage")
+  const std::string type = UnreadablePartType(data);
+  if (!type.empty())
     return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: \"%s\" parts are not read", type.c_str());
   const char* message = nullptr;
   if (ParseEXRHeaderFromMemory(&guard->header, &version, data.data(), data.size(), &message) != TINYEXR_SUCCESS)
