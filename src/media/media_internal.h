@@ -29,6 +29,9 @@ void MediaPlaceWindow(MediaInput* input, uint32_t width, uint32_t height);
 // Finds and runs the probe for `name` (steps of the type table); on failure the reason went
 // to progress. The input's file_name, open flags and want_alpha are set before.
 bool MediaProbe(MediaInput* input, const char* name);
+// A probe whose format matched the file's head but could not open it notes why; MediaProbe
+// puts the last reason under "Error opening: %s" when no row succeeds.
+void MediaNoteProbeFailure(const char* reason);
 
 // Frees what the reader holds.
 void MediaCloseReader(MediaInput* input);

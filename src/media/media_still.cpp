@@ -98,8 +98,12 @@ void SetAnimation(MediaInput* input, ImageFile* file, const ImageInfo& info) {
 bool ProbeStill(MediaInput* input, int format) {
   if (format == IMAGE_FORMAT_JPEG && RefusedJpeg(input)) return false;
   if (!HeadFormatIs(input->file_name, format)) return false;
-  ImageFile* file = ImageFileOpen(input->file_name, nullptr);
-  if (!file) return false;
+  ImageError error{};
+  ImageFile* file = ImageFileOpen(input->file_name, &error);
+  if (!file) {
+    MediaNoteProbeFailure(error.text);
+    return false;
+  }
   const ImageInfo info = *ImageFileInfo(file);
   const bool tiffCompressionKnown = format != IMAGE_FORMAT_TIFF || info.compression - 2 <= 13;
   StillState* state = static_cast<StillState*>(calloc(1, sizeof(StillState)));

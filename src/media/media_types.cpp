@@ -12,6 +12,10 @@
 
 namespace {
 
+// Why the last probe that recognised the file failed; empty when none did. One per thread, as
+// the entries of a list may be opened by a read-ahead job.
+thread_local char ProbeFailure[256];
+
 // ---------------------------------------------------------------------------------------------
 // Readers that this build lacks: the 32-bit server, the ProRes library, self-playing exes.
 // Their rows stay in the table so that the order of the others is kept; their probes fail.
@@ -69,12 +73,17 @@ void TakeStreamInfo(MediaInput* input, const StreamInfo& info, int format) {
 
 bool ProbeStream(MediaInput* input, const StreamReaderOps* ops) {
   if (!StreamHeadMatches(ops, input->file_name)) return false;
-  StreamReader* reader = StreamReaderOpen(ops, input->file_name, nullptr);
-  if (!reader) return false;
+  StreamError error{};
+  StreamReader* reader = StreamReaderOpen(ops, input->file_name, &error);
+  if (!reader) {
+    MediaNoteProbeFailure(error.text);
+    return false;
+  }
   const StreamInfo& info = *StreamReaderInfo(reader);
   StreamState* state = static_cast<StreamState*>(calloc(1, sizeof(StreamState)));
   if (!state || info.width == 0 || info.height == 0 || info.width > MediaMaxSide ||
       info.height > MediaMaxSide || info.rate_num == 0 || info.rate_den == 0) {
+    MediaNoteProbeFailure(state ? "The picture size or frame rate is out of range." : "Out of memory");
     StreamReaderClose(reader);
     free(state);
     return false;
@@ -218,6 +227,8 @@ bool ReportFailure(MediaInput* input, const char* name, const char* extension) {
     MediaSay(input->progress, MediaLevelError,
              "Error opening: %s\n\nVelmo files cannot be read: this build has no Velmo reader.",
              name);
+  else if (ProbeFailure[0])
+    MediaSay(input->progress, MediaLevelError, "Error opening: %s\n\n%s", name, ProbeFailure);
   else
     MediaSay(input->progress, MediaLevelError, "Error opening: %s", name);
   return false;
@@ -241,7 +252,12 @@ bool TryContentRows(MediaInput* input, const char* name, const TypeRow* rows, si
 
 }  // namespace
 
+void MediaNoteProbeFailure(const char* reason) {
+  snprintf(ProbeFailure, sizeof ProbeFailure, "%s", reason ? reason : "");
+}
+
 bool MediaProbe(MediaInput* input, const char* name) {
+  ProbeFailure[0] = 0;
   if (input->open_flags & MediaOpenServerMask) return ReportFailure(input, name, nullptr);
   if (IsStdin(name)) {
     if (TryRow(input, name, TypeRow{".y4m", &Y4mReader})) return true;

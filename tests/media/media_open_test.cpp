@@ -172,11 +172,27 @@ TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
   WriteText(dir / "bad.lst", "missing.avi\n");
   WriteText(dir / "self.lst", "self.lst\n");  // a list that holds itself ends
   WriteText(dir / "bad.vlm", std::string(200, 'x'));
+  // Files whose head names their format but whose body is damaged: the message says why.
+  {
+    ASSERT_TRUE(WritePng(dir / "whole.png", 64, 64, 3));
+    FILE* file = fopen((dir / "whole.png").c_str(), "rb");
+    ASSERT_NE(file, nullptr);
+    std::string bytes(40, 0);
+    ASSERT_EQ(fread(&bytes[0], 1, bytes.size(), file), bytes.size());
+    fclose(file);
+    WriteText(dir / "cut.png", bytes);
+  }
+  WriteText(dir / "zero.y4m", "YUV4MPEG2 W0 H16 F25:1\nFRAME\n");
+  WriteText(dir / "huge.y4m", "YUV4MPEG2 W99999 H99999 F25:1\nFRAME\n");
   struct Case {
     std::string name;
     uint32_t flags;
     std::string said;
+    bool reason = false;  // a reason follows the name after a blank line
   } cases[] = {
+      {"cut.png", 0, "Error opening: " + dir / "cut.png" + "\n\n", true},
+      {"zero.y4m", 0, "Error opening: " + dir / "zero.y4m" + "\n\n", true},
+      {"huge.y4m", 0, "Error opening: " + dir / "huge.y4m" + "\n\n", true},
       {"none.png", 0, "File not found: " + dir / "none.png"},
       {"junk.xyz", 0, "Error opening: " + dir / "junk.xyz"},
       {"film.mov", 0, "You specified an MP4 or QuickTime video file"},
@@ -196,6 +212,11 @@ TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
     if (!c.said.empty()) {
       EXPECT_TRUE(Said(c.said, MediaLevelError)) << c.name;
     }
+    bool reasonGiven = false;
+    for (const Message& m : Messages)
+      if (m.level == MediaLevelError && m.text.find("\n\n") != std::string::npos)
+        reasonGiven = m.text.size() > m.text.find("\n\n") + 2;
+    if (c.reason) EXPECT_TRUE(reasonGiven) << c.name;
   }
 }
 
