@@ -18,6 +18,17 @@
 
 namespace {
 
+// FNV-1a over the picture area of the current luma plane: ties the timed passes to the picture
+// the measured pass decoded.
+uint64_t LumaHash(HVELMO h) {
+  const VelmoFrameBuffers& fb = *h->FrameBuffers;
+  const uint8_t* y = fb.Sets[fb.Current].Planes[VelmoPlaneY];
+  uint64_t v = 1469598103934665603ull;
+  for (uint32_t r = 0; r < h->Height; ++r)
+    for (uint32_t x = 0; x < h->Width; ++x) v = (v ^ y[size_t(r) * size_t(fb.LumaPitch) + x]) * 1099511628211ull;
+  return v;
+}
+
 struct PlaneError {
   double Squared = 0.0;
   uint64_t Samples = 0;
@@ -96,6 +107,7 @@ int main(int argc, char** argv) {
     ++decoded;
     VelmoNextFrame(h);
   }
+  const uint64_t lastPicture = decoded == frames && frames ? LumaHash(h) : 0;
   // Decode speed: the whole file, open to close, in the caller's thread; the best of three.
   for (int pass = 0; pass < 3 && decoded == frames; ++pass) {
     const auto start = std::chrono::steady_clock::now();
@@ -105,11 +117,12 @@ int main(int argc, char** argv) {
       ++got;
       VelmoNextFrame(d);
     }
-    if (d) VelmoClose(d);
     const double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (got != frames) {
-      std::fprintf(stderr, "decode pass stopped after %u frames\n", got);
-      decoded = got;
+    const bool same = d && d->FrameBuffers && got == frames && LumaHash(d) == lastPicture;
+    if (d) VelmoClose(d);
+    if (!same) {
+      std::fprintf(stderr, "decode pass stopped after %u frames or ended on another picture\n", got);
+      decoded = got < frames ? got : 0;
       break;
     }
     if (decodeSeconds == 0.0 || t < decodeSeconds) decodeSeconds = t;
