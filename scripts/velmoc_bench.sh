@@ -44,8 +44,10 @@ status=0
 for rate in "${rates[@]}"; do
   out="$work/rate$rate.vlm"
   start=$(date +%s.%N)
-  if ! "$program" velmoc "$clip" "$out" "/D$rate" /O </dev/null >"$work/log" 2>&1; then
-    echo "| $rate | compress failed (exit code $?, see below) | | | | | | | |"
+  rc=0
+  "$program" velmoc "$clip" "$out" "/D$rate" /O </dev/null >"$work/log" 2>&1 || rc=$?
+  if [ "$rc" -ne 0 ]; then
+    echo "| $rate | compress failed (exit code $rc, see below) | | | | | | | |"
     tail -5 "$work/log" >&2
     status=1
     continue
