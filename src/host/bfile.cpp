@@ -309,8 +309,9 @@ uint64_t FileSeek(BufferedFile* file, uint64_t position) {
 
 uint64_t FileSizeOf(BufferedFile* file) {
   if (file->FileSize == FileSizeUnknown) file->FileSize = SystemSize(file->Handle);
-  file->FileSize = std::max(file->FileSize, FileTell(file));
-  return file->FileSize;
+  // Writes raise the known size as they go out; a position past the end only counts while the
+  // reader stands there (seeking back must not leave the file longer than it is).
+  return std::max(file->FileSize, FileTell(file));
 }
 
 bool FileAtEnd(BufferedFile* file) { return FileTell(file) >= FileSizeOf(file); }

@@ -283,6 +283,11 @@ TEST_F(BufferedFiles, SizeAndEndFollowTheFileAndThePosition) {
   FileSeek(file, 2);
   EXPECT_EQ(FileSizeOf(file), 105u);
   EXPECT_FALSE(FileAtEnd(file));
+  // Standing past the end counts only while there: nothing was written out there.
+  FileSeek(file, 500);
+  EXPECT_EQ(FileSizeOf(file), 500u);
+  FileSeek(file, 7);
+  EXPECT_EQ(FileSizeOf(file), 105u);
   FileClose(file);
   EXPECT_EQ(SizeOnDisk(Path("size")), 105u);
 }
