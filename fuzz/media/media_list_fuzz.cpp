@@ -3,17 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "fuzz_exists.h"
 #include "media/media_list.h"
-
-namespace {
-
-bool HashExists(const char* path, void*) {
-  uint32_t h = 2166136261u;
-  for (const char* p = path; *p; ++p) h = (h ^ uint8_t(*p)) * 16777619u;
-  return (h & 7) != 0;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   MediaList* list = MediaListParse(reinterpret_cast<const char*>(data), size, "folder/");
