@@ -8,7 +8,7 @@ TSAN_BUILD  ?= build-tsan
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test test-plain test-sanitize test-thread bench fuzz clean
+.PHONY: all deps build demo test check-layers test-plain test-sanitize test-thread bench fuzz clean
 
 all: build
 
@@ -22,7 +22,11 @@ build: deps
 demo: build
 	./scripts/demo.sh $(BUILD)
 
-test: deps test-plain test-sanitize test-thread
+test: deps check-layers test-plain test-sanitize test-thread
+
+# Every include and library link points down the layers (see the script for the table).
+check-layers:
+	./scripts/check-layers.sh
 
 test-plain:
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)

@@ -14,7 +14,7 @@
 
 #include <stdint.h>
 
-#include "reader/velmo_io.h"
+#include "velmo_io.h"
 
 #ifdef __cplusplus
 extern "C" {

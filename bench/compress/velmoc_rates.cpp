@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "compress/velmo_writer.h"
-#include "compress/velmoc_source.h"
-#include "reader/frame_buffers.h"
+#include "compress/tool/velmoc_source.h"
+#include "format/frame_buffers.h"
 #include "velmo.h"
 
 namespace {

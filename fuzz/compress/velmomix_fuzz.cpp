@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "compress/velmomix.h"
-#include "reader/container.h"
+#include "compress/tool/velmomix.h"
+#include "format/container.h"
 
 namespace {
 

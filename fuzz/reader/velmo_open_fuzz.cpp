@@ -1,7 +1,7 @@
 // Fuzzes the reader library's open and frame walk: arbitrary bytes are opened as a file image in
 // memory and through the memory provider (reads on the caller's thread), and every frame is
 // walked, decoded and copied out, with a goto and key frame searches on the way.
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/velmo_handle.h"
 #include "velmo.h"
 

@@ -2,7 +2,7 @@
 // null back end registered and every track of the file asked for, so that each frame's sound
 // packets go through the ring decoder and the feeder; sound is switched off and on, a goto runs
 // up the sound, volumes are routed, and each track is also decoded into caller memory.
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/velmo_handle.h"
 #include "reader/velmo_sound_null.h"
 #include "velmo.h"

@@ -6,7 +6,7 @@
 // by a per-plane cost model (in 1/256 bit) that is corrected from the real stream after each
 // frame.
 #pragma once
-#include "reader/frame_buffers.h"
+#include "format/frame_buffers.h"
 
 #include <cstdint>
 #include <vector>

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "compress/audio/velmo_audio.h"
+#include "audio/velmo_audio.h"
 
 namespace {
 

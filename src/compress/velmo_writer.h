@@ -12,7 +12,7 @@
 
 #include "compress/velmo1_encoder.h"
 #include "host/bfile.h"
-#include "reader/container.h"
+#include "format/container.h"
 
 // Writer flag bits (the flag word of VelmoWriterOpen).
 enum : uint32_t {

@@ -5,7 +5,7 @@
 // section, no write leaves the planes, and every loop is bounded by the plane's size.
 #pragma once
 #include "decode/velmo1_tables.h"
-#include "reader/frame_buffers.h"
+#include "format/frame_buffers.h"
 
 #include <cstdint>
 

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <vector>
 
-#include "compress/velmo1_file_check.h"
-#include "compress/velmoc_source.h"
+#include "compress/tool/velmo1_file_check.h"
+#include "compress/tool/velmoc_source.h"
 #include "media/sound.h"
 
 namespace {

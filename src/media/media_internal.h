@@ -44,9 +44,6 @@ extern const MediaReaderOps MediaBmpReader, MediaGifReader, MediaTiffReader, Med
     MediaTgaReader, MediaPngReader, MediaExrReader, MediaVelmoReader, MediaWaveReader,
     MediaSoundOnlyReader;
 
-// Velmo support is there when the reader library is built with its open and walk.
-bool MediaVelmoAvailable();
-
 // The open arguments of a list's entries: the list's flags, forced rate and scale request; no
 // crop and no adjusted rate (the list itself adds and drops frames).
 MediaOpenArgs MediaListEntryArgs(const MediaInput* list, int32_t start, int32_t end);

@@ -222,11 +222,6 @@ bool ReportFailure(MediaInput* input, const char* name, const char* extension) {
     MediaSay(input->progress, MediaLevelError,
              "You specified an MP4 or QuickTime video file and we couldn't open it.\n\n"
              "Install Quicktime from Apple's website to convert these files.");
-  else if (extension && (MediaSameText(extension, ".vlm") || MediaSameText(extension, ".vm2")) &&
-           !MediaVelmoAvailable())
-    MediaSay(input->progress, MediaLevelError,
-             "Error opening: %s\n\nVelmo files cannot be read: this build has no Velmo reader.",
-             name);
   else if (ProbeFailure[0])
     MediaSay(input->progress, MediaLevelError, "Error opening: %s\n\n%s", name, ProbeFailure);
   else

@@ -6,8 +6,7 @@
 
 #include "media/media_internal.h"
 
-#ifdef MEDIA_HAVE_VELMO
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/copyout.h"
 #include "velmo.h"
 
@@ -114,19 +113,6 @@ void CloseVelmo(MediaInput* input) {
 
 }  // namespace
 
-bool MediaVelmoAvailable() { return true; }
-
 const MediaReaderOps MediaVelmoReader = {"Velmo", MediaGuardVelmo, ProbeVelmo, ReadVelmo,
                                          SeekVelmo, RewindVelmo, CloseVelmo};
 
-#else
-
-namespace {
-bool ProbeVelmoAbsent(MediaInput*) { return false; }
-}  // namespace
-
-bool MediaVelmoAvailable() { return false; }
-
-const MediaReaderOps MediaVelmoReader = {"Velmo", MediaGuardVelmo, ProbeVelmoAbsent, nullptr,
-                                         nullptr, nullptr, nullptr};
-#endif

@@ -7,7 +7,7 @@
 
 #include "host/cpu_features.h"
 #include "reader/copyout_kernels.h"
-#include "reader/frame_buffers.h"
+#include "format/frame_buffers.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The handle's copy calls: the current frame buffer set handed to the copy-out core, with the
 // walk's bookkeeping around it (start of the blit, the in-call mark, the skip check).
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/copyout.h"
 #include "reader/velmo_handle.h"
 

@@ -4,8 +4,8 @@
 // tracks and the async slice service.
 #pragma once
 #include "host/platform.h"
-#include "reader/frame_buffers.h"
-#include "reader/velmo_io.h"
+#include "format/frame_buffers.h"
+#include "velmo_io.h"
 #include "velmo.h"
 
 #include <cstddef>

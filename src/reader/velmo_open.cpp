@@ -3,7 +3,7 @@
 // open and close sequences.
 #include "decode/velmo1_decoder.h"
 #include "host/cpu_features.h"
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/velmo_handle.h"
 #include "reader/velmo_sound.h"
 
@@ -55,15 +55,9 @@ void EnsureGlobals() {
   }
 }
 
-// Without the I/O module there is no file provider and no reader thread.
-const VelmoIOService NoIOService = {nullptr, nullptr, nullptr, nullptr};
 const VelmoIOService* IOServiceOverride = nullptr;
 
-#ifdef VELMO_HAVE_IO_SERVICE
 const VelmoIOService* BuiltInIOService() { return &VelmoFileIOService; }
-#else
-const VelmoIOService* BuiltInIOService() { return &NoIOService; }
-#endif
 
 // ---------------------------------------------------------------------------------------------
 // Aligned blocks: the distance to the real start sits in the 32-bit word in front.

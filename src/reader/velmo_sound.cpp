@@ -9,7 +9,7 @@
 // sound on or off, seeks, or pauses.
 #include "reader/velmo_sound.h"
 
-#include "reader/container.h"
+#include "format/container.h"
 
 #include <algorithm>
 #include <atomic>

@@ -3,8 +3,8 @@
 //
 // The ring has two owners: the frame thread moves RingWrite, the feeder (possibly the sound
 // thread) moves RingRead. Each side reads the other's pointer through an atomic load.
-#include "compress/audio/velmo_audio.h"
-#include "reader/container.h"
+#include "audio/velmo_audio.h"
+#include "format/container.h"
 #include "reader/velmo_sound.h"
 
 #include <algorithm>

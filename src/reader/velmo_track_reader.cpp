@@ -1,7 +1,7 @@
 // The file's track tables, and decoding a track without a device: the converter, the mixer and
 // the analyser take the sound of the selected frame straight into their own memory, one frame at
 // a time.
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/velmo_sound.h"
 
 #include <cstdlib>

@@ -2,7 +2,7 @@
 // decoding a frame in slices, going to a frame, pausing, and the run's figures.
 #include "decode/velmo1_decoder.h"
 #include "host/cpu_features.h"
-#include "reader/container.h"
+#include "format/container.h"
 #include "reader/velmo_handle.h"
 #include "reader/velmo_sound.h"
 

@@ -17,7 +17,7 @@
 #include "media/media.h"
 #include "media/sound.h"
 #include "media/readers/stream_readers.h"
-#include "reader/container.h"
+#include "format/container.h"
 #include "velmo.h"
 
 namespace {

@@ -13,12 +13,10 @@
 #include <string>
 
 #include "host/cpu_features.h"
+#include "host/gui/displays.h"
 #include "host/quietframe.h"
 #include "host/toolframe.h"
 
-#ifdef ORN_HAVE_SDL
-#include <SDL.h>
-#endif
 
 namespace {
 
@@ -146,31 +144,6 @@ std::string Disk() {
          " MB Available: " + Grouped(st.f_bavail * unit >> 20) + " MB";
 }
 
-std::string Displays() {
-#ifdef ORN_HAVE_SDL
-  const char* x = std::getenv("DISPLAY");
-  const char* wl = std::getenv("WAYLAND_DISPLAY");
-  if ((!x || !*x) && (!wl || !*wl)) return "";
-  if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) return "";
-  std::string out;
-  const char* driver = SDL_GetCurrentVideoDriver();
-  out += std::string("Display device: ") + (driver ? driver : "unknown");
-  const int count = SDL_GetNumVideoDisplays();
-  for (int i = 0; i < count; ++i) {
-    SDL_DisplayMode mode;
-    if (SDL_GetCurrentDisplayMode(i, &mode) != 0) continue;
-    char line[160];
-    std::snprintf(line, sizeof line, "\nDisplay %d resolution: %i x %i with %li-bit color", i + 1,
-                  mode.w, mode.h, long(SDL_BITSPERPIXEL(mode.format)));
-    out += line;
-  }
-  SDL_QuitSubSystem(SDL_INIT_VIDEO);
-  return out;
-#else
-  return "";
-#endif
-}
-
 // "/proc/asound/cards": " 0 [PCH            ]: HDA-Intel - HDA Intel PCH" and a second line.
 std::string AudioDevices() {
   std::ifstream in("/proc/asound/cards");
@@ -199,7 +172,7 @@ std::string OrnSystemInfoText() {
   AddLine(text, Mainboard());
   AddLine(text, Memory());
   AddLine(text, Disk());
-  AddLine(text, Displays());
+  AddLine(text, GuiDisplayDescription());
   AddLine(text, AudioDevices());
   return text;
 }

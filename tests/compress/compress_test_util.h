@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "audio/audio_test_util.h"
-#include "compress/audio/velmo_audio.h"
+#include "../audio/audio_test_util.h"
+#include "audio/velmo_audio.h"
 
 namespace compress_test {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "compress/velmo1_file_check.h"
+#include "compress/tool/velmo1_file_check.h"
 #include "compress/velmo_sound_track.h"
 #include "compress/velmo_writer.h"
 #include "compress_test_util.h"

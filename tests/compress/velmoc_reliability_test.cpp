@@ -18,10 +18,10 @@
 #include <thread>
 #include <vector>
 
-#include "compress/velmo1_file_check.h"
+#include "compress/tool/velmo1_file_check.h"
 #include "compress/velmo_writer.h"
-#include "compress/velmoc.h"
-#include "compress/velmoc_source.h"
+#include "compress/tool/velmoc.h"
+#include "compress/tool/velmoc_source.h"
 #include "compress_test_util.h"
 #include "host/bfile.h"
 #include "host/platform.h"

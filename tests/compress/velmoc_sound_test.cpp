@@ -11,15 +11,15 @@
 #include <string>
 #include <vector>
 
-#include "audio/audio_test_util.h"
-#include "compress/velmo1_file_check.h"
-#include "compress/velmoc.h"
-#include "compress/velmoc_source.h"
+#include "../audio/audio_test_util.h"
+#include "compress/tool/velmo1_file_check.h"
+#include "compress/tool/velmoc.h"
+#include "compress/tool/velmoc_source.h"
 #include "compress_test_util.h"
 #include "convert/avi_writer.h"
 #include "host/toolframe.h"
 #include "media/sound.h"
-#include "reader/container.h"
+#include "format/container.h"
 
 namespace {
 

@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "compress/velmo1_file_check.h"
+#include "compress/tool/velmo1_file_check.h"
 #include "compress/velmo_writer.h"
-#include "compress/velmoc.h"
-#include "compress/velmoc_source.h"
+#include "compress/tool/velmoc.h"
+#include "compress/tool/velmoc_source.h"
 #include "compress_test_util.h"
 #include "convert/output.h"
 #include "host/platform.h"
 #include "host/toolframe.h"
-#include "reader/container.h"
+#include "format/container.h"
 
 namespace {
 

@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "../reader/container_test_util.h"
-#include "compress/velmomix.h"
+#include "../format/container_test_util.h"
+#include "compress/tool/velmomix.h"
 #include "compress_test_util.h"
 #include "host/switches.h"
 #include "host/toolframe.h"
-#include "reader/container.h"
+#include "format/container.h"
 #include "velmo.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <tuple>
 
-#include "compress/velmomix.h"
+#include "compress/tool/velmomix.h"
 #include "convert/velmoconv.h"
 #include "media/readers/stream_readers.h"
 #include "program_test_support.h"

@@ -1,7 +1,7 @@
 // Frame buffers for decoder tests and benchmarks: every plane sits inside a larger block of
 // guard bytes, so that a write outside a plane shows up as a changed guard.
 #pragma once
-#include "reader/frame_buffers.h"
+#include "format/frame_buffers.h"
 
 #include <cstdint>
 #include <cstring>

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "host/cpu_features.h"
-#include "reader/container.h"
-#include "reader/frame_buffers.h"
+#include "format/container.h"
+#include "format/frame_buffers.h"
 
 namespace {
 

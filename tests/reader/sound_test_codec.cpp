@@ -1,6 +1,6 @@
 #include "sound_test_codec.h"
 
-#include "compress/audio/velmo_audio.h"
+#include "audio/velmo_audio.h"
 
 #include <algorithm>
 #include <cmath>

@@ -2,7 +2,7 @@
 // writer functions, a clock the tests move by hand, and opens from memory through the image
 // flag or the memory provider.
 #pragma once
-#include "container_test_util.h"
+#include "../format/container_test_util.h"
 #include "reader/velmo_handle.h"
 #include "velmo.h"
 

@@ -2,7 +2,7 @@
 // sizes, wave files, a Velmo file with and without sound tracks, a directory and an unknown
 // file, and the program run with the console front end; the one-second window rule of the
 // frame-size lines.
-#include "compress/velmomix.h"
+#include "compress/tool/velmomix.h"
 #include "convert/output.h"
 #include "tools/orninfo.h"
 #include "../convert/program_test_support.h"

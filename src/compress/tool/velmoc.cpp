@@ -1,0 +1,760 @@
+// Velmoc: switches, hint file, the frame loop, the progress tick and the cancel dialog.
+#include "compress/tool/velmoc.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "compress/rate_plan.h"
+#include "compress/velmo_sound_track.h"
+#include "compress/velmo_writer.h"
+#include "compress/tool/velmoc_source.h"
+#include "host/bfile.h"
+#include "host/platform.h"
+#include "host/switches.h"
+#include "media/sound.h"
+
+namespace {
+
+const char SyntaxText[] =
+    "Syntax:  Velmo <Input Graphics File> <Velmo File>[.VLM/.VM2] [/Switches]\n\n"
+    "The input may be a video file (AVI, Velmo, Flic, YUV4MPEG2, raw), an image file, a list "
+    "file, or an image series such as \"Exam???.BMP*1-149\".";
+const char SwitchListText[] =
+    "Switches:\n"
+    "  /D#   overall data rate: 1000 and up bytes per second, 1 to 200 percent of the input\n"
+    "  /M#.# peak rate: 1.0 to 10.0 times the data rate, above 10 bytes per second (3.0)\n"
+    "  /J#   key frame promotion percentage (kept for old scripts)\n"
+    "  /K#   key frame every # frames          /N#   key frame rate, bytes per second\n"
+    "  /P#   frames of preview (8, 2 to 64)    /S# /E#  first and last input frame\n"
+    "  /F#.# force the output frame rate       /A#.# adjust the input rate to this rate\n"
+    "  /T#   sound track ID   /L#  sound level (0 lossless, 4 default, 99 lossy, -1 none)\n"
+    "  /R# /B# /C#  force sound rate, bits, channels        /I  grayscale\n"
+    "  /Z#   graphics options (1000-3000 alpha plane, 10000 no alpha warning)\n"
+    "  /~# /:# /;# /{# /}# /[# /]#.# /(# /)#  denoise, smooth, de-interlace, contrast,\n"
+    "        black clamp, brightness, gamma, scale width and height\n"
+    "  /X# /Y# /W# /H#  crop        /U#  largest number of CPUs\n"
+    "  /V#   version: 100 Velmo 1, 101 later Velmo 1, 200 Velmo 2, 270 Velmo 2 HDR\n"
+    "  /$#   input nits (10000)     /O  overwrite without asking\n"
+    "  /*text  text stored after the header (/*- the whole command line)\n"
+    "  /@file  hint file: StartFrame  EndFrame  DataRate  PeakRate  KeyFrame(0/1)?  Contrast  "
+    "Smooth  Black-clamp  Bright  Gamma  Denoise";
+
+const char CaptionSuffix[] = "Velmo Video Compressor";
+const char TextDiskFull[] = "Error writing to disk - probably out of disk space.";
+
+// ---- Run state shared with the timer and the dialog ------------------------------------------
+
+volatile int g_finished = 0;
+volatile uint32_t g_cancel = 0;
+VelmoWriter* volatile g_writer = nullptr;
+volatile uint32_t g_tickBusy = 0;
+uint32_t g_runFrames = 0, g_skipped = 0, g_startMs = 0, g_lastElapsedMs = 0;
+uint32_t g_shownFrames = ~0u;
+uint64_t g_shownSize = ~0ull, g_inputBytesPerFrame = 0;
+uint64_t g_inputSoundBytes = 0;  // the sound's 16-bit bytes, counted in with the input's size
+uint32_t g_progressShift = 0;
+std::string g_lastStatus;
+
+void SetStatus(const char* text) {
+  if (g_lastStatus == text) return;
+  g_lastStatus = text;
+  ToolFrameSetText(ToolIdStatus, text);
+}
+
+void FormatTime(uint32_t ms, char* out, size_t size) {
+  const uint32_t s = ms / 1000;
+  std::snprintf(out, size, "%u:%02u:%02u", s / 3600, s / 60 % 60, s % 60);
+}
+
+void ProgressTick(ToolDialog*) {
+  AtomicAdd(&g_tickBusy, 1);
+  VelmoWriter* w = g_writer;
+  if (w && !g_finished) {
+    char text[256], t[64];
+    const uint32_t now = TimerMs(), elapsed = now - g_startMs;
+    if (now - g_lastElapsedMs >= 1500) {
+      g_lastElapsedMs = now;
+      FormatTime(elapsed, t, sizeof t);
+      ToolFrameSetText(VelmocIdElapsed, t);
+    }
+    const uint32_t done = w->FramesWritten;
+    if (done != g_shownFrames && done) {
+      g_shownFrames = done;
+      const uint32_t percent = uint32_t(uint64_t(done) * 100 / std::max(g_runFrames, 1u));
+      std::snprintf(text, sizeof text, "Processing %u of %u (%u%%)...", done + g_skipped,
+                    g_runFrames + g_skipped, percent);
+      SetStatus(text);
+      std::snprintf(text, sizeof text, "%u%% - %s", percent, CaptionSuffix);
+      ToolFrameSetCaption(text);
+      ToolFrameSetProgress(ToolIdProgress, int(done >> g_progressShift));
+      FormatTime(uint32_t(uint64_t(elapsed) * (g_runFrames - std::min(done, g_runFrames)) / done), t,
+                 sizeof t);
+      ToolFrameSetText(VelmocIdRemaining, t);
+      if (w->TrackCount) {
+        const VelmoWriterTrack& k = w->Tracks[0];
+        const uint64_t ratio10 = k.OutputBytes ? uint64_t(k.InputBytes) * 10 / k.OutputBytes : 0;
+        std::snprintf(text, sizeof text, "%u hz, %u-bit, %s (%u.%01u to 1)", k.SampleRate,
+                      k.Bits, k.Channels == 2 ? "stereo" : "mono", uint32_t(ratio10 / 10),
+                      uint32_t(ratio10 % 10));
+        ToolFrameSetText(VelmocIdSound, text);
+      }
+    }
+    const uint64_t size = w->FileSize;
+    if (size != g_shownSize && done) {
+      g_shownSize = size;
+      const uint64_t projected = size * g_runFrames / done;
+      const uint64_t input = g_inputBytesPerFrame * g_runFrames + g_inputSoundBytes;
+      const uint64_t ratio10 = projected ? input * 10 / projected : 0;
+      std::snprintf(text, sizeof text, "Projecting: %llu bytes (%llu.%01llu to 1)",
+                    (unsigned long long)projected, (unsigned long long)(ratio10 / 10),
+                    (unsigned long long)(ratio10 % 10));
+      ToolFrameSetText(VelmocIdProjected, text);
+      const uint64_t rate = w->TotalFrames ? projected * w->FrameRateNumerator /
+                                                 (uint64_t(g_runFrames) * w->FrameRateDenominator)
+                                           : 0;
+      std::snprintf(text, sizeof text, "%llu bytes per second", (unsigned long long)rate);
+      ToolFrameSetText(VelmocIdRate, text);
+    }
+  }
+  AtomicAdd(&g_tickBusy, -1);
+}
+
+int WriterProgress(uint32_t kind, VelmoWriter* w, const char* text) {
+  const uint32_t graphics = w && w->UserData ? *static_cast<const uint32_t*>(w->UserData) : 0;
+  if (kind == VelmoProgressMessage) {
+    if (text[0] == '@') {
+      if ((graphics / 10000) % 10 & 1) return 0;
+      text++;
+    }
+    ToolFrameTell(text, 0);
+    return 0;
+  }
+  char line[256];
+  if (w && w->ProgressFrame < w->TotalFrames)
+    std::snprintf(line, sizeof line, "%s frame %u...", text, w->ProgressFrame + 1 + g_skipped);
+  else
+    std::snprintf(line, sizeof line, "%s...", text);
+  SetStatus(line);
+  return g_cancel ? 1 : 0;
+}
+
+// The media layer's messages: status lines, errors (kept for the open failure's box),
+// warnings, and yes/no questions such as "Treat as sequence?" (Yes is the default answer).
+char g_mediaError[1024] = "";
+
+int MediaProgress(const char* text, int level) {
+  if (level == MediaLevelCancel) return 1;
+  if (!text) return g_cancel ? 1 : 0;
+  if (level == MediaLevelQuestion) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
+  if (level == MediaLevelError) {
+    std::snprintf(g_mediaError, sizeof g_mediaError, "%s", text);
+    return 1;
+  }
+  if (text[0] == '@') text++;
+  // The read job calls this from its own thread: the status goes straight to the dialog.
+  if (level == MediaLevelWarning) ToolFrameTell(text, 0);
+  else ToolFrameSetText(ToolIdStatus, text);
+  return g_cancel ? 1 : 0;
+}
+
+bool FileExists(const char* name) {
+  BufferedFile* f = FileOpenRead(4096, name, FileModeReadOnly);
+  if (!f) return false;
+  FileClose(f);
+  return true;
+}
+
+// ---- The background read of the next frame -----------------------------------------------------
+
+// One job reads one frame with that frame's own filter values (the hint file may change them
+// frame by frame), so the job runs the media layer's frame call itself.
+struct ReadJob {
+  const VelmocSourceOps* ops;
+  VelmocSource* source;
+  uint32_t index;
+  MediaFrameArgs filters;
+  const uint32_t* pixels;
+  int32_t pitch;
+  bool ok;
+};
+
+uint32_t ReadJobEntry(void* argument) {
+  ReadJob* job = static_cast<ReadJob*>(argument);
+  job->ok = job->ops->filteredFrame
+                ? job->ops->filteredFrame(job->source, job->index, &job->filters, &job->pixels,
+                                          &job->pitch)
+                : job->ops->frame(job->source, job->index, &job->pixels, &job->pitch);
+  return 0;
+}
+
+struct ReadNext {
+  PlatformThread thread{};
+  bool started = false;
+  ReadJob job{};
+  void Start(uint32_t index, const MediaFrameArgs& filters) {
+    job.index = index;
+    job.filters = filters;
+    job.ok = false;
+    started = ThreadStart(&thread, ReadJobEntry, &job, 0, 0, 0, "Velmoc read");
+    if (!started) ReadJobEntry(&job);
+  }
+  void Join() {
+    if (started) ThreadJoin(&thread);
+    started = false;
+  }
+};
+
+const ToolControlDesc Controls[] = {
+    {VelmocIdInput, ToolControlText, "Input: "},
+    {VelmocIdOutput, ToolControlText, "Output: "},
+    {VelmocIdFormat, ToolControlText, "Video: "},
+    {VelmocIdSound, ToolControlText, "Sound: "},
+    {ToolIdStatus, ToolControlText, "Starting..."},
+    {ToolIdProgress, ToolControlProgress, ""},
+    {VelmocIdElapsed, ToolControlText, "Elapsed: "},
+    {VelmocIdRemaining, ToolControlText, "Remaining: "},
+    {VelmocIdProjected, ToolControlText, ""},
+    {VelmocIdRate, ToolControlText, "Rate: "},
+    {VelmocIdView, ToolControlButton, "&View"},
+    {ToolIdCancel, ToolControlButton, "&Cancel"},
+};
+const ToolDialogDesc Dialog = {"velmoc", CaptionSuffix, Controls,
+                               int(sizeof Controls / sizeof Controls[0])};
+struct Registrar {
+  Registrar() { VelmocRegisterDialog(); }
+} g_registrar;
+
+int SecondGenerationMissing() {
+  ToolFrameError("Velmo 2 compression (version 200 and up) is not part of this build yet. "
+                 "Use /v100 or /v101 for a Velmo 1 file.");
+  return ToolExitOutputError;
+}
+
+int SyntaxError() {
+  ToolFrameError(SyntaxText);
+  ToolFrameTell(SwitchListText, 0);
+  return ToolExitBadSwitches;
+}
+
+}  // namespace
+
+void VelmocRegisterDialog() { ToolDialogRegister(&Dialog); }
+
+// ---- Switches ------------------------------------------------------------------------------------
+
+bool VelmocParseSwitches(char* line, VelmocSettings* s) {
+  char scratch[1024];
+  SwitchText(line, '+', scratch, sizeof scratch, "");
+  if (SwitchText(line, '*', s->ExtraText, sizeof s->ExtraText, "")) {
+    if (std::strcmp(s->ExtraText, "-") == 0) {
+      std::snprintf(s->ExtraText, sizeof s->ExtraText, "%s", line);
+      TrimLine(s->ExtraText);
+    }
+    s->ExtraText[VelmoWriterMaxText - 1] = 0;
+    s->ExtraTextLength = uint32_t(std::strlen(s->ExtraText)) + 1;
+  }
+  bool ok = true;
+  s->DataRate = SwitchNumber(line, 'D', 0);
+  if (s->DataRate >= 201 && s->DataRate <= 999) ok = false;
+  int32_t mn = 3, md = 1;
+  if (SwitchFraction(line, 'M', &mn, &md, 3, 1)) {
+    if (md <= 0 || mn < md) ok = false;  // whole part below 1
+    else {
+      const int64_t times100 = int64_t(mn) * 100 / md;
+      if (times100 <= 1000) s->PeakSetting = uint32_t(times100);
+      else {
+        s->PeakSetting = uint32_t(std::min<int64_t>(int64_t(mn) / md, 0x7fffffff));
+        if (s->DataRate >= 1000 && s->PeakSetting < uint32_t(s->DataRate)) ok = false;
+      }
+    }
+  }
+  SwitchNumber(line, 'J', 100);
+  s->KeyPromotion = 100;
+  int32_t k = SwitchNumber(line, 'K', 0);
+  s->KeyInterval = k > 0 ? uint32_t(k) : 0x10000000;
+  s->PreviewFrames = uint32_t(SwitchNumber(line, 'P', 8));
+  s->TrackId = SwitchNumber(line, 'T', 0);
+  s->SoundLevel = SwitchNumber(line, 'L', 4);
+  if (s->SoundLevel < -1 || s->SoundLevel > 199) ok = false;
+  s->SoundRate = SwitchNumber(line, 'R', 0);
+  s->SoundBits = SwitchNumber(line, 'B', 0);
+  s->SoundChannels = SwitchNumber(line, 'C', 0);
+  s->Grayscale = SwitchFlag(line, 'I');
+  s->KeyRate = uint32_t(std::max(0, SwitchNumber(line, 'N', 0)));
+  // /Z stays on the line: the media layer reads it as well, as its open flags.
+  s->Graphics = uint32_t(std::max(0, SwitchPeekNumber(line, 'Z', 0)));
+  const int32_t u = SwitchNumber(line, 'U', 0);
+  s->Cpus = (u >= 1 && u <= 64) ? uint32_t(u) : 0;
+  s->VersionSwitch = uint32_t(SwitchNumber(line, 'V', 200));
+  const int32_t nits = SwitchNumber(line, '$', 10000);
+  s->Nits = uint32_t(std::clamp(nits, 80, 10000));
+  s->Overwrite = SwitchFlag(line, 'O');
+  SwitchText(line, '@', s->HintFile, sizeof s->HintFile, "");
+  // What is left are the video switches: range, rates, scaling, crop and filters. The frames
+  // are always true colour, so the palette bits of /Z are dropped.
+  MediaParseSwitches(line, &s->Media);
+  s->Media.open_flags &= ~uint32_t(MediaOpenPaletteMask);
+  s->StartFrame = s->Media.start;
+  s->EndFrame = s->Media.end;
+  s->ForceRateNum = s->Media.force_num;
+  s->ForceRateDen = s->Media.force_den;
+  s->AdjustRateNum = s->Media.adjust_num;
+  s->AdjustRateDen = s->Media.adjust_den;
+  if (SwitchesLeft(line)) ok = false;
+  TakeName(s->Input, sizeof s->Input, line);
+  TakeName(s->Output, sizeof s->Output, line);
+  if (!s->Input[0] || !s->Output[0]) ok = false;
+  // A switch-like output name is a switch this tool does not know.
+  if (s->Output[0] == '/' && !std::strchr(s->Output + 1, '/')) ok = false;
+  return ok;
+}
+
+uint32_t VelmocVersion(const VelmocSettings& s) {
+  uint32_t v = s.VersionSwitch & 1023;
+  if (v == 0) v = 200;
+  if (v >= 270) v = 200;
+  return v;
+}
+
+bool VelmocWantsHdr(const VelmocSettings& s) { return (s.VersionSwitch & 1023) >= 270; }
+
+uint32_t VelmocFlagWord(const VelmocSettings& s) {
+  const uint32_t v = s.VersionSwitch;
+  uint32_t slices = (v >> 11) & 7;
+  if (slices) slices--;
+  uint32_t flags = slices | (s.Grayscale ? 1u : 0u);
+  if (VelmocWantsHdr(s)) flags |= VelmoWriterHdr;
+  flags |= ((v >> 14) & 3) << 14;
+  flags |= ((v >> 16) & 3) << 24;
+  const uint32_t alpha = (s.Graphics / 1000) % 10;
+  if (alpha >= 1 && alpha <= 3) flags |= VelmoWriterAlpha;
+  if (!((s.Graphics / 10000) % 10 & 2)) flags |= VelmoWriterZeroAlphaWeight;
+  if (!(flags & VelmoWriterAlpha)) flags &= ~VelmoWriterZeroAlphaWeight;
+  return flags & VelmoWriterKeptFlags;
+}
+
+void VelmocDefaultExtension(char* name, size_t size, uint32_t version) {
+  const char* slash = std::strrchr(name, '/');
+  const char* dot = std::strrchr(slash ? slash : name, '.');
+  if (dot) return;
+  const size_t n = std::strlen(name);
+  std::snprintf(name + n, size - n, "%s", version < 200 ? ".vlm" : ".vm2");
+}
+
+// ---- Hint file ----------------------------------------------------------------------------------
+
+void VelmocApplyHintLine(const char* line, uint32_t runStart, uint32_t runFrames,
+                         uint32_t inputRate, VelmocHints* h) {
+  char cols[11][64];
+  int count = 0;
+  for (const char* p = line; *p && count < 11;) {
+    while (*p == ' ' || *p == '\t' || *p == '\r' || *p == '\n') p++;
+    if (!*p) break;
+    size_t n = 0;
+    while (p[n] && p[n] != ' ' && p[n] != '\t' && p[n] != '\r' && p[n] != '\n') n++;
+    std::snprintf(cols[count++], 64, "%.*s", int(std::min<size_t>(n, 63)), p);
+    p += n;
+  }
+  if (count < 2) return;
+  const int64_t last = int64_t(runStart) + runFrames;
+  int64_t start = std::strtoll(cols[0], nullptr, 10), end = std::strtoll(cols[1], nullptr, 10);
+  if (start < 0) start = last + 1 + start;
+  if (end < 0) end = last + 1 + end;
+  if (start > end) std::swap(start, end);
+  if (start <= 0 || start <= int64_t(runStart) || start > last) return;
+  end = std::min(end, last);
+  const size_t first = size_t(start - 1 - runStart), frames = size_t(end - start + 1);
+  auto has = [&](int i) { return i < count && std::strcmp(cols[i], "*") != 0; };
+  auto number = [&](int i) { return std::strtoll(cols[i], nullptr, 10); };
+  auto words = [&](std::vector<uint32_t>& t, uint32_t v) {
+    std::fill(t.begin() + long(first), t.begin() + long(first + frames), v);
+  };
+  // These three are byte-filled: each word reached repeats the value's low byte, and only the
+  // first quarter of the range is reached.
+  auto bytes = [&](std::vector<uint32_t>& t, uint32_t v) {
+    std::memset(reinterpret_cast<uint8_t*>(t.data() + first), int(v & 255), frames);
+  };
+  if (has(2)) {
+    int64_t rate = number(2);
+    if (rate >= 1 && rate <= 200) rate = int64_t(inputRate) * rate / 100;
+    words(h->Rate, uint32_t(rate));
+  }
+  if (has(3)) words(h->Peak, uint32_t(std::max(0.0, std::atof(cols[3]) * 100.0 + 0.5)));
+  if (has(4)) std::fill(h->Key.begin() + long(first), h->Key.begin() + long(first + frames), uint8_t(number(4) != 0));
+  if (has(5)) bytes(h->Contrast, uint32_t(number(5)));
+  if (has(6)) bytes(h->Smooth, uint32_t(number(6)));
+  if (has(7)) bytes(h->BlackClamp, uint32_t(number(7)));
+  if (has(8)) words(h->Bright, uint32_t(number(8)));
+  if (has(9)) {
+    const float g = float(std::atof(cols[9]));
+    if (std::fabs(g + 1.0f) > 0.0001f)
+      std::fill(h->Gamma.begin() + long(first), h->Gamma.begin() + long(first + frames), g);
+  }
+  if (has(10))
+    std::fill(h->Denoise.begin() + long(first), h->Denoise.begin() + long(first + frames), uint8_t(number(10)));
+}
+
+bool VelmocLoadHints(const char* path, uint32_t runStart, uint32_t runFrames, uint32_t inputRate,
+                     VelmocHints* h) {
+  h->Rate.assign(runFrames, VelmoRateUnset);
+  h->Peak.assign(runFrames, VelmoRateUnset);
+  h->Bright.assign(runFrames, 0);
+  h->Contrast.assign(runFrames, 0);
+  h->Smooth.assign(runFrames, 0);
+  h->BlackClamp.assign(runFrames, 0);
+  h->Gamma.assign(runFrames, -1.0f);
+  h->Key.assign(runFrames, 0);
+  h->Denoise.assign(runFrames, 0);
+  if (!path || !path[0]) return true;
+  const char* name = path[0] == '*' ? path + 1 : path;
+  BufferedFile* f = FileOpenRead(-0x10000, name, FileModeReadOnly);
+  if (!f) return false;
+  char line[128];
+  while (FileReadLine(f, line, sizeof line)) VelmocApplyHintLine(line, runStart, runFrames, inputRate, h);
+  FileClose(f);
+  return true;
+}
+
+// ---- The run ------------------------------------------------------------------------------------
+
+namespace {
+
+struct Run {
+  VelmocSettings s;
+  const VelmocSourceOps* ops = nullptr;
+  VelmocSource* source = nullptr;
+  VelmocSourceInfo info{};
+  VelmocHints hints;
+  VelmoWriter* writer = nullptr;
+  // The sound track, when the input has sound and /L asks for it. The writer frees the
+  // track's encoder at its close; whatever is left is freed here, after the writer is gone.
+  SoundInput* sound = nullptr;
+  VelmoWriterTrack track{};
+  uint32_t trackCount = 0;
+  ~Run() {
+    VelmoWriterTrackEnd(&track);
+    if (sound) SoundClose(sound);
+  }
+};
+
+void ResetRunState() {
+  g_finished = 0;
+  g_cancel = 0;
+  g_writer = nullptr;
+  g_shownFrames = ~0u;
+  g_shownSize = ~0ull;
+  g_lastStatus.clear();
+  g_mediaError[0] = 0;
+  g_startMs = g_lastElapsedMs = TimerMs();
+}
+
+int Finish(Run& r, int code) {
+  ToolFrameSetTimer(nullptr, 0);
+  g_finished = 1;
+  while (AtomicRead(&g_tickBusy)) ThreadSleep(1);
+  if (r.source) r.ops->close(r.source);
+  r.source = nullptr;
+  if (r.s.HintFile[0] == '*') FileDelete(r.s.HintFile + 1);
+  return code;
+}
+
+// The media layer works /F and /A into the rate it reports; a source that takes no switches
+// gets /F applied here.
+void OutputRate(const Run& r, uint32_t* num, uint32_t* den) {
+  *num = r.info.RateNumerator;
+  *den = r.info.RateDenominator;
+  if (!r.ops->openWith && r.s.ForceRateNum > 0 && r.s.ForceRateDen > 0) {
+    *num = uint32_t(r.s.ForceRateNum);
+    *den = uint32_t(r.s.ForceRateDen);
+  }
+}
+
+// The filter values of frame f: the hint file's, where it gives one, else the switches'.
+// Smoothing goes to both directions (vertical in the high half, horizontal in the low).
+MediaFrameArgs FrameFilters(const Run& r, uint32_t f) {
+  const MediaSwitches& m = r.s.Media;
+  const VelmocHints& h = r.hints;
+  auto pick = [f](const auto& table, uint32_t fallback) {
+    return f < table.size() && table[f] ? uint32_t(table[f]) : fallback;
+  };
+  MediaFrameArgs a{};
+  a.denoise = pick(h.Denoise, m.denoise);
+  a.smooth = pick(h.Smooth, m.smooth) * 0x1000100u;
+  a.contrast = pick(h.Contrast, m.contrast);
+  a.brightness = pick(h.Bright, m.brightness);
+  a.black_clamp = pick(h.BlackClamp, m.black_clamp);
+  a.gamma = m.gamma;
+  if (f < h.Gamma.size() && h.Gamma[f] > 0.0001f) a.gamma = 1.0 / double(h.Gamma[f]);
+  return a;
+}
+
+uint32_t ReadSound(void* source, void* buffer, uint32_t bytes) {
+  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
+}
+
+// The input's sound over the run's span: from the time of the run's first input frame for as
+// long as the run's frames last, as 16-bit samples (the hundreds of /B still ask for
+// normalising). The sound codec takes one or two channels at up to 65535 Hz; a sound beyond
+// that is asked for again within those bounds. No sound, or none that opens, leaves the run
+// without a track.
+void OpenSound(Run& r, uint32_t rateNum, uint32_t rateDen) {
+  const VelmocSettings& s = r.s;
+  if (uint32_t(s.SoundLevel) >= 200 || !r.info.HasSound || !rateNum || !rateDen) return;
+  const uint32_t inNum = r.info.InputRateNumerator ? r.info.InputRateNumerator : rateNum;
+  const uint32_t inDen = r.info.InputRateNumerator ? r.info.InputRateDenominator : rateDen;
+  const uint64_t startMs = uint64_t(r.info.SkippedFrames) * 1000 * inDen / inNum;
+  const uint64_t endMs = startMs + uint64_t(r.info.Frames) * 1000 * rateDen / rateNum;
+  if (startMs > 0xffffffffu || endMs > 0xffffffffu) return;
+  const uint32_t bits = uint32_t(std::max(0, s.SoundBits)) / 100 * 100 + 16;
+  uint32_t rate = uint32_t(std::max(0, s.SoundRate)), channels = uint32_t(std::max(0, s.SoundChannels));
+  const char* name = r.info.FileName[0] ? r.info.FileName : s.Input;
+  if (bits >= 100) SetStatus("Normalizing audio...");
+  SoundInput* sound = nullptr;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    sound = SoundOpen(name, rate, bits, channels, uint32_t(startMs), uint32_t(endMs), 0, 0, 0,
+                      nullptr);
+    if (!sound) return;
+    const bool rateOk = sound->rate >= 1 && sound->rate <= 65535;
+    const bool channelsOk = sound->channels == 1 || sound->channels == 2;
+    if (rateOk && channelsOk) break;
+    rate = rateOk ? sound->rate : std::clamp<uint32_t>(sound->rate, 8000, 48000);
+    channels = channelsOk ? sound->channels : 2;
+    SoundClose(sound);
+    sound = nullptr;
+  }
+  if (!sound) return;
+  VelmoWriterTrack& t = r.track;
+  t = VelmoWriterTrack{};
+  t.TrackId = uint32_t(s.TrackId);
+  t.SampleRate = sound->rate;
+  t.Bits = sound->bits;
+  t.Channels = sound->channels;
+  t.Source = sound;
+  t.ReadSamples = ReadSound;
+  if (!VelmoWriterTrackStart(&t, s.SoundLevel, r.info.Frames, rateNum, rateDen)) {
+    VelmoWriterTrackEnd(&t);
+    SoundClose(sound);
+    return;
+  }
+  r.sound = sound;
+  r.trackCount = 1;
+}
+
+int FrameLoop(Run& r) {
+  const VelmocSettings& s = r.s;
+  uint32_t rateNum = 0, rateDen = 0;
+  OutputRate(r, &rateNum, &rateDen);
+  const uint32_t version = VelmocVersion(s);
+  VelmoRateSettings rates{};
+  rates.DefaultRate = VelmoDefaultRate(VelmoGeneration(version), r.info.Width, r.info.Height,
+                                       rateNum, rateDen, r.info.Frames, r.info.InputBytes,
+                                       r.info.InputFrames);
+  rates.OverallRate = VelmoOverallRate(s.DataRate, rateNum, rateDen, r.info.InputBytes,
+                                       r.info.InputFrames);
+  rates.PeakSetting = s.PeakSetting;
+  rates.RateNumerator = rateNum;
+  rates.RateDenominator = rateDen;
+  const bool image = r.info.IsImage;
+
+  ReadNext next;
+  next.job = {r.ops, r.source, 0, MediaNoFilters, nullptr, 0, false};
+  next.Start(0, FrameFilters(r, 0));
+  for (uint32_t f = 0;; ++f) {
+    next.Join();
+    if (!next.job.ok || f >= r.info.Frames) break;
+    VelmoFrameHint hint;
+    hint.Rate = r.hints.Rate[f];
+    hint.Peak = r.hints.Peak[f];
+    hint.Key = r.hints.Key[f];
+    const VelmoFrameRate fr = VelmoFrameRateFor(rates, hint);
+    VelmoWriterAddFrame(r.writer, fr.TargetBytes, fr.PeakBytes, fr.IsKey != 0, next.job.pixels,
+                        next.job.pitch, false);
+    if (f + 1 < r.info.Frames) {
+      if (image) next.job.ok = true;  // a still gives the same picture again
+      else next.Start(f + 1, FrameFilters(r, f + 1));
+    }
+    VelmoWriterCommit(r.writer);
+    if (r.writer->Failed) {
+      next.Join();
+      ToolFrameError(TextDiskFull);
+      g_cancel = VelmoCancelKeep;
+      return ToolExitDiskWriteError;
+    }
+    if (g_cancel || f + 1 >= r.info.Frames) {
+      next.Join();
+      break;
+    }
+  }
+  return ToolExitDone;
+}
+
+}  // namespace
+
+int VelmocMain(char* commandTail, ToolDialog*) {
+  Run r;
+  ResetRunState();
+  if (!VelmocParseSwitches(commandTail, &r.s)) return SyntaxError();
+  // The second generation's encoder is not in this build; an HDR request still gets its input
+  // checked first, so that a non-HDR input hears why.
+  if (VelmocVersion(r.s) >= 200 && !VelmocWantsHdr(r.s)) return SecondGenerationMissing();
+  if (r.s.Cpus) PoolSetThreads(r.s.Cpus);
+  PoolStart();
+
+  // Input.
+  SetStatus("Opening input file...");
+  ToolFrameSetTimer(ProgressTick, 500);
+  r.ops = VelmocCurrentSource();
+  char error[256] = "";
+  const uint32_t first = r.s.StartFrame > 0 ? uint32_t(r.s.StartFrame - 1) : 0;
+  const uint32_t last = r.s.EndFrame > 0 ? uint32_t(r.s.EndFrame - 1) : ~0u;
+  SetStatus("Reading...");
+  if (r.ops->openWith) {
+    MediaSwitches media = r.s.Media;
+    media.open_flags |= MediaOpenAskSequence;
+    r.source = r.ops->openWith(r.s.Input, &media, MediaProgress, error, sizeof error);
+  } else {
+    r.source = r.ops->open(r.s.Input, first, last, error, sizeof error);
+  }
+  if (!r.source) {
+    char text[2400];
+    std::snprintf(text, sizeof text, "Couldn't open the input file '%s'.\n\n%s", r.s.Input,
+                  g_mediaError[0] ? g_mediaError : error);
+    ToolFrameError(text);
+    return Finish(r, ToolExitInputError);
+  }
+  r.ops->info(r.source, &r.info);
+  g_runFrames = r.info.Frames;
+  g_skipped = r.info.SkippedFrames;
+  const uint32_t inputRate = VelmoInputRate(r.info.RateNumerator, r.info.RateDenominator,
+                                            r.info.InputBytes, r.info.InputFrames, 100);
+  if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, g_skipped,
+                       r.info.Frames, inputRate, &r.hints)) {
+    ToolFrameError("Couldn't read the hint file.");
+    return Finish(r, ToolExitInputError);
+  }
+  {
+    uint32_t rateNum = 0, rateDen = 0;
+    OutputRate(r, &rateNum, &rateDen);
+    OpenSound(r, rateNum, rateDen);
+  }
+
+  // Output name and the overwrite question.
+  const uint32_t version = VelmocVersion(r.s);
+  VelmocDefaultExtension(r.s.Output, sizeof r.s.Output, version);
+  if (!r.s.Overwrite && FileExists(r.s.Output)) {
+    std::string q = std::string("File ") + r.s.Output + " exists, overwrite?";
+    if (ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) != 1) return Finish(r, ToolExitNoOverwrite);
+  }
+
+  // Alpha.
+  uint32_t flags = VelmocFlagWord(r.s);
+  if ((flags & VelmoWriterAlpha) && !r.info.HasAlpha) {
+    flags &= ~(VelmoWriterAlpha | VelmoWriterZeroAlphaWeight);
+    if (!((r.s.Graphics / 10000) % 10 & 1) &&
+        ToolFrameAsk("You asked to use the alpha channel, but the input file doesn't seem to have "
+                     "one.  Cancel the compression (if you don't cancel, Velmo will turn off "
+                     "alpha)?", ToolBoxDefaultSecond) == 1)
+      return Finish(r, ToolExitNoAlpha);
+  }
+  if (VelmocWantsHdr(r.s) && !r.info.IsHdr) {
+    ToolFrameError("You asked for HDR video conversion, but the input file isn't an HDR file "
+                   "itself. Just use normal Velmo 2 compression with non-HDR input files.");
+    return Finish(r, ToolExitNotHdr);
+  }
+  if (version >= 200) return Finish(r, SecondGenerationMissing());
+
+  // The writer.
+  uint32_t rateNum = 0, rateDen = 0;
+  OutputRate(r, &rateNum, &rateDen);
+  r.writer = VelmoWriterOpen(r.s.Output, flags, version, r.info.Width, r.info.Height,
+                             r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, r.s.KeyInterval,
+                             rateNum, rateDen, r.trackCount, r.trackCount ? &r.track : nullptr,
+                             r.s.PreviewFrames, r.s.Nits, nullptr,
+                             r.s.KeyRate, WriterProgress, &r.s.Graphics);
+  if (!r.writer) return Finish(r, ToolExitOutputError);
+  char text[1400];
+  std::snprintf(text, sizeof text, "Input: %s", r.s.Input);
+  ToolFrameSetText(VelmocIdInput, text);
+  std::snprintf(text, sizeof text, "Output: %s", r.s.Output);
+  ToolFrameSetText(VelmocIdOutput, text);
+  const uint32_t fps100 = uint32_t(uint64_t(r.writer->FrameRateNumerator) * 100 /
+                                   r.writer->FrameRateDenominator);
+  std::snprintf(text, sizeof text, "%u x %u, %u.%02u frames per second", r.info.Width,
+                r.info.Height, fps100 / 100, fps100 % 100);
+  ToolFrameSetText(VelmocIdFormat, text);
+  if (r.trackCount) {
+    std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", r.track.SampleRate, r.track.Bits,
+                  r.track.Channels == 2 ? "stereo" : "mono");
+    ToolFrameSetText(VelmocIdSound, text);
+  } else {
+    ToolFrameSetText(VelmocIdSound, "None.");
+  }
+  g_progressShift = 0;
+  while ((r.info.Frames >> g_progressShift) >= 65536) g_progressShift++;
+  ToolFrameSetProgressRange(ToolIdProgress, int(r.info.Frames >> g_progressShift));
+  g_inputBytesPerFrame = uint64_t(r.info.Width) * r.info.Height * 3;
+  g_inputSoundBytes = r.trackCount ? r.track.BytesLeft : 0;
+  g_writer = r.writer;
+
+  int code = FrameLoop(r);
+  Finish(r, code);
+  // The close encodes what the queue still holds (unless the run is discarded).
+  const uint32_t written = r.writer->FramesWritten + r.writer->QueuedFrames;
+  g_writer = nullptr;
+  const bool discard = g_cancel == VelmoCancelDiscard;
+  const uint64_t size = VelmoWriterClose(r.writer, discard);
+  if (code != ToolExitDone) return code;
+  // The last frames and the final tables reach the disk only at the close.
+  if (!discard && size == 0) {
+    ToolFrameError(TextDiskFull);
+    return ToolExitDiskWriteError;
+  }
+  if (g_cancel) return ToolExitCancelled;
+  std::snprintf(text, sizeof text, "%u total frames compressed.", written);
+  SetStatus(text);
+  char t[64];
+  FormatTime(TimerMs() - g_startMs, t, sizeof t);
+  std::snprintf(text, sizeof text, "Total time: %s", t);
+  ToolFrameSetText(VelmocIdElapsed, text);
+  ToolFrameSetText(VelmocIdRemaining, "Done!");
+  ToolFrameSetText(VelmocIdView, "&View");
+  const uint64_t input = g_inputBytesPerFrame * written + (r.trackCount ? r.track.BytesDone : 0);
+  const uint64_t ratio10 = size ? input * 10 / size : 0;
+  std::snprintf(text, sizeof text, "Final: %llu bytes (%llu.%01llu to 1)", (unsigned long long)size,
+                (unsigned long long)(ratio10 / 10), (unsigned long long)(ratio10 % 10));
+  ToolFrameSetText(VelmocIdProjected, text);
+  ToolFrameSetProgress(ToolIdProgress, int(r.info.Frames >> g_progressShift));
+  // The status line keeps the count of frames: "Done!" stands where the time left stood.
+  return ToolExitDone;
+}
+
+int VelmocCommand(int commandId, ToolDialog*) {
+  if (commandId == VelmocIdView) {
+    VelmoWriter* w = g_writer;
+    if (w && !g_finished) VelmoWriterFlush(w);
+    return 1;
+  }
+  if (commandId != ToolIdCancel) return 1;
+  if (g_finished) return 0;
+  if (!ToolFrameConfirmCancel("Cancel the compression?",
+                              "Velmo finished compressing successfully before you cancelled!",
+                              &g_finished))
+    return 1;
+  const int keep = ToolFrameAsk("Keep the frames that you've compressed so far?",
+                                ToolBoxThreeButtons | ToolBoxDefaultFirst);
+  if (g_finished) {
+    ToolFrameTell("Velmo finished compressing successfully before you cancelled!", 0);
+    return 1;
+  }
+  if (keep == 1) g_cancel = VelmoCancelKeep;
+  else if (keep == 0) {
+    g_cancel = VelmoCancelDiscard;
+    ToolFrameShowCancelling(ToolIdCancel);
+  }
+  if (VelmoWriter* w = g_writer) w->CancelRequested = g_cancel;
+  return 1;
+}

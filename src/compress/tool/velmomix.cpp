@@ -1,0 +1,355 @@
+// VelmoMix: switches, the sound input, output names, the run behind the tool shell, its
+// progress tick and the cancel dialog.
+#include "compress/tool/velmomix.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "host/bfile.h"
+#include "host/platform.h"
+#include "host/switches.h"
+#include "media/sound.h"
+#include "format/container.h"
+#include "format/container_bytes.h"
+
+namespace {
+
+const char SyntaxText[] =
+    "Syntax:  VelmoMix <Input Velmo File>[.VLM] <Input Sound File> <Output Velmo File>[.VLM] "
+    "[/Switches]\n\n"
+    "The sound file may be a wave, raw, FLAC, Ogg Vorbis, Velmo or list file; \"-\" removes the "
+    "track of /T. The input name may end in \"|offset\", the position of the Velmo data in a "
+    "larger file.";
+const char SwitchListText[] =
+    "Switches:\n"
+    "  /L#   sound level (0 lossless, 4 default, 99 lossy, -1 no sound; +100 older format)\n"
+    "  /T#   track ID (0)          /I#  sound track to read from the sound file (0)\n"
+    "  /N#   start frame; a negative number is a lead-in of silence in milliseconds\n"
+    "  /P    loop the sound if it is shorter than the video\n"
+    "  /F#.# override the output frame rate\n"
+    "  /R# /B# /C#  force the sound rate, bits, channels\n"
+    "  /S# /E#  start and end of the sound in milliseconds\n"
+    "  /Y#   raw sound input: 1 8-bit mono, 2 8-bit stereo, 3 16-bit mono, 4 16-bit stereo\n"
+    "  /D#   rate of the raw input (11025)   /K#  bytes to skip in the raw input\n"
+    "  /O    overwrite without asking";
+
+const char CaptionSuffix[] = "Velmo Audio Mixer";
+
+// The mixer's exit codes follow the compressor's table; 8004 is a failure inside the mixer.
+constexpr int ExitMixFailed = ToolExitNoAlpha;
+
+// ---- Run state shared with the timer and the dialog ------------------------------------------
+
+volatile int g_finished = 0;
+volatile uint32_t g_cancel = 0;
+volatile uint32_t g_tickBusy = 0;
+VelmoMixProgress* volatile g_progress = nullptr;
+uint32_t g_startMs = 0, g_lastElapsedMs = 0, g_shownFrames = ~0u, g_progressShift = 0;
+uint32_t g_statusPercent = ~0u;
+
+void FormatTime(uint32_t ms, char* out, size_t size) {
+  const uint32_t s = ms / 1000;
+  std::snprintf(out, size, "%u:%02u:%02u", s / 3600, s / 60 % 60, s % 60);
+}
+
+uint32_t Percent(uint32_t done, uint32_t total) {
+  return total ? uint32_t(uint64_t(done) * 100 / total) : 0;
+}
+
+// Every 500 ms on the dialog's thread: the two counters the mixer leaves.
+void ProgressTick(ToolDialog*) {
+  AtomicAdd(&g_tickBusy, 1);
+  VelmoMixProgress* p = g_progress;
+  if (p && !g_finished) {
+    char text[128];
+    const uint32_t now = TimerMs(), elapsed = now - g_startMs;
+    if (now - g_lastElapsedMs >= 1500) {
+      g_lastElapsedMs = now;
+      FormatTime(elapsed, text, sizeof text);
+      ToolFrameSetText(VelmoMixIdElapsed, text);
+    }
+    const uint32_t done = p->FramesDone, total = p->TotalFrames;
+    if (done != g_shownFrames && done) {
+      g_shownFrames = done;
+      std::snprintf(text, sizeof text, "%u%% - %s", Percent(done, total), CaptionSuffix);
+      ToolFrameSetCaption(text);
+      ToolFrameSetProgressRange(ToolIdProgress, int(total >> g_progressShift));
+      ToolFrameSetProgress(ToolIdProgress, int(done >> g_progressShift));
+      FormatTime(uint32_t(uint64_t(elapsed) * (total - std::min(done, total)) / done), text,
+                 sizeof text);
+      ToolFrameSetText(VelmoMixIdRemaining, text);
+    }
+  }
+  AtomicAdd(&g_tickBusy, -1);
+}
+
+// The mixer's reports: a label once a frame (the status line follows the percentage), and
+// messages in a box.
+int MixProgress(uint32_t kind, const char* text, void* user) {
+  if (kind == VelmoProgressMessage) {
+    ToolFrameTell(text, 0);
+    return 0;
+  }
+  const VelmoMixProgress* p = static_cast<const VelmoMixProgress*>(user);
+  const uint32_t frame = p->FramesDone + 1, total = p->TotalFrames;
+  while ((total >> g_progressShift) >= 65536) g_progressShift++;
+  const uint32_t percent = Percent(frame, total);
+  if (percent != g_statusPercent) {
+    g_statusPercent = percent;
+    char line[160];
+    std::snprintf(line, sizeof line, "%s frame %u of %u (%u%%)...", text, frame, total, percent);
+    ToolFrameSetText(ToolIdStatus, line);
+  }
+  return g_cancel ? 1 : 0;
+}
+
+// The sound layer's messages ("Normalizing audio...", errors, warnings).
+int SoundProgress(const char* text, int level) {
+  if (level == 3) return 1;
+  if (!text) return g_cancel ? 1 : 0;
+  if (level == 5) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
+  if (text[0] == '@') text++;
+  if (level == 2) {  // an error: shown, and the sound stops
+    ToolFrameTell(text, 0);
+    return 1;
+  }
+  if (level == 4) ToolFrameTell(text, 0);
+  else if (level == 1) ToolFrameSetText(ToolIdStatus, text);
+  return g_cancel ? 1 : 0;
+}
+
+// The tool's sound reads: plain, or looping (/P) when the sound is shorter than the video.
+uint32_t ReadSound(void* source, void* buffer, uint32_t bytes) {
+  return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
+}
+
+uint32_t ReadSoundLooping(void* source, void* buffer, uint32_t bytes) {
+  SoundInput* sound = static_cast<SoundInput*>(source);
+  uint8_t* out = static_cast<uint8_t*>(buffer);
+  uint32_t done = SoundRead(sound, out, bytes);
+  while (done < bytes) {
+    SoundRewind(sound);
+    const uint32_t more = SoundRead(sound, out + done, bytes - done);
+    if (!more) break;
+    done += more;
+  }
+  return done;
+}
+
+bool FileExists(const char* name) {
+  BufferedFile* f = FileOpenRead(4096, name, FileModeReadOnly);
+  if (!f) return false;
+  FileClose(f);
+  return true;
+}
+
+bool HasExtension(const char* name) {
+  const char* slash = std::strrchr(name, '/');
+  return std::strchr(slash ? slash : name, '.') != nullptr;
+}
+
+void AddExtension(char* name, size_t size, const char* extension) {
+  if (HasExtension(name)) return;
+  const size_t n = std::strlen(name);
+  std::snprintf(name + n, size - n, "%s", extension);
+}
+
+// "name|offset": the Velmo data stands `offset` bytes into the file. A bar that is not followed
+// by digits alone is part of the name.
+void SplitOffset(char* name, uint64_t* offset) {
+  *offset = 0;
+  char* bar = std::strrchr(name, '|');
+  if (!bar || !bar[1] || std::strspn(bar + 1, "0123456789") != std::strlen(bar + 1)) return;
+  *offset = std::strtoull(bar + 1, nullptr, 10);
+  *bar = 0;
+}
+
+const ToolControlDesc Controls[] = {
+    {VelmoMixIdInput, ToolControlText, "Input: "},
+    {VelmoMixIdSoundFile, ToolControlText, "Sound file: "},
+    {VelmoMixIdOutput, ToolControlText, "Output: "},
+    {VelmoMixIdSound, ToolControlText, "Sound: "},
+    {ToolIdStatus, ToolControlText, "Starting..."},
+    {ToolIdProgress, ToolControlProgress, ""},
+    {VelmoMixIdElapsed, ToolControlText, "Elapsed: "},
+    {VelmoMixIdRemaining, ToolControlText, "Remaining: "},
+    {VelmoMixIdFinal, ToolControlText, ""},
+    {ToolIdCancel, ToolControlButton, "&Cancel"},
+};
+const ToolDialogDesc Dialog = {"velmomix", CaptionSuffix, Controls,
+                               int(sizeof Controls / sizeof Controls[0])};
+struct Registrar {
+  Registrar() { VelmoMixRegisterDialog(); }
+} g_registrar;
+
+int SyntaxError() {
+  ToolFrameError(SyntaxText);
+  ToolFrameTell(SwitchListText, 0);
+  return ToolExitBadSwitches;
+}
+
+}  // namespace
+
+void VelmoMixRegisterDialog() { ToolDialogRegister(&Dialog); }
+
+// ---- Switches ------------------------------------------------------------------------------------
+
+bool VelmoMixParseSwitches(char* line, VelmoMixSettings* s) {
+  bool ok = true;
+  s->Level = SwitchNumber(line, 'L', 4);
+  if (s->Level != -1 && uint32_t(s->Level) >= 200) ok = false;
+  // The mixer's own letters first: /T and /I mean other things to the sound layer.
+  s->TrackId = uint32_t(SwitchNumber(line, 'T', 0));
+  s->SoundTrack = uint32_t(std::max(0, SwitchNumber(line, 'I', 0)));
+  s->Start = SwitchNumber(line, 'N', 0);
+  s->Loop = SwitchFlag(line, 'P');
+  int32_t num = 0, den = 0;
+  if (SwitchFraction(line, 'F', &num, &den, 0, 0)) {
+    if (num <= 0 || den <= 0) ok = false;
+    s->RateNumerator = uint32_t(std::max(num, 0));
+    s->RateDenominator = uint32_t(std::max(den, 0));
+  }
+  s->Overwrite = SwitchFlag(line, 'O');
+  SoundSwitches sound{};
+  if (!SoundParseSwitches(line, &sound)) ok = false;
+  s->SoundRate = sound.rate;
+  s->SoundBits = sound.bits;
+  s->SoundChannels = sound.channels;
+  s->StartMs = sound.start_ms;
+  s->EndMs = sound.end_ms;
+  s->Force = sound.force;
+  s->Skip = sound.skip;
+  if (SwitchesLeft(line)) ok = false;
+  TakeName(s->Input, sizeof s->Input, line);
+  TakeName(s->Sound, sizeof s->Sound, line);
+  TakeName(s->Output, sizeof s->Output, line);
+  if (!s->Input[0] || !s->Sound[0] || !s->Output[0]) ok = false;
+  SplitOffset(s->Input, &s->InputOffset);
+  return ok;
+}
+
+void VelmoMixInputExtension(char* name, size_t size) { AddExtension(name, size, ".vlm"); }
+
+void VelmoMixOutputExtension(char* name, size_t size, const char* input, uint64_t offset) {
+  uint32_t magic = 0;
+  if (BufferedFile* f = FileOpenRead(4096, input, FileModeReadOnly)) {
+    FileSeek(f, offset);
+    uint8_t bytes[4] = {};
+    if (FileRead(f, bytes, 4) == 4) magic = velmo_bytes::Load32(bytes);
+    FileClose(f);
+  }
+  AddExtension(name, size, MagicIsSecondGeneration(magic) ? ".vm2" : ".vlm");
+}
+
+// ---- The run ------------------------------------------------------------------------------------
+
+int VelmoMixMain(char* commandTail, ToolDialog*) {
+  g_finished = 0;
+  g_cancel = 0;
+  g_progress = nullptr;
+  g_shownFrames = ~0u;
+  g_statusPercent = ~0u;
+  g_progressShift = 0;
+  g_startMs = g_lastElapsedMs = TimerMs();
+
+  VelmoMixSettings s;
+  if (!VelmoMixParseSwitches(commandTail, &s)) return SyntaxError();
+
+  // The sound, as the compressor opens it: 16 bits, with the normalising level of /B.
+  const bool removal = std::strcmp(s.Sound, "-") == 0 || s.Level == -1;
+  SoundInput* sound = nullptr;
+  char text[2400];
+  if (!removal) {
+    ToolFrameSetText(ToolIdStatus, "Opening sound file...");
+    sound = SoundOpen(s.Sound, s.SoundRate, s.SoundBits / 100 * 100 + 16, s.SoundChannels,
+                      s.StartMs, s.EndMs, s.SoundTrack, s.Force, s.Skip, SoundProgress);
+    if (!sound) {
+      std::snprintf(text, sizeof text, "Couldn't open the sound file '%s'.", s.Sound);
+      ToolFrameError(text);
+      return ToolExitInputError;
+    }
+  }
+
+  VelmoMixInputExtension(s.Input, sizeof s.Input);
+  VelmoMixOutputExtension(s.Output, sizeof s.Output, s.Input, s.InputOffset);
+  if (!s.Overwrite && FileExists(s.Output)) {
+    const std::string q = std::string("File ") + s.Output + " exists, overwrite?";
+    if (ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) != 1) {
+      if (sound) SoundClose(sound);
+      return ToolExitNoOverwrite;
+    }
+  }
+
+  VelmoMixTrack track{};
+  track.TrackId = s.TrackId;
+  track.Level = s.Level;
+  if (sound) {
+    track.SampleRate = sound->rate;
+    track.Bits = s.SoundBits % 100 ? s.SoundBits % 100 : sound->bits;
+    track.Channels = sound->channels;
+    track.Source = sound;
+    track.ReadSamples = s.Loop ? ReadSoundLooping : ReadSound;
+  }
+
+  std::snprintf(text, sizeof text, "Input: %s", s.Input);
+  ToolFrameSetText(VelmoMixIdInput, text);
+  std::snprintf(text, sizeof text, "Sound file: %s", s.Sound);
+  ToolFrameSetText(VelmoMixIdSoundFile, text);
+  std::snprintf(text, sizeof text, "Output: %s", s.Output);
+  ToolFrameSetText(VelmoMixIdOutput, text);
+  if (sound)
+    std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", track.SampleRate, track.Bits,
+                  track.Channels > 1 ? "stereo" : "mono");
+  else
+    std::snprintf(text, sizeof text, "None.");
+  ToolFrameSetText(VelmoMixIdSound, text);
+
+  VelmoMixProgress progress{};
+  progress.Report = MixProgress;
+  progress.User = &progress;
+  g_progress = &progress;
+  ToolFrameSetTimer(ProgressTick, 500);
+  const uint64_t size = VelmoMixFile(s.Input, s.Output, s.InputOffset, s.RateNumerator,
+                                     s.RateDenominator, s.Start, 1, &track, &progress);
+  ToolFrameSetTimer(nullptr, 0);
+  g_finished = 1;
+  while (AtomicRead(&g_tickBusy)) ThreadSleep(1);
+  g_progress = nullptr;
+  if (sound) SoundClose(sound);
+
+  if (progress.Cancelled || (g_cancel && !size)) return ToolExitCancelled;
+  if (!size) return ExitMixFailed;  // the mixer has said why
+
+  const uint32_t frames = progress.FramesDone;
+  std::snprintf(text, sizeof text, "%u total frames mixed.", frames);
+  ToolFrameSetText(ToolIdStatus, text);
+  char t[64];
+  FormatTime(TimerMs() - g_startMs, t, sizeof t);
+  std::snprintf(text, sizeof text, "Total time: %s", t);
+  ToolFrameSetText(VelmoMixIdElapsed, text);
+  ToolFrameSetText(VelmoMixIdRemaining, "Done!");
+  const uint64_t input = uint64_t(progress.Width) * progress.Height * 3 * frames;
+  const uint64_t ratio10 = input * 10 / size;
+  std::snprintf(text, sizeof text, "Final: %llu bytes (%llu.%01llu to 1)",
+                (unsigned long long)size, (unsigned long long)(ratio10 / 10),
+                (unsigned long long)(ratio10 % 10));
+  ToolFrameSetText(VelmoMixIdFinal, text);
+  ToolFrameSetProgressRange(ToolIdProgress, 1);
+  ToolFrameSetProgress(ToolIdProgress, 1);
+  return ToolExitDone;
+}
+
+int VelmoMixCommand(int commandId, ToolDialog*) {
+  if (commandId != ToolIdCancel) return 1;
+  if (g_finished) return 0;
+  if (!ToolFrameConfirmCancel("Cancel the mixing?",
+                              "The mixer finished successfully before you cancelled!",
+                              &g_finished))
+    return 1;
+  g_cancel = 1;
+  ToolFrameShowCancelling(ToolIdCancel);
+  return 1;
+}
