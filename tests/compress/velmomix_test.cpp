@@ -230,6 +230,8 @@ TEST(VelmoMixCopy, RemovingAnAbsentTrackReproducesTheFile) {
       {200, VelmoFlagFullRange | VelmoFlagAlpha, "made by a test", 9, 3, {1, 2, 3}},
       {200, VelmoFlagHdr | VelmoFlagFullRange, "hdr", 5, 1, {}},
       {200, VelmoFlagColourMatrix | VelmoFlagFullRange, nullptr, 7, 2, {9}},
+      // Both bits: the HDR block stands alone, the matrix bit adds nothing.
+      {200, VelmoFlagHdr | VelmoFlagColourMatrix | VelmoFlagFullRange, "both", 6, 2, {4}},
   };
   for (const InputLayout& layout : layouts) {
     SCOPED_TRACE(layout.Version);

@@ -11,7 +11,6 @@
 #include "compress/tool/velmomix.h"
 #include "host/bfile.h"
 #include "format/container.h"
-#include "format/container_bytes.h"
 
 namespace {
 
@@ -117,29 +116,26 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
     progress->FramesDone = 0;
   }
 
-  // The extras block goes across unchanged. The HDR block and the colour matrix are added each
-  // by its own bit.
-  if (MagicHasExtras(header.Magic)) {
-    uint32_t size = ((header.Flags >> 22) & ~3u) + 4;
-    if (header.Flags & VelmoFlagHdr) size += VelmoHdrBlockSize;
-    if (header.Flags & VelmoFlagColourMatrix) size += VelmoColourMatrixSize;
-    m.Extras.resize(size);
-    if (FileRead(m.In, m.Extras.data(), size) != size) return m.Fail(VelmoTextHeaderReadError);
-  }
+  // The extras block goes across unchanged; its size follows the header's flags as the reader
+  // reads them.
+  m.Extras.resize(VelmoExtrasSize(header.Magic, header.Flags));
+  if (!m.Extras.empty() && FileRead(m.In, m.Extras.data(), m.Extras.size()) != m.Extras.size())
+    return m.Fail(VelmoTextHeaderReadError);
+  VelmoExtras extras{};
+  if (VelmoParseExtras(m.Extras.data(), m.Extras.size(), header.Magic, header.Flags, &extras))
+    return m.Fail(VelmoTextHeaderReadError);
 
   // The track tables and the frame index, in one read.
-  const size_t tableWords = size_t(inputTracks) * 3 + header.IndexFrames + 1;
-  std::vector<uint32_t> tables(tableWords);
-  {
-    std::vector<uint8_t> raw(tableWords * 4);
-    if (FileRead(m.In, raw.data(), raw.size()) != raw.size())
-      return m.Fail(VelmoTextHeaderReadError);
-    for (size_t i = 0; i < tableWords; ++i) tables[i] = velmo_bytes::Load32(&raw[i * 4]);
-  }
+  std::vector<uint8_t> tableBytes(VelmoTablesSize(inputTracks, header.IndexFrames));
+  VelmoTables tables{};
+  if (FileRead(m.In, tableBytes.data(), tableBytes.size()) != tableBytes.size() ||
+      VelmoOpenTables(tableBytes.data(), tableBytes.size(), inputTracks, header.IndexFrames,
+                      &tables))
+    return m.Fail(VelmoTextHeaderReadError);
   m.InputTracks.resize(inputTracks);
-  for (uint32_t t = 0; t < inputTracks; ++t)
-    m.InputTracks[t] = {tables[t], tables[inputTracks + t], tables[2 * inputTracks + t]};
-  m.Index.assign(tables.begin() + long(inputTracks) * 3, tables.end());
+  for (uint32_t t = 0; t < inputTracks; ++t) m.InputTracks[t] = VelmoTableTrack(tables, t);
+  m.Index.resize(size_t(header.IndexFrames) + 1);
+  for (uint32_t i = 0; i <= header.IndexFrames; ++i) m.Index[i] = VelmoTableFrameEntry(tables, i);
 
   // The record list: the input's tracks in their order, matched against the caller's list by
   // id, then the caller's tracks that matched none.
