@@ -4,6 +4,7 @@
 // tracks and the async slice service.
 #pragma once
 #include "host/platform.h"
+#include "decode/video_decoder.h"
 #include "format/frame_buffers.h"
 #include "velmo_io.h"
 #include "velmo.h"
@@ -84,8 +85,8 @@ struct VelmoState : VelmoHandle {
   uint64_t TablesOffset;
   uint32_t SliceScratchWords;   // u32 per slice's scratch (Stride / 4)
   uint32_t* SliceScratch;       // (slices - 1) strides, second generation only
-  uint32_t Velmo1Sizes[16];     // bundle sizes of the first-generation decoder
-  uint32_t HasVelmo1Sizes;
+  const VelmoVideoDecoder* Decoder;  // the generation's decoder; null: frames are not decoded
+  void* DecoderState;
 
   // Memory the handle owns.
   void* Block;                  // the planned block: rings, scratch, tracks, tables
@@ -181,17 +182,9 @@ void VelmoSoundRestart(VelmoState* h);  // off, clear the clock, on
 uint32_t VelmoTakeShare(VelmoState* h, uint32_t parts);
 
 // Hooks for the services that come later. Null while not installed.
-// The second-generation decoder: decodes slices [first, first + count) of the selected frame's
-// video section into the next frame buffer set; returns the decoder's figure.
-typedef uint32_t (*VelmoSliceDecoder)(VelmoState* h, const uint8_t* video, uint32_t videoSize,
-                                      uint32_t first, uint32_t count);
-// The second-generation end-of-frame pass over the slice seams.
-typedef void (*VelmoSeamPass)(VelmoState* h);
 // The async service's drain, called by VelmoClose while a slice is given away.
 typedef void (*VelmoAsyncDrain)(VelmoState* h);
 struct VelmoLaterServices {
-  VelmoSliceDecoder DecodeSecondGeneration;
-  VelmoSeamPass SecondGenerationSeams;
   VelmoAsyncDrain DrainAsync;
 };
 extern VelmoLaterServices VelmoServices;

@@ -1,7 +1,6 @@
 // Opening and closing a Velmo file: the process-wide error text and next-open settings, the
 // library's provider services, the in-memory provider, the planned memory of a handle and the
 // open and close sequences.
-#include "decode/velmo1_decoder.h"
 #include "host/cpu_features.h"
 #include "format/container.h"
 #include "reader/velmo_handle.h"
@@ -361,10 +360,6 @@ const char* PlanBlock(OpenJob& job) {
   h->SliceState.RowHeight = second ? slices.RowHeight : 0;
   h->SliceState.Stride = second ? (((h->Width + 31) / 8) & ~3u) + 4 : 0;
   h->SliceScratchWords = h->SliceState.Stride / 4;
-  if (!second) {
-    Velmo1BundleSizes(AlignUp<uint32_t>(h->Width, 16), h->Velmo1Sizes);
-    h->HasVelmo1Sizes = 1;
-  }
   return nullptr;
 }
 
@@ -480,6 +475,20 @@ const char* AllocateFrameBuffers(OpenJob& job) {
   return nullptr;
 }
 
+// The generation's decoder, for a handle that has frame buffers to decode into. A file of a
+// generation this build cannot decode still opens and walks; its picture stays as it is.
+const char* CreateDecoder(OpenJob& job) {
+  VelmoState* h = job.H;
+  if (!h->FrameBuffers) return nullptr;
+  const VelmoVideoDecoder* decoder = VelmoDecoderForTag(h->Magic);
+  if (!decoder) return nullptr;
+  const VelmoDecoderConfig config{h->Magic, h->FileFlags, h->Width, h->Height, h->OpenFlags};
+  h->DecoderState = decoder->Create(&config);
+  if (!h->DecoderState) return "Out of memory.";
+  h->Decoder = decoder;
+  return nullptr;
+}
+
 // Steps 15 and 16: the read buffer, or the whole frames area in memory.
 const char* SettleReading(OpenJob& job) {
   VelmoState* h = job.H;
@@ -555,6 +564,7 @@ void StartWalking(OpenJob& job) {
 }
 
 void FreeHandleMemory(VelmoState* h) {
+  if (h->DecoderState) h->Decoder->Destroy(h->DecoderState);
   AlignedFree(h->FrameBufferBlock);
   AlignedFree(h->Block);
   AlignedFree(h->ReadBuffer);
@@ -734,6 +744,7 @@ HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options, u
   if (const char* e = PlanBlock(job)) return FailOpen(h, e);
   if (const char* e = ReadTablesStep(job)) return FailOpen(h, e);
   if (const char* e = AllocateFrameBuffers(job)) return FailOpen(h, e);
+  if (const char* e = CreateDecoder(job)) return FailOpen(h, e);
   if (const char* e = SettleReading(job)) return FailOpen(h, e);
 
   h->FrameNum = 0xFFFFFFFFu;

@@ -1,7 +1,5 @@
 // The frame walk: selecting frames and reading their packets, keeping time (wait, skip, resync),
 // decoding a frame in slices, going to a frame, pausing, and the run's figures.
-#include "decode/velmo1_decoder.h"
-#include "host/cpu_features.h"
 #include "format/container.h"
 #include "reader/velmo_handle.h"
 #include "reader/velmo_sound.h"
@@ -9,7 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
-VelmoLaterServices VelmoServices = {nullptr, nullptr, nullptr};
+VelmoLaterServices VelmoServices = {nullptr};
 
 namespace {
 
@@ -66,20 +64,6 @@ void CheckProviderError(VelmoState* h) {
   if (failed && !h->ReadError) h->ReadError = failed;
 }
 
-// Both shares' flags of a first-generation frame: what to leave out for this share.
-uint32_t Velmo1ShareFlags(const VelmoState* h, uint32_t first, uint32_t count) {
-  uint32_t flags = h->OpenFlags;
-  if (first + count < 2) {
-    flags |= Velmo1SkipChroma;
-    flags &= ~uint32_t(Velmo1AlphaPlane);
-  } else {
-    flags &= ~uint32_t(Velmo1SkipChroma);
-  }
-  if (first != 0) flags |= Velmo1SkipLuma;
-  else flags &= ~uint32_t(Velmo1SkipLuma);
-  return flags;
-}
-
 void KeepHighest(volatile uint32_t* shadow, uint32_t value) {
   uint32_t seen = AtomicRead(shadow);
   while (value > seen && !AtomicCompareExchange(shadow, &seen, value)) {
@@ -88,18 +72,12 @@ void KeepHighest(volatile uint32_t* shadow, uint32_t value) {
 
 // Decodes the video of one share; returns true when a decoder ran.
 bool DecodeVideo(VelmoState* h, const VelmoPacketLayout& layout, uint32_t first, uint32_t count) {
+  if (!h->Decoder) return false;
   const uint8_t* video = h->FrameData + layout.VideoOffset;
   uint32_t result = 0;
-  if (MagicIsFirstGeneration(h->Magic)) {
-    const uint32_t flags = Velmo1ShareFlags(h, first, count);
-    if ((flags & Velmo1SkipLuma) && (flags & Velmo1SkipChroma)) return false;
-    result = Velmo1DecodeFrame(h->FrameBuffers, video, video + layout.VideoSize + 4,
-                               h->HasVelmo1Sizes ? h->Velmo1Sizes : nullptr, flags, h->FileFlags,
-                               h->Magic);
-  } else {
-    if (!ProcessorHas(CpuSSE2) || !VelmoServices.DecodeSecondGeneration) return false;
-    result = VelmoServices.DecodeSecondGeneration(h, video, layout.VideoSize, first, count);
-  }
+  if (!h->Decoder->DecodeSlices(h->DecoderState, h->FrameBuffers, video, layout.VideoSize, first,
+                                count, &result))
+    return false;
   KeepHighest(&h->DecodeResultShadow, result);
   return true;
 }
@@ -313,9 +291,8 @@ uint32_t VelmoDoFrame(HVELMO handle) {
 void VelmoEndFrame(HVELMO handle, uint32_t now) {
   if (!handle) return;
   VelmoState* h = VelmoStateOf(handle);
-  if (MagicIsSecondGeneration(h->Magic) && h->SliceState.Count > 1 && h->VideoOn &&
-      VelmoServices.SecondGenerationSeams)
-    VelmoServices.SecondGenerationSeams(h);
+  if (h->Decoder && h->Decoder->FinishFrame && h->VideoOn && h->VideoDecoded)
+    h->Decoder->FinishFrame(h->DecoderState, h->FrameBuffers);
   // The picture moves on only when a decoder wrote the next set.
   if (h->FrameBuffers && h->VideoDecoded && h->FrameBuffers->Count)
     h->FrameBuffers->Current = (h->FrameBuffers->Current + 1) % h->FrameBuffers->Count;

@@ -1,0 +1,36 @@
+// Video decoders behind one record of functions, one record per generation. The reader picks
+// the record by the file's tag when it opens a file and from then on calls only through it; a
+// decoder knows nothing of the reader's handle, only the picture it writes.
+#pragma once
+#include <cstdint>
+
+#include "format/frame_buffers.h"
+
+// What a decoder is created for.
+struct VelmoDecoderConfig {
+  uint32_t FileTag;    // the file's magic word
+  uint32_t FileFlags;  // the header's flag word
+  uint32_t Width, Height;
+  uint32_t OpenFlags;  // the reader's completed open flags (alpha, old revision, ...)
+};
+
+struct VelmoVideoDecoder {
+  const char* Name;
+  // A decoder for pictures of the configured size; null when out of memory or when this
+  // machine cannot run it.
+  void* (*Create)(const VelmoDecoderConfig* config);
+  // Decodes slices [first, first + count) of a frame's video section into the next picture of
+  // `picture`, reading the current one as the previous picture. `video` has `videoSize` bytes
+  // and four readable bytes behind them. Returns false when the share had nothing to decode;
+  // otherwise *figure gets the decoder's figure for the share.
+  bool (*DecodeSlices)(void* decoder, VelmoFrameBuffers* picture, const uint8_t* video,
+                       uint32_t videoSize, uint32_t first, uint32_t count, uint32_t* figure);
+  // After every share of a frame: passes that need the whole picture. May be null.
+  void (*FinishFrame)(void* decoder, VelmoFrameBuffers* picture);
+  void (*Destroy)(void* decoder);
+};
+
+// The decoder of a file tag's generation, or null when this build has none for it.
+const VelmoVideoDecoder* VelmoDecoderForTag(uint32_t fileTag);
+
+extern const VelmoVideoDecoder Velmo1VideoDecoder;
