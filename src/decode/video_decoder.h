@@ -20,8 +20,8 @@ struct VelmoVideoDecoder {
   // machine cannot run it.
   void* (*Create)(const VelmoDecoderConfig* config);
   // Decodes slices [first, first + count) of a frame's video section into the next picture of
-  // `picture`, reading the current one as the previous picture. `video` has `videoSize` bytes
-  // and four readable bytes behind them. Returns false when the share had nothing to decode;
+  // `picture`, reading the current one as the previous picture; nothing outside the `videoSize`
+  // bytes at `video` is read. Returns false when the share had nothing to decode;
   // otherwise *figure gets the decoder's figure for the share.
   bool (*DecodeSlices)(void* decoder, VelmoFrameBuffers* picture, const uint8_t* video,
                        uint32_t videoSize, uint32_t first, uint32_t count, uint32_t* figure);

@@ -1,6 +1,7 @@
 // Frame layout: the alpha size word, the chroma offset word, the old revisions' chaining,
 // partial decoding by the skip flags, and the change figure.
 #include "decode/velmo1_decoder.h"
+#include "decode/video_decoder.h"
 #include "velmo1_stream_builder.h"
 #include "velmo1_test_frames.h"
 
@@ -172,6 +173,36 @@ TEST(Velmo1Frame, SmallGivenBundleSizesAreRaised) {
   c.Decode(Section(false), 0, 0, TagVLMi, tiny);
   EXPECT_EQ(c.At(VelmoPlaneY, 24, 8), 80);
   EXPECT_EQ(c.At(VelmoPlaneCb, 8, 0), 4);
+}
+
+// The reader's record: the luma share, then the chroma share with alpha, give the picture of one
+// whole decode; the luma share alone leaves chroma and alpha, and the alpha open bit decides.
+TEST(Velmo1Frame, DecoderRecordSharesAddUpToTheWholeFrame) {
+  EXPECT_EQ(VelmoDecoderForTag(TagVLMi), &Velmo1VideoDecoder);
+  EXPECT_EQ(VelmoDecoderForTag('V' | 'M' << 8 | '2' << 16 | uint32_t('j') << 24), nullptr);
+  const std::vector<uint8_t> section = Section(true);
+  FrameCase whole;
+  whole.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
+
+  const VelmoDecoderConfig config{TagVLMi, Velmo1FileHasAlpha, 32, 16, Velmo1AlphaPlane};
+  void* decoder = Velmo1VideoDecoder.Create(&config);
+  ASSERT_NE(decoder, nullptr);
+  FrameCase shares;
+  uint32_t figure = 0;
+  const auto share = [&](uint32_t first, uint32_t count) {
+    return Velmo1VideoDecoder.DecodeSlices(decoder, &shares.F.Fb, section.data(),
+                                           uint32_t(section.size()), first, count, &figure);
+  };
+  ASSERT_TRUE(share(0, 1));
+  EXPECT_EQ(shares.At(VelmoPlaneY, 0, 0), 10);
+  EXPECT_EQ(shares.At(VelmoPlaneCr, 0, 0), Before);
+  EXPECT_EQ(shares.At(VelmoPlaneAlpha, 0, 0), Before);
+  ASSERT_TRUE(share(1, 1));
+  for (uint32_t p = 0; p < VelmoPlaneHdr; ++p)
+    for (uint32_t y = 0; y < shares.F.Height(p); ++y)
+      for (uint32_t x = 0; x < shares.F.Width(p); ++x)
+        ASSERT_EQ(shares.At(p, x, y), whole.At(p, x, y)) << p << " " << x << "," << y;
+  Velmo1VideoDecoder.Destroy(decoder);
 }
 
 }  // namespace
