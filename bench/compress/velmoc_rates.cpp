@@ -11,7 +11,7 @@
 #include <cstring>
 #include <vector>
 
-#include "compress/velmo_writer.h"
+#include "compress/frame_planes.h"
 #include "compress/tool/velmoc_source.h"
 #include "format/frame_buffers.h"
 #include "velmo.h"

@@ -6,6 +6,7 @@
 // by a per-plane cost model (in 1/256 bit) that is corrected from the real stream after each
 // frame.
 #pragma once
+#include "compress/video_encoder.h"
 #include "format/frame_buffers.h"
 
 #include <cstdint>
@@ -24,20 +25,6 @@ struct VelmoEncoderConfig {
   uint32_t Width, Height;  // picture size in pixels
   uint32_t Version;        // 100 to 199
   uint32_t Flags;          // VelmoEncode*
-};
-
-// One input frame at picture size: Y, Cr, Cb (at half size, rounded up), alpha.
-struct VelmoEncodeInput {
-  const uint8_t* Planes[4];  // indexed by VelmoPlaneY, Cr, Cb, Alpha; unused planes null
-  int32_t Pitches[4];
-  bool Key;                  // code without reference to the previous frame
-  // The run's cancel state, or null: reading 2 (stop now) before a stage ends the frame
-  // unwritten, and the encode returns false with the encoder's reference as it was.
-  const volatile uint32_t* Cancel;
-  // Called with each stage's progress label ("Compressing Y plane", "Allocating bandwidth",
-  // ...) before the stage runs; may be null.
-  void (*Stage)(void* context, const char* label);
-  void* StageContext;
 };
 
 struct VelmoEncodeResult {

@@ -1,18 +1,16 @@
-// The compressor's output writer: owns the temporary output file, a queue of preview frames
-// that the data-rate plan shares its bytes over, the frame index and the sound tracks. Frames
-// enter as 32-bit ARGB or float pixels, are converted to planes, wait in the queue, and are
-// encoded and written by the pump. Checkpoints rewrite the header and tables in place so that
-// the file on disk plays up to its last checkpoint while the run goes on; the close renames
-// the temporary file to the output name (or deletes it on discard).
+// The compressor's output writer: owns the temporary output file, the frame index and the sound
+// tracks. Coded frames come in from the frame loop; each is written behind its sound packets.
+// Checkpoints rewrite the header and tables in place so that the file on disk plays up to its
+// last checkpoint while the run goes on; the close renames the temporary file to the output name
+// (or deletes it on discard).
 //
-// This build writes the first generation (versions 100 to 199).
+// This build writes the first generation's header (versions 100 to 199).
 #pragma once
 #include <cstdint>
 #include <vector>
 
-#include "compress/velmo1_encoder.h"
-#include "host/bfile.h"
 #include "format/container.h"
+#include "host/bfile.h"
 
 // Writer flag bits (the flag word of VelmoWriterOpen).
 enum : uint32_t {
@@ -66,12 +64,6 @@ struct VelmoWriterTrack {
   uint32_t SilenceBytes;  // mixer: zero bytes yielded before the source
 };
 
-// One queued frame: its planes (aligned sizes, pitch = aligned width) and rate figures.
-struct VelmoQueueSlot {
-  std::vector<uint8_t> Planes[4];  // Y, Cr, Cb, alpha
-  uint32_t TargetBytes, PeakBytes, IsKey, Complexity;
-};
-
 struct VelmoWriter {
   uint64_t FileSize;
   uint32_t Failed;
@@ -80,22 +72,9 @@ struct VelmoWriter {
   char TemporaryPath[VelmoWriterPathBytes];
   uint32_t Width, Height, FrameRateNumerator, FrameRateDenominator, Flags, Version;
   std::vector<uint32_t> FrameIndex;   // TotalFrames + 1 entries
-  std::vector<uint64_t> FrameErrors;  // TotalFrames + 1 entries
-  uint32_t PlaneWidth, PlaneHeight, ChromaWidth, ChromaHeight;
-  uint32_t PreviewFrames;
   VelmoWriterTrack* Tracks;
   uint32_t TrackCount;
-  uint32_t KeyInterval;
-  int32_t KeyCountdown;
   BufferedFile* File;
-  uint32_t KeyFrameBytes;
-  // The queue: a ring of PreviewFrames + 1 slots so that the frame before the oldest queued
-  // one stays available for the complexity measure.
-  std::vector<VelmoQueueSlot> Ring;
-  uint32_t QueueStart, QueuedFrames;
-  uint32_t PreviousSlot;  // ring index of the last frame added, or ~0 before the first
-  int64_t CarryBytes;
-  VelmoEncoder* Encoder;
   uint32_t LargestFrame;
   char ExtraText[VelmoWriterMaxText];
   uint32_t ExtraTextLength;
@@ -114,43 +93,28 @@ struct VelmoWriter {
 
 // Opens "<path>.tmp", writes the header and empty tables. Null on failure (after telling it
 // through `progress`). `version` 100 to 199; the second generation is refused. `text` may be
-// null. `keyRate` is the /N rate in bytes per second (0 none). `colourBlock` must be null.
-// `tracks` (trackCount records, at most 256) are started by VelmoWriterTrackStart and stay the
-// caller's memory until the close; the writer frees their encoders at its close, and leaves
-// them to the caller when the open fails.
+// null. `colourBlock` must be null. `tracks` (trackCount records, at most 256) are started by
+// VelmoWriterTrackStart and stay the caller's memory until the close; the writer frees their
+// encoders at its close, and leaves them to the caller when the open fails.
 VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version, uint32_t width,
                              uint32_t height, uint32_t frames, uint32_t textLength,
-                             const char* text, uint32_t keyInterval, uint32_t rateNumerator,
-                             uint32_t rateDenominator, uint32_t trackCount,
-                             VelmoWriterTrack* tracks, uint32_t previewFrames, uint32_t inputNits,
-                             const int16_t* colourBlock, uint32_t keyRate,
-                             VelmoWriterProgressFn progress, void* userData);
+                             const char* text, uint32_t rateNumerator, uint32_t rateDenominator,
+                             uint32_t trackCount, VelmoWriterTrack* tracks, uint32_t inputNits,
+                             const int16_t* colourBlock, VelmoWriterProgressFn progress,
+                             void* userData);
 
-// Converts one frame (ARGB words, or four floats a pixel with `isFloat`) into the next queue
-// slot. `pitch` is signed bytes between display rows. False when the queue has no room.
-bool VelmoWriterAddFrame(VelmoWriter* writer, uint32_t targetBytes, uint32_t peakBytes,
-                         bool isKey, const void* pixels, int32_t pitch, bool isFloat);
-// Measures the slot's complexity and, when the queue is full or the input ends, encodes.
-void VelmoWriterCommit(VelmoWriter* writer);
-// Encodes the oldest slot (or all of them with `drainAll`) with budgets from the rate plan.
-void VelmoWriterPump(VelmoWriter* writer, bool drainAll);
+// Writes the next frame: each track's sound packet, then the coded video, booked in the index
+// as a key frame for a nonzero key result; a checkpoint follows when one is due. Returns the
+// bytes the rate plan counts as used: the whole frame, except that the first frame's sound,
+// the lead-in, is left out.
+uint32_t VelmoWriterWriteFrame(VelmoWriter* writer, const uint8_t* video, uint32_t size,
+                               uint32_t keyResult);
 // Rewrites header, tables and index for the frames written so far. False when the gate could
 // not be had within 250 ms (no error: the next checkpoint tries again).
 bool VelmoWriterCheckpoint(VelmoWriter* writer);
 // Checkpoint and flush to the disk.
 bool VelmoWriterFlush(VelmoWriter* writer);
 // Finishes (or with `discard` deletes) the file, renames it and frees the writer. Returns the
-// final file size; 0 when a write failed (the temporary file is then deleted).
+// final file size; 0 when a write failed (the temporary file is then deleted). Frames still
+// queued in a frame loop must be pumped before.
 uint64_t VelmoWriterClose(VelmoWriter* writer, bool discard);
-
-// Pixel conversion of one frame into planes (also used by tests): Y at luma pitch, Cr and Cb
-// from 2x2 sums at chroma pitch, alpha (may be null) from the top byte.
-struct VelmoPlaneTargets {
-  uint8_t* Y;
-  uint8_t* Cr;
-  uint8_t* Cb;
-  uint8_t* Alpha;
-  uint32_t LumaPitch, ChromaPitch;
-};
-void VelmoConvertPixels(const void* pixels, int32_t pitch, bool isFloat, uint32_t width,
-                        uint32_t height, bool fullRange, const VelmoPlaneTargets& out);

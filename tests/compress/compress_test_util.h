@@ -18,6 +18,8 @@
 
 #include "../audio/audio_test_util.h"
 #include "audio/velmo_audio.h"
+#include "compress/frame_loop.h"
+#include "compress/velmo_writer.h"
 
 namespace compress_test {
 
@@ -101,6 +103,53 @@ inline void WriteWave(const std::string& name, const std::vector<int16_t>& pcm, 
   std::memcpy(file.data() + 44, pcm.data(), data);
   WriteAll(name, file);
 }
+
+// A writer and its frame loop as the compressor drives them: generated pictures in, a file out.
+// Writer flags 0, 30 frames a second, no text.
+struct TestCompression {
+  VelmoWriter* Writer = nullptr;
+  VelmoFrameLoop* Loop = nullptr;
+  uint32_t Width = 0, Height = 0;
+
+  TestCompression() = default;
+  TestCompression(const TestCompression&) = delete;
+  TestCompression& operator=(const TestCompression&) = delete;
+  ~TestCompression() { Close(true); }
+
+  bool Open(const std::string& out, uint32_t version, uint32_t width, uint32_t height,
+            uint32_t frames, uint32_t preview, VelmoWriterProgressFn progress = nullptr,
+            void* user = nullptr, uint32_t trackCount = 0, VelmoWriterTrack* tracks = nullptr,
+            uint32_t rate = 30) {
+    Width = width;
+    Height = height;
+    Writer = VelmoWriterOpen(out.c_str(), 0, version, width, height, frames, 0, nullptr, rate, 1,
+                             trackCount, tracks, 10000, nullptr, progress, user);
+    if (Writer) Loop = VelmoFrameLoopOpen(Writer, preview, 0, 0);
+    return Loop != nullptr;
+  }
+  // Offers Picture(t); false when the queue had no room.
+  bool Add(uint32_t t, uint32_t targetBytes, uint32_t peakBytes) {
+    const std::vector<uint32_t> pic = Picture(Width, Height, t);
+    if (!VelmoFrameLoopAdd(Loop, targetBytes, peakBytes, false, pic.data(), int32_t(Width * 4),
+                           false))
+      return false;
+    VelmoFrameLoopCommit(Loop);
+    return true;
+  }
+  void Feed(uint32_t from, uint32_t to, uint32_t targetBytes = 3000, uint32_t peakBytes = 9000) {
+    for (uint32_t t = from; t < to; ++t) EXPECT_TRUE(Add(t, targetBytes, peakBytes));
+  }
+  // Codes what is queued (unless discarded or failed) and closes: the file's size, 0 if none.
+  uint64_t Close(bool discard) {
+    if (!Writer) return 0;
+    if (!discard && !Writer->Failed) VelmoFrameLoopPump(Loop, true);
+    VelmoFrameLoopFree(Loop);
+    Loop = nullptr;
+    const uint64_t size = VelmoWriterClose(Writer, discard);
+    Writer = nullptr;
+    return size;
+  }
+};
 
 }  // namespace compress_test
 

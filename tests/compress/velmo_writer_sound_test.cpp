@@ -98,22 +98,17 @@ Clip WriteClip(const std::string& out, uint32_t frames, uint32_t trackCount,
     EXPECT_TRUE(VelmoWriterTrackStart(&k, t ? 104 : 0, frames, 12, 1));
     r.TrackFlags[t] = k.TrackFlags;
   }
-  VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 101, 48, 32, frames, 0, nullptr, 0, 12, 1,
-                                   trackCount, r.Tracks, 4, 10000, nullptr, 0,
-                                   observed ? Watch : nullptr, observed);
-  EXPECT_NE(w, nullptr);
-  if (!w) return r;
+  compress_test::TestCompression c;
+  EXPECT_TRUE(c.Open(out, 101, 48, 32, frames, 4, observed ? Watch : nullptr, observed, trackCount,
+                     r.Tracks, 12));
+  if (!c.Writer) return r;
   if (observed) {
     observed->Path = out + ".tmp";
-    w->CheckpointBytes = 1;  // a checkpoint after every frame
-    w->NextCheckpointBytes = w->FileSize + 1;
+    c.Writer->CheckpointBytes = 1;  // a checkpoint after every frame
+    c.Writer->NextCheckpointBytes = c.Writer->FileSize + 1;
   }
-  for (uint32_t f = 0; f < frames; ++f) {
-    const std::vector<uint32_t> pic = Picture(48, 32, f);
-    EXPECT_TRUE(VelmoWriterAddFrame(w, 2000, 6000, false, pic.data(), 48 * 4, false));
-    VelmoWriterCommit(w);
-  }
-  r.Size = VelmoWriterClose(w, false);
+  c.Feed(0, frames, 2000, 6000);
+  r.Size = c.Close(false);
   for (uint32_t t = 0; t < trackCount; ++t) EXPECT_EQ(r.Tracks[t].Encoder, nullptr);
   return r;
 }
@@ -195,11 +190,11 @@ TEST(VelmoWriterSound, OpenRefusesTrackTablesItCannotWrite) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
   VelmoWriterTrack tracks[1]{};
-  EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 0, 24, 1, 1, nullptr, 4,
-                            10000, nullptr, 0, nullptr, nullptr),
+  EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 24, 1, 1, nullptr, 10000,
+                            nullptr, nullptr, nullptr),
             nullptr);
-  EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 0, 24, 1, 257, tracks, 4,
-                            10000, nullptr, 0, nullptr, nullptr),
+  EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 24, 1, 257, tracks, 10000,
+                            nullptr, nullptr, nullptr),
             nullptr);
   EXPECT_FALSE(compress_test::Exists(out + ".tmp"));
 }

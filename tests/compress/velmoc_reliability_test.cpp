@@ -34,6 +34,7 @@ using compress_test::Exists;
 using compress_test::Picture;
 using compress_test::ReadAll;
 using compress_test::ScratchDir;
+using compress_test::TestCompression;
 
 constexpr uint32_t W = 32, H = 24;
 
@@ -47,34 +48,25 @@ uint32_t HeaderFrames(const std::string& name) { return Load32(ReadAll(name), 8)
 
 int Quiet(uint32_t, VelmoWriter*, const char*) { return 0; }
 
-// A writer with a checkpoint after every frame.
-VelmoWriter* OpenEager(const std::string& out, uint32_t frames,
-                       VelmoWriterProgressFn progress = Quiet, void* user = nullptr) {
-  VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 101, W, H, frames, 0, nullptr, 0, 30, 1, 0,
-                                   nullptr, 2, 10000, nullptr, 0, progress, user);
-  if (w) {
-    w->CheckpointBytes = 1;
-    w->NextCheckpointBytes = w->FileSize + 1;
-  }
-  return w;
+// A writer with a checkpoint after every frame, and its frame loop (preview 2).
+bool OpenEager(TestCompression* c, const std::string& out, uint32_t frames,
+               VelmoWriterProgressFn progress = Quiet, void* user = nullptr) {
+  if (!c->Open(out, 101, W, H, frames, 2, progress, user)) return false;
+  c->Writer->CheckpointBytes = 1;
+  c->Writer->NextCheckpointBytes = c->Writer->FileSize + 1;
+  return true;
 }
 
-void Feed(VelmoWriter* w, uint32_t from, uint32_t to) {
-  for (uint32_t t = from; t < to; ++t) {
-    const std::vector<uint32_t> pic = Picture(W, H, t);
-    VelmoWriterAddFrame(w, 1500, 4500, false, pic.data(), int32_t(W * 4), false);
-    VelmoWriterCommit(w);
-  }
-}
+void Feed(TestCompression* c, uint32_t from, uint32_t to) { c->Feed(from, to, 1500, 4500); }
 
 // The child side of a forked run: one thread (the parent's pool workers are not in the child),
 // and no return into the test framework.
 [[noreturn]] void ChildRun(const std::string& out, uint32_t frames) {
   PoolSetThreads(1);
-  VelmoWriter* w = OpenEager(out, frames);
-  if (!w) _exit(2);
-  Feed(w, 0, frames);
-  _exit(VelmoWriterClose(w, false) ? 0 : 3);
+  TestCompression c;
+  if (!OpenEager(&c, out, frames)) _exit(2);
+  Feed(&c, 0, frames);
+  _exit(c.Close(false) ? 0 : 3);
 }
 
 // What a file claims and whether all of it is there: the reader library opens it with the
@@ -127,10 +119,10 @@ TEST(VelmoReliability, KilledAtEveryWriteThePartialFilePlays) {
   const std::string whole = dir / "whole.vlm";
   g_writes = 0;
   FileSetWriteFilter(CountingFilter);
-  VelmoWriter* w = OpenEager(whole, frames);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, frames);
-  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  TestCompression c;
+  ASSERT_TRUE(OpenEager(&c, whole, frames));
+  Feed(&c, 0, frames);
+  ASSERT_GT(c.Close(false), 0u);
   FileSetWriteFilter(nullptr);
   const uint32_t writes = g_writes;
   ASSERT_GE(writes, frames * 3) << "a checkpoint after each frame writes index, flags and counts";
@@ -169,10 +161,10 @@ TEST(VelmoReliability, KilledFromOutsideMidRunThenRunAgain) {
   const ScratchDir dir;
   const uint32_t frames = 400;  // far more than any kill below waits for
   const std::string whole = dir / "whole.vlm";
-  VelmoWriter* w = OpenEager(whole, frames);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 40);
-  VelmoWriterClose(w, false);
+  TestCompression c;
+  ASSERT_TRUE(OpenEager(&c, whole, frames));
+  Feed(&c, 0, 40);
+  c.Close(false);
   Velmo1FileCheck reference;
   ASSERT_EQ(Velmo1CheckOpen(whole.c_str(), &reference), nullptr);
   ASSERT_EQ(reference.Info.Header.Frames, 40u);
@@ -195,10 +187,9 @@ TEST(VelmoReliability, KilledFromOutsideMidRunThenRunAgain) {
     EXPECT_FALSE(Exists(out));
   }
   // The temporary file of a run that is gone does not stop the next run of that name.
-  w = OpenEager(out, 3);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 3);
-  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  ASSERT_TRUE(OpenEager(&c, out, 3));
+  Feed(&c, 0, 3);
+  ASSERT_GT(c.Close(false), 0u);
   EXPECT_FALSE(Exists(tmp));
   EXPECT_EQ(HeaderFrames(out), 3u);
 }
@@ -210,16 +201,16 @@ TEST(VelmoReliability, PreviewFlushesWhileTheRunWrites) {
   const ScratchDir dir;
   const uint32_t frames = 24;
   const std::string whole = dir / "whole.vlm", out = dir / "seen.vlm";
-  VelmoWriter* w = OpenEager(whole, frames);
-  ASSERT_NE(w, nullptr);
-  w->CheckpointBytes = 2000000;  // the run's own checkpoints as usual
-  Feed(w, 0, frames);
-  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  TestCompression c;
+  ASSERT_TRUE(OpenEager(&c, whole, frames));
+  c.Writer->CheckpointBytes = 2000000;  // the run's own checkpoints as usual
+  Feed(&c, 0, frames);
+  ASSERT_GT(c.Close(false), 0u);
   Velmo1FileCheck reference;
   ASSERT_EQ(Velmo1CheckOpen(whole.c_str(), &reference), nullptr);
 
-  w = OpenEager(out, frames);
-  ASSERT_NE(w, nullptr);
+  ASSERT_TRUE(OpenEager(&c, out, frames));
+  VelmoWriter* w = c.Writer;
   w->CheckpointBytes = 2000000;
   volatile uint32_t done = 0;
   uint32_t flushes = 0, checked = 0;
@@ -234,10 +225,10 @@ TEST(VelmoReliability, PreviewFlushesWhileTheRunWrites) {
       ThreadSleep(1);
     }
   });
-  Feed(w, 0, frames);
+  Feed(&c, 0, frames);
   AtomicStore(&done, 1);
   preview.join();
-  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  ASSERT_GT(c.Close(false), 0u);
   EXPECT_GT(flushes, 0u);
   EXPECT_TRUE(ReadAll(out) == ReadAll(whole));
 }
@@ -357,17 +348,17 @@ TEST(VelmoReliability, TwoRunsOnOneOutputNameLeaveEachOtherAlone) {
   // This process's run holds the name when the tool starts: the tool is refused before it
   // writes a byte, with the reasons of the message, and the first run finishes whole.
   Texts texts;
-  VelmoWriter* w = OpenEager(out, 6, Collect, &texts);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 3);
+  TestCompression c;
+  ASSERT_TRUE(OpenEager(&c, out, 6, Collect, &texts));
+  Feed(&c, 0, 3);
   const std::vector<uint8_t> before = ReadAll(tmp);
   EXPECT_EQ(RunTool("clip " + out + " /v101 /o", &told), ToolExitOutputError);
   EXPECT_NE(told.find("Couldn't create temporary file."), std::string::npos) << told;
   EXPECT_NE(told.find("3) compressing multiple files to the same Velmo output filename."),
             std::string::npos);
   EXPECT_TRUE(ReadAll(tmp) == before);
-  Feed(w, 3, 6);
-  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  Feed(&c, 3, 6);
+  ASSERT_GT(c.Close(false), 0u);
   EXPECT_TRUE(texts.empty());
   Velmo1FileCheck check;
   ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
@@ -380,17 +371,18 @@ TEST(VelmoReliability, TwoRunsOnOneOutputNameLeaveEachOtherAlone) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     PoolSetThreads(1);
-    VelmoWriter* cw = OpenEager(out, 8);
-    if (!cw) _exit(2);
-    Feed(cw, 0, 4);
+    TestCompression cw;
+    if (!OpenEager(&cw, out, 8)) _exit(2);
+    Feed(&cw, 0, 4);
     for (uint32_t start = TimerMs(); !Exists(go) && TimerMs() - start < 20000;) ThreadSleep(1);
-    Feed(cw, 4, 8);
-    _exit(VelmoWriterClose(cw, false) ? 0 : 3);
+    Feed(&cw, 4, 8);
+    _exit(cw.Close(false) ? 0 : 3);
   }
   for (uint32_t start = TimerMs(); HeaderFrames(tmp) < 2 && TimerMs() - start < 20000;)
     ThreadSleep(1);
   texts.clear();
-  EXPECT_EQ(OpenEager(out, 6, Collect, &texts), nullptr);
+  TestCompression refused;
+  EXPECT_FALSE(OpenEager(&refused, out, 6, Collect, &texts));
   ASSERT_EQ(texts.size(), 1u);
   EXPECT_EQ(texts[0].rfind("Couldn't create temporary file.", 0), 0u);
   compress_test::WriteText(go, "go");

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "compress/tool/velmo1_file_check.h"
+#include "compress/frame_planes.h"
 #include "compress/velmo_writer.h"
 #include "compress/tool/velmoc.h"
 #include "compress/tool/velmoc_source.h"
@@ -24,6 +25,7 @@ namespace {
 using compress_test::Exists;
 using compress_test::Picture;
 using compress_test::ScratchDir;
+using compress_test::TestCompression;
 
 bool Parse(const char* text, VelmocSettings* s) {
   std::vector<char> line(text, text + std::strlen(text) + 1);
@@ -256,37 +258,29 @@ int LogProgress(uint32_t kind, VelmoWriter* w, const char* text) {
   return 0;
 }
 
-VelmoWriter* OpenWriter(const std::string& out, uint32_t frames, WriterLog* log) {
-  return VelmoWriterOpen(out.c_str(), 0, 100, 64, 48, frames, 0, nullptr, 0, 30, 1, 0, nullptr, 2,
-                         10000, nullptr, 0, LogProgress, log);
-}
-
-void Feed(VelmoWriter* w, uint32_t from, uint32_t to) {
-  for (uint32_t t = from; t < to; ++t) {
-    std::vector<uint32_t> pic = Picture(w->Width, w->Height, t);
-    ASSERT_TRUE(VelmoWriterAddFrame(w, 3000, 9000, false, pic.data(), int32_t(w->Width * 4), false));
-    VelmoWriterCommit(w);
-  }
+// The writer and its frame loop at 64 x 48, version 100, preview 2; messages go to `log`.
+bool OpenWriter(TestCompression* c, const std::string& out, uint32_t frames, WriterLog* log,
+                uint32_t preview = 2, VelmoWriterProgressFn progress = LogProgress) {
+  return c->Open(out, 100, 64, 48, frames, preview, progress, log);
 }
 
 TEST(VelmoWriterFile, CancelKeepsOrDiscards) {
   const ScratchDir dir;
   const std::string kept = dir / "kept.vlm", dropped = dir / "dropped.vlm";
   WriterLog log;
-  VelmoWriter* w = OpenWriter(kept, 30, &log);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 7);
-  VelmoWriterClose(w, false);  // keep: what was fed, queue included
+  TestCompression c;
+  ASSERT_TRUE(OpenWriter(&c, kept, 30, &log));
+  c.Feed(0, 7);
+  c.Close(false);  // keep: what was fed, queue included
   Velmo1FileCheck check;
   ASSERT_EQ(Velmo1CheckOpen(kept.c_str(), &check), nullptr);
   EXPECT_EQ(check.Info.Header.Frames, 7u);
   EXPECT_EQ(check.Info.Header.IndexFrames, 30u);
   EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 7u);
 
-  w = OpenWriter(dropped, 30, &log);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 7);
-  VelmoWriterClose(w, true);
+  ASSERT_TRUE(OpenWriter(&c, dropped, 30, &log));
+  c.Feed(0, 7);
+  c.Close(true);
   EXPECT_FALSE(Exists(dropped));
   EXPECT_FALSE(Exists(dropped + ".tmp"));
   EXPECT_TRUE(log.empty());
@@ -312,21 +306,16 @@ TEST(VelmoWriterFile, CancelStatesStopTheCoding) {
     SCOPED_TRACE(state);
     const std::string out = dir / ("c" + std::to_string(state) + ".vlm");
     CancelAt cancel{4, state, 0};
-    VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 100, 64, 48, 12, 0, nullptr, 0, 30, 1, 0,
-                                     nullptr, 3, 10000, nullptr, 0, CancelProgress, &cancel);
-    ASSERT_NE(w, nullptr);
+    TestCompression c;
+    ASSERT_TRUE(c.Open(out, 100, 64, 48, 12, 3, CancelProgress, &cancel));
     // Frames offered after the cancel wait in the queue until it is full.
     uint32_t offered = 0;
-    for (; offered < 12; ++offered) {
-      const std::vector<uint32_t> pic = Picture(64, 48, offered);
-      if (!VelmoWriterAddFrame(w, 3000, 9000, false, pic.data(), 64 * 4, false)) break;
-      VelmoWriterCommit(w);
-    }
+    while (offered < 12 && c.Add(offered, 3000, 9000)) ++offered;
     EXPECT_EQ(offered, 7u);  // the four written and a full queue of three
-    EXPECT_EQ(w->CancelRequested, state);
-    EXPECT_EQ(w->FramesWritten, 4u);
+    EXPECT_EQ(c.Writer->CancelRequested, state);
+    EXPECT_EQ(c.Writer->FramesWritten, 4u);
     EXPECT_EQ(cancel.Calls, 1u) << "the frame after the cancel is not started again";
-    VelmoWriterClose(w, false);
+    c.Close(false);  // the cancel holds: the queue is not coded
     Velmo1FileCheck check;
     ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
     EXPECT_EQ(check.Info.Header.Frames, 4u);
@@ -347,21 +336,22 @@ TEST(VelmoWriterFile, CheckpointGates) {
     if (b.size() >= 12) std::memcpy(&frames, b.data() + 8, 4);
     return frames;
   };
-  VelmoWriter* w = OpenWriter(out, 30, &log);
-  ASSERT_NE(w, nullptr);
+  TestCompression c;
+  ASSERT_TRUE(OpenWriter(&c, out, 30, &log));
+  VelmoWriter* w = c.Writer;
   EXPECT_EQ(w->NextCheckpointBytes, w->FileSize + 2000000);
   EXPECT_NEAR(double(w->NextCheckpointTime - TimerMs()), 60000.0, 5000.0);
-  Feed(w, 0, 5);
+  c.Feed(0, 5);
   EXPECT_EQ(onDisk(), ~0u) << "no checkpoint yet: the header still waits in the buffer";
   w->NextCheckpointTime = TimerMs();  // the clock gate is due
-  Feed(w, 5, 6);
+  c.Feed(5, 6);
   EXPECT_EQ(onDisk(), w->FramesWritten);
   EXPECT_EQ(w->NextCheckpointBytes, w->FileSize + 2000000);
   const uint32_t byTime = w->FramesWritten;
-  Feed(w, 6, 8);
+  c.Feed(6, 8);
   EXPECT_EQ(onDisk(), byTime);
   w->NextCheckpointBytes = w->FileSize + 1;  // the byte gate is due at the next frame
-  Feed(w, 8, 9);
+  c.Feed(8, 9);
   EXPECT_EQ(onDisk(), w->FramesWritten);
   EXPECT_NEAR(double(w->NextCheckpointTime - TimerMs()), 60000.0, 5000.0);
   // The work thread is inside a group of writes: the checkpoint waits 250 ms, then gives up.
@@ -372,7 +362,6 @@ TEST(VelmoWriterFile, CheckpointGates) {
   EXPECT_EQ(w->CheckpointGate, 0u);
   AtomicAdd(&w->WriteGate, -1);
   EXPECT_TRUE(VelmoWriterFlush(w));
-  VelmoWriterClose(w, true);
 }
 
 // The last input frame drains the whole queue in one pump, also when it fills the queue.
@@ -381,12 +370,11 @@ TEST(VelmoWriterFile, LastFrameDrainsTheQueue) {
   WriterLog log;
   for (const uint32_t frames : {1u, 2u, 3u, 5u}) {  // preview 2: the last one fills it, or not
     SCOPED_TRACE(frames);
-    VelmoWriter* w = OpenWriter(dir / "d.vlm", frames, &log);
-    ASSERT_NE(w, nullptr);
-    Feed(w, 0, frames);
-    EXPECT_EQ(w->FramesWritten, frames);
-    EXPECT_EQ(w->QueuedFrames, 0u);
-    VelmoWriterClose(w, true);
+    TestCompression c;
+    ASSERT_TRUE(OpenWriter(&c, dir / "d.vlm", frames, &log));
+    c.Feed(0, frames);
+    EXPECT_EQ(c.Writer->FramesWritten, frames);
+    EXPECT_EQ(c.Loop->QueuedFrames, 0u);
   }
 }
 
@@ -398,10 +386,10 @@ TEST(VelmoWriterFile, FailedRenameAndOverwriteAreTold) {
   mkdir(busy.c_str(), 0700);
   const std::string inside = busy + "/x";
   std::fclose(std::fopen(inside.c_str(), "w"));
-  VelmoWriter* w = OpenWriter(busy, 3, &log);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 3);
-  VelmoWriterClose(w, false);
+  TestCompression c;
+  ASSERT_TRUE(OpenWriter(&c, busy, 3, &log));
+  c.Feed(0, 3);
+  c.Close(false);
   ASSERT_EQ(log.size(), 1u);
   EXPECT_EQ(log[0], "Velmo couldn't overwrite, '" + busy +
                                  "', so the new Velmo file is called: '" + busy + ".tmp'.");
@@ -410,18 +398,45 @@ TEST(VelmoWriterFile, FailedRenameAndOverwriteAreTold) {
   log.clear();
   const std::string sub = dir / "sub";
   mkdir(sub.c_str(), 0700);
-  w = OpenWriter(sub + "/gone.vlm", 2, &log);
-  ASSERT_NE(w, nullptr);
-  Feed(w, 0, 2);
+  ASSERT_TRUE(OpenWriter(&c, sub + "/gone.vlm", 2, &log));
+  c.Feed(0, 2);
   ASSERT_EQ(std::rename((sub + "/gone.vlm.tmp").c_str(), (dir / "moved.tmp").c_str()), 0);
-  VelmoWriterClose(w, false);
+  c.Close(false);
   ASSERT_EQ(log.size(), 1u);
   EXPECT_EQ(log[0], "Velmo couldn't rename the temporary file.");
   // No temporary file can be made in a missing folder.
   log.clear();
-  EXPECT_EQ(OpenWriter(dir / "none/x.vlm", 2, &log), nullptr);
+  EXPECT_FALSE(OpenWriter(&c, dir / "none/x.vlm", 2, &log));
   ASSERT_EQ(log.size(), 1u);
   EXPECT_EQ(log[0].rfind("Couldn't create temporary file.", 0), 0u);
+}
+
+// The writer takes coded frames from any encoder: each one's bytes land as given, and every
+// nonzero key result (a key frame as asked, or one the encoder promoted) is a key in the index.
+TEST(VelmoWriterFile, CodedFramesAndTheirKeyResults) {
+  const ScratchDir dir;
+  const std::string out = dir / "coded.vlm";
+  VelmoWriter* w = VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 3, 0, nullptr, 30, 1, 0, nullptr,
+                                   10000, nullptr, nullptr, nullptr);
+  ASSERT_NE(w, nullptr);
+  const uint32_t results[3] = {VelmoCodedKey, VelmoCodedInter, VelmoCodedPromoted};
+  std::vector<std::vector<uint8_t>> frames;
+  for (uint32_t f = 0; f < 3; ++f) {
+    frames.emplace_back(12 + 4 * f, uint8_t(0x40 + f));
+    EXPECT_EQ(VelmoWriterWriteFrame(w, frames[f].data(), uint32_t(frames[f].size()), results[f]),
+              frames[f].size());
+  }
+  EXPECT_EQ(VelmoWriterWriteFrame(w, frames[0].data(), 4, VelmoCodedKey), 0u) << "index full";
+  ASSERT_GT(VelmoWriterClose(w, false), 0u);
+  Velmo1FileCheck check;
+  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  ASSERT_EQ(check.Info.Header.Frames, 3u);
+  for (uint32_t f = 0; f < 3; ++f) {
+    EXPECT_EQ(VelmoEntryIsKey(check.Offsets[f]), f != 1) << f;
+    const uint64_t at = VelmoEntryOffset(check.Offsets[f]);
+    EXPECT_EQ(VelmoEntryOffset(check.Offsets[f + 1]) - at, frames[f].size());
+    EXPECT_TRUE(std::equal(frames[f].begin(), frames[f].end(), check.Bytes.begin() + long(at)));
+  }
 }
 
 TEST(VelmoWriterPixels, IntegerMatricesOnGreyAndPrimaries) {

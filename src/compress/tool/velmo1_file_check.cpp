@@ -77,7 +77,7 @@ uint32_t Velmo1CheckDecode(const Velmo1FileCheck& file, Velmo1CheckFrameFn frame
 
 #include <cmath>
 
-#include "compress/velmo_writer.h"
+#include "compress/frame_planes.h"
 #include "compress/tool/velmoc_source.h"
 
 namespace {

@@ -10,6 +10,7 @@
 
 #include "compress/rate_plan.h"
 #include "compress/velmo_sound_track.h"
+#include "compress/frame_loop.h"
 #include "compress/velmo_writer.h"
 #include "compress/tool/velmoc_source.h"
 #include "host/bfile.h"
@@ -430,6 +431,7 @@ struct Run {
   VelmocSourceInfo info{};
   VelmocHints hints;
   VelmoWriter* writer = nullptr;
+  VelmoFrameLoop* loop = nullptr;
   // The sound track, when the input has sound and /L asks for it. The writer frees the
   // track's encoder at its close; whatever is left is freed here, after the writer is gone.
   SoundInput* sound = nullptr;
@@ -571,13 +573,13 @@ int FrameLoop(Run& r) {
     hint.Peak = r.hints.Peak[f];
     hint.Key = r.hints.Key[f];
     const VelmoFrameRate fr = VelmoFrameRateFor(rates, hint);
-    VelmoWriterAddFrame(r.writer, fr.TargetBytes, fr.PeakBytes, fr.IsKey != 0, next.job.pixels,
+    VelmoFrameLoopAdd(r.loop, fr.TargetBytes, fr.PeakBytes, fr.IsKey != 0, next.job.pixels,
                         next.job.pitch, false);
     if (f + 1 < r.info.Frames) {
       if (image) next.job.ok = true;  // a still gives the same picture again
       else next.Start(f + 1, FrameFilters(r, f + 1));
     }
-    VelmoWriterCommit(r.writer);
+    VelmoFrameLoopCommit(r.loop);
     if (r.writer->Failed) {
       next.Join();
       ToolFrameError(TextDiskFull);
@@ -671,11 +673,15 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   uint32_t rateNum = 0, rateDen = 0;
   OutputRate(r, &rateNum, &rateDen);
   r.writer = VelmoWriterOpen(r.s.Output, flags, version, r.info.Width, r.info.Height,
-                             r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, r.s.KeyInterval,
-                             rateNum, rateDen, r.trackCount, r.trackCount ? &r.track : nullptr,
-                             r.s.PreviewFrames, r.s.Nits, nullptr,
-                             r.s.KeyRate, WriterProgress, &r.s.Graphics);
+                             r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, rateNum, rateDen,
+                             r.trackCount, r.trackCount ? &r.track : nullptr, r.s.Nits, nullptr,
+                             WriterProgress, &r.s.Graphics);
   if (!r.writer) return Finish(r, ToolExitOutputError);
+  r.loop = VelmoFrameLoopOpen(r.writer, r.s.PreviewFrames, r.s.KeyInterval, r.s.KeyRate);
+  if (!r.loop) {
+    VelmoWriterClose(r.writer, true);
+    return Finish(r, ToolExitOutputError);
+  }
   char text[1400];
   std::snprintf(text, sizeof text, "Input: %s", r.s.Input);
   ToolFrameSetText(VelmocIdInput, text);
@@ -702,10 +708,12 @@ int VelmocMain(char* commandTail, ToolDialog*) {
 
   int code = FrameLoop(r);
   Finish(r, code);
-  // The close encodes what the queue still holds (unless the run is discarded).
-  const uint32_t written = r.writer->FramesWritten + r.writer->QueuedFrames;
+  // What the queue still holds is encoded before the close (unless the run is discarded).
+  const uint32_t written = r.writer->FramesWritten + r.loop->QueuedFrames;
   g_writer = nullptr;
   const bool discard = g_cancel == VelmoCancelDiscard;
+  if (!discard && !r.writer->Failed) VelmoFrameLoopPump(r.loop, true);
+  VelmoFrameLoopFree(r.loop);
   const uint64_t size = VelmoWriterClose(r.writer, discard);
   if (code != ToolExitDone) return code;
   // The last frames and the final tables reach the disk only at the close.
