@@ -89,6 +89,37 @@ uint32_t SoundReservation(const VelmoWriter* w, uint32_t n, uint32_t i) {
                                w->FrameRateDenominator);
 }
 
+// The next free queue slot, or null when the queue or the run has no room for another frame.
+VelmoQueueSlot* FreeSlot(VelmoFrameLoop* l) {
+  const VelmoWriter* w = l->Writer;
+  if (l->QueuedFrames >= l->PreviewFrames || w->FramesWritten + l->QueuedFrames >= w->TotalFrames)
+    return nullptr;
+  return &QueueSlot(l, l->QueuedFrames);
+}
+
+VelmoPlaneTargets TargetsOf(const VelmoFrameLoop* l, VelmoQueueSlot& slot) {
+  return {slot.Planes[VelmoPlaneY].data(), slot.Planes[VelmoPlaneCr].data(),
+          slot.Planes[VelmoPlaneCb].data(),
+          HasAlpha(l) ? slot.Planes[VelmoPlaneAlpha].data() : nullptr, l->PlaneWidth,
+          l->ChromaWidth};
+}
+
+bool OutputFullRange(const VelmoFrameLoop* l) {
+  return (l->Writer->Flags & VelmoWriterFullRange) != 0;
+}
+
+// The rate figures of a filled slot, and the key frames the run forces.
+void FillSlot(VelmoFrameLoop* l, VelmoQueueSlot& slot, uint32_t targetBytes, uint32_t peakBytes,
+              bool isKey) {
+  const VelmoWriter* w = l->Writer;
+  slot.TargetBytes = targetBytes;
+  slot.PeakBytes = peakBytes;
+  slot.IsKey = isKey ? 1 : 0;
+  slot.Complexity = 0xffffffffu;
+  if (w->FramesWritten + l->QueuedFrames == 0) slot.IsKey = 1;  // the run starts with a key
+  if (l->KeyInterval < 0x10000000 && --l->KeyCountdown <= 0) slot.IsKey = 1;
+}
+
 }  // namespace
 
 VelmoFrameLoop* VelmoFrameLoopOpen(VelmoWriter* writer, uint32_t previewFrames,
@@ -124,23 +155,21 @@ VelmoFrameLoop* VelmoFrameLoopOpen(VelmoWriter* writer, uint32_t previewFrames,
 
 bool VelmoFrameLoopAdd(VelmoFrameLoop* l, uint32_t targetBytes, uint32_t peakBytes, bool isKey,
                        const void* pixels, int32_t pitch, bool isFloat) {
-  if (!l) return false;
-  const VelmoWriter* w = l->Writer;
-  if (l->QueuedFrames >= l->PreviewFrames || w->FramesWritten + l->QueuedFrames >= w->TotalFrames)
-    return false;
-  VelmoQueueSlot& slot = QueueSlot(l, l->QueuedFrames);
-  VelmoPlaneTargets out{slot.Planes[VelmoPlaneY].data(), slot.Planes[VelmoPlaneCr].data(),
-                        slot.Planes[VelmoPlaneCb].data(),
-                        HasAlpha(l) ? slot.Planes[VelmoPlaneAlpha].data() : nullptr,
-                        l->PlaneWidth, l->ChromaWidth};
-  VelmoConvertPixels(pixels, pitch, isFloat, w->Width, w->Height,
-                     (w->Flags & VelmoWriterFullRange) != 0, out);
-  slot.TargetBytes = targetBytes;
-  slot.PeakBytes = peakBytes;
-  slot.IsKey = isKey ? 1 : 0;
-  slot.Complexity = 0xffffffffu;
-  if (w->FramesWritten + l->QueuedFrames == 0) slot.IsKey = 1;  // the run starts with a key
-  if (l->KeyInterval < 0x10000000 && --l->KeyCountdown <= 0) slot.IsKey = 1;
+  VelmoQueueSlot* slot = l ? FreeSlot(l) : nullptr;
+  if (!slot) return false;
+  VelmoConvertPixels(pixels, pitch, isFloat, l->Writer->Width, l->Writer->Height,
+                     OutputFullRange(l), TargetsOf(l, *slot));
+  FillSlot(l, *slot, targetBytes, peakBytes, isKey);
+  return true;
+}
+
+bool VelmoFrameLoopAddYuv(VelmoFrameLoop* l, uint32_t targetBytes, uint32_t peakBytes,
+                          bool isKey, const VelmoYuvFrame& frame) {
+  VelmoQueueSlot* slot = l ? FreeSlot(l) : nullptr;
+  if (!slot) return false;
+  VelmoConvertYuv(frame, l->Writer->Width, l->Writer->Height, OutputFullRange(l),
+                  TargetsOf(l, *slot));
+  FillSlot(l, *slot, targetBytes, peakBytes, isKey);
   return true;
 }
 

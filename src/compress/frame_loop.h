@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "compress/frame_planes.h"
 #include "compress/video_encoder.h"
 #include "compress/velmo_writer.h"
 
@@ -42,6 +43,9 @@ VelmoFrameLoop* VelmoFrameLoopOpen(VelmoWriter* writer, uint32_t previewFrames,
 // slot. `pitch` is signed bytes between display rows. False when the queue has no room.
 bool VelmoFrameLoopAdd(VelmoFrameLoop* loop, uint32_t targetBytes, uint32_t peakBytes,
                        bool isKey, const void* pixels, int32_t pitch, bool isFloat);
+// The same for a frame given as BT.601 planes: they go into the slot without a trip through RGB.
+bool VelmoFrameLoopAddYuv(VelmoFrameLoop* loop, uint32_t targetBytes, uint32_t peakBytes,
+                          bool isKey, const VelmoYuvFrame& frame);
 // Measures the slot's complexity and, when the queue is full or the input ends, encodes.
 void VelmoFrameLoopCommit(VelmoFrameLoop* loop);
 // Encodes the oldest slot (or all of them with `drainAll`) with budgets from the rate plan.

@@ -2,6 +2,7 @@
 #include "compress/frame_planes.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "host/platform.h"
@@ -126,4 +127,62 @@ void VelmoConvertPixels(const void* pixels, int32_t pitch, bool isFloat, uint32_
   if (!pixels || !width || !height) return;
   ConvertJob job{static_cast<const uint8_t*>(pixels), pitch, isFloat, fullRange, width, height, out, 0};
   PoolRun(ConvertWorker, &job);
+}
+
+namespace {
+
+// Sample maps between the ranges: luma spans 219 steps from 16 in limited range, chroma 224
+// steps around 128; full range spans 255. The chroma map takes the sum of four samples.
+struct RangeMaps {
+  uint8_t Luma[256];
+  uint8_t ChromaSum[1021];
+};
+
+uint8_t RoundClip(double v) { return Clip255(int32_t(std::floor(v + 0.5))); }
+
+void BuildRangeMaps(bool fullIn, bool fullOut, RangeMaps* m) {
+  const double lumaScale = fullIn == fullOut ? 1.0 : fullOut ? 255.0 / 219.0 : 219.0 / 255.0;
+  const double chromaScale = fullIn == fullOut ? 1.0 : fullOut ? 255.0 / 224.0 : 224.0 / 255.0;
+  const double lumaFrom = fullIn ? 0.0 : 16.0, lumaTo = fullOut ? 0.0 : 16.0;
+  for (int v = 0; v < 256; ++v) m->Luma[v] = RoundClip((v - lumaFrom) * lumaScale + lumaTo);
+  for (int s = 0; s <= 1020; ++s) m->ChromaSum[s] = RoundClip((s / 4.0 - 128.0) * chromaScale + 128.0);
+}
+
+// The sum of the 2x2 samples behind output chroma sample (cx, cy); odd edges count their
+// neighbour again.
+uint32_t ChromaSum(const uint8_t* plane, int32_t pitch, bool half, uint32_t cx, uint32_t cy,
+                   uint32_t width, uint32_t height) {
+  if (half) return 4u * plane[int64_t(pitch) * cy + cx];
+  const uint32_t x0 = cx * 2, x1 = std::min(x0 + 1, width - 1);
+  const uint32_t y0 = cy * 2, y1 = std::min(y0 + 1, height - 1);
+  const uint8_t* r0 = plane + int64_t(pitch) * y0;
+  const uint8_t* r1 = plane + int64_t(pitch) * y1;
+  return uint32_t(r0[x0]) + r0[x1] + r1[x0] + r1[x1];
+}
+
+}  // namespace
+
+void VelmoConvertYuv(const VelmoYuvFrame& in, uint32_t width, uint32_t height, bool fullRange,
+                     const VelmoPlaneTargets& out) {
+  if (!in.Y || !in.Cb || !in.Cr || !width || !height) return;
+  RangeMaps maps;
+  BuildRangeMaps(in.FullRange, fullRange, &maps);
+  for (uint32_t y = 0; y < height; ++y) {
+    const uint8_t* src = in.Y + int64_t(in.LumaPitch) * y;
+    uint8_t* dst = out.Y + size_t(y) * out.LumaPitch;
+    for (uint32_t x = 0; x < width; ++x) dst[x] = maps.Luma[src[x]];
+    if (!out.Alpha) continue;
+    uint8_t* alpha = out.Alpha + size_t(y) * out.LumaPitch;
+    if (in.Alpha) std::memcpy(alpha, in.Alpha + int64_t(in.AlphaPitch) * y, width);
+    else std::memset(alpha, 255, width);
+  }
+  const uint32_t chromaWidth = (width + 1) / 2, chromaHeight = (height + 1) / 2;
+  for (uint32_t cy = 0; cy < chromaHeight; ++cy) {
+    uint8_t* cr = out.Cr + size_t(cy) * out.ChromaPitch;
+    uint8_t* cb = out.Cb + size_t(cy) * out.ChromaPitch;
+    for (uint32_t cx = 0; cx < chromaWidth; ++cx) {
+      cr[cx] = maps.ChromaSum[ChromaSum(in.Cr, in.ChromaPitch, in.HalfChroma, cx, cy, width, height)];
+      cb[cx] = maps.ChromaSum[ChromaSum(in.Cb, in.ChromaPitch, in.HalfChroma, cx, cy, width, height)];
+    }
+  }
 }

@@ -83,6 +83,15 @@ inline constexpr size_t MediaNameBytes = 1024;
 struct MediaInput;
 struct MediaList;
 
+// A frame as 8-bit Y, Cb, Cr (and alpha) planes, for inputs whose files hold them so (BT.601).
+struct MediaPlanes {
+  const uint8_t* plane[4];  // Y, Cb, Cr, alpha (null when absent)
+  int32_t pitch[4];
+  uint32_t width, height;
+  uint32_t chroma_shift;    // 1: chroma at half width and height, rounded up (4:2:0); 0: 4:4:4
+  uint32_t full_range;      // samples 0..255; else Y 16..235 and chroma 16..240
+};
+
 // A reader: one row kind of the type table. `probe` checks the file at `input->file_name`
 // (ProbeName already applied) and fills the source fields: type, type_name, source size,
 // total_frames (as `source_frames`), file rate, depths, has_alpha, has_sound. `read` brings
@@ -179,6 +188,10 @@ struct MediaInput {
   uint32_t source_at_end;  // the last source frame has been read
   uint32_t reuse_output;   // a guarded read crashed: the previous output frame stands
   uint32_t list_depth;     // nesting of lists, to stop a list that contains itself
+  // The source frame's own planes, when the reader has them (plane[0] null: none), and whether
+  // the scaler or a stage has since changed the frame at hand.
+  MediaPlanes frame_planes;
+  uint32_t frame_processed;
 };
 
 // Everything MediaOpen takes besides the name. Zeroes mean "not given" throughout.
@@ -216,6 +229,12 @@ bool MediaGetFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_
 // for /A); runs the stages but not the final copy. Returns false on failure.
 bool MediaStepFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,
                     uint32_t brightness, double gamma, uint32_t black_clamp);
+
+// The frame the last MediaGetFrame delivered, as the source's own planes: true when the input
+// holds its frames as planes and nothing in the pipeline changed the picture (no scaling,
+// smoothing, crop, padding, de-interlacing, premultiplying or filter), so that the planes are
+// the output frame. Without alpha asked for, plane[3] is null. Valid until the next call.
+bool MediaFramePlanes(const MediaInput* input, MediaPlanes* out);
 
 // The filter arguments of MediaGetFrame as a record.
 struct MediaFrameArgs {

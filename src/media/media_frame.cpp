@@ -94,6 +94,7 @@ void ReadSource(MediaInput* input) {
     return;
   }
   if (!input->seek_done) SkipToStart(input);
+  input->frame_planes = MediaPlanes{};  // a reader with planes describes them again
   GuardedRead call = {input, 0, false};
   if (!MediaGuardRun(CallRead, &call)) {
     MediaReportCrash(input, input->reader->guard_region);
@@ -314,6 +315,7 @@ void RunStages(MediaInput* input, const MediaFrameArgs& args) {
   if (input->frame_depth <= 8) PaletteWords(input);
   if (!SelectFetch(&c, false)) return;
   const bool scaled = input->type != MediaTypeList && RunScalers(&c, args);
+  input->frame_processed = scaled;
   StageParameters p = {args.gamma, args.black_clamp, args.contrast > 128 ? 128 : args.contrast,
                        args.brightness, args.denoise, input->deinterlace, input->frame_height,
                        input->premultiply && !scaled, input->unpremultiply != 0};
@@ -322,6 +324,7 @@ void RunStages(MediaInput* input, const MediaFrameArgs& args) {
     const StageRun run = c.floats ? stage.floating : stage.integer;
     if (!run || !stage.wanted(&p)) continue;
     RunStage(&c, run, &p);
+    input->frame_processed = 1;
   }
 }
 
@@ -335,6 +338,7 @@ void PointAtCrop(MediaInput* input) {
 bool ReadFrame(MediaInput* input, const MediaFrameArgs& args) {
   input->palette_changed = 0;
   if (input->type == MediaTypeList) {
+    input->frame_planes = MediaPlanes{};  // entries are placed in the list's picture
     if (!ReadListFrame(input, args)) return false;
     if (!input->reuse_output) MediaPlaceWindow(input, input->frame_width, input->frame_height);
   } else {
@@ -434,6 +438,20 @@ bool MediaStepFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32
   }
   if (++input->output_index >= input->output_frames) input->at_end = 1;
   return ok;
+}
+
+bool MediaFramePlanes(const MediaInput* input, MediaPlanes* out) {
+  if (!input || !input->frame_planes.plane[0] || input->frame_processed || input->float_frames)
+    return false;
+  const bool whole = input->output_width == input->source_width &&
+                     input->output_height == input->source_height && input->crop_x == 0 &&
+                     input->crop_y == 0 && input->visible_width == input->output_width &&
+                     input->visible_height == input->output_height && input->pad_left == 0 &&
+                     input->pad_top == 0;
+  if (!whole) return false;
+  *out = input->frame_planes;
+  if (!input->want_alpha) out->plane[3] = nullptr;
+  return true;
 }
 
 bool MediaGetFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,

@@ -121,6 +121,17 @@ bool ReadStream(MediaInput* input) {
   input->frame_width = input->source_width;
   input->frame_height = input->source_height;
   input->frame_bytes = frame.bytes;
+  if (frame.planes.plane[0]) {
+    MediaPlanes& p = input->frame_planes;
+    for (int i = 0; i < 4; ++i) {
+      p.plane[i] = frame.planes.plane[i];
+      p.pitch[i] = frame.planes.pitch[i];
+    }
+    p.width = input->source_width;
+    p.height = input->source_height;
+    p.chroma_shift = frame.planes.chroma_shift;
+    p.full_range = frame.planes.full_range;
+  }
   if (frame.depth <= 8 && frame.palette) TakePalette(input, frame.palette);
   return true;
 }

@@ -4,6 +4,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -462,6 +464,51 @@ TEST(VelmoWriterPixels, IntegerMatricesOnGreyAndPrimaries) {
   VelmoConvertPixels(fred, 32, true, 2, 2, true, {fy, fcr, fcb, nullptr, 2, 1});
   EXPECT_NEAR(fy[0], y[0], 1);
   EXPECT_NEAR(fcr[0], 255, 1);
+}
+
+// Planes straight from a planar input: only the range changes, chroma 4:4:4 is averaged over
+// 2x2 (odd edges counting their neighbour again), and a colour lands where its RGB form would.
+TEST(VelmoWriterPixels, PlanarInputTakesNoTripThroughRgb) {
+  const uint8_t y[4] = {16, 235, 126, 60}, cb[2] = {16, 128}, cr[2] = {240, 128};
+  uint8_t oy[4], ocr[2], ocb[2];
+  VelmoYuvFrame in{y, cb, cr, nullptr, 4, 2, 0, true, false};
+  VelmoConvertYuv(in, 4, 1, false, {oy, ocr, ocb, nullptr, 4, 2});
+  EXPECT_TRUE(std::equal(y, y + 4, oy)) << "limited range stays as it is";
+  EXPECT_EQ(ocb[0], 16);
+  EXPECT_EQ(ocr[0], 240);
+  VelmoConvertYuv(in, 4, 1, true, {oy, ocr, ocb, nullptr, 4, 2});
+  EXPECT_EQ(oy[0], 0);
+  EXPECT_EQ(oy[1], 255);
+  EXPECT_EQ(oy[2], 128);  // 110 steps of 219 over 255
+  EXPECT_EQ(ocb[0], 1);   // 128 - 112 * 255 / 224, rounded
+  EXPECT_EQ(ocr[0], 255);
+
+  // 4:4:4, 3 x 2 with alpha: the second chroma column sees its last pixel twice.
+  const uint8_t y6[6] = {1, 2, 3, 4, 5, 6}, a6[6] = {9, 8, 7, 6, 5, 4};
+  const uint8_t c6[6] = {100, 102, 200, 104, 106, 210};
+  uint8_t ty[6], ta[6], tcr[2], tcb[2];
+  VelmoConvertYuv({y6, c6, c6, a6, 3, 3, 3, false, true}, 3, 2, true, {ty, tcr, tcb, ta, 3, 2});
+  EXPECT_TRUE(std::equal(a6, a6 + 6, ta));
+  EXPECT_EQ(tcb[0], 103);
+  EXPECT_EQ(tcb[1], 205);
+  EXPECT_EQ(tcr[1], 205);
+
+  // A saturated colour in BT.601 limited range, and the same colour as RGB.
+  const double r = 200, g = 60, b = 30;
+  const auto limited = [](double v) { return uint8_t(std::lround(v)); };
+  const uint8_t ly = limited(16 + (0.299 * r + 0.587 * g + 0.114 * b) * 219 / 255);
+  const uint8_t lcb = limited(128 + (-0.168736 * r - 0.331264 * g + 0.5 * b) * 224 / 255);
+  const uint8_t lcr = limited(128 + (0.5 * r - 0.418688 * g - 0.081312 * b) * 224 / 255);
+  const uint8_t py[4] = {ly, ly, ly, ly}, pcb[1] = {lcb}, pcr[1] = {lcr};
+  const uint32_t rgb[4] = {0xffc83c1eu, 0xffc83c1eu, 0xffc83c1eu, 0xffc83c1eu};
+  for (const bool full : {false, true}) {
+    uint8_t fy[4], fcr[1], fcb[1], gy[4], gcr[1], gcb[1];
+    VelmoConvertYuv({py, pcb, pcr, nullptr, 2, 1, 0, true, false}, 2, 2, full, {fy, fcr, fcb, nullptr, 2, 1});
+    VelmoConvertPixels(rgb, 8, false, 2, 2, full, {gy, gcr, gcb, nullptr, 2, 1});
+    EXPECT_NEAR(fy[0], gy[0], 1) << full;
+    EXPECT_NEAR(fcr[0], gcr[0], 1) << full;
+    EXPECT_NEAR(fcb[0], gcb[0], 1) << full;
+  }
 }
 
 // ---- Whole runs through the tool shell ---------------------------------------------------------

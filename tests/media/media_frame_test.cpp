@@ -230,6 +230,61 @@ TEST_F(FrameTest, GammaBelowTheThresholdRunsNoStage) {
   MediaClose(in);
 }
 
+// A planar input's own planes stand for the output frame only while nothing in the pipeline
+// changes the picture: a filter, smoothing, scaling or a crop each take them away.
+TEST_F(FrameTest, PlanesOfAPlanarInputWhileNothingChangesThePicture) {
+  std::string y4m = "YUV4MPEG2 W6 H4 F25:1 C444alpha\n";
+  for (uint32_t f = 0; f < 2; ++f) {
+    y4m += "FRAME\n";
+    for (uint32_t i = 0; i < 6 * 4 * 4; ++i) y4m += char(uint8_t(f * 50 + i * 3));
+  }
+  WriteText(dir / "in.y4m", y4m);
+  const size_t data = y4m.find("FRAME\n") + 6;
+  MediaOpenArgs alpha{};
+  alpha.flags = MediaOpenAlpha;
+  MediaInput* in = Open(dir / "in.y4m", alpha);
+  ASSERT_NE(in, nullptr);
+  MediaPlanes planes{};
+  EXPECT_FALSE(MediaFramePlanes(in, &planes)) << "no frame read yet";
+  ASSERT_TRUE(NextFrame(in));
+  ASSERT_TRUE(MediaFramePlanes(in, &planes));
+  EXPECT_EQ(planes.width, 6u);
+  EXPECT_EQ(planes.chroma_shift, 0u);
+  EXPECT_EQ(planes.full_range, 0u);
+  for (int p = 0; p < 4; ++p) {
+    ASSERT_NE(planes.plane[p], nullptr) << p;
+    EXPECT_EQ(0, std::memcmp(planes.plane[p], y4m.data() + data + size_t(p) * 24, 24)) << p;
+  }
+  ASSERT_TRUE(MediaGetFrame(in, 0, 0, 0, 120, 1.0, 0));  // brightness: a stage ran
+  EXPECT_FALSE(MediaFramePlanes(in, &planes));
+  MediaClose(in);
+
+  in = Open(dir / "in.y4m");
+  ASSERT_NE(in, nullptr);
+  ASSERT_TRUE(MediaGetFrame(in, 0, 0x1000100u * 50, 0, 100, 1.0, 0));  // smoothing
+  EXPECT_FALSE(MediaFramePlanes(in, &planes));
+  ASSERT_TRUE(NextFrame(in));
+  ASSERT_TRUE(MediaFramePlanes(in, &planes)) << "the next plain frame has them again";
+  EXPECT_EQ(planes.plane[3], nullptr) << "alpha was not asked for";
+  EXPECT_EQ(uint8_t(planes.plane[0][0]), 50);
+  MediaClose(in);
+
+  for (const bool crop : {false, true}) {
+    MediaOpenArgs args{};
+    (crop ? args.crop_w : args.scale_w) = 4;
+    in = Open(dir / "in.y4m", args);
+    ASSERT_NE(in, nullptr);
+    ASSERT_TRUE(NextFrame(in));
+    EXPECT_FALSE(MediaFramePlanes(in, &planes)) << (crop ? "cropped" : "scaled");
+    MediaClose(in);
+  }
+  ASSERT_TRUE(WritePng(dir / "a.png", 4, 4, 1));
+  in = Open(dir / "a.png");
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_FALSE(MediaFramePlanes(in, &planes)) << "a PNG holds no planes";
+  MediaClose(in);
+}
+
 TEST_F(FrameTest, FloatPipelineForOpenExr) {
   std::vector<float> pixels(4 * 3 * 4);
   for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = float(i % 4 == 3 ? 1.0 : i * 0.125);

@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <random>
@@ -91,6 +92,28 @@ double CompareWithModel(const StreamFrame& f, const Planes& p, const Form& form,
   return worst;
 }
 
+// 4:2:0 and 4:4:4 frames also come as the file's own planes, byte for byte; other forms have
+// none to give.
+void ExpectPlanes(const StreamPlanes& got, const Planes& p, const Form& form, int w, int h, bool full) {
+  SCOPED_TRACE(form.tag);
+  if (form.hdiv == 0 || form.hdiv != form.vdiv) {
+    EXPECT_EQ(got.plane[0], nullptr);
+    return;
+  }
+  ASSERT_NE(got.plane[0], nullptr);
+  EXPECT_EQ(got.chroma_shift, form.hdiv == 2 ? 1u : 0u);
+  EXPECT_EQ(got.full_range, full ? 1u : 0u);
+  EXPECT_EQ(got.plane[3] != nullptr, form.alpha);
+  const int cw = (w + form.hdiv - 1) / form.hdiv, ch = (h + form.vdiv - 1) / form.vdiv;
+  const std::vector<uint8_t>* want[4] = {&p.y, &p.u, &p.v, &p.a};
+  for (int i = 0; i < (form.alpha ? 4 : 3); ++i) {
+    const bool luma = i == 0 || i == 3;
+    const int pw = luma ? w : cw, ph = luma ? h : ch;
+    ASSERT_EQ(got.pitch[i], pw);
+    EXPECT_TRUE(std::equal(want[i]->begin(), want[i]->end(), got.plane[i], got.plane[i] + pw * ph)) << i;
+  }
+}
+
 StreamReader* OpenText(const std::string& s, StreamError* error) {
   return StreamReaderOpenMemory(&kStreamReaderY4m, reinterpret_cast<const uint8_t*>(s.data()), s.size(), error);
 }
@@ -117,6 +140,7 @@ TEST(Y4mReader, EveryChromaFormMatchesTheModel) {
         ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1) << error.text;
         EXPECT_EQ(f.pitch, w * 4);
         EXPECT_LE(CompareWithModel(f, frames[i], form, w, h, full), 1.0) << form.tag << " full " << full << " frame " << i;
+        ExpectPlanes(f.planes, frames[i], form, w, h, full);
       }
       StreamReaderClose(r);
     }

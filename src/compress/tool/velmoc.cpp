@@ -181,6 +181,8 @@ struct ReadJob {
   const uint32_t* pixels;
   int32_t pitch;
   bool ok;
+  bool planar;         // `planes` holds the frame as the input's own planes
+  MediaPlanes planes;
 };
 
 uint32_t ReadJobEntry(void* argument) {
@@ -189,7 +191,22 @@ uint32_t ReadJobEntry(void* argument) {
                 ? job->ops->filteredFrame(job->source, job->index, &job->filters, &job->pixels,
                                           &job->pitch)
                 : job->ops->frame(job->source, job->index, &job->pixels, &job->pitch);
+  job->planar = job->ok && job->ops->planes && job->ops->planes(job->source, &job->planes);
   return 0;
+}
+
+// Hands the frame that was read to the frame loop: as planes when the input gave them, so that
+// a planar input's colours take no trip through RGB, else as pixels.
+void AddFrame(VelmoFrameLoop* loop, const VelmoFrameRate& rate, const ReadJob& job) {
+  if (!job.planar) {
+    VelmoFrameLoopAdd(loop, rate.TargetBytes, rate.PeakBytes, rate.IsKey != 0, job.pixels,
+                      job.pitch, false);
+    return;
+  }
+  const MediaPlanes& p = job.planes;
+  const VelmoYuvFrame frame{p.plane[0], p.plane[1], p.plane[2], p.plane[3], p.pitch[0],
+                            p.pitch[1], p.pitch[3], p.chroma_shift != 0, p.full_range != 0};
+  VelmoFrameLoopAddYuv(loop, rate.TargetBytes, rate.PeakBytes, rate.IsKey != 0, frame);
 }
 
 struct ReadNext {
@@ -563,7 +580,7 @@ int FrameLoop(Run& r) {
   const bool image = r.info.IsImage;
 
   ReadNext next;
-  next.job = {r.ops, r.source, 0, MediaNoFilters, nullptr, 0, false};
+  next.job = {r.ops, r.source, 0, MediaNoFilters, nullptr, 0, false, false, {}};
   next.Start(0, FrameFilters(r, 0));
   for (uint32_t f = 0;; ++f) {
     next.Join();
@@ -573,8 +590,7 @@ int FrameLoop(Run& r) {
     hint.Peak = r.hints.Peak[f];
     hint.Key = r.hints.Key[f];
     const VelmoFrameRate fr = VelmoFrameRateFor(rates, hint);
-    VelmoFrameLoopAdd(r.loop, fr.TargetBytes, fr.PeakBytes, fr.IsKey != 0, next.job.pixels,
-                        next.job.pitch, false);
+    AddFrame(r.loop, fr, next.job);
     if (f + 1 < r.info.Frames) {
       if (image) next.job.ok = true;  // a still gives the same picture again
       else next.Start(f + 1, FrameFilters(r, f + 1));

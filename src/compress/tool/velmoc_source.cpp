@@ -105,6 +105,11 @@ bool Frame(VelmocSource* source, uint32_t index, const uint32_t** pixels, int32_
   return FilteredFrame(source, index, nullptr, pixels, pitch);
 }
 
+bool Planes(VelmocSource* source, MediaPlanes* out) {
+  Source* s = reinterpret_cast<Source*>(source);
+  return s->have && MediaFramePlanes(s->input, out);
+}
+
 void Close(VelmocSource* source) {
   Source* s = reinterpret_cast<Source*>(source);
   if (!s) return;
@@ -112,7 +117,7 @@ void Close(VelmocSource* source) {
   delete s;
 }
 
-const VelmocSourceOps Builtin{Open, Info, Frame, Close, OpenWith, FilteredFrame};
+const VelmocSourceOps Builtin{Open, Info, Frame, Close, OpenWith, FilteredFrame, Planes};
 
 }  // namespace
 

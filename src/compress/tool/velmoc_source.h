@@ -42,6 +42,10 @@ struct VelmocSourceOps {
   // Optional: a frame with its own filter values. Null: `frame`, without filters.
   bool (*filteredFrame)(VelmocSource* source, uint32_t index, const MediaFrameArgs* filters,
                         const uint32_t** pixels, int32_t* pitch);
+  // Optional: the frame the last call delivered as the input's own Y, Cb, Cr planes, when the
+  // input holds them and nothing changed the picture; the compressor then takes them as they
+  // are. Valid until the next call. Null or false: the pixels only.
+  bool (*planes)(VelmocSource* source, MediaPlanes* out);
 };
 
 // The source in use: a test's, or the built-in one.

@@ -221,6 +221,7 @@ int StreamReaderRead(StreamReader* reader, uint32_t index, StreamFrame* frame, S
   if (reader->info.frame_count && index >= reader->info.frame_count)
     return StreamFail(error, STREAM_ERROR_END, "frame %u is past the last frame (%u)", index,
                       reader->info.frame_count);
+  frame->planes = StreamPlanes{};  // only readers of planar files describe planes
   return reader->Read(index, frame, error);
 }
 

@@ -78,6 +78,16 @@ typedef struct StreamInfo {
   uint8_t palette[768];    // depth 8: the palette before the first frame, R, G, B
 } StreamInfo;
 
+// A frame's own 8-bit Y, Cb, Cr (and alpha) planes, for readers whose files hold them so: the
+// pixels above are converted from them with BT.601. Chroma 4:2:0 (half width and height,
+// rounded up) or 4:4:4.
+typedef struct StreamPlanes {
+  const uint8_t* plane[4];  // Y, Cb, Cr, alpha; plane[0] null: the frame has no planes
+  int32_t pitch[4];
+  uint32_t chroma_shift;    // 1: 4:2:0; 0: 4:4:4
+  uint32_t full_range;      // samples 0..255; else Y 16..235 and chroma 16..240
+} StreamPlanes;
+
 typedef struct StreamFrame {
   const uint8_t* pixels;     // first pixel of the top display row
   int32_t pitch;             // signed bytes from one display row to the next
@@ -85,6 +95,7 @@ typedef struct StreamFrame {
   uint32_t bytes;            // bytes the frame took in the file
   uint32_t palette_changed;  // depth 8: `palette` differs from the previous frame's
   const uint8_t* palette;    // depth 8: 768 bytes R, G, B; null otherwise
+  StreamPlanes planes;       // valid as long as `pixels`
 } StreamFrame;
 
 typedef struct StreamReader StreamReader;

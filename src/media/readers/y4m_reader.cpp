@@ -62,6 +62,7 @@ class Y4mReader final : public StreamReader {
   bool ScanFrames(StreamError* error);
   int ReadFrameAt(uint64_t at, StreamError* error);
   void Convert();
+  StreamPlanes Planes() const;
 
   Layout layout_;
   YuvTables tables_{};
@@ -281,7 +282,25 @@ int Y4mReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
   frame->bytes = last_bytes_;
   frame->palette = nullptr;
   frame->palette_changed = 0;
+  frame->planes = Planes();
   return 1;
+}
+
+// The frame's planes as the file holds them; 4:2:2 and mono frames have none to give.
+StreamPlanes Y4mReader::Planes() const {
+  StreamPlanes p{};
+  const Chroma c = layout_.chroma;
+  if (c != kChroma420 && c != kChroma444 && c != kChroma444Alpha) return p;
+  const uint8_t* luma = planes_.data();
+  p.plane[0] = luma;
+  p.plane[1] = luma + layout_.luma_bytes;
+  p.plane[2] = p.plane[1] + layout_.chroma_bytes;
+  p.plane[3] = c == kChroma444Alpha ? p.plane[2] + layout_.chroma_bytes : nullptr;
+  p.pitch[0] = p.pitch[3] = int32_t(info.width);
+  p.pitch[1] = p.pitch[2] = int32_t(layout_.chroma_width);
+  p.chroma_shift = c == kChroma420 ? 1 : 0;
+  p.full_range = full_range_ ? 1 : 0;
+  return p;
 }
 
 }  // namespace
