@@ -26,3 +26,13 @@ for script in audio_bench.sh velmoc_bench.sh; do
   echo "== $script"
   "$root/scripts/$script" "$build" || echo "$script did not finish (see above)" >&2
 done
+
+# The planar path against the RGB path, on a real clip when one is at hand
+# (../shared/media/fetch-media.sh MEDIA_DIR fetches them).
+clip="${MEDIA_DIR:-$root/../media}/video/launch/launch.y4m"
+if [ -x "$build/bench/compress/planar_psnr" ] && [ -f "$clip" ]; then
+  for rate in 150000 1000000; do
+    echo "== planar_psnr $(basename "$clip") at $rate bytes/s (versions 100 and 101, 60 frames)"
+    for version in 100 101; do "$build/bench/compress/planar_psnr" "$clip" "$rate" "$version" 60; done
+  done
+fi
