@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "../format/container_test_util.h"
+#include "support/velmo_file.h"
 #include "compress/tool/velmomix.h"
 #include "compress_test_util.h"
 #include "host/switches.h"
@@ -21,11 +21,6 @@
 #include "velmo.h"
 
 namespace {
-
-using velmo_test::AddFrame;
-using velmo_test::Checkpoint;
-using velmo_test::StartWriter;
-using velmo_test::TestWriter;
 
 using compress_test::Exists;
 using compress_test::ReadAll;
@@ -68,80 +63,29 @@ std::vector<uint8_t> VideoBytes(uint32_t frame) {
 std::vector<uint8_t> BuildInput(const InputLayout& s) {
   static const int16_t hdr[6] = {1000, 2000, 3000, -400, -500, 1000};
   static const int16_t matrix[12] = {4096, 0, 0, 0, 4096, 0, 0, 0, 4096, 10, 20, 30};
-  std::vector<VelmoTrackInfo> tracks;
-  for (uint32_t id : s.TrackIds) tracks.push_back({0, TrackFormat, id});
-  VelmoWriteParams p{};
-  p.Version = s.Version;
-  p.Width = 64;
-  p.Height = 48;
-  p.FrameRate = 30;
-  p.FrameRateDiv = 1;
-  p.IndexFrames = s.Frames;
-  p.Flags = s.Flags;
-  p.SliceMode = s.Version >= 200 ? 1 : 0;
-  p.HdrBlock = hdr;
-  p.ColourMatrix = matrix;
-  p.Text = s.Text;
-  p.TextLength = s.Text ? uint32_t(std::strlen(s.Text)) + 1 : 0;
-  p.TrackCount = uint32_t(tracks.size());
-  p.Tracks = tracks.empty() ? nullptr : tracks.data();
-  TestWriter w;
-  EXPECT_TRUE(StartWriter(p, &w));
-  for (uint32_t f = 0; f < s.Frames; ++f) {
-    std::vector<std::vector<uint8_t>> sounds;
-    std::vector<uint32_t> decoded;
-    for (uint32_t t = 0; t < tracks.size(); ++t) {
-      sounds.push_back(SoundBytes(t, f));
-      decoded.push_back(sounds.back().empty() ? 0 : 64 + 16 * t);
-    }
-    AddFrame(&w, s.KeyEvery && f % s.KeyEvery == 0, sounds, decoded, VideoBytes(f));
-  }
-  Checkpoint(&w);
-  return w.File;
+  velmo_test::FileSpec spec;
+  spec.Version = s.Version;
+  spec.Width = 64;
+  spec.Height = 48;
+  spec.Frames = s.Frames;
+  spec.KeyEvery = s.KeyEvery;
+  spec.Flags = s.Flags;
+  spec.SliceMode = s.Version >= 200 ? 1 : 0;
+  spec.Text = s.Text;
+  spec.HdrBlock = hdr;
+  spec.ColourMatrix = matrix;
+  for (uint32_t id : s.TrackIds) spec.Tracks.push_back({0, TrackFormat, id});
+  spec.Video = VideoBytes;
+  spec.Sound = [](uint32_t f, size_t t, uint32_t* decoded) {
+    std::vector<uint8_t> sound = SoundBytes(uint32_t(t), f);
+    *decoded = sound.empty() ? 0 : 64 + 16 * uint32_t(t);
+    return sound;
+  };
+  return velmo_test::BuildFile(spec);
 }
 
-// A Velmo file taken apart: its header and tables, and each frame's sound packets (whole, size
-// word included) and video section.
-struct Parsed {
-  VelmoFileInfo Info{};
-  std::vector<bool> Key;
-  std::vector<std::vector<std::vector<uint8_t>>> Sounds;  // [frame][track]
-  std::vector<std::vector<uint8_t>> Video;
-  std::vector<VelmoTrackInfo> Tracks;
-};
-
-::testing::AssertionResult Parse(const std::vector<uint8_t>& file, Parsed* out) {
-  if (const char* e = VelmoParseFile(file.data(), file.size(), &out->Info))
-    return ::testing::AssertionFailure() << e;
-  const VelmoFileInfo& info = out->Info;
-  if (info.FileSize + 8 != file.size())
-    return ::testing::AssertionFailure() << "size field " << info.FileSize << " for " << file.size();
-  const uint32_t frames = info.Header.Frames, tracks = info.TrackCount;
-  std::vector<uint64_t> entries(frames + 1);
-  if (const char* e = VelmoExpandFrameTable(info.Tables, frames, entries.data(), nullptr))
-    return ::testing::AssertionFailure() << e;
-  for (uint32_t t = 0; t < tracks; ++t) out->Tracks.push_back(VelmoTableTrack(info.Tables, t));
-  uint32_t largest = 0;
-  for (uint32_t f = 0; f < frames; ++f) {
-    const uint64_t a = VelmoEntryOffset(entries[f]), b = VelmoEntryOffset(entries[f + 1]);
-    if (a % 4 || b <= a || b > file.size())
-      return ::testing::AssertionFailure() << "frame " << f << " at " << a << " to " << b;
-    largest = std::max(largest, uint32_t(b - a));
-    std::vector<VelmoSoundPacket> s(tracks);
-    const VelmoPacketLayout l = VelmoWalkFramePacket(file.data() + a, size_t(b - a), tracks, s.data());
-    if (!l.HasVideo) return ::testing::AssertionFailure() << "frame " << f << " walk";
-    out->Key.push_back(VelmoEntryIsKey(entries[f]));
-    out->Sounds.emplace_back();
-    for (uint32_t t = 0; t < tracks; ++t)
-      out->Sounds.back().emplace_back(file.data() + a + s[t].Offset,
-                                      file.data() + a + s[t].Offset + 4 + s[t].PacketSize);
-    out->Video.emplace_back(file.data() + a + l.VideoOffset,
-                            file.data() + a + l.VideoOffset + l.VideoSize);
-  }
-  if (info.Header.LargestFrameSize != largest)
-    return ::testing::AssertionFailure() << "largest " << info.Header.LargestFrameSize << " not " << largest;
-  return ::testing::AssertionSuccess();
-}
+using Parsed = velmo_test::ParsedFile;
+using velmo_test::ParseFile;
 
 // The video of a mixed frame is the input's, with at most three zero bytes behind it where new
 // sound packets left the frame's length off a multiple of 4.
@@ -257,8 +201,8 @@ TEST(VelmoMixCopy, DroppingATrackKeepsTheOthersAndTheVideo) {
   // Two entries: id 7 is removed, id 11 is in no file and has no sound, so it adds nothing.
   ASSERT_GT(run.Run(in, out, {Removal(11), Removal(7)}), 0u);
   Parsed a, b;
-  ASSERT_TRUE(Parse(input, &a));
-  ASSERT_TRUE(Parse(ReadAll(out), &b));
+  ASSERT_TRUE(ParseFile(input, &a));
+  ASSERT_TRUE(ParseFile(ReadAll(out), &b));
   ASSERT_EQ(b.Info.TrackCount, 2u);
   EXPECT_EQ(b.Tracks[0].Id, 5u);
   EXPECT_EQ(b.Tracks[1].Id, 9u);
@@ -313,7 +257,7 @@ TEST(VelmoMixFailure, BadInputsEndTheMixWithoutOutput) {
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
   const std::vector<uint8_t> good = BuildInput({100, 0, nullptr, 8, 4, {5}});
   Parsed p;
-  ASSERT_TRUE(Parse(good, &p));
+  ASSERT_TRUE(ParseFile(good, &p));
   const size_t indexAt = p.Info.TablesOffset + 3 * 4;
   const uint32_t frame3 = Load32(good, indexAt + 3 * 4);
   const char* const notVelmo = "Input file isn't a Velmo file.";
@@ -486,8 +430,8 @@ TEST(VelmoMixEncode, ReplacedTrackKeepsItsPlace) {
   MixRun run;
   ASSERT_GT(run.Run(in, out, {NewTrack(12, &mono, 104), Removal(9), NewTrack(7, &stereo)}), 0u);
   Parsed a, b;
-  ASSERT_TRUE(Parse(input, &a));
-  ASSERT_TRUE(Parse(ReadAll(out), &b));
+  ASSERT_TRUE(ParseFile(input, &a));
+  ASSERT_TRUE(ParseFile(ReadAll(out), &b));
   ASSERT_EQ(b.Info.TrackCount, 3u);
   EXPECT_EQ(b.Tracks[0].Id, 5u);
   EXPECT_EQ(b.Tracks[1].Id, 7u);
@@ -511,7 +455,7 @@ TEST(VelmoMixEncode, NewTrackGoesLastWithItsSilentLeadIn) {
   const std::vector<uint8_t> input = BuildInput({100, 0, nullptr, 75, 15, {5}});
   WriteAll(in, input);
   Parsed a;
-  ASSERT_TRUE(Parse(input, &a));
+  ASSERT_TRUE(ParseFile(input, &a));
   struct Case {
     int32_t start;
     size_t lead;  // samples of silence
@@ -524,7 +468,7 @@ TEST(VelmoMixEncode, NewTrackGoesLastWithItsSilentLeadIn) {
         << ::testing::PrintToString(run.Msg.Texts);
     EXPECT_TRUE(run.Msg.Texts.empty());
     Parsed b;
-    ASSERT_TRUE(Parse(ReadAll(out), &b));
+    ASSERT_TRUE(ParseFile(ReadAll(out), &b));
     ASSERT_EQ(b.Info.TrackCount, 2u);
     EXPECT_EQ(b.Tracks[0].Id, 5u);
     EXPECT_EQ(b.Tracks[0].Format, a.Tracks[0].Format);
@@ -725,8 +669,8 @@ TEST(VelmoMixTool, MixesAWaveAndRemovesItAgain) {
   ASSERT_EQ(RunTool(dir / "in " + dir / "tone.wav " + dir / "with.vlm /t3 /l8"), ToolExitDone);
   const std::string with = dir / "with.vlm";
   Parsed a, b;
-  ASSERT_TRUE(Parse(input, &a));
-  ASSERT_TRUE(Parse(ReadAll(with), &b));
+  ASSERT_TRUE(ParseFile(input, &a));
+  ASSERT_TRUE(ParseFile(ReadAll(with), &b));
   ASSERT_EQ(b.Tracks.size(), 2u);
   EXPECT_EQ(b.Tracks[1].Id, 3u);
   EXPECT_EQ(b.Tracks[1].Format & VelmoTrackRateMask, 22050u);
@@ -741,7 +685,7 @@ TEST(VelmoMixTool, MixesAWaveAndRemovesItAgain) {
   // "-" removes track 3 and leaves the rest as it was.
   ASSERT_EQ(RunTool(dir / "with - " + dir / "without /t3"), ToolExitDone);
   Parsed c;
-  ASSERT_TRUE(Parse(ReadAll(dir / "without.vm2"), &c));
+  ASSERT_TRUE(ParseFile(ReadAll(dir / "without.vm2"), &c));
   ASSERT_EQ(c.Tracks.size(), 1u);
   EXPECT_EQ(c.Tracks[0].Id, 5u);
   EXPECT_TRUE(KeptFrames(a, c, {{0, 0}}));
@@ -766,7 +710,7 @@ TEST(VelmoMixTool, LoopBitsAndRate) {
 
   ASSERT_EQ(RunTool(in + " " + dir / "short.wav " + dir / "eight.vlm /b8 /f15"), ToolExitDone);
   Parsed e;
-  ASSERT_TRUE(Parse(ReadAll(dir / "eight.vlm"), &e));
+  ASSERT_TRUE(ParseFile(ReadAll(dir / "eight.vlm"), &e));
   EXPECT_EQ(e.Info.Header.FrameRate, 15u);
   EXPECT_EQ(e.Info.Header.FrameRateDiv, 1u);
   ASSERT_EQ(e.Tracks.size(), 1u);

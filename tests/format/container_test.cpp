@@ -2,7 +2,7 @@
 // frame table expansion, slices and the frame packet walk.
 #include "format/container.h"
 
-#include "container_test_util.h"
+#include "support/velmo_file.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // reading side for both generations.
 #include "format/container.h"
 
-#include "container_test_util.h"
+#include "support/velmo_file.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,88 @@
+// Files for tests: a scratch folder that removes itself with everything in it, whole-file reads
+// and writes, and little-endian fields of byte strings.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+// A fresh folder under /tmp, removed when the object goes. A folder that cannot be made fails
+// the test and names a place where every file fails to open.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    char pattern[] = "/tmp/orn_test_XXXXXX";
+    const char* made = mkdtemp(pattern);
+    EXPECT_NE(made, nullptr) << "no scratch folder";
+    made_ = made != nullptr;
+    path = made_ ? made : "/nonexistent/orn_test";
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    if (made_) std::filesystem::remove_all(path, ignored);
+  }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  std::string operator/(const std::string& name) const { return path + "/" + name; }
+  std::string path;
+
+ private:
+  bool made_ = false;
+};
+
+inline bool Exists(const std::string& name) { return access(name.c_str(), F_OK) == 0; }
+
+// The whole file, empty when it cannot be read.
+inline std::vector<uint8_t> ReadFile(const std::string& name) {
+  std::vector<uint8_t> bytes;
+  if (FILE* f = std::fopen(name.c_str(), "rb")) {
+    uint8_t chunk[65536];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
+    std::fclose(f);
+  }
+  return bytes;
+}
+inline std::string ReadText(const std::string& name) {
+  const std::vector<uint8_t> bytes = ReadFile(name);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+template <typename Bytes>
+void WriteFile(const std::string& name, const Bytes& bytes) {
+  FILE* f = std::fopen(name.c_str(), "wb");
+  ASSERT_NE(f, nullptr) << name;
+  ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size()) << name;
+  ASSERT_EQ(std::fclose(f), 0) << name;
+}
+inline void WriteText(const std::string& name, const std::string& text) { WriteFile(name, text); }
+
+// Little-endian fields of a byte string or vector; zero past the end.
+template <typename Bytes>
+uint32_t Le16(const Bytes& d, size_t at) {
+  return at + 2 > d.size() ? 0 : uint32_t(uint8_t(d[at])) | uint32_t(uint8_t(d[at + 1])) << 8;
+}
+template <typename Bytes>
+uint32_t Le32(const Bytes& d, size_t at) {
+  return at + 4 > d.size() ? 0 : Le16(d, at) | Le16(d, at + 2) << 16;
+}
+inline void Put16(std::vector<uint8_t>* out, uint32_t v) {
+  out->push_back(uint8_t(v));
+  out->push_back(uint8_t(v >> 8));
+}
+inline void Put32(std::vector<uint8_t>* out, uint32_t v) {
+  Put16(out, v & 0xFFFF);
+  Put16(out, v >> 16);
+}
+inline void PutTag(std::vector<uint8_t>* out, const char* four) { out->insert(out->end(), four, four + 4); }
+
+}  // namespace test_support

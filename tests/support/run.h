@@ -1,0 +1,104 @@
+// Running tools in tests: the real program as a child process on the console front end, or a
+// tool's routines behind the tool shell in this process. Either way the result is the exit code
+// and what the tool printed (its message boxes included).
+#pragma once
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "host/toolframe.h"
+
+extern char** environ;
+
+namespace test_support {
+
+struct ToolOutcome {
+  int code = -1;
+  std::string output;  // stdout and stderr together
+  bool Says(const std::string& text) const { return output.find(text) != std::string::npos; }
+};
+
+// Runs `program` with `args` and no display (ORN_CONSOLE=1), standard input from /dev/null,
+// and the settings of the environment (DISPLAY, WAYLAND_DISPLAY, XDG_CONFIG_HOME, ORN_*) left
+// out unless `env` ("NAME=value" entries) brings them.
+inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
+                              const std::vector<std::string>& env = {}) {
+  std::vector<std::string> vars;
+  for (char** e = environ; *e; e++) {
+    const std::string v = *e;
+    if (v.rfind("DISPLAY=", 0) == 0 || v.rfind("WAYLAND_DISPLAY=", 0) == 0 ||
+        v.rfind("XDG_CONFIG_HOME=", 0) == 0 || v.rfind("ORN_", 0) == 0)
+      continue;
+    vars.push_back(v);
+  }
+  vars.push_back("ORN_CONSOLE=1");
+  vars.insert(vars.end(), env.begin(), env.end());
+  std::vector<char*> envp;
+  for (std::string& v : vars) envp.push_back(v.data());
+  envp.push_back(nullptr);
+  std::vector<std::string> argStore = {program};
+  argStore.insert(argStore.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& a : argStore) argv.push_back(a.data());
+  argv.push_back(nullptr);
+
+  ToolOutcome result;
+  int out[2];
+  if (pipe(out) != 0) return result;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+  posix_spawn_file_actions_addclose(&actions, out[0]);
+  pid_t pid;
+  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  close(out[1]);
+  if (rc != 0) {
+    close(out[0]);
+    return result;
+  }
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, size_t(n));
+  close(out[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+// Runs a shell command line; its exit status, with its standard output in `output`.
+inline ToolOutcome RunShell(const std::string& command) {
+  ToolOutcome result;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return result;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
+  const int status = pclose(pipe);
+  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+// Runs a tool's main routine and command handler behind the tool shell in this process, on the
+// console front end; `output` is what the console printed. The dialog must be registered.
+inline ToolOutcome RunToolHere(ToolMainRoutine mainRoutine, ToolCommandHandler handler,
+                               const char* dialog, const std::string& tail) {
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  testing::internal::CaptureStderr();
+  ToolOutcome result;
+  result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, mainRoutine, handler, dialog);
+  result.output = testing::internal::GetCapturedStderr();
+  return result;
+}
+
+}  // namespace test_support
