@@ -1,85 +1,31 @@
 // The entry's dispatch, seen from outside: the real program run with command lines, its
 // messages read from its output and its tails from its dispatch trace.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <sstream>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "host/settings.h"
-
-extern char** environ;
+#include "support/files.h"
+#include "support/run.h"
 
 namespace {
 
-struct Outcome {
-  int code = -1;
-  std::string output;  // stdout and stderr together
-};
+using test_support::ReadText;
+using test_support::ToolOutcome;
 
-std::string g_config;  // XDG_CONFIG_HOME of the runs
-
-Outcome RunProgram(const std::string& program, const std::vector<std::string>& args) {
-  std::vector<std::string> env;
-  for (char** e = environ; *e; e++) {
-    std::string v = *e;
-    if (v.rfind("DISPLAY=", 0) == 0 || v.rfind("WAYLAND_DISPLAY=", 0) == 0 ||
-        v.rfind("XDG_CONFIG_HOME=", 0) == 0 || v.rfind("ORN_", 0) == 0)
-      continue;
-    env.push_back(v);
-  }
-  env.push_back("ORN_CONSOLE=1");
-  env.push_back("ORN_TRACE_DISPATCH=1");
-  env.push_back("XDG_CONFIG_HOME=" + g_config);
-  std::vector<char*> envp;
-  for (std::string& v : env) envp.push_back(v.data());
-  envp.push_back(nullptr);
-
-  std::vector<std::string> argStore = {program};
-  argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : argStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
-
-  int out[2];
-  Outcome result;
-  if (pipe(out) != 0) return result;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-  posix_spawn_file_actions_addclose(&actions, out[0]);
-  pid_t pid;
-  int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-  if (rc != 0) {
-    close(out[0]);
-    return result;
-  }
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(out[0], buf, sizeof buf)) > 0) result.output.append(buf, size_t(n));
-  close(out[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return result;
+// The runs' XDG_CONFIG_HOME, removed when the program ends.
+const std::string& Config() {
+  static const test_support::ScratchDir dir;
+  return dir.path;
 }
 
-Outcome RunTool(const std::vector<std::string>& args) { return RunProgram(ORN_PROGRAM_PATH, args); }
-
-bool Has(const Outcome& o, const std::string& text) {
-  return o.output.find(text) != std::string::npos;
+ToolOutcome RunTool(const std::vector<std::string>& args, const std::string& program = ORN_PROGRAM_PATH) {
+  return test_support::RunProgram(program, args, {"ORN_TRACE_DISPATCH=1", "XDG_CONFIG_HOME=" + Config()});
 }
 
 std::string Joined(const std::vector<std::string>& args) {
@@ -88,23 +34,10 @@ std::string Joined(const std::vector<std::string>& args) {
   return line;
 }
 
-class Dispatch : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    char dir[] = "/tmp/orn_dispatch_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    g_config = dir;
-  }
-  static void TearDownTestSuite() {
-    std::string cmd = "rm -rf '" + g_config + "'";
-    ASSERT_EQ(std::system(cmd.c_str()), 0);
-  }
-};
-
 // Each word, in any case, reaches its tool (or the message that the tool is missing), and the
 // exit status tells which: 1 for a refusal, 8005 & 255 for a tool's syntax help, 8006 & 255 for
 // the missing second-generation compressor.
-TEST_F(Dispatch, WordsPickTheirToolWithItsExitCode) {
+TEST(Dispatch, WordsPickTheirToolWithItsExitCode) {
   const std::string missing = " is not part of this build yet.";
   const std::string velmoSyntax = "Syntax:  Velmo <Input Graphics File>";
   const std::string convSyntax = "Syntax:  VelmoConv <Input File> <Output File> [/Switches]";
@@ -137,37 +70,37 @@ TEST_F(Dispatch, WordsPickTheirToolWithItsExitCode) {
       std::vector<std::string> args = {word};
       args.insert(args.end(), c.tail.begin(), c.tail.end());
       SCOPED_TRACE(Joined(args));
-      const Outcome o = RunTool(args);
+      const ToolOutcome o = RunTool(args);
       EXPECT_EQ(o.code, c.code) << o.output;
-      EXPECT_TRUE(Has(o, c.said)) << o.output;
+      EXPECT_TRUE(o.Says(c.said)) << o.output;
       if (c.built) {
-        EXPECT_FALSE(Has(o, "not part of this build")) << o.output;
+        EXPECT_FALSE(o.Says("not part of this build")) << o.output;
       }
     }
 }
 
-TEST_F(Dispatch, UnknownWordsAreRefusedAndAnEmptyLineOpensTheLauncher) {
+TEST(Dispatch, UnknownWordsAreRefusedAndAnEmptyLineOpensTheLauncher) {
   for (const char* word : {"velmoplayer", "velm", "velmoc2", "launcher", "/v100"}) {
     SCOPED_TRACE(word);
-    Outcome o = RunTool({word, "a.vlm"});
+    ToolOutcome o = RunTool({word, "a.vlm"});
     EXPECT_EQ(o.code, 1);
-    EXPECT_TRUE(Has(o, "ORN Video Tools")) << o.output;
-    EXPECT_TRUE(Has(o, "Unknown command line command.")) << o.output;
-    EXPECT_FALSE(Has(o, "ORN dispatch:"));
+    EXPECT_TRUE(o.Says("ORN Video Tools")) << o.output;
+    EXPECT_TRUE(o.Says("Unknown command line command.")) << o.output;
+    EXPECT_FALSE(o.Says("ORN dispatch:"));
   }
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {}, {""}, {"   "}, {" ", "\t"}}) {
     SCOPED_TRACE(Joined(args));
-    Outcome o = RunTool(args);
+    ToolOutcome o = RunTool(args);
     EXPECT_EQ(o.code, 1);
-    EXPECT_TRUE(Has(o, "The launcher is not part of this build yet.")) << o.output;
-    EXPECT_FALSE(Has(o, "Unknown command")) << o.output;
+    EXPECT_TRUE(o.Says("The launcher is not part of this build yet.")) << o.output;
+    EXPECT_FALSE(o.Says("Unknown command")) << o.output;
   }
 }
 
 // The tail each tool is handed: compressors get their default version at the very end unless
 // one is given, parent window switches leave it, a comma behind the word is swallowed.
-TEST_F(Dispatch, TailsHandedToTheTools) {
+TEST(Dispatch, TailsHandedToTheTools) {
   const struct {
     std::vector<std::string> args;
     const char* trace;
@@ -190,13 +123,13 @@ TEST_F(Dispatch, TailsHandedToTheTools) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(Joined(c.args));
-    const Outcome o = RunTool(c.args);
-    EXPECT_TRUE(Has(o, c.trace)) << o.output;
+    const ToolOutcome o = RunTool(c.args);
+    EXPECT_TRUE(o.Says(c.trace)) << o.output;
   }
 }
 
-TEST_F(Dispatch, VersionCheckStoresItsSetting) {
-  setenv("XDG_CONFIG_HOME", g_config.c_str(), 1);
+TEST(Dispatch, VersionCheckStoresItsSetting) {
+  setenv("XDG_CONFIG_HOME", Config().c_str(), 1);
   const struct {
     std::vector<std::string> args;
     const char* said;
@@ -205,10 +138,10 @@ TEST_F(Dispatch, VersionCheckStoresItsSetting) {
                {{"VersionCheck"}, "Velmo version will be checked.", ""}};
   for (const auto& c : cases) {
     SCOPED_TRACE(Joined(c.args));
-    const Outcome o = RunTool(c.args);
+    const ToolOutcome o = RunTool(c.args);
     EXPECT_EQ(o.code, 0);
-    EXPECT_TRUE(Has(o, "ORN File Info...")) << o.output;
-    EXPECT_TRUE(Has(o, c.said)) << o.output;
+    EXPECT_TRUE(o.Says("ORN File Info...")) << o.output;
+    EXPECT_TRUE(o.Says(c.said)) << o.output;
     char value[16] = "?";
     SettingsReadText(SettingsMainSection, "NoLastVersionCheck", value, sizeof value, "unset");
     EXPECT_STREQ(value, c.stored);
@@ -216,30 +149,19 @@ TEST_F(Dispatch, VersionCheckStoresItsSetting) {
 }
 
 // A copy of the program beside a stand-in "TarvPlw" that records its arguments.
-TEST_F(Dispatch, PalettePlayerStartsFromTheProgramDirectory) {
-  std::string dir = g_config + "/bin";
+TEST(Dispatch, PalettePlayerStartsFromTheProgramDirectory) {
+  const std::string dir = Config() + "/bin", record = dir + "/args.txt";
   ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-  std::string copy = "cp '" + std::string(ORN_PROGRAM_PATH) + "' '" + dir + "/ORNVideo64'";
-  ASSERT_EQ(std::system(copy.c_str()), 0);
-  std::string record = dir + "/args.txt";
-  {
-    std::ofstream player(dir + "/TarvPlw");
-    player << "#!/bin/sh\nfor a in \"$@\"; do echo \"[$a]\"; done > '" << record << ".tmp'\n"
-           << "mv '" << record << ".tmp' '" << record << "'\n";
-  }
+  ASSERT_TRUE(std::filesystem::copy_file(ORN_PROGRAM_PATH, dir + "/ORNVideo64"));
+  test_support::WriteText(dir + "/TarvPlw", "#!/bin/sh\nfor a in \"$@\"; do echo \"[$a]\"; done > '" +
+                                                record + ".tmp'\nmv '" + record + ".tmp' '" + record + "'\n");
   ASSERT_EQ(chmod((dir + "/TarvPlw").c_str(), 0755), 0);
   for (const char* word : {"tarvplw", "TarvPly", "TARVPLAY"}) {
     ::unlink(record.c_str());
-    Outcome o = RunProgram(dir + "/ORNVideo64", {word, "my clip.trv", "/l104"});
+    const ToolOutcome o = RunTool({word, "my clip.trv", "/l104"}, dir + "/ORNVideo64");
     EXPECT_EQ(o.code, 0) << word << "\n" << o.output;
     std::string seen;
-    for (int i = 0; i < 200 && seen.empty(); i++) {
-      std::ifstream in(record);
-      std::stringstream s;
-      s << in.rdbuf();
-      seen = s.str();
-      if (seen.empty()) usleep(10000);
-    }
+    for (int i = 0; i < 200 && (seen = ReadText(record)).empty(); i++) usleep(10000);
     EXPECT_EQ(seen, "[my clip.trv]\n[/l104]\n") << word;
   }
 }
