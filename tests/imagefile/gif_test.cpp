@@ -61,8 +61,6 @@ std::vector<uint8_t> EncodeGif(int width, int height, const std::vector<RawFrame
   return out;
 }
 
-const uint32_t K = 0xFF000000, R = 0xFFFF0000, G = 0xFF00FF00, B = 0xFF0000FF, T = 0x00000000;
-
 // Frame 1 fills a 3x2 screen with red; frame 2 paints a 2x1 strip at (1,1): blue, transparent.
 std::vector<RawFrame> TwoFrames(int first_disposal) {
   RawFrame first{0, 0, 3, 2, {1, 1, 1, 1, 1, 1}, -1, first_disposal, 10};
@@ -72,9 +70,9 @@ std::vector<RawFrame> TwoFrames(int first_disposal) {
 
 TEST(Gif, AnimationHeaderFramesDelaysLoopAndTransparency) {
   const std::vector<uint8_t> bytes = EncodeGif(3, 2, TwoFrames(1));
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, nullptr);
+  const OpenFile file = Open(bytes);
   ASSERT_NE(file, nullptr);
-  const ImageInfo* info = ImageFileInfo(file);
+  const ImageInfo* info = ImageFileInfo(file.get());
   EXPECT_EQ(info->format, IMAGE_FORMAT_GIF);
   EXPECT_EQ(info->frame_count, 2);
   EXPECT_EQ(info->width, 3);
@@ -82,71 +80,60 @@ TEST(Gif, AnimationHeaderFramesDelaysLoopAndTransparency) {
   EXPECT_TRUE(info->has_alpha);
   EXPECT_TRUE(info->is_palette);
   EXPECT_EQ(info->loop_count, 3);
-  EXPECT_EQ(ImageFileFrameDelay(file, 0), 10);
-  EXPECT_EQ(ImageFileFrameDelay(file, 1), 25);
-  EXPECT_EQ(ImageFileFrameDelay(file, 2), 0);
+  EXPECT_EQ(ImageFileFrameDelay(file.get(), 0), 10);
+  EXPECT_EQ(ImageFileFrameDelay(file.get(), 1), 25);
+  EXPECT_EQ(ImageFileFrameDelay(file.get(), 2), 0);
   uint32_t palette[256];
-  EXPECT_EQ(ImageFilePalette(file, palette), 4);
+  EXPECT_EQ(ImageFilePalette(file.get(), palette), 4);
   EXPECT_EQ(palette[3], B);
-  ImageFileClose(file);
   // Transparent pixels keep the canvas under them.
   EXPECT_EQ(Read(bytes, nullptr, 0).pixels, (std::vector<uint32_t>(6, R)));
   EXPECT_EQ(Read(bytes, nullptr, 1).pixels, (std::vector<uint32_t>{R, R, R, R, B, R}));
 }
 
-TEST(Gif, DisposalToBackgroundClearsTheFrameArea) {
-  // Frame 1 covers only the left 2x2 of a 3x2 screen and is disposed to background.
-  RawFrame first{0, 0, 2, 2, {1, 1, 1, 1}, -1, DISPOSE_BACKGROUND, 5};
-  RawFrame second{2, 0, 1, 1, {2}, 0, 0, 5};
-  const std::vector<uint8_t> bytes = EncodeGif(3, 2, {first, second});
-  // The animation uses transparency, so background is transparent black.
-  EXPECT_EQ(Read(bytes, nullptr, 0).pixels, (std::vector<uint32_t>{R, R, T, R, R, T}));
-  EXPECT_EQ(Read(bytes, nullptr, 1).pixels, (std::vector<uint32_t>{T, T, G, T, T, T}));
-}
-
-TEST(Gif, DisposalToPreviousRestoresTheCanvas) {
-  RawFrame base{0, 0, 2, 1, {1, 1}, -1, DISPOSE_DO_NOT, 5};
-  RawFrame overlay{0, 0, 1, 1, {3}, -1, DISPOSE_PREVIOUS, 5};
-  RawFrame last{1, 0, 1, 1, {2}, -1, DISPOSE_DO_NOT, 5};
-  const std::vector<uint8_t> bytes = EncodeGif(2, 1, {base, overlay, last});
-  EXPECT_EQ(Read(bytes, nullptr, 1).pixels, (std::vector<uint32_t>{B, R}));
-  EXPECT_EQ(Read(bytes, nullptr, 2).pixels, (std::vector<uint32_t>{R, G}));
-}
-
-TEST(Gif, OpaqueStillUsesTheBackgroundColourOutsideTheFrame) {
-  RawFrame only{1, 0, 1, 1, {2}, -1, 0, 0};
-  ImageInfo info{};
-  const Picture p = Read(EncodeGif(2, 1, {only}, 3), nullptr, 0, nullptr, &info);
-  EXPECT_FALSE(info.has_alpha);
-  EXPECT_EQ(info.frame_count, 1);
-  EXPECT_EQ(p.pixels, (std::vector<uint32_t>{B, G}));
-}
-
-TEST(Gif, InterlacedRowsLandInDisplayOrder) {
-  RawFrame f{0, 0, 1, 10, {}, -1, 0, 0, true};
-  for (int y = 0; y < 10; ++y) f.indices.push_back(uint8_t(y % 4));
-  const Picture p = Read(EncodeGif(1, 10, {f}));
-  const uint32_t colours[4] = {K, R, G, B};
-  for (int y = 0; y < 10; ++y) EXPECT_EQ(p.pixels[size_t(y)], colours[y % 4]) << y;
-}
-
-TEST(Gif, FramesReachingOutOfTheScreenAreClipped) {
-  RawFrame f{1, 1, 3, 3, std::vector<uint8_t>(9, 3), -1, 0, 0};
-  EXPECT_EQ(Read(EncodeGif(2, 2, {f})).pixels, (std::vector<uint32_t>{K, K, K, B}));
+// Canvases composed frame by frame: disposal to background and to the previous canvas, the
+// background colour around an opaque still, interlaced rows and frames out of the screen.
+TEST(Gif, FramesComposeOnTheCanvas) {
+  // Frame 1 covers the left 2x2 of a 3x2 screen and is disposed to background: as the
+  // animation uses transparency, the background is transparent black.
+  const std::vector<uint8_t> to_background =
+      EncodeGif(3, 2, {{0, 0, 2, 2, {1, 1, 1, 1}, -1, DISPOSE_BACKGROUND, 5}, {2, 0, 1, 1, {2}, 0, 0, 5}});
+  const std::vector<uint8_t> to_previous =
+      EncodeGif(2, 1, {{0, 0, 2, 1, {1, 1}, -1, DISPOSE_DO_NOT, 5}, {0, 0, 1, 1, {3}, -1, DISPOSE_PREVIOUS, 5},
+                       {1, 0, 1, 1, {2}, -1, DISPOSE_DO_NOT, 5}});
+  RawFrame interlaced{0, 0, 1, 10, {}, -1, 0, 0, true};
+  for (int y = 0; y < 10; ++y) interlaced.indices.push_back(uint8_t(y % 4));
+  const struct {
+    const char* what;
+    std::vector<uint8_t> file;
+    int frame;
+    std::vector<uint32_t> want;
+  } cases[] = {
+      {"before disposal to background", to_background, 0, {R, R, T, R, R, T}},
+      {"after disposal to background", to_background, 1, {T, T, G, T, T, T}},
+      {"before disposal to previous", to_previous, 1, {B, R}},
+      {"after disposal to previous", to_previous, 2, {R, G}},
+      {"opaque still on its background colour", EncodeGif(2, 1, {{1, 0, 1, 1, {2}, -1, 0, 0}}, 3), 0, {B, G}},
+      {"interlaced rows in display order", EncodeGif(1, 10, {interlaced}), 0, {K, R, G, B, K, R, G, B, K, R}},
+      {"clipped to the screen", EncodeGif(2, 2, {{1, 1, 3, 3, std::vector<uint8_t>(9, 3), -1, 0, 0}}), 0, {K, K, K, B}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Read(c.file, nullptr, c.frame).pixels, c.want) << c.what;
+  const ImageInfo still = InfoOf(cases[4].file);
+  EXPECT_FALSE(still.has_alpha);
+  EXPECT_EQ(still.frame_count, 1);
 }
 
 TEST(Gif, ReadingBackwardsRestartsTheAnimation) {
   const std::vector<uint8_t> bytes = EncodeGif(3, 2, TwoFrames(DISPOSE_BACKGROUND));
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, nullptr);
+  const OpenFile file = Open(bytes);
   ASSERT_NE(file, nullptr);
   Picture p(3, 2);
   ImagePixels view = p.View();
   for (int frame : {1, 0, 1, 1, 0}) {
-    ASSERT_EQ(ImageFileReadFrame(file, frame, &view, nullptr), 1);
+    ASSERT_EQ(ImageFileReadFrame(file.get(), frame, &view, nullptr), 1);
     const std::vector<uint32_t> want = frame == 0 ? std::vector<uint32_t>(6, R) : std::vector<uint32_t>{T, T, T, T, B, T};
     EXPECT_EQ(p.pixels, want) << "frame " << frame;
   }
-  ImageFileClose(file);
 }
 
 TEST(Gif, TruncatedAnimationKeepsItsCompleteFrames) {

@@ -46,21 +46,17 @@ std::vector<Sample> Samples() {
 // Opens and reads frame 0; returns true when both succeeded. Failures must say why.
 bool OpenAndRead(const std::vector<uint8_t>& bytes, const std::string& name) {
   ImageError error{};
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), name.c_str(), &error);
-  if (!file) {
-    EXPECT_NE(error.code, IMAGE_OK);
-    EXPECT_NE(error.text[0], 0);
-    return false;
+  int ok = 0;
+  if (const OpenFile file = Open(bytes, name.c_str(), &error)) {
+    const ImageInfo* info = ImageFileInfo(file.get());
+    std::vector<float> pixels(size_t(info->width) * size_t(info->height) * 4);
+    ImagePixels view{pixels.data(), ptrdiff_t(info->width) * 16, info->width, info->height, IMAGE_PIXELS_FLOAT};
+    ok = ImageFileReadFrame(file.get(), 0, &view, &error);
   }
-  const ImageInfo* info = ImageFileInfo(file);
-  std::vector<float> pixels(size_t(info->width) * size_t(info->height) * 4);
-  ImagePixels view{pixels.data(), ptrdiff_t(info->width) * 16, info->width, info->height, IMAGE_PIXELS_FLOAT};
-  const int ok = ImageFileReadFrame(file, 0, &view, &error);
   if (!ok) {
     EXPECT_NE(error.code, IMAGE_OK);
     EXPECT_NE(error.text[0], 0);
   }
-  ImageFileClose(file);
   return ok == 1;
 }
 
@@ -111,35 +107,25 @@ class SmallLimits : public ::testing::Test {
 TEST_F(SmallLimits, EveryReaderRefusesPicturesOverTheLimits) {
   const std::vector<Sample> samples = Samples();
   ImageSetLimits(15, 1u << 20);  // the samples are 37 or 16 wide
-  for (const Sample& s : samples) {
-    ImageError error{};
-    EXPECT_EQ(ImageFileOpenMemory(s.bytes.data(), s.bytes.size(), nullptr, &error), nullptr) << s.label;
-    EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE) << s.label << ": " << error.text;
-  }
+  for (const Sample& s : samples) EXPECT_EQ(OpenError(s.bytes), IMAGE_ERROR_TOO_LARGE) << s.label;
   ImageSetLimits(1000, 100);  // total pixels too
-  for (const Sample& s : samples) {
-    ImageError error{};
-    EXPECT_EQ(ImageFileOpenMemory(s.bytes.data(), s.bytes.size(), nullptr, &error), nullptr) << s.label;
-  }
+  for (const Sample& s : samples) EXPECT_NE(OpenError(s.bytes), IMAGE_OK) << s.label;
 }
 
 TEST(Hostile, GiantHeadersAreRefusedBeforeAllocating) {
-  ImageError error{};
   // TGA of 65535x65535 with almost no data.
   Bytes tga;
   tga.u8(0).u8(0).u8(2).u16(0).u16(0).u8(0).u16(0).u16(0).u16(65535).u16(65535).u8(24).u8(0).u32(0);
-  EXPECT_EQ(ImageFileOpenMemory(tga.v.data(), tga.v.size(), "x.tga", &error), nullptr);
-  EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE);
+  EXPECT_EQ(OpenError(tga.v, "x.tga"), IMAGE_ERROR_TOO_LARGE);
   // GIF screen of 65535x65535.
   Bytes gif;
   gif.str("GIF89a").u16(65535).u16(65535).u8(0).u8(0).u8(0).u8(0x3B);
-  EXPECT_EQ(ImageFileOpenMemory(gif.v.data(), gif.v.size(), nullptr, &error), nullptr);
-  EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE);
+  EXPECT_EQ(OpenError(gif.v), IMAGE_ERROR_TOO_LARGE);
   // JPEG start of frame claiming 65000x65000.
   Bytes jpeg;
   jpeg.u8(0xFF).u8(0xD8).u8(0xFF).u8(0xC0).u8(0).u8(11).u8(8).u8(0xFD).u8(0xE8).u8(0xFD).u8(0xE8).u8(1);
   jpeg.u8(1).u8(0x11).u8(0).u8(0xFF).u8(0xD9);
-  EXPECT_EQ(ImageFileOpenMemory(jpeg.v.data(), jpeg.v.size(), nullptr, &error), nullptr);
+  EXPECT_NE(OpenError(jpeg.v), IMAGE_OK);
 }
 
 // OpenEXR headers that the library would abort on: a part type it does not expect, and a channel
@@ -203,10 +189,8 @@ TEST(Probe, TgaNeedsItsExtensionOrAConvincingHeader) {
   EXPECT_EQ(ImageProbeFormat(tga.v.data(), tga.v.size(), nullptr), IMAGE_FORMAT_TGA);
   // Text is nothing.
   const char text[] = "Hello, this is not a picture at all.";
-  ImageError error{};
-  EXPECT_EQ(ImageFileOpenMemory(text, sizeof text, "x.png", &error), nullptr);
-  EXPECT_EQ(error.code, IMAGE_ERROR_UNKNOWN_TYPE);
-  EXPECT_EQ(ImageFileOpenMemory(text, 0, nullptr, &error), nullptr);
+  EXPECT_EQ(OpenError({text, text + sizeof text}, "x.png"), IMAGE_ERROR_UNKNOWN_TYPE);
+  EXPECT_EQ(ImageFileOpenMemory(text, 0, nullptr, nullptr), nullptr);
 }
 
 TEST(Probe, ExtensionsMapToFormats) {

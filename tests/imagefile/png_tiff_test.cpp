@@ -2,13 +2,10 @@
 // transparency, grey, interlacing, associated alpha, and pictures read through libtiff's RGBA path.
 #include "test_support.h"
 
+#include "support/files.h"
+
 #include <png.h>
 #include <tiffio.h>
-
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <unistd.h>
 
 using namespace imagefile_test;
 
@@ -50,17 +47,13 @@ std::vector<uint8_t> EncodePng(const PngSpec& s, std::vector<std::vector<uint8_t
   return out;
 }
 
-std::vector<uint16_t> ReadWide(const std::vector<uint8_t>& bytes, ImageInfo* info) {
-  return ReadSamples<uint16_t>(bytes, IMAGE_PIXELS_RGBA16, info);
-}
-
 TEST(Png, SixteenBitRgbaKeepsItsPrecision) {
   const uint16_t samples[8] = {0x1234, 0xFEDC, 0x0001, 0x8000, 0xFFFF, 0x0000, 0x7FFF, 0x0101};
   std::vector<uint8_t> row;
   for (uint16_t v : samples) row.push_back(uint8_t(v >> 8)), row.push_back(uint8_t(v));
   const std::vector<uint8_t> bytes = EncodePng({2, 1, 16, PNG_COLOR_TYPE_RGB_ALPHA, false, {}, {}}, {row});
   ImageInfo info{};
-  const std::vector<uint16_t> wide = ReadWide(bytes, &info);
+  const std::vector<uint16_t> wide = ReadSamples<uint16_t>(bytes, IMAGE_PIXELS_RGBA16, &info);
   EXPECT_EQ(info.bits_per_channel, 16);
   EXPECT_EQ(info.bits_per_pixel, 64);
   EXPECT_EQ(info.sub_format, PNG_COLOR_TYPE_RGB_ALPHA);
@@ -74,13 +67,10 @@ TEST(Png, SixteenBitRgbaKeepsItsPrecision) {
 
 TEST(Png, SixteenBitGreyToFloat) {
   const std::vector<uint8_t> bytes = EncodePng({2, 1, 16, PNG_COLOR_TYPE_GRAY, false, {}, {}}, {{0xFF, 0xFF, 0x40, 0x00}});
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, nullptr);
-  ASSERT_NE(file, nullptr);
-  EXPECT_TRUE(ImageFileInfo(file)->is_gray);
-  float px[8];
-  ImagePixels view{px, 32, 2, 1, IMAGE_PIXELS_FLOAT};
-  ASSERT_EQ(ImageFileReadFrame(file, 0, &view, nullptr), 1);
-  ImageFileClose(file);
+  ImageInfo info{};
+  const std::vector<float> px = ReadSamples<float>(bytes, IMAGE_PIXELS_FLOAT, &info);
+  EXPECT_TRUE(info.is_gray);
+  ASSERT_EQ(px.size(), 8u);
   EXPECT_FLOAT_EQ(px[0], 1.0f);
   EXPECT_FLOAT_EQ(px[4], float(0x4000) / 65535.0f);
   EXPECT_FLOAT_EQ(px[6], float(0x4000) / 65535.0f);
@@ -114,30 +104,11 @@ TEST(Png, LowBitGreyAndAdam7Interlace) {
     for (int x = 0; x < 9; ++x) ASSERT_EQ(p.at(x, y), (x + y) % 3 == 0 ? 0xFFFFFFFFu : 0xFF000000u) << x << "," << y;
 }
 
-class TempFile {
- public:
-  TempFile() {
-    char name[] = "/tmp/imagefile_tiffXXXXXX";
-    const int fd = mkstemp(name);
-    if (fd >= 0) close(fd);
-    name_ = name;
-  }
-  ~TempFile() { std::remove(name_.c_str()); }
-  const char* name() const { return name_.c_str(); }
-  std::vector<uint8_t> Bytes() const {
-    std::ifstream in(name_, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-  }
-
- private:
-  std::string name_;
-};
-
 // A one-strip TIFF with the given layout; `extra` is the extra-sample kind or -1.
 std::vector<uint8_t> EncodeTiff(int w, int h, int bits, int samples, int photometric, int extra,
-                                const void* data, size_t bytes, const std::vector<uint16_t>& colour_map = {}) {
-  TempFile tmp;
-  TIFF* tif = TIFFOpen(tmp.name(), "w");
+                                std::vector<uint8_t> data, const std::vector<uint16_t>& colour_map = {}) {
+  const test_support::ScratchDir dir;
+  TIFF* tif = TIFFOpen((dir / "t.tif").c_str(), "w");
   EXPECT_NE(tif, nullptr);
   TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, uint32_t(w));
   TIFFSetField(tif, TIFFTAG_IMAGELENGTH, uint32_t(h));
@@ -154,50 +125,45 @@ std::vector<uint8_t> EncodeTiff(int w, int h, int bits, int samples, int photome
     const size_t n = colour_map.size() / 3;
     TIFFSetField(tif, TIFFTAG_COLORMAP, colour_map.data(), colour_map.data() + n, colour_map.data() + 2 * n);
   }
-  EXPECT_GE(TIFFWriteEncodedStrip(tif, 0, const_cast<void*>(data), tmsize_t(bytes)), 0);
+  EXPECT_GE(TIFFWriteEncodedStrip(tif, 0, data.data(), tmsize_t(data.size())), 0);
   TIFFClose(tif);
-  return tmp.Bytes();
+  return test_support::ReadFile(dir / "t.tif");
 }
 
 TEST(Tiff, SixteenBitRgbKeepsItsPrecision) {
   const uint16_t samples[6] = {0x0102, 0xA0B0, 0xFFFF, 0x0000, 0x7FFF, 0x1234};
-  const std::vector<uint8_t> bytes = EncodeTiff(2, 1, 16, 3, PHOTOMETRIC_RGB, -1, samples, sizeof samples);
+  const uint8_t* raw = reinterpret_cast<const uint8_t*>(samples);  // in this machine's order
+  const std::vector<uint8_t> bytes = EncodeTiff(2, 1, 16, 3, PHOTOMETRIC_RGB, -1, {raw, raw + sizeof samples});
   ImageInfo info{};
-  const std::vector<uint16_t> wide = ReadWide(bytes, &info);
+  const std::vector<uint16_t> wide = ReadSamples<uint16_t>(bytes, IMAGE_PIXELS_RGBA16, &info);
   EXPECT_EQ(info.format, IMAGE_FORMAT_TIFF);
   EXPECT_EQ(info.bits_per_channel, 16);
   EXPECT_FALSE(info.has_alpha);
   EXPECT_EQ(wide, (std::vector<uint16_t>{0x0102, 0xA0B0, 0xFFFF, 0xFFFF, 0x0000, 0x7FFF, 0x1234, 0xFFFF}));
 }
 
-TEST(Tiff, AssociatedAlphaIsMadeStraight) {
-  const uint8_t samples[4] = {64, 32, 0, 128};  // premultiplied colour at alpha 128
-  const std::vector<uint8_t> bytes = EncodeTiff(1, 1, 8, 4, PHOTOMETRIC_RGB, EXTRASAMPLE_ASSOCALPHA, samples, 4);
-  ImageInfo info{};
-  const Picture p = Read(bytes, nullptr, 0, nullptr, &info);
-  EXPECT_TRUE(info.has_alpha);
-  EXPECT_EQ(info.extra_samples, 1);
-  EXPECT_EQ(p.pixels[0], 0x80804000u);
-}
-
-TEST(Tiff, GreyWithAlpha) {
-  const uint8_t samples[4] = {200, 255, 10, 0};
-  const Picture p = Read(EncodeTiff(2, 1, 8, 2, PHOTOMETRIC_MINISBLACK, EXTRASAMPLE_UNASSALPHA, samples, 4));
-  EXPECT_EQ(p.pixels, (std::vector<uint32_t>{0xFFC8C8C8, 0x000A0A0A}));
-}
-
-TEST(Tiff, PaletteAndBilevelGoThroughTheRgbaPath) {
+// Associated alpha is made straight; palettes and bilevel pictures go through the RGBA path.
+TEST(Tiff, LayoutsGiveTheirPixels) {
   std::vector<uint16_t> map(3 * 16, 0);
-  map[1] = 0xFFFF;        // entry 1 red
-  map[16 + 2] = 0xFFFF;   // entry 2 green
-  const uint8_t indices[1] = {0x12};  // 4-bit indices 1, 2
-  ImageInfo info{};
-  const Picture p = Read(EncodeTiff(2, 1, 4, 1, PHOTOMETRIC_PALETTE, -1, indices, 1, map), nullptr, 0, nullptr, &info);
-  EXPECT_TRUE(info.is_palette);
-  EXPECT_EQ(p.pixels, (std::vector<uint32_t>{0xFFFF0000, 0xFF00FF00}));
-  const uint8_t bits[1] = {0xA0};  // min-is-white: 1 is black
-  EXPECT_EQ(Read(EncodeTiff(3, 1, 1, 1, PHOTOMETRIC_MINISWHITE, -1, bits, 1)).pixels,
-            (std::vector<uint32_t>{0xFF000000, 0xFFFFFFFF, 0xFF000000}));
+  map[1] = 0xFFFF;       // entry 1 red
+  map[16 + 2] = 0xFFFF;  // entry 2 green
+  const struct {
+    const char* what;
+    std::vector<uint8_t> file;
+    std::vector<uint32_t> want;
+  } cases[] = {
+      {"premultiplied colour at alpha 128", EncodeTiff(1, 1, 8, 4, PHOTOMETRIC_RGB, EXTRASAMPLE_ASSOCALPHA, {64, 32, 0, 128}),
+       {0x80804000u}},
+      {"grey with alpha", EncodeTiff(2, 1, 8, 2, PHOTOMETRIC_MINISBLACK, EXTRASAMPLE_UNASSALPHA, {200, 255, 10, 0}),
+       {0xFFC8C8C8, 0x000A0A0A}},
+      {"4-bit palette indices 1, 2", EncodeTiff(2, 1, 4, 1, PHOTOMETRIC_PALETTE, -1, {0x12}, map), {R, G}},
+      {"min-is-white: 1 is black", EncodeTiff(3, 1, 1, 1, PHOTOMETRIC_MINISWHITE, -1, {0xA0}), {K, W, K}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Read(c.file).pixels, c.want) << c.what;
+  const ImageInfo associated = InfoOf(cases[0].file);
+  EXPECT_TRUE(associated.has_alpha);
+  EXPECT_EQ(associated.extra_samples, 1);
+  EXPECT_TRUE(InfoOf(cases[2].file).is_palette);
 }
 
 }  // namespace

@@ -1,18 +1,21 @@
-// Helpers for the image file tests: pictures held in memory and byte builders.
+// Helpers for the image file tests: pictures held in memory, opening and reading bytes, and a
+// byte builder for hand-made files.
 #pragma once
 
 #include "imagefile/imagefile.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <algorithm>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace imagefile_test {
+
+// Opaque black, red, green, blue and white, and transparent black.
+constexpr uint32_t K = 0xFF000000, R = 0xFFFF0000, G = 0xFF00FF00, B = 0xFF0000FF, W = 0xFFFFFFFF, T = 0;
 
 // A top-down ARGB picture.
 struct Picture {
@@ -26,7 +29,11 @@ struct Picture {
   ImagePixels View() {
     return ImagePixels{pixels.data(), ptrdiff_t(width) * 4, width, height, IMAGE_PIXELS_ARGB32};
   }
+  bool operator==(const Picture& o) const { return width == o.width && height == o.height && pixels == o.pixels; }
 };
+inline void PrintTo(const Picture& p, std::ostream* os) {
+  *os << p.width << "x" << p.height << " " << ::testing::PrintToString(p.pixels);
+}
 
 // A colourful test pattern; `alpha` false gives opaque pixels.
 inline Picture Pattern(int w, int h, bool alpha) {
@@ -65,45 +72,64 @@ inline std::vector<uint8_t> Write(const ImageWriteParams& params, Picture& pictu
   return WriteView(params, picture.View());
 }
 
+using OpenFile = std::unique_ptr<ImageFile, void (*)(ImageFile*)>;
+
+// Opens bytes; null (with the reason in `error` when given) when they do not open.
+inline OpenFile Open(const std::vector<uint8_t>& bytes, const char* name = nullptr, ImageError* error = nullptr) {
+  return OpenFile(ImageFileOpenMemory(bytes.data(), bytes.size(), name, error), ImageFileClose);
+}
+
+// The code with which opening bytes fails; IMAGE_OK when they open.
+inline int OpenError(const std::vector<uint8_t>& bytes, const char* name = nullptr) {
+  ImageError error{};
+  return Open(bytes, name, &error) ? IMAGE_OK : error.code;
+}
+
 // Opens bytes and reads frame 0 as four samples a pixel: IMAGE_PIXELS_RGBA16 into uint16_t,
 // IMAGE_PIXELS_FLOAT into float.
 template <typename Sample>
 std::vector<Sample> ReadSamples(const std::vector<uint8_t>& bytes, int kind, ImageInfo* info) {
   ImageError error{};
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), nullptr, &error);
+  const OpenFile file = Open(bytes, nullptr, &error);
   EXPECT_NE(file, nullptr) << error.text;
   if (!file) return {};
-  *info = *ImageFileInfo(file);
+  *info = *ImageFileInfo(file.get());
   std::vector<Sample> out(size_t(info->width) * size_t(info->height) * 4);
   ImagePixels view{out.data(), ptrdiff_t(info->width) * 4 * ptrdiff_t(sizeof(Sample)), info->width,
                    info->height, kind};
-  EXPECT_EQ(ImageFileReadFrame(file, 0, &view, &error), 1) << error.text;
-  ImageFileClose(file);
+  EXPECT_EQ(ImageFileReadFrame(file.get(), 0, &view, &error), 1) << error.text;
   return out;
 }
 
-// Opens bytes and reads frame `frame` as ARGB; `ok` reports the read's result.
+// Opens bytes and reads frame `frame` as ARGB; `ok` reports the read's result (a failed read
+// fails the test when `ok` is not given).
 inline Picture Read(const std::vector<uint8_t>& bytes, const char* name = nullptr, int frame = 0, bool* ok = nullptr,
                     ImageInfo* info_out = nullptr) {
   ImageError error{};
-  ImageFile* file = ImageFileOpenMemory(bytes.data(), bytes.size(), name, &error);
+  const OpenFile file = Open(bytes, name, &error);
   if (!file) {
     ADD_FAILURE() << "open failed: " << error.text;
     if (ok) *ok = false;
     return {};
   }
-  const ImageInfo* info = ImageFileInfo(file);
+  const ImageInfo* info = ImageFileInfo(file.get());
   if (info_out) *info_out = *info;
   Picture p(info->width, info->height);
   ImagePixels view = p.View();
-  const int result = ImageFileReadFrame(file, frame, &view, &error);
+  const int result = ImageFileReadFrame(file.get(), frame, &view, &error);
   if (ok) {
     *ok = result == 1;
   } else {
     EXPECT_EQ(result, 1) << error.text;
   }
-  ImageFileClose(file);
   return p;
+}
+
+// The information of bytes that open.
+inline ImageInfo InfoOf(const std::vector<uint8_t>& bytes, const char* name = nullptr) {
+  ImageInfo info{};
+  Read(bytes, name, 0, nullptr, &info);
+  return info;
 }
 
 // Little-endian byte builder for hand-made files.
@@ -115,20 +141,5 @@ struct Bytes {
   Bytes& str(const char* s) { while (*s) u8(uint8_t(*s++)); return *this; }
   Bytes& raw(const std::vector<uint8_t>& bytes) { v.insert(v.end(), bytes.begin(), bytes.end()); return *this; }
 };
-
-inline bool SamePictures(const Picture& a, const Picture& b, std::string* where = nullptr) {
-  if (a.width != b.width || a.height != b.height) return false;
-  for (int y = 0; y < a.height; ++y)
-    for (int x = 0; x < a.width; ++x)
-      if (a.at(x, y) != b.at(x, y)) {
-        if (where) {
-          char text[96];
-          std::snprintf(text, sizeof text, "(%d,%d): %08x vs %08x", x, y, a.at(x, y), b.at(x, y));
-          *where = text;
-        }
-        return false;
-      }
-  return true;
-}
 
 }  // namespace imagefile_test

@@ -9,9 +9,8 @@ struct TgaSpec {
   int image_type = 2;
   int width = 1, height = 1, depth = 24;
   int descriptor = 0;
-  int map_first = 0, map_bits = 0;
+  int map_length = 0, map_bits = 0, map_first = 0;
   std::vector<uint8_t> map;  // colour map bytes
-  int map_length = 0;
   std::string id;
 };
 
@@ -24,136 +23,90 @@ std::vector<uint8_t> MakeTga(const TgaSpec& s, const std::vector<uint8_t>& data)
   return b.v;
 }
 
-const uint32_t R = 0xFFFF0000, G = 0xFF00FF00, B = 0xFF0000FF, W = 0xFFFFFFFF;
-
-TEST(Tga, UncompressedTrueColourIsBottomUpByDefault) {
+// A spec of `width` x `height` pixels of the type and depth, top-down unless `descriptor` says.
+TgaSpec Spec(int type, int width, int height, int depth, int descriptor = 0x20) {
   TgaSpec s;
-  s.width = 2, s.height = 2, s.id = "made by hand";
-  const std::vector<uint8_t> data = {0, 0, 255, 0, 255, 0,  // stored first: the bottom row, red green
-                                     255, 0, 0, 255, 255, 255};
-  ImageInfo info{};
-  const Picture p = Read(MakeTga(s, data), "x.tga", 0, nullptr, &info);
+  s.image_type = type, s.width = width, s.height = height, s.depth = depth, s.descriptor = descriptor;
+  return s;
+}
+
+TEST(Tga, EveryTypeDepthAndOriginGivesItsPixels) {
+  // 2x2: stored first red green, then blue white.
+  const std::vector<uint8_t> square = {0, 0, 255, 0, 255, 0, 255, 0, 0, 255, 255, 255};
+  const std::vector<uint8_t> argb = {1, 2, 3, 0x40, 4, 5, 6, 0xC0};
+  // 0x7C00 red with the attribute bit clear (transparent), 0x83E0 green with it set.
+  const std::vector<uint8_t> hicolour = {0x00, 0x7C, 0xE0, 0x83};
+  TgaSpec with_id = Spec(2, 2, 2, 24, 0);
+  with_id.id = "made by hand";
+  TgaSpec mapped = Spec(1, 3, 1, 8);
+  mapped.map_first = 10, mapped.map_length = 2, mapped.map_bits = 24;
+  mapped.map = {0, 0, 255, 255, 0, 0};  // entry 10 red, entry 11 blue
+  TgaSpec rle_mapped = Spec(9, 4, 1, 8);
+  rle_mapped.map_length = 2, rle_mapped.map_bits = 16;
+  rle_mapped.map = {0x00, 0x7C, 0x1F, 0x00};  // 15-bit red, blue
+  const struct {
+    const char* what;
+    std::vector<uint8_t> file;
+    std::vector<uint32_t> want;
+  } cases[] = {
+      {"bottom-up by default", MakeTga(with_id, square), {B, W, R, G}},
+      {"top-down", MakeTga(Spec(2, 2, 2, 24), square), {R, G, B, W}},
+      {"top-down, right to left", MakeTga(Spec(2, 2, 2, 24, 0x30), square), {G, R, W, B}},
+      {"32 bit with attribute bits", MakeTga(Spec(2, 2, 1, 32, 0x28), argb), {0x40030201, 0xC0060504}},
+      {"32 bit without attribute bits is opaque", MakeTga(Spec(2, 2, 1, 32), argb), {0xFF030201, 0xFF060504}},
+      {"16 bit with an attribute bit", MakeTga(Spec(2, 2, 1, 16, 0x21), hicolour), {0x00FF0000, G}},
+      {"15 bit", MakeTga(Spec(2, 2, 1, 15), hicolour), {R, G}},
+      {"colour mapped, below the first entry black", MakeTga(mapped, {11, 10, 3}), {B, R, K}},
+      {"grey", MakeTga(Spec(3, 2, 1, 8), {0x10, 0xF0}), {0xFF101010, 0xFFF0F0F0}},
+      {"grey with alpha", MakeTga(Spec(3, 2, 1, 16), {0x10, 0x80, 0xF0, 0x00}), {0x80101010, 0x00F0F0F0}},
+      // A run of 4 red crosses into row 2, then a raw packet of 2: green, blue.
+      {"runs cross rows", MakeTga(Spec(10, 3, 2, 24), {0x83, 0, 0, 255, 0x01, 0, 255, 0, 255, 0, 0}),
+       {R, R, R, R, G, B}},
+      {"colour mapped runs", MakeTga(rle_mapped, {0x82, 1, 0x00, 0}), {B, B, B, R}},
+      {"grey runs", MakeTga(Spec(11, 3, 1, 8), {0x82, 0x7F}), {0xFF7F7F7F, 0xFF7F7F7F, 0xFF7F7F7F}},
+      {"runs longer than the picture stop at its end", MakeTga(Spec(10, 2, 1, 24), {0xFF, 0, 255, 0}), {G, G}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Read(c.file, "x.tga").pixels, c.want) << c.what;
+
+  ImageInfo info = InfoOf(cases[0].file, "x.tga");
   EXPECT_EQ(info.format, IMAGE_FORMAT_TGA);
   EXPECT_FALSE(info.has_alpha);
-  EXPECT_EQ(p.pixels, (std::vector<uint32_t>{B, W, R, G}));
-}
-
-TEST(Tga, OriginBitsFlipRowsAndColumns) {
-  TgaSpec s;
-  s.width = 2, s.height = 2;
-  const std::vector<uint8_t> data = {0, 0, 255, 0, 255, 0, 255, 0, 0, 255, 255, 255};
-  s.descriptor = 0x20;  // top-down
-  EXPECT_EQ(Read(MakeTga(s, data), "x.tga").pixels, (std::vector<uint32_t>{R, G, B, W}));
-  s.descriptor = 0x30;  // top-down, right to left
-  EXPECT_EQ(Read(MakeTga(s, data), "x.tga").pixels, (std::vector<uint32_t>{G, R, W, B}));
-}
-
-TEST(Tga, ThirtyTwoBitAlphaNeedsAttributeBits) {
-  TgaSpec s;
-  s.width = 2, s.depth = 32, s.descriptor = 0x28;
-  const std::vector<uint8_t> data = {1, 2, 3, 0x40, 4, 5, 6, 0xC0};
-  ImageInfo info{};
-  EXPECT_EQ(Read(MakeTga(s, data), "a.tga", 0, nullptr, &info).pixels, (std::vector<uint32_t>{0x40030201, 0xC0060504}));
+  info = InfoOf(cases[3].file, "x.tga");
   EXPECT_TRUE(info.has_alpha);
   EXPECT_EQ(info.alpha_bits, 8);
-  s.descriptor = 0x20;  // no attribute bits: the fourth byte is not alpha
-  EXPECT_EQ(Read(MakeTga(s, data), "a.tga", 0, nullptr, &info).pixels, (std::vector<uint32_t>{0xFF030201, 0xFF060504}));
-  EXPECT_FALSE(info.has_alpha);
-}
-
-TEST(Tga, FifteenAndSixteenBitColour) {
-  TgaSpec s;
-  s.width = 2, s.depth = 16, s.descriptor = 0x21;
-  // 0x7C00 red with the attribute bit clear (transparent), 0x83E0 green with it set.
-  const std::vector<uint8_t> data = {0x00, 0x7C, 0xE0, 0x83};
-  EXPECT_EQ(Read(MakeTga(s, data), "a.tga").pixels, (std::vector<uint32_t>{0x00FF0000, 0xFF00FF00}));
-  s.depth = 15, s.descriptor = 0x20;
-  EXPECT_EQ(Read(MakeTga(s, data), "a.tga").pixels, (std::vector<uint32_t>{R, G}));
-}
-
-TEST(Tga, ColourMappedWithFirstEntryOffset) {
-  TgaSpec s;
-  s.image_type = 1, s.width = 3, s.depth = 8, s.descriptor = 0x20;
-  s.map_first = 10, s.map_length = 2, s.map_bits = 24;
-  s.map = {0, 0, 255, 255, 0, 0};  // entry 10 red, entry 11 blue
-  const std::vector<uint8_t> data = {11, 10, 3};  // 3 lies below the first entry: black
-  ImageInfo info{};
-  EXPECT_EQ(Read(MakeTga(s, data), "m.tga", 0, nullptr, &info).pixels, (std::vector<uint32_t>{B, R, 0xFF000000}));
-  EXPECT_TRUE(info.is_palette);
-  uint32_t palette[256];
-  ImageFile* file = ImageFileOpenMemory(MakeTga(s, data).data(), MakeTga(s, data).size(), "m.tga", nullptr);
-  ASSERT_NE(file, nullptr);
-  ASSERT_EQ(ImageFilePalette(file, palette), 256);
-  EXPECT_EQ(palette[10], R);
-  EXPECT_EQ(palette[11], B);
-  ImageFileClose(file);
-}
-
-TEST(Tga, GreyAndGreyWithAlpha) {
-  TgaSpec s;
-  s.image_type = 3, s.width = 2, s.depth = 8, s.descriptor = 0x20;
-  EXPECT_EQ(Read(MakeTga(s, {0x10, 0xF0}), "g.tga").pixels, (std::vector<uint32_t>{0xFF101010, 0xFFF0F0F0}));
-  s.depth = 16;
-  ImageInfo info{};
-  EXPECT_EQ(Read(MakeTga(s, {0x10, 0x80, 0xF0, 0x00}), "g.tga", 0, nullptr, &info).pixels,
-            (std::vector<uint32_t>{0x80101010, 0x00F0F0F0}));
+  EXPECT_FALSE(InfoOf(cases[4].file, "x.tga").has_alpha);
+  EXPECT_TRUE(InfoOf(cases[7].file, "x.tga").is_palette);
+  info = InfoOf(cases[9].file, "x.tga");
   EXPECT_TRUE(info.has_alpha);
   EXPECT_TRUE(info.is_gray);
-}
+  EXPECT_EQ(InfoOf(cases[10].file, "x.tga").compression, 1);
 
-TEST(Tga, RunLengthPacketsMayCrossRows) {
-  TgaSpec s;
-  s.image_type = 10, s.width = 3, s.height = 2, s.descriptor = 0x20;
-  // A run of 4 red (crosses into row 2), then a raw packet of 2: green, blue.
-  const std::vector<uint8_t> data = {0x83, 0, 0, 255, 0x01, 0, 255, 0, 255, 0, 0};
-  ImageInfo info{};
-  EXPECT_EQ(Read(MakeTga(s, data), "r.tga", 0, nullptr, &info).pixels, (std::vector<uint32_t>{R, R, R, R, G, B}));
-  EXPECT_EQ(info.compression, 1);
-}
-
-TEST(Tga, RunLengthColourMappedAndGrey) {
-  TgaSpec s;
-  s.image_type = 9, s.width = 4, s.depth = 8, s.descriptor = 0x20;
-  s.map_length = 2, s.map_bits = 16;
-  s.map = {0x00, 0x7C, 0x1F, 0x00};  // 15-bit red, blue
-  EXPECT_EQ(Read(MakeTga(s, {0x82, 1, 0x00, 0}), "r.tga").pixels, (std::vector<uint32_t>{B, B, B, R}));
-  TgaSpec grey;
-  grey.image_type = 11, grey.width = 3, grey.depth = 8, grey.descriptor = 0x20;
-  EXPECT_EQ(Read(MakeTga(grey, {0x82, 0x7F}), "r.tga").pixels, (std::vector<uint32_t>(3, 0xFF7F7F7F)));
-}
-
-TEST(Tga, RunsLongerThanThePictureStopAtItsEnd) {
-  TgaSpec s;
-  s.image_type = 10, s.width = 2, s.descriptor = 0x20;
-  EXPECT_EQ(Read(MakeTga(s, {0xFF, 0, 255, 0}), "r.tga").pixels, (std::vector<uint32_t>{G, G}));
+  uint32_t palette[256];
+  const OpenFile file = Open(cases[7].file, "m.tga");
+  ASSERT_NE(file, nullptr);
+  ASSERT_EQ(ImageFilePalette(file.get(), palette), 256);
+  EXPECT_EQ(palette[10], R);
+  EXPECT_EQ(palette[11], B);
 }
 
 TEST(Tga, TruncatedDataGivesAnErrorAndAPartialPicture) {
-  TgaSpec s;
-  s.image_type = 10, s.width = 4, s.descriptor = 0x20;
   bool ok = true;
-  const Picture p = Read(MakeTga(s, {0x81, 0, 0, 255, 0x01, 255}), "t.tga", 0, &ok);
+  const Picture p = Read(MakeTga(Spec(10, 4, 1, 24), {0x81, 0, 0, 255, 0x01, 255}), "t.tga", 0, &ok);
   EXPECT_FALSE(ok);
-  EXPECT_EQ(p.pixels, (std::vector<uint32_t>{R, R, 0xFF000000, 0xFF000000}));
-  TgaSpec raw;
-  raw.width = 3, raw.descriptor = 0x20;
+  EXPECT_EQ(p.pixels, (std::vector<uint32_t>{R, R, K, K}));
   ok = true;
-  Read(MakeTga(raw, {1, 2, 3, 4}), "t.tga", 0, &ok);
+  Read(MakeTga(Spec(2, 3, 1, 24), {1, 2, 3, 4}), "t.tga", 0, &ok);
   EXPECT_FALSE(ok);
 }
 
 TEST(Tga, BadHeadersAreRefused) {
-  ImageError error{};
   TgaSpec s;
   s.depth = 12;
-  std::vector<uint8_t> bad_depth = MakeTga(s, {1, 2});
-  EXPECT_EQ(ImageFileOpenMemory(bad_depth.data(), bad_depth.size(), "x.tga", &error), nullptr);
-  TgaSpec mapped;
-  mapped.image_type = 1, mapped.depth = 8, mapped.map_length = 200, mapped.map_bits = 24;
+  EXPECT_NE(OpenError(MakeTga(s, {1, 2}), "x.tga"), IMAGE_OK);
+  TgaSpec mapped = Spec(1, 1, 1, 8, 0);
+  mapped.map_length = 200, mapped.map_bits = 24;
   mapped.map = {1, 2, 3};  // far fewer entries than stated
-  std::vector<uint8_t> short_map = MakeTga(mapped, {});
-  EXPECT_EQ(ImageFileOpenMemory(short_map.data(), short_map.size(), "x.tga", &error), nullptr);
-  EXPECT_EQ(error.code, IMAGE_ERROR_CORRUPT);
+  EXPECT_EQ(OpenError(MakeTga(mapped, {}), "x.tga"), IMAGE_ERROR_CORRUPT);
 }
 
 }  // namespace
