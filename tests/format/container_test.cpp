@@ -2,6 +2,7 @@
 // frame table expansion, slices and the frame packet walk.
 #include "format/container.h"
 
+#include "support/files.h"
 #include "support/velmo_file.h"
 
 #include <gtest/gtest.h>
@@ -10,22 +11,23 @@
 #include <iterator>
 #include <string>
 
+using test_support::Put16;
 using velmo_test::GoodHeader;
 using velmo_test::HeaderBytes;
 using velmo_test::Put32;
 
 namespace {
 
-uint32_t MagicFromText(const char* text) {
-  uint8_t bytes[4];
-  std::memcpy(bytes, text, 4);
-  return uint32_t(bytes[0]) | uint32_t(bytes[1]) << 8 | uint32_t(bytes[2]) << 16 |
-         uint32_t(bytes[3]) << 24;
-}
+uint32_t MagicFromText(const char* text) { return test_support::Le32(std::string(text, 4), 0); }
 
 std::string Error(const char* text) { return text ? text : "(none)"; }
 
-// ---------------------------------------------------------------------------------------------
+// Little-endian words as bytes.
+std::vector<uint8_t> Words(std::initializer_list<uint32_t> words) {
+  std::vector<uint8_t> bytes;
+  for (uint32_t w : words) Put32(&bytes, w);
+  return bytes;
+}
 
 struct ProbeRow {
   const char* Magic;
@@ -77,9 +79,7 @@ TEST(ContainerMagic, EveryProbeOnEveryValue) {
     EXPECT_EQ(MagicHasSliceMode(m), row.SliceMode);
     EXPECT_STREQ(MagicName(m), row.Name);
   }
-}
-
-TEST(ContainerMagic, OldOrBetaIsOnlyUnknownFirstGenerationLetters) {
+  // Old or beta files are only the unknown first-generation letters.
   EXPECT_TRUE(MagicIsOldOrBeta(MagicFromText("VLMa")));
   EXPECT_TRUE(MagicIsOldOrBeta(MagicFromText("VLMl")));
   EXPECT_TRUE(MagicIsOldOrBeta(MagicFromText("VLM\0")));
@@ -88,29 +88,18 @@ TEST(ContainerMagic, OldOrBetaIsOnlyUnknownFirstGenerationLetters) {
   EXPECT_FALSE(MagicIsOldOrBeta(MagicFromText("XLMa")));
 }
 
-// ---------------------------------------------------------------------------------------------
-
+// The header's eleven words lie in the order of the record's fields.
 TEST(ContainerHeader, FieldsAreLittleEndianAtTheirOffsets) {
+  const std::vector<uint32_t> words = {0x6A324D56u, 0x11223344u, 7u, 0x01020304u, 9u, 0xFFFFFD80u,
+                                       480u, 30000u, 1001u, 0x81000010u, 0x40000003u};
   std::vector<uint8_t> bytes;
-  for (uint32_t w : {0x6A324D56u, 0x11223344u, 7u, 0x01020304u, 9u, 0xFFFFFD80u, 480u, 30000u,
-                     1001u, 0x81000010u, 0x40000003u}) {
-    Put32(&bytes, w);
-  }
-  ASSERT_EQ(bytes.size(), 44u);
-  EXPECT_EQ(bytes[0], 'V');
+  for (uint32_t w : words) Put32(&bytes, w);
   VelmoHeader h;
   ASSERT_TRUE(VelmoParseHeader(bytes.data(), bytes.size(), &h));
-  EXPECT_EQ(h.Magic, VelmoMagicVM2j);
-  EXPECT_EQ(h.FileSizeLess8, 0x11223344u);
-  EXPECT_EQ(h.Frames, 7u);
-  EXPECT_EQ(h.LargestFrameSize, 0x01020304u);
-  EXPECT_EQ(h.IndexFrames, 9u);
-  EXPECT_EQ(h.Width, -640);
-  EXPECT_EQ(h.Height, 480);
-  EXPECT_EQ(h.FrameRate, 30000u);
-  EXPECT_EQ(h.FrameRateDiv, 1001u);
-  EXPECT_EQ(h.Flags, 0x81000010u);
-  EXPECT_EQ(h.TrackCount, 0x40000003u);
+  static_assert(sizeof h == 44);
+  std::vector<uint32_t> fields(11);
+  std::memcpy(fields.data(), &h, sizeof h);
+  EXPECT_EQ(fields, words);
   EXPECT_EQ(VelmoHeaderWidth(h), 640u);
   EXPECT_EQ(VelmoHeaderTrackCount(h), 3u);
 
@@ -119,7 +108,7 @@ TEST(ContainerHeader, FieldsAreLittleEndianAtTheirOffsets) {
   EXPECT_EQ(again, bytes);
 }
 
-TEST(ContainerHeader, SignHandlingOfWidthAndHeight) {
+TEST(ContainerHeader, SignHandlingAndPaddingOfWidthAndHeight) {
   VelmoHeader h = GoodHeader();
   h.Width = -640;
   h.Height = int32_t(0x810001E0u);
@@ -134,9 +123,7 @@ TEST(ContainerHeader, SignHandlingOfWidthAndHeight) {
   h.Width = INT32_MIN;
   EXPECT_EQ(VelmoHeaderWidth(h), 0x80000000u);
   EXPECT_STREQ(VelmoCheckHeader(h), VelmoTextCorruptHeader);
-}
-
-TEST(ContainerHeader, PaddedHeight) {
+  // Heights are padded to whole 32-row bands.
   EXPECT_EQ(VelmoPaddedHeight(0), 0u);
   EXPECT_EQ(VelmoPaddedHeight(1), 32u);
   EXPECT_EQ(VelmoPaddedHeight(32), 32u);
@@ -201,8 +188,6 @@ TEST(ContainerHeader, ShortSpansAreAFailedRead) {
   EXPECT_EQ(VelmoReadHeader(bytes.data(), bytes.size(), &h), nullptr);
 }
 
-// ---------------------------------------------------------------------------------------------
-
 TEST(ContainerExtras, SizeFollowsMagicAndFlags) {
   EXPECT_EQ(VelmoExtrasSize(VelmoMagicVLMi, 0xFFFFFFFF), 0u);
   EXPECT_EQ(VelmoExtrasSize(VelmoMagicVM2h, VelmoFlagHdr), 0u);
@@ -214,6 +199,12 @@ TEST(ContainerExtras, SizeFollowsMagicAndFlags) {
   EXPECT_EQ(VelmoExtrasSize(VelmoMagicVM2m, VelmoFlagHdr), 16u);
   EXPECT_EQ(VelmoExtrasSize(VelmoMagicVM2k, VelmoFlagColourMatrix), 28u);
   EXPECT_EQ(VelmoExtrasSize(VelmoMagicVM2k, VelmoFlagColourMatrix | VelmoFlagHdr), 16u);
+  // A magic without extras parses none, whatever the flags say.
+  VelmoExtras e;
+  ASSERT_EQ(VelmoParseExtras(nullptr, 0, VelmoMagicVM2h, VelmoFlagHdr | (9u << 24), &e), nullptr);
+  EXPECT_EQ(e.Size, 0u);
+  EXPECT_EQ(e.HasHdr, 0u);
+  EXPECT_EQ(e.CompressorStamp, 0u);
 }
 
 TEST(ContainerExtras, HdrBlockReadsCoefficientsAndHeldNits) {
@@ -222,10 +213,7 @@ TEST(ContainerExtras, HdrBlockReadsCoefficientsAndHeldNits) {
   for (const auto& nits : nitsCases) {
     std::vector<uint8_t> block;
     const int16_t values[6] = {32767, -32767, 16384, 0, -1, nits[0]};
-    for (int16_t v : values) {
-      block.push_back(uint8_t(uint16_t(v)));
-      block.push_back(uint8_t(uint16_t(v) >> 8));
-    }
+    for (int16_t v : values) Put16(&block, uint16_t(v));
     Put32(&block, 0x01020304);
     VelmoExtras e;
     ASSERT_EQ(VelmoParseExtras(block.data(), block.size(), VelmoMagicVM2m, VelmoFlagHdr, &e),
@@ -246,11 +234,7 @@ TEST(ContainerExtras, HdrBlockReadsCoefficientsAndHeldNits) {
 
 TEST(ContainerExtras, MatrixFillsRowsWithATrailingZero) {
   std::vector<uint8_t> block;
-  for (int i = 0; i < 12; ++i) {
-    const int16_t v = int16_t((i + 1) * 4096 / 8);  // (i + 1) / 8
-    block.push_back(uint8_t(uint16_t(v)));
-    block.push_back(uint8_t(uint16_t(v) >> 8));
-  }
+  for (int i = 0; i < 12; ++i) Put16(&block, uint16_t((i + 1) * 4096 / 8));  // (i + 1) / 8
   Put32(&block, VelmoWriterStamp);
   block.insert(block.end(), {'a', 'b', 'c', 0, 'd', 0, 0, 0});
   const uint32_t flags = VelmoFlagColourMatrix | (2u << 24);
@@ -274,16 +258,6 @@ TEST(ContainerExtras, MatrixFillsRowsWithATrailingZero) {
                  VelmoTextHeaderReadError) << n;
   }
 }
-
-TEST(ContainerExtras, MagicWithoutExtrasGivesAnEmptyRecord) {
-  VelmoExtras e;
-  ASSERT_EQ(VelmoParseExtras(nullptr, 0, VelmoMagicVM2h, VelmoFlagHdr | (9u << 24), &e), nullptr);
-  EXPECT_EQ(e.Size, 0u);
-  EXPECT_EQ(e.HasHdr, 0u);
-  EXPECT_EQ(e.CompressorStamp, 0u);
-}
-
-// ---------------------------------------------------------------------------------------------
 
 TEST(ContainerColour, DefaultTables) {
   float t[16];
@@ -342,19 +316,20 @@ TEST(ContainerColour, FileTableTakesMatrixOrHdr) {
   EXPECT_EQ(std::memcmp(t, d, sizeof t), 0);
 }
 
+// Dated and numbered stamps, and a short buffer cut to its size.
 TEST(ContainerText, StampsInBothForms) {
-  char text[64];
-  VelmoStampText(0x87E40602, text, sizeof text);
-  EXPECT_STREQ(text, "Compressed with Velmo 2020.6.2");
-  VelmoStampText(0x80030701, text, sizeof text);
-  EXPECT_STREQ(text, "Compressed with Velmo 3.7");
-  VelmoStampText(0x02010300, text, sizeof text);
-  EXPECT_STREQ(text, "Compressed with Velmo 2.1d");
-  VelmoStampText(0x01000000, text, sizeof text);
-  EXPECT_STREQ(text, "Compressed with Velmo 1.0a");
-  char tiny[8];
-  VelmoStampText(0x87E40602, tiny, sizeof tiny);
-  EXPECT_STREQ(tiny, "Compres");
+  const struct {
+    uint32_t Stamp;
+    size_t Size;
+    const char* Text;
+  } cases[] = {{0x87E40602, 64, "Compressed with Velmo 2020.6.2"}, {0x80030701, 64, "Compressed with Velmo 3.7"},
+               {0x02010300, 64, "Compressed with Velmo 2.1d"},     {0x01000000, 64, "Compressed with Velmo 1.0a"},
+               {0x87E40602, 8, "Compres"}};
+  for (const auto& c : cases) {
+    std::vector<char> text(c.Size);
+    VelmoStampText(c.Stamp, text.data(), c.Size);
+    EXPECT_STREQ(text.data(), c.Text);
+  }
 }
 
 TEST(ContainerText, ColourSpaceAndFrameKind) {
@@ -370,8 +345,6 @@ TEST(ContainerText, ColourSpaceAndFrameKind) {
   VelmoFrameKindText(VelmoFlagAlpha, text, sizeof text);
   EXPECT_STREQ(text, "Color with alpha plane");
 }
-
-// ---------------------------------------------------------------------------------------------
 
 std::vector<uint8_t> TablesBytes(const std::vector<VelmoTrackInfo>& tracks,
                                  const std::vector<uint32_t>& entries) {
@@ -484,8 +457,6 @@ TEST(ContainerFrameTable, StepLimitAndEqualNeighbours) {
   EXPECT_EQ(VelmoExpandFrameTable(t, 1, nullptr, nullptr), nullptr);
 }
 
-// ---------------------------------------------------------------------------------------------
-
 // A crafted file: header, extras, tables and nothing else.
 std::vector<uint8_t> CraftedFile(VelmoHeader h, const std::vector<uint8_t>& extras,
                                  const std::vector<VelmoTrackInfo>& tracks,
@@ -522,8 +493,7 @@ TEST(ContainerParseFile, ErrorsComeInTheReadersOrder) {
   VelmoHeader h = GoodHeader();
   h.Frames = 1;
   h.IndexFrames = 1;
-  std::vector<uint8_t> stamp;
-  Put32(&stamp, VelmoWriterStamp);
+  const std::vector<uint8_t> stamp = Words({VelmoWriterStamp});
   const auto good = CraftedFile(h, stamp, {}, {64, 128});
   VelmoFileInfo info;
   ASSERT_EQ(VelmoParseFile(good.data(), good.size(), &info), nullptr);
@@ -568,8 +538,6 @@ TEST(ContainerParseFile, EveryTruncationFailsCleanly) {
   }
 }
 
-// ---------------------------------------------------------------------------------------------
-
 TEST(ContainerSlices, ByLetterFlagsAndHeight) {
   EXPECT_EQ(VelmoSlicesFor(VelmoMagicVLMk, 3, 1080).Count, 2u);
   EXPECT_EQ(VelmoSlicesFor(0, 0, 1080).Count, 0u);
@@ -595,8 +563,6 @@ TEST(ContainerSlices, ByLetterFlagsAndHeight) {
   EXPECT_EQ(VelmoSlicesFor(VelmoMagicVM2j, 1, 1080).RowHeight, 384u);
   EXPECT_EQ(VelmoSlicesFor(VelmoMagicVM2j, 3, 1080).RowHeight, 160u);
 }
-
-// ---------------------------------------------------------------------------------------------
 
 TEST(ContainerPacket, TracksThenVideo) {
   std::vector<uint8_t> packet;
@@ -634,11 +600,7 @@ TEST(ContainerPacket, NoTracksMeansAllVideo) {
 
 TEST(ContainerPacket, BrokenSizesStopTheWalk) {
   for (uint32_t size : {1u, 2u, 3u, 13u, 0xFFFFFFFFu, 0xFFFFFFFCu}) {
-    std::vector<uint8_t> packet;
-    Put32(&packet, 0);
-    Put32(&packet, size);
-    Put32(&packet, 0);
-    Put32(&packet, 0);
+    const std::vector<uint8_t> packet = Words({0, size, 0, 0});
     VelmoSoundPacket sounds[2];
     const VelmoPacketLayout layout = VelmoWalkFramePacket(packet.data(), packet.size(), 2, sounds);
     EXPECT_EQ(layout.TracksFound, 1u) << size;
@@ -647,13 +609,7 @@ TEST(ContainerPacket, BrokenSizesStopTheWalk) {
 }
 
 TEST(ContainerPacket, EveryTruncationStaysInside) {
-  std::vector<uint8_t> packet;
-  Put32(&packet, 8);
-  Put32(&packet, 32);
-  Put32(&packet, 0xAABBCCDD);
-  Put32(&packet, 0);
-  Put32(&packet, 4);
-  Put32(&packet, 16);
+  std::vector<uint8_t> packet = Words({8, 32, 0xAABBCCDD, 0, 4, 16});
   packet.insert(packet.end(), {7, 7, 7, 7});
   for (size_t n = 0; n <= packet.size(); ++n) {
     // An exact-size copy lets the address sanitizer see any read past the end.
