@@ -2,18 +2,15 @@
 // partial decoding by the skip flags, and the change figure.
 #include "decode/velmo1_decoder.h"
 #include "decode/video_decoder.h"
+#include "format/container.h"
 #include "velmo1_stream_builder.h"
 #include "velmo1_test_frames.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 namespace {
 
-constexpr uint32_t TagVLMh = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('h') << 24;
-constexpr uint32_t TagVLMi = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24;
-constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
+constexpr uint32_t TagVLMh = VelmoMagicVLMh, TagVLMi = VelmoMagicVLMi, TagVLMk = VelmoMagicVLMk;
 constexpr uint8_t Before = 0x11;  // what the next set holds before decoding
 
 // A plane of ONE blocks with the given colours, and SKIP where the colour is negative.
@@ -53,8 +50,7 @@ struct FrameCase {
   // Decodes from an exact-size heap copy, so that a read past the section is caught.
   uint32_t Decode(const std::vector<uint8_t>& section, uint32_t flags, uint32_t fileFlags,
                   uint32_t tag, const uint32_t* bundleSizes = nullptr) {
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[section.size() + 1]);
-    std::copy(section.begin(), section.end(), copy.get());
+    const auto copy = Velmo1ExactCopy(section);
     return Velmo1DecodeFrame(&F.Fb, copy.get(), copy.get() + section.size() + 4, bundleSizes, flags,
                              fileFlags, tag);
   }
@@ -179,7 +175,7 @@ TEST(Velmo1Frame, SmallGivenBundleSizesAreRaised) {
 // whole decode; the luma share alone leaves chroma and alpha, and the alpha open bit decides.
 TEST(Velmo1Frame, DecoderRecordSharesAddUpToTheWholeFrame) {
   EXPECT_EQ(VelmoDecoderForTag(TagVLMi), &Velmo1VideoDecoder);
-  EXPECT_EQ(VelmoDecoderForTag('V' | 'M' << 8 | '2' << 16 | uint32_t('j') << 24), nullptr);
+  EXPECT_EQ(VelmoDecoderForTag(VelmoMagicVM2j), nullptr);
   const std::vector<uint8_t> section = Section(true);
   FrameCase whole;
   whole.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);

@@ -2,30 +2,23 @@
 // the address sanitizer these catch any read outside the section; the guard bytes around the
 // planes catch any write outside them.
 #include "decode/velmo1_decoder.h"
+#include "format/container.h"
 #include "velmo1_stream_builder.h"
 #include "velmo1_test_frames.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <random>
 
 namespace {
 
-constexpr uint32_t Tags[3] = {
-    'V' | 'L' << 8 | 'M' << 16 | uint32_t('g') << 24,
-    'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24,
-    'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24,
-};
+constexpr uint32_t Tags[3] = {VelmoMagicVLMg, VelmoMagicVLMi, VelmoMagicVLMk};
 
 // Decodes from an exact-size heap copy and checks the guards.
 void DecodeSafely(Velmo1TestFrames& f, const std::vector<uint8_t>& section, uint32_t flags,
                   uint32_t fileFlags, uint32_t tag) {
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[section.size() ? section.size() : 1]);
-  std::copy(section.begin(), section.end(), copy.get());
-  const uint32_t figure = Velmo1DecodeFrame(&f.Fb, copy.get(), copy.get() + section.size() + 4, nullptr,
-                                            flags, fileFlags, tag);
-  (void)figure;
+  const auto copy = Velmo1ExactCopy(section);
+  Velmo1DecodeFrame(&f.Fb, copy.get(), copy.get() + section.size() + 4, nullptr, flags, fileFlags, tag);
   ASSERT_TRUE(f.GuardsIntact());
 }
 

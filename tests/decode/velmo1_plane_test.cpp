@@ -1,6 +1,7 @@
 // Plane decoding: every block kind against pixels worked out here, the bundle forms, and the
 // damage rules of bundles and blocks.
 #include "decode/velmo1_decoder.h"
+#include "format/container.h"
 #include "velmo1_stream_builder.h"
 
 #include <gtest/gtest.h>
@@ -14,8 +15,6 @@
 
 namespace {
 
-constexpr uint32_t TagVLMi = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('i') << 24;
-constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;
 constexpr uint8_t Untouched = 0xEE;
 
 // A destination and a source plane with a pitch wider than the plane, and a workspace.
@@ -26,7 +25,7 @@ struct PlaneFixture {
   std::vector<std::vector<uint8_t>> Buffers;
   Velmo1Workspace Work{};
   uint32_t Skips = 0;
-  const uint8_t* End = nullptr;
+  size_t Consumed = 0;
 
   PlaneFixture(uint32_t w, uint32_t h, uint8_t workFill = 0) : W(w), H(h), Pitch(int32_t(w) + 8) {
     Dest.assign(size_t(Pitch) * h, Untouched);
@@ -42,28 +41,22 @@ struct PlaneFixture {
   uint8_t& D(uint32_t x, uint32_t y) { return Dest[size_t(y) * Pitch + x]; }
   uint8_t S(uint32_t x, uint32_t y) const { return Source[size_t(y) * Pitch + x]; }
 
-  // Decodes from an exact-size copy of the stream, so that a read past it is caught.
-  void Decode(const std::vector<uint8_t>& stream, uint32_t flags = 0, uint32_t tag = TagVLMi) {
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[stream.size() + 1]);
-    if (!stream.empty()) std::memcpy(copy.get(), stream.data(), stream.size());
+  void Decode(const std::vector<uint8_t>& stream, uint32_t flags = 0, uint32_t tag = VelmoMagicVLMi) {
+    const auto copy = Velmo1ExactCopy(stream);
     const uint8_t* end = Velmo1DecodePlane(Dest.data(), Source.data(), W, H, Pitch, copy.get(),
                                            copy.get() + stream.size() + 4, &Work, flags, tag, &Skips);
     Consumed = size_t(end - copy.get());
   }
-  size_t Consumed = 0;
 };
 
-Velmo1EncPlaneSpec OneRow(uint32_t width, std::vector<Velmo1EncRawBlock> blocks) {
-  Velmo1EncPlaneSpec p;
-  p.Width = width;
-  p.Rows.push_back(std::move(blocks));
-  return p;
-}
+using Blocks = std::vector<Velmo1EncRawBlock>;
 
 std::vector<uint8_t> Build(const Velmo1EncPlaneSpec& p, Velmo1EncPlaneOptions o = {}) { return Velmo1EncBuildPlane(p, o); }
+// The stream of a plane of `width` made of the rows of blocks.
+std::vector<uint8_t> Build(uint32_t width, std::vector<Blocks> rows) { return Build({width, std::move(rows)}); }
 
-void RandomPixels(std::mt19937& rng, uint8_t px[64], int levels = 256) {
-  for (int i = 0; i < 64; ++i) px[i] = uint8_t(rng() % levels);
+void RandomPixels(std::mt19937& rng, uint8_t px[64]) {
+  for (int i = 0; i < 64; ++i) px[i] = uint8_t(rng());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -75,7 +68,7 @@ TEST(Velmo1Plane, OneTwoBangFillTheirBlocks) {
   RandomPixels(rng, px);
   const uint8_t patterns[8] = {0x00, 0xFF, 0x01, 0x80, 0x55, 0xAA, 0x0F, 0xF0};
   PlaneFixture f(24, 8);
-  f.Decode(Build(OneRow(24, {Velmo1EncOneBlock(77), Velmo1EncTwoBlock(10, 200, patterns), Velmo1EncBangBlock(px)})));
+  f.Decode(Build(24, {{Velmo1EncOneBlock(77), Velmo1EncTwoBlock(10, 200, patterns), Velmo1EncBangBlock(px)}}));
   for (uint32_t y = 0; y < 8; ++y)
     for (uint32_t x = 0; x < 8; ++x) {
       EXPECT_EQ(f.D(x, y), 77);
@@ -92,7 +85,7 @@ TEST(Velmo1Plane, RunBlocksFollowEveryScan) {
     uint8_t px[64];
     for (int i = 0; i < 64; ++i) px[i] = uint8_t((i / 5) * 20 + (rng() % 3 == 0 ? rng() % 7 : 0));
     PlaneFixture f(8, 8);
-    f.Decode(Build(OneRow(8, {Velmo1EncRunBlock(scan, px)})));
+    f.Decode(Build(8, {{Velmo1EncRunBlock(scan, px)}}));
     for (int i = 0; i < 64; ++i) ASSERT_EQ(f.D(i % 8, i / 8), px[i]) << "scan " << scan << " pixel " << i;
   }
 }
@@ -110,13 +103,13 @@ Velmo1EncRawBlock RawRun(uint32_t scan, std::vector<std::pair<int, bool>> runs, 
   return b;
 }
 
-TEST(Velmo1Plane, RunsEndingAt63TakeALastColour) {
+TEST(Velmo1Plane, RunsEndingAt63TakeALastColourAndOverflowsKeepTheScratchBlock) {
   // 16 + 16 + 16 + 15 = 63: scan[63] takes one more colour. Then 4 x 16 = 64 takes none, which
   // the ONE block after it proves by finding its own colour.
   PlaneFixture f(24, 8);
-  f.Decode(Build(OneRow(24, {RawRun(0, {{16, true}, {16, true}, {16, true}, {15, true}}, {1, 2, 3, 4, 99}),
+  f.Decode(Build(24, {{RawRun(0, {{16, true}, {16, true}, {16, true}, {15, true}}, {1, 2, 3, 4, 99}),
                              RawRun(7, {{16, true}, {16, true}, {16, true}, {16, true}}, {5, 6, 7, 8}),
-                             Velmo1EncOneBlock(42)})));
+                             Velmo1EncOneBlock(42)}}));
   for (int k = 0; k < 64; ++k) {
     const int pos = Velmo1RunScans[0][k];
     EXPECT_EQ(f.D(pos % 8, pos / 8), k == 63 ? 99 : 1 + k / 16) << k;
@@ -124,12 +117,9 @@ TEST(Velmo1Plane, RunsEndingAt63TakeALastColour) {
     EXPECT_EQ(f.D(8 + pos7 % 8, pos7 / 8), 5 + k / 16) << k;
   }
   EXPECT_EQ(f.D(16, 0), 42);
-}
 
-TEST(Velmo1Plane, RunThatOverflowsLeavesTheScratchBlock) {
-  // The second block's runs stop at 58 (a run of 16 with 6 left): its last six scan pixels
+  // Here the second block's runs stop at 58 (a run of 16 with 6 left): its last six scan pixels
   // keep what the first RUN block left in the scratch block.
-  std::mt19937 rng(4);
   uint8_t first[64];
   for (int i = 0; i < 64; ++i) first[i] = uint8_t(100 + i);
   Velmo1EncRawBlock second = RawRun(5, {{16, false}, {16, true}, {16, true}, {10, true}, {16, true}}, {});
@@ -137,7 +127,7 @@ TEST(Velmo1Plane, RunThatOverflowsLeavesTheScratchBlock) {
   second.Colors.insert(second.Colors.end(), {20, 21, 22});
   second.Bits.Fields.pop_back();  // the overflowing run reads no flag
   PlaneFixture g(24, 8);
-  g.Decode(Build(OneRow(24, {Velmo1EncBangBlock(first), Velmo1EncRunBlock(0, first), second})));
+  g.Decode(Build(24, {{Velmo1EncBangBlock(first), Velmo1EncRunBlock(0, first), second}}));
   for (int k = 0; k < 64; ++k) {
     const int pos = Velmo1RunScans[5][k];
     const uint8_t want = k < 16 ? uint8_t(k) : k < 32 ? 20 : k < 48 ? 21 : k < 58 ? 22 : first[pos];
@@ -152,7 +142,7 @@ TEST(Velmo1Plane, IntraDcMatchesTheFloatTransform) {
   PlaneFixture f(32, 8);
   std::vector<Velmo1EncRawBlock> blocks;
   for (int i = 0; i < 4; ++i) blocks.push_back(Velmo1EncIntraBlock(dcs[i], none, scales[i]));
-  f.Decode(Build(OneRow(32, blocks)));
+  f.Decode(Build(32, {blocks}));
   for (int i = 0; i < 4; ++i) {
     const double scale = double(Velmo1ScaleFactors[scales[i]].Num) / Velmo1ScaleFactors[scales[i]].Den;
     const double ideal = dcs[i] * scale / 8;  // a DC of c * f stands for pixels of c * f / 8
@@ -171,7 +161,7 @@ TEST(Velmo1Plane, IntraWithAcMatchesTheFloatTransform) {
     if (round % 5 == 0) coeffs[63] = 300;  // a deep bit plane
     const uint32_t scale = rng() % 3;
     PlaneFixture f(8, 8);
-    f.Decode(Build(OneRow(8, {Velmo1EncIntraBlock(1024, coeffs, scale)})));
+    f.Decode(Build(8, {{Velmo1EncIntraBlock(1024, coeffs, scale)}}));
     coeffs[0] = 1024;
     double ideal[64];
     Velmo1FloatIdct(coeffs, Velmo1DequantTable(false, scale), ideal);
@@ -429,16 +419,17 @@ TEST(Velmo1Plane, EveryKindFromAHandWrittenStream) {
 // Kinds that read the previous picture
 
 TEST(Velmo1Plane, SkipAndMotionCopyThePreviousPicture) {
-  PlaneFixture f(32, 24);
-  Velmo1EncPlaneSpec p;
-  p.Width = 32;
-  p.Rows.push_back({Velmo1EncSkipBlock(), Velmo1EncMotBlock(3, 5), Velmo1EncMotBlock(-8, 0), Velmo1EncSkipBlock()});
-  p.Rows.push_back({Velmo1EncMotBlock(0, -8), Velmo1EncMotBlock(-1, -1), Velmo1EncMotBlock(15, 8), Velmo1EncMotBlock(0, 0)});
-  p.Rows.push_back({Velmo1EncMotBlock(15, 0), Velmo1EncMotBlock(-8, -15), Velmo1EncMotBlock(8, 0), Velmo1EncMotBlock(1, 0)});
-  f.Decode(Build(p));
+  // The first row's outer blocks are SKIP, the rest MOT blocks with these vectors.
   const int vec[3][4][2] = {{{0, 0}, {3, 5}, {-8, 0}, {0, 0}},
                             {{0, -8}, {-1, -1}, {15, 8}, {0, 0}},
                             {{15, 0}, {-8, -15}, {8, 0}, {1, 0}}};
+  std::vector<Blocks> rows(3);
+  for (int by = 0; by < 3; ++by)
+    for (int bx = 0; bx < 4; ++bx)
+      rows[by].push_back(by == 0 && bx % 3 == 0 ? Velmo1EncSkipBlock()
+                                                : Velmo1EncMotBlock(int8_t(vec[by][bx][0]), int8_t(vec[by][bx][1])));
+  PlaneFixture f(32, 24);
+  f.Decode(Build(32, rows));
   for (int by = 0; by < 3; ++by)
     for (int bx = 0; bx < 4; ++bx) {
       const int x0 = bx * 8, y0 = by * 8, mx = vec[by][bx][0], my = vec[by][bx][1];
@@ -458,13 +449,13 @@ TEST(Velmo1Plane, MotionAddressRangeAllowsRowWrapInsideThePlane) {
   // The range check is on the address: x - 8 in the second row of blocks reads the end of the
   // lines above, which still lies inside the plane.
   PlaneFixture f(16, 16);
-  f.Decode(Build(OneRow(16, {Velmo1EncMotBlock(-3, 8), Velmo1EncOneBlock(9)})));
+  f.Decode(Build(16, {{Velmo1EncMotBlock(-3, 8), Velmo1EncOneBlock(9)}}));
   const size_t from = size_t(8 * f.Pitch - 3);
   for (int y = 0; y < 8; ++y)
     for (int x = 0; x < 8; ++x) EXPECT_EQ(f.D(x, y), f.Source[from + size_t(y * f.Pitch + x)]);
   EXPECT_EQ(f.D(8, 0), 9);
   PlaneFixture g(16, 16);
-  g.Decode(Build(OneRow(16, {Velmo1EncMotBlock(-1, 0), Velmo1EncOneBlock(9)})));
+  g.Decode(Build(16, {{Velmo1EncMotBlock(-1, 0), Velmo1EncOneBlock(9)}}));
   EXPECT_EQ(g.D(0, 0), Untouched);  // before the plane's start: passed
 }
 
@@ -476,12 +467,9 @@ TEST(Velmo1Plane, InterTransformAndResidueAddToTheMotionSource) {
   residue[10] = 100;
   residue[11] = -127;
   PlaneFixture f(32, 16);
-  Velmo1EncPlaneSpec p;
-  p.Width = 32;
-  p.Rows.push_back({Velmo1EncInterBlock(2, 3, 80, none, 0), Velmo1EncInterBlock(-4, 0, -80, none, 0),
-                    Velmo1EncMotzBlock(1, 1, 127, residue), Velmo1EncOneBlock(1)});
-  p.Rows.push_back({Velmo1EncOneBlock(2), Velmo1EncOneBlock(3), Velmo1EncOneBlock(4), Velmo1EncOneBlock(5)});
-  f.Decode(Build(p));
+  f.Decode(Build(32, {{Velmo1EncInterBlock(2, 3, 80, none, 0), Velmo1EncInterBlock(-4, 0, -80, none, 0),
+                       Velmo1EncMotzBlock(1, 1, 127, residue), Velmo1EncOneBlock(1)},
+                      {Velmo1EncOneBlock(2), Velmo1EncOneBlock(3), Velmo1EncOneBlock(4), Velmo1EncOneBlock(5)}}));
   for (int y = 0; y < 8; ++y)
     for (int x = 0; x < 8; ++x) {
       EXPECT_EQ(f.D(x, y), uint8_t(f.S(x + 2, y + 3) + 10));      // (2560 + 127) >> 8
@@ -502,7 +490,7 @@ TEST(Velmo1Plane, ResidueLimitEndsAtTheFirstEvent) {
   residue[0] = 1;
   PlaneFixture f(16, 8);
   // With L = 0 one event is decoded: index 5, the first significant one of the walk.
-  f.Decode(Build(OneRow(16, {Velmo1EncMotzBlock(0, 0, 0, residue), Velmo1EncOneBlock(60)})));
+  f.Decode(Build(16, {{Velmo1EncMotzBlock(0, 0, 0, residue), Velmo1EncOneBlock(60)}}));
   for (int i = 0; i < 64; ++i) {
     const int pos = Velmo1CoefficientOrder[i];
     EXPECT_EQ(f.D(pos % 8, pos / 8), uint8_t(f.S(pos % 8, pos / 8) + (i == 5 ? 4 : 0))) << i;
@@ -521,13 +509,10 @@ TEST(Velmo1Plane, DoubledBlocksEnlargeEverySubKind) {
   const uint8_t patterns[8] = {1, 2, 4, 8, 16, 32, 64, 128};
   const int16_t none[64] = {};
   PlaneFixture f(80, 16);
-  Velmo1EncPlaneSpec p;
-  p.Width = 80;
-  p.Rows.push_back({Velmo1EncDoubledBlock(Velmo1EncOneBlock(50)), Velmo1EncDoubledBlock(Velmo1EncBangBlock(bang)),
-                    Velmo1EncDoubledBlock(Velmo1EncTwoBlock(3, 4, patterns)), Velmo1EncDoubledBlock(Velmo1EncRunBlock(2, run)),
-                    Velmo1EncDoubledBlock(Velmo1EncIntraBlock(800, none, 0))});
-  p.Rows.push_back(std::vector<Velmo1EncRawBlock>(5, Velmo1EncDoubledLower()));
-  f.Decode(Build(p));
+  f.Decode(Build(80, {{Velmo1EncDoubledBlock(Velmo1EncOneBlock(50)), Velmo1EncDoubledBlock(Velmo1EncBangBlock(bang)),
+                       Velmo1EncDoubledBlock(Velmo1EncTwoBlock(3, 4, patterns)),
+                       Velmo1EncDoubledBlock(Velmo1EncRunBlock(2, run)), Velmo1EncDoubledBlock(Velmo1EncIntraBlock(800, none, 0))},
+                      Blocks(5, Velmo1EncDoubledLower())}));
   for (uint32_t y = 0; y < 16; ++y)
     for (uint32_t x = 0; x < 16; ++x) {
       const int half = (y / 2) * 8 + x / 2;
@@ -548,11 +533,8 @@ TEST(Velmo1Plane, PassedBlocksWriteNothingAndKeepTheStreamInStep) {
   odd.Type = edge.Type = Velmo1Doubled;
   odd.SubTypes = {Velmo1Mot};
   bad.Type = 11;
-  Velmo1EncPlaneSpec p;
-  p.Width = 40;
-  p.Rows.push_back({odd, bad, Velmo1EncOneBlock(8), edge});
-  p.Rows.push_back({Velmo1EncDoubledLower(), Velmo1EncOneBlock(10), Velmo1EncOneBlock(11), Velmo1EncOneBlock(5)});
-  f.Decode(Build(p));
+  f.Decode(Build(40, {{odd, bad, Velmo1EncOneBlock(8), edge},
+                      {Velmo1EncDoubledLower(), Velmo1EncOneBlock(10), Velmo1EncOneBlock(11), Velmo1EncOneBlock(5)}}));
   for (auto [x, y] : {std::pair{0, 0}, {15, 15}, {16, 0}, {23, 7}, {32, 0}, {39, 7}})
     EXPECT_EQ(f.D(x, y), Untouched) << x << "," << y;
   EXPECT_EQ(f.D(24, 0), 8);
@@ -565,7 +547,7 @@ TEST(Velmo1Plane, PassedBlocksWriteNothingAndKeepTheStreamInStep) {
   Velmo1EncRawBlock low;
   low.Type = Velmo1Doubled;
   low.SubTypes = {Velmo1One};
-  g.Decode(Build(OneRow(16, {low, Velmo1EncOneBlock(7)})));
+  g.Decode(Build(16, {{low, Velmo1EncOneBlock(7)}}));
   EXPECT_EQ(g.D(0, 0), Untouched);
   EXPECT_EQ(g.D(8, 0), 7);
   EXPECT_EQ(g.D(15, 7), 7);
@@ -573,8 +555,6 @@ TEST(Velmo1Plane, PassedBlocksWriteNothingAndKeepTheStreamInStep) {
 
 // ---------------------------------------------------------------------------------------------
 // Bundle forms and revisions
-
-Velmo1EncPlaneSpec MixedIntra(uint32_t w, uint32_t h, uint32_t seed) { return Velmo1MixedPlane(w, h, seed, false); }
 
 TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
   for (uint32_t seed = 1; seed <= 6; ++seed) {
@@ -587,7 +567,7 @@ TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
         {false, false, true, true, 2},   {true, false, true, true, 0},  {true, true, true, false, 0}};
     for (const Velmo1EncPlaneOptions& o : variants) {
       PlaneFixture f(64, 48);
-      f.Decode(Build(planeSpec, o), 0, o.VlmK ? TagVLMk : TagVLMi);
+      f.Decode(Build(planeSpec, o), 0, o.VlmK ? VelmoMagicVLMk : VelmoMagicVLMi);
       ASSERT_EQ(f.Dest, reference.Dest) << "seed " << seed << " fill " << o.FillForms << " tables "
                                         << o.ChooseTables << " form " << o.DescriptionForm;
     }
@@ -596,16 +576,16 @@ TEST(Velmo1Plane, EveryRefillFormGivesTheSamePicture) {
 }
 
 TEST(Velmo1Plane, VlmkCountsAreMaskedAndItsFlagBitIsMeaninglessOutsideAlpha) {
-  const Velmo1EncPlaneSpec planeSpec = MixedIntra(48, 32, 9);
+  const Velmo1EncPlaneSpec planeSpec = Velmo1MixedPlane(48, 32, 9, false);
   PlaneFixture plain(48, 32), masked(48, 32), wrong(48, 32);
   plain.Decode(Build(planeSpec));
   Velmo1EncPlaneOptions k;
   k.VlmK = true;
   k.FlagBitSet = true;  // a Y plane ignores it
-  masked.Decode(Build(planeSpec, k), 0, TagVLMk);
+  masked.Decode(Build(planeSpec, k), 0, VelmoMagicVLMk);
   EXPECT_EQ(masked.Dest, plain.Dest);
   // The same stream read as "VLMi" loses step at once.
-  wrong.Decode(Build(planeSpec, k), 0, TagVLMi);
+  wrong.Decode(Build(planeSpec, k), 0, VelmoMagicVLMi);
   EXPECT_NE(wrong.Dest, plain.Dest);
 }
 
@@ -614,7 +594,7 @@ TEST(Velmo1Plane, ConstantAlphaPlaneFillsAndEndsAtOnce) {
   std::vector<uint8_t> stream = Velmo1EncConstantAlphaPlane(0x42);
   ASSERT_EQ(stream.size(), 4u);
   stream.resize(12, 0xFF);  // whatever follows belongs to the next plane
-  f.Decode(stream, Velmo1AlphaPlane, TagVLMk);
+  f.Decode(stream, Velmo1AlphaPlane, VelmoMagicVLMk);
   for (uint32_t y = 0; y < 16; ++y)
     for (uint32_t x = 0; x < 16; ++x) ASSERT_EQ(f.D(x, y), 0x42);
   EXPECT_EQ(f.Consumed, 4u);
@@ -625,7 +605,7 @@ TEST(Velmo1Plane, OldRevisionColoursAreSignMagnitude) {
   uint8_t raw[64];
   for (int i = 0; i < 64; ++i) raw[i] = uint8_t(i * 4 + 1);
   PlaneFixture f(24, 8);
-  f.Decode(Build(OneRow(24, {Velmo1EncOneBlock(0x85), Velmo1EncOneBlock(0x05), Velmo1EncBangBlock(raw)})),
+  f.Decode(Build(24, {{Velmo1EncOneBlock(0x85), Velmo1EncOneBlock(0x05), Velmo1EncBangBlock(raw)}}),
            Velmo1OldRevision);
   EXPECT_EQ(f.D(0, 0), 123);  // 128 - 5
   EXPECT_EQ(f.D(8, 0), 133);  // 128 + 5
@@ -639,19 +619,13 @@ TEST(Velmo1Plane, DcAndMotionBundlesCarryOverRows) {
   // Rows with no DC blocks between rows with many: the refill of an unused row carries the
   // next row's values, and groups with equal values use a width of 0.
   const int16_t none[64] = {};
-  Velmo1EncPlaneSpec p;
-  p.Width = 80;
-  std::vector<Velmo1EncRawBlock> dcRow;
   const uint16_t dcs[10] = {1024, 1024, 1024, 1024, 1024, 1024, 1024, 1024, 1024, 1000};
+  Blocks dcRow, motionRow(10, Velmo1EncMotBlock(-3, 2));
   for (uint16_t dc : dcs) dcRow.push_back(Velmo1EncIntraBlock(dc, none, 0));
-  p.Rows.push_back(std::vector<Velmo1EncRawBlock>(10, Velmo1EncOneBlock(1)));
-  p.Rows.push_back(dcRow);
-  std::vector<Velmo1EncRawBlock> motionRow(10, Velmo1EncMotBlock(-3, 2));
   motionRow[4] = Velmo1EncMotBlock(5, -8);
-  p.Rows.push_back(motionRow);
-  p.Rows.push_back(std::vector<Velmo1EncRawBlock>(10, Velmo1EncMotBlock(1, -1)));  // a fill refill
   PlaneFixture f(80, 32);
-  f.Decode(Build(p));
+  f.Decode(Build(80, {Blocks(10, Velmo1EncOneBlock(1)), dcRow, motionRow,
+                      Blocks(10, Velmo1EncMotBlock(1, -1))}));  // the last a fill refill
   for (int b = 0; b < 10; ++b) {
     EXPECT_EQ(f.D(b * 8, 8), uint8_t((dcs[b] * 32 + 127) >> 8)) << b;
     const int mx = b == 4 ? 5 : -3, my = b == 4 ? -8 : 2;
@@ -676,21 +650,14 @@ Velmo1EncBitWriter Head() {
 TEST(Velmo1Plane, CountOfZeroKillsABundleForThePlane) {
   PlaneFixture f(16, 16, 0x3C);
   Velmo1EncBitWriter w = Head();
-  for (int row = 0; row < 2; ++row) {
-    if (row == 0) {
-      w.Put(2, 10);  // BlockTypes: two ONE blocks
-      w.Put(1, 1);
-      w.Put(Velmo1One, 4);
-      w.Put(0, 10);  // SubBlockTypes dead
-      w.Put(0, 10);  // Colors dead: ONE blocks take from four bytes into the buffer
-      for (int b = 0; b < 6; ++b) w.Put(0, 10);
-    } else {
-      w.Put(2, 10);  // the used-up BlockTypes refills; the dead bundles read nothing
-      w.Put(0, 1);
-      w.PutCode(0, Velmo1Skip);
-      w.PutCode(0, Velmo1One);
-    }
-  }
+  // Row 0: BlockTypes fills two ONE blocks; the other eight bundles are dead, Colors among them,
+  // so that ONE blocks take from four bytes into its buffer.
+  w.Put(Velmo1EncBits{{{2, 10}, {1, 1}, {Velmo1One, 4}}});
+  for (int b = 0; b < 8; ++b) w.Put(0, 10);
+  // Row 1: the used-up BlockTypes refills; the dead bundles read nothing.
+  w.Put(Velmo1EncBits{{{2, 10}, {0, 1}}});
+  w.PutCode(0, Velmo1Skip);
+  w.PutCode(0, Velmo1One);
   f.Decode(w.Finish());
   EXPECT_EQ(f.D(0, 0), 0x3C);
   EXPECT_EQ(f.D(15, 7), 0x3C);
@@ -712,14 +679,9 @@ TEST(Velmo1Plane, RepeatPastTheCountStopsTheRefill) {
   // stops and the sixth element is whatever the buffer held (0, SKIP).
   PlaneFixture f(48, 8);
   Velmo1EncBitWriter w = Head();
-  w.Put(6, 10);
-  w.Put(0, 1);
-  w.PutCode(0, Velmo1One);
-  w.PutCode(0, 12);
-  w.PutCode(0, 12);
-  w.Put(0, 10);  // SubBlockTypes
-  w.Put(5, 10);  // Colors: five of 0x40
-  w.Put(1, 1);
+  w.Put(Velmo1EncBits{{{6, 10}, {0, 1}}});
+  for (uint32_t code : {uint32_t(Velmo1One), 12u, 12u}) w.PutCode(0, code);
+  w.Put(Velmo1EncBits{{{0, 10}, {5, 10}, {1, 1}}});  // no SubBlockTypes; Colors: five of 0x40
   w.PutCode(0, 4);
   w.PutCode(0, 0);
   for (int b = 0; b < 6; ++b) w.Put(0, 10);
@@ -747,18 +709,18 @@ TEST(Velmo1Plane, TruncatedStreamPassesTheRestAndStopsAtTheLimit) {
 }
 
 TEST(Velmo1Plane, BadGeometryOrWorkspaceDecodesNothing) {
-  const std::vector<uint8_t> stream = Build(OneRow(16, {Velmo1EncOneBlock(1), Velmo1EncOneBlock(2)}));
+  const std::vector<uint8_t> stream = Build(16, {{Velmo1EncOneBlock(1), Velmo1EncOneBlock(2)}});
   PlaneFixture f(16, 8);
   uint32_t skips = 7;
   // Pitch below the width.
   EXPECT_EQ(Velmo1DecodePlane(f.Dest.data(), f.Source.data(), 16, 8, 8, stream.data(),
-                              stream.data() + stream.size() + 4, &f.Work, 0, TagVLMi, &skips),
+                              stream.data() + stream.size() + 4, &f.Work, 0, VelmoMagicVLMi, &skips),
             stream.data());
   EXPECT_EQ(skips, 0u);
   // A workspace made for a narrower plane.
   PlaneFixture narrow(8, 8);
   EXPECT_EQ(Velmo1DecodePlane(f.Dest.data(), f.Source.data(), 4096, 8, 5000, stream.data(),
-                              stream.data() + stream.size() + 4, &narrow.Work, 0, TagVLMi, &skips),
+                              stream.data() + stream.size() + 4, &narrow.Work, 0, VelmoMagicVLMi, &skips),
             stream.data());
   // A limit before the stream: nothing can be read.
   f.Decode(std::vector<uint8_t>{});
