@@ -564,7 +564,7 @@ TEST(ContainerSlices, ByLetterFlagsAndHeight) {
   EXPECT_EQ(VelmoSlicesFor(VelmoMagicVM2j, 3, 1080).RowHeight, 160u);
 }
 
-TEST(ContainerPacket, TracksThenVideo) {
+TEST(ContainerPacket, TracksThenVideoOrVideoAlone) {
   std::vector<uint8_t> packet;
   Put32(&packet, 0);            // track 0: no sound
   Put32(&packet, 4 + 6);        // track 1: six bytes of blocks
@@ -587,14 +587,13 @@ TEST(ContainerPacket, TracksThenVideo) {
   EXPECT_EQ(sounds[1].DataSize, 6u);
   EXPECT_EQ(packet[sounds[1].DataOffset], 1);
   EXPECT_EQ(sounds[2].Offset, 18u);
-}
 
-TEST(ContainerPacket, NoTracksMeansAllVideo) {
+  // Without tracks the whole packet is video.
   const uint8_t video[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  const VelmoPacketLayout layout = VelmoWalkFramePacket(video, sizeof video, 0, nullptr);
-  EXPECT_EQ(layout.HasVideo, 1u);
-  EXPECT_EQ(layout.VideoOffset, 0u);
-  EXPECT_EQ(layout.VideoSize, 8u);
+  const VelmoPacketLayout all = VelmoWalkFramePacket(video, sizeof video, 0, nullptr);
+  EXPECT_EQ(all.HasVideo, 1u);
+  EXPECT_EQ(all.VideoOffset, 0u);
+  EXPECT_EQ(all.VideoSize, 8u);
   EXPECT_EQ(VelmoWalkFramePacket(nullptr, 0, 0, nullptr).VideoSize, 0u);
 }
 
