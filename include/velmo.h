@@ -2,50 +2,28 @@
  * time.
  *
  * The calling order is fixed. After VelmoOpen, a program loops: VelmoWait until it returns 0,
- * VelmoDoFrame, copy the frame out, VelmoNextFrame. The open selects frame 1; VelmoNextFrame
- * selects the next one and starts its read at once. After the last frame, VelmoNextFrame goes
- * back to frame 1: a file loops, and the caller decides when to stop by comparing FrameNum with
- * Frames. Frame numbers start at 1.
+ * VelmoDoFrame, copy the frame out (VelmoCopyToBuffer, or the planes of FrameBuffers),
+ * VelmoNextFrame. The open selects frame 1; VelmoNextFrame selects the next one and starts its
+ * read at once. After the last frame, VelmoNextFrame goes back to frame 1: a file loops, and the
+ * caller decides when to stop by comparing FrameNum with Frames. Frame numbers start at 1.
  *
  * Every call takes the handle first, and a null handle is accepted and does nothing. Failures
- * are reported by a null or 0 result and one process-wide text (VelmoGetError). */
+ * are reported by a null or 0 result and one process-wide text (VelmoGetError).
+ *
+ * The flag words are in velmo_flags.h, the frame buffer records in velmo_frame.h and the I/O
+ * provider in velmo_io.h; this header includes them. */
 #ifndef ORN_VELMO_H
 #define ORN_VELMO_H
 
 #include <stdint.h>
 
+#include "velmo_flags.h"
+#include "velmo_frame.h"
 #include "velmo_io.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-/* Open flags, as the caller passes them (some are added by the library). */
-enum {
-  VelmoOpenSliceMode = 0x3,           /* from the file's Flags */
-  VelmoOpenHdr = 0x4,                 /* from the file's Flags */
-  VelmoOpenFullRange = 0x10,          /* from the file's Flags */
-  VelmoOpenFileOffset = 0x20,         /* use FileOffset */
-  VelmoOpenKeepThreads = 0x40,        /* keep the background threads when the last file closes */
-  VelmoOpenFileLoop = 0x80,           /* the read-ahead wraps at the end of the file */
-  VelmoOpenOwnBuffers = 0x100,        /* the caller brings its frame buffers: becomes 0x400 */
-  VelmoOpenNoBuffers = 0x400,         /* allocate no frame buffers; no decoding */
-  VelmoOpenForceRate = 0x1000,        /* use ForcedRate */
-  VelmoOpenPreload = 0x2000,          /* preload all frames into memory */
-  VelmoOpenTrackList = 0x4000,        /* use the track list */
-  VelmoOpenOldFirst = 0x8000,         /* set by the library for the old first-generation files */
-  VelmoOpenGrayscale = 0x20000,       /* from the file's Flags */
-  VelmoOpenNeverSkip = 0x80000,       /* never skip a frame */
-  VelmoOpenAlpha = 0x100000,          /* decode the alpha plane; dropped if the file has none */
-  VelmoOpenNoFill = 0x200000,         /* do not fill the read buffer during the open */
-  VelmoOpenSimulate = 0x400000,       /* use SimulateRate */
-  VelmoOpenFileHandle = 0x800000,     /* the name argument is an open file handle */
-  VelmoOpenIOSize = 0x1000000,        /* use IOBufferSize */
-  VelmoOpenCustomIO = 0x2000000,      /* use CustomIO */
-  VelmoOpenImage = 0x4000000,         /* the name argument points at a file image in memory */
-  VelmoOpenNoBackground = 0x8000000,  /* reads happen in the caller's thread */
-  VelmoOpenReadWhole = 0x10000000     /* read the whole file into a block and return that */
-};
 
 /* VelmoGoto flags. */
 enum {
@@ -78,7 +56,6 @@ typedef struct VelmoSliceState {
   uint32_t StartRows[8];  /* the row where each slice starts, filled by the decoder setup */
 } VelmoSliceState;
 
-struct VelmoFrameBuffers;
 struct VelmoTrack;
 
 /* The open file. Programs read these leading fields directly; the library's private state
@@ -90,8 +67,8 @@ typedef struct VelmoHandle {
   uint32_t LastFrameNum;      /* the frame selected before */
   uint32_t FrameRate, FrameRateDiv; /* playback rate; the file's unless forced */
   uint32_t ReadError;         /* nonzero after the input failed: the handle does nothing */
-  uint32_t OpenFlags;         /* as completed by the library */
-  uint32_t FileFlags;         /* the header's Flags */
+  uint32_t OpenFlags;         /* VelmoOpen* bits, as completed by the library */
+  uint32_t FileFlags;         /* the header's Flags: VelmoFlag* bits */
   uint32_t LargestFrameSize;
   uint32_t LastDecodeResult;  /* highest decoder result for the last complete frame */
   uint32_t TrackCount;        /* tracks in the file */
@@ -100,7 +77,7 @@ typedef struct VelmoHandle {
   uint32_t Closing;
   float ColourTable[16];
   uint64_t HighestSecondBytes; /* most bytes in any one-second window of frames */
-  struct VelmoFrameBuffers* FrameBuffers;
+  VelmoFrameBuffers* FrameBuffers; /* the decoded frames; null with VelmoOpenNoBuffers */
   struct VelmoHandle* NextOpen;
   uint8_t* FrameData;         /* start of the selected frame's packet */
   uint32_t* TrackIndexes;
@@ -187,7 +164,8 @@ void VelmoSetSimulate(uint32_t bytesPerSecond);
 void VelmoSetSoundTracks(uint32_t count, const uint32_t* ids); /* at most 32 ids */
 
 HVELMO VelmoOpen(const char* name, uint32_t flags);
-HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options, uint32_t flags);
+HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options,
+                            uint32_t flags);
 /* Frees a block returned by an open with VelmoOpenReadWhole. */
 void VelmoFreeFileImage(void* image);
 void VelmoClose(HVELMO handle);
@@ -210,14 +188,16 @@ void VelmoSetFileLoop(HVELMO handle, uint32_t on);
 void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
 void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
 
-/* Copies the current frame (or a rectangle of it) into an interleaved surface; the low four
- * bits of flags pick the format. A negative pitch stores bottom-up. 1 if the frame was skipped
- * or a skip was reported. */
-uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch, int32_t destHeight,
-                           int32_t destX, int32_t destY, uint32_t flags);
-uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch, int32_t destHeight,
-                               int32_t destX, int32_t destY, int32_t srcX, int32_t srcY,
-                               int32_t srcWidth, int32_t srcHeight, uint32_t flags);
+/* Copies the current frame (or a rectangle of it) into an interleaved surface: flags are a
+ * VelmoSurface* format and VelmoCopy* bits (velmo_flags.h). A negative pitch stores bottom-up.
+ * HDR frames are not copied. 1 if the frame was skipped or a skip was reported. */
+uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch,
+                           int32_t destHeight, int32_t destX, int32_t destY,
+                           uint32_t flags);
+uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch,
+                               int32_t destHeight, int32_t destX, int32_t destY,
+                               int32_t srcX, int32_t srcY, int32_t srcWidth,
+                               int32_t srcHeight, uint32_t flags);
 
 /* ---- sound tracks ----
  * A file's sound plays through a back end: a table of nine operations that the program
@@ -291,7 +271,8 @@ typedef struct VelmoTrackReader VelmoTrackReader;
 VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index);
 uint32_t VelmoTrackReaderRate(const VelmoTrackReader* track);
 uint32_t VelmoTrackReaderChannels(const VelmoTrackReader* track);
-uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track); /* enough for one frame */
+/* Bytes enough for one frame. */
+uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track);
 uint32_t VelmoGetTrackData(VelmoTrackReader* track, void* dest, uint32_t size);
 void VelmoCloseTrack(VelmoTrackReader* track);
 
