@@ -21,6 +21,15 @@
 #include "velmo_frame.h"
 #include "velmo_io.h"
 
+/* Marks the functions that the shared library exports; everything else in it stays hidden. */
+#ifndef VELMO_API
+#if defined(__GNUC__)
+#define VELMO_API __attribute__((visibility("default")))
+#else
+#define VELMO_API
+#endif
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -157,47 +166,47 @@ typedef struct VelmoRealtime {
 } VelmoRealtime;
 
 /* Values for the next VelmoOpen; process-wide, consumed by that open. */
-void VelmoSetFrameRate(uint32_t rate, uint32_t rateDiv);
-void VelmoSetFileOffset(uint64_t offset);
-void VelmoSetIOSize(uint64_t size);
-void VelmoSetSimulate(uint32_t bytesPerSecond);
-void VelmoSetSoundTracks(uint32_t count, const uint32_t* ids); /* at most 32 ids */
+VELMO_API void VelmoSetFrameRate(uint32_t rate, uint32_t rateDiv);
+VELMO_API void VelmoSetFileOffset(uint64_t offset);
+VELMO_API void VelmoSetIOSize(uint64_t size);
+VELMO_API void VelmoSetSimulate(uint32_t bytesPerSecond);
+VELMO_API void VelmoSetSoundTracks(uint32_t count, const uint32_t* ids); /* at most 32 ids */
 
-HVELMO VelmoOpen(const char* name, uint32_t flags);
-HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options,
-                            uint32_t flags);
+VELMO_API HVELMO VelmoOpen(const char* name, uint32_t flags);
+VELMO_API HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options,
+                                      uint32_t flags);
 /* Frees a block returned by an open with VelmoOpenReadWhole. */
-void VelmoFreeFileImage(void* image);
-void VelmoClose(HVELMO handle);
+VELMO_API void VelmoFreeFileImage(void* image);
+VELMO_API void VelmoClose(HVELMO handle);
 
-const char* VelmoGetError(void);
-void VelmoSetError(const char* text); /* null stores "Velmo Error" */
+VELMO_API const char* VelmoGetError(void);
+VELMO_API void VelmoSetError(const char* text); /* null stores "Velmo Error" */
 
-uint32_t VelmoWait(HVELMO handle);    /* 1: not yet; 0: now */
-uint32_t VelmoDoFrame(HVELMO handle); /* nonzero when the frame was decoded */
-uint32_t VelmoStartFrame(HVELMO handle, uint32_t now);
-uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags);
-void VelmoEndFrame(HVELMO handle, uint32_t now);
-void VelmoNextFrame(HVELMO handle);
-void VelmoGoto(HVELMO handle, uint32_t frame, uint32_t flags);
-uint32_t VelmoGetKeyFrame(HVELMO handle, uint32_t frame, uint32_t flags);
-uint32_t VelmoPause(HVELMO handle, uint32_t pause);
-void VelmoSetVideoOn(HVELMO handle, uint32_t on);
-uint32_t VelmoSetSoundOn(HVELMO handle, uint32_t on);
-void VelmoSetFileLoop(HVELMO handle, uint32_t on);
-void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
-void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
+VELMO_API uint32_t VelmoWait(HVELMO handle);    /* 1: not yet; 0: now */
+VELMO_API uint32_t VelmoDoFrame(HVELMO handle); /* nonzero when the frame was decoded */
+VELMO_API uint32_t VelmoStartFrame(HVELMO handle, uint32_t now);
+VELMO_API uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags);
+VELMO_API void VelmoEndFrame(HVELMO handle, uint32_t now);
+VELMO_API void VelmoNextFrame(HVELMO handle);
+VELMO_API void VelmoGoto(HVELMO handle, uint32_t frame, uint32_t flags);
+VELMO_API uint32_t VelmoGetKeyFrame(HVELMO handle, uint32_t frame, uint32_t flags);
+VELMO_API uint32_t VelmoPause(HVELMO handle, uint32_t pause);
+VELMO_API void VelmoSetVideoOn(HVELMO handle, uint32_t on);
+VELMO_API uint32_t VelmoSetSoundOn(HVELMO handle, uint32_t on);
+VELMO_API void VelmoSetFileLoop(HVELMO handle, uint32_t on);
+VELMO_API void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
+VELMO_API void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
 
 /* Copies the current frame (or a rectangle of it) into an interleaved surface: flags are a
  * VelmoSurface* format and VelmoCopy* bits (velmo_flags.h). A negative pitch stores bottom-up.
  * HDR frames are not copied. 1 if the frame was skipped or a skip was reported. */
-uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch,
-                           int32_t destHeight, int32_t destX, int32_t destY,
-                           uint32_t flags);
-uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch,
-                               int32_t destHeight, int32_t destX, int32_t destY,
-                               int32_t srcX, int32_t srcY, int32_t srcWidth,
-                               int32_t srcHeight, uint32_t flags);
+VELMO_API uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch,
+                                     int32_t destHeight, int32_t destX, int32_t destY,
+                                     uint32_t flags);
+VELMO_API uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch,
+                                         int32_t destHeight, int32_t destX, int32_t destY,
+                                         int32_t srcX, int32_t srcY, int32_t srcWidth,
+                                         int32_t srcHeight, uint32_t flags);
 
 /* ---- sound tracks ----
  * A file's sound plays through a back end: a table of nine operations that the program
@@ -250,31 +259,31 @@ typedef uint32_t (*VelmoOpenBackEnd)(VelmoTrack* track, uint32_t rate, uint32_t 
 typedef VelmoOpenBackEnd (*VelmoSoundSelect)(uintptr_t parameter);
 typedef VelmoOpenBackEnd (*VelmoSoundSelect2)(uintptr_t parameter, uintptr_t parameter2);
 
-uint32_t VelmoSetSoundSystem(VelmoSoundSelect select, uintptr_t parameter);
-uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
-                              uintptr_t parameter2);
+VELMO_API uint32_t VelmoSetSoundSystem(VelmoSoundSelect select, uintptr_t parameter);
+VELMO_API uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
+                                        uintptr_t parameter2);
 /* For hosts whose back end asked for service mode 2: feeds every file's tracks once. */
-void VelmoSoundTick(void);
+VELMO_API void VelmoSoundTick(void);
 
 /* The file's TrackFormat and TrackId of track `index` (file order); 0 past the last track. */
-uint32_t VelmoGetTrackFormat(HVELMO handle, uint32_t index);
-uint32_t VelmoGetTrackId(HVELMO handle, uint32_t index);
+VELMO_API uint32_t VelmoGetTrackFormat(HVELMO handle, uint32_t index);
+VELMO_API uint32_t VelmoGetTrackId(HVELMO handle, uint32_t index);
 /* Routes an open track (found by its id) to eight speaker bins through its back end's SetMix.
  * Up to eight volumes of 0..65535 (65536 and above: 2.0; no list: 1.0 each); with `bins`, entry
  * i goes to bins[i] (mono) or bins[i] * 2 + i % 2 (stereo). */
-void VelmoSetTrackVolumes(HVELMO handle, uint32_t trackId, const uint32_t* bins,
-                          const uint32_t* volumes, uint32_t count);
+VELMO_API void VelmoSetTrackVolumes(HVELMO handle, uint32_t trackId, const uint32_t* bins,
+                                    const uint32_t* volumes, uint32_t count);
 
 /* Decoding a track without a device: each VelmoGetTrackData decodes the sound packet of the
  * handle's current frame into dest and returns the bytes written (16-bit interleaved PCM). */
 typedef struct VelmoTrackReader VelmoTrackReader;
-VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index);
-uint32_t VelmoTrackReaderRate(const VelmoTrackReader* track);
-uint32_t VelmoTrackReaderChannels(const VelmoTrackReader* track);
+VELMO_API VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index);
+VELMO_API uint32_t VelmoTrackReaderRate(const VelmoTrackReader* track);
+VELMO_API uint32_t VelmoTrackReaderChannels(const VelmoTrackReader* track);
 /* Bytes enough for one frame. */
-uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track);
-uint32_t VelmoGetTrackData(VelmoTrackReader* track, void* dest, uint32_t size);
-void VelmoCloseTrack(VelmoTrackReader* track);
+VELMO_API uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track);
+VELMO_API uint32_t VelmoGetTrackData(VelmoTrackReader* track, void* dest, uint32_t size);
+VELMO_API void VelmoCloseTrack(VelmoTrackReader* track);
 
 #ifdef __cplusplus
 }
