@@ -26,10 +26,14 @@ if(ORN_FUZZ)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
-# orn_library(name SOURCES...) - a subsystem's static library, headers found from src/.
+# orn_library(name SOURCES...) - a subsystem's static library, headers found from src/. Symbols
+# are hidden by default: when the library goes into a shared one (libvelmo.so), only what the
+# public headers mark with VELMO_API is exported.
 function(orn_library name)
   add_library(${name} STATIC ${ARGN})
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
+  set_target_properties(${name} PROPERTIES C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
+                        VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
 # orn_avx2_sources(files...) - compile these files with AVX2 enabled; callers pick them at run time.

@@ -2,50 +2,37 @@
  * time.
  *
  * The calling order is fixed. After VelmoOpen, a program loops: VelmoWait until it returns 0,
- * VelmoDoFrame, copy the frame out, VelmoNextFrame. The open selects frame 1; VelmoNextFrame
- * selects the next one and starts its read at once. After the last frame, VelmoNextFrame goes
- * back to frame 1: a file loops, and the caller decides when to stop by comparing FrameNum with
- * Frames. Frame numbers start at 1.
+ * VelmoDoFrame, copy the frame out (VelmoCopyToBuffer, or the planes of FrameBuffers),
+ * VelmoNextFrame. The open selects frame 1; VelmoNextFrame selects the next one and starts its
+ * read at once. After the last frame, VelmoNextFrame goes back to frame 1: a file loops, and the
+ * caller decides when to stop by comparing FrameNum with Frames. Frame numbers start at 1.
  *
  * Every call takes the handle first, and a null handle is accepted and does nothing. Failures
- * are reported by a null or 0 result and one process-wide text (VelmoGetError). */
+ * are reported by a null or 0 result and one process-wide text (VelmoGetError).
+ *
+ * The flag words are in velmo_flags.h, the frame buffer records in velmo_frame.h and the I/O
+ * provider in velmo_io.h; this header includes them. */
 #ifndef ORN_VELMO_H
 #define ORN_VELMO_H
 
 #include <stdint.h>
 
+#include "velmo_flags.h"
+#include "velmo_frame.h"
 #include "velmo_io.h"
+
+/* Marks the functions that the shared library exports; everything else in it stays hidden. */
+#ifndef VELMO_API
+#if defined(__GNUC__)
+#define VELMO_API __attribute__((visibility("default")))
+#else
+#define VELMO_API
+#endif
+#endif
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-/* Open flags, as the caller passes them (some are added by the library). */
-enum {
-  VelmoOpenSliceMode = 0x3,           /* from the file's Flags */
-  VelmoOpenHdr = 0x4,                 /* from the file's Flags */
-  VelmoOpenFullRange = 0x10,          /* from the file's Flags */
-  VelmoOpenFileOffset = 0x20,         /* use FileOffset */
-  VelmoOpenKeepThreads = 0x40,        /* keep the background threads when the last file closes */
-  VelmoOpenFileLoop = 0x80,           /* the read-ahead wraps at the end of the file */
-  VelmoOpenOwnBuffers = 0x100,        /* the caller brings its frame buffers: becomes 0x400 */
-  VelmoOpenNoBuffers = 0x400,         /* allocate no frame buffers; no decoding */
-  VelmoOpenForceRate = 0x1000,        /* use ForcedRate */
-  VelmoOpenPreload = 0x2000,          /* preload all frames into memory */
-  VelmoOpenTrackList = 0x4000,        /* use the track list */
-  VelmoOpenOldFirst = 0x8000,         /* set by the library for the old first-generation files */
-  VelmoOpenGrayscale = 0x20000,       /* from the file's Flags */
-  VelmoOpenNeverSkip = 0x80000,       /* never skip a frame */
-  VelmoOpenAlpha = 0x100000,          /* decode the alpha plane; dropped if the file has none */
-  VelmoOpenNoFill = 0x200000,         /* do not fill the read buffer during the open */
-  VelmoOpenSimulate = 0x400000,       /* use SimulateRate */
-  VelmoOpenFileHandle = 0x800000,     /* the name argument is an open file handle */
-  VelmoOpenIOSize = 0x1000000,        /* use IOBufferSize */
-  VelmoOpenCustomIO = 0x2000000,      /* use CustomIO */
-  VelmoOpenImage = 0x4000000,         /* the name argument points at a file image in memory */
-  VelmoOpenNoBackground = 0x8000000,  /* reads happen in the caller's thread */
-  VelmoOpenReadWhole = 0x10000000     /* read the whole file into a block and return that */
-};
 
 /* VelmoGoto flags. */
 enum {
@@ -78,7 +65,6 @@ typedef struct VelmoSliceState {
   uint32_t StartRows[8];  /* the row where each slice starts, filled by the decoder setup */
 } VelmoSliceState;
 
-struct VelmoFrameBuffers;
 struct VelmoTrack;
 
 /* The open file. Programs read these leading fields directly; the library's private state
@@ -90,8 +76,8 @@ typedef struct VelmoHandle {
   uint32_t LastFrameNum;      /* the frame selected before */
   uint32_t FrameRate, FrameRateDiv; /* playback rate; the file's unless forced */
   uint32_t ReadError;         /* nonzero after the input failed: the handle does nothing */
-  uint32_t OpenFlags;         /* as completed by the library */
-  uint32_t FileFlags;         /* the header's Flags */
+  uint32_t OpenFlags;         /* VelmoOpen* bits, as completed by the library */
+  uint32_t FileFlags;         /* the header's Flags: VelmoFlag* bits */
   uint32_t LargestFrameSize;
   uint32_t LastDecodeResult;  /* highest decoder result for the last complete frame */
   uint32_t TrackCount;        /* tracks in the file */
@@ -100,7 +86,7 @@ typedef struct VelmoHandle {
   uint32_t Closing;
   float ColourTable[16];
   uint64_t HighestSecondBytes; /* most bytes in any one-second window of frames */
-  struct VelmoFrameBuffers* FrameBuffers;
+  VelmoFrameBuffers* FrameBuffers; /* the decoded frames; null with VelmoOpenNoBuffers */
   struct VelmoHandle* NextOpen;
   uint8_t* FrameData;         /* start of the selected frame's packet */
   uint32_t* TrackIndexes;
@@ -180,44 +166,47 @@ typedef struct VelmoRealtime {
 } VelmoRealtime;
 
 /* Values for the next VelmoOpen; process-wide, consumed by that open. */
-void VelmoSetFrameRate(uint32_t rate, uint32_t rateDiv);
-void VelmoSetFileOffset(uint64_t offset);
-void VelmoSetIOSize(uint64_t size);
-void VelmoSetSimulate(uint32_t bytesPerSecond);
-void VelmoSetSoundTracks(uint32_t count, const uint32_t* ids); /* at most 32 ids */
+VELMO_API void VelmoSetFrameRate(uint32_t rate, uint32_t rateDiv);
+VELMO_API void VelmoSetFileOffset(uint64_t offset);
+VELMO_API void VelmoSetIOSize(uint64_t size);
+VELMO_API void VelmoSetSimulate(uint32_t bytesPerSecond);
+VELMO_API void VelmoSetSoundTracks(uint32_t count, const uint32_t* ids); /* at most 32 ids */
 
-HVELMO VelmoOpen(const char* name, uint32_t flags);
-HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options, uint32_t flags);
+VELMO_API HVELMO VelmoOpen(const char* name, uint32_t flags);
+VELMO_API HVELMO VelmoOpenWithOptions(const char* name, const VelmoOpenOptions* options,
+                                      uint32_t flags);
 /* Frees a block returned by an open with VelmoOpenReadWhole. */
-void VelmoFreeFileImage(void* image);
-void VelmoClose(HVELMO handle);
+VELMO_API void VelmoFreeFileImage(void* image);
+VELMO_API void VelmoClose(HVELMO handle);
 
-const char* VelmoGetError(void);
-void VelmoSetError(const char* text); /* null stores "Velmo Error" */
+VELMO_API const char* VelmoGetError(void);
+VELMO_API void VelmoSetError(const char* text); /* null stores "Velmo Error" */
 
-uint32_t VelmoWait(HVELMO handle);    /* 1: not yet; 0: now */
-uint32_t VelmoDoFrame(HVELMO handle); /* nonzero when the frame was decoded */
-uint32_t VelmoStartFrame(HVELMO handle, uint32_t now);
-uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags);
-void VelmoEndFrame(HVELMO handle, uint32_t now);
-void VelmoNextFrame(HVELMO handle);
-void VelmoGoto(HVELMO handle, uint32_t frame, uint32_t flags);
-uint32_t VelmoGetKeyFrame(HVELMO handle, uint32_t frame, uint32_t flags);
-uint32_t VelmoPause(HVELMO handle, uint32_t pause);
-void VelmoSetVideoOn(HVELMO handle, uint32_t on);
-uint32_t VelmoSetSoundOn(HVELMO handle, uint32_t on);
-void VelmoSetFileLoop(HVELMO handle, uint32_t on);
-void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
-void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
+VELMO_API uint32_t VelmoWait(HVELMO handle);    /* 1: not yet; 0: now */
+VELMO_API uint32_t VelmoDoFrame(HVELMO handle); /* nonzero when the frame was decoded */
+VELMO_API uint32_t VelmoStartFrame(HVELMO handle, uint32_t now);
+VELMO_API uint32_t VelmoDoSlices(HVELMO handle, uint32_t flags);
+VELMO_API void VelmoEndFrame(HVELMO handle, uint32_t now);
+VELMO_API void VelmoNextFrame(HVELMO handle);
+VELMO_API void VelmoGoto(HVELMO handle, uint32_t frame, uint32_t flags);
+VELMO_API uint32_t VelmoGetKeyFrame(HVELMO handle, uint32_t frame, uint32_t flags);
+VELMO_API uint32_t VelmoPause(HVELMO handle, uint32_t pause);
+VELMO_API void VelmoSetVideoOn(HVELMO handle, uint32_t on);
+VELMO_API uint32_t VelmoSetSoundOn(HVELMO handle, uint32_t on);
+VELMO_API void VelmoSetFileLoop(HVELMO handle, uint32_t on);
+VELMO_API void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
+VELMO_API void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
 
-/* Copies the current frame (or a rectangle of it) into an interleaved surface; the low four
- * bits of flags pick the format. A negative pitch stores bottom-up. 1 if the frame was skipped
- * or a skip was reported. */
-uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch, int32_t destHeight,
-                           int32_t destX, int32_t destY, uint32_t flags);
-uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch, int32_t destHeight,
-                               int32_t destX, int32_t destY, int32_t srcX, int32_t srcY,
-                               int32_t srcWidth, int32_t srcHeight, uint32_t flags);
+/* Copies the current frame (or a rectangle of it) into an interleaved surface: flags are a
+ * VelmoSurface* format and VelmoCopy* bits (velmo_flags.h). A negative pitch stores bottom-up.
+ * HDR frames are not copied. 1 if the frame was skipped or a skip was reported. */
+VELMO_API uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch,
+                                     int32_t destHeight, int32_t destX, int32_t destY,
+                                     uint32_t flags);
+VELMO_API uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitch,
+                                         int32_t destHeight, int32_t destX, int32_t destY,
+                                         int32_t srcX, int32_t srcY, int32_t srcWidth,
+                                         int32_t srcHeight, uint32_t flags);
 
 /* ---- sound tracks ----
  * A file's sound plays through a back end: a table of nine operations that the program
@@ -270,30 +259,31 @@ typedef uint32_t (*VelmoOpenBackEnd)(VelmoTrack* track, uint32_t rate, uint32_t 
 typedef VelmoOpenBackEnd (*VelmoSoundSelect)(uintptr_t parameter);
 typedef VelmoOpenBackEnd (*VelmoSoundSelect2)(uintptr_t parameter, uintptr_t parameter2);
 
-uint32_t VelmoSetSoundSystem(VelmoSoundSelect select, uintptr_t parameter);
-uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
-                              uintptr_t parameter2);
+VELMO_API uint32_t VelmoSetSoundSystem(VelmoSoundSelect select, uintptr_t parameter);
+VELMO_API uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
+                                        uintptr_t parameter2);
 /* For hosts whose back end asked for service mode 2: feeds every file's tracks once. */
-void VelmoSoundTick(void);
+VELMO_API void VelmoSoundTick(void);
 
 /* The file's TrackFormat and TrackId of track `index` (file order); 0 past the last track. */
-uint32_t VelmoGetTrackFormat(HVELMO handle, uint32_t index);
-uint32_t VelmoGetTrackId(HVELMO handle, uint32_t index);
+VELMO_API uint32_t VelmoGetTrackFormat(HVELMO handle, uint32_t index);
+VELMO_API uint32_t VelmoGetTrackId(HVELMO handle, uint32_t index);
 /* Routes an open track (found by its id) to eight speaker bins through its back end's SetMix.
  * Up to eight volumes of 0..65535 (65536 and above: 2.0; no list: 1.0 each); with `bins`, entry
  * i goes to bins[i] (mono) or bins[i] * 2 + i % 2 (stereo). */
-void VelmoSetTrackVolumes(HVELMO handle, uint32_t trackId, const uint32_t* bins,
-                          const uint32_t* volumes, uint32_t count);
+VELMO_API void VelmoSetTrackVolumes(HVELMO handle, uint32_t trackId, const uint32_t* bins,
+                                    const uint32_t* volumes, uint32_t count);
 
 /* Decoding a track without a device: each VelmoGetTrackData decodes the sound packet of the
  * handle's current frame into dest and returns the bytes written (16-bit interleaved PCM). */
 typedef struct VelmoTrackReader VelmoTrackReader;
-VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index);
-uint32_t VelmoTrackReaderRate(const VelmoTrackReader* track);
-uint32_t VelmoTrackReaderChannels(const VelmoTrackReader* track);
-uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track); /* enough for one frame */
-uint32_t VelmoGetTrackData(VelmoTrackReader* track, void* dest, uint32_t size);
-void VelmoCloseTrack(VelmoTrackReader* track);
+VELMO_API VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index);
+VELMO_API uint32_t VelmoTrackReaderRate(const VelmoTrackReader* track);
+VELMO_API uint32_t VelmoTrackReaderChannels(const VelmoTrackReader* track);
+/* Bytes enough for one frame. */
+VELMO_API uint32_t VelmoTrackReaderBufferSize(const VelmoTrackReader* track);
+VELMO_API uint32_t VelmoGetTrackData(VelmoTrackReader* track, void* dest, uint32_t size);
+VELMO_API void VelmoCloseTrack(VelmoTrackReader* track);
 
 #ifdef __cplusplus
 }

@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "velmo_flags.h"
+
 // ---------------------------------------------------------------------------------------------
 // Magic values: three generation bytes and a version letter, read as one little-endian word.
 
@@ -80,16 +82,13 @@ enum : uint32_t {
   VelmoMaxFrameStep = 0x10000000,  // largest distance between neighbouring frame offsets
 };
 
-// `Flags` bits.
+// `Flags` bits are the VelmoFlag* of velmo_flags.h. With VelmoFlagHdr the extras start with the
+// 12-byte HDR block; with VelmoFlagColourMatrix (and not HDR) they hold a 24-byte colour matrix.
+// The slice mode and text length are stored from writer version 101 on.
 enum : uint32_t {
-  VelmoFlagSliceMode = 0x3,        // second generation: 0..3 = 2, 3, 4, 8 slices
-  VelmoFlagHdr = 0x4,              // HDR colour; extras start with the 12-byte HDR block
-  VelmoFlagFullRange = 0x10,       // full-range YCrCb
-  VelmoFlagColourMatrix = 0x10000, // extras hold a 24-byte colour matrix (when not HDR)
-  VelmoFlagGrayscale = 0x20000,    // no chroma planes
-  VelmoFlagAlpha = 0x100000,       // an alpha plane
-  VelmoFlagTextWordsShift = 24,    // bits 24-31: extra text length in 32-bit words
-  VelmoWriterFlagMask = 0x130014,  // the flag bits a writer copies from its own flags
+  // The flag bits a writer copies from its own flags.
+  VelmoWriterFlagMask = VelmoFlagHdr | VelmoFlagFullRange | VelmoFlagColourMatrix |
+                        VelmoFlagGrayscale | VelmoFlagAlpha,
 };
 
 struct VelmoHeader {

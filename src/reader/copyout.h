@@ -10,26 +10,12 @@
 #pragma once
 #include <cstdint>
 
-// Surface formats: the low four bits of the copy flags. Other values copy nothing.
-enum : uint32_t {
-  VelmoSurfaceFormatMask = 0xF,
-  VelmoSurfaceXrgb32 = 3,      // 32-bit, blue at bit 0, green 8, red 16, alpha 24
-  VelmoSurfaceXbgr32 = 4,      // 32-bit, red at bit 0, green 8, blue 16, alpha 24
-  VelmoSurfaceArgb32 = 5,      // as 3
-  VelmoSurfaceAbgr32 = 6,      // as 4
-  VelmoSurfaceRgb555 = 8,      // 16-bit 1-5-5-5, alpha in the top bit
-  VelmoSurfaceArgb1555 = 9,    // as 8
-  VelmoSurfaceRgb565 = 10,     // 16-bit 5-6-5, no alpha
-  VelmoSurfaceArgb32Alt = 12,  // 32-bit as 3, converted by the second 32-bit kernel
-};
+#include "velmo_flags.h"
 
-// Other copy flag bits.
+// The open flags that take part in a copy, merged into the caller's flags: the full-range bit
+// (the colour table already is the full-range one), the alpha flip and grayscale.
 enum : uint32_t {
-  VelmoCopyFullRange = 0x10,     // from the file: the full-range table is already in place
-  VelmoCopyFlipAlpha = 0x800,    // show the alpha plane as luma and luma as alpha
-  VelmoCopyGrayscale = 0x20000,  // luma only; chroma is neutral
-  VelmoCopyNeverSkip = 0x80000,  // the skip check only reports, the copy always happens
-  VelmoCopyOpenFlagsMask = 0x20810,  // the open flags that take part in a copy
+  VelmoCopyOpenFlagsMask = uint32_t(VelmoOpenFullRange) | VelmoCopyFlipAlpha | VelmoCopyGrayscale,
 };
 
 // `CopyFlags` of the conversion state.
