@@ -138,7 +138,7 @@ void BM_Decode(benchmark::State& state) {
   }
   const bool wide = state.range(1) != 0;
   if (!Available(state, wide)) return;
-  if (!wide) FeatureMask(0, CpuAVX2);
+  if (!wide) FeatureMask(CpuAVX2);
   state.SetLabel(AudioKernelsSelect()->Name);
   std::vector<uint8_t> memory(VelmoAudioDecoderSize(44100, 2));
   std::vector<uint8_t> ring(16384);
@@ -152,7 +152,7 @@ void BM_Decode(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(ring.data());
   }
-  FeatureMask(0, 0);
+  FeatureMask(0);
   state.SetItemsProcessed(state.iterations() * 44100);
 }
 BENCHMARK(BM_Decode)->ArgsProduct({{0, 4, 104}, {0, 1}})->Unit(benchmark::kMillisecond);

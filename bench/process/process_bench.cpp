@@ -37,13 +37,13 @@ std::vector<float> FloatFrame(const std::vector<uint32_t>& frame) {
 void SetVariant(benchmark::State& state, int variant) {
   switch (variant) {
     case 0:
-      FeatureMask(0, CpuSSE2 | CpuAVX2);
+      FeatureMask(CpuSSE2 | CpuAVX2);
       break;
     case 1:
-      FeatureMask(0, CpuAVX2);
+      FeatureMask(CpuAVX2);
       break;
     default:
-      FeatureMask(0, 0);
+      FeatureMask(0);
       break;
   }
   if (variant == 2 && !ProcessorHas(CpuAVX2)) state.SkipWithError("no AVX2");
@@ -80,7 +80,7 @@ void BM_Scale(benchmark::State& state, uint32_t srcW, uint32_t srcH, bool useFlo
                 reinterpret_cast<const uint8_t*>(src.data()), srcW * 4, &fetch, runner);
   }
   ScalerFree(scaler);
-  FeatureMask(0, 0);
+  FeatureMask(0);
   state.SetItemsProcessed(state.iterations());
 }
 

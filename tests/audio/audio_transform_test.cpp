@@ -57,14 +57,14 @@ TEST(AudioTransformDeathTest, LengthThatIsNoPowerOfTwoStops) {
 // ---- kernel variants ----
 
 bool HaveAvx2() {
-  FeatureMask(0, 0);
+  FeatureMask(0);
   return ProcessorHas(CpuAVX2);
 }
 
 TEST(AudioKernels, SelectionFollowsFeatureMask) {
-  FeatureMask(0, CpuAVX2);
+  FeatureMask(CpuAVX2);
   EXPECT_EQ(AudioKernelsSelect(), &AudioKernelsPlain);
-  FeatureMask(0, 0);
+  FeatureMask(0);
   if (ProcessorHas(CpuAVX2)) {
     EXPECT_EQ(AudioKernelsSelect(), &AudioKernelsAvx2);
   }
@@ -95,10 +95,10 @@ TEST(AudioKernels, WholeCodecIdenticalAcrossVariants) {
   if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
   const audio_test::Samples music = audio_test::Music(22050, 2, 12000);
   for (int level : {0, 4, 99, 100, 160}) {
-    FeatureMask(0, CpuAVX2);
+    FeatureMask(CpuAVX2);
     audio_test::Encoded plainStream;
     const audio_test::Samples plain = audio_test::RoundTrip(music, 22050, 2, level, &plainStream);
-    FeatureMask(0, 0);
+    FeatureMask(0);
     audio_test::Encoded wideStream;
     const audio_test::Samples wide = audio_test::RoundTrip(music, 22050, 2, level, &wideStream);
     EXPECT_EQ(plainStream.Stream, wideStream.Stream) << level;

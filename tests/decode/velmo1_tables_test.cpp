@@ -179,9 +179,9 @@ TEST(Velmo1Idct, VectorKernelEqualsReference) {
     Velmo1IdctAvx2(c, t, b);
     for (int k = 0; k < 64; ++k) ASSERT_EQ(a[k], b[k]) << round << " " << k;
   }
-  FeatureMask(0, CpuAVX2);
+  FeatureMask(CpuAVX2);
   EXPECT_EQ(Velmo1PickIdct(), &Velmo1IdctReference);
-  FeatureMask(0, 0);
+  FeatureMask(0);
   EXPECT_EQ(Velmo1PickIdct(), &Velmo1IdctAvx2);
 #else
   GTEST_SKIP();

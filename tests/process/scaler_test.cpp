@@ -382,18 +382,18 @@ struct Variant {
 const Variant variants[] = {{"c++", CpuSSE2 | CpuAVX2}, {"sse2", CpuAVX2}, {"avx2", 0}};
 
 TEST(ScalerVariants, FeatureMaskPicksEachSet) {
-  FeatureMask(0, CpuSSE2 | CpuAVX2);
+  FeatureMask(CpuSSE2 | CpuAVX2);
   EXPECT_EQ(ScalerChooseKernels(), &ScalerKernelsPlain);
-  FeatureMask(0, CpuAVX2);
+  FeatureMask(CpuAVX2);
   EXPECT_EQ(ScalerChooseKernels(), &ScalerKernelsSse2);
-  FeatureMask(0, 0);
+  FeatureMask(0);
   if (ProcessorHas(CpuAVX2)) {
     EXPECT_EQ(ScalerChooseKernels(), &ScalerKernelsAvx2);
   }
 }
 
 TEST(ScalerVariants, AllGiveIdenticalResults) {
-  FeatureMask(0, 0);
+  FeatureMask(0);
   const bool haveAvx2 = ProcessorHas(CpuAVX2);
   std::mt19937 random(21);
   PixelFetch fetch64;
@@ -418,7 +418,7 @@ TEST(ScalerVariants, AllGiveIdenticalResults) {
     std::vector<uint32_t> firstInt, firstPremul, firstWide;
     std::vector<float> firstFloat;
     for (const Variant& v : variants) {
-      FeatureMask(0, v.Clear);
+      FeatureMask(v.Clear);
       if (v.Clear == 0 && !haveAvx2) continue;
       SCOPED_TRACE(v.Name);
       std::vector<uint32_t> outInt = RunInt(s.get(), src, Fetch32(), Inline());
@@ -439,7 +439,7 @@ TEST(ScalerVariants, AllGiveIdenticalResults) {
       EXPECT_EQ(0, std::memcmp(outFloat.data(), firstFloat.data(), outFloat.size() * 4));
     }
   }
-  FeatureMask(0, 0);
+  FeatureMask(0);
 }
 
 TEST(ScalerThreads, ResultDoesNotDependOnThreads) {

@@ -138,7 +138,7 @@ void FloatModel(const float t[16], double y, double cr, double cb, double out[3]
 }
 
 std::vector<const VelmoCopyKernelFamily*> UsableFamilies() {
-  FeatureMask(0, 0);
+  FeatureMask(0);
   std::vector<const VelmoCopyKernelFamily*> out;
   for (const VelmoCopyKernelFamily* f = VelmoCopyKernelFamilies();; ++f) {
     if (ProcessorHas(f->Features)) out.push_back(f);
@@ -164,11 +164,11 @@ TEST(CopyOutKernels, TableEndsWithPlainRowAndFeatureMaskPicksTheRow) {
   EXPECT_EQ(families.back()->Features, 0u);
   EXPECT_STREQ(families.back()->Name, "c++");
   EXPECT_EQ(VelmoChooseCopyKernels(), families.front());
-  FeatureMask(0, CpuAVX2);
+  FeatureMask(CpuAVX2);
   EXPECT_STRNE(VelmoChooseCopyKernels()->Name, "avx2");
-  FeatureMask(0, CpuAVX2 | CpuSSE2);
+  FeatureMask(CpuAVX2 | CpuSSE2);
   EXPECT_STREQ(VelmoChooseCopyKernels()->Name, "c++");
-  FeatureMask(0, 0);
+  FeatureMask(0);
 }
 
 // Random frames, tables, rectangles, formats, flags and pitch signs: every family writes the
