@@ -36,9 +36,18 @@ function(orn_library name)
                         VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
+# Vector kernels are x86 only; on other processors their sources compile to nothing.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64|i[3-6]86|x86)$")
+  set(ORN_X86 ON)
+else()
+  set(ORN_X86 OFF)
+endif()
+
 # orn_avx2_sources(files...) - compile these files with AVX2 enabled; callers pick them at run time.
 function(orn_avx2_sources)
-  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-mavx2;-mfma")
+  if(ORN_X86)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-mavx2;-mfma")
+  endif()
 endfunction()
 
 # orn_test(name SOURCES... LIBS libs...) - a GoogleTest program registered with CTest.

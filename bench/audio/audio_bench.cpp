@@ -13,15 +13,23 @@
 
 namespace {
 
-const AudioTransformKernels* KernelsFor(int64_t variant) {
-  return variant ? &AudioKernelsAvx2 : &AudioKernelsPlain;
+// Variant 0 is the plain level, 1 the AVX2 level.
+const ProcessorLevel& LevelFor(int64_t variant) {
+  return ProcessorLevels[variant ? ProcessorLevelAvx2 : ProcessorLevelPlain];
+}
+
+AudioTransformKernels KernelsFor(int64_t variant) {
+  AudioTransformKernels kernels;
+  AudioTransformKernelsInit(&kernels, LevelFor(variant).Features | CpuValid);
+  return kernels;
 }
 
 bool Available(benchmark::State& state, int64_t variant) {
-  if (variant && !ProcessorHas(CpuAVX2)) {
-    state.SkipWithError("no AVX2");
+  if (!ProcessorHas(LevelFor(variant).Features)) {
+    state.SkipWithError("processor lacks the level");
     return false;
   }
+  state.SetLabel(LevelFor(variant).Name);
   return true;
 }
 
@@ -36,43 +44,40 @@ std::vector<float> Random(uint32_t length) {
 void BM_DctInverse(benchmark::State& state) {
   const uint32_t length = static_cast<uint32_t>(state.range(0));
   if (!Available(state, state.range(1))) return;
-  const AudioTransformKernels* kernels = KernelsFor(state.range(1));
+  const AudioTransformKernels kernels = KernelsFor(state.range(1));
   const AudioTransformPlan* plan = AudioTransformPlanFor(length);
   AudioTransformWork work;
   std::vector<float> x = Random(length);
   for (auto _ : state) {
-    AudioDctInverse(plan, x.data(), &work, kernels);
+    AudioDctInverse(plan, x.data(), &work, &kernels);
     benchmark::DoNotOptimize(x.data());
   }
-  state.SetLabel(kernels->Name);
 }
 BENCHMARK(BM_DctInverse)->ArgsProduct({{512, 2048}, {0, 1}});
 
 void BM_RealFftInverse(benchmark::State& state) {
   const uint32_t length = static_cast<uint32_t>(state.range(0));
   if (!Available(state, state.range(1))) return;
-  const AudioTransformKernels* kernels = KernelsFor(state.range(1));
+  const AudioTransformKernels kernels = KernelsFor(state.range(1));
   const AudioTransformPlan* plan = AudioTransformPlanFor(length);
   AudioTransformWork work;
   std::vector<float> x = Random(length);
   for (auto _ : state) {
-    AudioRealFftInverse(plan, x.data(), &work, kernels);
+    AudioRealFftInverse(plan, x.data(), &work, &kernels);
     benchmark::DoNotOptimize(x.data());
   }
-  state.SetLabel(kernels->Name);
 }
 BENCHMARK(BM_RealFftInverse)->ArgsProduct({{4096}, {0, 1}});
 
 void BM_FloatToPcm(benchmark::State& state) {
   if (!Available(state, state.range(0))) return;
-  const AudioTransformKernels* kernels = KernelsFor(state.range(0));
+  const AudioTransformKernels kernels = KernelsFor(state.range(0));
   std::vector<float> x = Random(2048);
   std::vector<int16_t> out(2048);
   for (auto _ : state) {
-    kernels->FloatToPcm(x.data(), 2048, 0.0441941731f, out.data());
+    kernels.FloatToPcm(x.data(), 2048, 0.0441941731f, out.data());
     benchmark::DoNotOptimize(out.data());
   }
-  state.SetLabel(kernels->Name);
 }
 BENCHMARK(BM_FloatToPcm)->Arg(0)->Arg(1);
 
@@ -138,8 +143,7 @@ void BM_Decode(benchmark::State& state) {
   }
   const bool wide = state.range(1) != 0;
   if (!Available(state, wide)) return;
-  if (!wide) FeatureMask(0, CpuAVX2);
-  state.SetLabel(AudioKernelsSelect()->Name);
+  if (!wide) FeatureMask(ProcessorLevels[ProcessorLevelAvx2].Features);
   std::vector<uint8_t> memory(VelmoAudioDecoderSize(44100, 2));
   std::vector<uint8_t> ring(16384);
   for (auto _ : state) {
@@ -152,7 +156,7 @@ void BM_Decode(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(ring.data());
   }
-  FeatureMask(0, 0);
+  FeatureMask(0);
   state.SetItemsProcessed(state.iterations() * 44100);
 }
 BENCHMARK(BM_Decode)->ArgsProduct({{0, 4, 104}, {0, 1}})->Unit(benchmark::kMillisecond);

@@ -16,7 +16,16 @@
 
 namespace {
 
-void IdctBench(benchmark::State& state, Velmo1IdctKernel kernel) {
+// The inverse transform of the kernel table at a level (plain or AVX2).
+void BM_Idct(benchmark::State& state) {
+  const ProcessorLevel& level = ProcessorLevels[state.range(0)];
+  if (!ProcessorHas(level.Features)) {
+    state.SkipWithError("processor lacks the level");
+    return;
+  }
+  Velmo1Kernels kernels;
+  Velmo1KernelsInit(&kernels, level.Features | CpuValid);
+  state.SetLabel(level.Name);
   std::mt19937 rng(1);
   std::vector<int16_t> blocks(64 * 256);
   for (size_t i = 0; i < blocks.size(); ++i) blocks[i] = int16_t(i % 64 < 10 ? int(rng() % 81) - 40 : 0);
@@ -24,25 +33,12 @@ void IdctBench(benchmark::State& state, Velmo1IdctKernel kernel) {
   int32_t out[64];
   size_t b = 0;
   for (auto _ : state) {
-    kernel(&blocks[(b++ & 255) * 64], table, out);
+    kernels.Idct(&blocks[(b++ & 255) * 64], table, out);
     benchmark::DoNotOptimize(out);
   }
   state.SetItemsProcessed(int64_t(state.iterations()));
 }
-
-void BM_IdctReference(benchmark::State& state) { IdctBench(state, Velmo1IdctReference); }
-BENCHMARK(BM_IdctReference);
-
-#if defined(__x86_64__)
-void BM_IdctAvx2(benchmark::State& state) {
-  if (!ProcessorHas(CpuAVX2)) {
-    state.SkipWithError("no AVX2");
-    return;
-  }
-  IdctBench(state, Velmo1IdctAvx2);
-}
-BENCHMARK(BM_IdctAvx2);
-#endif
+BENCHMARK(BM_Idct)->Arg(ProcessorLevelPlain)->Arg(ProcessorLevelAvx2);
 
 #ifndef ORN_NO_STREAM_BUILDER
 constexpr uint32_t TagVLMk = 'V' | 'L' << 8 | 'M' << 16 | uint32_t('k') << 24;

@@ -33,25 +33,17 @@ std::vector<float> FloatFrame(const std::vector<uint32_t>& frame) {
   return out;
 }
 
-// Variant 0 plain, 1 SSE2, 2 AVX2; threads 0 = the calling thread only, 1 = the job pool.
+// Variants 0, 1 and 2 are the kernel levels plain, SSE2 and AVX2, picked by switching the
+// higher levels' features off; threads 0 = the calling thread only, 1 = the job pool.
+constexpr int VariantLevels[] = {ProcessorLevelPlain, ProcessorLevelSse2, ProcessorLevelAvx2};
+
 void SetVariant(benchmark::State& state, int variant) {
-  switch (variant) {
-    case 0:
-      FeatureMask(0, CpuSSE2 | CpuAVX2);
-      break;
-    case 1:
-      FeatureMask(0, CpuAVX2);
-      break;
-    default:
-      FeatureMask(0, 0);
-      break;
-  }
-  if (variant == 2 && !ProcessorHas(CpuAVX2)) state.SkipWithError("no AVX2");
+  const ProcessorLevel& level = ProcessorLevels[VariantLevels[variant]];
+  FeatureMask(ProcessorLevels[ProcessorLevelCount - 1].Features & ~level.Features);
+  if (!ProcessorHas(level.Features)) state.SkipWithError("processor lacks the level");
 }
 
-const char* VariantName(int variant) {
-  return variant == 0 ? "c++" : variant == 1 ? "sse2" : "avx2";
-}
+const char* VariantName(int variant) { return ProcessorLevels[VariantLevels[variant]].Name; }
 
 void BM_Scale(benchmark::State& state, uint32_t srcW, uint32_t srcH, bool useFloat) {
   const uint32_t kernel = uint32_t(state.range(0));
@@ -80,7 +72,7 @@ void BM_Scale(benchmark::State& state, uint32_t srcW, uint32_t srcH, bool useFlo
                 reinterpret_cast<const uint8_t*>(src.data()), srcW * 4, &fetch, runner);
   }
   ScalerFree(scaler);
-  FeatureMask(0, 0);
+  FeatureMask(0);
   state.SetItemsProcessed(state.iterations());
 }
 

@@ -257,17 +257,18 @@ uint32_t VelmoAudioDecodeBlock(VelmoAudioDecoder* decoder, VelmoAudioRing* ring,
   const size_t start = std::min(input->Position, input->Size);
   AudioBitReader reader(input->Data, input->Size, start * 8);
   DecodeScratch scratch;
-  const AudioTransformKernels* kernels = AudioKernelsSelect();
+  AudioTransformKernels kernels;
+  AudioTransformKernelsInit(&kernels, ProcessorFeatures());
   const uint32_t blockSamples = decoder->BlockBytes / 2;
   int16_t* block = scratch.Block;
 
   if (IsCurrentForm(decoder)) reader.Skip(2);
   if (decoder->Channels == 1) {
-    DecodeChannel(decoder, reader, input->Size, block, scratch, kernels);
+    DecodeChannel(decoder, reader, input->Size, block, scratch, &kernels);
   } else {
     const uint32_t length = decoder->Length;
     for (uint32_t c = 0; c < 2; ++c) {
-      DecodeChannel(decoder, reader, input->Size, scratch.Channel, scratch, kernels);
+      DecodeChannel(decoder, reader, input->Size, scratch.Channel, scratch, &kernels);
       for (uint32_t i = 0; i < length; ++i) block[2 * i + c] = scratch.Channel[i];
     }
   }

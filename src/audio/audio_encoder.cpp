@@ -185,7 +185,8 @@ void LoadChannel(const VelmoAudioEncoder* e, const uint8_t* data, uint32_t dataB
 void PrepareChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data,
                     uint32_t dataBytes, float quality) {
   const uint32_t length = e->Length;
-  const AudioTransformKernels* kernels = AudioKernelsSelect();
+  AudioTransformKernels kernels;
+  AudioTransformKernelsInit(&kernels, ProcessorFeatures());
   float* analysis = e->Analysis.data();
   float* coding = e->Coding.data();
 
@@ -194,15 +195,15 @@ void PrepareChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data,
   const uint32_t fade = length / 32;
   std::fill(analysis, analysis + fade, 0.0f);
   std::fill(analysis + length - fade, analysis + length, 0.0f);
-  AudioRealFftForward(e->Plan, analysis, e->Work.get(), kernels);
+  AudioRealFftForward(e->Plan, analysis, e->Work.get(), &kernels);
   for (uint32_t i = 0; i < length; ++i) analysis[i] *= e->InverseRoot;
   float allowance[VelmoAudioMaxBands];
   VelmoAudioMaskingThreshold(e, channel, analysis, quality, allowance);
 
   // Coding block.
   LoadChannel(e, data, dataBytes, channel, coding);
-  if (e->IsCurrentForm) AudioDctForward(e->Plan, coding, e->Work.get(), kernels);
-  else AudioRealFftForward(e->Plan, coding, e->Work.get(), kernels);
+  if (e->IsCurrentForm) AudioDctForward(e->Plan, coding, e->Work.get(), &kernels);
+  else AudioRealFftForward(e->Plan, coding, e->Work.get(), &kernels);
   for (uint32_t i = 0; i < length; ++i) coding[i] *= e->InverseRoot;
   if (e->IsCurrentForm) coding[0] *= 0.5f;
 

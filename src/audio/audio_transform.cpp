@@ -1,7 +1,5 @@
 #include "audio/audio_transform.h"
 
-#include "host/cpu_features.h"
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -201,14 +199,12 @@ void AudioDctInverse(const AudioTransformPlan* plan, float* data, AudioTransform
 
 // ---- plain kernels ----
 
-namespace {
-
-void ComplexPassesPlain(float* re, float* im, uint32_t m, const float* twiddleRe,
-                        const float* twiddleIm) {
+void AudioComplexPassesPlain(float* re, float* im, uint32_t m, const float* twiddleRe,
+                             const float* twiddleIm) {
   for (uint32_t h = 1; h < m; h *= 2) AudioButterflyPass(re, im, m, h, twiddleRe + h, twiddleIm + h);
 }
 
-void FloatToPcmPlain(const float* in, uint32_t count, float scale, int16_t* out) {
+void AudioFloatToPcmPlain(const float* in, uint32_t count, float scale, int16_t* out) {
   for (uint32_t i = 0; i < count; ++i) {
     float v = in[i] * scale;
     v = v > -32768.0f ? v : -32768.0f;  // a NaN takes the floor, as the vector form does
@@ -217,11 +213,12 @@ void FloatToPcmPlain(const float* in, uint32_t count, float scale, int16_t* out)
   }
 }
 
-}  // namespace
-
-const AudioTransformKernels AudioKernelsPlain = {"plain", ComplexPassesPlain, FloatToPcmPlain};
-
-const AudioTransformKernels* AudioKernelsSelect() {
-  if (ProcessorHas(CpuAVX2)) return &AudioKernelsAvx2;
-  return &AudioKernelsPlain;
+void AudioTransformKernelsInit(AudioTransformKernels* kernels, uint32_t features) {
+  kernels->ComplexPasses = AudioComplexPassesPlain;
+  kernels->FloatToPcm = AudioFloatToPcmPlain;
+#if ORN_X86_KERNELS
+  if (ProcessorLevelOf(features) < ProcessorLevelAvx2) return;
+  kernels->ComplexPasses = AudioComplexPassesAvx2;
+  kernels->FloatToPcm = AudioFloatToPcmAvx2;
+#endif
 }

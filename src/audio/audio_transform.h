@@ -12,6 +12,8 @@
 #pragma once
 #include <cstdint>
 
+#include "host/cpu_features.h"
+
 constexpr uint32_t AudioTransformMaxLength = 4096;
 
 struct AudioTransformPlan;
@@ -23,22 +25,29 @@ struct alignas(32) AudioTransformWork {
   float Reordered[AudioTransformMaxLength];
 };
 
-// Vector kernels, one table per processor kind.
+// All radix-2 passes of a complex FFT of `m` points held in bit-reversed order; the pass of
+// half-span h takes its twiddles from twiddleRe/Im + h.
+using AudioComplexPassesKernel = void(float* re, float* im, uint32_t m, const float* twiddleRe,
+                                      const float* twiddleIm);
+// out[i] := saturate16(round-to-nearest-even(in[i] * scale)), NaN giving -32768.
+using AudioFloatToPcmKernel = void(const float* in, uint32_t count, float scale, int16_t* out);
+
+// The transforms' kernel table.
 struct AudioTransformKernels {
-  const char* Name;
-  // All radix-2 passes of a complex FFT of `m` points held in bit-reversed order.
-  void (*ComplexPasses)(float* re, float* im, uint32_t m, const float* twiddleRe,
-                        const float* twiddleIm);
-  // out[i] := saturate16(round-to-nearest-even(in[i] * scale)), NaN giving -32768.
-  void (*FloatToPcm)(const float* in, uint32_t count, float scale, int16_t* out);
+  AudioComplexPassesKernel* ComplexPasses;
+  AudioFloatToPcmKernel* FloatToPcm;
 };
 
-extern const AudioTransformKernels AudioKernelsPlain;
-extern const AudioTransformKernels AudioKernelsAvx2;
+// Fills `kernels` with the best forms the feature word allows. The codec passes
+// ProcessorFeatures() for every block, so that a changed feature mask takes effect at once.
+void AudioTransformKernelsInit(AudioTransformKernels* kernels, uint32_t features);
 
-// The table the processor supports best; asks the feature word on every call, so that a
-// changed feature mask takes effect at once.
-const AudioTransformKernels* AudioKernelsSelect();
+AudioComplexPassesKernel AudioComplexPassesPlain;
+AudioFloatToPcmKernel AudioFloatToPcmPlain;
+#if ORN_X86_KERNELS
+AudioComplexPassesKernel AudioComplexPassesAvx2;
+AudioFloatToPcmKernel AudioFloatToPcmAvx2;
+#endif
 
 // The plan of a length; a length that is not a power of two from 2 to 4096 is a programming
 // fault and stops the program.

@@ -2,6 +2,7 @@
 // same operations in the same order as the plain forms (no fused multiply-add).
 #include "audio/audio_transform.h"
 
+#if ORN_X86_KERNELS
 #include <immintrin.h>
 
 #include <cmath>
@@ -28,15 +29,17 @@ void WidePass(float* re, float* im, uint32_t m, uint32_t h, const float* wr, con
   }
 }
 
-void ComplexPassesAvx2(float* re, float* im, uint32_t m, const float* twiddleRe,
-                       const float* twiddleIm) {
+}  // namespace
+
+void AudioComplexPassesAvx2(float* re, float* im, uint32_t m, const float* twiddleRe,
+                            const float* twiddleIm) {
   for (uint32_t h = 1; h < m; h *= 2) {
     if (h < 8) AudioButterflyPass(re, im, m, h, twiddleRe + h, twiddleIm + h);
     else WidePass(re, im, m, h, twiddleRe + h, twiddleIm + h);
   }
 }
 
-void FloatToPcmAvx2(const float* in, uint32_t count, float scale, int16_t* out) {
+void AudioFloatToPcmAvx2(const float* in, uint32_t count, float scale, int16_t* out) {
   const __m256 factor = _mm256_set1_ps(scale);
   const __m256 low = _mm256_set1_ps(-32768.0f), high = _mm256_set1_ps(32767.0f);
   uint32_t i = 0;
@@ -58,6 +61,4 @@ void FloatToPcmAvx2(const float* in, uint32_t count, float scale, int16_t* out) 
   }
 }
 
-}  // namespace
-
-const AudioTransformKernels AudioKernelsAvx2 = {"avx2", ComplexPassesAvx2, FloatToPcmAvx2};
+#endif

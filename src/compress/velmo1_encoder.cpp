@@ -89,7 +89,7 @@ const Basis& TransformBasis() {
         int16_t coeffs[64] = {};
         coeffs[k] = Unit;
         int32_t out[64];
-        Velmo1IdctReference(coeffs, t0, out);
+        Velmo1IdctPlain(coeffs, t0, out);
         double norm = 0;
         for (int i = 0; i < 64; ++i) {
           basis.Vector[inter][k][i] = double(out[i]) / Unit;
@@ -250,7 +250,7 @@ void TwoColourBlock(const uint8_t c[64], uint8_t low, uint8_t high, uint8_t out[
 // Reconstruction of a transform block as the decoder does it.
 void Rebuild(const int16_t coeffs[64], bool inter, uint32_t s, const uint8_t* base, uint8_t out[64]) {
   int32_t values[64];
-  Velmo1IdctReference(coeffs, Velmo1DequantTable(inter, s), values);
+  Velmo1IdctPlain(coeffs, Velmo1DequantTable(inter, s), values);
   for (int k = 0; k < 64; ++k) out[k] = uint8_t((base ? base[k] : 0) + values[k]);
 }
 

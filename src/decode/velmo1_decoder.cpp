@@ -644,7 +644,9 @@ const uint8_t* Velmo1DecodePlane(uint8_t* dest, const uint8_t* source, uint32_t 
   p.Pitch = pitch;
   p.RunScratch = work->RunScratch;
   p.OldColors = (decodeFlags & Velmo1OldRevision) != 0;
-  p.Idct = Velmo1PickIdct();
+  Velmo1Kernels kernels;
+  Velmo1KernelsInit(&kernels, ProcessorFeatures());
+  p.Idct = kernels.Idct;
   const bool vlmk = fileTag == TagVLMk;
   p.CountMask = vlmk ? 0xBB : 0;
 

@@ -3,7 +3,7 @@
 // (32-bit wrapping adds, low 32-bit products, arithmetic shifts) are the plain kernel's own.
 #include "decode/velmo1_tables.h"
 
-#if defined(__x86_64__) || defined(__i386__)
+#if ORN_X86_KERNELS
 #include <immintrin.h>
 
 namespace {

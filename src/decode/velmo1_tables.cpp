@@ -231,16 +231,17 @@ inline void IdctPass(int32_t* p, int stride) {
 
 }  // namespace
 
-void Velmo1IdctReference(const int16_t coeffs[64], const uint32_t table[64], int32_t out[64]) {
+void Velmo1IdctPlain(const int16_t coeffs[64], const uint32_t table[64], int32_t out[64]) {
   for (int k = 0; k < 64; ++k) out[k] = int32_t(uint32_t(int32_t(coeffs[k])) * table[k]) >> 11;
   for (int col = 0; col < 8; ++col) IdctPass(out + col, 8);
   for (int row = 0; row < 8; ++row) IdctPass(out + row * 8, 1);
   for (int k = 0; k < 64; ++k) out[k] = Add(out[k], 127) >> 8;
 }
 
-Velmo1IdctKernel Velmo1PickIdct() {
-#if defined(__x86_64__) || defined(__i386__)
-  if (ProcessorHas(CpuAVX2)) return Velmo1IdctAvx2;
+void Velmo1KernelsInit(Velmo1Kernels* kernels, uint32_t features) {
+  kernels->Idct = Velmo1IdctPlain;
+#if ORN_X86_KERNELS
+  if (ProcessorLevelOf(features) < ProcessorLevelAvx2) return;
+  kernels->Idct = Velmo1IdctAvx2;
 #endif
-  return Velmo1IdctReference;
 }

@@ -5,6 +5,8 @@
 #pragma once
 #include <cstdint>
 
+#include "host/cpu_features.h"
+
 // ---------------------------------------------------------------------------------------------
 // Block kinds, the values of the BlockTypes bundle. Anything above 9 is a damaged block.
 
@@ -97,10 +99,16 @@ const uint32_t* Velmo1DequantTable(bool inter, uint32_t scale);
 using Velmo1IdctKernel = void (*)(const int16_t coeffs[64], const uint32_t table[64],
                                   int32_t out[64]);
 
-void Velmo1IdctReference(const int16_t coeffs[64], const uint32_t table[64], int32_t out[64]);
-#if defined(__x86_64__) || defined(__i386__)
+void Velmo1IdctPlain(const int16_t coeffs[64], const uint32_t table[64], int32_t out[64]);
+#if ORN_X86_KERNELS
 void Velmo1IdctAvx2(const int16_t coeffs[64], const uint32_t table[64], int32_t out[64]);
 #endif
 
-// The kernel for this processor (AVX2 when present), read from the processor feature word.
-Velmo1IdctKernel Velmo1PickIdct();
+// The decoder's kernel table.
+struct Velmo1Kernels {
+  Velmo1IdctKernel Idct;
+};
+
+// Fills `kernels` with the best forms the feature word allows; the decoder passes
+// ProcessorFeatures() for every plane, so that FeatureMask takes effect at once.
+void Velmo1KernelsInit(Velmo1Kernels* kernels, uint32_t features);

@@ -9,7 +9,6 @@
 namespace {
 
 std::atomic<uint32_t> detectedWord{0};
-std::atomic<uint32_t> forcedOn{0};
 std::atomic<uint32_t> forcedOff{0};
 
 uint32_t Detect() {
@@ -47,10 +46,9 @@ uint32_t ProcessorFeatures() {
     word = Detect();
     detectedWord.store(word, std::memory_order_release);
   }
-  return ((word | forcedOn.load()) & ~forcedOff.load()) | CpuValid;
+  return (word & ~forcedOff.load()) | CpuValid;
 }
 
-void FeatureMask(uint32_t set, uint32_t clear) {
-  forcedOn.store(set);
+void FeatureMask(uint32_t clear) {
   forcedOff.store(clear);
 }

@@ -15,12 +15,56 @@ enum : uint32_t {
   CpuValid = 0x80000000u,
 };
 
+// The vector kernels are written for x86 with SSE2 at least (every x86-64 processor). Sources
+// of vector kernels compile to nothing elsewhere, and kernel tables hold the plain forms only.
+#if defined(__x86_64__) || (defined(__i386__) && defined(__SSE2__))
+#define ORN_X86_KERNELS 1
+#else
+#define ORN_X86_KERNELS 0
+#endif
+
 // The feature word, with CpuValid set. Detected on first call.
 uint32_t ProcessorFeatures();
 
-// Forces bits on (set) or off (clear) on top of what was detected; for tests and for users
-// who need to rule out a kernel in the field. FeatureMask(0, 0) restores the detected word.
-void FeatureMask(uint32_t set, uint32_t clear);
+// Switches features off on top of what was detected; for tests and for users who need to rule
+// out a kernel in the field. Nothing can be switched on. FeatureMask(0) restores the detected
+// word.
+void FeatureMask(uint32_t clear);
 
 // True when every bit of `required` is present.
 inline bool ProcessorHas(uint32_t required) { return (ProcessorFeatures() & required) == required; }
+
+// ---------------------------------------------------------------------------------------------
+// Kernel levels. Every subsystem with vector kernels has one table of function pointers and
+// one init function taking a feature word: it fills the table with the plain C++ forms, then
+// replaces entries level by level, and stops at the first level the word lacks. Each level's
+// bits therefore include those of the levels below it.
+
+enum : int {
+  ProcessorLevelPlain = 0,
+  ProcessorLevelSse2 = 1,
+  ProcessorLevelSsse3 = 2,
+  ProcessorLevelAvx2 = 3,
+  ProcessorLevelCount = 4,
+};
+
+struct ProcessorLevel {
+  const char* Name;
+  uint32_t Features;  // all the bits the level needs
+};
+
+inline constexpr ProcessorLevel ProcessorLevels[ProcessorLevelCount] = {
+    {"plain", 0},
+    {"sse2", CpuSSE2},
+    {"ssse3", CpuSSE2 | CpuSSSE3},
+    {"avx2", CpuSSE2 | CpuSSSE3 | CpuAVX2},
+};
+
+// The highest level whose bits are all in `features`.
+inline int ProcessorLevelOf(uint32_t features) {
+  int level = ProcessorLevelPlain;
+  while (level + 1 < ProcessorLevelCount &&
+         (features & ProcessorLevels[level + 1].Features) == ProcessorLevels[level + 1].Features)
+    ++level;
+  return level;
+}

@@ -98,7 +98,7 @@ struct BlockPlan {
 
 struct ScalerJob {
   Scaler* Target;
-  const ScalerKernelSet* Kernels;
+  ScalerKernels Kernels;
   uint8_t* Dst;
   ptrdiff_t DstPitch;
   const uint8_t* Src;
@@ -131,11 +131,11 @@ void FetchedColumn(const ScalerJob* job, const Fetch* fetch, Horizontal horizont
 }
 
 void FetchedColumnInt(const ScalerJob* job, uint32_t x, uint32_t slice, double* strip) {
-  FetchedColumn<uint32_t, 1>(job, job->Fetch, job->Kernels->HorizontalInt, x, slice, strip);
+  FetchedColumn<uint32_t, 1>(job, job->Fetch, job->Kernels.HorizontalInt, x, slice, strip);
 }
 
 void FetchedColumnFloat(const ScalerJob* job, uint32_t x, uint32_t slice, float* strip) {
-  FetchedColumn<float, 4>(job, job->FetchFloat, job->Kernels->HorizontalFloat, x, slice, strip);
+  FetchedColumn<float, 4>(job, job->FetchFloat, job->Kernels.HorizontalFloat, x, slice, strip);
 }
 
 // Output columns of one slice: the horizontal pass into the slice's strip, then the vertical
@@ -149,14 +149,14 @@ void RunSliceInt(const ScalerJob* job, uint32_t slice) {
   for (uint32_t x = begin; x < end; ++x) {
     const uint32_t run = s->Horizontal.Runs[x];
     if (direct && run != ScalerScattered) {
-      job->Kernels->HorizontalInt(job->Src + size_t(run) * 4, job->SrcPitch, s->SrcHeight,
-                                  s->Horizontal.Entries + size_t(x) * s->Horizontal.MaxEntries,
-                                  s->Horizontal.Counts[x], strip);
+      job->Kernels.HorizontalInt(job->Src + size_t(run) * 4, job->SrcPitch, s->SrcHeight,
+                                 s->Horizontal.Entries + size_t(x) * s->Horizontal.MaxEntries,
+                                 s->Horizontal.Counts[x], strip);
     } else {
       FetchedColumnInt(job, x, slice, strip);
     }
-    job->Kernels->VerticalInt(strip, &s->Vertical, s->DstHeight, job->Dst + size_t(x) * 4,
-                              job->DstPitch);
+    job->Kernels.VerticalInt(strip, &s->Vertical, s->DstHeight, job->Dst + size_t(x) * 4,
+                             job->DstPitch);
   }
 }
 
@@ -169,14 +169,14 @@ void RunSliceFloat(const ScalerJob* job, uint32_t slice) {
   for (uint32_t x = begin; x < end; ++x) {
     const uint32_t run = s->Horizontal.Runs[x];
     if (direct && run != ScalerScattered) {
-      job->Kernels->HorizontalFloat(job->Src + size_t(run) * 16, job->SrcPitch, s->SrcHeight,
-                                    s->Horizontal.Entries + size_t(x) * s->Horizontal.MaxEntries,
-                                    s->Horizontal.Counts[x], strip);
+      job->Kernels.HorizontalFloat(job->Src + size_t(run) * 16, job->SrcPitch, s->SrcHeight,
+                                   s->Horizontal.Entries + size_t(x) * s->Horizontal.MaxEntries,
+                                   s->Horizontal.Counts[x], strip);
     } else {
       FetchedColumnFloat(job, x, slice, strip);
     }
-    job->Kernels->VerticalFloat(strip, &s->Vertical, s->DstHeight, job->Dst + size_t(x) * 16,
-                                job->DstPitch);
+    job->Kernels.VerticalFloat(strip, &s->Vertical, s->DstHeight, job->Dst + size_t(x) * 16,
+                               job->DstPitch);
   }
 }
 
@@ -298,14 +298,16 @@ void ScalerFree(Scaler* scaler) { std::free(scaler); }
 
 void ScalerRun(Scaler* scaler, uint8_t* dst, ptrdiff_t dstPitch, const uint8_t* src,
                ptrdiff_t srcPitch, const PixelFetch* fetch, const ProcessJobRunner* runner) {
-  ScalerJob job{scaler, ScalerChooseKernels(), dst, dstPitch, src, srcPitch, fetch, nullptr, 0};
+  ScalerJob job{scaler, {}, dst, dstPitch, src, srcPitch, fetch, nullptr, 0};
+  ScalerKernelsInit(&job.Kernels, ProcessorFeatures());
   ProcessRunJob(runner, "Scaling", ScalingJobInt, &job);
 }
 
 void ScalerRunFloat(Scaler* scaler, uint8_t* dst, ptrdiff_t dstPitch, const uint8_t* src,
                     ptrdiff_t srcPitch, const PixelFetchFloat* fetch,
                     const ProcessJobRunner* runner) {
-  ScalerJob job{scaler, ScalerChooseKernels(), dst, dstPitch, src, srcPitch, nullptr, fetch, 0};
+  ScalerJob job{scaler, {}, dst, dstPitch, src, srcPitch, nullptr, fetch, 0};
+  ScalerKernelsInit(&job.Kernels, ProcessorFeatures());
   ProcessRunJob(runner, "Scaling", ScalingJobFloat, &job);
 }
 

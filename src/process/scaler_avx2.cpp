@@ -1,8 +1,8 @@
 // AVX2 scaler loops: each pixel's four channel sums in one register of four doubles.
-#include <immintrin.h>
-
-#include "host/cpu_features.h"
 #include "process/scaler_kernels.h"
+
+#if ORN_X86_KERNELS
+#include <immintrin.h>
 
 namespace {
 
@@ -14,8 +14,10 @@ inline __m256d WidenBytes(const uint8_t* p) {
 
 inline __m256d WidenFloats(const float* p) { return _mm256_cvtps_pd(_mm_loadu_ps(p)); }
 
-void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
-                   uint32_t count, double* strip) {
+}  // namespace
+
+void ScalerHorizontalIntAvx2(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                             const ScalerSlot* slots, uint32_t count, double* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     __m256d sum = _mm256_setzero_pd();
     for (uint32_t k = 0; k < count; ++k)
@@ -25,8 +27,8 @@ void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const 
   }
 }
 
-void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
-                     uint32_t count, float* strip) {
+void ScalerHorizontalFloatAvx2(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                               const ScalerSlot* slots, uint32_t count, float* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     const float* p = reinterpret_cast<const float*>(pixels);
     __m256d sum = _mm256_setzero_pd();
@@ -37,8 +39,8 @@ void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, cons
   }
 }
 
-void VerticalInt(const double* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                 ptrdiff_t pitch) {
+void ScalerVerticalIntAvx2(const double* strip, const ScalerAxis* axis, uint32_t rows,
+                           uint8_t* column, ptrdiff_t pitch) {
   const __m256d top = _mm256_set1_pd(ScalerTopLevel);
   const __m256d bias = _mm256_set1_pd(ScalerRoundBias);
   const __m256d full = _mm256_set1_pd(255.0);
@@ -57,8 +59,8 @@ void VerticalInt(const double* strip, const ScalerAxis* axis, uint32_t rows, uin
   }
 }
 
-void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                   ptrdiff_t pitch) {
+void ScalerVerticalFloatAvx2(const float* strip, const ScalerAxis* axis, uint32_t rows,
+                             uint8_t* column, ptrdiff_t pitch) {
   for (uint32_t y = 0; y < rows; ++y, column += pitch) {
     const ScalerSlot* slots = axis->Entries + size_t(y) * axis->MaxEntries;
     __m256d sum = _mm256_setzero_pd();
@@ -69,7 +71,4 @@ void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, ui
   }
 }
 
-}  // namespace
-
-const ScalerKernelSet ScalerKernelsAvx2 = {CpuAVX2 | CpuSSE2, "avx2",      HorizontalInt,
-                                           HorizontalFloat,   VerticalInt, VerticalFloat};
+#endif

@@ -4,34 +4,44 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/cpu_features.h"
 #include "process/scaler.h"
 
-struct ScalerKernelSet {
-  uint32_t Features;  // processor features the set needs (0 for the plain set)
-  const char* Name;
-  // For each of `rows` rows (`pitch` bytes apart), the weighted sum of `count` consecutive
-  // pixels from `pixels` with slots[k].Weight, four channels apart, into strip + 4 × row.
-  // Integer pixels are ARGB words, summed in memory order B, G, R, A; float pixels are
-  // R, G, B, A.
-  void (*HorizontalInt)(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
-                        const ScalerSlot* slots, uint32_t count, double* strip);
-  void (*HorizontalFloat)(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
-                          const ScalerSlot* slots, uint32_t count, float* strip);
-  // For each output row of `axis`, the weighted sum of strip entries, written to the pixel at
-  // column + row × pitch: rounded and clamped ARGB, or four floats.
-  void (*VerticalInt)(const double* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                      ptrdiff_t pitch);
-  void (*VerticalFloat)(const float* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                        ptrdiff_t pitch);
+// For each of `rows` rows (`pitch` bytes apart), the weighted sum of `count` consecutive pixels
+// from `pixels` with slots[k].Weight, four channels apart, into strip + 4 × row. Integer pixels
+// are ARGB words, summed in memory order B, G, R, A; float pixels are R, G, B, A.
+using ScalerHorizontalIntKernel = void(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                                       const ScalerSlot* slots, uint32_t count, double* strip);
+using ScalerHorizontalFloatKernel = void(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                                         const ScalerSlot* slots, uint32_t count, float* strip);
+// For each output row of `axis`, the weighted sum of strip entries, written to the pixel at
+// column + row × pitch: rounded and clamped ARGB, or four floats.
+using ScalerVerticalIntKernel = void(const double* strip, const ScalerAxis* axis, uint32_t rows,
+                                     uint8_t* column, ptrdiff_t pitch);
+using ScalerVerticalFloatKernel = void(const float* strip, const ScalerAxis* axis, uint32_t rows,
+                                       uint8_t* column, ptrdiff_t pitch);
+
+struct ScalerKernels {
+  ScalerHorizontalIntKernel* HorizontalInt;
+  ScalerHorizontalFloatKernel* HorizontalFloat;
+  ScalerVerticalIntKernel* VerticalInt;
+  ScalerVerticalFloatKernel* VerticalFloat;
 };
 
-extern const ScalerKernelSet ScalerKernelsPlain;
-extern const ScalerKernelSet ScalerKernelsSse2;
-extern const ScalerKernelSet ScalerKernelsAvx2;
+// Fills `kernels` with the best forms the feature word allows. The scaler passes
+// ProcessorFeatures() at every run, so that FeatureMask takes effect at once.
+void ScalerKernelsInit(ScalerKernels* kernels, uint32_t features);
 
-// The fastest set the processor feature word allows; read at every run so that FeatureMask
-// takes effect at once.
-const ScalerKernelSet* ScalerChooseKernels();
+ScalerHorizontalIntKernel ScalerHorizontalIntPlain;
+ScalerHorizontalFloatKernel ScalerHorizontalFloatPlain;
+ScalerVerticalIntKernel ScalerVerticalIntPlain;
+ScalerVerticalFloatKernel ScalerVerticalFloatPlain;
+#if ORN_X86_KERNELS
+ScalerHorizontalIntKernel ScalerHorizontalIntSse2, ScalerHorizontalIntAvx2;
+ScalerHorizontalFloatKernel ScalerHorizontalFloatSse2, ScalerHorizontalFloatAvx2;
+ScalerVerticalIntKernel ScalerVerticalIntSse2, ScalerVerticalIntAvx2;
+ScalerVerticalFloatKernel ScalerVerticalFloatSse2, ScalerVerticalFloatAvx2;
+#endif
 
 // Integer output of one channel sum: 0 at or below 0, 255 from 254.5, else rounded by adding a
 // hair under one half and truncating.

@@ -1,13 +1,10 @@
 // Plain C++ scaler loops: the rule that the vector forms match bit for bit.
 #include <cstring>
 
-#include "host/cpu_features.h"
 #include "process/scaler_kernels.h"
 
-namespace {
-
-void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
-                   uint32_t count, double* strip) {
+void ScalerHorizontalIntPlain(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                              const ScalerSlot* slots, uint32_t count, double* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     double sum[4] = {0.0, 0.0, 0.0, 0.0};
     for (uint32_t k = 0; k < count; ++k) {
@@ -19,8 +16,8 @@ void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const 
   }
 }
 
-void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
-                     uint32_t count, float* strip) {
+void ScalerHorizontalFloatPlain(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                                const ScalerSlot* slots, uint32_t count, float* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     double sum[4] = {0.0, 0.0, 0.0, 0.0};
     for (uint32_t k = 0; k < count; ++k) {
@@ -33,8 +30,8 @@ void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, cons
   }
 }
 
-void VerticalInt(const double* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                 ptrdiff_t pitch) {
+void ScalerVerticalIntPlain(const double* strip, const ScalerAxis* axis, uint32_t rows,
+                            uint8_t* column, ptrdiff_t pitch) {
   for (uint32_t y = 0; y < rows; ++y, column += pitch) {
     const ScalerSlot* slots = axis->Entries + size_t(y) * axis->MaxEntries;
     double sum[4] = {0.0, 0.0, 0.0, 0.0};
@@ -47,8 +44,8 @@ void VerticalInt(const double* strip, const ScalerAxis* axis, uint32_t rows, uin
   }
 }
 
-void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                   ptrdiff_t pitch) {
+void ScalerVerticalFloatPlain(const float* strip, const ScalerAxis* axis, uint32_t rows,
+                              uint8_t* column, ptrdiff_t pitch) {
   for (uint32_t y = 0; y < rows; ++y, column += pitch) {
     const ScalerSlot* slots = axis->Entries + size_t(y) * axis->MaxEntries;
     double sum[4] = {0.0, 0.0, 0.0, 0.0};
@@ -63,13 +60,20 @@ void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, ui
   }
 }
 
-}  // namespace
-
-const ScalerKernelSet ScalerKernelsPlain = {
-    0, "c++", HorizontalInt, HorizontalFloat, VerticalInt, VerticalFloat};
-
-const ScalerKernelSet* ScalerChooseKernels() {
-  if (ProcessorHas(CpuAVX2 | CpuSSE2)) return &ScalerKernelsAvx2;
-  if (ProcessorHas(CpuSSE2)) return &ScalerKernelsSse2;
-  return &ScalerKernelsPlain;
+void ScalerKernelsInit(ScalerKernels* kernels, uint32_t features) {
+  *kernels = {ScalerHorizontalIntPlain, ScalerHorizontalFloatPlain, ScalerVerticalIntPlain,
+              ScalerVerticalFloatPlain};
+#if ORN_X86_KERNELS
+  const int level = ProcessorLevelOf(features);
+  if (level < ProcessorLevelSse2) return;
+  kernels->HorizontalInt = ScalerHorizontalIntSse2;
+  kernels->HorizontalFloat = ScalerHorizontalFloatSse2;
+  kernels->VerticalInt = ScalerVerticalIntSse2;
+  kernels->VerticalFloat = ScalerVerticalFloatSse2;
+  if (level < ProcessorLevelAvx2) return;
+  kernels->HorizontalInt = ScalerHorizontalIntAvx2;
+  kernels->HorizontalFloat = ScalerHorizontalFloatAvx2;
+  kernels->VerticalInt = ScalerVerticalIntAvx2;
+  kernels->VerticalFloat = ScalerVerticalFloatAvx2;
+#endif
 }

@@ -1,8 +1,8 @@
 // SSE2 scaler loops: each pixel's four channel sums in two registers of two doubles.
-#include <emmintrin.h>
-
-#include "host/cpu_features.h"
 #include "process/scaler_kernels.h"
+
+#if ORN_X86_KERNELS
+#include <emmintrin.h>
 
 namespace {
 
@@ -33,8 +33,10 @@ inline __m128d ChannelLevels(__m128d v) {
   return _mm_or_pd(_mm_and_pd(top, _mm_set1_pd(255.0)), _mm_andnot_pd(top, rounded));
 }
 
-void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
-                   uint32_t count, double* strip) {
+}  // namespace
+
+void ScalerHorizontalIntSse2(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                             const ScalerSlot* slots, uint32_t count, double* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     __m128d sumLow = _mm_setzero_pd(), sumHigh = _mm_setzero_pd();
     for (uint32_t k = 0; k < count; ++k) {
@@ -49,8 +51,8 @@ void HorizontalInt(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const 
   }
 }
 
-void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, const ScalerSlot* slots,
-                     uint32_t count, float* strip) {
+void ScalerHorizontalFloatSse2(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows,
+                               const ScalerSlot* slots, uint32_t count, float* strip) {
   for (uint32_t y = 0; y < rows; ++y, pixels += pitch, strip += 4) {
     __m128d sumLow = _mm_setzero_pd(), sumHigh = _mm_setzero_pd();
     const float* p = reinterpret_cast<const float*>(pixels);
@@ -65,8 +67,8 @@ void HorizontalFloat(const uint8_t* pixels, ptrdiff_t pitch, uint32_t rows, cons
   }
 }
 
-void VerticalInt(const double* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                 ptrdiff_t pitch) {
+void ScalerVerticalIntSse2(const double* strip, const ScalerAxis* axis, uint32_t rows,
+                           uint8_t* column, ptrdiff_t pitch) {
   for (uint32_t y = 0; y < rows; ++y, column += pitch) {
     const ScalerSlot* slots = axis->Entries + size_t(y) * axis->MaxEntries;
     __m128d sumLow = _mm_setzero_pd(), sumHigh = _mm_setzero_pd();
@@ -85,8 +87,8 @@ void VerticalInt(const double* strip, const ScalerAxis* axis, uint32_t rows, uin
   }
 }
 
-void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, uint8_t* column,
-                   ptrdiff_t pitch) {
+void ScalerVerticalFloatSse2(const float* strip, const ScalerAxis* axis, uint32_t rows,
+                             uint8_t* column, ptrdiff_t pitch) {
   for (uint32_t y = 0; y < rows; ++y, column += pitch) {
     const ScalerSlot* slots = axis->Entries + size_t(y) * axis->MaxEntries;
     __m128d sumLow = _mm_setzero_pd(), sumHigh = _mm_setzero_pd();
@@ -101,7 +103,4 @@ void VerticalFloat(const float* strip, const ScalerAxis* axis, uint32_t rows, ui
   }
 }
 
-}  // namespace
-
-const ScalerKernelSet ScalerKernelsSse2 = {CpuSSE2,         "sse2",      HorizontalInt,
-                                           HorizontalFloat, VerticalInt, VerticalFloat};
+#endif

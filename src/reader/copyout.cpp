@@ -1,4 +1,4 @@
-// Pixel copy-out: conversion state, kernel family table, the plain C++ kernels and the
+// Pixel copy-out: conversion state, kernel table, the plain C++ kernels and the
 // rectangle walk that feeds the kernels line by line.
 #include "reader/copyout.h"
 
@@ -83,9 +83,9 @@ constexpr float NeutralChroma = 0.5019608f;
 }  // namespace
 
 bool VelmoBuildConversionState(const float t[16], uint32_t format, uint32_t copyFlags,
-                               const VelmoCopyKernelFamily* family, VelmoConversionState* state) {
+                               const VelmoCopyKernels* kernels, VelmoConversionState* state) {
   const SurfaceFormat* f = FindFormat(format);
-  if (f == nullptr || state == nullptr || family == nullptr) return false;
+  if (f == nullptr || state == nullptr || kernels == nullptr) return false;
   std::memset(state, 0, sizeof *state);
 
   // 1. The table's shape.
@@ -141,31 +141,29 @@ bool VelmoBuildConversionState(const float t[16], uint32_t format, uint32_t copy
   BuildDither(ToFixed(offB, 2048.0f), f->WidthB, state->OffsetB);
 
   state->PixelBytes = f->Bytes;
-  state->Kernel = f->Kernel == Kernel32      ? family->Kernel32
-                  : f->Kernel == Kernel32Alt ? family->Kernel32Alt
-                                             : family->Kernel16;
+  state->Kernel = f->Kernel == Kernel32      ? kernels->Kernel32
+                  : f->Kernel == Kernel32Alt ? kernels->Kernel32Alt
+                                             : kernels->Kernel16;
   state->CopyFlags = copyFlags;
   return true;
 }
 
 // ---------------------------------------------------------------------------------------------
-// Kernel family table.
+// Kernel table.
 
-const VelmoCopyKernelFamily* VelmoCopyKernelFamilies() {
-  static const VelmoCopyKernelFamily families[] = {
-      {CpuAVX2 | CpuSSE2, "avx2", VelmoCopyKernel32Avx2, VelmoCopyKernel32AltAvx2,
-       VelmoCopyKernel16Avx2},
-      {CpuSSE2, "sse2", VelmoCopyKernel32Sse2, VelmoCopyKernel32AltSse2, VelmoCopyKernel16Sse2},
-      {0, "c++", VelmoCopyKernel32Reference, VelmoCopyKernel32AltReference,
-       VelmoCopyKernel16Reference},
-  };
-  return families;
-}
-
-const VelmoCopyKernelFamily* VelmoChooseCopyKernels() {
-  const VelmoCopyKernelFamily* row = VelmoCopyKernelFamilies();
-  while (row->Features != 0 && !ProcessorHas(row->Features)) ++row;
-  return row;
+void VelmoCopyKernelsInit(VelmoCopyKernels* kernels, uint32_t features) {
+  *kernels = {VelmoCopyKernel32Plain, VelmoCopyKernel32AltPlain, VelmoCopyKernel16Plain};
+#if ORN_X86_KERNELS
+  const int level = ProcessorLevelOf(features);
+  if (level < ProcessorLevelSse2) return;
+  kernels->Kernel32 = VelmoCopyKernel32Sse2;
+  kernels->Kernel32Alt = VelmoCopyKernel32AltSse2;
+  kernels->Kernel16 = VelmoCopyKernel16Sse2;
+  if (level < ProcessorLevelAvx2) return;
+  kernels->Kernel32 = VelmoCopyKernel32Avx2;
+  kernels->Kernel32Alt = VelmoCopyKernel32AltAvx2;
+  kernels->Kernel16 = VelmoCopyKernel16Avx2;
+#endif
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -234,7 +232,7 @@ uint32_t PackPixel(const VelmoConversionState* s, const GroupChannels& ch, int i
          uint32_t((ch.A[i] << 3) >> s->ShiftA) << s->PosA;
 }
 
-void RunReference(const VelmoCopyLine* line, const VelmoConversionState* s, int bytes) {
+void RunPlain(const VelmoCopyLine* line, const VelmoConversionState* s, int bytes) {
   int16_t crLeft = line->CrLeft, cbLeft = line->CbLeft;
   for (uint32_t g = 0; g < line->Groups; ++g) {
     GroupChannels ch;
@@ -251,18 +249,18 @@ void RunReference(const VelmoCopyLine* line, const VelmoConversionState* s, int 
 
 }  // namespace
 
-void VelmoCopyKernel32Reference(const VelmoCopyLine* line, const VelmoConversionState* s) {
-  RunReference(line, s, 4);
+void VelmoCopyKernel32Plain(const VelmoCopyLine* line, const VelmoConversionState* s) {
+  RunPlain(line, s, 4);
 }
 
 // The second 32-bit kernel gives the same pixels; its vector forms place the channels from
 // the state's positions instead of fixed byte lanes.
-void VelmoCopyKernel32AltReference(const VelmoCopyLine* line, const VelmoConversionState* s) {
-  RunReference(line, s, 4);
+void VelmoCopyKernel32AltPlain(const VelmoCopyLine* line, const VelmoConversionState* s) {
+  RunPlain(line, s, 4);
 }
 
-void VelmoCopyKernel16Reference(const VelmoCopyLine* line, const VelmoConversionState* s) {
-  RunReference(line, s, 2);
+void VelmoCopyKernel16Plain(const VelmoCopyLine* line, const VelmoConversionState* s) {
+  RunPlain(line, s, 2);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -389,11 +387,11 @@ uint32_t FarChromaRow(uint32_t y, uint32_t height) {
 
 }  // namespace
 
-int VelmoCopyPlanesRectWith(const VelmoCopyKernelFamily* family, const VelmoCopySource* src,
+int VelmoCopyPlanesRectWith(const VelmoCopyKernels* kernels, const VelmoCopySource* src,
                             uint8_t* dest, int32_t pitch, int32_t destHeight, int32_t destX,
                             int32_t destY, int32_t srcX, int32_t srcY, int32_t srcWidth,
                             int32_t srcHeight, uint32_t flags) {
-  if (family == nullptr || src == nullptr || src->Y == nullptr || dest == nullptr || src->IsHdr)
+  if (kernels == nullptr || src == nullptr || src->Y == nullptr || dest == nullptr || src->IsHdr)
     return 0;
   const SurfaceFormat* format = FindFormat(flags);
   if (format == nullptr) return 0;
@@ -422,7 +420,7 @@ int VelmoCopyPlanesRectWith(const VelmoCopyKernelFamily* family, const VelmoCopy
     copyFlags |= VelmoCopyGray;
   if (src->Alpha) copyFlags |= VelmoCopyHasAlphaPlane;
   VelmoConversionState state;
-  VelmoBuildConversionState(src->ColourTable, flags, copyFlags, family, &state);
+  VelmoBuildConversionState(src->ColourTable, flags, copyFlags, kernels, &state);
 
   int result = 0;
   const int skip = (hooks && hooks->SkipCheck) ? hooks->SkipCheck(hooks->Context, flags) : 0;
@@ -490,6 +488,8 @@ void VelmoCopySourceFromBuffers(const VelmoFrameBuffers& buffers, const float co
 int VelmoCopyPlanesRect(const VelmoCopySource* source, uint8_t* dest, int32_t pitch,
                         int32_t destHeight, int32_t destX, int32_t destY, int32_t srcX,
                         int32_t srcY, int32_t srcWidth, int32_t srcHeight, uint32_t flags) {
-  return VelmoCopyPlanesRectWith(VelmoChooseCopyKernels(), source, dest, pitch, destHeight,
-                                 destX, destY, srcX, srcY, srcWidth, srcHeight, flags);
+  VelmoCopyKernels kernels;
+  VelmoCopyKernelsInit(&kernels, ProcessorFeatures());
+  return VelmoCopyPlanesRectWith(&kernels, source, dest, pitch, destHeight, destX, destY, srcX,
+                                 srcY, srcWidth, srcHeight, flags);
 }

@@ -48,19 +48,16 @@ struct VelmoCopyLine {
 
 using VelmoCopyKernel = void (*)(const VelmoCopyLine* line, const VelmoConversionState* state);
 
-// A row of the kernel family table: the processor features it needs and its three kernels.
-struct VelmoCopyKernelFamily {
-  uint32_t Features;  // bits of the processor feature word; 0 ends the table
-  const char* Name;
+// The copy-out kernel table: one kernel for each kind of surface.
+struct VelmoCopyKernels {
   VelmoCopyKernel Kernel32;
   VelmoCopyKernel Kernel32Alt;
   VelmoCopyKernel Kernel16;
 };
 
-// The family table, best first, ended by the plain C++ row (Features 0).
-const VelmoCopyKernelFamily* VelmoCopyKernelFamilies();
-// The first row whose features are all present in the processor feature word.
-const VelmoCopyKernelFamily* VelmoChooseCopyKernels();
+// Fills `kernels` with the best forms the feature word allows; the copy calls pass
+// ProcessorFeatures() at every copy, so that FeatureMask takes effect at once.
+void VelmoCopyKernelsInit(VelmoCopyKernels* kernels, uint32_t features);
 
 // Built once per copy from the colour table and the surface format.
 struct VelmoConversionState {
@@ -77,11 +74,11 @@ struct VelmoConversionState {
 };
 
 // Builds the state for a surface `format` from a colour table (rows Cr, Cb, offset, Y; each
-// red, green, blue, alpha) with the kernels of `family`. `copyFlags` brings bits 0, 2, 3 and
+// red, green, blue, alpha) with a kernel of `kernels`. `copyFlags` brings bits 0, 2, 3 and
 // 4; bit 1 is set here when the table has Cr and Cb the other way round. False for a format
 // that has no conversion.
 bool VelmoBuildConversionState(const float table[16], uint32_t format, uint32_t copyFlags,
-                               const VelmoCopyKernelFamily* family, VelmoConversionState* state);
+                               const VelmoCopyKernels* kernels, VelmoConversionState* state);
 
 // Handle bookkeeping around a copy. Every field may be null.
 struct VelmoCopyHooks {
@@ -128,8 +125,8 @@ int VelmoCopyPlanesRect(const VelmoCopySource* source, uint8_t* dest, int32_t pi
                         int32_t destHeight, int32_t destX, int32_t destY, int32_t srcX,
                         int32_t srcY, int32_t srcWidth, int32_t srcHeight, uint32_t flags);
 
-// The same with an explicit kernel family (tests and benchmarks compare the families).
-int VelmoCopyPlanesRectWith(const VelmoCopyKernelFamily* family, const VelmoCopySource* source,
+// The same with an explicit kernel table (tests and benchmarks compare the levels).
+int VelmoCopyPlanesRectWith(const VelmoCopyKernels* kernels, const VelmoCopySource* source,
                             uint8_t* dest, int32_t pitch, int32_t destHeight, int32_t destX,
                             int32_t destY, int32_t srcX, int32_t srcY, int32_t srcWidth,
                             int32_t srcHeight, uint32_t flags);

@@ -2,9 +2,10 @@
 // upsampling runs in 128-bit registers (eight pairs); the arithmetic is the plain C++
 // kernels' step for step, so the bytes are identical. Compiled with AVX2 enabled and chosen
 // at run time only when the processor has it.
-#include <immintrin.h>
-
 #include "reader/copyout_kernels.h"
+
+#if ORN_X86_KERNELS
+#include <immintrin.h>
 
 namespace {
 
@@ -151,3 +152,5 @@ void VelmoCopyKernel16Avx2(const VelmoCopyLine* line, const VelmoConversionState
     Store(line->Dest + size_t(g) * 32, px);
   }
 }
+
+#endif

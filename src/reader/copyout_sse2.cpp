@@ -1,9 +1,10 @@
 // SSE2 copy-out kernels: 16 pixels per step as two halves of eight 16-bit lanes. The
 // arithmetic is the plain C++ kernels' step for step (multiply-high, saturating adds in the
 // same order), so the bytes are identical.
-#include <emmintrin.h>
-
 #include "reader/copyout_kernels.h"
+
+#if ORN_X86_KERNELS
+#include <emmintrin.h>
 
 namespace {
 
@@ -163,3 +164,5 @@ void VelmoCopyKernel16Sse2(const VelmoCopyLine* line, const VelmoConversionState
     }
   }
 }
+
+#endif

@@ -1,17 +1,20 @@
-// Transforms against direct sums, inverse pairs, and kernel variants against each other.
+// Transforms against direct sums and inverse pairs, with the plain kernels. (The vector kernels
+// are compared with the plain ones in tests/kernels.)
 #include "audio_test_util.h"
 #include "audio/audio_transform.h"
-#include "host/cpu_features.h"
+#include "kernel_levels.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
 
 namespace {
+
+const AudioTransformKernels Plain =
+    kerneltest::TableAt(AudioTransformKernelsInit, ProcessorLevelPlain);
 
 std::vector<float> RandomSamples(uint32_t length, uint32_t seed) {
   std::mt19937 random(seed);
@@ -34,14 +37,14 @@ TEST(AudioTransform, InversesMatchDirectSumsAndPairsInvertAtEveryLength) {
       std::vector<float> x = original;
       if (length <= 1024) {
         const std::vector<double> expected = audio_test::DirectInverse(x, dct);
-        (dct ? AudioDctInverse : AudioRealFftInverse)(plan, x.data(), &work, &AudioKernelsPlain);
+        (dct ? AudioDctInverse : AudioRealFftInverse)(plan, x.data(), &work, &Plain);
         for (uint32_t i = 0; i < length; ++i)
           ASSERT_NEAR(x[i], expected[i], 2e-6 * length * 20000) << (dct ? "dct " : "fft ") << i;
         x = original;
       }
-      (dct ? AudioDctForward : AudioRealFftForward)(plan, x.data(), &work, &AudioKernelsPlain);
+      (dct ? AudioDctForward : AudioRealFftForward)(plan, x.data(), &work, &Plain);
       if (dct) x[0] *= 0.5f;
-      (dct ? AudioDctInverse : AudioRealFftInverse)(plan, x.data(), &work, &AudioKernelsPlain);
+      (dct ? AudioDctInverse : AudioRealFftInverse)(plan, x.data(), &work, &Plain);
       for (uint32_t i = 0; i < length; ++i)
         ASSERT_NEAR(x[i] * 2.0 / length, original[i], 0.05) << (dct ? "dct " : "fft ") << i;
     }
@@ -54,80 +57,18 @@ TEST(AudioTransformDeathTest, LengthThatIsNoPowerOfTwoStops) {
   EXPECT_DEATH(AudioTransformPlanFor(1), "unsupported length");
 }
 
-// ---- kernel variants ----
+// ---- plain kernels ----
 
-bool HaveAvx2() {
-  FeatureMask(0, 0);
-  return ProcessorHas(CpuAVX2);
-}
-
-TEST(AudioKernels, SelectionFollowsFeatureMask) {
-  FeatureMask(0, CpuAVX2);
-  EXPECT_EQ(AudioKernelsSelect(), &AudioKernelsPlain);
-  FeatureMask(0, 0);
-  if (ProcessorHas(CpuAVX2)) {
-    EXPECT_EQ(AudioKernelsSelect(), &AudioKernelsAvx2);
-  }
-}
-
-TEST(AudioKernels, TransformsIdenticalAcrossVariants) {
-  if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
-  using Transform = void (*)(const AudioTransformPlan*, float*, AudioTransformWork*,
-                             const AudioTransformKernels*);
-  const Transform transforms[] = {AudioRealFftForward, AudioRealFftInverse, AudioDctForward,
-                                  AudioDctInverse};
-  for (uint32_t length = 2; length <= 4096; length *= 2)
-    for (Transform transform : transforms) {
-      const AudioTransformPlan* plan = AudioTransformPlanFor(length);
-      AudioTransformWork work;
-      std::vector<float> plain = RandomSamples(length, length * 3);
-      std::vector<float> wide = plain;
-      transform(plan, plain.data(), &work, &AudioKernelsPlain);
-      transform(plan, wide.data(), &work, &AudioKernelsAvx2);
-      ASSERT_EQ(0, std::memcmp(plain.data(), wide.data(), length * sizeof(float)))
-          << "length " << length;
-    }
-}
-
-TEST(AudioKernels, WholeCodecIdenticalAcrossVariants) {
-  // The encoder's streams and the decoder's samples do not depend on the kernels, in either
-  // form, from lossless to very lossy.
-  if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
-  const audio_test::Samples music = audio_test::Music(22050, 2, 12000);
-  for (int level : {0, 4, 99, 100, 160}) {
-    FeatureMask(0, CpuAVX2);
-    audio_test::Encoded plainStream;
-    const audio_test::Samples plain = audio_test::RoundTrip(music, 22050, 2, level, &plainStream);
-    FeatureMask(0, 0);
-    audio_test::Encoded wideStream;
-    const audio_test::Samples wide = audio_test::RoundTrip(music, 22050, 2, level, &wideStream);
-    EXPECT_EQ(plainStream.Stream, wideStream.Stream) << level;
-    EXPECT_EQ(plain, wide) << level;
-  }
-}
-
-// Rounds to even and saturates; NaN gives the lowest value. The AVX2 variant gives the same
-// for every count around its width of 16, at the scales the decoder uses.
-TEST(AudioKernels, FloatToPcmRoundsSaturatesAndAgreesAcrossVariants) {
-  std::vector<float> in = {0.5f, 1.5f, 2.5f, -2.5f, 40000.0f, -40000.0f,
-                           std::numeric_limits<float>::quiet_NaN(), 100.49f, -0.5f, -1.5f,
-                           32767.4f, 32767.6f, -32768.4f, -32769.0f, 1e9f, -1e9f, -0.0f, -12.51f};
+// Rounds to even and saturates; NaN gives the lowest value.
+TEST(AudioKernels, FloatToPcmRoundsToEvenAndSaturates) {
+  const float in[] = {0.5f, 1.5f, 2.5f, -2.5f, 40000.0f, -40000.0f,
+                      std::numeric_limits<float>::quiet_NaN(), 100.49f, -0.5f, -1.5f,
+                      32767.4f, 32767.6f, -32768.4f, -32769.0f, 1e9f, -1e9f, -0.0f, -12.51f};
   const int16_t expected[] = {0, 2, 2, -2, 32767, -32768, -32768, 100, 0, -2, 32767, 32767,
                               -32768, -32768, 32767, -32768, 0, -13};
-  std::vector<int16_t> plain(1000), wide(1000);
-  AudioKernelsPlain.FloatToPcm(in.data(), 18, 1.0f, plain.data());
-  for (int i = 0; i < 18; ++i) EXPECT_EQ(plain[i], expected[i]) << i;
-  if (!HaveAvx2()) GTEST_SKIP() << "no AVX2 on this processor";
-  std::mt19937 random(5);
-  std::uniform_real_distribution<float> uniform(-50000.0f, 50000.0f);
-  while (in.size() < 1000) in.push_back(uniform(random));
-  for (float scale : {1.0f, 0.0441941731f, 0.0625f})
-    for (uint32_t count : {1u, 15u, 16u, 17u, 1000u}) {
-      AudioKernelsPlain.FloatToPcm(in.data(), count, scale, plain.data());
-      AudioKernelsAvx2.FloatToPcm(in.data(), count, scale, wide.data());
-      EXPECT_TRUE(std::equal(plain.begin(), plain.begin() + count, wide.begin()))
-          << "count " << count << " scale " << scale;
-    }
+  int16_t out[18];
+  Plain.FloatToPcm(in, 18, 1.0f, out);
+  for (int i = 0; i < 18; ++i) EXPECT_EQ(out[i], expected[i]) << i;
 }
 
 }  // namespace

@@ -1,13 +1,12 @@
 // Scaler: weight tables against a model built here from the kernel definitions, whole runs
-// against a direct two-dimensional double-precision resample, vector variants against the plain
-// form, edge sizes, threads, and the per-frame chain set-up.
+// against a direct two-dimensional double-precision resample, edge sizes, threads, and the
+// per-frame chain set-up. (The vector kernels are compared with the plain ones in tests/kernels.)
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <map>
 #include <random>
 
-#include "host/cpu_features.h"
 #include "process/scaler_kernels.h"
 #include "process_test_util.h"
 
@@ -373,74 +372,7 @@ TEST(ScalerRun, PremultiplyingFetchScalesPremultipliedColour) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Variants and threads
-
-struct Variant {
-  const char* Name;
-  uint32_t Clear;
-};
-const Variant variants[] = {{"c++", CpuSSE2 | CpuAVX2}, {"sse2", CpuAVX2}, {"avx2", 0}};
-
-TEST(ScalerVariants, FeatureMaskPicksEachSet) {
-  FeatureMask(0, CpuSSE2 | CpuAVX2);
-  EXPECT_EQ(ScalerChooseKernels(), &ScalerKernelsPlain);
-  FeatureMask(0, CpuAVX2);
-  EXPECT_EQ(ScalerChooseKernels(), &ScalerKernelsSse2);
-  FeatureMask(0, 0);
-  if (ProcessorHas(CpuAVX2)) {
-    EXPECT_EQ(ScalerChooseKernels(), &ScalerKernelsAvx2);
-  }
-}
-
-TEST(ScalerVariants, AllGiveIdenticalResults) {
-  FeatureMask(0, 0);
-  const bool haveAvx2 = ProcessorHas(CpuAVX2);
-  std::mt19937 random(21);
-  PixelFetch fetch64;
-  for (int round = 0; round < 36; ++round) {
-    const uint32_t kernel = round % 3;
-    const uint32_t sw = 1 + random() % 90, sh = 1 + random() % 40;
-    const uint32_t dw = 1 + random() % 90, dh = 1 + random() % 40;
-    SCOPED_TRACE(testing::Message()
-                 << kernel << ": " << sw << "x" << sh << " → " << dw << "x" << dh);
-    ScalerPtr s = Make(kernel, dw, dh, sw, sh);
-    const std::vector<uint32_t> src = RandomFrame(sw, sh, round);
-    const std::vector<float> srcF = ToFloat(src);
-    // 64-bit source: each 8-bit channel spread to 16 bits, big-endian A, R, G, B.
-    std::vector<uint8_t> wide(size_t(sw) * sh * 8);
-    for (size_t i = 0; i < src.size(); ++i)
-      for (int ch = 0; ch < 4; ++ch) {
-        const int from = ch == 0 ? 3 : 3 - ch;  // A, R, G, B
-        wide[8 * i + 2 * ch] = uint8_t(ChannelOf(src[i], from));
-        wide[8 * i + 2 * ch + 1] = uint8_t(random());
-      }
-    PixelFetchSelect(&fetch64, 64, nullptr, round % 2 == 0);
-    std::vector<uint32_t> firstInt, firstPremul, firstWide;
-    std::vector<float> firstFloat;
-    for (const Variant& v : variants) {
-      FeatureMask(0, v.Clear);
-      if (v.Clear == 0 && !haveAvx2) continue;
-      SCOPED_TRACE(v.Name);
-      std::vector<uint32_t> outInt = RunInt(s.get(), src, Fetch32(), Inline());
-      std::vector<uint32_t> outPremul = RunInt(s.get(), src, Fetch32(true), Inline());
-      std::vector<uint32_t> outWide(size_t(dw) * dh);
-      ScalerRun(s.get(), Bytes(outWide.data()), dw * 4, wide.data(), sw * 8, &fetch64, Inline());
-      std::vector<float> outFloat = RunFloat(s.get(), srcF, Fetch128(), Inline());
-      if (firstInt.empty()) {
-        firstInt = outInt;
-        firstPremul = outPremul;
-        firstWide = outWide;
-        firstFloat = outFloat;
-        continue;
-      }
-      EXPECT_EQ(outInt, firstInt);
-      EXPECT_EQ(outPremul, firstPremul);
-      EXPECT_EQ(outWide, firstWide);
-      EXPECT_EQ(0, std::memcmp(outFloat.data(), firstFloat.data(), outFloat.size() * 4));
-    }
-  }
-  FeatureMask(0, 0);
-}
+// Threads
 
 TEST(ScalerThreads, ResultDoesNotDependOnThreads) {
   const std::vector<uint32_t> src = RandomFrame(300, 170, 4);

@@ -1,0 +1,489 @@
+// Every kernel table against its plain forms. Each table is built at every level the processor
+// has, and each entry must give the plain entry's output on random inputs and on extreme ones:
+// zero and full-scale samples, saturating weights and coefficients, odd lengths, negative
+// pitches, and infinities and NaN where a float kernel defines a result.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <initializer_list>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "audio/audio_transform.h"
+#include "copyout_frames.h"
+#include "decode/velmo1_tables.h"
+#include "kernel_levels.h"
+#include "process/scaler_kernels.h"
+#include "reader/copyout.h"
+
+using namespace copyouttest;
+using kerneltest::ForEachLevel;
+using kerneltest::TableAt;
+
+// A new entry in a kernel table fails to compile here until it has a check below.
+static_assert(sizeof(VelmoCopyKernels) == 3 * sizeof(void (*)()), "copy-out entry unchecked");
+static_assert(sizeof(ScalerKernels) == 4 * sizeof(void (*)()), "scaler entry unchecked");
+static_assert(sizeof(Velmo1Kernels) == 1 * sizeof(void (*)()), "decoder entry unchecked");
+static_assert(sizeof(AudioTransformKernels) == 2 * sizeof(void (*)()), "audio entry unchecked");
+
+namespace {
+
+// Calls check(plain, table) with the table of every level the processor has.
+template <typename Table, typename Check>
+void AgainstPlain(void (*init)(Table*, uint32_t), Check check) {
+  const Table plain = TableAt(init, ProcessorLevelPlain);
+  ForEachLevel(init, [&](const Table& table) { check(plain, table); });
+}
+
+// How a case fills its inputs: random values, the lowest or the highest value everywhere, or a
+// random mix of the extremes. Cases cycle through the four.
+enum Fill { FillRandom, FillLow, FillHigh, FillExtremes };
+Fill FillOf(int caseIndex) { return Fill(caseIndex % 4); }
+
+template <typename T>
+T Pick(std::mt19937& rng, std::initializer_list<T> values) {
+  return values.begin()[rng() % values.size()];
+}
+
+uint8_t Byte(std::mt19937& rng, Fill fill) {
+  switch (fill) {
+    case FillLow: return 0;
+    case FillHigh: return 255;
+    case FillExtremes: return Pick<uint8_t>(rng, {0, 255});
+    default: return uint8_t(rng());
+  }
+}
+
+int16_t Word(std::mt19937& rng, Fill fill) {
+  switch (fill) {
+    case FillLow: return -0x8000;
+    case FillHigh: return 0x7fff;
+    case FillExtremes: return Pick<int16_t>(rng, {-0x8000, 0x7fff, 0, -1, 1});
+    default: return int16_t(rng());
+  }
+}
+
+std::vector<uint8_t> Bytes(std::mt19937& rng, Fill fill, size_t count) {
+  std::vector<uint8_t> out(count);
+  for (uint8_t& v : out) v = Byte(rng, fill);
+  return out;
+}
+
+constexpr float Inf = std::numeric_limits<float>::infinity();
+constexpr float NaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float FloatMax = std::numeric_limits<float>::max();
+constexpr float Denormal = std::numeric_limits<float>::denorm_min();
+
+// Float samples; the extremes take in infinities and NaN.
+float Sample(std::mt19937& rng, Fill fill, float range) {
+  switch (fill) {
+    case FillLow: return Pick<float>(rng, {0.0f, -0.0f, Denormal});
+    case FillHigh: return Pick<float>(rng, {FloatMax, -FloatMax, Inf, -Inf});
+    case FillExtremes: return Pick<float>(rng, {0.0f, -0.0f, Inf, -Inf, NaN, FloatMax, 1.0f});
+    default: return std::uniform_real_distribution<float>(-range, range)(rng);
+  }
+}
+
+// Finite weights, from tiny to `huge`.
+double Weight(std::mt19937& rng, Fill fill, double huge) {
+  switch (fill) {
+    case FillLow: return Pick<double>(rng, {0.0, -0.0, 5e-324});
+    case FillHigh: return Pick<double>(rng, {huge, -huge, 1.0});
+    case FillExtremes: return Pick<double>(rng, {0.0, 1.0, -1.0, huge, -huge, 5e-324});
+    default: return std::uniform_real_distribution<double>(-1.5, 1.5)(rng);
+  }
+}
+
+// Float results agree when their bits do; any NaN matches any other NaN, as no kernel defines
+// which NaN it gives.
+template <typename T>
+bool SameFloat(T a, T b) {
+  return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
+}
+
+template <typename T>
+::testing::AssertionResult SameFloats(const std::vector<T>& want, const std::vector<T>& got) {
+  for (size_t i = 0; i < want.size(); ++i)
+    if (!SameFloat(want[i], got[i]))
+      return ::testing::AssertionFailure() << "at " << i << ": " << got[i] << ", plain " << want[i];
+  return ::testing::AssertionSuccess();
+}
+
+// Rows of pixels `pitch` bytes apart, in memory exactly as large as the rows: a negative pitch
+// starts at the last row in memory, a zero pitch reads one row again and again.
+struct PixelRows {
+  std::vector<uint8_t> Mem;
+  const uint8_t* First;
+  ptrdiff_t Pitch;
+};
+
+ptrdiff_t RandomPitch(std::mt19937& rng, size_t rowBytes, size_t unit) {
+  const ptrdiff_t pitch = ptrdiff_t(rowBytes + unit * (rng() % 3));
+  const uint32_t kind = rng() % 5;
+  return kind == 0 ? 0 : kind < 3 ? pitch : -pitch;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Copy-out.
+
+// One run of 16-pixel groups with planes exactly as long as the kernel reads, and a state with
+// a format's layout but random (or saturating) weights and dither offsets.
+struct CopyLineCase {
+  std::vector<uint8_t> Y, Alpha, CrNear, CrFar, CbNear, CbFar;
+  VelmoCopyLine Line{};
+  VelmoConversionState State{};
+};
+
+CopyLineCase MakeCopyLine(std::mt19937& rng, Fill fill, uint32_t format,
+                          const VelmoCopyKernels& plain) {
+  CopyLineCase c;
+  const uint32_t groups = 1 + rng() % 4;
+  c.Y = Bytes(rng, fill, 16 * groups);
+  if (rng() % 2) c.Alpha = Bytes(rng, fill, 16 * groups);
+  for (auto* plane : {&c.CrNear, &c.CrFar, &c.CbNear, &c.CbFar})
+    *plane = Bytes(rng, fill, 8 * groups + 1);
+  VelmoBuildConversionState(VideoTable, format, 0, &plain, &c.State);
+  for (int16_t* w : {&c.State.YWeight, &c.State.CrToR, &c.State.CrToG, &c.State.CbToG,
+                     &c.State.CbToB})
+    *w = Word(rng, fill);
+  for (auto* offsets : {c.State.OffsetR, c.State.OffsetG, c.State.OffsetB})
+    for (int row = 0; row < 2; ++row)
+      for (int i = 0; i < 8; ++i) offsets[row][i] = Word(rng, fill);
+  c.Line.Y = c.Y.data();
+  c.Line.Alpha = c.Alpha.empty() ? nullptr : c.Alpha.data();
+  c.Line.CrNear = c.CrNear.data();
+  c.Line.CrFar = c.CrFar.data();
+  c.Line.CbNear = c.CbNear.data();
+  c.Line.CbFar = c.CbFar.data();
+  c.Line.Groups = groups;
+  c.Line.LineParity = rng() % 2;
+  // The left neighbours are column values, 3 × near + far.
+  c.Line.CrLeft = int16_t(3 * Byte(rng, fill) + Byte(rng, fill));
+  c.Line.CbLeft = int16_t(3 * Byte(rng, fill) + Byte(rng, fill));
+  return c;
+}
+
+// An entry against the plain one on lines of `formats`' layouts, guard bytes after the output.
+void CheckCopyKernel(VelmoCopyKernel plain, VelmoCopyKernel kernel,
+                     const VelmoCopyKernels& plainTable, std::initializer_list<uint32_t> formats,
+                     uint32_t pixelBytes) {
+  std::mt19937 rng(1);
+  for (int i = 0; i < 800; ++i) {
+    CopyLineCase c = MakeCopyLine(rng, FillOf(i), Pick(rng, formats), plainTable);
+    std::vector<uint8_t> want(16 * c.Line.Groups * pixelBytes + Guard, GuardByte), got = want;
+    c.Line.Dest = want.data();
+    plain(&c.Line, &c.State);
+    c.Line.Dest = got.data();
+    kernel(&c.Line, &c.State);
+    ASSERT_EQ(got, want) << "case " << i << ", " << c.Line.Groups << " groups";
+  }
+}
+
+TEST(KernelsCopyOut, Kernel32) {
+  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
+    // The fixed byte lanes of the 32-bit kernel fit the 32-bit layouts only.
+    CheckCopyKernel(plain.Kernel32, t.Kernel32, plain, {3, 4, 5, 6}, 4);
+  });
+}
+
+TEST(KernelsCopyOut, Kernel32Alt) {
+  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
+    CheckCopyKernel(plain.Kernel32Alt, t.Kernel32Alt, plain, {3, 4, 8, 10, 12}, 4);
+  });
+}
+
+TEST(KernelsCopyOut, Kernel16) {
+  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
+    CheckCopyKernel(plain.Kernel16, t.Kernel16, plain, {3, 8, 9, 10}, 2);
+  });
+}
+
+// Whole copies through the rectangle walk: random and flat frames, tables, rectangles with odd
+// edges and widths, formats, flags and pitch signs give the plain table's bytes, guards included.
+TEST(KernelsCopyOut, RectanglesThroughTheWalk) {
+  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(12345);
+    const Table swapped = SwappedChroma(VideoTable);
+    float oddShape[16], randomTable[16];
+    std::memcpy(oddShape, FullTable, sizeof oddShape);
+    oddShape[13] = 0.9f;
+    int copied = 0;
+    for (int iter = 0; iter < 700; ++iter) {
+      const uint32_t w = 1 + rng() % (iter < 100 ? 20 : 150), h = 1 + rng() % 24;
+      Frame frame(w, h, rng() % 2);
+      frame.Randomize(rng);
+      if (iter % 7 == 1) frame.Fill(0, 0, 0);
+      if (iter % 7 == 2) frame.Fill(255, 255, 255);
+      for (float& v : randomTable) v = float(int(rng() % 20001) - 10000) / 2500.0f;
+      const float* tables[] = {VideoTable, FullTable, swapped.V, oddShape, randomTable};
+      VelmoCopySource src = frame.Source(tables[rng() % 5]);
+      src.OpenFlags = (rng() % 2 ? 0x800 : 0) | (rng() % 4 == 0 ? 0x20000 : 0) | 0x10 | 0x100000;
+      const uint32_t format = rng() % 5 ? ValidFormats[rng() % 8] : rng() % 16;
+      const uint32_t flags = format | (rng() % 2 ? 0x800 : 0) | (rng() % 4 == 0 ? 0x20000 : 0) |
+                             (rng() % 2 ? 0x80000 : 0);
+      const int32_t srcX = int32_t(rng() % (w + 2)) - 1, srcY = int32_t(rng() % (h + 2)) - 1;
+      const int32_t rw = int32_t(rng() % (w + 3)), rh = int32_t(rng() % (h + 3));
+      const int32_t destX = rng() % 5, destY = rng() % 4;
+      const int32_t pitch = (int32_t(w) + 8) * 4 * (rng() % 2 ? 1 : -1);
+      const int32_t lines = int32_t(h) + 5;
+      Surface want(pitch, lines), got(pitch, lines);
+      VelmoCopyPlanesRectWith(&plain, &src, want.Base(), pitch, lines, destX, destY, srcX, srcY,
+                              rw, rh, flags);
+      VelmoCopyPlanesRectWith(&t, &src, got.Base(), pitch, lines, destX, destY, srcX, srcY, rw,
+                              rh, flags);
+      copied += want.Mem != Surface(pitch, lines).Mem;
+      ASSERT_EQ(got.Mem, want.Mem) << "iteration " << iter << " format " << format << " " << w
+                                   << "x" << h << " rect " << srcX << "," << srcY << " " << rw
+                                   << "x" << rh;
+    }
+    EXPECT_GT(copied, 350);  // most cases really converted something
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scaler.
+
+// `rows` rows of `rowBytes` bytes at a random pitch, filled `unit` bytes at a time by
+// value(pointer).
+template <typename Value>
+PixelRows MakeRows(std::mt19937& rng, uint32_t rows, size_t rowBytes, size_t unit, Value value) {
+  PixelRows p;
+  p.Pitch = RandomPitch(rng, rowBytes, unit);
+  const size_t span = size_t(std::abs(p.Pitch)) * (rows - 1) + rowBytes;
+  p.Mem.resize(span);
+  for (size_t i = 0; i < span; i += unit) value(&p.Mem[i]);
+  p.First = p.Pitch < 0 ? p.Mem.data() + span - rowBytes : p.Mem.data();
+  return p;
+}
+
+std::vector<ScalerSlot> Slots(std::mt19937& rng, Fill fill, double huge, size_t count,
+                              uint32_t indices) {
+  std::vector<ScalerSlot> slots(count);
+  for (ScalerSlot& s : slots) s = {Weight(rng, fill, huge), int32_t(rng() % indices), 0};
+  return slots;
+}
+
+// A horizontal entry: `rows` rows of 1 to 13 pixels (`pixelBytes` each, filled by `fill`)
+// into four sums a row.
+template <typename Sum, typename Kernel, typename FillPixel>
+void CheckHorizontal(Kernel* plain, Kernel* kernel, size_t pixelBytes, FillPixel fillPixel) {
+  std::mt19937 rng(2);
+  for (int i = 0; i < 600; ++i) {
+    const Fill fill = FillOf(i);
+    const uint32_t rows = 1 + rng() % 9, count = 1 + rng() % 13;
+    const PixelRows p = MakeRows(rng, rows, count * pixelBytes, pixelBytes,
+                                 [&](uint8_t* px) { fillPixel(rng, fill, px); });
+    const std::vector<ScalerSlot> slots = Slots(rng, FillOf(i / 4), 1e300, count, 1);
+    std::vector<Sum> want(4 * rows), got(4 * rows);
+    plain(p.First, p.Pitch, rows, slots.data(), count, want.data());
+    kernel(p.First, p.Pitch, rows, slots.data(), count, got.data());
+    ASSERT_TRUE(SameFloats(want, got)) << "case " << i << ": " << rows << " rows of " << count
+                                       << ", pitch " << p.Pitch;
+  }
+}
+
+// A vertical entry: sums from a strip of four values a row, through an axis of 0 to 7 slots an
+// output row (weights up to `huge`), written to `rows` pixels `pitch` bytes apart between guard
+// bytes.
+template <typename Sum, typename Kernel, typename StripValue>
+void CheckVertical(Kernel* plain, Kernel* kernel, size_t pixelBytes, double huge,
+                   StripValue stripValue) {
+  std::mt19937 rng(3);
+  for (int i = 0; i < 600; ++i) {
+    const Fill fill = FillOf(i);
+    const uint32_t stripRows = 1 + rng() % 12, rows = 1 + rng() % 9, maxEntries = 1 + rng() % 7;
+    std::vector<Sum> strip(4 * stripRows);
+    for (Sum& v : strip) v = stripValue(rng, fill);
+    const std::vector<ScalerSlot> entries =
+        Slots(rng, FillOf(i / 4), huge, rows * maxEntries, stripRows);
+    std::vector<uint32_t> counts(rows);
+    for (uint32_t& n : counts) n = rng() % (maxEntries + 1);
+    ScalerAxis axis{counts.data(), const_cast<ScalerSlot*>(entries.data()), maxEntries, nullptr};
+    const ptrdiff_t pitch = RandomPitch(rng, pixelBytes, pixelBytes);
+    const size_t span = size_t(std::abs(pitch)) * (rows - 1) + pixelBytes;
+    std::vector<uint8_t> want(span + 2 * Guard, GuardByte), got = want;
+    const size_t first = Guard + (pitch < 0 ? span - pixelBytes : 0);
+    plain(strip.data(), &axis, rows, want.data() + first, pitch);
+    kernel(strip.data(), &axis, rows, got.data() + first, pitch);
+    if (pixelBytes == 4) {
+      ASSERT_EQ(got, want) << "case " << i << ": " << rows << " rows, pitch " << pitch;
+    } else {
+      std::vector<float> a(want.size() / 4), b(a.size());
+      std::memcpy(a.data(), want.data(), a.size() * 4);
+      std::memcpy(b.data(), got.data(), b.size() * 4);
+      ASSERT_TRUE(SameFloats(a, b)) << "case " << i << ": " << rows << " rows, pitch " << pitch;
+    }
+  }
+}
+
+float PixelFloat(std::mt19937& rng, Fill fill) { return Sample(rng, fill, 2.0f); }
+
+TEST(KernelsScaler, HorizontalInt) {
+  AgainstPlain(ScalerKernelsInit, [](const auto& plain, const auto& t) {
+    CheckHorizontal<double>(plain.HorizontalInt, t.HorizontalInt, 4,
+                            [](std::mt19937& rng, Fill fill, uint8_t* px) {
+                              for (int c = 0; c < 4; ++c) px[c] = Byte(rng, fill);
+                            });
+  });
+}
+
+TEST(KernelsScaler, HorizontalFloat) {
+  AgainstPlain(ScalerKernelsInit, [](const auto& plain, const auto& t) {
+    CheckHorizontal<float>(plain.HorizontalFloat, t.HorizontalFloat, 16,
+                           [](std::mt19937& rng, Fill fill, uint8_t* px) {
+                             for (int c = 0; c < 4; ++c) {
+                               const float v = PixelFloat(rng, fill);
+                               std::memcpy(px + 4 * c, &v, 4);
+                             }
+                           });
+  });
+}
+
+// Sums that stay finite (the byte of a NaN is not defined), with the rounding and clamping
+// edges.
+TEST(KernelsScaler, VerticalInt) {
+  AgainstPlain(ScalerKernelsInit, [](const auto& plain, const auto& t) {
+    auto sum = [](std::mt19937& rng, Fill fill) {
+      if (fill == FillRandom) return std::uniform_real_distribution<double>(-60, 320)(rng);
+      return Pick<double>(rng, {0.0, -0.0, 0.5, 0.5000011, 254.5, 254.49999999999997, 255.0,
+                                1e300, -1e300, 5e-324});
+    };
+    CheckVertical<double>(plain.VerticalInt, t.VerticalInt, 4, 1.5, sum);
+  });
+}
+
+TEST(KernelsScaler, VerticalFloat) {
+  AgainstPlain(ScalerKernelsInit, [](const auto& plain, const auto& t) {
+    CheckVertical<float>(plain.VerticalFloat, t.VerticalFloat, 16, 1e300, PixelFloat);
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// First-generation inverse transform.
+
+TEST(KernelsVelmo1, Idct) {
+  AgainstPlain(Velmo1KernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(4);
+    for (int i = 0; i < 4000; ++i) {
+      const Fill fill = FillOf(i);
+      int16_t coeffs[64];
+      for (int16_t& c : coeffs) c = Word(rng, fill);
+      if (i % 16 == 0)  // small coefficients, as in real blocks
+        for (int16_t& c : coeffs) c = int16_t(int(rng() % 401) - 200);
+      if (i % 12 == 5)  // a DC-only block
+        for (int k = 1; k < 64; ++k) coeffs[k] = 0;
+      // Dequantisation rows: the real ones, then any 32-bit values (products wrap).
+      uint32_t random[64];
+      for (uint32_t& v : random) v = i % 8 == 3 ? 0xFFFFFFFFu : uint32_t(rng());
+      const uint32_t* table = i % 2 ? Velmo1DequantTable(i & 2, rng() % 16) : random;
+      int32_t want[64], got[64];
+      plain.Idct(coeffs, table, want);
+      t.Idct(coeffs, table, got);
+      ASSERT_EQ(0, std::memcmp(want, got, sizeof want)) << "case " << i;
+    }
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sound transforms.
+
+TEST(KernelsAudio, ComplexPasses) {
+  AgainstPlain(AudioTransformKernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(5);
+    for (int i = 0; i < 240; ++i) {
+      const Fill fill = FillOf(i);
+      const uint32_t m = 2u << (i % 11);  // 2 .. 2048 points
+      std::vector<float> re(m), im(m), twiddleRe(m), twiddleIm(m);
+      for (auto* v : {&re, &im})
+        for (float& x : *v) x = Sample(rng, fill, 1000.0f);
+      for (auto* v : {&twiddleRe, &twiddleIm})
+        for (float& x : *v) x = Sample(rng, FillOf(i / 4), 1.0f);
+      std::vector<float> wantRe = re, wantIm = im;
+      plain.ComplexPasses(wantRe.data(), wantIm.data(), m, twiddleRe.data(), twiddleIm.data());
+      t.ComplexPasses(re.data(), im.data(), m, twiddleRe.data(), twiddleIm.data());
+      ASSERT_TRUE(SameFloats(wantRe, re)) << "case " << i << ", " << m << " points";
+      ASSERT_TRUE(SameFloats(wantIm, im)) << "case " << i << ", " << m << " points";
+    }
+  });
+}
+
+// The four transforms at every length, on their plans' own twiddles.
+TEST(KernelsAudio, ComplexPassesInTheTransforms) {
+  using Transform = void (*)(const AudioTransformPlan*, float*, AudioTransformWork*,
+                             const AudioTransformKernels*);
+  const Transform transforms[] = {AudioRealFftForward, AudioRealFftInverse, AudioDctForward,
+                                  AudioDctInverse};
+  AgainstPlain(AudioTransformKernelsInit, [&](const auto& plain, const auto& t) {
+    std::mt19937 rng(6);
+    AudioTransformWork work;
+    for (uint32_t length = 2; length <= AudioTransformMaxLength; length *= 2) {
+      const AudioTransformPlan* plan = AudioTransformPlanFor(length);
+      for (int k = 0; k < 8; ++k) {
+        std::vector<float> want(length);
+        for (float& x : want) x = Sample(rng, k < 4 ? FillRandom : FillOf(k), 20000.0f);
+        std::vector<float> got = want;
+        transforms[k % 4](plan, want.data(), &work, &plain);
+        transforms[k % 4](plan, got.data(), &work, &t);
+        ASSERT_TRUE(SameFloats(want, got)) << "length " << length << ", transform " << k % 4;
+      }
+    }
+  });
+}
+
+// Every count around the vector widths, scales from zero to huge, samples past both ends of the
+// 16-bit range, halves that round to even, infinities and NaN.
+TEST(KernelsAudio, FloatToPcm) {
+  AgainstPlain(AudioTransformKernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(7);
+    for (int i = 0; i < 600; ++i) {
+      const Fill fill = FillOf(i);
+      const uint32_t count = i % 50 == 49 ? 1000 : rng() % 41;
+      std::vector<float> in(count);
+      for (float& x : in)
+        x = fill == FillLow ? Pick<float>(rng, {0.5f, 1.5f, 2.5f, -2.5f, -0.5f, 32766.5f,
+                                                32767.5f, -32768.5f, -32767.5f})
+                            : Sample(rng, fill, 50000.0f);
+      const float scale =
+          Pick<float>(rng, {1.0f, 1.0f, 0.0441941731f, 0.0625f, 3.0517578e-5f, 0.0f, -1.0f, 1e30f});
+      std::vector<int16_t> want(count + 8, 0x5a5a), got = want;
+      plain.FloatToPcm(in.data(), count, scale, want.data());
+      t.FloatToPcm(in.data(), count, scale, got.data());
+      ASSERT_EQ(got, want) << "case " << i << ": " << count << " samples, scale " << scale;
+    }
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
+// The tables themselves.
+
+// Every entry is set at every level, and init stops at the first level the feature word lacks:
+// AVX2 without SSE2 gives the plain table, AVX2 without SSSE3 the SSE2 one.
+template <typename Table>
+void ExpectLevelSteps(void (*init)(Table*, uint32_t)) {
+  constexpr size_t entries = sizeof(Table) / sizeof(void (*)());
+  for (int level = 0; level < ProcessorLevelCount; ++level) {
+    const Table table = TableAt(init, level);
+    void (*pointers[entries])();
+    std::memcpy(pointers, &table, sizeof table);
+    for (size_t e = 0; e < entries; ++e) EXPECT_NE(pointers[e], nullptr) << level << " " << e;
+  }
+  auto same = [&](uint32_t features, int level) {
+    Table a, b = TableAt(init, level);
+    init(&a, features);
+    return std::memcmp(&a, &b, sizeof a) == 0;
+  };
+  EXPECT_TRUE(same(CpuValid | CpuAVX2 | CpuSSSE3 | CpuAVX, ProcessorLevelPlain));
+  EXPECT_TRUE(same(CpuValid | CpuSSE2 | CpuAVX2 | CpuAVX, ProcessorLevelSse2));
+  EXPECT_TRUE(same(~0u, ProcessorLevelAvx2));
+}
+
+TEST(KernelTables, EveryEntrySetAndLevelsStopAtTheFirstGap) {
+  ExpectLevelSteps(VelmoCopyKernelsInit);
+  ExpectLevelSteps(ScalerKernelsInit);
+  ExpectLevelSteps(Velmo1KernelsInit);
+  ExpectLevelSteps(AudioTransformKernelsInit);
+}
+
+}  // namespace
