@@ -38,10 +38,12 @@ function(orn_avx2_sources)
 endfunction()
 
 # orn_test(name SOURCES... LIBS libs...) - a GoogleTest program registered with CTest.
-# LABELS tags every test of the program (ctest -L picks them).
+# LABELS tags every test of the program (ctest -L picks them). The shared test helpers are
+# included as "support/...".
 function(orn_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
   if(T_LABELS)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS "${T_LABELS}")

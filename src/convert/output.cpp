@@ -25,7 +25,7 @@ constexpr const char* SoundCreateText = "Error creating the output sound track."
 constexpr const char* MemoryText = "Out of memory.";
 
 int Say(OutputWriter* w, const char* text, int level) {
-  return w->message ? w->message(text, level) : 0;
+  return ProgressSend(w->message, text, level);
 }
 
 bool FileExists(const char* name) {
@@ -390,12 +390,12 @@ bool OutputSeriesPattern(char* dest, size_t destSize, const char* name, int fram
 }
 
 OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32_t rate_den,
-                         int width, int height, ptrdiff_t pitch, ProgressFn message, uint32_t flags,
+                         int width, int height, ptrdiff_t pitch, ProgressSink message, uint32_t flags,
                          const OutputOptions* options) {
   if (!name || width <= 0 || height <= 0 || !rate_num || !rate_den) return nullptr;
   OutputWriter* w = static_cast<OutputWriter*>(std::calloc(1, sizeof(OutputWriter)));
   if (!w) {
-    if (message) message(MemoryText, 2);
+    ProgressSend(message, MemoryText, 2);
     return nullptr;
   }
   if (options)

@@ -280,7 +280,7 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
   for (size_t i = 0; i < samples.size(); ++i)
     samples[i] = int16_t(9000 * std::sin(double(i) * (0.05 + double(i) * 2e-6)));
   WriteWave(dir + "/sweep.wav", 11025, 1, samples);
-  SoundInput* sound = SoundOpen((dir + "/sweep.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* sound = SoundOpen((dir + "/sweep.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   ASSERT_TRUE(sound);
   VelmoMixTrack track{0, 11025, 16, 1, 4, sound, ReadSoundInput};
   const std::string vlm = dir + "/clip.vlm", conv = "velmoconv " + vlm + " " + dir;

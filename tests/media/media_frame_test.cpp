@@ -67,7 +67,7 @@ TEST_F(FrameTest, ProgressLineCountsSourceFrames) {
   MediaInput* in = Open(SeriesName(4), args);
   ASSERT_NE(in, nullptr);
   ASSERT_TRUE(NextFrame(in));
-  EXPECT_TRUE(Said("Converting frame 2 of 4...", MediaLevelStatus));
+  EXPECT_TRUE(Log.Said("Converting frame 2 of 4...", MediaLevelStatus));
   MediaClose(in);
 }
 
@@ -83,7 +83,7 @@ TEST_F(FrameTest, ListRepeatsLinesAndWalksSeriesLines) {
   EXPECT_STREQ(in->type_name, "List");
   EXPECT_EQ(in->source_frames, 5u);
   EXPECT_EQ(in->output_frames, 5u);
-  EXPECT_TRUE(Said("Opening " + dir / "x.png...", MediaLevelStatus));
+  EXPECT_TRUE(Log.Said("Opening " + dir / "x.png...", MediaLevelStatus));
   EXPECT_EQ(FrameTags(in), Tags({50, 50, 2, 3, 50}));
   MediaClose(in);
 }
@@ -259,7 +259,7 @@ TEST_F(FrameTest, CancelThroughProgress) {
   MediaInput* in = Open(SeriesName(3));
   ASSERT_NE(in, nullptr);
   ASSERT_TRUE(NextFrame(in));
-  Answer = [](const char* text, int) { return strstr(text, " frame ") ? 1 : 0; };
+  Log.answer = [](const char* text, int) { return strstr(text, " frame ") ? 1 : 0; };
   EXPECT_FALSE(NextFrame(in));
   EXPECT_EQ(in->output_index, 1u);  // nothing was read after the cancel
   MediaClose(in);
@@ -350,10 +350,10 @@ TEST_F(CrashTest, FaultingReaderKeepsThePreviousFrameAndWarnsOnce) {
   ASSERT_NE(in, nullptr);
   EXPECT_STREQ(in->type_name, "Test");
   EXPECT_EQ(FrameTags(in), Tags({1, 2, 2, 2, 5}));
-  EXPECT_EQ(CountLevel(MediaLevelWarning), 1);
-  EXPECT_TRUE(Said("Crashed while reading this file (possibly corrupted)!!", MediaLevelWarning));
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Log.Said("Crashed while reading this file (possibly corrupted)!!", MediaLevelWarning));
   int crashLines = 0;
-  for (const Message& m : Messages) crashLines += m.text == "Crash while reading input file...";
+  for (const auto& m : Log.Messages()) crashLines += m.text == "Crash while reading input file...";
   EXPECT_EQ(crashLines, 2);
   MediaClose(in);
 }
