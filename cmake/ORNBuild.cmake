@@ -51,7 +51,8 @@ function(orn_avx2_sources)
 endfunction()
 
 # orn_test(name SOURCES... LIBS libs...) - a GoogleTest program registered with CTest.
-# LABELS tags every test of the program (ctest -L picks them).
+# LABELS tags every test of the program (ctest -L picks them). The shared test helpers are
+# included as "support/...".
 function(orn_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${T_SOURCES})

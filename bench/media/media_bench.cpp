@@ -112,7 +112,7 @@ void RemoveInputs() {
   rmdir(Folder.c_str());
 }
 
-int Quiet(const char* text, int level) {
+int Quiet(void*, const char* text, int level) {
   if (level == MediaLevelError || level == MediaLevelWarning) fprintf(stderr, "%s\n", text ? text : "");
   return 0;
 }
@@ -125,7 +125,7 @@ void BM_MediaGetFrame(benchmark::State& state) {
   snprintf(seriesName, sizeof seriesName, "frame???.png*1-%d", FrameCount);
   const std::string name = Folder + "/" + (series ? seriesName : "clip.y4m");
   MediaOpenArgs args{};
-  args.progress = Quiet;
+  args.progress = {Quiet, nullptr};
   if (scale) {
     args.scale_w = 1280;
     args.scale_h = 720;

@@ -29,7 +29,7 @@ void ReadSome(SoundInput* sound) {
 
 void Exercise(const char* name, uint32_t rate, uint32_t bits, uint32_t channels, uint32_t start,
               uint32_t force, uint32_t skip) {
-  SoundInput* sound = SoundOpen(name, rate, bits, channels, start, 0, 0, force, skip, nullptr);
+  SoundInput* sound = SoundOpen(name, rate, bits, channels, start, 0, 0, force, skip, {});
   if (!sound) return;
   ReadSome(sound);
   SoundRewind(sound);

@@ -25,7 +25,7 @@ constexpr const char* SoundCreateText = "Error creating the output sound track."
 constexpr const char* MemoryText = "Out of memory.";
 
 int Say(OutputWriter* w, const char* text, int level) {
-  return w->message ? w->message(text, level) : 0;
+  return ProgressSend(w->message, text, level);
 }
 
 bool FileExists(const char* name) {
@@ -106,21 +106,22 @@ const uint32_t* ArgbFrame(OutputWriter* w, const void* pixels, ptrdiff_t* pitch)
 // 32-bit frames for OpenEXR: colours through the 2.2 power curve, alpha linear.
 const float* FloatFrame(OutputWriter* w, const void* pixels) {
   if (w->float_frames) return static_cast<const float*>(pixels);
-  static float curve[256];
-  static bool filled = false;
-  if (!filled) {
-    for (int i = 0; i < 256; ++i) curve[i] = float(std::pow(i / 255.0, 2.2));
-    filled = true;
-  }
+  // Filled once, by whichever writer comes first (several jobs may write at the same time).
+  static const struct Curve {
+    float v[256];
+    Curve() {
+      for (int i = 0; i < 256; ++i) v[i] = float(std::pow(i / 255.0, 2.2));
+    }
+  } curve;
   const uint32_t* src = static_cast<const uint32_t*>(pixels);
   for (int y = 0; y < w->height; ++y) {
     const uint32_t* row = src + y * w->pitch;
     float* out = w->float_buffer + size_t(y) * w->width * 4;
     for (int x = 0; x < w->width; ++x) {
       const uint32_t p = row[x];
-      out[4 * x + 0] = curve[(p >> 16) & 255];
-      out[4 * x + 1] = curve[(p >> 8) & 255];
-      out[4 * x + 2] = curve[p & 255];
+      out[4 * x + 0] = curve.v[(p >> 16) & 255];
+      out[4 * x + 1] = curve.v[(p >> 8) & 255];
+      out[4 * x + 2] = curve.v[p & 255];
       out[4 * x + 3] = float(p >> 24) / 255.0f;
     }
   }
@@ -390,12 +391,12 @@ bool OutputSeriesPattern(char* dest, size_t destSize, const char* name, int fram
 }
 
 OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32_t rate_den,
-                         int width, int height, ptrdiff_t pitch, ProgressFn message, uint32_t flags,
+                         int width, int height, ptrdiff_t pitch, ProgressSink message, uint32_t flags,
                          const OutputOptions* options) {
   if (!name || width <= 0 || height <= 0 || !rate_num || !rate_den) return nullptr;
   OutputWriter* w = static_cast<OutputWriter*>(std::calloc(1, sizeof(OutputWriter)));
   if (!w) {
-    if (message) message(MemoryText, 2);
+    ProgressSend(message, MemoryText, 2);
     return nullptr;
   }
   if (options)

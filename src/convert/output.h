@@ -72,7 +72,7 @@ struct OutputWriter {
   uint64_t bytes_written;
   int failed;
   int takes_sound;
-  ProgressFn message;
+  ProgressSink message;
   OutputOptions options;
   int jpeg_level;
   int supports_alpha;
@@ -93,7 +93,7 @@ struct OutputWriter {
 };
 
 OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32_t rate_den,
-                         int width, int height, ptrdiff_t pitch, ProgressFn message, uint32_t flags,
+                         int width, int height, ptrdiff_t pitch, ProgressSink message, uint32_t flags,
                          const OutputOptions* options = nullptr);
 // Writes one frame; `palette` is for palette frames (not taken yet). 0 when the write failed.
 int OutputWriteFrame(OutputWriter* writer, const void* pixels, const uint32_t* palette);

@@ -105,30 +105,38 @@ const char AudioHelpText[] =
 const char Caption[] = "Velmo Converter";
 const char DiskFullText[] = "Error writing to disk - probably out of disk space.";
 
-// ---- Run state shared with the timer and the dialog ------------------------------------------
+// ---- The run record, shared with the timer and the dialog ------------------------------------
 
-volatile int g_finished = 0;
-volatile uint32_t g_cancel = 0;
-volatile uint32_t g_tickBusy = 0;
-volatile uint32_t g_stopped = 0;
-volatile uint64_t g_count = 0;      // frames converted, or sound bytes for sound only
-volatile uint64_t g_bytes = 0;      // output bytes so far
-uint64_t g_total = 0;
-bool g_soundOnly = false;
-uint32_t g_startMs = 0, g_lastElapsedMs = 0;
-uint64_t g_shownCount = ~0ull;
-bool g_framesStarted = false;       // the frame loop runs: its status line stands
-uint64_t g_shownBytes = ~0ull;
-bool g_declined = false;            // the user said No to the overwrite question
+// One conversion. The main routine makes it and hands it to the dialog, which keeps it until
+// the run is over; the media layer's and the writers' messages carry it as their context.
+struct Job {
+  VelmoConvSettings settings;
+  volatile int finished = 0;
+  volatile uint32_t cancel = 0;
+  volatile uint32_t tickBusy = 0;
+  volatile uint32_t stopped = 0;
+  volatile uint64_t count = 0;      // frames converted, or sound bytes for sound only
+  volatile uint64_t bytes = 0;      // output bytes so far
+  uint64_t total = 0;
+  bool soundOnly = false;
+  uint32_t startMs = 0, lastElapsedMs = 0;
+  uint64_t shownCount = ~0ull;
+  bool framesStarted = false;       // the frame loop runs: its status line stands
+  uint64_t shownBytes = ~0ull;
+  bool declined = false;            // the user said No to the overwrite question
+};
 
-int Message(const char* text, int level) {
+Job* JobOf(ToolDialog* dialog) { return static_cast<Job*>(ToolFrameState(dialog)); }
+
+int Message(void* context, const char* text, int level) {
+  Job& job = *static_cast<Job*>(context);
   switch (level) {
     case MediaLevelError:
       if (text && *text) ToolFrameError(text);
-      g_cancel = 1;
+      job.cancel = 1;
       break;
     case MediaLevelCancel:
-      g_cancel = 1;
+      job.cancel = 1;
       break;
     case MediaLevelWarning:
       if (text && *text) ToolFrameWarn(text);
@@ -138,19 +146,20 @@ int Message(const char* text, int level) {
     default:
       if (text && *text && *text != '@') ToolFrameSetText(VelmoConvIdStatus, text);
   }
-  return int(g_cancel);
+  return int(job.cancel);
 }
 
 // The sound's messages while frames are converted: its per-read status would fight with the
 // frame status, so only what comes before the frame loop (normalising) and boxes pass.
-int SoundMessage(const char* text, int level) {
-  if (g_framesStarted && (level == MediaLevelStatus || level == MediaLevelStep)) return int(g_cancel);
-  return Message(text, level);
+int SoundMessage(void* context, const char* text, int level) {
+  const Job& job = *static_cast<const Job*>(context);
+  if (job.framesStarted && (level == MediaLevelStatus || level == MediaLevelStep)) return int(job.cancel);
+  return Message(context, text, level);
 }
 
-bool AskOverwrite(const char* question, void*) {
+bool AskOverwrite(const char* question, void* context) {
   const bool yes = ToolFrameAsk(question, ToolBoxDefaultSecond) == 1;
-  if (!yes) g_declined = true;
+  if (!yes) static_cast<Job*>(context)->declined = true;
   return yes;
 }
 
@@ -160,41 +169,42 @@ void ShowTime(int control, uint64_t ms) {
   ToolFrameSetText(control, text);
 }
 
-void Tick(ToolDialog*) {
+void Tick(ToolDialog* dialog) {
+  Job* job = JobOf(dialog);
   uint32_t idle = 0;
-  if (AtomicRead(&g_stopped) || !AtomicCompareExchange(&g_tickBusy, &idle, 1)) return;
-  const uint32_t now = TimerMs(), elapsed = now - g_startMs;
-  if (now - g_lastElapsedMs >= 1500) {
-    g_lastElapsedMs = now;
+  if (!job || AtomicRead(&job->stopped) || !AtomicCompareExchange(&job->tickBusy, &idle, 1)) return;
+  const uint32_t now = TimerMs(), elapsed = now - job->startMs;
+  if (now - job->lastElapsedMs >= 1500) {
+    job->lastElapsedMs = now;
     ShowTime(VelmoConvIdElapsed, elapsed);
   }
-  const uint64_t count = g_count;
-  if (count != g_shownCount && g_total) {
-    g_shownCount = count;
-    const uint32_t percent = uint32_t(std::min<uint64_t>(99, (count + 1) * 100 / g_total));
+  const uint64_t count = job->count, total = job->total;
+  if (count != job->shownCount && total) {
+    job->shownCount = count;
+    const uint32_t percent = uint32_t(std::min<uint64_t>(99, (count + 1) * 100 / total));
     char text[200];
-    if (g_soundOnly)
+    if (job->soundOnly)
       std::snprintf(text, sizeof text, "Converting %llu kb of %llu kb (%u%%)...",
-                    (unsigned long long)(count / 1024), (unsigned long long)(g_total / 1024),
+                    (unsigned long long)(count / 1024), (unsigned long long)(total / 1024),
                     percent);
     else
       std::snprintf(text, sizeof text, "Processing %llu of %llu (%u%%)...",
-                    (unsigned long long)count, (unsigned long long)g_total, percent);
+                    (unsigned long long)count, (unsigned long long)total, percent);
     ToolFrameSetText(VelmoConvIdStatus, text);
     std::snprintf(text, sizeof text, "%u%% - Velmo Converter", percent);
     ToolFrameSetCaption(text);
     ToolFrameSetProgress(ToolIdProgress, int(percent));
-    if (count) ShowTime(VelmoConvIdRemaining, (g_total - std::min(count, g_total)) * elapsed / count);
+    if (count) ShowTime(VelmoConvIdRemaining, (total - std::min(count, total)) * elapsed / count);
   }
-  const uint64_t bytes = g_bytes;
-  if (bytes != g_shownBytes && count) {
-    g_shownBytes = bytes;
+  const uint64_t bytes = job->bytes;
+  if (bytes != job->shownBytes && count) {
+    job->shownBytes = bytes;
     char number[40], text[80];
-    FormatThousands(number, sizeof number, int64_t(g_total * bytes / count));
+    FormatThousands(number, sizeof number, int64_t(total * bytes / count));
     std::snprintf(text, sizeof text, "Projecting: %s bytes", number);
     ToolFrameSetText(VelmoConvIdProjected, text);
   }
-  AtomicStore(&g_tickBusy, 0);
+  AtomicStore(&job->tickBusy, 0);
 }
 
 const ToolControlDesc Controls[] = {
@@ -234,35 +244,20 @@ bool HasExtension(const char* name) {
   return std::strchr(slash ? slash + 1 : name, '.') != nullptr;
 }
 
-void ResetRunState() {
-  g_finished = 0;
-  g_cancel = 0;
-  g_stopped = 0;
-  g_tickBusy = 0;
-  g_count = 0;
-  g_bytes = 0;
-  g_total = 0;
-  g_declined = false;
-  g_framesStarted = false;
-  g_shownCount = ~0ull;
-  g_shownBytes = ~0ull;
-  g_startMs = g_lastElapsedMs = TimerMs();
-}
-
 // The end of every run that started its timer: stop the tick and wait for a running one.
-void StopTicks() {
+void StopTicks(Job& job) {
   ToolFrameSetTimer(nullptr, 0);
-  AtomicStore(&g_stopped, 1);
-  while (AtomicRead(&g_tickBusy)) ThreadSleep(1);
+  AtomicStore(&job.stopped, 1);
+  while (AtomicRead(&job.tickBusy)) ThreadSleep(1);
 }
 
-void ShowTotals(uint64_t count, const char* what, uint64_t bytes) {
+void ShowTotals(const Job& job, uint64_t count, const char* what, uint64_t bytes) {
   char number[40], text[200];
   FormatThousands(number, sizeof number, int64_t(count));
   std::snprintf(text, sizeof text, "%s total %s.", number, what);
   ToolFrameSetText(VelmoConvIdStatus, text);
   ToolFrameSetText(VelmoConvIdCaption, "Total time:");
-  ShowTime(VelmoConvIdRemaining, TimerMs() - g_startMs);
+  ShowTime(VelmoConvIdRemaining, TimerMs() - job.startMs);
   ToolFrameSetText(VelmoConvIdSpare, "Done!");
   ToolFrameSetText(VelmoConvIdElapsed, "Done!");
   FormatThousands(number, sizeof number, int64_t(bytes));
@@ -283,7 +278,7 @@ void StartDialog(const char* typeName, const char* output) {
 
 // Opens the sound of the input with the run's sound switches; null when there is none.
 SoundInput* OpenSound(const VelmoConvSettings& s, uint32_t startMs, uint32_t endMs,
-                      ProgressFn progress) {
+                      ProgressSink progress) {
   if (s.track < 0) return nullptr;
   return SoundOpen(s.input, uint32_t(s.rate), uint32_t(s.bits), uint32_t(s.channels), startMs,
                    endMs, uint32_t(s.track), s.forced_input, uint32_t(s.skip_bytes), progress);
@@ -304,7 +299,8 @@ bool MayOverwrite(const VelmoConvSettings& s) {
 }
 
 // Sound only: the sound goes to a wave file (or bare samples for ".raw"), 16384 bytes at a time.
-int ConvertSound(const VelmoConvSettings& s, SoundInput* sound) {
+int ConvertSound(Job& job, SoundInput* sound) {
+  const VelmoConvSettings& s = job.settings;
   if (!MayOverwrite(s)) {
     SoundClose(sound);
     return ToolExitNoOverwrite;
@@ -318,12 +314,12 @@ int ConvertSound(const VelmoConvSettings& s, SoundInput* sound) {
   }
   ShowSoundFormat(sound);
   ToolFrameSetText(VelmoConvIdVideo, "No video.");
-  g_soundOnly = true;
-  g_total = sound->total_bytes;
+  job.soundOnly = true;
+  job.total = sound->total_bytes;
   StartDialog(sound->type_name ? sound->type_name : "Sound", s.output);
   std::vector<uint8_t> buffer(16384);
   int code = ToolExitDone;
-  while (!g_cancel) {
+  while (!job.cancel) {
     const uint32_t got = SoundRead(sound, buffer.data(), uint32_t(buffer.size()));
     if (!got) break;
     if (!WaveWrite(out, buffer.data(), got)) {
@@ -331,18 +327,18 @@ int ConvertSound(const VelmoConvSettings& s, SoundInput* sound) {
       code = ToolExitDiskWriteError;
       break;
     }
-    g_count = g_count + got;
-    g_bytes = g_count;
+    job.count = job.count + got;
+    job.bytes = job.count;
   }
-  StopTicks();
+  StopTicks(job);
   SoundClose(sound);
   const uint64_t size = WaveClose(out);
   if (code == ToolExitDone && !size) {
     ToolFrameError(DiskFullText);
     code = ToolExitDiskWriteError;
   }
-  if (code == ToolExitDone && g_cancel) code = ToolExitCancelled;
-  if (code == ToolExitDone) ShowTotals(g_count, "bytes written", size);
+  if (code == ToolExitDone && job.cancel) code = ToolExitCancelled;
+  if (code == ToolExitDone) ShowTotals(job, job.count, "bytes written", size);
   return code;
 }
 
@@ -367,11 +363,12 @@ uint32_t FrameTimeMs(const MediaInput* in, uint64_t frames) {
   return uint32_t(std::min<uint64_t>(ms, 0xFFFFFFFFu));
 }
 
-int ConvertVideo(VelmoConvSettings& s) {
+int ConvertVideo(Job& job) {
+  const VelmoConvSettings& s = job.settings;
   VideoRun run;
   MediaOpenArgs args = MediaArgsFromSwitches(&s.video);
   args.title = "Converting";
-  args.progress = Message;
+  args.progress = {Message, &job};
   run.input = MediaOpenWith(s.input, &args);
   if (!run.input) return ToolExitInputError;  // the layer has said why
   if (run.input->type == MediaTypeSoundOnly) {
@@ -385,8 +382,8 @@ int ConvertVideo(VelmoConvSettings& s) {
   const uint32_t startMs = s.start_ms ? uint32_t(s.start_ms) : FrameTimeMs(in, in->skip_frames);
   const uint32_t endMs = s.end_ms ? uint32_t(s.end_ms)
                                   : FrameTimeMs(in, uint64_t(in->skip_frames) + in->output_frames);
-  if (in->has_sound) run.sound = OpenSound(s, startMs, endMs, SoundMessage);
-  if (g_cancel) return ToolExitCancelled;
+  if (in->has_sound) run.sound = OpenSound(s, startMs, endMs, {SoundMessage, &job});
+  if (job.cancel) return ToolExitCancelled;
 
   const bool wantAlpha = (s.video.open_flags & MediaOpenAlpha) != 0;
   const bool quietAlpha = (s.video.open_flags & MediaOpenNoAlphaWarning) != 0;
@@ -413,11 +410,12 @@ int ConvertVideo(VelmoConvSettings& s) {
   options.codec = s.format_option == 1 ? OutputCodecMjpeg : OutputCodecRaw;
   options.y4m_chroma = s.format_option == 444 ? 444 : 420;
   options.ask = AskOverwrite;
+  options.ask_context = &job;
   const ptrdiff_t pitch = in->output_pitch / (in->float_frames ? 16 : 4);
   run.writer = OutputOpen(s.output, int(in->output_frames), in->output_rate_num,
                           in->output_rate_den, int(in->output_width), int(in->output_height),
-                          pitch, Message, flags, &options);
-  if (!run.writer) return g_declined ? ToolExitNoOverwrite : ToolExitOutputError;
+                          pitch, {Message, &job}, flags, &options);
+  if (!run.writer) return job.declined ? ToolExitNoOverwrite : ToolExitOutputError;
   if (alpha && !run.writer->keep_alpha && !quietAlpha &&
       ToolFrameAsk("You asked to use the alpha channel, but the output file exporter doesn't "
                    "support alpha.  Cancel the conversion (if you don't cancel, we will turn off "
@@ -439,18 +437,18 @@ int ConvertVideo(VelmoConvSettings& s) {
     ShowSoundFormat(run.sound);
   else
     ToolFrameSetText(VelmoConvIdAudio, "No audio.");
-  g_soundOnly = false;
-  g_total = in->output_frames;
+  job.soundOnly = false;
+  job.total = in->output_frames;
   StartDialog(in->type_name, s.output);
-  g_framesStarted = true;
+  job.framesStarted = true;
 
   const uint32_t smooth = (s.video.smooth << 16 | s.video.smooth) << 8;
   std::vector<uint8_t> soundBuffer;
   int code = ToolExitDone;
-  while (!in->at_end && !g_cancel) {
+  while (!in->at_end && !job.cancel) {
     if (!MediaGetFrame(in, s.video.denoise, smooth, s.video.contrast, s.video.brightness,
                        s.video.gamma, s.video.black_clamp)) {
-      if (!g_cancel) code = ToolExitInputError;
+      if (!job.cancel) code = ToolExitInputError;
       break;
     }
     if (!OutputWriteFrame(run.writer, in->output_buffer, nullptr)) {
@@ -470,11 +468,11 @@ int ConvertVideo(VelmoConvSettings& s) {
         break;
       }
     }
-    g_count = g_count + 1;
-    g_bytes = run.writer->bytes_written;
+    job.count = job.count + 1;
+    job.bytes = run.writer->bytes_written;
   }
-  StopTicks();
-  const uint64_t frames = g_count;
+  StopTicks(job);
+  const uint64_t frames = job.count;
   if (run.sound) SoundClose(run.sound);
   run.sound = nullptr;
   MediaClose(run.input);
@@ -482,12 +480,12 @@ int ConvertVideo(VelmoConvSettings& s) {
   const bool avi = run.writer->kind == OutputKindAvi;
   const uint64_t bytes = OutputClose(run.writer);
   run.writer = nullptr;
-  if (code == ToolExitDone && g_cancel) code = ToolExitCancelled;
+  if (code == ToolExitDone && job.cancel) code = ToolExitCancelled;
   if (code == ToolExitDone && avi && !bytes) {  // the AVI's indexes and headers did not fit
     ToolFrameError(DiskFullText);
     code = ToolExitDiskWriteError;
   }
-  if (code == ToolExitDone) ShowTotals(frames, "frames converted", bytes);
+  if (code == ToolExitDone) ShowTotals(job, frames, "frames converted", bytes);
   return code;
 }
 
@@ -536,39 +534,43 @@ bool VelmoConvSameFile(const char* a, const char* b) {
   return stat(a, &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-int VelmoConvMain(char* commandTail, ToolDialog*) {
-  ResetRunState();
-  VelmoConvSettings s;
+int VelmoConvMain(char* commandTail, ToolDialog* dialog) {
+  Job* made = new Job();
+  ToolFrameSetState(dialog, made, [](void* job) { delete static_cast<Job*>(job); });
+  Job& job = *made;
+  job.startMs = job.lastElapsedMs = TimerMs();
+  VelmoConvSettings& s = job.settings;
   if (!VelmoConvParseSwitches(commandTail, &s)) return Help();
   VelmoConvCompleteOutput(&s);
   int code;
   if (s.sound_only) {
-    SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), Message);
+    SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), {Message, &job});
     if (!sound) {
-      if (!g_cancel) ToolFrameError("No audio could be read from the input file.");
-      code = g_cancel ? ToolExitCancelled : ToolExitInputError;
+      if (!job.cancel) ToolFrameError("No audio could be read from the input file.");
+      code = job.cancel ? ToolExitCancelled : ToolExitInputError;
     } else if (VelmoConvSameFile(s.input, s.output)) {
       SoundClose(sound);
       ToolFrameError("The input and output files are the same file.");
       code = ToolExitOutputError;
     } else {
-      code = ConvertSound(s, sound);
+      code = ConvertSound(job, sound);
     }
   } else {
-    code = ConvertVideo(s);
+    code = ConvertVideo(job);
   }
-  StopTicks();
-  g_finished = 1;
+  StopTicks(job);
+  job.finished = 1;
   return code;
 }
 
-int VelmoConvCommand(int commandId, ToolDialog*) {
-  if (commandId != ToolIdCancel) return 1;
-  if (g_finished) return 0;
+int VelmoConvCommand(int commandId, ToolDialog* dialog) {
+  Job* job = JobOf(dialog);
+  if (commandId != ToolIdCancel || !job) return 1;  // no record yet: the run has not begun
+  if (job->finished) return 0;
   if (ToolFrameConfirmCancel("Cancel the conversion?",
                              "Velmo finished the conversion successfully before you cancelled!",
-                             &g_finished)) {
-    g_cancel = 1;
+                             &job->finished)) {
+    job->cancel = 1;
     ToolFrameShowCancelling(ToolIdCancel);
   }
   return 1;

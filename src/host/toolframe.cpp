@@ -94,6 +94,10 @@ struct ToolDialog {
 
   ToolMessageHook hook = nullptr;
 
+  // The tool's run record (under `lock`).
+  void* state = nullptr;
+  ToolStateRelease releaseState = nullptr;
+
   // Posted from any thread.
   std::mutex lock;
   std::condition_variable posted;
@@ -342,6 +346,20 @@ bool StartWorker(pthread_t* thread, WorkerArgs* args) {
   return ok;
 }
 
+// The run is over: nothing reaches the tool's record any more.
+void ReleaseState(ToolDialog* d) {
+  void* state;
+  ToolStateRelease release;
+  {
+    std::lock_guard<std::mutex> hold(d->lock);
+    state = d->state;
+    release = d->releaseState;
+    d->state = nullptr;
+    d->releaseState = nullptr;
+  }
+  if (release) release(state);
+}
+
 void ResetFrame(ToolDialog* d) {
   std::lock_guard<std::mutex> hold(d->lock);
   d->controls.clear();
@@ -507,7 +525,22 @@ int ToolFrameRun(void* instance, intptr_t parentWindow, const char* commandTail,
   ServeUntilWorkerEnds(d);
   pthread_join(worker, nullptr);
   d->running = false;
+  ReleaseState(d);
   return d->exitValue;
+}
+
+void ToolFrameSetState(ToolDialog* dialog, void* state, ToolStateRelease release) {
+  if (!dialog) return;
+  ReleaseState(dialog);  // a second record replaces the first
+  std::lock_guard<std::mutex> hold(dialog->lock);
+  dialog->state = state;
+  dialog->releaseState = release;
+}
+
+void* ToolFrameState(ToolDialog* dialog) {
+  if (!dialog) return nullptr;
+  std::lock_guard<std::mutex> hold(dialog->lock);
+  return dialog->state;
 }
 
 void ToolFrameSetTimer(ToolTimerCallback callback, int milliseconds) {

@@ -7,7 +7,9 @@
 // table of functions: a window (SDL2 + Dear ImGui) when a display is at hand, or the terminal
 // (status and a progress bar on stderr, questions on the terminal).
 //
-// A process holds one tool, so the frame's state is process-wide and most calls need no handle.
+// A process shows one dialog at a time, so the frame's own state is process-wide and most calls
+// need no handle. The state of a tool's run is not: the main routine makes a run record and
+// hands it to its dialog (ToolFrameSetState), where its command handler and timer find it.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -101,6 +103,15 @@ typedef int (*ToolMessageHook)(ToolDialog* dialog, const ToolMessage* message);
 int ToolFrameRun(void* instance, intptr_t parentWindow, const char* commandTail, int showState,
                  bool closeWhenDone, ToolMainRoutine mainRoutine, ToolCommandHandler commandHandler,
                  const char* dialogName);
+
+// The run record of the tool behind `dialog`. The main routine sets it once, first thing; the
+// frame calls `release` (when not null) after the run, once the worker has returned and the
+// dialog is gone, so that the command handler may use the record up to its last call. Until
+// the main routine has set it, ToolFrameState gives null; a second record releases the first
+// at once. Either call may come from any thread.
+typedef void (*ToolStateRelease)(void* state);
+void ToolFrameSetState(ToolDialog* dialog, void* state, ToolStateRelease release);
+void* ToolFrameState(ToolDialog* dialog);
 
 // Timer 1: calls `callback` on the main thread every `milliseconds`; null or 0 stops it.
 // May be called from any thread.

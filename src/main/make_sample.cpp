@@ -143,7 +143,7 @@ int WriteSound(const char* path, double seconds, uint32_t rate) {
 // Reads a whole sound as 16-bit samples of the given format through the sound input layer.
 bool ReadSound(const char* name, uint32_t rate, uint32_t channels, std::vector<int16_t>* out,
                SoundInput** format) {
-  SoundInput* sound = SoundOpen(name, rate, 16, channels, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* sound = SoundOpen(name, rate, 16, channels, 0, 0, 0, 0, 0, {});
   if (!sound) return false;
   std::vector<int16_t> block(8192);
   uint32_t got;

@@ -21,15 +21,22 @@ const ToolControlDesc DemoControls[] = {
 };
 const ToolDialogDesc DemoDialog = {"shelldemo", "Tool Shell Demo", DemoControls, 4};
 
-std::atomic<int> g_framesDone{0};
-std::atomic<int> g_cancel{0};
-volatile int g_finished = 0;
-int g_shownFrames = -1;
+// The demo's run record, handed to the dialog by the main routine.
+struct DemoRun {
+  std::atomic<int> framesDone{0};
+  std::atomic<int> cancel{0};
+  volatile int finished = 0;
+  int shownFrames = -1;
+};
 
-void DemoTick(ToolDialog*) {
-  int done = g_framesDone;
-  if (done == g_shownFrames) return;
-  g_shownFrames = done;
+DemoRun* RunOf(ToolDialog* dialog) { return static_cast<DemoRun*>(ToolFrameState(dialog)); }
+
+void DemoTick(ToolDialog* dialog) {
+  DemoRun* run = RunOf(dialog);
+  if (!run) return;
+  int done = run->framesDone;
+  if (done == run->shownFrames) return;
+  run->shownFrames = done;
   int percent = done * 100 / DemoFrames;
   char text[128];
   std::snprintf(text, sizeof text, "Processing %i of %i (%i%%)...", done, DemoFrames, percent);
@@ -39,20 +46,22 @@ void DemoTick(ToolDialog*) {
   ToolFrameSetProgress(ToolIdProgress, percent);
 }
 
-int DemoMain(char* tail, ToolDialog*) {
+int DemoMain(char* tail, ToolDialog* dialog) {
+  DemoRun* run = new DemoRun();
+  ToolFrameSetState(dialog, run, [](void* state) { delete static_cast<DemoRun*>(state); });
   int result = ToolExitCancelled;
   ToolFrameSetProgressRange(ToolIdProgress, 100);
   ToolFrameSetTimer(DemoTick, 100);
-  for (int frame = 0; frame < DemoFrames && !g_cancel; frame++) {
+  for (int frame = 0; frame < DemoFrames && !run->cancel; frame++) {
     if (frame == DemoFrames / 2 &&
         ToolFrameAsk("Half of the frames are done. Go on with the second half?", 1) != 1)
       break;
     std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    g_framesDone = frame + 1;
+    run->framesDone = frame + 1;
   }
   ToolFrameSetTimer(nullptr, 0);
-  g_finished = 1;
-  if (g_framesDone == DemoFrames) {
+  run->finished = 1;
+  if (run->framesDone == DemoFrames) {
     char text[64];
     std::snprintf(text, sizeof text, "Finished: %i frames.", DemoFrames);
     ToolFrameSetText(ToolIdStatus, text);
@@ -62,12 +71,13 @@ int DemoMain(char* tail, ToolDialog*) {
   return result;
 }
 
-int DemoCommand(int id, ToolDialog*) {
-  if (id != ToolIdCancel) return 1;
-  if (g_finished) return 0;
+int DemoCommand(int id, ToolDialog* dialog) {
+  DemoRun* run = RunOf(dialog);
+  if (id != ToolIdCancel || !run) return 1;
+  if (run->finished) return 0;
   if (ToolFrameConfirmCancel("Cancel the demo?", "The demo finished before you cancelled!",
-                             &g_finished)) {
-    g_cancel = 1;
+                             &run->finished)) {
+    run->cancel = 1;
     ToolFrameShowCancelling(ToolIdCancel);
   }
   return 1;

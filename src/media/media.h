@@ -162,7 +162,7 @@ struct MediaInput {
   int32_t pad_right, pad_bottom, pad_left, pad_top;  // left and top are held as negative numbers
   uint8_t source_palette[768];
   uint32_t source_palette_argb[256];  // the same as 0RGB words, for the pixel fetches
-  ProgressFn progress;
+  ProgressSink progress;
   uint32_t skip_frames;
   uint32_t palette_first, palette_count, palette_mode, halftone_mode, palette_interval;
   uint32_t system_colours_mode, rotation_count;
@@ -205,7 +205,7 @@ struct MediaOpenArgs {
   uint32_t palette_interval, palette_first, colours, rotation, system_colours, halftone;
   const char* palette_file;
   const char* title;
-  ProgressFn progress;
+  ProgressSink progress;
 };
 
 MediaInput* MediaOpenWith(const char* name, const MediaOpenArgs* args);
@@ -215,7 +215,7 @@ MediaInput* MediaOpen(const char* name, uint32_t flags, int32_t force_num, int32
                       int32_t start, int32_t end, uint32_t palette_interval,
                       uint32_t palette_first, uint32_t colours, uint32_t rotation,
                       uint32_t system_colours, uint32_t halftone, const char* palette_file,
-                      const char* title, ProgressFn progress);
+                      const char* title, ProgressSink progress);
 void MediaClose(MediaInput* input);
 // Back to the first frame for a further pass.
 bool MediaRewind(MediaInput* input);
@@ -273,7 +273,7 @@ MediaOpenArgs MediaArgsFromSwitches(const MediaSwitches* switches);
 // When `name` (a buffer of `nameSize` bytes) is a single numbered file of a series, asks
 // through `progress` at level 5 with the "Treat as sequence?" text; a yes replaces the name by
 // the series ("pattern*first-last"). Returns true when the name was replaced.
-bool MediaAskSequence(char* name, size_t nameSize, ProgressFn progress);
+bool MediaAskSequence(char* name, size_t nameSize, ProgressSink progress);
 
 // Adds a reader row for an extension (".xyz", compared without regard to case), tried after
 // the built-in rows; a null extension adds a content probe row at the end of that table. For

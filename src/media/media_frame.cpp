@@ -457,7 +457,7 @@ bool MediaFramePlanes(const MediaInput* input, MediaPlanes* out) {
 bool MediaGetFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,
                    uint32_t brightness, double gamma, uint32_t black_clamp) {
   if (!input) return false;
-  if (input->progress) {
+  if (input->progress.fn) {
     const uint64_t num = uint64_t(input->output_rate_num) * input->input_rate_den;
     const uint64_t den = uint64_t(input->input_rate_num) * input->output_rate_den;
     const uint64_t current = (uint64_t(input->frames_read) + input->skip_frames) * num / den +

@@ -9,7 +9,7 @@
 
 // Formats a message and hands it to the input's progress function; returns its answer (0
 // when there is none).
-int MediaSay(ProgressFn progress, int level, const char* format, ...)
+int MediaSay(const ProgressSink& progress, int level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 // The extension of a name (pointing at its "."), or null: a "." behind the last "/", "\" or ":".

@@ -373,7 +373,7 @@ MediaInput* MediaOpen(const char* name, uint32_t flags, int32_t force_num, int32
                       int32_t start, int32_t end, uint32_t palette_interval,
                       uint32_t palette_first, uint32_t colours, uint32_t rotation,
                       uint32_t system_colours, uint32_t halftone, const char* palette_file,
-                      const char* title, ProgressFn progress) {
+                      const char* title, ProgressSink progress) {
   const MediaOpenArgs a = {flags,        force_num,      force_den, adjust_num, adjust_den,
                            scale_w,      scale_h,        crop_x,    crop_y,     crop_w,
                            crop_h,       start,          end,       palette_interval,
@@ -382,14 +382,14 @@ MediaInput* MediaOpen(const char* name, uint32_t flags, int32_t force_num, int32
   return MediaOpenWith(name, &a);
 }
 
-bool MediaAskSequence(char* name, size_t nameSize, ProgressFn progress) {
-  if (!progress || !name || !name[0]) return false;
+bool MediaAskSequence(char* name, size_t nameSize, ProgressSink progress) {
+  if (!progress.fn || !name || !name[0]) return false;
   char series[MediaNameBytes];
   int32_t first = 0, last = 0;
   if (!FindSequence(series, sizeof series, &first, &last, name)) return false;
   char text[2 * MediaNameBytes + 256];
   SequencePromptText(text, sizeof text, name, first, last);
-  if (progress(text, MediaLevelQuestion) == 0) return false;
+  if (ProgressSend(progress, text, MediaLevelQuestion) == 0) return false;
   if (strlen(series) >= nameSize) return false;
   memcpy(name, series, strlen(series) + 1);
   return true;

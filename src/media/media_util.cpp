@@ -9,14 +9,14 @@
 
 #include "media/media_internal.h"
 
-int MediaSay(ProgressFn progress, int level, const char* format, ...) {
-  if (!progress) return 0;
+int MediaSay(const ProgressSink& progress, int level, const char* format, ...) {
+  if (!progress.fn) return 0;
   char text[2048];
   va_list args;
   va_start(args, format);
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  return progress(text, level);
+  return ProgressSend(progress, text, level);
 }
 
 const char* MediaExtension(const char* name) {

@@ -41,7 +41,7 @@ struct SoundInput {
   int32_t interp_value_left, interp_value_right;
   int32_t interp_step_left, interp_step_right;
 
-  ProgressFn progress;
+  ProgressSink progress;
   int reported;  // "Processing sound data" was said once (level 1 first, then 0)
 
   uint64_t remaining_bytes, total_bytes;  // output bytes left and promised
@@ -61,7 +61,7 @@ struct SoundInput {
 // Returns null when no reader opens the name; nothing is reported.
 SoundInput* SoundOpen(const char* name, uint32_t rate, uint32_t bits, uint32_t channels,
                       uint32_t start_ms, uint32_t end_ms, uint32_t track, uint32_t force,
-                      uint32_t skip, ProgressFn progress);
+                      uint32_t skip, ProgressSink progress);
 
 // Fills buffer with up to count bytes (rounded down to whole samples); 0 at the end. With a
 // progress function, each call reports "Processing sound data (%i%%)..."; a non-zero answer

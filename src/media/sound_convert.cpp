@@ -69,7 +69,7 @@ bool Refill(SoundInput* sound) {
   const bool ok = s->reader.ops->guarded ? MediaGuardRun(CallRead, &call) : (CallRead(&call), true);
   if (!ok) {
     call.got = 0;
-    if (sound->progress) sound->progress("Crash while reading input file...", 0);
+    ProgressSend(sound->progress, "Crash while reading input file...", 0);
   }
   s->block_fill = call.got - call.got % bps;
   if (s->block_fill == 0) s->short_read = true;

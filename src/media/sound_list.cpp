@@ -61,7 +61,7 @@ SoundInput* OpenEntry(const SoundList* list, const MediaListItem& item, uint32_t
   const uint32_t end = EntryEnd(item);
   if (start > 0xFFFFFFFFu) start = 0xFFFFFFFFu;
   return SoundOpen(item.name, rate, bits, channels, static_cast<uint32_t>(start), end, list->track,
-                   list->force, list->skip, nullptr);
+                   list->force, list->skip, {});
 }
 
 // Opens every entry once: the first sets the format, each gives its length.

@@ -116,7 +116,7 @@ void ResetCounters(SoundInput* sound) {
 }
 
 SoundInput* Build(const SoundReader& reader, const char* name, uint32_t rate, uint32_t bits,
-                  uint32_t channels, uint32_t start_ms, uint32_t end_ms, ProgressFn progress) {
+                  uint32_t channels, uint32_t start_ms, uint32_t end_ms, ProgressSink progress) {
   SoundInput* sound = static_cast<SoundInput*>(calloc(1, sizeof(SoundInput)));
   SoundSource* source = static_cast<SoundSource*>(calloc(1, sizeof(SoundSource)));
   const uint32_t block_bytes = BlockSamples * reader.format.bytes_per_sample;
@@ -166,10 +166,10 @@ uint32_t LoudestRun(const uint8_t* block, uint32_t bytes) {
 // loudest run to `percent` of full scale (0 for silence or a sound that does not open).
 int64_t NormalisingGain(const char* name, uint32_t rate, uint32_t channels, uint32_t start_ms,
                         uint32_t end_ms, uint32_t track, uint32_t force, uint32_t skip,
-                        uint32_t percent, ProgressFn progress) {
-  if (progress) progress("Normalizing audio...", 0);
+                        uint32_t percent, ProgressSink progress) {
+  ProgressSend(progress, "Normalizing audio...", 0);
   SoundInput* trial =
-      SoundOpen(name, rate, 16, channels, start_ms, end_ms, track, force, skip, nullptr);
+      SoundOpen(name, rate, 16, channels, start_ms, end_ms, track, force, skip, {});
   if (!trial) return 0;
   uint8_t block[NormaliseBlockBytes];
   uint32_t level = 0, got;
@@ -184,21 +184,21 @@ int64_t NormalisingGain(const char* name, uint32_t rate, uint32_t channels, uint
 }
 
 int ReportProgress(SoundInput* sound) {
-  if (!sound->progress) return 0;
+  if (!sound->progress.fn) return 0;
   const uint64_t done = sound->total_bytes - sound->remaining_bytes;
   const int percent = sound->total_bytes ? static_cast<int>(done * 100 / sound->total_bytes) : 100;
   char text[64];
   snprintf(text, sizeof text, "Processing sound data (%i%%)...", percent);
   const int level = sound->reported ? 0 : 1;
   sound->reported = 1;
-  return sound->progress(text, level);
+  return ProgressSend(sound->progress, text, level);
 }
 
 }  // namespace
 
 SoundInput* SoundOpen(const char* name, uint32_t rate, uint32_t bits, uint32_t channels,
                       uint32_t start_ms, uint32_t end_ms, uint32_t track, uint32_t force,
-                      uint32_t skip, ProgressFn progress) {
+                      uint32_t skip, ProgressSink progress) {
   if (!name || !name[0]) return nullptr;
   int64_t gain = 0;
   if (bits / 100 != 0) {

@@ -48,7 +48,7 @@ struct SoundOpenRequest {
   uint32_t rate, bits, channels;  // the asked output format (0: as the source)
   uint32_t track;
   uint32_t force, skip;
-  ProgressFn progress;
+  ProgressSink progress;
 };
 
 // Wave files: the header walk on its own (for the fuzz target and the tests).

@@ -168,7 +168,7 @@ void AddStreamFrameSizes(std::string* out, const char* name, uint32_t type) {
 
 // Line 12: the sound of the file as the sound input layer reads it, in the source's format.
 void AddSound(std::string* out, const char* name) {
-  SoundInput* sound = SoundOpen(name, 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* sound = SoundOpen(name, 0, 0, 0, 0, 0, 0, 0, 0, {});
   if (!sound) return;
   const bool isFloat = sound->source_float != 0;
   Add(out, "%sSound info (%s file):", Line, sound->type_name ? sound->type_name : "sound");

@@ -63,7 +63,7 @@ struct Heard {
 };
 Heard ReadBack(const std::string& name) {
   Heard out;
-  SoundInput* s = SoundOpen(name.c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* s = SoundOpen(name.c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   if (!s) return out;
   out.Rate = s->rate;
   out.Channels = s->channels;

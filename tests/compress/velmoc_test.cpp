@@ -828,7 +828,7 @@ bool WriteInput(const std::string& name, int frames, uint32_t w, uint32_t h, uin
   options.jpeg_level = -1;
   options.ask = [](const char*, void*) { return true; };
   OutputWriter* out = OutputOpen(name.c_str(), frames, rate, 1, int(w), int(h), ptrdiff_t(w),
-                                 nullptr, OutputFlagPromptDone, &options);
+                                 {}, OutputFlagPromptDone, &options);
   if (!out) return false;
   bool ok = true;
   for (int t = 0; t < frames; ++t) {

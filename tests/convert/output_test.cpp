@@ -14,22 +14,13 @@
 #include "convert/output.h"
 #include "imagefile/imagefile.h"
 #include "program_test_support.h"
+#include "support/progress_log.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 using namespace program_test;
-
-struct Said {
-  std::string text;
-  int level;
-};
-std::vector<Said> g_said;
-int Record(const char* text, int level) {
-  g_said.push_back({text ? text : "(null)", level});
-  return 0;
-}
 
 struct AskLog {
   bool answer;
@@ -45,7 +36,6 @@ class OutputTest : public TempDirTest {
  protected:
   void SetUp() override {
     TempDirTest::SetUp();
-    g_said.clear();
     options.jpeg_level = 90;
     options.ask = Ask;
     options.ask_context = &ask;
@@ -54,12 +44,13 @@ class OutputTest : public TempDirTest {
   // Opens `name` for `frames` frames of w x h at `rate` frames a second (a fraction).
   OutputWriter* Open(const std::string& name, int frames, int w, int h, uint32_t flags = 0,
                      uint32_t rateNum = 25, uint32_t rateDen = 1) {
-    return OutputOpen(Path(name).c_str(), frames, rateNum, rateDen, w, h, w, Record, flags,
+    return OutputOpen(Path(name).c_str(), frames, rateNum, rateDen, w, h, w, log.Sink(), flags,
                       &options);
   }
 
   AskLog ask{true, {}};
   OutputOptions options{};
+  test_support::ProgressLog log;  // the writers' messages
 };
 
 // A frame whose pixels all differ: colour from position and frame number, alpha varying.
@@ -160,7 +151,7 @@ TEST_F(OutputTest, BottomUpFloatFramesTruncateAndClamp) {
   std::vector<float> mem = {
       0.5f, 1.5f, -1.0f, 1.0f,  0.999f, 0.0f, 0.2f, 0.5f,  NAN, 0.1f, 0.9f, 1.0f,  // bottom
       1.0f, 0.0f, 0.0f, 1.0f,  0.0f, 1.0f, 0.0f, 1.0f,  0.0f, 0.0f, 1.0f, 1.0f};    // top
-  OutputWriter* out = OutputOpen(Path("f.tga").c_str(), 1, 1, 1, w, h, -w, Record,
+  OutputWriter* out = OutputOpen(Path("f.tga").c_str(), 1, 1, 1, w, h, -w, log.Sink(),
                                  OutputFlagFloat | OutputFlagAlpha, &options);
   ASSERT_NE(out, nullptr);
   ASSERT_EQ(OutputWriteFrame(out, mem.data() + w * 4, nullptr), 1);
@@ -228,15 +219,16 @@ TEST_F(OutputTest, UnsupportedTypesAndDepthsAreRefused) {
   } cases[] = {{"a.gif", 0}, {"a.xyz", 0}, {"noext", 0}, {"a.flc", 0},
                {"p.png", OutputFlagFloat | OutputFlagPalette}, {"a.gif", OutputFlagQuietUnknown}};
   for (const auto& c : cases) {
-    g_said.clear();
+    log.Clear();
     EXPECT_EQ(Open(c.name, 5, 4, 4, c.flags), nullptr) << c.name;
+    const auto said = log.Messages();
     if (c.flags & OutputFlagQuietUnknown) {
-      EXPECT_TRUE(g_said.empty());
+      EXPECT_TRUE(said.empty());
       continue;
     }
-    ASSERT_EQ(g_said.size(), 1u) << c.name;
-    EXPECT_EQ(g_said[0].text, "Unsupported output file type or color depth.");
-    EXPECT_EQ(g_said[0].level, 2);
+    ASSERT_EQ(said.size(), 1u) << c.name;
+    EXPECT_EQ(said[0].text, "Unsupported output file type or color depth.");
+    EXPECT_EQ(said[0].level, 2);
   }
   EXPECT_TRUE(fs::is_empty(dir));
 }
@@ -250,8 +242,8 @@ TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
   ASSERT_EQ(ask.questions.size(), 2u);
   EXPECT_EQ(ask.questions[0], "File " + Path("old.avi") + " exists, overwrite?");
   EXPECT_EQ(ask.questions[1], "File " + Path("seq0.png") + " exists, overwrite?");
-  ASSERT_EQ(g_said.size(), 2u);
-  EXPECT_EQ(g_said[0].level, 3);
+  ASSERT_EQ(log.Messages().size(), 2u);
+  EXPECT_EQ(log.Messages()[0].level, 3);
   EXPECT_EQ(ReadAll(Path("old.avi")), "keep");
   // No question for a new name, nor with flag 2; a yes replaces the file.
   ask.answer = true;
@@ -612,7 +604,7 @@ TEST_F(OutputTest, Y4mFramesMatchTheModel) {
     FILE* sink = toStdout ? std::fopen(file.c_str(), "wb") : nullptr;
     if (sink) dup2(fileno(sink), 1);
     OutputWriter* out = OutputOpen(toStdout ? "-" : file.c_str(), c.frames, c.rateNum, c.rateDen,
-                                   c.w, c.h, c.w, Record, 0, &options);
+                                   c.w, c.h, c.w, log.Sink(), 0, &options);
     int ok = out != nullptr;
     for (int n = 0; ok && n < c.frames; ++n)
       ok = OutputWriteFrame(out, Frame(c.w, c.h, n).data(), nullptr);

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <tuple>
 
 #include "compress/tool/velmomix.h"
 #include "convert/velmoconv.h"
+#include "host/toolframe.h"
 #include "media/readers/stream_readers.h"
 #include "program_test_support.h"
 
@@ -280,7 +282,7 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
   for (size_t i = 0; i < samples.size(); ++i)
     samples[i] = int16_t(9000 * std::sin(double(i) * (0.05 + double(i) * 2e-6)));
   WriteWave(dir + "/sweep.wav", 11025, 1, samples);
-  SoundInput* sound = SoundOpen((dir + "/sweep.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* sound = SoundOpen((dir + "/sweep.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   ASSERT_TRUE(sound);
   VelmoMixTrack track{0, 11025, 16, 1, 4, sound, ReadSoundInput};
   const std::string vlm = dir + "/clip.vlm", conv = "velmoconv " + vlm + " " + dir;
@@ -380,6 +382,46 @@ TEST_F(VelmoConvRun, ExitCodes) {
   for (const auto& r : runs) EXPECT_EQ(Code(RunProgram(r.command)), Code(r.code)) << r.command;
   for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav"})
     EXPECT_FALSE(Exists(dir + name));
+}
+
+// The converter run in this process through the tool shell, as the program runs it.
+int RunHere(const std::string& tail) {
+  VelmoConvRegisterDialog();
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  return ToolFrameRun(nullptr, 0, tail.c_str(), 1, false, VelmoConvMain, VelmoConvCommand,
+                      "velmoconv");
+}
+
+// Conversions one after another in one process, as a batch makes them: the first ends at a
+// refused overwrite, the second at an input that is missing, and each run after them writes
+// the bytes that the program writes in a process of its own.
+TEST_F(VelmoConvRun, RunsInOneProcessWriteWhatSeparateProgramsWrite) {
+  ASSERT_NE(std::freopen("/dev/null", "r", stdin), nullptr);  // every question takes its default
+  MakeSeries(dir + "/g", 6, 24, 16, false);
+  std::vector<int16_t> samples(3000);
+  for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 91);
+  WriteWave(dir + "/tone.wav", 8000, 1, samples);
+  { std::ofstream(dir + "/taken.y4m") << "keep"; }
+  const std::string series = dir + "/g?.png*1-6 ";
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(RunHere(series + dir + "/taken.y4m"), ToolExitNoOverwrite);
+  EXPECT_EQ(RunHere(dir + "/missing.png " + dir + "/m.y4m"), ToolExitInputError);
+  const struct {
+    std::string input, output, switches;
+  } runs[] = {{series, "all.y4m", ""},
+              {dir + "/tone.wav ", "tone.wav", " /R11025 /C2"},
+              {series, "part.y4m", " /S2 /E5 /P444"}};
+  for (const auto& r : runs)
+    EXPECT_EQ(RunHere(r.input + dir + "/here_" + r.output + r.switches), ToolExitDone) << r.output;
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(ReadAll(dir + "/taken.y4m"), "keep");
+  for (const auto& r : runs) {
+    SCOPED_TRACE(r.output);
+    ASSERT_EQ(RunProgram("velmoconv " + r.input + dir + "/own_" + r.output + r.switches), 0);
+    const std::string own = ReadAll(dir + "/own_" + r.output);
+    EXPECT_GT(own.size(), 100u);
+    EXPECT_TRUE(ReadAll(dir + "/here_" + r.output) == own);
+  }
 }
 
 }  // namespace

@@ -64,6 +64,10 @@ struct Seen {
   std::atomic<bool> workerReturned{false};
   int answers[12] = {};
   std::thread::id mainThread;
+  std::vector<int> recordsSeen;  // by each handler call: the run record's id, 0 for none
+  std::vector<int> released;     // the ids of released records, in order
+  size_t callsBeforeRelease = 0;
+  int ticksAtRelease = 0;
 };
 
 Seen* g_seen = nullptr;
@@ -380,6 +384,70 @@ TEST_F(ConsoleShell, TimerTicksOnTheMainThreadUntilStopped) {
   EXPECT_GE(seen.answers[0], 3);
   EXPECT_EQ(seen.answers[0], seen.answers[1]);
   EXPECT_EQ(seen.timerOffMain, 0);
+}
+
+// A tool's run record as the frame carries it from the main routine to the handler and timer.
+struct RunRecord {
+  int id;
+  std::atomic<int> ticks{0};
+};
+
+int RecordHandler(int id, ToolDialog* dialog) {
+  const RunRecord* r = static_cast<const RunRecord*>(ToolFrameState(dialog));
+  g_seen->recordsSeen.push_back(r ? r->id : 0);
+  g_seen->handlerCalls++;
+  return id == ToolIdCancel ? 0 : 1;
+}
+
+void RecordTick(ToolDialog* dialog) {
+  if (RunRecord* r = static_cast<RunRecord*>(ToolFrameState(dialog))) r->ticks++;
+}
+
+void ReleaseRecord(void* state) {
+  RunRecord* r = static_cast<RunRecord*>(state);
+  g_seen->released.push_back(r->id);
+  g_seen->callsBeforeRelease = g_seen->recordsSeen.size();
+  g_seen->ticksAtRelease = r->ticks;
+  delete r;
+}
+
+void WaitForHandlerCalls(int calls) {
+  for (int i = 0; i < 400 && g_seen->handlerCalls < calls; i++) std::this_thread::sleep_for(5ms);
+}
+
+// Presses View before it has a record and once after, ticks until the record saw two ticks,
+// and ends well; the tail is the record's id.
+int RecordingTool(char* tail, ToolDialog* dialog) {
+  ToolFramePostCommand(500);
+  WaitForHandlerCalls(1);
+  RunRecord* r = new RunRecord{std::atoi(tail)};
+  ToolFrameSetState(dialog, r, ReleaseRecord);
+  g_seen->answers[0] = ToolFrameState(dialog) == r;
+  ToolFrameSetTimer(RecordTick, 5);
+  for (int i = 0; i < 400 && r->ticks < 2; i++) std::this_thread::sleep_for(5ms);
+  ToolFrameSetTimer(nullptr, 0);
+  ToolFramePostCommand(500);
+  WaitForHandlerCalls(2);
+  return 0;
+}
+
+// Two runs in turn: each record reaches the timer and every later command, Done after the
+// worker's return included, and is released once after the last; the next run starts with none.
+TEST_F(ConsoleShell, TheRunRecordLastsUntilTheFrameIsDone) {
+  for (const int id : {7, 8}) {
+    SCOPED_TRACE(id);
+    seen.recordsSeen.clear();
+    seen.released.clear();
+    seen.handlerCalls = 0;
+    const auto [code, out] = RunFrame(RecordingTool, RecordHandler, false,
+                                      std::to_string(id).c_str());
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(seen.answers[0], 1);
+    EXPECT_EQ(seen.recordsSeen, (std::vector<int>{0, id, id}));  // View, View, Done
+    EXPECT_EQ(seen.released, std::vector<int>{id});
+    EXPECT_EQ(seen.callsBeforeRelease, 3u);
+    EXPECT_GE(seen.ticksAtRelease, 2);
+  }
 }
 
 // ---- The window front end on a private X server ------------------------------------------

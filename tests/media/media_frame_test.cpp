@@ -67,7 +67,7 @@ TEST_F(FrameTest, ProgressLineCountsSourceFrames) {
   MediaInput* in = Open(SeriesName(4), args);
   ASSERT_NE(in, nullptr);
   ASSERT_TRUE(NextFrame(in));
-  EXPECT_TRUE(Said("Converting frame 2 of 4...", MediaLevelStatus));
+  EXPECT_TRUE(Log.Said("Converting frame 2 of 4...", MediaLevelStatus));
   MediaClose(in);
 }
 
@@ -83,7 +83,7 @@ TEST_F(FrameTest, ListRepeatsLinesAndWalksSeriesLines) {
   EXPECT_STREQ(in->type_name, "List");
   EXPECT_EQ(in->source_frames, 5u);
   EXPECT_EQ(in->output_frames, 5u);
-  EXPECT_TRUE(Said("Opening " + dir / "x.png...", MediaLevelStatus));
+  EXPECT_TRUE(Log.Said("Opening " + dir / "x.png...", MediaLevelStatus));
   EXPECT_EQ(FrameTags(in), Tags({50, 50, 2, 3, 50}));
   MediaClose(in);
 }
@@ -314,7 +314,7 @@ TEST_F(FrameTest, CancelThroughProgress) {
   MediaInput* in = Open(SeriesName(3));
   ASSERT_NE(in, nullptr);
   ASSERT_TRUE(NextFrame(in));
-  Answer = [](const char* text, int) { return strstr(text, " frame ") ? 1 : 0; };
+  Log.answer = [](const char* text, int) { return strstr(text, " frame ") ? 1 : 0; };
   EXPECT_FALSE(NextFrame(in));
   EXPECT_EQ(in->output_index, 1u);  // nothing was read after the cancel
   MediaClose(in);
@@ -405,10 +405,10 @@ TEST_F(CrashTest, FaultingReaderKeepsThePreviousFrameAndWarnsOnce) {
   ASSERT_NE(in, nullptr);
   EXPECT_STREQ(in->type_name, "Test");
   EXPECT_EQ(FrameTags(in), Tags({1, 2, 2, 2, 5}));
-  EXPECT_EQ(CountLevel(MediaLevelWarning), 1);
-  EXPECT_TRUE(Said("Crashed while reading this file (possibly corrupted)!!", MediaLevelWarning));
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Log.Said("Crashed while reading this file (possibly corrupted)!!", MediaLevelWarning));
   int crashLines = 0;
-  for (const Message& m : Messages) crashLines += m.text == "Crash while reading input file...";
+  for (const auto& m : Log.Messages()) crashLines += m.text == "Crash while reading input file...";
   EXPECT_EQ(crashLines, 2);
   MediaClose(in);
 }
@@ -465,6 +465,66 @@ TEST_F(FrameTest, ReadAheadGivesTheSameFramesAsReadingInTurn) {
   MediaReadAheadStop(reader);
   MediaClose(plain);
   MediaClose(ahead);
+}
+
+// ---- Two jobs at once -------------------------------------------------------------------------
+
+std::vector<std::string> Texts(const test_support::ProgressLog& log) {
+  std::vector<std::string> texts;
+  for (const auto& m : log.Messages()) texts.push_back(m.text);
+  return texts;
+}
+
+// Two inputs read side by side, the second on a read-ahead job's thread, each reporting to a
+// log of its own: each log hears its own input's lines and nothing else, and the second job's
+// cancel (its answer to frame 5) stops that job alone.
+TEST_F(FrameTest, TwoInputsReportToTheirOwnSinks) {
+  Series(6);
+  for (int i = 1; i <= 6; ++i)
+    ASSERT_TRUE(WritePng(dir / ("g00" + std::to_string(i) + ".png"), 8, 6, uint32_t(10 + i)));
+  WriteText(dir / "a.lst", "f???.png*1-3\nf???.png*4-6\n");
+  test_support::ProgressLog first, second;
+  second.answer = [](const char* text, int) { return text && strstr(text, "frame 5 of") ? 1 : 0; };
+  MediaOpenArgs a{};
+  a.title = "Converting";
+  a.progress = first.Sink();
+  MediaOpenArgs b{};
+  b.title = "Reading";
+  b.start = 3;
+  b.progress = second.Sink();
+  MediaInput* one = MediaOpenWith((dir / "a.lst").c_str(), &a);
+  MediaInput* two = MediaOpenWith((dir / "g???.png*1-6").c_str(), &b);
+  ASSERT_NE(one, nullptr);
+  ASSERT_NE(two, nullptr);
+  MediaReadAhead* ahead = MediaReadAheadStart(two, &MediaNoFilters);
+  ASSERT_NE(ahead, nullptr);
+
+  std::vector<uint32_t> tagsOne, tagsTwo;
+  bool twoGoes = true, twoEnded = false;
+  while (!one->at_end) {
+    ASSERT_TRUE(NextFrame(one));
+    tagsOne.push_back((OutPixel(one, 0, 0) >> 16) & 255);
+    if (!twoGoes || twoEnded) continue;
+    const uint8_t* pixels = nullptr;
+    twoGoes = MediaReadAheadNext(ahead, &pixels, &twoEnded);
+    if (twoGoes) tagsTwo.push_back((reinterpret_cast<const uint32_t*>(pixels)[0] >> 16) & 255);
+  }
+  MediaReadAheadStop(ahead);
+  MediaClose(two);
+  MediaClose(one);
+
+  EXPECT_EQ(tagsOne, Tags({1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(tagsTwo, Tags({13, 14}));
+  EXPECT_FALSE(twoGoes);
+  std::vector<std::string> saidFirst, saidSecond;
+  for (int i = 1; i <= 6; ++i) {
+    saidFirst.push_back("Opening " + dir / ("f00" + std::to_string(i) + ".png..."));
+    saidSecond.push_back("Opening " + dir / ("g00" + std::to_string(i) + ".png..."));
+  }
+  for (int i = 1; i <= 6; ++i) saidFirst.push_back("Converting frame " + std::to_string(i) + " of 6...");
+  for (int i = 3; i <= 5; ++i) saidSecond.push_back("Reading frame " + std::to_string(i) + " of 6...");
+  EXPECT_EQ(Texts(first), saidFirst);
+  EXPECT_EQ(Texts(second), saidSecond);
 }
 
 }  // namespace

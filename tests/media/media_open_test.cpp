@@ -114,7 +114,7 @@ TEST_F(OpenTest, VelmoHeaderGivesSizesRateAndFrames) {
   file.Rate = 24;
   sound_test::WriteBytes(dir / "clip.vlm", velmo_test::BuildFile(file));
   MediaInput* in = Open(dir / "clip.vlm");
-  ASSERT_NE(in, nullptr) << (Messages.empty() ? "" : Messages.back().text);
+  ASSERT_NE(in, nullptr) << (Log.Messages().empty() ? "" : Log.Messages().back().text);
   EXPECT_EQ(in->type, MediaTypeVelmo);
   EXPECT_STREQ(in->type_name, "Velmo 1");
   EXPECT_EQ(in->source_width, 32u);
@@ -205,15 +205,15 @@ TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
       {"bad.vlm", 0, "Error opening: " + dir / "bad.vlm"},
   };
   for (const Case& c : cases) {
-    Messages.clear();
+    Log.Clear();
     MediaOpenArgs args{};
     args.flags = c.flags;
     EXPECT_EQ(Open(dir / c.name, args), nullptr) << c.name;
     if (!c.said.empty()) {
-      EXPECT_TRUE(Said(c.said, MediaLevelError)) << c.name;
+      EXPECT_TRUE(Log.Said(c.said, MediaLevelError)) << c.name;
     }
     bool reasonGiven = false;
-    for (const Message& m : Messages)
+    for (const auto& m : Log.Messages())
       if (m.level == MediaLevelError && m.text.find("\n\n") != std::string::npos)
         reasonGiven = m.text.size() > m.text.find("\n\n") + 2;
     if (c.reason) EXPECT_TRUE(reasonGiven) << c.name;
@@ -416,7 +416,7 @@ TEST_F(OpenTest, StillsAfterTheFirstEntryAreCountedWithoutOpening) {
 TEST_F(OpenTest, CancelWhileOpeningAList) {
   ASSERT_TRUE(WritePng(dir / "a.png", 8, 6, 1));
   WriteText(dir / "l.lst", "a.png\na.png\n");
-  Answer = [](const char* text, int) { return strncmp(text, "Opening", 7) == 0 ? 1 : 0; };
+  Log.answer = [](const char* text, int) { return strncmp(text, "Opening", 7) == 0 ? 1 : 0; };
   EXPECT_EQ(Open(dir / "l.lst"), nullptr);
 }
 
@@ -436,24 +436,24 @@ TEST_F(OpenTest, SingleNumberedNameBecomesItsSeriesWhenTheAnswerIsYes) {
   Series(5);
   MediaOpenArgs args{};
   args.flags = MediaOpenAskSequence;
-  Answer = [](const char*, int level) { return level == MediaLevelQuestion ? 1 : 0; };
+  Log.answer = [](const char*, int level) { return level == MediaLevelQuestion ? 1 : 0; };
   MediaInput* in = Open(dir / "f003.png", args);
   ASSERT_NE(in, nullptr);
   EXPECT_EQ(in->type, MediaTypeList);
   EXPECT_EQ(in->output_frames, 5u);
-  EXPECT_TRUE(Said("appears to be part of a sequence of files (1 to 5)", MediaLevelQuestion));
+  EXPECT_TRUE(Log.Said("appears to be part of a sequence of files (1 to 5)", MediaLevelQuestion));
   MediaClose(in);
 
-  Answer = nullptr;  // no: the single file
+  Log.answer = nullptr;  // no: the single file
   in = Open(dir / "f003.png", args);
   ASSERT_NE(in, nullptr);
   EXPECT_EQ(in->type, MediaTypePng);
   MediaClose(in);
 
-  Messages.clear();  // without the flag nobody is asked
+  Log.Clear();  // without the flag nobody is asked
   in = Open(dir / "f003.png");
   ASSERT_NE(in, nullptr);
-  EXPECT_EQ(CountLevel(MediaLevelQuestion), 0);
+  EXPECT_EQ(Log.CountLevel(MediaLevelQuestion), 0);
   MediaClose(in);
 }
 
@@ -461,8 +461,8 @@ TEST_F(OpenTest, AskSequenceLeavesLoneFilesAlone) {
   ASSERT_TRUE(WritePng(dir / "shot7.png", 4, 4, 1));
   char name[MediaNameBytes];
   snprintf(name, sizeof name, "%s", (dir / "shot7.png").c_str());
-  EXPECT_FALSE(MediaAskSequence(name, sizeof name, Record));
-  EXPECT_EQ(CountLevel(MediaLevelQuestion), 0);
+  EXPECT_FALSE(MediaAskSequence(name, sizeof name, Log.Sink()));
+  EXPECT_EQ(Log.CountLevel(MediaLevelQuestion), 0);
   EXPECT_EQ(std::string(name), dir / "shot7.png");
 }
 

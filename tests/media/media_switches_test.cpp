@@ -130,7 +130,7 @@ TEST(MediaSwitches, OpenArgumentsFollowTheSwitches) {
   EXPECT_EQ(a.crop_x, 2);
   EXPECT_EQ(a.start, 3);
   EXPECT_EQ(a.palette_file, nullptr);
-  EXPECT_EQ(a.progress, nullptr);
+  EXPECT_EQ(a.progress.fn, nullptr);
 }
 
 }  // namespace

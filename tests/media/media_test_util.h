@@ -1,5 +1,5 @@
 // Helpers for the media layer's tests: a temporary folder, pictures written with the image file
-// library, and a progress sink that records what it is told and answers as a test wants.
+// library, and the log that the test's inputs report to.
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "imagefile/imagefile.h"
 #include "media/media.h"
+#include "support/progress_log.h"
 
 namespace media_test {
 
@@ -64,45 +64,16 @@ inline void WriteText(const std::string& name, const std::string& text) {
   fclose(f);
 }
 
-// The progress sink: every message is kept; `answer` decides the reply.
-struct Message {
-  std::string text;
-  int level;
-};
-
-inline std::vector<Message> Messages;
-inline int (*Answer)(const char* text, int level) = nullptr;
-// Read-ahead jobs report from their own thread while the test thread reads
-// frames, so every addition to the record is made under this lock.
-inline std::mutex MessagesLock;
-
-inline int Record(const char* text, int level) {
-  {
-    std::lock_guard<std::mutex> hold(MessagesLock);
-    Messages.push_back({text ? text : "", level});
-  }
-  return Answer ? Answer(text, level) : 0;
-}
-
-inline int CountLevel(int level) {
-  int n = 0;
-  for (const Message& m : Messages) n += m.level == level;
-  return n;
-}
-
-inline bool Said(const std::string& part, int level) {
-  for (const Message& m : Messages)
-    if (m.level == level && m.text.find(part) != std::string::npos) return true;
-  return false;
-}
+// What the inputs that Open opens were told; its `answer` decides the replies.
+inline test_support::ProgressLog Log;
 
 class MediaTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Messages.clear();
-    Answer = nullptr;
+    Log.Clear();
+    Log.answer = nullptr;
   }
-  void TearDown() override { Answer = nullptr; }
+  void TearDown() override { Log.answer = nullptr; }
   // A numbered PNG series f001.png .. f<count>.png, each tagged with its number.
   void Series(int count, int width = 8, int height = 6) {
     for (int i = 1; i <= count; ++i) {
@@ -115,9 +86,9 @@ class MediaTest : public ::testing::Test {
   TempDir dir;
 };
 
-// Opens with all arguments from a record whose progress is the recording sink.
+// Opens with all arguments from a record whose progress goes to Log.
 inline MediaInput* Open(const std::string& name, MediaOpenArgs args = {}) {
-  args.progress = Record;
+  args.progress = Log.Sink();
   return MediaOpenWith(name.c_str(), &args);
 }
 

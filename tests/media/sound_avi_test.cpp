@@ -110,7 +110,7 @@ TEST(SoundAvi, RangesStartAndEndInsideChunks) {
   for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = static_cast<int16_t>(i % 2 ? -int(i / 2) : int(i / 2));
   const std::string name = dir / "r.avi";
   WriteBytes(name, AviFile(Shape(AviSpec::kIdx1, {{WaveFormat(1, 2, 1000, 16), Split(Pcm16(ramp), {1000, 444})}})));
-  SoundInput* sound = SoundOpen(name.c_str(), 0, 16, 0, 250, 1300, 0, 0, 0, nullptr);
+  SoundInput* sound = SoundOpen(name.c_str(), 0, 16, 0, 250, 1300, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->total_bytes, 1050u * 4);
   std::vector<int16_t> out = As16(ReadAll(sound, 700));
@@ -125,11 +125,11 @@ TEST(SoundAvi, RangesStartAndEndInsideChunks) {
   EXPECT_EQ(out[2], 251);
   SoundClose(sound);
   // A start past the end leaves nothing; an end past it reads to the end.
-  sound = SoundOpen(name.c_str(), 0, 16, 0, 5000, 0, 0, 0, 0, nullptr);
+  sound = SoundOpen(name.c_str(), 0, 16, 0, 5000, 0, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->total_bytes, 0u);
   SoundClose(sound);
-  sound = SoundOpen(name.c_str(), 0, 16, 1, 1990, 9000, 0, 0, 0, nullptr);
+  sound = SoundOpen(name.c_str(), 0, 16, 1, 1990, 9000, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   out = As16(ReadAll(sound));
   ASSERT_EQ(out.size(), 10u);

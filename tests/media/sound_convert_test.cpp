@@ -212,10 +212,11 @@ double LoudestRun(const std::vector<int16_t>& v) {
   return loudest;
 }
 
-std::vector<std::string> Said;
-int Record(const char* text, int level) {
-  Said.push_back(std::to_string(level) + ":" + (text ? text : ""));
-  return 0;
+// What a sound reported, as "level:text" lines.
+std::vector<std::string> Said(const test_support::ProgressLog& log) {
+  std::vector<std::string> lines;
+  for (const auto& m : log.Messages()) lines.push_back(std::to_string(m.level) + ":" + m.text);
+  return lines;
 }
 
 TEST(SoundNormalise, OneHundredAndSixteenBitsIsOnePercentOfFullScaleInSixteenBits) {
@@ -224,12 +225,12 @@ TEST(SoundNormalise, OneHundredAndSixteenBitsIsOnePercentOfFullScaleInSixteenBit
   for (size_t i = 0; i < tone.size(); ++i)
     tone[i] = static_cast<int16_t>(std::lround(9000 * std::sin(i * 0.05) * (i < 1500 ? 0.3 : 1.0)));
   WriteWave16(dir / "t.wav", 22050, 1, tone);
-  Said.clear();
-  SoundInput* sound = SoundOpen((dir / "t.wav").c_str(), 0, 116, 0, 0, 0, 0, 0, 0, Record);
+  test_support::ProgressLog log;
+  SoundInput* sound = SoundOpen((dir / "t.wav").c_str(), 0, 116, 0, 0, 0, 0, 0, 0, log.Sink());
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->bits, 16u);
-  ASSERT_FALSE(Said.empty());
-  EXPECT_EQ(Said[0], "0:Normalizing audio...");
+  ASSERT_FALSE(Said(log).empty());
+  EXPECT_EQ(Said(log)[0], "0:Normalizing audio...");
   const std::vector<int16_t> out = As16(ReadAll(sound));
   SoundClose(sound);
   ASSERT_EQ(out.size(), tone.size());
@@ -240,7 +241,7 @@ TEST(SoundNormalise, OneHundredAndSixteenBitsIsOnePercentOfFullScaleInSixteenBit
   EXPECT_NEAR(LoudestRun(quiet) / LoudestRun(loud), 0.3, 0.02);
 
   // Fifty percent in 8 bits: the loudest run comes to half of full scale.
-  sound = SoundOpen((dir / "t.wav").c_str(), 0, 5008, 0, 0, 0, 0, 0, 0, nullptr);
+  sound = SoundOpen((dir / "t.wav").c_str(), 0, 5008, 0, 0, 0, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->bits, 8u);
   const std::vector<uint8_t> narrow = ReadAll(sound);
@@ -275,7 +276,7 @@ TEST(SoundRange, StartAndEndInMillisecondsPickTheSourceSpan) {
   } cases[] = {{0, 100, 250, 150, 100, 249}, {2000, 1500, 9000, 1000, 1500, 1999}, {0, 900, 300, 0, 0, 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.start << " to " << c.end << " ms");
-    SoundInput* sound = SoundOpen((dir / "i.wav").c_str(), c.rate, 16, 0, c.start, c.end, 0, 0, 0, nullptr);
+    SoundInput* sound = SoundOpen((dir / "i.wav").c_str(), c.rate, 16, 0, c.start, c.end, 0, 0, 0, {});
     ASSERT_NE(sound, nullptr);
     EXPECT_EQ(sound->total_bytes, c.count * 2);
     const std::vector<int16_t> out = As16(ReadAll(sound, 64));
@@ -298,7 +299,7 @@ TEST(SoundRaw, ForcedTypeRateAndSkip) {
   file.push_back(0x55);  // half a sample at the end
   WriteBytes(dir / "s.raw", file);
   const uint32_t force = 4 + 16000 * 8 - 1;  // 16-bit stereo at 16000 Hz
-  SoundInput* sound = SoundOpen((dir / "s.raw").c_str(), 0, 0, 0, 0, 0, 0, force, 37, nullptr);
+  SoundInput* sound = SoundOpen((dir / "s.raw").c_str(), 0, 0, 0, 0, 0, 0, force, 37, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->source_rate, 16000u);
   EXPECT_EQ(sound->channels, 2u);
@@ -307,7 +308,7 @@ TEST(SoundRaw, ForcedTypeRateAndSkip) {
   SoundClose(sound);
 
   // The same bytes as 8-bit mono: every byte one sample; a raw type needs no wave header.
-  sound = SoundOpen((dir / "s.raw").c_str(), 0, 0, 0, 0, 0, 0, 1 + 8000 * 8 - 1, 0, nullptr);
+  sound = SoundOpen((dir / "s.raw").c_str(), 0, 0, 0, 0, 0, 0, 1 + 8000 * 8 - 1, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->bits, 8u);
   EXPECT_EQ(sound->channels, 1u);
@@ -316,29 +317,28 @@ TEST(SoundRaw, ForcedTypeRateAndSkip) {
 
   // A wave file under a forced raw type is read as raw bytes, header and all.
   WriteWave16(dir / "w.wav", 8000, 1, values);
-  sound = SoundOpen((dir / "w.wav").c_str(), 0, 0, 0, 0, 0, 0, 3 + 8000 * 8 - 1, 0, nullptr);
+  sound = SoundOpen((dir / "w.wav").c_str(), 0, 0, 0, 0, 0, 0, 3 + 8000 * 8 - 1, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_GT(sound->total_bytes, values.size() * 2);
   SoundClose(sound);
   // Type 0 and types over 4 are no raw types.
-  EXPECT_EQ(SoundOpen((dir / "s.raw").c_str(), 0, 0, 0, 0, 0, 0, 5 + 8000 * 8 - 1, 0, nullptr), nullptr);
+  EXPECT_EQ(SoundOpen((dir / "s.raw").c_str(), 0, 0, 0, 0, 0, 0, 5 + 8000 * 8 - 1, 0, {}), nullptr);
 }
 
 TEST(SoundRead, RewindRepeatsAndProgressStartsAStepOnce) {
   TempDir dir;
   const std::vector<int16_t> values = Noise(1000, 17);
   WriteWave16(dir / "p.wav", 8000, 1, values);
-  Said.clear();
-  SoundInput* sound = SoundOpen((dir / "p.wav").c_str(), 16000, 16, 0, 0, 0, 0, 0, 0, Record);
+  test_support::ProgressLog log;
+  SoundInput* sound = SoundOpen((dir / "p.wav").c_str(), 16000, 16, 0, 0, 0, 0, 0, 0, log.Sink());
   ASSERT_NE(sound, nullptr);
   std::vector<uint8_t> half(2000);
   ASSERT_EQ(SoundRead(sound, half.data(), 2001), 2000u);  // rounded down to whole samples
   const std::vector<uint8_t> rest = ReadAll(sound, 1000);
-  ASSERT_EQ(Said.size(), 4u);
-  EXPECT_EQ(Said[0], "1:Processing sound data (0%)...");
-  EXPECT_EQ(Said[1], "0:Processing sound data (50%)...");
-  EXPECT_EQ(Said[2], "0:Processing sound data (75%)...");
-  EXPECT_EQ(Said[3], "0:Processing sound data (100%)...");
+  EXPECT_EQ(Said(log), (std::vector<std::string>{"1:Processing sound data (0%)...",
+                                                 "0:Processing sound data (50%)...",
+                                                 "0:Processing sound data (75%)...",
+                                                 "0:Processing sound data (100%)..."}));
   EXPECT_EQ(SoundRead(sound, half.data(), 2000), 0u);
 
   SoundRewind(sound);

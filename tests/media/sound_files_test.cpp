@@ -72,7 +72,7 @@ TEST(SoundList, LineRangesAndAStartInsideTheSecondEntry) {
   // 350 ms in: the first entry (100 ms) is passed over, the second opens 250 ms in; the end
   // lands in the third.
   SoundInput* sound =
-      SoundOpen((dir / "r.lst").c_str(), 0, 16, 0, 350, 1120, 0, 0, 0, nullptr);
+      SoundOpen((dir / "r.lst").c_str(), 0, 16, 0, 350, 1120, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   out = As16(ReadAll(sound));
   ASSERT_EQ(out.size(), 770u);
@@ -117,7 +117,7 @@ TEST(SoundList, ARawTypeAppliesToEveryEntry) {
   WriteBytes(dir / "b.raw", fb);
   WriteText(dir / "r.lst", "a.raw\nb.raw\n");
   const uint32_t force = 4 + 8000 * 8 - 1;
-  SoundInput* sound = SoundOpen((dir / "r.lst").c_str(), 0, 0, 0, 0, 0, 0, force, 6, nullptr);
+  SoundInput* sound = SoundOpen((dir / "r.lst").c_str(), 0, 0, 0, 0, 0, 0, force, 6, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->rate, 8000u);
   std::vector<int16_t> joined = a;
@@ -136,7 +136,7 @@ TEST(SoundDamaged, EveryTruncationOpensSafelyOrNotAtAll) {
   const std::vector<uint8_t> whole = Wave(w, Pcm16(Noise(200, 4)));
   for (size_t size = 0; size <= whole.size(); size += (size < 80 ? 1 : 37)) {
     WriteBytes(dir / "t.wav", std::vector<uint8_t>(whole.begin(), whole.begin() + size));
-    SoundInput* sound = SoundOpen((dir / "t.wav").c_str(), 44100, 8, 1, 0, 0, 0, 0, 0, nullptr);
+    SoundInput* sound = SoundOpen((dir / "t.wav").c_str(), 44100, 8, 1, 0, 0, 0, 0, 0, {});
     if (!sound) continue;
     // A data chunk cut short holds what is there, in whole samples.
     const size_t header = whole.size() - 400;  // 200 values of two bytes
@@ -245,7 +245,7 @@ TEST(SoundFlac, SixteenBitStereoRoundTripWithRange) {
   EXPECT_EQ(As16(ReadAll(sound, 1234)), values);
   SoundClose(sound);
   // 250 ms in (a seek into the middle of a frame), 100 ms long.
-  sound = SoundOpen((dir / "s.flac").c_str(), 0, 16, 0, 250, 350, 0, 0, 0, nullptr);
+  sound = SoundOpen((dir / "s.flac").c_str(), 0, 16, 0, 250, 350, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   const std::vector<int16_t> part = As16(ReadAll(sound));
   SoundClose(sound);
@@ -382,7 +382,7 @@ TEST(SoundVorbis, StereoToneRoundTripKeepsLengthAndShape) {
   EXPECT_LT(error / power, 0.01);  // better than 20 dB signal to noise
 
   // Mono at 11025 Hz from a 500 ms start: the range seeks within the stream.
-  sound = SoundOpen((dir / "t.ogg").c_str(), 11025, 16, 1, 250, 0, 0, 0, 0, nullptr);
+  sound = SoundOpen((dir / "t.ogg").c_str(), 11025, 16, 1, 250, 0, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(As16(ReadAll(sound)).size(), (count - rate / 4) / 2);
   SoundClose(sound);
@@ -422,7 +422,7 @@ class SoundVelmo : public ::testing::Test {
 TEST_F(SoundVelmo, EachTrackReadsAsTheCodecDecodesIt) {
   for (uint32_t track = 0; track < 2; ++track) {
     SCOPED_TRACE(track);
-    SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 0, 0, 0, 0, 0, track, 0, 0, nullptr);
+    SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 0, 0, 0, 0, 0, track, 0, 0, {});
     ASSERT_NE(sound, nullptr);
     EXPECT_EQ(sound->kind, SoundKindVelmo);
     EXPECT_EQ(sound->source_rate, track == 0 ? 22050u : 16000u);
@@ -436,12 +436,12 @@ TEST_F(SoundVelmo, EachTrackReadsAsTheCodecDecodesIt) {
     EXPECT_TRUE(ReadAll(sound) == expected);
     SoundClose(sound);
   }
-  EXPECT_EQ(SoundOpen((dir_ / "s.vlm").c_str(), 0, 0, 0, 0, 0, 2, 0, 0, nullptr), nullptr);
+  EXPECT_EQ(SoundOpen((dir_ / "s.vlm").c_str(), 0, 0, 0, 0, 0, 2, 0, 0, {}), nullptr);
 }
 
 TEST_F(SoundVelmo, RangeAndConversionApply) {
   const std::vector<int16_t> all = sound_test::As16(Decoded(1));  // mono, 16000 Hz
-  SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 8000, 16, 2, 100, 300, 1, 0, 0, nullptr);
+  SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 8000, 16, 2, 100, 300, 1, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   const std::vector<int16_t> out = sound_test::As16(ReadAll(sound));
   SoundClose(sound);
@@ -457,7 +457,7 @@ TEST_F(SoundVelmo, DamagedFilesOpenNotOrEndEarly) {
   const std::vector<uint8_t>& whole = file_.File;
   for (size_t cut : {size_t(3), size_t(64), whole.size() / 3, whole.size() - 5}) {
     WriteBytes(dir_ / "c.vlm", std::vector<uint8_t>(whole.begin(), whole.begin() + cut));
-    SoundInput* sound = SoundOpen((dir_ / "c.vlm").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, nullptr);
+    SoundInput* sound = SoundOpen((dir_ / "c.vlm").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, {});
     if (!sound) continue;
     EXPECT_LE(ReadAll(sound).size(), Decoded(0).size()) << cut;
     SoundClose(sound);

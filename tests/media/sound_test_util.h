@@ -105,7 +105,7 @@ inline std::vector<int16_t> As16(const std::vector<uint8_t>& bytes) {
 // Opens with only the format arguments given.
 inline SoundInput* Open(const std::string& name, uint32_t rate = 0, uint32_t bits = 0,
                         uint32_t channels = 0) {
-  return SoundOpen(name.c_str(), rate, bits, channels, 0, 0, 0, 0, 0, nullptr);
+  return SoundOpen(name.c_str(), rate, bits, channels, 0, 0, 0, 0, 0, {});
 }
 
 inline std::vector<int16_t> ReadAll16(const std::string& name, uint32_t rate = 0,

@@ -103,7 +103,7 @@ TEST_F(OrnFileInfo, AviFrameSizesOverOneSecondWindows) {
   options.codec = OutputCodecRaw;
   options.jpeg_level = 90;
   OutputWriter* out =
-      OutputOpen(name.c_str(), frames, 5, 1, w, h, w, nullptr, OutputFlagPromptDone, &options);
+      OutputOpen(name.c_str(), frames, 5, 1, w, h, w, {}, OutputFlagPromptDone, &options);
   ASSERT_TRUE(out);
   std::vector<uint32_t> pixels(size_t(w) * h, 0xFF336699u);
   for (int f = 0; f < frames; ++f) ASSERT_EQ(OutputWriteFrame(out, pixels.data(), nullptr), 1);
@@ -228,9 +228,9 @@ TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
   // Two tracks laid in by the mixer: id 7 mono at 11025 Hz, then id 2 stereo at 22050 Hz.
   WriteWave(dir + "/mono.wav", 1, 1, 11025, 16);
   WriteWave(dir + "/stereo.wav", 1, 2, 22050, 16);
-  SoundInput* mono = SoundOpen((dir + "/mono.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+  SoundInput* mono = SoundOpen((dir + "/mono.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   SoundInput* stereo =
-      SoundOpen((dir + "/stereo.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, nullptr);
+      SoundOpen((dir + "/stereo.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   ASSERT_TRUE(mono && stereo);
   const VelmoMixTrack tracks[2] = {{7, 11025, 16, 1, 4, mono, ReadSoundInput},
                                    {2, 22050, 16, 2, 4, stereo, ReadSoundInput}};

@@ -47,22 +47,52 @@ const char SwitchListText[] =
 const char CaptionSuffix[] = "Velmo Video Compressor";
 const char TextDiskFull[] = "Error writing to disk - probably out of disk space.";
 
-// ---- Run state shared with the timer and the dialog ------------------------------------------
+// ---- The run record, shared with the timer and the dialog -----------------------------------
 
-volatile int g_finished = 0;
-volatile uint32_t g_cancel = 0;
-VelmoWriter* volatile g_writer = nullptr;
-volatile uint32_t g_tickBusy = 0;
-uint32_t g_runFrames = 0, g_skipped = 0, g_startMs = 0, g_lastElapsedMs = 0;
-uint32_t g_shownFrames = ~0u;
-uint64_t g_shownSize = ~0ull, g_inputBytesPerFrame = 0;
-uint64_t g_inputSoundBytes = 0;  // the sound's 16-bit bytes, counted in with the input's size
-uint32_t g_progressShift = 0;
-std::string g_lastStatus;
+// One compression: the settings, the input and output, and what the timer tick and the
+// dialog's buttons read while the frame loop runs. The main routine makes it and hands it to
+// the dialog, which keeps it until the run is over; the media layer's and the writer's
+// messages carry it as their context.
+struct Run {
+  VelmocSettings s;
+  const VelmocSourceOps* ops = nullptr;
+  VelmocSource* source = nullptr;
+  VelmocSourceInfo info{};
+  VelmocHints hints;
+  VelmoWriter* writer = nullptr;
+  VelmoFrameLoop* loop = nullptr;
+  // The sound track, when the input has sound and /L asks for it. The writer frees the
+  // track's encoder at its close; whatever is left is freed by CloseSound, after the writer is
+  // gone.
+  SoundInput* sound = nullptr;
+  VelmoWriterTrack track{};
+  uint32_t trackCount = 0;
 
-void SetStatus(const char* text) {
-  if (g_lastStatus == text) return;
-  g_lastStatus = text;
+  volatile int finished = 0;
+  volatile uint32_t cancel = 0;
+  VelmoWriter* volatile liveWriter = nullptr;  // the writer while frames go in (tick, View)
+  volatile uint32_t tickBusy = 0;
+  uint32_t runFrames = 0, skipped = 0, startMs = 0, lastElapsedMs = 0;
+  uint32_t shownFrames = ~0u;
+  uint64_t shownSize = ~0ull, inputBytesPerFrame = 0;
+  uint64_t inputSoundBytes = 0;  // the sound's 16-bit bytes, counted in with the input's size
+  uint32_t progressShift = 0;
+  std::string lastStatus;
+  char mediaError[1024] = "";  // the media layer's error, kept for the open failure's box
+
+  void CloseSound() {
+    VelmoWriterTrackEnd(&track);
+    if (sound) SoundClose(sound);
+    sound = nullptr;
+  }
+  ~Run() { CloseSound(); }
+};
+
+Run* RunOf(ToolDialog* dialog) { return static_cast<Run*>(ToolFrameState(dialog)); }
+
+void SetStatus(Run& r, const char* text) {
+  if (r.lastStatus == text) return;
+  r.lastStatus = text;
   ToolFrameSetText(ToolIdStatus, text);
 }
 
@@ -71,28 +101,30 @@ void FormatTime(uint32_t ms, char* out, size_t size) {
   std::snprintf(out, size, "%u:%02u:%02u", s / 3600, s / 60 % 60, s % 60);
 }
 
-void ProgressTick(ToolDialog*) {
-  AtomicAdd(&g_tickBusy, 1);
-  VelmoWriter* w = g_writer;
-  if (w && !g_finished) {
+void ProgressTick(ToolDialog* dialog) {
+  Run* r = RunOf(dialog);
+  if (!r) return;
+  AtomicAdd(&r->tickBusy, 1);
+  VelmoWriter* w = r->liveWriter;
+  if (w && !r->finished) {
     char text[256], t[64];
-    const uint32_t now = TimerMs(), elapsed = now - g_startMs;
-    if (now - g_lastElapsedMs >= 1500) {
-      g_lastElapsedMs = now;
+    const uint32_t now = TimerMs(), elapsed = now - r->startMs;
+    if (now - r->lastElapsedMs >= 1500) {
+      r->lastElapsedMs = now;
       FormatTime(elapsed, t, sizeof t);
       ToolFrameSetText(VelmocIdElapsed, t);
     }
-    const uint32_t done = w->FramesWritten;
-    if (done != g_shownFrames && done) {
-      g_shownFrames = done;
-      const uint32_t percent = uint32_t(uint64_t(done) * 100 / std::max(g_runFrames, 1u));
-      std::snprintf(text, sizeof text, "Processing %u of %u (%u%%)...", done + g_skipped,
-                    g_runFrames + g_skipped, percent);
-      SetStatus(text);
+    const uint32_t done = w->FramesWritten, runFrames = r->runFrames;
+    if (done != r->shownFrames && done) {
+      r->shownFrames = done;
+      const uint32_t percent = uint32_t(uint64_t(done) * 100 / std::max(runFrames, 1u));
+      std::snprintf(text, sizeof text, "Processing %u of %u (%u%%)...", done + r->skipped,
+                    runFrames + r->skipped, percent);
+      SetStatus(*r, text);
       std::snprintf(text, sizeof text, "%u%% - %s", percent, CaptionSuffix);
       ToolFrameSetCaption(text);
-      ToolFrameSetProgress(ToolIdProgress, int(done >> g_progressShift));
-      FormatTime(uint32_t(uint64_t(elapsed) * (g_runFrames - std::min(done, g_runFrames)) / done), t,
+      ToolFrameSetProgress(ToolIdProgress, int(done >> r->progressShift));
+      FormatTime(uint32_t(uint64_t(elapsed) * (runFrames - std::min(done, runFrames)) / done), t,
                  sizeof t);
       ToolFrameSetText(VelmocIdRemaining, t);
       if (w->TrackCount) {
@@ -105,27 +137,29 @@ void ProgressTick(ToolDialog*) {
       }
     }
     const uint64_t size = w->FileSize;
-    if (size != g_shownSize && done) {
-      g_shownSize = size;
-      const uint64_t projected = size * g_runFrames / done;
-      const uint64_t input = g_inputBytesPerFrame * g_runFrames + g_inputSoundBytes;
+    if (size != r->shownSize && done) {
+      r->shownSize = size;
+      const uint64_t projected = size * runFrames / done;
+      const uint64_t input = r->inputBytesPerFrame * runFrames + r->inputSoundBytes;
       const uint64_t ratio10 = projected ? input * 10 / projected : 0;
       std::snprintf(text, sizeof text, "Projecting: %llu bytes (%llu.%01llu to 1)",
                     (unsigned long long)projected, (unsigned long long)(ratio10 / 10),
                     (unsigned long long)(ratio10 % 10));
       ToolFrameSetText(VelmocIdProjected, text);
       const uint64_t rate = w->TotalFrames ? projected * w->FrameRateNumerator /
-                                                 (uint64_t(g_runFrames) * w->FrameRateDenominator)
+                                                 (uint64_t(runFrames) * w->FrameRateDenominator)
                                            : 0;
       std::snprintf(text, sizeof text, "%llu bytes per second", (unsigned long long)rate);
       ToolFrameSetText(VelmocIdRate, text);
     }
   }
-  AtomicAdd(&g_tickBusy, -1);
+  AtomicAdd(&r->tickBusy, -1);
 }
 
+// The writer's messages; its user data is the run.
 int WriterProgress(uint32_t kind, VelmoWriter* w, const char* text) {
-  const uint32_t graphics = w && w->UserData ? *static_cast<const uint32_t*>(w->UserData) : 0;
+  Run& r = *static_cast<Run*>(w->UserData);
+  const uint32_t graphics = r.s.Graphics;
   if (kind == VelmoProgressMessage) {
     if (text[0] == '@') {
       if ((graphics / 10000) % 10 & 1) return 0;
@@ -135,31 +169,30 @@ int WriterProgress(uint32_t kind, VelmoWriter* w, const char* text) {
     return 0;
   }
   char line[256];
-  if (w && w->ProgressFrame < w->TotalFrames)
-    std::snprintf(line, sizeof line, "%s frame %u...", text, w->ProgressFrame + 1 + g_skipped);
+  if (w->ProgressFrame < w->TotalFrames)
+    std::snprintf(line, sizeof line, "%s frame %u...", text, w->ProgressFrame + 1 + r.skipped);
   else
     std::snprintf(line, sizeof line, "%s...", text);
-  SetStatus(line);
-  return g_cancel ? 1 : 0;
+  SetStatus(r, line);
+  return r.cancel ? 1 : 0;
 }
 
 // The media layer's messages: status lines, errors (kept for the open failure's box),
 // warnings, and yes/no questions such as "Treat as sequence?" (Yes is the default answer).
-char g_mediaError[1024] = "";
-
-int MediaProgress(const char* text, int level) {
+int MediaProgress(void* context, const char* text, int level) {
+  Run& r = *static_cast<Run*>(context);
   if (level == MediaLevelCancel) return 1;
-  if (!text) return g_cancel ? 1 : 0;
+  if (!text) return r.cancel ? 1 : 0;
   if (level == MediaLevelQuestion) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
   if (level == MediaLevelError) {
-    std::snprintf(g_mediaError, sizeof g_mediaError, "%s", text);
+    std::snprintf(r.mediaError, sizeof r.mediaError, "%s", text);
     return 1;
   }
   if (text[0] == '@') text++;
   // The read job calls this from its own thread: the status goes straight to the dialog.
   if (level == MediaLevelWarning) ToolFrameTell(text, 0);
   else ToolFrameSetText(ToolIdStatus, text);
-  return g_cancel ? 1 : 0;
+  return r.cancel ? 1 : 0;
 }
 
 bool FileExists(const char* name) {
@@ -441,40 +474,10 @@ bool VelmocLoadHints(const char* path, uint32_t runStart, uint32_t runFrames, ui
 
 namespace {
 
-struct Run {
-  VelmocSettings s;
-  const VelmocSourceOps* ops = nullptr;
-  VelmocSource* source = nullptr;
-  VelmocSourceInfo info{};
-  VelmocHints hints;
-  VelmoWriter* writer = nullptr;
-  VelmoFrameLoop* loop = nullptr;
-  // The sound track, when the input has sound and /L asks for it. The writer frees the
-  // track's encoder at its close; whatever is left is freed here, after the writer is gone.
-  SoundInput* sound = nullptr;
-  VelmoWriterTrack track{};
-  uint32_t trackCount = 0;
-  ~Run() {
-    VelmoWriterTrackEnd(&track);
-    if (sound) SoundClose(sound);
-  }
-};
-
-void ResetRunState() {
-  g_finished = 0;
-  g_cancel = 0;
-  g_writer = nullptr;
-  g_shownFrames = ~0u;
-  g_shownSize = ~0ull;
-  g_lastStatus.clear();
-  g_mediaError[0] = 0;
-  g_startMs = g_lastElapsedMs = TimerMs();
-}
-
 int Finish(Run& r, int code) {
   ToolFrameSetTimer(nullptr, 0);
-  g_finished = 1;
-  while (AtomicRead(&g_tickBusy)) ThreadSleep(1);
+  r.finished = 1;
+  while (AtomicRead(&r.tickBusy)) ThreadSleep(1);
   if (r.source) r.ops->close(r.source);
   r.source = nullptr;
   if (r.s.HintFile[0] == '*') FileDelete(r.s.HintFile + 1);
@@ -531,11 +534,10 @@ void OpenSound(Run& r, uint32_t rateNum, uint32_t rateDen) {
   const uint32_t bits = uint32_t(std::max(0, s.SoundBits)) / 100 * 100 + 16;
   uint32_t rate = uint32_t(std::max(0, s.SoundRate)), channels = uint32_t(std::max(0, s.SoundChannels));
   const char* name = r.info.FileName[0] ? r.info.FileName : s.Input;
-  if (bits >= 100) SetStatus("Normalizing audio...");
+  if (bits >= 100) SetStatus(r, "Normalizing audio...");
   SoundInput* sound = nullptr;
   for (int attempt = 0; attempt < 2; ++attempt) {
-    sound = SoundOpen(name, rate, bits, channels, uint32_t(startMs), uint32_t(endMs), 0, 0, 0,
-                      nullptr);
+    sound = SoundOpen(name, rate, bits, channels, uint32_t(startMs), uint32_t(endMs), 0, 0, 0, {});
     if (!sound) return;
     const bool rateOk = sound->rate >= 1 && sound->rate <= 65535;
     const bool channelsOk = sound->channels == 1 || sound->channels == 2;
@@ -599,10 +601,10 @@ int FrameLoop(Run& r) {
     if (r.writer->Failed) {
       next.Join();
       ToolFrameError(TextDiskFull);
-      g_cancel = VelmoCancelKeep;
+      r.cancel = VelmoCancelKeep;
       return ToolExitDiskWriteError;
     }
-    if (g_cancel || f + 1 >= r.info.Frames) {
+    if (r.cancel || f + 1 >= r.info.Frames) {
       next.Join();
       break;
     }
@@ -610,11 +612,8 @@ int FrameLoop(Run& r) {
   return ToolExitDone;
 }
 
-}  // namespace
-
-int VelmocMain(char* commandTail, ToolDialog*) {
-  Run r;
-  ResetRunState();
+int Compress(Run& r, char* commandTail) {
+  r.startMs = r.lastElapsedMs = TimerMs();
   if (!VelmocParseSwitches(commandTail, &r.s)) return SyntaxError();
   // The second generation's encoder is not in this build; an HDR request still gets its input
   // checked first, so that a non-HDR input hears why.
@@ -623,33 +622,33 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   PoolStart();
 
   // Input.
-  SetStatus("Opening input file...");
+  SetStatus(r, "Opening input file...");
   ToolFrameSetTimer(ProgressTick, 500);
   r.ops = VelmocCurrentSource();
   char error[256] = "";
   const uint32_t first = r.s.StartFrame > 0 ? uint32_t(r.s.StartFrame - 1) : 0;
   const uint32_t last = r.s.EndFrame > 0 ? uint32_t(r.s.EndFrame - 1) : ~0u;
-  SetStatus("Reading...");
+  SetStatus(r, "Reading...");
   if (r.ops->openWith) {
     MediaSwitches media = r.s.Media;
     media.open_flags |= MediaOpenAskSequence;
-    r.source = r.ops->openWith(r.s.Input, &media, MediaProgress, error, sizeof error);
+    r.source = r.ops->openWith(r.s.Input, &media, {MediaProgress, &r}, error, sizeof error);
   } else {
     r.source = r.ops->open(r.s.Input, first, last, error, sizeof error);
   }
   if (!r.source) {
     char text[2400];
     std::snprintf(text, sizeof text, "Couldn't open the input file '%s'.\n\n%s", r.s.Input,
-                  g_mediaError[0] ? g_mediaError : error);
+                  r.mediaError[0] ? r.mediaError : error);
     ToolFrameError(text);
     return Finish(r, ToolExitInputError);
   }
   r.ops->info(r.source, &r.info);
-  g_runFrames = r.info.Frames;
-  g_skipped = r.info.SkippedFrames;
+  r.runFrames = r.info.Frames;
+  r.skipped = r.info.SkippedFrames;
   const uint32_t inputRate = VelmoInputRate(r.info.RateNumerator, r.info.RateDenominator,
                                             r.info.InputBytes, r.info.InputFrames, 100);
-  if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, g_skipped,
+  if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, r.skipped,
                        r.info.Frames, inputRate, &r.hints)) {
     ToolFrameError("Couldn't read the hint file.");
     return Finish(r, ToolExitInputError);
@@ -691,7 +690,7 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   r.writer = VelmoWriterOpen(r.s.Output, flags, version, r.info.Width, r.info.Height,
                              r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, rateNum, rateDen,
                              r.trackCount, r.trackCount ? &r.track : nullptr, r.s.Nits, nullptr,
-                             WriterProgress, &r.s.Graphics);
+                             WriterProgress, &r);
   if (!r.writer) return Finish(r, ToolExitOutputError);
   r.loop = VelmoFrameLoopOpen(r.writer, r.s.PreviewFrames, r.s.KeyInterval, r.s.KeyRate);
   if (!r.loop) {
@@ -715,19 +714,19 @@ int VelmocMain(char* commandTail, ToolDialog*) {
   } else {
     ToolFrameSetText(VelmocIdSound, "None.");
   }
-  g_progressShift = 0;
-  while ((r.info.Frames >> g_progressShift) >= 65536) g_progressShift++;
-  ToolFrameSetProgressRange(ToolIdProgress, int(r.info.Frames >> g_progressShift));
-  g_inputBytesPerFrame = uint64_t(r.info.Width) * r.info.Height * 3;
-  g_inputSoundBytes = r.trackCount ? r.track.BytesLeft : 0;
-  g_writer = r.writer;
+  r.progressShift = 0;
+  while ((r.info.Frames >> r.progressShift) >= 65536) r.progressShift++;
+  ToolFrameSetProgressRange(ToolIdProgress, int(r.info.Frames >> r.progressShift));
+  r.inputBytesPerFrame = uint64_t(r.info.Width) * r.info.Height * 3;
+  r.inputSoundBytes = r.trackCount ? r.track.BytesLeft : 0;
+  r.liveWriter = r.writer;
 
   int code = FrameLoop(r);
   Finish(r, code);
   // What the queue still holds is encoded before the close (unless the run is discarded).
   const uint32_t written = r.writer->FramesWritten + r.loop->QueuedFrames;
-  g_writer = nullptr;
-  const bool discard = g_cancel == VelmoCancelDiscard;
+  r.liveWriter = nullptr;
+  const bool discard = r.cancel == VelmoCancelDiscard;
   if (!discard && !r.writer->Failed) VelmoFrameLoopPump(r.loop, true);
   VelmoFrameLoopFree(r.loop);
   const uint64_t size = VelmoWriterClose(r.writer, discard);
@@ -737,48 +736,61 @@ int VelmocMain(char* commandTail, ToolDialog*) {
     ToolFrameError(TextDiskFull);
     return ToolExitDiskWriteError;
   }
-  if (g_cancel) return ToolExitCancelled;
+  if (r.cancel) return ToolExitCancelled;
   std::snprintf(text, sizeof text, "%u total frames compressed.", written);
-  SetStatus(text);
+  SetStatus(r, text);
   char t[64];
-  FormatTime(TimerMs() - g_startMs, t, sizeof t);
+  FormatTime(TimerMs() - r.startMs, t, sizeof t);
   std::snprintf(text, sizeof text, "Total time: %s", t);
   ToolFrameSetText(VelmocIdElapsed, text);
   ToolFrameSetText(VelmocIdRemaining, "Done!");
   ToolFrameSetText(VelmocIdView, "&View");
-  const uint64_t input = g_inputBytesPerFrame * written + (r.trackCount ? r.track.BytesDone : 0);
+  const uint64_t input = r.inputBytesPerFrame * written + (r.trackCount ? r.track.BytesDone : 0);
   const uint64_t ratio10 = size ? input * 10 / size : 0;
   std::snprintf(text, sizeof text, "Final: %llu bytes (%llu.%01llu to 1)", (unsigned long long)size,
                 (unsigned long long)(ratio10 / 10), (unsigned long long)(ratio10 % 10));
   ToolFrameSetText(VelmocIdProjected, text);
-  ToolFrameSetProgress(ToolIdProgress, int(r.info.Frames >> g_progressShift));
+  ToolFrameSetProgress(ToolIdProgress, int(r.info.Frames >> r.progressShift));
   // The status line keeps the count of frames: "Done!" stands where the time left stood.
   return ToolExitDone;
 }
 
-int VelmocCommand(int commandId, ToolDialog*) {
+}  // namespace
+
+int VelmocMain(char* commandTail, ToolDialog* dialog) {
+  Run* r = new Run();
+  ToolFrameSetState(dialog, r, [](void* run) { delete static_cast<Run*>(run); });
+  const int code = Compress(*r, commandTail);
+  // The sound is done with; the record stays with the dialog for its buttons.
+  r->CloseSound();
+  return code;
+}
+
+int VelmocCommand(int commandId, ToolDialog* dialog) {
+  Run* r = RunOf(dialog);
+  if (!r) return 1;  // no record yet: the run has not begun
   if (commandId == VelmocIdView) {
-    VelmoWriter* w = g_writer;
-    if (w && !g_finished) VelmoWriterFlush(w);
+    VelmoWriter* w = r->liveWriter;
+    if (w && !r->finished) VelmoWriterFlush(w);
     return 1;
   }
   if (commandId != ToolIdCancel) return 1;
-  if (g_finished) return 0;
+  if (r->finished) return 0;
   if (!ToolFrameConfirmCancel("Cancel the compression?",
                               "Velmo finished compressing successfully before you cancelled!",
-                              &g_finished))
+                              &r->finished))
     return 1;
   const int keep = ToolFrameAsk("Keep the frames that you've compressed so far?",
                                 ToolBoxThreeButtons | ToolBoxDefaultFirst);
-  if (g_finished) {
+  if (r->finished) {
     ToolFrameTell("Velmo finished compressing successfully before you cancelled!", 0);
     return 1;
   }
-  if (keep == 1) g_cancel = VelmoCancelKeep;
+  if (keep == 1) r->cancel = VelmoCancelKeep;
   else if (keep == 0) {
-    g_cancel = VelmoCancelDiscard;
+    r->cancel = VelmoCancelDiscard;
     ToolFrameShowCancelling(ToolIdCancel);
   }
-  if (VelmoWriter* w = g_writer) w->CancelRequested = g_cancel;
+  if (VelmoWriter* w = r->liveWriter) w->CancelRequested = r->cancel;
   return 1;
 }

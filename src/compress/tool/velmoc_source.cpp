@@ -9,7 +9,7 @@
 
 namespace {
 
-const VelmocSourceOps* g_installed = nullptr;
+const VelmocSourceOps* g_installed = nullptr;  // the tests' source: a setting of the process
 
 struct Source {
   MediaInput* input = nullptr;
@@ -42,7 +42,7 @@ VelmocSource* Open(const char* name, uint32_t first, uint32_t last, char* error,
   return OpenArgs(name, args, error, size);
 }
 
-VelmocSource* OpenWith(const char* name, const MediaSwitches* switches, ProgressFn progress,
+VelmocSource* OpenWith(const char* name, const MediaSwitches* switches, ProgressSink progress,
                        char* error, size_t size) {
   MediaOpenArgs args = MediaArgsFromSwitches(switches);
   args.progress = progress;

@@ -37,8 +37,8 @@ struct VelmocSourceOps {
   void (*close)(VelmocSource* source);
   // Optional: opens with the video switches of a command line (range, rates, scaling, crop,
   // open flags); questions and messages go to `progress`. Null: `open` with /S and /E.
-  VelmocSource* (*openWith)(const char* name, const MediaSwitches* switches, ProgressFn progress,
-                            char* error, size_t errorSize);
+  VelmocSource* (*openWith)(const char* name, const MediaSwitches* switches,
+                            ProgressSink progress, char* error, size_t errorSize);
   // Optional: a frame with its own filter values. Null: `frame`, without filters.
   bool (*filteredFrame)(VelmocSource* source, uint32_t index, const MediaFrameArgs* filters,
                         const uint32_t** pixels, int32_t* pitch);
@@ -50,7 +50,8 @@ struct VelmocSourceOps {
 
 // The source in use: a test's, or the built-in one.
 const VelmocSourceOps* VelmocCurrentSource();
-// Installs a source for the next runs (null = the built-in one).
+// Installs a source for the next runs (null = the built-in one). A process-wide setting for
+// tests, not run state: every run started after the call reads frames from it.
 void VelmocSetSource(const VelmocSourceOps* ops);
 // The media layer's source.
 const VelmocSourceOps* VelmocBuiltinSource();

@@ -41,14 +41,22 @@ const char CaptionSuffix[] = "Velmo Audio Mixer";
 // The mixer's exit codes follow the compressor's table; 8004 is a failure inside the mixer.
 constexpr int ExitMixFailed = ToolExitNoAlpha;
 
-// ---- Run state shared with the timer and the dialog ------------------------------------------
+// ---- The run record, shared with the timer and the dialog ------------------------------------
 
-volatile int g_finished = 0;
-volatile uint32_t g_cancel = 0;
-volatile uint32_t g_tickBusy = 0;
-VelmoMixProgress* volatile g_progress = nullptr;
-uint32_t g_startMs = 0, g_lastElapsedMs = 0, g_shownFrames = ~0u, g_progressShift = 0;
-uint32_t g_statusPercent = ~0u;
+// One mix. The main routine makes it and hands it to the dialog, which keeps it until the run
+// is over; the mixer's and the sound layer's messages carry it as their context.
+struct Job {
+  VelmoMixSettings settings;
+  VelmoMixProgress mix{};  // the mixer's counters
+  volatile int finished = 0;
+  volatile uint32_t cancel = 0;
+  volatile uint32_t tickBusy = 0;
+  volatile bool mixing = false;  // the mixer runs: the tick shows its counters
+  uint32_t startMs = 0, lastElapsedMs = 0, shownFrames = ~0u, progressShift = 0;
+  uint32_t statusPercent = ~0u;
+};
+
+Job* JobOf(ToolDialog* dialog) { return static_cast<Job*>(ToolFrameState(dialog)); }
 
 void FormatTime(uint32_t ms, char* out, size_t size) {
   const uint32_t s = ms / 1000;
@@ -60,56 +68,59 @@ uint32_t Percent(uint32_t done, uint32_t total) {
 }
 
 // Every 500 ms on the dialog's thread: the two counters the mixer leaves.
-void ProgressTick(ToolDialog*) {
-  AtomicAdd(&g_tickBusy, 1);
-  VelmoMixProgress* p = g_progress;
-  if (p && !g_finished) {
+void ProgressTick(ToolDialog* dialog) {
+  Job* job = JobOf(dialog);
+  if (!job) return;
+  AtomicAdd(&job->tickBusy, 1);
+  if (job->mixing && !job->finished) {
+    const VelmoMixProgress& p = job->mix;
     char text[128];
-    const uint32_t now = TimerMs(), elapsed = now - g_startMs;
-    if (now - g_lastElapsedMs >= 1500) {
-      g_lastElapsedMs = now;
+    const uint32_t now = TimerMs(), elapsed = now - job->startMs;
+    if (now - job->lastElapsedMs >= 1500) {
+      job->lastElapsedMs = now;
       FormatTime(elapsed, text, sizeof text);
       ToolFrameSetText(VelmoMixIdElapsed, text);
     }
-    const uint32_t done = p->FramesDone, total = p->TotalFrames;
-    if (done != g_shownFrames && done) {
-      g_shownFrames = done;
+    const uint32_t done = p.FramesDone, total = p.TotalFrames;
+    if (done != job->shownFrames && done) {
+      job->shownFrames = done;
       std::snprintf(text, sizeof text, "%u%% - %s", Percent(done, total), CaptionSuffix);
       ToolFrameSetCaption(text);
-      ToolFrameSetProgressRange(ToolIdProgress, int(total >> g_progressShift));
-      ToolFrameSetProgress(ToolIdProgress, int(done >> g_progressShift));
+      ToolFrameSetProgressRange(ToolIdProgress, int(total >> job->progressShift));
+      ToolFrameSetProgress(ToolIdProgress, int(done >> job->progressShift));
       FormatTime(uint32_t(uint64_t(elapsed) * (total - std::min(done, total)) / done), text,
                  sizeof text);
       ToolFrameSetText(VelmoMixIdRemaining, text);
     }
   }
-  AtomicAdd(&g_tickBusy, -1);
+  AtomicAdd(&job->tickBusy, -1);
 }
 
 // The mixer's reports: a label once a frame (the status line follows the percentage), and
-// messages in a box.
+// messages in a box. `user` is the run.
 int MixProgress(uint32_t kind, const char* text, void* user) {
   if (kind == VelmoProgressMessage) {
     ToolFrameTell(text, 0);
     return 0;
   }
-  const VelmoMixProgress* p = static_cast<const VelmoMixProgress*>(user);
-  const uint32_t frame = p->FramesDone + 1, total = p->TotalFrames;
-  while ((total >> g_progressShift) >= 65536) g_progressShift++;
+  Job& job = *static_cast<Job*>(user);
+  const uint32_t frame = job.mix.FramesDone + 1, total = job.mix.TotalFrames;
+  while ((total >> job.progressShift) >= 65536) job.progressShift++;
   const uint32_t percent = Percent(frame, total);
-  if (percent != g_statusPercent) {
-    g_statusPercent = percent;
+  if (percent != job.statusPercent) {
+    job.statusPercent = percent;
     char line[160];
     std::snprintf(line, sizeof line, "%s frame %u of %u (%u%%)...", text, frame, total, percent);
     ToolFrameSetText(ToolIdStatus, line);
   }
-  return g_cancel ? 1 : 0;
+  return job.cancel ? 1 : 0;
 }
 
 // The sound layer's messages ("Normalizing audio...", errors, warnings).
-int SoundProgress(const char* text, int level) {
+int SoundProgress(void* context, const char* text, int level) {
+  const Job& job = *static_cast<const Job*>(context);
   if (level == 3) return 1;
-  if (!text) return g_cancel ? 1 : 0;
+  if (!text) return job.cancel ? 1 : 0;
   if (level == 5) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
   if (text[0] == '@') text++;
   if (level == 2) {  // an error: shown, and the sound stops
@@ -118,7 +129,7 @@ int SoundProgress(const char* text, int level) {
   }
   if (level == 4) ToolFrameTell(text, 0);
   else if (level == 1) ToolFrameSetText(ToolIdStatus, text);
-  return g_cancel ? 1 : 0;
+  return job.cancel ? 1 : 0;
 }
 
 // The tool's sound reads: plain, or looping (/P) when the sound is shorter than the video.
@@ -246,16 +257,13 @@ void VelmoMixOutputExtension(char* name, size_t size, const char* input, uint64_
 
 // ---- The run ------------------------------------------------------------------------------------
 
-int VelmoMixMain(char* commandTail, ToolDialog*) {
-  g_finished = 0;
-  g_cancel = 0;
-  g_progress = nullptr;
-  g_shownFrames = ~0u;
-  g_statusPercent = ~0u;
-  g_progressShift = 0;
-  g_startMs = g_lastElapsedMs = TimerMs();
+int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
+  Job* made = new Job();
+  ToolFrameSetState(dialog, made, [](void* job) { delete static_cast<Job*>(job); });
+  Job& job = *made;
+  job.startMs = job.lastElapsedMs = TimerMs();
 
-  VelmoMixSettings s;
+  VelmoMixSettings& s = job.settings;
   if (!VelmoMixParseSwitches(commandTail, &s)) return SyntaxError();
 
   // The sound, as the compressor opens it: 16 bits, with the normalising level of /B.
@@ -265,7 +273,7 @@ int VelmoMixMain(char* commandTail, ToolDialog*) {
   if (!removal) {
     ToolFrameSetText(ToolIdStatus, "Opening sound file...");
     sound = SoundOpen(s.Sound, s.SoundRate, s.SoundBits / 100 * 100 + 16, s.SoundChannels,
-                      s.StartMs, s.EndMs, s.SoundTrack, s.Force, s.Skip, SoundProgress);
+                      s.StartMs, s.EndMs, s.SoundTrack, s.Force, s.Skip, {SoundProgress, &job});
     if (!sound) {
       std::snprintf(text, sizeof text, "Couldn't open the sound file '%s'.", s.Sound);
       ToolFrameError(text);
@@ -307,27 +315,27 @@ int VelmoMixMain(char* commandTail, ToolDialog*) {
     std::snprintf(text, sizeof text, "None.");
   ToolFrameSetText(VelmoMixIdSound, text);
 
-  VelmoMixProgress progress{};
+  VelmoMixProgress& progress = job.mix;
   progress.Report = MixProgress;
-  progress.User = &progress;
-  g_progress = &progress;
+  progress.User = &job;
+  job.mixing = true;
   ToolFrameSetTimer(ProgressTick, 500);
   const uint64_t size = VelmoMixFile(s.Input, s.Output, s.InputOffset, s.RateNumerator,
                                      s.RateDenominator, s.Start, 1, &track, &progress);
   ToolFrameSetTimer(nullptr, 0);
-  g_finished = 1;
-  while (AtomicRead(&g_tickBusy)) ThreadSleep(1);
-  g_progress = nullptr;
+  job.finished = 1;
+  while (AtomicRead(&job.tickBusy)) ThreadSleep(1);
+  job.mixing = false;
   if (sound) SoundClose(sound);
 
-  if (progress.Cancelled || (g_cancel && !size)) return ToolExitCancelled;
+  if (progress.Cancelled || (job.cancel && !size)) return ToolExitCancelled;
   if (!size) return ExitMixFailed;  // the mixer has said why
 
   const uint32_t frames = progress.FramesDone;
   std::snprintf(text, sizeof text, "%u total frames mixed.", frames);
   ToolFrameSetText(ToolIdStatus, text);
   char t[64];
-  FormatTime(TimerMs() - g_startMs, t, sizeof t);
+  FormatTime(TimerMs() - job.startMs, t, sizeof t);
   std::snprintf(text, sizeof text, "Total time: %s", t);
   ToolFrameSetText(VelmoMixIdElapsed, text);
   ToolFrameSetText(VelmoMixIdRemaining, "Done!");
@@ -342,14 +350,15 @@ int VelmoMixMain(char* commandTail, ToolDialog*) {
   return ToolExitDone;
 }
 
-int VelmoMixCommand(int commandId, ToolDialog*) {
-  if (commandId != ToolIdCancel) return 1;
-  if (g_finished) return 0;
+int VelmoMixCommand(int commandId, ToolDialog* dialog) {
+  Job* job = JobOf(dialog);
+  if (commandId != ToolIdCancel || !job) return 1;  // no record yet: the run has not begun
+  if (job->finished) return 0;
   if (!ToolFrameConfirmCancel("Cancel the mixing?",
                               "The mixer finished successfully before you cancelled!",
-                              &g_finished))
+                              &job->finished))
     return 1;
-  g_cancel = 1;
+  job->cancel = 1;
   ToolFrameShowCancelling(ToolIdCancel);
   return 1;
 }
