@@ -1,76 +1,29 @@
-// Helpers shared by the compressor's tests: a scratch folder that removes itself, whole-file
-// reads and writes, the generated test picture, and 16-bit wave files; for the sound track
-// tests, a sound in memory as a track's source, and the reader's way of decoding a track's
-// packets (blocks of each packet until its decoded count is met).
+// Helpers shared by the compressor's tests: the generated test picture, the writer and its frame
+// loop, a generated clip as the tool's source and the tool's run behind the tool shell; for the
+// sound track tests, a sound in memory as a track's source, and the reader's way of decoding a
+// track's packets (blocks of each packet until its decoded count is met).
 #pragma once
 #include <gtest/gtest.h>
-
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "../audio/audio_test_util.h"
 #include "audio/velmo_audio.h"
 #include "compress/frame_loop.h"
+#include "compress/tool/velmo1_file_check.h"
+#include "compress/tool/velmoc.h"
+#include "compress/tool/velmoc_source.h"
 #include "compress/velmo_writer.h"
+#include "support/files.h"
+#include "support/run.h"
+#include "support/wave.h"
 
 namespace compress_test {
-
-// A fresh folder under /tmp, removed with everything in it when the test is done.
-class ScratchDir {
- public:
-  ScratchDir() {
-    char pattern[] = "/tmp/orn_compress_test_XXXXXX";
-    const char* made = mkdtemp(pattern);
-    EXPECT_NE(made, nullptr) << "no scratch folder";
-    Made = made != nullptr;
-    Dir = Made ? made : "/nonexistent/orn_compress_test";  // every file in it fails to open
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    if (Made) std::filesystem::remove_all(Dir, ignored);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  std::string operator/(const std::string& name) const { return Dir + "/" + name; }
-  std::string Dir;
-  bool Made = false;
-};
-
-inline bool Exists(const std::string& p) { return access(p.c_str(), F_OK) == 0; }
-
-inline std::vector<uint8_t> ReadAll(const std::string& name) {
-  std::vector<uint8_t> bytes;
-  if (FILE* f = std::fopen(name.c_str(), "rb")) {
-    uint8_t chunk[65536];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
-    std::fclose(f);
-  }
-  return bytes;
-}
-
-inline void WriteAll(const std::string& name, const std::vector<uint8_t>& bytes) {
-  FILE* f = std::fopen(name.c_str(), "wb");
-  ASSERT_NE(f, nullptr) << name;
-  ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-  ASSERT_EQ(std::fclose(f), 0);
-}
-
-inline void WriteText(const std::string& name, const char* text) {
-  WriteAll(name, std::vector<uint8_t>(text, text + std::strlen(text)));
-}
-
-inline void Store32(std::vector<uint8_t>* file, size_t at, uint32_t value) {
-  std::memcpy(file->data() + at, &value, 4);
-}
 
 // An opaque 0xAARRGGBB test picture at time t: ramps, a moving checkerboard, and a pattern.
 inline std::vector<uint32_t> Picture(uint32_t w, uint32_t h, uint32_t t) {
@@ -82,26 +35,6 @@ inline std::vector<uint32_t> Picture(uint32_t w, uint32_t h, uint32_t t) {
       p[size_t(y) * w + x] = 0xff000000u | r << 16 | g << 8 | b;
     }
   return p;
-}
-
-// A 16-bit PCM wave file of interleaved samples.
-inline void WriteWave(const std::string& name, const std::vector<int16_t>& pcm, uint32_t rate,
-                      uint32_t channels) {
-  const uint32_t data = uint32_t(pcm.size() * 2);
-  std::vector<uint8_t> file(44);
-  std::memcpy(file.data(), "RIFF", 4);
-  Store32(&file, 4, 36 + data);
-  std::memcpy(file.data() + 8, "WAVEfmt ", 8);
-  Store32(&file, 16, 16);
-  Store32(&file, 20, 1 | channels << 16);
-  Store32(&file, 24, rate);
-  Store32(&file, 28, rate * channels * 2);
-  Store32(&file, 32, channels * 2 | 16 << 16);
-  std::memcpy(file.data() + 36, "data", 4);
-  Store32(&file, 40, data);
-  file.resize(44 + data);
-  std::memcpy(file.data() + 44, pcm.data(), data);
-  WriteAll(name, file);
 }
 
 // A writer and its frame loop as the compressor drives them: generated pictures in, a file out.
@@ -150,6 +83,98 @@ struct TestCompression {
     return size;
   }
 };
+
+// The writer's messages, collected by its progress function (user data: a WriterLog).
+using WriterLog = std::vector<std::string>;
+inline int LogWriterMessages(uint32_t kind, VelmoWriter* w, const char* text) {
+  if (kind == VelmoProgressMessage) static_cast<WriterLog*>(w->UserData)->push_back(text);
+  return 0;
+}
+
+// Neither the output nor its temporary file is there.
+inline ::testing::AssertionResult NoOutput(const std::string& name) {
+  for (const std::string& n : {name, name + ".tmp"})
+    if (test_support::Exists(n)) return ::testing::AssertionFailure() << n << " exists";
+  return ::testing::AssertionSuccess();
+}
+
+// A first-generation file read back: it must open and every frame it claims must decode.
+inline Velmo1FileCheck Played(const std::string& name) {
+  Velmo1FileCheck check{};
+  if (const char* error = Velmo1CheckOpen(name.c_str(), &check)) {
+    ADD_FAILURE() << name << ": " << error;
+    return Velmo1FileCheck{};
+  }
+  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), check.Info.Header.Frames) << name;
+  return check;
+}
+
+// A generated clip as the compressor's source, under the name "clip" alone: Picture(t) frames
+// of g_clipShape at 30 a second.
+struct ClipShape {
+  uint32_t Width = 80, Height = 56, Frames = 16;
+};
+inline ClipShape g_clipShape;
+
+struct ClipSource {
+  ClipShape Shape;
+  uint32_t Frames, First;
+  std::vector<uint32_t> Pixels;
+};
+inline VelmocSource* ClipOpen(const char* name, uint32_t first, uint32_t last, char* error,
+                              size_t size) {
+  if (std::strcmp(name, "clip") != 0) {
+    std::snprintf(error, size, "no such clip");
+    return nullptr;
+  }
+  const ClipShape s = g_clipShape;
+  return reinterpret_cast<VelmocSource*>(
+      new ClipSource{s, std::min(last, s.Frames - 1) - first + 1, first, {}});
+}
+inline void ClipInfo(const VelmocSource* source, VelmocSourceInfo* out) {
+  const ClipSource* c = reinterpret_cast<const ClipSource*>(source);
+  *out = {};
+  out->Width = c->Shape.Width;
+  out->Height = c->Shape.Height;
+  out->RateNumerator = 30;
+  out->RateDenominator = 1;
+  out->Frames = c->Frames;
+  out->SkippedFrames = c->First;
+  out->InputFrames = c->Shape.Frames;
+  out->InputBytes = uint64_t(c->Shape.Width) * c->Shape.Height * 3 * c->Shape.Frames;
+}
+inline bool ClipFrame(VelmocSource* source, uint32_t index, const uint32_t** pixels,
+                      int32_t* pitch) {
+  ClipSource* c = reinterpret_cast<ClipSource*>(source);
+  if (index >= c->Frames) return false;
+  c->Pixels = Picture(c->Shape.Width, c->Shape.Height, c->First + index);
+  *pixels = c->Pixels.data();
+  *pitch = int32_t(c->Shape.Width * 4);
+  return true;
+}
+inline void ClipClose(VelmocSource* source) { delete reinterpret_cast<ClipSource*>(source); }
+inline const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose,
+                                     nullptr, nullptr, nullptr};
+
+// Runs the compressor tool behind the tool shell with `source` as its input (null: the media
+// layer), on `front` or, by default, on the console front end with its printout captured.
+inline test_support::ToolOutcome RunVelmoc(const std::string& tail,
+                                          const VelmocSourceOps* source = &ClipOps,
+                                          const ToolFrontEnd* front = nullptr) {
+  VelmocRegisterDialog();
+  VelmocSetSource(source);
+  test_support::ToolOutcome result;
+  if (front) {
+    ToolFrameSetFrontEnd(front);
+    result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand,
+                               "velmoc");
+    ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  } else {
+    result = test_support::RunToolHere(VelmocMain, VelmocCommand, "velmoc", tail);
+  }
+  VelmocSetSource(nullptr);
+  return result;
+}
 
 }  // namespace compress_test
 

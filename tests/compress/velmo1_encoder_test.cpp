@@ -1,6 +1,5 @@
-// First-generation encoder: streams that the decoder rebuilds to the encoder's
-// own picture, rate against quality, budgets, key frames, alpha, odd sizes and
-// thread independence.
+// First-generation encoder: streams that the decoder rebuilds to the encoder's own picture, rate
+// against quality, budgets, key frames, alpha, odd sizes and thread independence.
 #include "compress/velmo1_encoder.h"
 
 #include <gtest/gtest.h>
@@ -24,8 +23,7 @@ struct Picture {
     VelmoEncodeInput in{};
     const uint32_t cw = (W + 1) / 2;
     const int32_t pitches[4] = {int32_t(W), int32_t(cw), int32_t(cw), int32_t(W)};
-    for (int i = 0; i < 4; ++i)
-      in.Planes[i] = P[i].data(), in.Pitches[i] = pitches[i];
+    for (int i = 0; i < 4; ++i) in.Planes[i] = P[i].data(), in.Pitches[i] = pitches[i];
     in.Key = key;
     return in;
   }
@@ -33,8 +31,7 @@ struct Picture {
 
 enum Content { Gradient, Noise, Shapes, Flat };
 
-// Content at time t: a gradient, noise, or shapes moving over a textured
-// background.
+// Content at time t: a gradient, noise, or shapes moving over a textured background.
 Picture MakePicture(uint32_t w, uint32_t h, Content content, int t, uint32_t seed = 1) {
   Picture pic{w, h, {}};
   const uint32_t cw = (w + 1) / 2, ch = (h + 1) / 2;
@@ -59,11 +56,9 @@ Picture MakePicture(uint32_t w, uint32_t h, Content content, int t, uint32_t see
         case Shapes: {
           v = uint8_t(60 + ((x / 4 + y / 4) & 1) * 20 + (x * 40) / w);
           const int cx = 20 + 3 * t, cy = 16 + t;
-          if (std::abs(int(x) - cx) < 10 && std::abs(int(y) - cy) < 8)
-            v = 220;
+          if (std::abs(int(x) - cx) < 10 && std::abs(int(y) - cy) < 8) v = 220;
           const int dx = int(x) - (int(w) - 30 - 2 * t), dy = int(y) - int(h) / 2;
-          if (dx * dx + dy * dy < 120)
-            v = uint8_t(30 + (x & 7) * 4);
+          if (dx * dx + dy * dy < 120) v = uint8_t(30 + (x & 7) * 4);
           break;
         }
       }
@@ -82,24 +77,23 @@ Picture MakePicture(uint32_t w, uint32_t h, Content content, int t, uint32_t see
 struct Reader {
   std::vector<uint8_t> Memory;
   VelmoFrameBuffers Ring{};
-  explicit Reader(const VelmoFrameBuffers &like) {
+  explicit Reader(const VelmoFrameBuffers& like) {
     Ring = like;
     Ring.Current = 0;
     size_t bytes = 0;
     const size_t sizes[4] = {
         size_t(like.LumaWidth) * like.LumaHeight, size_t(like.ChromaWidth) * like.ChromaHeight,
         size_t(like.ChromaWidth) * like.ChromaHeight, size_t(like.LumaWidth) * like.LumaHeight};
-    for (size_t s : sizes)
-      bytes += 2 * s;
+    for (size_t s : sizes) bytes += 2 * s;
     Memory.assign(bytes, 0x5a);
-    uint8_t *at = Memory.data();
+    uint8_t* at = Memory.data();
     for (int s = 0; s < 2; ++s)
       for (int i = 0; i < 4; ++i) {
         Ring.Sets[s].Planes[i] = like.Sets[s].Planes[i] ? at : nullptr;
         at += sizes[i];
       }
   }
-  void Decode(const std::vector<uint8_t> &section, uint32_t flags, uint32_t fileFlags,
+  void Decode(const std::vector<uint8_t>& section, uint32_t flags, uint32_t fileFlags,
               uint32_t tag) {
     std::vector<uint8_t> padded(section);
     padded.resize(padded.size() + 4, 0);
@@ -110,12 +104,11 @@ struct Reader {
 };
 
 // Compares every present plane of two rings' current pictures.
-void ExpectSamePicture(const VelmoFrameBuffers &a, const VelmoFrameBuffers &b) {
-  const VelmoFrameBufferSet &sa = a.Sets[a.Current];
-  const VelmoFrameBufferSet &sb = b.Sets[b.Current];
+void ExpectSamePicture(const VelmoFrameBuffers& a, const VelmoFrameBuffers& b) {
+  const VelmoFrameBufferSet& sa = a.Sets[a.Current];
+  const VelmoFrameBufferSet& sb = b.Sets[b.Current];
   for (int i = 0; i < 4; ++i) {
-    if (!sa.Planes[i])
-      continue;
+    if (!sa.Planes[i]) continue;
     const size_t n = i == 0 || i == 3 ? size_t(a.LumaWidth) * a.LumaHeight
                                       : size_t(a.ChromaWidth) * a.ChromaHeight;
     ASSERT_EQ(std::memcmp(sa.Planes[i], sb.Planes[i], n), 0) << "plane " << i;
@@ -123,23 +116,22 @@ void ExpectSamePicture(const VelmoFrameBuffers &a, const VelmoFrameBuffers &b) {
 }
 
 double Psnr(uint64_t error, size_t samples) {
-  if (error == 0)
-    return 99.0;
+  if (error == 0) return 99.0;
   return 10 * std::log10(255.0 * 255.0 * double(samples) / double(error));
 }
 
 struct EncodeRun {
-  VelmoEncoder *E;
+  VelmoEncoder* E;
   Reader R;
   uint32_t Flags, FileFlags, Tag;
-  explicit EncodeRun(const VelmoEncoderConfig &c)
+  explicit EncodeRun(const VelmoEncoderConfig& c)
       : E(VelmoEncoderCreate(c)),
         R(*VelmoEncoderPicture(E)),
         Flags(VelmoEncoderDecodeFlags(E)),
         FileFlags(c.Flags & VelmoEncodeAlpha ? Velmo1FileHasAlpha : 0),
         Tag(Velmo1FileTagFor(c.Version)) {}
   ~EncodeRun() { VelmoEncoderFree(E); }
-  VelmoEncodeResult Frame(Picture &pic, bool key, uint32_t budget) {
+  VelmoEncodeResult Frame(Picture& pic, bool key, uint32_t budget) {
     VelmoEncodeResult r{};
     EXPECT_TRUE(VelmoEncodeFrame(E, pic.Input(key), budget, &r));
     R.Decode(r.Section, Flags, FileFlags, Tag);
@@ -154,7 +146,7 @@ TEST(Velmo1Encoder, RejectsBadConfigurations) {
   EXPECT_EQ(VelmoEncoderCreate({0, 16, 100, 0}), nullptr);
   EXPECT_EQ(VelmoEncoderCreate({16, 16, 200, 0}), nullptr);
   EXPECT_EQ(VelmoEncoderCreate({16, 16, 99, 0}), nullptr);
-  VelmoEncoder *e = VelmoEncoderCreate({16, 16, 100, 0});
+  VelmoEncoder* e = VelmoEncoderCreate({16, 16, 100, 0});
   ASSERT_NE(e, nullptr);
   VelmoEncodeInput none{};
   VelmoEncodeResult r{};
@@ -171,15 +163,15 @@ struct Stages {
   std::string StopAt;
   uint32_t State = 0;
 };
-void OnStage(void *context, const char *label) {
-  Stages &s = *static_cast<Stages *>(context);
+void OnStage(void* context, const char* label) {
+  Stages& s = *static_cast<Stages*>(context);
   s.Seen.push_back(label);
   if (s.StopAt == label) s.State = 2;
 }
 
 TEST(Velmo1Encoder, StagesAreToldAndStopNowEndsTheFrameUnwritten) {
   const std::vector<std::string> all = {
-      "Compressing Y plane",  "Compressing Cr plane",      "Compressing Cb plane",
+      "Compressing Y plane", "Compressing Cr plane", "Compressing Cb plane",
       "Compressing Y high-plane", "Compressing Cr high-plane", "Allocating bandwidth",
       "Merging multi-resolution planes", "Encoding Y plane", "Encoding Cr plane",
       "Encoding Cb plane"};
@@ -188,12 +180,12 @@ TEST(Velmo1Encoder, StagesAreToldAndStopNowEndsTheFrameUnwritten) {
   run.Frame(first, true, 3000);
   std::vector<std::string> stops = all;
   stops.push_back("");  // no stop
-  for (const std::string &stop : stops) {
+  for (const std::string& stop : stops) {
     SCOPED_TRACE(stop);
     Stages stages;
     stages.StopAt = stop;
     stages.State = stop.empty() ? 1 : 0;
-    const VelmoFrameBuffers &ring = *VelmoEncoderPicture(run.E);
+    const VelmoFrameBuffers& ring = *VelmoEncoderPicture(run.E);
     const uint32_t current = ring.Current;
     const std::vector<uint8_t> before(ring.Sets[current].Planes[0],
                                       ring.Sets[current].Planes[0] + 48 * 32);
@@ -262,14 +254,13 @@ TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
   const VelmoEncodeResult key = run.Frame(flat, true, 2000);
   EXPECT_EQ(key.Errors[0], 0u);
   EXPECT_LT(key.Sizes[0], 120u);
-  EXPECT_GT(key.DoubledKinds[Velmo1One],
-            0u);  // a flat area is one colour at 16x16
+  EXPECT_GT(key.DoubledKinds[Velmo1One], 0u);  // a flat area is one colour at 16x16
   Picture shapes = MakePicture(64, 48, Shapes, 0);
   const VelmoEncodeResult first = run.Frame(shapes, false, 1500);
-  // The encoder's own picture as the next input: every block repeats at no
-  // error, and no 16x16 block has anything to offer.
-  const VelmoFrameBuffers &ring = *VelmoEncoderPicture(run.E);
-  const VelmoFrameBufferSet &now = ring.Sets[ring.Current];
+  // The encoder's own picture as the next input: every block repeats at no error, and no 16x16
+  // block has anything to offer.
+  const VelmoFrameBuffers& ring = *VelmoEncoderPicture(run.E);
+  const VelmoFrameBufferSet& now = ring.Sets[ring.Current];
   Picture same{64, 48, {}};
   for (int i = 0; i < 4; ++i) {
     const uint32_t w = i == 0 || i == 3 ? 64 : 32, h = i == 0 || i == 3 ? 48 : 24;
@@ -286,28 +277,24 @@ TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
 }
 
 // Sums a result's block counts over all kinds.
-uint32_t BlockCount(const VelmoEncodeResult &r) {
+uint32_t BlockCount(const VelmoEncodeResult& r) {
   uint32_t n = 0;
-  for (uint32_t k : r.Kinds)
-    n += k;
+  for (uint32_t k : r.Kinds) n += k;
   return n;
 }
 
 TEST(Velmo1Encoder, SmoothAreasTakeDoubledBlocksOfIntraSubKinds) {
-  // A large, smooth gradient with a few sharp edges: at a tight budget, 16x16
-  // blocks win.
+  // A large, smooth gradient with a few sharp edges: at a tight budget, 16x16 blocks win.
   EncodeRun run({128, 96, 101, 0});
   Picture pic = MakePicture(128, 96, Gradient, 0);
   const VelmoEncodeResult r = run.Frame(pic, true, 600);
   EXPECT_GT(r.Kinds[Velmo1Doubled], 10u);
   uint32_t subs = 0;
-  for (uint32_t k = 0; k < 10; ++k)
-    subs += r.DoubledKinds[k];
+  for (uint32_t k = 0; k < 10; ++k) subs += r.DoubledKinds[k];
   EXPECT_EQ(subs, r.Kinds[Velmo1Doubled]);
   for (uint32_t k : {0u, 1u, 2u, 4u, 7u})
     EXPECT_EQ(r.DoubledKinds[k], 0u) << k;  // only intra sub-kinds
-  // Every 16x16 block stands for four 8x8 places: the counts add up to the
-  // plane's blocks.
+  // Every 16x16 block stands for four 8x8 places: the counts add up to the plane's blocks.
   const uint32_t places = BlockCount(r) + 3 * r.Kinds[Velmo1Doubled];
   EXPECT_EQ(places, 16u * 12 + 2 * 8u * 6);
   // With bytes to spare the same picture keeps more of its 8x8 blocks.
@@ -317,8 +304,8 @@ TEST(Velmo1Encoder, SmoothAreasTakeDoubledBlocksOfIntraSubKinds) {
 }
 
 TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
-  // Stripes of a few levels: runs along a scan code them exactly; motion with
-  // noise takes residues. The standard candidate lists never offer either kind.
+  // Stripes of a few levels: runs along a scan code them exactly; motion with noise takes
+  // residues. The standard candidate lists never offer either kind.
   for (const bool asked : {false, true}) {
     EncodeRun run({96, 64, 101, asked ? uint32_t(VelmoEncodeRunAndResidue) : 0u});
     Picture pic = MakePicture(96, 64, Shapes, 0);
@@ -327,8 +314,7 @@ TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
         pic.P[0][y * 96 + x] = uint8_t(((x / 3 + y) % 5) * 40 + (x > 48 ? 7 : 0));
     uint32_t runs = 0, residues = 0;
     for (int t = 0; t < 4; ++t) {
-      // Small noise added frame by frame on the moving shapes: motion plus
-      // small residues.
+      // Small noise added frame by frame on the moving shapes: motion plus small residues.
       Picture next = pic;
       std::mt19937 rng{uint32_t(t)};
       for (uint32_t y = 0; y < 64; ++y)
@@ -352,8 +338,7 @@ TEST(Velmo1Encoder, KeyFramesDecodeWithoutThePreviousPicture) {
   EncodeRun run({80, 48, 101, 0});
   std::vector<std::vector<uint8_t>> sections;
   for (int t = 0; t < 4; ++t) {
-    Picture pic = MakePicture(80, 48, t < 2 ? Shapes : Noise, t,
-                              7);  // a scene cut at t = 2
+    Picture pic = MakePicture(80, 48, t < 2 ? Shapes : Noise, t, 7);  // a scene cut at t = 2
     sections.push_back(run.Frame(pic, t == 2, 6000).Section);
   }
   // A fresh reader starting at the key frame gets the same picture.

@@ -25,10 +25,19 @@ uint32_t ReadMemoryInBits(void* source, void* buffer, uint32_t bytes) {
 
 // The bytes a buffered file received, read back once it is closed.
 struct ScratchFile {
-  compress_test::ScratchDir Dir;
+  test_support::ScratchDir Dir;
   std::string Name = Dir / "packets";
-  std::vector<uint8_t> Bytes() const { return compress_test::ReadAll(Name); }
+  std::vector<uint8_t> Bytes() const { return test_support::ReadFile(Name); }
 };
+
+// A track of this format, not yet started.
+VelmoWriterTrack TrackOf(uint32_t rate, uint32_t bits, uint32_t channels) {
+  VelmoWriterTrack t{};
+  t.SampleRate = rate;
+  t.Bits = bits;
+  t.Channels = channels;
+  return t;
+}
 
 // One track written for `frames` frames: each frame's packet as it lies in the file.
 struct Written {
@@ -39,12 +48,9 @@ struct Written {
 Written WriteTrack(const Samples& pcm, uint32_t rate, uint32_t channels, int level,
                    uint32_t frames, uint32_t num, uint32_t den, uint32_t silenceBytes = 0,
                    VelmoReadSamplesFn read = ReadMemory, uint32_t bits = 16) {
-  Written w;
+  Written w{TrackOf(rate, bits, channels), {}};
   MemorySound sound{reinterpret_cast<const uint8_t*>(pcm.data()), pcm.size() * 2, 0};
   w.Track.TrackId = 7;
-  w.Track.SampleRate = rate;
-  w.Track.Bits = bits;
-  w.Track.Channels = channels;
   w.Track.Source = &sound;
   w.Track.ReadSamples = read;
   w.Track.SilenceBytes = silenceBytes;
@@ -115,10 +121,7 @@ uint64_t ReaderBytes(const Walked& walked) {
 // ---- the track's figures ----
 
 TEST(SoundTrackStart, FlagsLeadInAndLengthFollowTheFormat) {
-  VelmoWriterTrack t{};
-  t.SampleRate = 22050;
-  t.Bits = 16;
-  t.Channels = 2;
+  VelmoWriterTrack t = TrackOf(22050, 16, 2);
   ASSERT_TRUE(VelmoWriterTrackStart(&t, 4, 50, 30000, 1001));
   EXPECT_EQ(t.TrackFlags & 0xffffu, 22050u);
   EXPECT_EQ(t.TrackFlags & 0xffff0000u, VelmoTrackCurrentForm | VelmoTrackStereo | VelmoTrackSixteenBit);
@@ -135,10 +138,7 @@ TEST(SoundTrackStart, FlagsLeadInAndLengthFollowTheFormat) {
   VelmoWriterTrackEnd(&t);
 
   // The older form from level 100 on, the level taken modulo 100; mono and 8-bit clear their bits.
-  VelmoWriterTrack old{};
-  old.SampleRate = 11025;
-  old.Bits = 8;
-  old.Channels = 1;
+  VelmoWriterTrack old = TrackOf(11025, 8, 1);
   ASSERT_TRUE(VelmoWriterTrackStart(&old, 137, 10, 15, 1));
   EXPECT_EQ(old.TrackFlags, 11025u | VelmoTrackOlderForm);
   EXPECT_EQ(old.Quality, 37u);
@@ -148,18 +148,13 @@ TEST(SoundTrackStart, FlagsLeadInAndLengthFollowTheFormat) {
 }
 
 TEST(SoundTrackStart, RefusesWhatTheEncoderCannotTake) {
-  VelmoWriterTrack t{};
-  t.SampleRate = 22050;
-  t.Bits = 16;
-  t.Channels = 2;
+  VelmoWriterTrack t = TrackOf(22050, 16, 2), three = TrackOf(22050, 16, 3),
+                   none = TrackOf(0, 16, 1);
   EXPECT_FALSE(VelmoWriterTrackStart(&t, 200, 10, 30, 1));
   EXPECT_FALSE(VelmoWriterTrackStart(&t, -1, 10, 30, 1));
   EXPECT_FALSE(VelmoWriterTrackStart(&t, 4, 10, 0, 1));
-  t.Channels = 3;
-  EXPECT_FALSE(VelmoWriterTrackStart(&t, 4, 10, 30, 1));
-  t.Channels = 1;
-  t.SampleRate = 0;
-  EXPECT_FALSE(VelmoWriterTrackStart(&t, 4, 10, 30, 1));
+  EXPECT_FALSE(VelmoWriterTrackStart(&three, 4, 10, 30, 1));
+  EXPECT_FALSE(VelmoWriterTrackStart(&none, 4, 10, 30, 1));
 }
 
 // ---- packets ----
@@ -281,10 +276,7 @@ TEST(SoundTrackPackets, TrackWithoutEncoderOrSoundWritesTheEmptyWord) {
   const ScratchFile scratch;
   BufferedFile* file = FileCreate(0x10000, scratch.Name.c_str(), 0);
   ASSERT_NE(file, nullptr);
-  VelmoWriterTrack none{};  // never started: no encoder
-  none.SampleRate = 22050;
-  none.Channels = 1;
-  none.Bits = 16;
+  VelmoWriterTrack none = TrackOf(22050, 16, 1);  // never started: no encoder
   EXPECT_TRUE(VelmoWriterSoundPacket(&none, 0, 30, 1, file));
   // A started track over a source with nothing in it: the length is still written, as silence.
   VelmoWriterTrack empty = none;

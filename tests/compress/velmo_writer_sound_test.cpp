@@ -6,9 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "compress/tool/velmo1_file_check.h"
 #include "compress/velmo_sound_track.h"
-#include "compress/velmo_writer.h"
 #include "compress_test_util.h"
 
 namespace {
@@ -16,8 +14,7 @@ namespace {
 using audio_test::Samples;
 using sound_check::MemorySound;
 
-using compress_test::Picture;
-using compress_test::ScratchDir;
+using test_support::ScratchDir;
 
 // What the growing file showed at each "Compressing" label: frames against those the writer
 // had written, and the first track's table entries against the largest decoded count of the
@@ -121,12 +118,10 @@ TEST(VelmoWriterSound, TwoTracksInTablesPacketsAndTheLargestFrame) {
                             audio_test::Music(11025, 2, 16538)};
   const Clip r = WriteClip(out, frames, 2, music);
   ASSERT_GT(r.Size, 0u);
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  // The video decodes past the sound packets.
+  const Velmo1FileCheck check = compress_test::Played(out);
   ASSERT_EQ(check.Info.TrackCount, 2u);
   EXPECT_EQ(check.Info.Header.Frames, frames);
-  // The video decodes past the sound packets.
-  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), frames);
   for (uint32_t t = 0; t < 2; ++t) {
     const VelmoTrackInfo info = VelmoTableTrack(check.Info.Tables, t);
     EXPECT_EQ(info.Id, 40 + t);
@@ -152,9 +147,8 @@ TEST(VelmoWriterSound, CheckpointsKeepTheGrowingFilePlayable) {
   const Samples music[1] = {audio_test::Music(22050, 1, 22050)};
   Observed seen;
   const Clip r = WriteClip(out, 12, 1, music, &seen);
-  EXPECT_FALSE(compress_test::Exists(out + ".tmp"));
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  EXPECT_FALSE(test_support::Exists(out + ".tmp"));
+  const Velmo1FileCheck check = compress_test::Played(out);
   EXPECT_EQ(check.Info.Header.Frames, 12u);
   EXPECT_TRUE(VelmoEntryIsKey(check.Offsets[0]));
   ASSERT_GE(seen.Frames.size(), 8u);
@@ -196,7 +190,7 @@ TEST(VelmoWriterSound, OpenRefusesTrackTablesItCannotWrite) {
   EXPECT_EQ(VelmoWriterOpen(out.c_str(), 0, 101, 64, 48, 4, 0, nullptr, 24, 1, 257, tracks, 10000,
                             nullptr, nullptr, nullptr),
             nullptr);
-  EXPECT_FALSE(compress_test::Exists(out + ".tmp"));
+  EXPECT_FALSE(test_support::Exists(out + ".tmp"));
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
-// The compressor when things go wrong around it: a run killed at any moment leaves a temporary
-// file that plays up to its last checkpoint, a full disk ends the run with its message and
-// exit code and no broken file under the output name, and two runs writing the same output
-// name leave each other's files alone.
+// The compressor when things go wrong around it: a run killed at any moment (at every write in
+// turn, or within one) leaves a temporary file that plays up to its last checkpoint and does not
+// stop the next run of its name, a full disk ends the run with its message and exit code and no
+// broken file under the output name, and two runs writing the same output name leave each
+// other's files alone.
 //
 // Failing writes come from the file layer's write filter rather than a small file system or a
 // file size limit: the filter can stop the run at every single write in turn, and cut a write
@@ -18,33 +19,20 @@
 #include <thread>
 #include <vector>
 
-#include "compress/tool/velmo1_file_check.h"
-#include "compress/velmo_writer.h"
-#include "compress/tool/velmoc.h"
-#include "compress/tool/velmoc_source.h"
 #include "compress_test_util.h"
 #include "host/bfile.h"
 #include "host/platform.h"
-#include "host/toolframe.h"
 #include "velmo.h"
 
 namespace {
 
-using compress_test::Exists;
-using compress_test::Picture;
-using compress_test::ReadAll;
-using compress_test::ScratchDir;
-using compress_test::TestCompression;
+using namespace compress_test;
+using namespace test_support;
 
 constexpr uint32_t W = 32, H = 24;
 
-uint32_t Load32(const std::vector<uint8_t>& b, size_t at) {
-  uint32_t v = 0;
-  if (at + 4 <= b.size()) std::memcpy(&v, b.data() + at, 4);
-  return v;
-}
 // The frame count a reader takes from the header (0 while the file is shorter than a header).
-uint32_t HeaderFrames(const std::string& name) { return Load32(ReadAll(name), 8); }
+uint32_t HeaderFrames(const std::string& name) { return Le32(ReadFile(name), 8); }
 
 int Quiet(uint32_t, VelmoWriter*, const char*) { return 0; }
 
@@ -151,47 +139,17 @@ TEST(VelmoReliability, KilledAtEveryWriteThePartialFilePlays) {
                               "killed at write " + std::to_string(k) + (cut ? " (cut short)" : ""));
       EXPECT_GE(claimed, last) << "a later kill never plays less";
       last = claimed;
-      unlink((out + ".tmp").c_str());
     }
     EXPECT_GE(last, frames - 1);
   }
-}
-
-TEST(VelmoReliability, KilledFromOutsideMidRunThenRunAgain) {
-  const ScratchDir dir;
-  const uint32_t frames = 400;  // far more than any kill below waits for
-  const std::string whole = dir / "whole.vlm";
-  TestCompression c;
-  ASSERT_TRUE(OpenEager(&c, whole, frames));
-  Feed(&c, 0, 40);
-  c.Close(false);
-  Velmo1FileCheck reference;
-  ASSERT_EQ(Velmo1CheckOpen(whole.c_str(), &reference), nullptr);
-  ASSERT_EQ(reference.Info.Header.Frames, 40u);
-
-  const std::string out = dir / "out.vlm", tmp = out + ".tmp";
-  for (const uint32_t waitFor : {1u, 7u, 23u}) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) ChildRun(out, frames);
-    // Waits for the checkpoint count, not for a time: a loaded machine only makes it slower.
-    const uint32_t start = TimerMs();
-    while (HeaderFrames(tmp) < waitFor && TimerMs() - start < 20000) ThreadSleep(1);
-    kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the run ended before the kill";
-    uint32_t claimed = 0;
-    ExpectPlaysUpToItsCount(tmp, reference, &claimed, "kill after " + std::to_string(waitFor));
-    EXPECT_GE(claimed, waitFor);
-    EXPECT_FALSE(Exists(out));
-  }
   // The temporary file of a run that is gone does not stop the next run of that name.
-  ASSERT_TRUE(OpenEager(&c, out, 3));
+  const std::string again = dir / ("k" + std::to_string(writes - 1) + "c.vlm");
+  ASSERT_TRUE(Exists(again + ".tmp"));
+  ASSERT_TRUE(OpenEager(&c, again, 3));
   Feed(&c, 0, 3);
   ASSERT_GT(c.Close(false), 0u);
-  EXPECT_FALSE(Exists(tmp));
-  EXPECT_EQ(HeaderFrames(out), 3u);
+  EXPECT_FALSE(Exists(again + ".tmp"));
+  EXPECT_EQ(HeaderFrames(again), 3u);
 }
 
 // The dialog's View button checkpoints and flushes from its own thread while the run writes
@@ -235,53 +193,10 @@ TEST(VelmoReliability, PreviewFlushesWhileTheRunWrites) {
   preview.join();
   ASSERT_GT(c.Close(false), 0u);
   EXPECT_GE(flushes, frames / 4);
-  EXPECT_TRUE(ReadAll(out) == ReadAll(whole));
+  EXPECT_TRUE(ReadFile(out) == ReadFile(whole));
 }
 
 // ---- Whole runs through the tool shell -----------------------------------------------------------
-
-struct Clip {
-  uint32_t frames, first;
-  std::vector<uint32_t> pic;
-};
-uint32_t g_clipW = 32, g_clipH = 24;
-VelmocSource* ClipOpen(const char*, uint32_t first, uint32_t last, char*, size_t) {
-  return reinterpret_cast<VelmocSource*>(new Clip{std::min<uint32_t>(last, 23) - first + 1, first, {}});
-}
-void ClipInfo(const VelmocSource* s, VelmocSourceInfo* out) {
-  const Clip* c = reinterpret_cast<const Clip*>(s);
-  *out = {};
-  out->Width = g_clipW;
-  out->Height = g_clipH;
-  out->RateNumerator = 30;
-  out->RateDenominator = 1;
-  out->Frames = c->frames;
-  out->SkippedFrames = c->first;
-  out->InputFrames = 24;
-  out->InputBytes = uint64_t(g_clipW) * g_clipH * 3 * 24;
-}
-bool ClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int32_t* pitch) {
-  Clip* c = reinterpret_cast<Clip*>(s);
-  if (index >= c->frames) return false;
-  c->pic = Picture(g_clipW, g_clipH, c->first + index);
-  *pixels = c->pic.data();
-  *pitch = int32_t(g_clipW * 4);
-  return true;
-}
-void ClipClose(VelmocSource* s) { delete reinterpret_cast<Clip*>(s); }
-const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose, nullptr, nullptr};
-
-// Runs the tool on the console front end; `told` gets what it printed (its boxes included).
-int RunTool(const std::string& tail, std::string* told) {
-  VelmocRegisterDialog();
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  VelmocSetSource(&ClipOps);
-  testing::internal::CaptureStderr();
-  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
-  *told = testing::internal::GetCapturedStderr();
-  VelmocSetSource(nullptr);
-  return code;
-}
 
 // A disk with room for `g_room` bytes of the file: a write that reaches past it stops there.
 uint64_t g_room = 0;
@@ -293,14 +208,15 @@ TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
   const ScratchDir dir;
   const std::string out = dir / "full.vlm", old = dir / "old.vlm";
   const char* const disk = "Error writing to disk - probably out of disk space.";
-  std::string told;
+  g_clipShape = {32, 24, 24};
   // The big run writes about 20 kB a frame, so the file layer's 128 kB buffer goes to the
   // disk mid-run; the small one (a smaller picture) reaches the disk only at its close.
   const std::string big = " /d600000 /m1.2 /e8", small = " /d20000 /e3";
-  ASSERT_EQ(RunTool("clip " + old + " /v101" + small, &told), ToolExitDone) << told;
-  const std::vector<uint8_t> good = ReadAll(old);
-  EXPECT_NE(told.find("3 total frames compressed."), std::string::npos) << told;
-  EXPECT_NE(told.find("Final: " + std::to_string(good.size()) + " bytes ("), std::string::npos);
+  const ToolOutcome done = RunVelmoc("clip " + old + " /v101" + small);
+  ASSERT_EQ(done.code, ToolExitDone) << done.output;
+  const std::vector<uint8_t> good = ReadFile(old);
+  EXPECT_TRUE(done.Says("3 total frames compressed.")) << done.output;
+  EXPECT_TRUE(done.Says("Final: " + std::to_string(good.size()) + " bytes ("));
   ASSERT_GT(good.size(), 1000u);
   // Each case runs on a fresh name, or with /O over the good file, or both.
   struct Case {
@@ -316,59 +232,48 @@ TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    g_clipW = c.big ? 160 : 32;
-    g_clipH = c.big ? 120 : 24;
+    g_clipShape = {c.big ? 160u : 32u, c.big ? 120u : 24u, 24};
     for (const bool fresh : {true, false}) {
       if (!(fresh ? c.fresh : c.over)) continue;
       g_room = c.room;
       FileSetWriteFilter(FullDiskFilter);
-      const int code = RunTool("clip " + (fresh ? out : old + " /o") + " /v101" +
-                                   (c.big ? big : small), &told);
+      const ToolOutcome r =
+          RunVelmoc("clip " + (fresh ? out : old + " /o") + " /v101" + (c.big ? big : small));
       FileSetWriteFilter(nullptr);
-      EXPECT_EQ(code, ToolExitDiskWriteError) << (fresh ? "fresh name" : "over a file");
-      EXPECT_NE(told.find(disk), std::string::npos) << told;
-      EXPECT_EQ(told.find("total frames compressed"), std::string::npos) << told;
+      EXPECT_EQ(r.code, ToolExitDiskWriteError) << (fresh ? "fresh name" : "over a file");
+      EXPECT_TRUE(r.Says(disk)) << r.output;
+      EXPECT_FALSE(r.Says("total frames compressed")) << r.output;
     }
-    EXPECT_FALSE(Exists(out));
-    EXPECT_FALSE(Exists(out + ".tmp"));
+    EXPECT_TRUE(NoOutput(out));
     EXPECT_FALSE(Exists(old + ".tmp"));
-    EXPECT_TRUE(ReadAll(old) == good) << "the file under the output name was changed";
+    EXPECT_TRUE(ReadFile(old) == good) << "the file under the output name was changed";
   }
 }
 
 // ---- Two runs, one output name -----------------------------------------------------------------
 
-using Texts = std::vector<std::string>;
-int Collect(uint32_t kind, VelmoWriter* w, const char* text) {
-  if (kind == VelmoProgressMessage) static_cast<Texts*>(w->UserData)->push_back(text);
-  return 0;
-}
-
 TEST(VelmoReliability, TwoRunsOnOneOutputNameLeaveEachOtherAlone) {
   const ScratchDir dir;
   const std::string out = dir / "same.vlm", tmp = out + ".tmp", go = dir / "go";
-  std::string told;
-  g_clipW = 32;
-  g_clipH = 24;
+  g_clipShape = {32, 24, 24};
   // This process's run holds the name when the tool starts: the tool is refused before it
   // writes a byte, with the reasons of the message, and the first run finishes whole.
-  Texts texts;
+  WriterLog texts;
   TestCompression c;
-  ASSERT_TRUE(OpenEager(&c, out, 6, Collect, &texts));
+  ASSERT_TRUE(OpenEager(&c, out, 6, LogWriterMessages, &texts));
   Feed(&c, 0, 3);
-  const std::vector<uint8_t> before = ReadAll(tmp);
-  EXPECT_EQ(RunTool("clip " + out + " /v101 /o", &told), ToolExitOutputError);
-  EXPECT_NE(told.find("Couldn't create temporary file."), std::string::npos) << told;
-  EXPECT_NE(told.find("3) compressing multiple files to the same Velmo output filename."),
-            std::string::npos);
-  EXPECT_TRUE(ReadAll(tmp) == before);
+  const std::vector<uint8_t> before = ReadFile(tmp);
+  const ToolOutcome refusal = RunVelmoc("clip " + out + " /v101 /o");
+  EXPECT_EQ(refusal.code, ToolExitOutputError);
+  EXPECT_TRUE(refusal.Says("Couldn't create temporary file.")) << refusal.output;
+  EXPECT_TRUE(refusal.Says("3) compressing multiple files to the same Velmo output filename."));
+  EXPECT_TRUE(ReadFile(tmp) == before);
   Feed(&c, 3, 6);
   ASSERT_GT(c.Close(false), 0u);
   EXPECT_TRUE(texts.empty());
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
-  EXPECT_EQ(check.Info.Header.IndexFrames, 6u);
-  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 6u);
+  const Velmo1FileCheck first = Played(out);
+  EXPECT_EQ(first.Info.Header.Frames, 6u);
+  EXPECT_EQ(first.Info.Header.IndexFrames, 6u);
 
   // The other way round, across processes: another process's run holds the name and waits for
   // a sign; a writer here is refused with the message, then the other run ends whole.
@@ -387,16 +292,14 @@ TEST(VelmoReliability, TwoRunsOnOneOutputNameLeaveEachOtherAlone) {
     ThreadSleep(1);
   texts.clear();
   TestCompression refused;
-  EXPECT_FALSE(OpenEager(&refused, out, 6, Collect, &texts));
+  EXPECT_FALSE(OpenEager(&refused, out, 6, LogWriterMessages, &texts));
   ASSERT_EQ(texts.size(), 1u);
   EXPECT_EQ(texts[0].rfind("Couldn't create temporary file.", 0), 0u);
-  compress_test::WriteText(go, "go");
+  WriteText(go, "go");
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
-  EXPECT_EQ(check.Info.Header.Frames, 8u);
-  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 8u);
+  EXPECT_EQ(Played(out).Info.Header.Frames, 8u);
   EXPECT_FALSE(Exists(tmp));
 }
 

@@ -11,23 +11,16 @@
 #include <string>
 #include <vector>
 
-#include "compress/tool/velmo1_file_check.h"
 #include "compress/frame_planes.h"
-#include "compress/velmo_writer.h"
-#include "compress/tool/velmoc.h"
-#include "compress/tool/velmoc_source.h"
 #include "compress_test_util.h"
 #include "convert/output.h"
 #include "host/platform.h"
-#include "host/toolframe.h"
 #include "format/container.h"
 
 namespace {
 
-using compress_test::Exists;
-using compress_test::Picture;
-using compress_test::ScratchDir;
-using compress_test::TestCompression;
+using namespace compress_test;
+using namespace test_support;
 
 bool Parse(const char* text, VelmocSettings* s) {
   std::vector<char> line(text, text + std::strlen(text) + 1);
@@ -242,7 +235,7 @@ TEST(VelmocHintFile, ByteFillReachesAQuarterOfTheRange) {
 TEST(VelmocHintFile, ReadFromFile) {
   const ScratchDir dir;
   const std::string path = dir / "hints.txt";
-  compress_test::WriteText(path, "2 3 7000\n\n5 * 8000 * 1\n");
+  WriteText(path, "2 3 7000\n\n5 * 8000 * 1\n");
   VelmocHints h;
   ASSERT_TRUE(VelmocLoadHints(path.c_str(), 0, 6, 0, &h));
   EXPECT_EQ(h.Rate[1], 7000u);
@@ -253,17 +246,9 @@ TEST(VelmocHintFile, ReadFromFile) {
 
 // ---- The writer ------------------------------------------------------------------------------
 
-// The writer's messages go to a list of texts.
-using WriterLog = std::vector<std::string>;
-int LogProgress(uint32_t kind, VelmoWriter* w, const char* text) {
-  if (kind == VelmoProgressMessage) static_cast<WriterLog*>(w->UserData)->push_back(text);
-  return 0;
-}
-
 // The writer and its frame loop at 64 x 48, version 100, preview 2; messages go to `log`.
-bool OpenWriter(TestCompression* c, const std::string& out, uint32_t frames, WriterLog* log,
-                uint32_t preview = 2, VelmoWriterProgressFn progress = LogProgress) {
-  return c->Open(out, 100, 64, 48, frames, preview, progress, log);
+bool OpenWriter(TestCompression* c, const std::string& out, uint32_t frames, WriterLog* log) {
+  return c->Open(out, 100, 64, 48, frames, 2, LogWriterMessages, log);
 }
 
 TEST(VelmoWriterFile, CancelKeepsOrDiscards) {
@@ -274,17 +259,13 @@ TEST(VelmoWriterFile, CancelKeepsOrDiscards) {
   ASSERT_TRUE(OpenWriter(&c, kept, 30, &log));
   c.Feed(0, 7);
   c.Close(false);  // keep: what was fed, queue included
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(kept.c_str(), &check), nullptr);
+  const Velmo1FileCheck check = Played(kept);
   EXPECT_EQ(check.Info.Header.Frames, 7u);
   EXPECT_EQ(check.Info.Header.IndexFrames, 30u);
-  EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 7u);
-
   ASSERT_TRUE(OpenWriter(&c, dropped, 30, &log));
   c.Feed(0, 7);
   c.Close(true);
-  EXPECT_FALSE(Exists(dropped));
-  EXPECT_FALSE(Exists(dropped + ".tmp"));
+  EXPECT_TRUE(NoOutput(dropped));
   EXPECT_TRUE(log.empty());
 }
 
@@ -318,10 +299,7 @@ TEST(VelmoWriterFile, CancelStatesStopTheCoding) {
     EXPECT_EQ(c.Writer->FramesWritten, 4u);
     EXPECT_EQ(cancel.Calls, 1u) << "the frame after the cancel is not started again";
     c.Close(false);  // the cancel holds: the queue is not coded
-    Velmo1FileCheck check;
-    ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
-    EXPECT_EQ(check.Info.Header.Frames, 4u);
-    EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), 4u);
+    EXPECT_EQ(Played(out).Info.Header.Frames, 4u);
   }
 }
 
@@ -333,10 +311,8 @@ TEST(VelmoWriterFile, CheckpointGates) {
   WriterLog log;
   const std::string out = dir / "gates.vlm", tmp = out + ".tmp";
   auto onDisk = [&] {
-    const std::vector<uint8_t> b = compress_test::ReadAll(tmp);
-    uint32_t frames = ~0u;
-    if (b.size() >= 12) std::memcpy(&frames, b.data() + 8, 4);
-    return frames;
+    const std::vector<uint8_t> b = ReadFile(tmp);
+    return b.size() < 12 ? ~0u : Le32(b, 8);
   };
   TestCompression c;
   ASSERT_TRUE(OpenWriter(&c, out, 30, &log));
@@ -386,8 +362,7 @@ TEST(VelmoWriterFile, FailedRenameAndOverwriteAreTold) {
   // The output name is a folder that is not empty: deleting it fails, the temporary file stays.
   const std::string busy = dir / "busy.vlm";
   mkdir(busy.c_str(), 0700);
-  const std::string inside = busy + "/x";
-  std::fclose(std::fopen(inside.c_str(), "w"));
+  WriteText(busy + "/x", "");
   TestCompression c;
   ASSERT_TRUE(OpenWriter(&c, busy, 3, &log));
   c.Feed(0, 3);
@@ -513,57 +488,13 @@ TEST(VelmoWriterPixels, PlanarInputTakesNoTripThroughRgb) {
 
 // ---- Whole runs through the tool shell ---------------------------------------------------------
 
-// A generated clip served through the source table.
-struct ClipSource {
-  uint32_t frames, first;
-  std::vector<uint32_t> pic;
-};
-VelmocSource* ClipOpen(const char* name, uint32_t first, uint32_t last, char* error, size_t size) {
-  if (std::strcmp(name, "clip") != 0) {
-    std::snprintf(error, size, "no such clip");
-    return nullptr;
-  }
-  ClipSource* c = new ClipSource{std::min<uint32_t>(last, 15) - first + 1, first, {}};
-  return reinterpret_cast<VelmocSource*>(c);
-}
-void ClipInfo(const VelmocSource* s, VelmocSourceInfo* out) {
-  const ClipSource* c = reinterpret_cast<const ClipSource*>(s);
-  *out = {};
-  out->Width = 80;
-  out->Height = 56;
-  out->RateNumerator = 30;
-  out->RateDenominator = 1;
-  out->Frames = c->frames;
-  out->SkippedFrames = c->first;
-  out->InputFrames = 16;
-  out->InputBytes = 80 * 56 * 3 * 16;
-}
-bool ClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int32_t* pitch) {
-  ClipSource* c = reinterpret_cast<ClipSource*>(s);
-  if (index >= c->frames) return false;
-  c->pic = Picture(80, 56, c->first + index);
-  *pixels = c->pic.data();
-  *pitch = 80 * 4;
-  return true;
-}
-void ClipClose(VelmocSource* s) { delete reinterpret_cast<ClipSource*>(s); }
-const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose, nullptr, nullptr};
-
-int RunTool(const std::string& tail) {
-  VelmocRegisterDialog();
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  VelmocSetSource(&ClipOps);
-  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
-  VelmocSetSource(nullptr);
-  return code;
-}
+int RunTool(const std::string& tail) { return RunVelmoc(tail).code; }
 
 TEST(VelmocRun, CompressesAClipThatDecodesWell) {
   const ScratchDir dir;
   const std::string out = dir / "clip.vlm";
   ASSERT_EQ(RunTool("clip " + out + " /v101 /d60000 /*made-by-test"), ToolExitDone);
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  const Velmo1FileCheck check = Played(out);
   EXPECT_EQ(check.Info.Header.Magic, VelmoMagicVLMk);
   EXPECT_EQ(check.Info.Header.Frames, 16u);
   EXPECT_TRUE(check.Info.Header.Flags & VelmoFlagFullRange);
@@ -576,8 +507,15 @@ TEST(VelmocRun, CompressesAClipThatDecodesWell) {
   // A second run without /O meets the existing file; the console takes the default answer No.
   EXPECT_EQ(RunTool("clip " + out + " /v101"), ToolExitNoOverwrite);
   EXPECT_EQ(RunTool("clip " + out + " /v101 /o /s5 /e8"), ToolExitDone);
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
-  EXPECT_EQ(check.Info.Header.Frames, 4u);
+  EXPECT_EQ(Played(out).Info.Header.Frames, 4u);
+}
+
+// The console front end with a step of its own.
+ToolFrontEnd ConsoleStepping(const char* name, void (*step)(ToolDialog*, int)) {
+  ToolFrontEnd f = *ToolConsoleFrontEnd();
+  f.name = name;
+  f.step = step;
+  return f;
 }
 
 // The console front end, except that every question is answered Yes.
@@ -589,12 +527,10 @@ void AnswerYes(ToolBox* box) {
 }
 const ToolFrontEnd* SaysYes() {
   static ToolFrontEnd yes = [] {
-    ToolFrontEnd f = *ToolConsoleFrontEnd();
-    f.name = "yes";
-    f.step = [](ToolDialog* d, int waitMs) {
+    ToolFrontEnd f = ConsoleStepping("yes", [](ToolDialog* d, int waitMs) {
       AnswerYes(ToolDialogTopBox(d));
       ToolConsoleFrontEnd()->step(d, waitMs);
-    };
+    });
     f.box = [](ToolBox* box) {
       AnswerYes(box);
       if (!box->answered) ToolConsoleFrontEnd()->box(box);
@@ -604,16 +540,6 @@ const ToolFrontEnd* SaysYes() {
   return &yes;
 }
 
-int RunToolSayingYes(const std::string& tail) {
-  VelmocRegisterDialog();
-  ToolFrameSetFrontEnd(SaysYes());
-  VelmocSetSource(&ClipOps);
-  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
-  VelmocSetSource(nullptr);
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  return code;
-}
-
 // A hint file named with a leading '*' is the run's own: read, then deleted when the run ends,
 // also when it ends early. Its key-frame column reaches the file's index; frame 1 is a key
 // frame whatever the hints say, and /K adds its own.
@@ -621,17 +547,16 @@ TEST(VelmocRun, TemporaryHintFileAndKeyFrames) {
   const ScratchDir dir;
   const std::string out = dir / "h.vlm", hints = dir / "hints.txt";
   const std::string temporary = " /@\"*" + hints + "\"";  // quoted: the name holds slashes
-  compress_test::WriteText(hints, "1 1 * * 0\n3 3 * * 1\n");
+  WriteText(hints, "1 1 * * 0\n3 3 * * 1\n");
   ASSERT_EQ(RunTool("clip " + out + " /v101 /k5" + temporary), ToolExitDone);
   EXPECT_FALSE(Exists(hints));
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  const Velmo1FileCheck check = Played(out);
   std::vector<uint32_t> keys;
   for (uint32_t f = 0; f < check.Info.Header.Frames; ++f)
     if (VelmoEntryIsKey(check.Offsets[f])) keys.push_back(f);
   // Frame 0, the hint's frame 2 (which reloads the countdown), then every fifth after it.
   EXPECT_EQ(keys, (std::vector<uint32_t>{0, 2, 7, 12}));
-  compress_test::WriteText(hints, "1 1 * * 0\n");
+  WriteText(hints, "1 1 * * 0\n");
   EXPECT_EQ(RunTool("clip " + out + " /v101" + temporary), ToolExitNoOverwrite);
   EXPECT_FALSE(Exists(hints));
   // A hint file that is not there ends the run before any output.
@@ -643,15 +568,13 @@ TEST(VelmocRun, QuestionsAnsweredYes) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
   // Yes to the alpha question cancels the run before any output exists.
-  EXPECT_EQ(RunToolSayingYes("clip " + out + " /v100 /z1000"), ToolExitNoAlpha);
-  EXPECT_FALSE(Exists(out));
-  EXPECT_FALSE(Exists(out + ".tmp"));
+  EXPECT_EQ(RunVelmoc("clip " + out + " /v100 /z1000", &ClipOps, SaysYes()).code, ToolExitNoAlpha);
+  EXPECT_TRUE(NoOutput(out));
   // ... unless the 10000 part of /Z turns the question off: alpha just goes off.
-  EXPECT_EQ(RunToolSayingYes("clip " + out + " /v100 /z11000 /e2"), ToolExitDone);
+  EXPECT_EQ(RunVelmoc("clip " + out + " /v100 /z11000 /e2", &ClipOps, SaysYes()).code, ToolExitDone);
   // Yes to the overwrite question replaces the file.
-  EXPECT_EQ(RunToolSayingYes("clip " + out + " /v100 /e3"), ToolExitDone);
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+  EXPECT_EQ(RunVelmoc("clip " + out + " /v100 /e3", &ClipOps, SaysYes()).code, ToolExitDone);
+  const Velmo1FileCheck check = Played(out);
   EXPECT_EQ(check.Info.Header.Frames, 3u);
   EXPECT_EQ(check.Info.Header.Magic, VelmoMagicVLMi);
 }
@@ -669,9 +592,10 @@ void CancelStep(ToolDialog* d, int) {
   if (ToolBox* box = ToolDialogTopBox(d)) {
     const std::string text = box->text;
     g_script.Asked.push_back(text);
-    box->answer = text.rfind("Keep the frames", 0) == 0 ? g_script.Keep : ToolButtonYes;
+    const bool keep = text.rfind("Keep the frames", 0) == 0;
+    box->answer = keep ? g_script.Keep : ToolButtonYes;
     box->answered = true;
-    if (text.rfind("Keep the frames", 0) == 0) AtomicStore(&g_script.Answered, 1);
+    if (keep) AtomicStore(&g_script.Answered, 1);
   }
   if (!g_script.Sent && AtomicRead(&g_script.FramesRead) >= 4) {
     g_script.Sent = 1;
@@ -687,43 +611,30 @@ bool HeldClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, int
     ThreadSleep(1);
   return ClipFrame(s, index, pixels, pitch);
 }
-const VelmocSourceOps HeldClipOps{ClipOpen, ClipInfo, HeldClipFrame, ClipClose, nullptr, nullptr};
+const VelmocSourceOps HeldClipOps{ClipOpen, ClipInfo, HeldClipFrame, ClipClose,
+                                  nullptr, nullptr, nullptr};
 
 TEST(VelmocRun, CancelKeepsOrDiscardsTheFrames) {
   const ScratchDir dir;
-  static ToolFrontEnd canceller = *ToolConsoleFrontEnd();
-  canceller.name = "canceller";
-  canceller.step = CancelStep;
+  static const ToolFrontEnd canceller = ConsoleStepping("canceller", CancelStep);
   for (const int keep : {ToolButtonYes, ToolButtonNo}) {
     SCOPED_TRACE(keep == ToolButtonYes ? "keep" : "discard");
     const std::string out = dir / (keep == ToolButtonYes ? "kept.vlm" : "dropped.vlm");
-    g_script.Keep = keep;
-    g_script.FramesRead = 0;
-    g_script.Sent = 0;
-    g_script.Answered = 0;
-    g_script.Asked.clear();
-    VelmocRegisterDialog();
-    ToolFrameSetFrontEnd(&canceller);
-    VelmocSetSource(&HeldClipOps);
-    const std::string tail = "clip " + out + " /v101 /p2";
-    const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
-    VelmocSetSource(nullptr);
-    ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-    EXPECT_EQ(code, ToolExitCancelled);
+    g_script = {keep, 0, 0, 0, {}};
+    EXPECT_EQ(RunVelmoc("clip " + out + " /v101 /p2", &HeldClipOps, &canceller).code,
+              ToolExitCancelled);
     ASSERT_GE(g_script.Asked.size(), 2u);
     EXPECT_EQ(g_script.Asked[0], "Cancel the compression?");
     EXPECT_EQ(g_script.Asked[1], "Keep the frames that you've compressed so far?");
-    EXPECT_FALSE(Exists(out + ".tmp"));
     if (keep == ToolButtonNo) {
-      EXPECT_FALSE(Exists(out));
+      EXPECT_TRUE(NoOutput(out));
       continue;
     }
-    Velmo1FileCheck check;
-    ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
+    EXPECT_FALSE(Exists(out + ".tmp"));
+    const Velmo1FileCheck check = Played(out);
     EXPECT_GE(check.Info.Header.Frames, 1u);
     EXPECT_LE(check.Info.Header.Frames, 5u);
     EXPECT_EQ(check.Info.Header.IndexFrames, 16u);
-    EXPECT_EQ(Velmo1CheckDecode(check, nullptr, nullptr), check.Info.Header.Frames);
   }
 }
 
@@ -735,18 +646,17 @@ struct TickWatch {
 } g_tick;
 
 void WatchStep(ToolDialog* d, int) {
-  for (int i = 0; i < ToolDialogControlCount(d); ++i) {
+  for (int i = 0; i < ToolDialogControlCount(d) && !g_tick.Seen; ++i) {
     const ToolControlView c = ToolDialogControl(d, i);
-    if (c.id == ToolIdStatus && std::string(c.text).rfind("Processing", 0) == 0 && !g_tick.Seen) {
-      g_tick.Status = c.text;
-      g_tick.Caption = ToolDialogCaption(d);
-      for (int j = 0; j < ToolDialogControlCount(d); ++j) {
-        const ToolControlView k = ToolDialogControl(d, j);
-        if (k.id == VelmocIdProjected) g_tick.Projected = k.text;
-        if (k.id == VelmocIdRate) g_tick.Rate = k.text;
-      }
-      AtomicStore(&g_tick.Seen, 1);
+    if (c.id != ToolIdStatus || std::string(c.text).rfind("Processing", 0) != 0) continue;
+    g_tick.Status = c.text;
+    g_tick.Caption = ToolDialogCaption(d);
+    for (int j = 0; j < ToolDialogControlCount(d); ++j) {
+      const ToolControlView k = ToolDialogControl(d, j);
+      if (k.id == VelmocIdProjected) g_tick.Projected = k.text;
+      if (k.id == VelmocIdRate) g_tick.Rate = k.text;
     }
+    AtomicStore(&g_tick.Seen, 1);
   }
   ToolConsoleFrontEnd()->step(d, 2);
 }
@@ -756,22 +666,16 @@ bool WatchedClipFrame(VelmocSource* s, uint32_t index, const uint32_t** pixels, 
     ThreadSleep(1);
   return ClipFrame(s, index, pixels, pitch);
 }
-const VelmocSourceOps WatchedClipOps{ClipOpen, ClipInfo, WatchedClipFrame, ClipClose, nullptr, nullptr};
+const VelmocSourceOps WatchedClipOps{ClipOpen, ClipInfo, WatchedClipFrame, ClipClose,
+                                     nullptr, nullptr, nullptr};
 
 TEST(VelmocRun, ProgressTickTexts) {
   const ScratchDir dir;
-  static ToolFrontEnd watcher = *ToolConsoleFrontEnd();
-  watcher.name = "watcher";
-  watcher.step = WatchStep;
+  static const ToolFrontEnd watcher = ConsoleStepping("watcher", WatchStep);
   g_tick = {};
-  VelmocRegisterDialog();
-  ToolFrameSetFrontEnd(&watcher);
-  VelmocSetSource(&WatchedClipOps);
-  const std::string tail = "clip " + dir / "t.vlm" + " /v101 /p2 /s2";  // one frame skipped
-  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
-  VelmocSetSource(nullptr);
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  EXPECT_EQ(code, ToolExitDone);
+  // One frame skipped.
+  EXPECT_EQ(RunVelmoc("clip " + dir / "t.vlm" + " /v101 /p2 /s2", &WatchedClipOps, &watcher).code,
+            ToolExitDone);
   ASSERT_TRUE(g_tick.Seen);
   unsigned done = 0, all = 0, percent = 0;
   ASSERT_EQ(std::sscanf(g_tick.Status.c_str(), "Processing %u of %u (%u%%)...", &done, &all, &percent), 3)
@@ -799,25 +703,17 @@ TEST(VelmocRun, ExitCodes) {
   EXPECT_EQ(RunTool("missing " + out + " /v100"), ToolExitInputError);
   EXPECT_EQ(RunTool("clip " + out + " /v270"), ToolExitNotHdr);
   EXPECT_EQ(RunTool("missing " + out + " /v200"), ToolExitOutputError);  // said before the input
-  EXPECT_FALSE(Exists(out));
-  EXPECT_FALSE(Exists(out + ".tmp"));
+  EXPECT_EQ(RunTool("clip " + dir / "y.vm2 /v200"), ToolExitOutputError);
+  EXPECT_TRUE(NoOutput(out));
   // Alpha asked on an input without it: the console answers the question with its default
   // (No: go on), and the run ends well without alpha.
   EXPECT_EQ(RunTool("clip " + out + " /v100 /z1000 /s1 /e2"), ToolExitDone);
-  Velmo1FileCheck check;
-  ASSERT_EQ(Velmo1CheckOpen(out.c_str(), &check), nullptr);
-  EXPECT_FALSE(check.Info.Header.Flags & VelmoFlagAlpha);
-  EXPECT_EQ(RunTool("clip " + dir / "y.vm2 /v200"), ToolExitOutputError);
+  EXPECT_FALSE(Played(out).Info.Header.Flags & VelmoFlagAlpha);
 }
 
 // ---- Runs on real files through the media layer ------------------------------------------------
 
-int RunMedia(const std::string& tail) {
-  VelmocRegisterDialog();
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  VelmocSetSource(nullptr);
-  return ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand, "velmoc");
-}
+int RunMedia(const std::string& tail) { return RunVelmoc(tail, nullptr).code; }
 
 // Writes `frames` test pictures with the converter's writers: an AVI (uncompressed) or, for an
 // image extension, a numbered series whose first name lands in `first`.
@@ -839,18 +735,10 @@ bool WriteInput(const std::string& name, int frames, uint32_t w, uint32_t h, uin
   return OutputClose(out) > 0 && ok;
 }
 
-bool ReadHeader(const std::string& name, VelmoHeader* header) {
-  FILE* f = std::fopen(name.c_str(), "rb");
-  if (!f) return false;
-  uint8_t bytes[64];
-  const size_t n = std::fread(bytes, 1, sizeof bytes, f);
-  std::fclose(f);
-  return VelmoReadHeader(bytes, n, header) == nullptr;
-}
-
 void ExpectShape(const std::string& name, uint32_t frames, uint32_t w, uint32_t h, uint32_t fps) {
+  const std::vector<uint8_t> bytes = ReadFile(name);
   VelmoHeader header{};
-  ASSERT_TRUE(ReadHeader(name, &header)) << name;
+  ASSERT_EQ(VelmoReadHeader(bytes.data(), bytes.size(), &header), nullptr) << name;
   EXPECT_EQ(header.Frames, frames);
   EXPECT_EQ(VelmoHeaderWidth(header), w);
   EXPECT_EQ(VelmoHeaderHeight(header), h);
@@ -875,21 +763,25 @@ TEST(VelmocMedia, CompressesAnAviWithHintsRangeRateAndCrop) {
   const double plain = PsnrAgainst(out, avi, &frames);
   EXPECT_EQ(frames, 12u);
   EXPECT_GT(plain, 28.0);
-  compress_test::WriteText(hints, "1 -1 * * * * * * 40\n");
+  WriteText(hints, "1 -1 * * * * * * 40\n");
   ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /d60000 /@\"" + hints + "\""), ToolExitDone);
   const double dimmed = PsnrAgainst(out, avi, &frames);
   EXPECT_EQ(frames, 12u);
   EXPECT_GE(dimmed, 0.0);
   EXPECT_LT(dimmed, plain - 8.0);
-  // Frames 3 to 10 (eight at 24 a second) adjusted to 12 a second, a 32 x 16 window.
-  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /s3 /e10 /a12 /x8 /y4 /w32 /h16"), ToolExitDone);
-  ExpectShape(out, 4, 32, 16, 12);
-  // From the end: the last five frames; /F sets the rate without changing the count.
-  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /s-5 /f10"), ToolExitDone);
-  ExpectShape(out, 5, 64, 48, 10);
-  // Scaling to a width keeps the shape with /)-1.
-  ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o /(32 /)-1"), ToolExitDone);
-  ExpectShape(out, 12, 32, 24, 24);
+  // Frames 3 to 10 (eight at 24 a second) adjusted to 12 a second, a 32 x 16 window; the last
+  // five frames, /F setting the rate without changing the count; a width with /)-1 keeping
+  // the shape.
+  const struct {
+    const char* Switches;
+    uint32_t Frames, W, H, Fps;
+  } runs[] = {{" /s3 /e10 /a12 /x8 /y4 /w32 /h16", 4, 32, 16, 12},
+              {" /s-5 /f10", 5, 64, 48, 10},
+              {" /(32 /)-1", 12, 32, 24, 24}};
+  for (const auto& r : runs) {
+    ASSERT_EQ(RunMedia(avi + " " + out + " /v101 /o" + r.Switches), ToolExitDone) << r.Switches;
+    ExpectShape(out, r.Frames, r.W, r.H, r.Fps);
+  }
 }
 
 TEST(VelmocMedia, CompressesAPngSeries) {
@@ -915,7 +807,7 @@ TEST(VelmocMedia, CompressesAPngSeries) {
 TEST(VelmocMedia, UnreadableInputEndsWithInputError) {
   const ScratchDir dir;
   const std::string bad = dir / "bad.avi", out = dir / "out.vlm";
-  compress_test::WriteAll(bad, {'R', 'I', 'F', 'F', 0x10, 0, 0, 0, 'A', 'V', 'I', ' ', 'j', 'u', 'n', 'k'});
+  WriteText(bad, std::string("RIFF\x10\0\0\0AVI junk", 16));
   EXPECT_EQ(RunMedia(bad + " " + out + " /v101"), ToolExitInputError);
   EXPECT_EQ(RunMedia(dir / "missing.avi " + out + " /v101"), ToolExitInputError);
   EXPECT_FALSE(Exists(out));

@@ -15,23 +15,16 @@
 #include "support/velmo_file.h"
 #include "compress/tool/velmomix.h"
 #include "compress_test_util.h"
-#include "host/switches.h"
-#include "host/toolframe.h"
 #include "format/container.h"
 #include "velmo.h"
 
 namespace {
 
-using compress_test::Exists;
-using compress_test::ReadAll;
-using compress_test::ScratchDir;
-using compress_test::Store32;
-using compress_test::WriteAll;
+using namespace test_support;
+using compress_test::NoOutput;
 
-uint32_t Load32(const std::vector<uint8_t>& file, size_t at) {
-  uint32_t v;
-  std::memcpy(&v, file.data() + at, 4);
-  return v;
+void Store32(std::vector<uint8_t>* file, size_t at, uint32_t value) {
+  for (int i = 0; i < 4; ++i) (*file)[at + i] = uint8_t(value >> (8 * i));
 }
 
 // A usable track of the current sound form, 22050 Hz 16-bit mono.
@@ -181,13 +174,13 @@ TEST(VelmoMixCopy, RemovingAnAbsentTrackReproducesTheFile) {
     SCOPED_TRACE(layout.Version);
     const std::vector<uint8_t> input = BuildInput(layout);
     const std::string in = dir / "in.vlm", out = dir / "out.vlm";
-    WriteAll(in, input);
+    WriteFile(in, input);
     MixRun run;
     ASSERT_EQ(run.Run(in, out, {Removal(30)}), input.size()) << ::testing::PrintToString(run.Msg.Texts);
     EXPECT_TRUE(run.Msg.Texts.empty());
     EXPECT_EQ(run.Msg.Labels, layout.Frames);
     EXPECT_EQ(run.Progress.FramesDone, layout.Frames);
-    EXPECT_EQ(ReadAll(out), input);
+    EXPECT_EQ(ReadFile(out), input);
     EXPECT_FALSE(Exists(out + ".tmp"));
   }
 }
@@ -196,13 +189,13 @@ TEST(VelmoMixCopy, DroppingATrackKeepsTheOthersAndTheVideo) {
   const ScratchDir dir;
   const std::string in = dir / "in.vm2", out = dir / "out.vm2";
   const std::vector<uint8_t> input = BuildInput({200, VelmoFlagFullRange, "text", 10, 3, {5, 7, 9}});
-  WriteAll(in, input);
+  WriteFile(in, input);
   MixRun run;
   // Two entries: id 7 is removed, id 11 is in no file and has no sound, so it adds nothing.
   ASSERT_GT(run.Run(in, out, {Removal(11), Removal(7)}), 0u);
   Parsed a, b;
   ASSERT_TRUE(ParseFile(input, &a));
-  ASSERT_TRUE(ParseFile(ReadAll(out), &b));
+  ASSERT_TRUE(ParseFile(ReadFile(out), &b));
   ASSERT_EQ(b.Info.TrackCount, 2u);
   EXPECT_EQ(b.Tracks[0].Id, 5u);
   EXPECT_EQ(b.Tracks[1].Id, 9u);
@@ -225,26 +218,25 @@ TEST(VelmoMixCopy, InputOffsetAndRateOverride) {
   std::vector<uint8_t> big(1234, 0x5a);
   big.insert(big.end(), image.begin(), image.end());
   big.insert(big.end(), 77, 0xee);
-  WriteAll(in, big);
+  WriteFile(in, big);
   MixRun run;
   ASSERT_EQ(run.Run(in, out, {Removal(1)}, 1234), image.size());
-  EXPECT_EQ(ReadAll(out), image);
+  EXPECT_EQ(ReadFile(out), image);
   ASSERT_EQ(run.Run(in, out, {Removal(1)}, 1234, 25, 2), image.size());
   std::vector<uint8_t> expected = image;
   Store32(&expected, 28, 25);
   Store32(&expected, 32, 2);
-  EXPECT_EQ(ReadAll(out), expected);
+  EXPECT_EQ(ReadFile(out), expected);
 }
 
 TEST(VelmoMixCopy, EmptyTrackListDoesNothing) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
-  WriteAll(in, BuildInput({}));
+  WriteFile(in, BuildInput({}));
   MixRun run;
   EXPECT_EQ(run.Run(in, out, {}), 0u);
   EXPECT_EQ(run.Msg.Labels, 0u);
-  EXPECT_FALSE(Exists(out));
-  EXPECT_FALSE(Exists(out + ".tmp"));
+  EXPECT_TRUE(NoOutput(out));
 }
 
 // ---- Failures ----------------------------------------------------------------------------------
@@ -259,7 +251,7 @@ TEST(VelmoMixFailure, BadInputsEndTheMixWithoutOutput) {
   Parsed p;
   ASSERT_TRUE(ParseFile(good, &p));
   const size_t indexAt = p.Info.TablesOffset + 3 * 4;
-  const uint32_t frame3 = Load32(good, indexAt + 3 * 4);
+  const uint32_t frame3 = Le32(good, indexAt + 3 * 4);
   const char* const notVelmo = "Input file isn't a Velmo file.";
   struct Case {
     const char* What;
@@ -285,15 +277,14 @@ TEST(VelmoMixFailure, BadInputsEndTheMixWithoutOutput) {
   Store32(&cases.back().File, 40, 300);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.What);
-    WriteAll(in, c.File);
+    WriteFile(in, c.File);
     MixRun run;
     EXPECT_EQ(run.Run(in, out, {Removal(1)}), 0u);
     ASSERT_EQ(run.Msg.Texts.size(), 1u);
     if (c.Message) {
       EXPECT_EQ(run.Msg.Texts[0], c.Message);
     }
-    EXPECT_FALSE(Exists(out));
-    EXPECT_FALSE(Exists(out + ".tmp"));
+    EXPECT_TRUE(NoOutput(out));
   }
   MixRun missing;
   EXPECT_EQ(missing.Run(dir / "missing.vlm", out, {Removal(0)}), 0u);
@@ -304,15 +295,15 @@ TEST(VelmoMixFailure, BadInputsEndTheMixWithoutOutput) {
 TEST(VelmoMixFailure, CancelDeletesTheTemporaryFile) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
-  WriteAll(in, BuildInput({}));
-  WriteAll(out, {1, 2, 3, 4});
+  WriteFile(in, BuildInput({}));
+  WriteFile(out, std::vector<uint8_t>{1, 2, 3, 4});
   MixRun run;
   run.Msg.CancelAt = 3;
   EXPECT_EQ(run.Run(in, out, {Removal(0)}), 0u);
   EXPECT_EQ(run.Progress.Cancelled, 1u);
   EXPECT_EQ(run.Msg.Labels, 3u);  // the frame of the answer is still mixed
   EXPECT_EQ(run.Progress.FramesDone, 3u);
-  EXPECT_EQ(ReadAll(out), (std::vector<uint8_t>{1, 2, 3, 4}));  // the old output stays
+  EXPECT_EQ(ReadFile(out), (std::vector<uint8_t>{1, 2, 3, 4}));  // the old output stays
   EXPECT_FALSE(Exists(out + ".tmp"));
 }
 
@@ -320,18 +311,18 @@ TEST(VelmoMixFailure, OutputThatCannotBeReplacedOrCreated) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm";
   const std::vector<uint8_t> input = BuildInput({});
-  WriteAll(in, input);
+  WriteFile(in, input);
   // An output name held by a directory with something in it cannot be deleted: the mix stays
   // under its temporary name, and says so.
   const std::string out = dir / "taken.vlm";
   ASSERT_EQ(mkdir(out.c_str(), 0755), 0);
-  WriteAll(out + "/keep", {1});
+  WriteText(out + "/keep", "x");
   MixRun run;
   EXPECT_EQ(run.Run(in, out, {Removal(0)}), input.size());
   ASSERT_EQ(run.Msg.Texts.size(), 1u);
   EXPECT_EQ(run.Msg.Texts[0], "Velmo couldn't overwrite, '" + out +
                                   "', so the new Velmo file is called: '" + out + ".tmp'.");
-  EXPECT_EQ(ReadAll(out + ".tmp"), input);
+  EXPECT_EQ(ReadFile(out + ".tmp"), input);
   // No temporary file in a folder that does not exist.
   MixRun none;
   EXPECT_EQ(none.Run(in, dir / "nowhere/out.vlm", {Removal(0)}), 0u);
@@ -422,7 +413,7 @@ TEST(VelmoMixEncode, ReplacedTrackKeepsItsPlace) {
   const ScratchDir dir;
   const std::string in = dir / "in.vm2", out = dir / "out.vm2";
   const std::vector<uint8_t> input = BuildInput({200, VelmoFlagFullRange, "t", 30, 10, {5, 7, 9}});
-  WriteAll(in, input);
+  WriteFile(in, input);
   Tone stereo;
   stereo.Rate = 16000;
   stereo.Channels = 2;
@@ -431,7 +422,7 @@ TEST(VelmoMixEncode, ReplacedTrackKeepsItsPlace) {
   ASSERT_GT(run.Run(in, out, {NewTrack(12, &mono, 104), Removal(9), NewTrack(7, &stereo)}), 0u);
   Parsed a, b;
   ASSERT_TRUE(ParseFile(input, &a));
-  ASSERT_TRUE(ParseFile(ReadAll(out), &b));
+  ASSERT_TRUE(ParseFile(ReadFile(out), &b));
   ASSERT_EQ(b.Info.TrackCount, 3u);
   EXPECT_EQ(b.Tracks[0].Id, 5u);
   EXPECT_EQ(b.Tracks[1].Id, 7u);
@@ -453,7 +444,7 @@ TEST(VelmoMixEncode, NewTrackGoesLastWithItsSilentLeadIn) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
   const std::vector<uint8_t> input = BuildInput({100, 0, nullptr, 75, 15, {5}});
-  WriteAll(in, input);
+  WriteFile(in, input);
   Parsed a;
   ASSERT_TRUE(ParseFile(input, &a));
   struct Case {
@@ -468,7 +459,7 @@ TEST(VelmoMixEncode, NewTrackGoesLastWithItsSilentLeadIn) {
         << ::testing::PrintToString(run.Msg.Texts);
     EXPECT_TRUE(run.Msg.Texts.empty());
     Parsed b;
-    ASSERT_TRUE(ParseFile(ReadAll(out), &b));
+    ASSERT_TRUE(ParseFile(ReadFile(out), &b));
     ASSERT_EQ(b.Info.TrackCount, 2u);
     EXPECT_EQ(b.Tracks[0].Id, 5u);
     EXPECT_EQ(b.Tracks[0].Format, a.Tracks[0].Format);
@@ -493,7 +484,7 @@ TEST(VelmoMixEncode, NewTrackGoesLastWithItsSilentLeadIn) {
 TEST(VelmoMixEncode, SoundTheEncoderRefuses) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
-  WriteAll(in, BuildInput({}));
+  WriteFile(in, BuildInput({}));
   Tone tone;
   for (int32_t level : {200, -1}) {
     MixRun run;
@@ -501,8 +492,7 @@ TEST(VelmoMixEncode, SoundTheEncoderRefuses) {
     ASSERT_EQ(run.Msg.Texts.size(), 1u);
     EXPECT_EQ(run.Msg.Texts[0].rfind("The sound encoder can't take this sound (22050 hz, 1 "
                                      "channels, level ", 0), 0u);
-    EXPECT_FALSE(Exists(out));
-    EXPECT_FALSE(Exists(out + ".tmp"));
+    EXPECT_TRUE(NoOutput(out));
   }
 }
 
@@ -597,11 +587,11 @@ TEST(VelmoMixSwitches, SyntaxErrors) {
 
 TEST(VelmoMixSwitches, ExtensionsFromTheInputsMagic) {
   const ScratchDir dir;
-  WriteAll(dir / "one.vlm", BuildInput({100, 0, nullptr, 2, 1, {}}));
+  WriteFile(dir / "one.vlm", BuildInput({100, 0, nullptr, 2, 1, {}}));
   std::vector<uint8_t> two(16, 0);
   const std::vector<uint8_t> vm2 = BuildInput({200, 0, nullptr, 2, 1, {}});
   two.insert(two.end(), vm2.begin(), vm2.end());
-  WriteAll(dir / "two.bin", two);
+  WriteFile(dir / "two.bin", two);
   char name[256] = "clip";
   VelmoMixInputExtension(name, sizeof name);
   EXPECT_STREQ(name, "clip.vlm");
@@ -623,8 +613,7 @@ TEST(VelmoMixSwitches, ExtensionsFromTheInputsMagic) {
 
 int RunTool(const std::string& tail) {
   VelmoMixRegisterDialog();
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  return ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmoMixMain, VelmoMixCommand, "velmomix");
+  return RunToolHere(VelmoMixMain, VelmoMixCommand, "velmomix", tail).code;
 }
 
 // A wave file of the tone: 16-bit, `seconds` long.
@@ -634,29 +623,27 @@ void WriteWave(const std::string& name, uint32_t rate, uint32_t channels, double
   tone.Channels = channels;
   std::vector<int16_t> pcm(size_t(rate * seconds) * channels);
   ReadTone(&tone, pcm.data(), uint32_t(pcm.size() * 2));
-  compress_test::WriteWave(name, pcm, rate, channels);
+  WriteWave16(name, rate, channels, pcm);
 }
 
 TEST(VelmoMixTool, ExitCodes) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm", out = dir / "out.vlm";
-  WriteAll(in, BuildInput({}));
+  WriteFile(in, BuildInput({}));
   EXPECT_EQ(RunTool(in + " - " + out + " /l200"), ToolExitBadSwitches);
   EXPECT_EQ(RunTool(in + " -"), ToolExitBadSwitches);
   EXPECT_EQ(RunTool(in + " " + dir / "none.wav " + out), ToolExitInputError);
-  EXPECT_FALSE(Exists(out));
   EXPECT_EQ(RunTool(dir / "none.vlm - " + out), 8004);  // the mixer fails on its input
-  EXPECT_FALSE(Exists(out));
-  EXPECT_FALSE(Exists(out + ".tmp"));
+  EXPECT_TRUE(NoOutput(out));
   EXPECT_EQ(RunTool(in + " - " + out), ToolExitDone);
   EXPECT_TRUE(Exists(out));
   // Without /O the console takes the question's default answer, No.
   EXPECT_EQ(RunTool(in + " - " + out), ToolExitNoOverwrite);
   EXPECT_EQ(RunTool(in + " - " + out + " /o"), ToolExitDone);
   // A file mixed onto itself: the input is read to its end before the old file goes.
-  const std::vector<uint8_t> before = ReadAll(in);
+  const std::vector<uint8_t> before = ReadFile(in);
   EXPECT_EQ(RunTool(in + " - " + in + " /o /t99"), ToolExitDone);
-  EXPECT_EQ(ReadAll(in), before);
+  EXPECT_EQ(ReadFile(in), before);
 }
 
 // Mixing a wave: the track of /T joins the file's own, at the level of /L; the rest is the
@@ -664,13 +651,13 @@ TEST(VelmoMixTool, ExitCodes) {
 TEST(VelmoMixTool, MixesAWaveAndRemovesItAgain) {
   const ScratchDir dir;
   const std::vector<uint8_t> input = BuildInput({200, VelmoFlagFullRange, "x", 45, 5, {5}});
-  WriteAll(dir / "in.vlm", input);
+  WriteFile(dir / "in.vlm", input);
   WriteWave(dir / "tone.wav", 22050, 2, 2.0);
   ASSERT_EQ(RunTool(dir / "in " + dir / "tone.wav " + dir / "with.vlm /t3 /l8"), ToolExitDone);
   const std::string with = dir / "with.vlm";
   Parsed a, b;
   ASSERT_TRUE(ParseFile(input, &a));
-  ASSERT_TRUE(ParseFile(ReadAll(with), &b));
+  ASSERT_TRUE(ParseFile(ReadFile(with), &b));
   ASSERT_EQ(b.Tracks.size(), 2u);
   EXPECT_EQ(b.Tracks[1].Id, 3u);
   EXPECT_EQ(b.Tracks[1].Format & VelmoTrackRateMask, 22050u);
@@ -685,7 +672,7 @@ TEST(VelmoMixTool, MixesAWaveAndRemovesItAgain) {
   // "-" removes track 3 and leaves the rest as it was.
   ASSERT_EQ(RunTool(dir / "with - " + dir / "without /t3"), ToolExitDone);
   Parsed c;
-  ASSERT_TRUE(ParseFile(ReadAll(dir / "without.vm2"), &c));
+  ASSERT_TRUE(ParseFile(ReadFile(dir / "without.vm2"), &c));
   ASSERT_EQ(c.Tracks.size(), 1u);
   EXPECT_EQ(c.Tracks[0].Id, 5u);
   EXPECT_TRUE(KeptFrames(a, c, {{0, 0}}));
@@ -696,7 +683,7 @@ TEST(VelmoMixTool, MixesAWaveAndRemovesItAgain) {
 TEST(VelmoMixTool, LoopBitsAndRate) {
   const ScratchDir dir;
   const std::string in = dir / "in.vlm";
-  WriteAll(in, BuildInput({100, 0, nullptr, 60, 5, {}}));
+  WriteFile(in, BuildInput({100, 0, nullptr, 60, 5, {}}));
   WriteWave(dir / "short.wav", 22050, 1, 0.25);
   ASSERT_EQ(RunTool(in + " " + dir / "short.wav " + dir / "loop.vlm /p"), ToolExitDone);
   ASSERT_EQ(RunTool(in + " " + dir / "short.wav " + dir / "once.vlm"), ToolExitDone);
@@ -710,7 +697,7 @@ TEST(VelmoMixTool, LoopBitsAndRate) {
 
   ASSERT_EQ(RunTool(in + " " + dir / "short.wav " + dir / "eight.vlm /b8 /f15"), ToolExitDone);
   Parsed e;
-  ASSERT_TRUE(ParseFile(ReadAll(dir / "eight.vlm"), &e));
+  ASSERT_TRUE(ParseFile(ReadFile(dir / "eight.vlm"), &e));
   EXPECT_EQ(e.Info.Header.FrameRate, 15u);
   EXPECT_EQ(e.Info.Header.FrameRateDiv, 1u);
   ASSERT_EQ(e.Tracks.size(), 1u);
