@@ -5,6 +5,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "process/filters.h"
@@ -86,8 +87,15 @@ struct RecordingRunner {
   uint32_t Threads = 1;
 };
 
-void RecordingRun(const ProcessJobRunner* runner, const char* name, PoolFunction function,
-                  void* context);
+inline void RecordingRun(const ProcessJobRunner* runner, const char* name, PoolFunction function,
+                         void* context) {
+  auto* r = static_cast<RecordingRunner*>(runner->Owner);
+  r->Names.push_back(name);
+  std::vector<std::thread> threads;
+  for (uint32_t i = 1; i < r->Threads; ++i) threads.emplace_back(function, context, i);
+  function(context, 0);
+  for (auto& t : threads) t.join();
+}
 
 inline void InitRecordingRunner(RecordingRunner* r, uint32_t threads) {
   r->Runner = ProcessJobRunner{RecordingRun, r};
