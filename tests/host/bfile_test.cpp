@@ -5,44 +5,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "support/files.h"
+
 namespace {
+
+using test_support::ReadFile;
 
 class BufferedFiles : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/bfile_test_XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back(0);
-    ASSERT_NE(mkdtemp(buffer.data()), nullptr);
-    dir = buffer.data();
-  }
-  void TearDown() override {
-    std::string command = "rm -rf '" + dir + "'";
-    EXPECT_EQ(std::system(command.c_str()), 0);
-  }
-  std::string Path(const char* name) const { return dir + "/" + name; }
-
-  std::vector<uint8_t> Contents(const std::string& path) const {
-    std::vector<uint8_t> bytes;
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) return bytes;
-    int c;
-    while ((c = std::fgetc(file)) != EOF) bytes.push_back(static_cast<uint8_t>(c));
-    std::fclose(file);
-    return bytes;
-  }
+  std::string Path(const char* name) const { return scratch / name; }
   void Put(const std::string& path, const std::vector<uint8_t>& bytes) const {
-    FILE* file = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(file, nullptr);
-    std::fwrite(bytes.data(), 1, bytes.size(), file);
-    std::fclose(file);
+    test_support::WriteFile(path, bytes);
   }
   static uint64_t SizeOnDisk(const std::string& path) {
     struct stat info;
@@ -54,7 +31,8 @@ class BufferedFiles : public ::testing::Test {
     return data;
   }
 
-  std::string dir;
+  test_support::ScratchDir scratch;
+  const std::string dir = scratch.path;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -70,7 +48,7 @@ TEST_F(BufferedFiles, BufferSizesAlignmentAndLazyAllocation) {
   EXPECT_EQ(reinterpret_cast<uintptr_t>(file->Buffer) % 4096, 0u);
   EXPECT_EQ(file->BufferFill, 8192u);
   FileClose(file);
-  EXPECT_EQ(Contents(Path("lazy")), std::vector<uint8_t>{0x41});
+  EXPECT_EQ(ReadFile(Path("lazy")), std::vector<uint8_t>{0x41});
 
   file = FileCreate(0, Path("zero").c_str(), 0);
   ASSERT_NE(file, nullptr);
@@ -101,7 +79,7 @@ TEST_F(BufferedFiles, ReadOnlyModeRefusesWrites) {
   EXPECT_FALSE(FileFlush(file, false));
   EXPECT_EQ(file->WriteError, 1u);
   FileClose(file);
-  EXPECT_EQ(Contents(Path("ro")), (std::vector<uint8_t>{1, 2, 3}));
+  EXPECT_EQ(ReadFile(Path("ro")), (std::vector<uint8_t>{1, 2, 3}));
 
   file = FileOpenRead(0, Path("ro").c_str(), 0);  // any other mode may write
   ASSERT_NE(file, nullptr);
@@ -109,7 +87,7 @@ TEST_F(BufferedFiles, ReadOnlyModeRefusesWrites) {
   FileWriteByte(file, 9);
   EXPECT_TRUE(FileFlush(file, true));
   FileClose(file);
-  EXPECT_EQ(Contents(Path("ro")), (std::vector<uint8_t>{1, 9, 3}));
+  EXPECT_EQ(ReadFile(Path("ro")), (std::vector<uint8_t>{1, 9, 3}));
 }
 
 TEST_F(BufferedFiles, ShortWritesSetTheErrorAndGoOn) {
@@ -143,7 +121,7 @@ TEST_F(BufferedFiles, FastPathsMatchTheSlowPathAcrossBufferEnds) {
   }
   EXPECT_EQ(FileTell(file), expected.size());
   FileClose(file);
-  EXPECT_EQ(Contents(Path("fast")), expected);
+  EXPECT_EQ(ReadFile(Path("fast")), expected);
 
   file = FileOpenRead(4096, Path("fast").c_str(), FileModeReadOnly);
   ASSERT_NE(file, nullptr);
@@ -182,7 +160,7 @@ TEST_F(BufferedFiles, ReadRightAfterWriteReturnsWhatWasWritten) {
   FileClose(file);
   auto expected = data;
   std::memcpy(expected.data() + 510, "XYZ", 3);
-  EXPECT_EQ(Contents(Path("rw")), expected);
+  EXPECT_EQ(ReadFile(Path("rw")), expected);
 }
 
 TEST_F(BufferedFiles, WriteAfterReadGoesWhereTheReadStopped) {
@@ -197,7 +175,7 @@ TEST_F(BufferedFiles, WriteAfterReadGoesWhereTheReadStopped) {
   FileClose(file);
   auto expected = Pattern(300);
   expected[10] = 0xAA, expected[11] = 0xBB, expected[12] = 0xCC, expected[13] = 0xDD;
-  EXPECT_EQ(Contents(Path("rw2")), expected);
+  EXPECT_EQ(ReadFile(Path("rw2")), expected);
 }
 
 TEST_F(BufferedFiles, LargeWritesAndReadsSkipTheBuffer) {
@@ -259,7 +237,7 @@ TEST_F(BufferedFiles, HeaderPatchBySeekWriteSeekBack) {
   FileWriteByte(file, 0x7E);
   EXPECT_EQ(FileSizeOf(file), 300009u);
   FileClose(file);
-  const auto bytes = Contents(Path("patch"));
+  const auto bytes = ReadFile(Path("patch"));
   ASSERT_EQ(bytes.size(), 300009u);
   EXPECT_EQ(bytes[0] | (bytes[1] << 8) | (bytes[2] << 16), 300008);
   EXPECT_EQ(bytes[4], 300 & 0xFF);
@@ -326,7 +304,7 @@ TEST_F(BufferedFiles, TellCountsThePartialByteAndFlushPadsWithZeros) {
   FileFlushBits(file);  // nothing waits: nothing written
   FileClose(file);
   // 3 ones padded; then 9 ones and 7 zeros are exactly two bytes.
-  EXPECT_EQ(Contents(Path("bits")), (std::vector<uint8_t>{0x07, 0xFF, 0x01}));
+  EXPECT_EQ(ReadFile(Path("bits")), (std::vector<uint8_t>{0x07, 0xFF, 0x01}));
 }
 
 TEST_F(BufferedFiles, ThirtyTwoBitsAreOneLong) {
@@ -339,8 +317,8 @@ TEST_F(BufferedFiles, ThirtyTwoBitsAreOneLong) {
   }
   FileClose(bits);
   FileClose(longs);
-  EXPECT_EQ(Contents(Path("a")), Contents(Path("b")));
-  EXPECT_EQ(Contents(Path("a")).size(), 20u);
+  EXPECT_EQ(ReadFile(Path("a")), ReadFile(Path("b")));
+  EXPECT_EQ(ReadFile(Path("a")).size(), 20u);
 }
 
 TEST_F(BufferedFiles, BytesWrittenAtABitOffsetReadBackAtTheSameOffset) {
@@ -361,7 +339,7 @@ TEST_F(BufferedFiles, BytesWrittenAtABitOffsetReadBackAtTheSameOffset) {
   EXPECT_EQ(FileReadBits(file, 2), 2u);
   EXPECT_EQ(FileReadBits(file, 3), 0u) << "the padding";
   FileClose(file);
-  const auto bytes = Contents(Path("offset"));
+  const auto bytes = ReadFile(Path("offset"));
   ASSERT_EQ(bytes.size(), 9005u);
   EXPECT_EQ(bytes[0], static_cast<uint8_t>(5 | (data[0] << 3)));
 }
@@ -426,7 +404,7 @@ TEST_F(BufferedFiles, DeleteAndRenameReportNotFoundApartFromOtherFailures) {
   EXPECT_EQ(FileRename(Path("two").c_str(), Path("missing").c_str()), 1u);
   EXPECT_EQ(FileRename(Path("no/folder/two").c_str(), Path("one").c_str()), 2u);
   EXPECT_EQ(FileRename(Path("two").c_str(), Path("one").c_str()), 0u);
-  EXPECT_EQ(Contents(Path("two")), std::vector<uint8_t>{1});
+  EXPECT_EQ(ReadFile(Path("two")), std::vector<uint8_t>{1});
   EXPECT_EQ(FileDelete(Path("one").c_str()), 1u);
   EXPECT_EQ(FileDelete(Path("two").c_str()), 0u);
   EXPECT_EQ(FileDelete(Path("two").c_str()), 1u);

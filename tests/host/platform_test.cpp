@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,25 +25,23 @@ int64_t MsSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-// Runs `entry(argument)` on a platform thread. A join gives up after 20 s and ends the test
-// program, so a lost wake-up fails instead of hanging.
+// Runs `body` on a platform thread. A join gives up after 20 s and ends the test program, so a
+// lost wake-up fails instead of hanging.
 struct Runner {
   PlatformThread Thread;
-  ThreadEntry Entry;
-  void* Argument;
+  std::function<uint32_t()> Body;
   uint32_t Done;
 
   static uint32_t Trampoline(void* self) {
     auto* runner = static_cast<Runner*>(self);
-    const uint32_t result = runner->Entry(runner->Argument);
+    const uint32_t result = runner->Body();
     AtomicStore(&runner->Done, 1);
     return result;
   }
-  bool Start(ThreadEntry entry, void* argument, const char* name = "test") {
-    Entry = entry;
-    Argument = argument;
+  bool Start(std::function<uint32_t()> body) {
+    Body = std::move(body);
     Done = 0;
-    return ThreadStart(&Thread, Trampoline, this, 0, PriorityNormal, 0, name);
+    return ThreadStart(&Thread, Trampoline, this, 0, PriorityNormal, 0, "test");
   }
   uint32_t Join() {
     const auto start = Clock::now();
@@ -74,15 +73,14 @@ class LockForms : public ::testing::TestWithParam<uint32_t> {
   PlatformLock lock;
 };
 
-uint32_t TryFromOtherThread(void* argument) {
-  return LockTry(static_cast<PlatformLock*>(argument), 0) ? 1 : 0;
-}
-
-uint32_t TryEnterAndLeave(void* argument) {
-  auto* lock = static_cast<PlatformLock*>(argument);
-  if (!LockTry(lock, 0)) return 0;
-  LockLeave(lock);
-  return 1;
+// Tries `lock` for `ms` on the calling thread, leaves it again when entered; 1 when entered, and
+// the time the try took in *elapsed.
+uint32_t TryFor(PlatformLock* lock, uint32_t ms, int64_t* elapsed = nullptr) {
+  const auto start = Clock::now();
+  const bool entered = LockTry(lock, ms);
+  if (elapsed) *elapsed = MsSince(start);
+  if (entered) LockLeave(lock);
+  return entered ? 1 : 0;
 }
 
 TEST_P(LockForms, BodyIsAlignedInsideTheBlock) {
@@ -98,138 +96,98 @@ TEST_P(LockForms, IsRecursiveAndHeldUntilTheLastLeave) {
   EXPECT_TRUE(LockTry(&lock, 0));
   EXPECT_TRUE(LockTry(&lock, 50));
   Runner other;
-  ASSERT_TRUE(other.Start(TryFromOtherThread, &lock));
+  ASSERT_TRUE(other.Start([&] { return LockTry(&lock, 0) ? 1u : 0u; }));
   EXPECT_EQ(other.Join(), 0u);
   LockLeave(&lock);
   LockLeave(&lock);
-  ASSERT_TRUE(other.Start(TryFromOtherThread, &lock));
+  ASSERT_TRUE(other.Start([&] { return LockTry(&lock, 0) ? 1u : 0u; }));
   EXPECT_EQ(other.Join(), 0u) << "still held once";
   LockLeave(&lock);
-  ASSERT_TRUE(other.Start(TryEnterAndLeave, &lock));
+  ASSERT_TRUE(other.Start([&] { return TryFor(&lock, 0); }));
   EXPECT_EQ(other.Join(), 1u);
-}
-
-struct TimedTry {
-  PlatformLock* Lock;
-  uint32_t Milliseconds;
-  int64_t Elapsed;
-};
-
-uint32_t TryWithTime(void* argument) {
-  auto* job = static_cast<TimedTry*>(argument);
-  const auto start = Clock::now();
-  const bool entered = LockTry(job->Lock, job->Milliseconds);
-  job->Elapsed = MsSince(start);
-  if (entered) LockLeave(job->Lock);
-  return entered ? 1 : 0;
 }
 
 TEST_P(LockForms, TryGivesUpAfterItsTimeAndSucceedsWhenFreed) {
   LockEnter(&lock);
-  TimedTry job{&lock, 40, 0};
+  int64_t elapsed = 0;
   Runner other;
-  ASSERT_TRUE(other.Start(TryWithTime, &job));
+  ASSERT_TRUE(other.Start([&] { return TryFor(&lock, 40, &elapsed); }));
   EXPECT_EQ(other.Join(), 0u);
-  EXPECT_GE(job.Elapsed, 35);
-  EXPECT_LT(job.Elapsed, 1000);
-
-  job = {&lock, 5000, 0};
-  ASSERT_TRUE(other.Start(TryWithTime, &job));
+  EXPECT_GE(elapsed, 35);
+  EXPECT_LT(elapsed, 1000);
+  ASSERT_TRUE(other.Start([&] { return TryFor(&lock, 5000, &elapsed); }));
   ThreadSleep(20);
   LockLeave(&lock);
   EXPECT_EQ(other.Join(), 1u);
-  EXPECT_LT(job.Elapsed, 2000);
-}
-
-struct Counting {
-  PlatformLock* Lock;
-  uint64_t Counter;  // guarded by Lock only
-  uint32_t Rounds;
-};
-
-uint32_t CountUnderLock(void* argument) {
-  auto* job = static_cast<Counting*>(argument);
-  for (uint32_t i = 0; i < job->Rounds; ++i) {
-    LockEnter(job->Lock);
-    const uint64_t seen = job->Counter;
-    if (i % 64 == 0) {
-      LockEnter(job->Lock);  // a nested enter while others wait
-      ThreadPause();
-      LockLeave(job->Lock);
-    }
-    job->Counter = seen + 1;
-    LockLeave(job->Lock);
-  }
-  return 0;
+  EXPECT_LT(elapsed, 2000);
 }
 
 TEST_P(LockForms, FourThreadsCountWithoutLosingAnIncrement) {
-  Counting job{&lock, 0, 20000};
+  uint64_t counter = 0;  // guarded by the lock only
+  const uint32_t rounds = 20000;
   Runner threads[4];
-  for (auto& t : threads) ASSERT_TRUE(t.Start(CountUnderLock, &job));
+  for (auto& t : threads)
+    ASSERT_TRUE(t.Start([&] {
+      for (uint32_t i = 0; i < rounds; ++i) {
+        LockEnter(&lock);
+        const uint64_t seen = counter;
+        if (i % 64 == 0) {
+          LockEnter(&lock);  // a nested enter while others wait
+          ThreadPause();
+          LockLeave(&lock);
+        }
+        counter = seen + 1;
+        LockLeave(&lock);
+      }
+      return 0u;
+    }));
   for (auto& t : threads) t.Join();
-  EXPECT_EQ(job.Counter, 4u * job.Rounds);
-}
-
-struct Sleeper {
-  PlatformLock* Lock;
-  uint32_t Entered;
-};
-
-uint32_t EnterAndCount(void* argument) {
-  auto* job = static_cast<Sleeper*>(argument);
-  LockEnter(job->Lock);
-  AtomicAdd(&job->Entered, 1);
-  LockLeave(job->Lock);
-  return 0;
+  EXPECT_EQ(counter, 4u * rounds);
 }
 
 // Sleepers that wait for ever must still be woken after a timed waiter gave up between them.
 TEST_P(LockForms, TimedWaiterGivingUpDoesNotStrandOthers) {
   LockEnter(&lock);
-  Sleeper job{&lock, 0};
+  uint32_t entered = 0;
   Runner sleepers[2];
-  for (auto& t : sleepers) ASSERT_TRUE(t.Start(EnterAndCount, &job));
+  for (auto& t : sleepers)
+    ASSERT_TRUE(t.Start([&] {
+      LockEnter(&lock);
+      AtomicAdd(&entered, 1);
+      LockLeave(&lock);
+      return 0u;
+    }));
   ThreadSleep(20);
-  TimedTry timed{&lock, 30, 0};
   Runner quitter;
-  ASSERT_TRUE(quitter.Start(TryWithTime, &timed));
+  ASSERT_TRUE(quitter.Start([&] { return TryFor(&lock, 30); }));
   EXPECT_EQ(quitter.Join(), 0u);
-  EXPECT_EQ(AtomicRead(&job.Entered), 0u);
+  EXPECT_EQ(AtomicRead(&entered), 0u);
   LockLeave(&lock);
   for (auto& t : sleepers) t.Join();
-  EXPECT_EQ(job.Entered, 2u);
+  EXPECT_EQ(entered, 2u);
 }
 
-struct Mixed {
-  PlatformLock* Lock;
-  uint32_t Inside;  // threads inside the lock at once: never above 1
-  uint32_t Overlaps;
-};
-
-uint32_t MixTimedAndUntimed(void* argument) {
-  auto* job = static_cast<Mixed*>(argument);
-  uint32_t seed = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(&seed));
-  for (int i = 0; i < 1500; ++i) {
-    seed = seed * 1664525u + 1013904223u;
-    const bool timed = seed & 0x100;
-    if (timed ? LockTry(job->Lock, (seed >> 12) % 2) : (LockEnter(job->Lock), true)) {
-      if (AtomicAdd(&job->Inside, 1) != 0) AtomicAdd(&job->Overlaps, 1);
-      for (uint32_t spin = (seed >> 20) % 200; spin > 0; --spin) ThreadPause();
-      AtomicAdd(&job->Inside, -1);
-      LockLeave(job->Lock);
-    }
-  }
-  return 0;
-}
-
-// Sleepers, spinners and waiters that give up, all at once.
+// Sleepers, spinners and waiters that give up, all at once; never two threads inside.
 TEST_P(LockForms, TimedAndUntimedEntersMixWithoutLostWakeups) {
-  Mixed job{&lock, 0, 0};
+  uint32_t inside = 0, overlaps = 0;
   Runner threads[5];
-  for (auto& t : threads) ASSERT_TRUE(t.Start(MixTimedAndUntimed, &job));
+  for (auto& t : threads)
+    ASSERT_TRUE(t.Start([&] {
+      uint32_t seed = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(&seed));
+      for (int i = 0; i < 1500; ++i) {
+        seed = seed * 1664525u + 1013904223u;
+        const bool timed = seed & 0x100;
+        if (timed ? LockTry(&lock, (seed >> 12) % 2) : (LockEnter(&lock), true)) {
+          if (AtomicAdd(&inside, 1) != 0) AtomicAdd(&overlaps, 1);
+          for (uint32_t spin = (seed >> 20) % 200; spin > 0; --spin) ThreadPause();
+          AtomicAdd(&inside, -1);
+          LockLeave(&lock);
+        }
+      }
+      return 0u;
+    }));
   for (auto& t : threads) t.Join();
-  EXPECT_EQ(job.Overlaps, 0u);
+  EXPECT_EQ(overlaps, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Platform, LockForms,
@@ -270,11 +228,6 @@ TEST(Semaphores, CountStaysWithinItsMaximum) {
   SemaphoreDestroy(&semaphore);
 }
 
-uint32_t SignalLater(void* argument) {
-  ThreadSleep(20);
-  return SemaphoreSignal(static_cast<PlatformSemaphore*>(argument), 1) ? 1 : 0;
-}
-
 TEST(Semaphores, TimedWaitExpiresAndForeverWaitIsWoken) {
   PlatformSemaphore semaphore;
   ASSERT_TRUE(SemaphoreCreate(&semaphore, 0, 10));
@@ -283,7 +236,10 @@ TEST(Semaphores, TimedWaitExpiresAndForeverWaitIsWoken) {
   EXPECT_GE(MsSince(start), 35);
 
   Runner signaller;
-  ASSERT_TRUE(signaller.Start(SignalLater, &semaphore));
+  ASSERT_TRUE(signaller.Start([&] {
+    ThreadSleep(20);
+    return SemaphoreSignal(&semaphore, 1) ? 1u : 0u;
+  }));
   start = Clock::now();
   EXPECT_TRUE(SemaphoreWait(&semaphore, WaitForever));
   EXPECT_LT(MsSince(start), 2000);
@@ -292,28 +248,18 @@ TEST(Semaphores, TimedWaitExpiresAndForeverWaitIsWoken) {
   SemaphoreDestroy(&semaphore);
 }
 
-struct Consumer {
-  PlatformSemaphore* Semaphore;
-  uint32_t Items;
-  uint32_t* Taken;
-};
-
-uint32_t ConsumeItems(void* argument) {
-  auto* job = static_cast<Consumer*>(argument);
-  uint32_t got = 0;
-  for (uint32_t i = 0; i < job->Items; ++i)
-    if (SemaphoreWait(job->Semaphore, 5000)) got++;
-  AtomicAdd(job->Taken, static_cast<int32_t>(got));
-  return got;
-}
-
 TEST(Semaphores, ConsumersTakeExactlyWhatWasSignalled) {
   PlatformSemaphore semaphore;
   ASSERT_TRUE(SemaphoreCreate(&semaphore, 0, 100000));
   uint32_t taken = 0;
-  Consumer job{&semaphore, 2500, &taken};
   Runner consumers[4];
-  for (auto& t : consumers) ASSERT_TRUE(t.Start(ConsumeItems, &job));
+  for (auto& t : consumers)
+    ASSERT_TRUE(t.Start([&] {
+      uint32_t got = 0;
+      for (uint32_t i = 0; i < 2500; ++i) got += SemaphoreWait(&semaphore, 5000);
+      AtomicAdd(&taken, static_cast<int32_t>(got));
+      return got;
+    }));
   for (uint32_t sent = 0; sent < 10000;) {
     const uint32_t batch = std::min(sent % 3 + 1, 10000 - sent);
     ASSERT_TRUE(SemaphoreSignal(&semaphore, batch));
@@ -518,29 +464,23 @@ TEST(Atomics, OperationsReturnWhatTheyPromise) {
   EXPECT_EQ(wide, 1ull << 63);
 }
 
-struct Shared {
-  uint32_t Count;
-  uint64_t Wide;
-};
-
-uint32_t AddMany(void* argument) {
-  auto* shared = static_cast<Shared*>(argument);
-  for (int i = 0; i < 50000; ++i) {
-    AtomicAdd(&shared->Count, 1);
-    uint64_t seen = AtomicRead64(&shared->Wide);
-    while (!AtomicCompareExchange64(&shared->Wide, &seen, seen + 3)) {
-    }
-  }
-  return 0;
-}
-
 TEST(Atomics, FourThreadsAddWithoutLoss) {
-  Shared shared{0, 0};
+  uint32_t count = 0;
+  uint64_t wide = 0;
   Runner threads[4];
-  for (auto& t : threads) ASSERT_TRUE(t.Start(AddMany, &shared));
+  for (auto& t : threads)
+    ASSERT_TRUE(t.Start([&] {
+      for (int i = 0; i < 50000; ++i) {
+        AtomicAdd(&count, 1);
+        uint64_t seen = AtomicRead64(&wide);
+        while (!AtomicCompareExchange64(&wide, &seen, seen + 3)) {
+        }
+      }
+      return 0u;
+    }));
   for (auto& t : threads) t.Join();
-  EXPECT_EQ(shared.Count, 200000u);
-  EXPECT_EQ(shared.Wide, 600000u);
+  EXPECT_EQ(count, 200000u);
+  EXPECT_EQ(wide, 600000u);
 }
 
 }  // namespace

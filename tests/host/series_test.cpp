@@ -2,13 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
+
+#include "support/files.h"
 
 namespace {
 
@@ -180,33 +180,15 @@ TEST(FindSequence, DestTooSmallGivesNoSeries) {
 }
 
 TEST(FindSequence, RealFilesInATemporaryFolder) {
-  char dir[] = "/tmp/orn_series_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string base = dir;
-  for (int i = 1; i <= 3; ++i) {
-    char name[512];
-    snprintf(name, sizeof name, "%s/Exam%03d.bmp", dir, i);
-    FILE* f = fopen(name, "wb");
-    ASSERT_NE(f, nullptr);
-    fclose(f);
-  }
-  char sub[512];
-  snprintf(sub, sizeof sub, "%s/Exam004.bmp", dir);  // a folder is no member
-  ASSERT_EQ(mkdir(sub, 0700), 0);
-
+  const test_support::ScratchDir dir;
+  for (const char* name : {"Exam001.bmp", "Exam002.bmp", "Exam003.bmp"})
+    test_support::WriteText(dir / name, "");
+  ASSERT_EQ(mkdir((dir / "Exam004.bmp").c_str(), 0700), 0);  // a folder is no member
   char dest[1024];
   int32_t first, last;
-  ASSERT_TRUE(FindSequence(dest, sizeof dest, &first, &last, (base + "/Exam002.bmp").c_str()));
-  EXPECT_EQ(std::string(dest), base + "/Exam???.bmp*1-3");
-  EXPECT_FALSE(FindSequence(dest, sizeof dest, &first, &last, (base + "/Other001.bmp").c_str()));
-
-  for (int i = 1; i <= 3; ++i) {
-    char name[512];
-    snprintf(name, sizeof name, "%s/Exam%03d.bmp", dir, i);
-    unlink(name);
-  }
-  rmdir(sub);
-  rmdir(dir);
+  ASSERT_TRUE(FindSequence(dest, sizeof dest, &first, &last, (dir / "Exam002.bmp").c_str()));
+  EXPECT_EQ(std::string(dest), dir / "Exam???.bmp*1-3");
+  EXPECT_FALSE(FindSequence(dest, sizeof dest, &first, &last, (dir / "Other001.bmp").c_str()));
 }
 
 TEST(SequencePrompt, Text) {

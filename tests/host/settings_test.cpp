@@ -1,52 +1,40 @@
 #include "host/settings.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <cstring>
+#include <filesystem>
 #include <string>
 
+#include "support/files.h"
+
 namespace {
+
+using test_support::Exists;
 
 // Each test gets its own user and machine folders through the XDG variables.
 class Settings : public ::testing::Test {
  protected:
-  std::string root, user, machine;
+  test_support::ScratchDir scratch;
+  const std::string root = scratch.path, user = root + "/user", machine = root + "/machine";
 
   void SetUp() override {
-    char dir[] = "/tmp/orn_settings_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    root = dir;
-    user = root + "/user";
-    machine = root + "/machine";
     setenv("XDG_CONFIG_HOME", user.c_str(), 1);
     // The first folder does not exist, so the machine store comes from the second.
     setenv("XDG_CONFIG_DIRS", (root + "/none:" + machine).c_str(), 1);
   }
-
   void TearDown() override {
-    const std::string cmd = "rm -rf '" + root + "'";
-    EXPECT_EQ(system(cmd.c_str()), 0);
     unsetenv("XDG_CONFIG_HOME");
     unsetenv("XDG_CONFIG_DIRS");
   }
 
   static void Put(const std::string& path, const std::string& text) {
-    const std::string dir = path.substr(0, path.rfind('/'));
-    const std::string cmd = "mkdir -p '" + dir + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0);
-    std::ofstream(path) << text;
+    std::filesystem::create_directories(path.substr(0, path.rfind('/')));
+    test_support::WriteText(path, text);
   }
-  static std::string Get(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
+  static std::string Get(const std::string& path) { return test_support::ReadText(path); }
 
   std::string ProfileFile() const { return user + "/ornisworks/profile.ini"; }
   std::string UserFile() const { return user + "/ornisworks/registry.ini"; }
@@ -147,8 +135,7 @@ TEST_F(Settings, WritesGoToUserStoreAndProfileOnRequest) {
   ASSERT_TRUE(SettingsWriteInt(SettingsMainSection, "X", 100, false));
   ASSERT_TRUE(SettingsWriteText(SettingsMainSection, "Path", "/home/me/video", false));
   EXPECT_EQ(Get(UserFile()), "[Software\\Ornis Works\\ORN Video Tools]\nX=dword:00000064\nPath=sz:/home/me/video\n");
-  struct stat info;
-  EXPECT_NE(stat(ProfileFile().c_str(), &info), 0);
+  EXPECT_FALSE(Exists(ProfileFile()));
 
   ASSERT_TRUE(SettingsWriteInt(SettingsMainSection, "W", 640, true));
   ASSERT_TRUE(SettingsWriteText(SettingsMainSection, "VelmoComp", "/v200 /d5000", true));
@@ -169,8 +156,8 @@ TEST_F(Settings, RewritesKeepOtherSectionsAndComments) {
   EXPECT_EQ(SettingsReadInt("Other", "X", 0), 1u);
   EXPECT_EQ(SettingsReadInt("Third", "Z", 0), 5u);
   // No temporary files are left behind.
-  const std::string cmd = "test $(ls -A '" + user + "/ornisworks' | grep -c tmp) -eq 0";
-  EXPECT_EQ(system(cmd.c_str()), 0);
+  for (const auto& entry : std::filesystem::directory_iterator(user + "/ornisworks"))
+    EXPECT_EQ(entry.path().filename().string().find("tmp"), std::string::npos) << entry.path();
 }
 
 TEST_F(Settings, OddCharactersRoundTrip) {

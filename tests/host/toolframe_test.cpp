@@ -23,6 +23,7 @@
 
 #include "host/gui/toolframe_gui.h"
 #include "host/quietframe.h"
+#include "support/run.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -121,14 +122,10 @@ int FailingTool(char*, ToolDialog*) {
   return ToolExitInputError;
 }
 
-// What a run of the frame gave: the tool's code and what went to stderr.
-struct RunResult {
-  int code;
-  std::string out;
-};
-
-RunResult RunFrame(ToolMainRoutine tool, ToolCommandHandler handler, bool closeWhenDone = false,
-                   const char* tail = "", const char* dialog = "shelltest", intptr_t parent = 0) {
+// A run of the frame: the tool's code and what went to stderr.
+test_support::ToolOutcome RunFrame(ToolMainRoutine tool, ToolCommandHandler handler,
+                                   bool closeWhenDone = false, const char* tail = "",
+                                   const char* dialog = "shelltest", intptr_t parent = 0) {
   testing::internal::CaptureStderr();
   const int code = ToolFrameRun(nullptr, parent, tail, 1, closeWhenDone, tool, handler, dialog);
   return {code, testing::internal::GetCapturedStderr()};
