@@ -152,10 +152,6 @@ TEST(Stages, IntegerKnownValues) {
       {"clamp alpha", clamp10, Argb(10, 50, 60, 70), Argb(0, 50, 60, 70)},
       {"clamp colour only", clamp10, Argb(11, 1, 2, 3), Argb(11, 0, 0, 0)},
       {"clamp 255", [](const StageFrames* f) { StageBlackClamp(f, 255); }, 0xFFFFFFFFu, 0},
-      {"contrast 127", [](const StageFrames* f) { StageContrast(f, 127); },
-       Argb(9, 127, 128, 126), Argb(9, 0, 255, 0)},
-      {"contrast 128", [](const StageFrames* f) { StageContrast(f, 128); },
-       Argb(9, 127, 128, 126), Argb(9, 255, 255, 0)},
       {"contrast 200 held to 128", [](const StageFrames* f) { StageContrast(f, 200); },
        Argb(9, 127, 128, 126), Argb(9, 255, 255, 0)},
       {"brightness 200", [](const StageFrames* f) { StageBrightness(f, 200); },
@@ -270,52 +266,21 @@ TEST(Denoise, FloatValuesThatAreNotNumbersCountAsHighest) {
 // ---------------------------------------------------------------------------------------------
 // De-interlace
 
-std::vector<uint32_t> Rows(std::initializer_list<uint32_t> levels, uint32_t w = 3) {
-  std::vector<uint32_t> frame;
-  for (uint32_t v : levels)
-    for (uint32_t x = 0; x < w; ++x) frame.push_back(v * 0x01010101u);
-  return frame;
-}
-
 std::vector<uint32_t> Deinterlace(const std::vector<uint32_t>& src, uint32_t mode) {
   const uint32_t h = uint32_t(src.size() / 3);
   return ApplyInt(src, 3, h, [mode](const StageFrames* f) { StageDeinterlace(f, mode); });
 }
 
-TEST(Deinterlace, RowsWorkedOutByHand) {
-  struct Case {
-    uint32_t mode;
-    std::vector<uint32_t> in, out;
-  } cases[] = {
-      // Even field: rows 0 and 2 kept, row 1 their mean; an even height repeats the last kept row.
-      {1, Rows({10, 99, 30}), Rows({10, 20, 30})},
-      {1, Rows({10, 99, 31, 99}), Rows({10, 20, 31, 31})},
-      {1, Rows({10, 99, 30, 99, 51}), Rows({10, 20, 30, 40, 51})},
-      // Odd field; an odd height copies one more row from two back.
-      {2, Rows({99, 10, 99, 30}), Rows({10, 20, 30, 30})},
-      {2, Rows({99, 10, 99, 30, 99}), Rows({10, 20, 30, 30, 30})},
-      {2, Rows({99, 10}), Rows({10, 10})},
-      // Blend: kept rows become (3 × kept + partner) ÷ 4, the partner being the row below, or
-      // above at the end: (3·8 + 16) ÷ 4 = 10, (3·40 + 0) ÷ 4 = 30.
-      {9, Rows({8, 16, 40, 0}), Rows({10, 20, 30, 30})},
-      {9, Rows({8, 16, 40, 0, 100}), Rows({10, 20, 30, 52, 75})},
-      {10, Rows({0, 8, 16, 40}), Rows({10, 22, 34, 34})},
-  };
-  for (const Case& c : cases) EXPECT_EQ(Deinterlace(c.in, c.mode), c.out) << "mode " << c.mode;
-  // No field, or one row: a copy.
+// No field, or one row: a copy.
+TEST(Deinterlace, NoFieldOrOneRowIsACopy) {
   const std::vector<uint32_t> one = RandomFrame(3, 1, 2), many = RandomFrame(3, 5, 2);
   EXPECT_EQ(Deinterlace(one, 1), one);
   EXPECT_EQ(Deinterlace(many, 8), many);
 }
 
-TEST(Deinterlace, ChannelsAndAlphaAreAveragedApart) {
-  const std::vector<uint32_t> src = {Argb(255, 0, 100, 3), Argb(0, 0, 0, 0), Argb(1, 255, 50, 4)};
-  const std::vector<uint32_t> out =
-      ApplyInt(src, 1, 3, [](const StageFrames* f) { StageDeinterlace(f, 1); });
-  EXPECT_EQ(out[1], Argb(128, 127, 75, 3));
-}
-
-// Output row y of a de-interlaced frame, one channel at a time.
+// Output row y of a de-interlaced frame, one channel at a time. The kept field's rows stay (with
+// blending, (3 × kept + partner) ÷ 4, the partner being the row below, or above at the end); a
+// row between two kept rows is their mean; rows past the last kept one repeat it.
 uint32_t DeinterlaceModel(const std::vector<uint32_t>& src, uint32_t w, uint32_t h, uint32_t x,
                           uint32_t y, bool odd, bool blend) {
   const uint32_t first = odd ? 1 : 0, kept = (h - first + 1) / 2;
