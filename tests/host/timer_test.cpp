@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <vector>
 
 namespace {
 
@@ -34,61 +35,43 @@ class Timer : public ::testing::Test {
     TimerSetSourcesForTest(&sources);
   }
   // Moves the counter and the tick source by their own amounts, in ms.
-  static void Advance(int64_t counterMs, int32_t tickMs) {
-    fakeCounter += static_cast<uint64_t>(counterMs * 1000);
+  static void Advance(double counterMs, int32_t tickMs) {
+    fakeCounter += static_cast<uint64_t>(static_cast<int64_t>(counterMs * 1000));
     fakeTick += static_cast<uint32_t>(tickMs);
   }
 };
 
-TEST_F(Timer, FollowsTheCounterWhileTheSourcesAgree) {
-  EXPECT_EQ(TimerMs(), 0u);
-  Advance(1234, 1234);
-  EXPECT_EQ(TimerMs(), 1234u);
-  fakeCounter += 500;  // half a ms is not a ms yet
-  EXPECT_EQ(TimerMs(), 1234u);
-  fakeCounter += 500;
-  EXPECT_EQ(TimerMs(), 1235u);
-  // Within 200 ms of each other the counter is trusted, whatever the ticks say.
-  Advance(1000, 820);
-  EXPECT_EQ(TimerMs(), 2235u);
-  Advance(1000, 1190);
-  EXPECT_EQ(TimerMs(), 3235u);
-}
-
-TEST_F(Timer, ForwardJumpOfTheCounterMovesOnlyAsFarAsTheTicks) {
-  TimerMs();
-  Advance(100, 100);
-  EXPECT_EQ(TimerMs(), 100u);
-  Advance(10000, 16);
-  EXPECT_EQ(TimerMs(), 116u);
-  // The jump stays folded into the base; later readings go on from there.
-  Advance(250, 250);
-  EXPECT_EQ(TimerMs(), 366u);
-  Advance(1, 1);
-  EXPECT_EQ(TimerMs(), 367u);
-}
-
-TEST_F(Timer, BackwardJumpOfTheCounterIsCorrectedByTheTicks) {
-  TimerMs();
-  Advance(5000, 5000);
-  EXPECT_EQ(TimerMs(), 5000u);
-  Advance(-3000, 20);
-  EXPECT_EQ(TimerMs(), 5020u);
-  Advance(10, 10);
-  EXPECT_EQ(TimerMs(), 5030u);
-}
-
-TEST_F(Timer, NeverRunsBackward) {
-  TimerMs();
-  Advance(1000, 1000);
-  EXPECT_EQ(TimerMs(), 1000u);
-  // 150 ms back is inside the tolerance, so the counter is believed; the result holds.
-  Advance(-150, 0);
-  EXPECT_EQ(TimerMs(), 1000u);
-  Advance(100, 100);
-  EXPECT_EQ(TimerMs(), 1000u);
-  Advance(100, 100);
-  EXPECT_EQ(TimerMs(), 1050u);
+// From a fresh start, readings after the counter and the ticks moved by their own amounts.
+TEST_F(Timer, CounterIsTrustedWithinTheToleranceOfTheTicks) {
+  struct Step {
+    double Counter;  // ms
+    int32_t Ticks;
+    uint32_t Want;
+  };
+  const struct {
+    const char* What;
+    std::vector<Step> Steps;
+  } cases[] = {
+      // Half a ms is not a ms yet; within 200 ms of each other the counter is trusted,
+      // whatever the ticks say.
+      {"agreeing", {{1234, 1234, 1234}, {0.5, 0, 1234}, {0.5, 0, 1235}, {1000, 820, 2235},
+                    {1000, 1190, 3235}}},
+      // A jump forward moves only as far as the ticks; it stays folded into the base.
+      {"forward jump", {{100, 100, 100}, {10000, 16, 116}, {250, 250, 366}, {1, 1, 367}}},
+      {"backward jump", {{5000, 5000, 5000}, {-3000, 20, 5020}, {10, 10, 5030}}},
+      // 150 ms back is inside the tolerance, so the counter is believed; the result holds.
+      {"never backward",
+       {{1000, 1000, 1000}, {-150, 0, 1000}, {100, 100, 1000}, {100, 100, 1050}}},
+  };
+  for (const auto& c : cases) {
+    SetUp();
+    EXPECT_EQ(TimerMs(), 0u) << c.What;
+    for (const Step& step : c.Steps) {
+      Advance(step.Counter, step.Ticks);
+      EXPECT_EQ(TimerMs(), step.Want) << c.What << ": counter " << step.Counter << " ms, ticks "
+                                      << step.Ticks;
+    }
+  }
 }
 
 TEST_F(Timer, SimpleSourceWhenAskedForObeysTheSameRule) {
