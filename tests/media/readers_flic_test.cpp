@@ -8,6 +8,7 @@
 #include <array>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -199,19 +200,14 @@ TEST(FlicReader, EveryChunkKindInOrderThenTheRingAndSeeks) {
   ASSERT_NE(r, nullptr) << error.text;
   const StreamInfo* info = StreamReaderInfo(r);
   EXPECT_STREQ(info->type_name, "Flic");
-  EXPECT_EQ(info->width, uint32_t(kW));
-  EXPECT_EQ(info->height, uint32_t(kH));
-  EXPECT_EQ(info->frame_count, 6u);
-  EXPECT_EQ(info->depth, 8u);
-  EXPECT_EQ(info->rate_num, 1000u);
-  EXPECT_EQ(info->rate_den, 50u);
+  EXPECT_EQ(std::tuple(info->width, info->height, info->frame_count, info->depth, info->rate_num, info->rate_den),
+            std::tuple(uint32_t(kW), uint32_t(kH), 6u, 8u, 1000u, 50u));
   EXPECT_EQ(0, std::memcmp(info->palette, t.palettes[0].data(), 768));
   const uint32_t expected_changed[6] = {1, 0, 0, 1, 0, 0};
   for (uint32_t i = 0; i < 6; ++i) {
     StreamFrame f{};
     ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1) << i << ": " << error.text;
-    EXPECT_EQ(f.depth, 8u);
-    EXPECT_EQ(f.pitch, kW);
+    EXPECT_EQ(std::tuple(f.depth, f.pitch), std::tuple(8u, kW));
     EXPECT_EQ(Copy(f), t.pictures[i]) << "frame " << i;
     EXPECT_EQ(0, std::memcmp(f.palette, t.palettes[i].data(), 768)) << "frame " << i;
     EXPECT_EQ(f.palette_changed, expected_changed[i]) << "frame " << i;
@@ -248,8 +244,8 @@ TEST(FlicReader, RatesOfBothKinds) {
     StreamError error{};
     StreamReader* r = OpenBytes(file, &error);
     ASSERT_NE(r, nullptr) << error.text;
-    EXPECT_EQ(StreamReaderInfo(r)->rate_num, c.num) << c.speed;
-    EXPECT_EQ(StreamReaderInfo(r)->rate_den, c.den) << c.speed;
+    EXPECT_EQ(std::tuple(StreamReaderInfo(r)->rate_num, StreamReaderInfo(r)->rate_den), std::tuple(c.num, c.den))
+        << c.speed;
     StreamReaderClose(r);
   }
 }
@@ -277,26 +273,20 @@ TEST(FlicReader, TruncatedFileReadsWhatIsThere) {
   StreamReaderClose(r);
 }
 
+// A cut header, a wrong magic, 16-bit pixels, an over-large picture, no frame behind the header.
 TEST(FlicReader, RejectsBadHeaders) {
-  StreamError error{};
-  std::vector<uint8_t> file = Header(0xAF12, 1, 10);
-  EXPECT_EQ(OpenBytes(std::vector<uint8_t>(file.begin(), file.begin() + 60), &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);
-  std::vector<uint8_t> bad_magic = file;
+  const std::vector<uint8_t> file = Header(0xAF12, 1, 10);
+  std::vector<uint8_t> bad_magic = file, deep = file, huge = file;
   bad_magic[4] = 0x34;
-  EXPECT_EQ(OpenBytes(bad_magic, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);
-  std::vector<uint8_t> deep = file;
   deep[12] = 16;
-  EXPECT_EQ(OpenBytes(deep, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_UNSUPPORTED);
-  std::vector<uint8_t> huge = file;
   huge[8] = huge[9] = huge[10] = huge[11] = 0xFF;
-  EXPECT_EQ(OpenBytes(huge, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_TOO_LARGE);
-  // A header with no frame behind it.
-  EXPECT_EQ(OpenBytes(file, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  for (auto [bytes, code] : {std::pair{std::vector<uint8_t>(file.begin(), file.begin() + 60), STREAM_ERROR_FORMAT},
+                             {bad_magic, STREAM_ERROR_FORMAT}, {deep, STREAM_ERROR_UNSUPPORTED},
+                             {huge, STREAM_ERROR_TOO_LARGE}, {file, STREAM_ERROR_CORRUPT}}) {
+    StreamError error{};
+    EXPECT_EQ(OpenBytes(bytes, &error), nullptr);
+    EXPECT_EQ(error.code, code) << error.text;
+  }
 }
 
 TEST(FlicReader, ProbeLooksAtMagicAndSizes) {
