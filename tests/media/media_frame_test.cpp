@@ -247,10 +247,8 @@ TEST_F(FrameTest, FloatPipelineForOpenExr) {
   args.flags = MediaOpenAlpha;
   MediaInput* in = Open(dir / "a.exr", args);
   ASSERT_NE(in, nullptr);
-  EXPECT_EQ(in->type, MediaTypeExr);
-  EXPECT_EQ(in->float_frames, 1u);
-  EXPECT_EQ(in->peak_value, 10000u);
-  EXPECT_EQ(in->output_pitch, 4u * 16);
+  EXPECT_EQ(std::tuple(in->type, in->float_frames, in->peak_value, in->output_pitch),
+            std::tuple(uint32_t(MediaTypeExr), 1u, 10000u, 4u * 16));
   ASSERT_TRUE(NextFrame(in));
   const float* out = reinterpret_cast<const float*>(in->output_buffer + in->output_pitch * 2);
   EXPECT_FLOAT_EQ(out[4 * 3 + 0], pixels[(2 * 4 + 3) * 4 + 0]);
@@ -351,29 +349,20 @@ class CrashTest : public FrameTest {
   }
 };
 
+// A fault inside the read keeps the frame before (black before the first), and warns once.
 TEST_F(CrashTest, FaultingReaderKeepsThePreviousFrameAndWarnsOnce) {
-  Crashing = 1u << 3 | 1u << 4;
+  Crashing = 1u << 1 | 1u << 3 | 1u << 4;
   MediaInput* in = Open(dir / "a.crashtest");
   ASSERT_NE(in, nullptr);
   EXPECT_STREQ(in->type_name, "Test");
-  EXPECT_EQ(FrameTags(in), Tags({1, 2, 2, 2, 5}));
+  ASSERT_TRUE(NextFrame(in));
+  EXPECT_EQ(std::tuple(OutPixel(in, 0, 0), OutPixel(in, 3, 3)), std::tuple(0u, 0u));
+  EXPECT_EQ(FrameTags(in), Tags({2, 2, 2, 5}));
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
   EXPECT_TRUE(Log.Said("Crashed while reading this file (possibly corrupted)!!", MediaLevelWarning));
   int crashLines = 0;
   for (const auto& m : Log.Messages()) crashLines += m.text == "Crash while reading input file...";
-  EXPECT_EQ(crashLines, 2);
-  MediaClose(in);
-}
-
-TEST_F(CrashTest, FaultOnTheFirstFrameGivesBlack) {
-  Crashing = 1u << 1;
-  MediaInput* in = Open(dir / "a.crashtest");
-  ASSERT_NE(in, nullptr);
-  ASSERT_TRUE(NextFrame(in));
-  EXPECT_EQ(OutPixel(in, 0, 0), 0u);
-  EXPECT_EQ(OutPixel(in, 3, 3), 0u);
-  ASSERT_TRUE(NextFrame(in));
-  EXPECT_EQ(OutPixel(in, 0, 0), 2u << 16);
+  EXPECT_EQ(crashLines, 3);
   MediaClose(in);
 }
 

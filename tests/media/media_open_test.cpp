@@ -234,11 +234,10 @@ TEST_F(OpenTest, ScaleRequests) {
     args.scale_h = c.h;
     MediaInput* in = Open(dir / "a.png", args);
     ASSERT_NE(in, nullptr);
-    EXPECT_EQ(in->scaled_width, c.sw) << c.w << " " << c.h;
-    EXPECT_EQ(in->scaled_height, c.sh) << c.w << " " << c.h;
-    EXPECT_EQ(in->output_width, c.sw);
     const bool scaling = c.sw != 64 || c.sh != 48;
-    EXPECT_EQ(in->input_depth, scaling ? 32u : 24u);
+    EXPECT_EQ(std::tuple(in->scaled_width, in->scaled_height, in->output_width, in->input_depth),
+              std::tuple(c.sw, c.sh, c.sw, scaling ? 32u : 24u))
+        << c.w << " " << c.h;
     MediaClose(in);
   }
 }
@@ -291,8 +290,7 @@ TEST_F(OpenTest, MultipleOf32Flag) {
   args.flags = MediaOpenMultiple32;
   MediaInput* in = Open(dir / "a.png", args);
   ASSERT_NE(in, nullptr);
-  EXPECT_EQ(in->output_width, 64u);
-  EXPECT_EQ(in->output_height, 32u);
+  EXPECT_EQ(std::tuple(in->output_width, in->output_height), std::tuple(64u, 32u));
   MediaClose(in);
   args.crop_w = 10;
   in = Open(dir / "a.png", args);

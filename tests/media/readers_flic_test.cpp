@@ -3,6 +3,8 @@
 #include "media/readers/flic_codec.h"
 #include "media/readers/stream_readers.h"
 
+#include "avi_test_util.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -15,28 +17,10 @@ namespace {
 
 using orn::media::FlicApplyChunk;
 using orn::media::FlicCanvas;
+using avi_test::Bytes;
 
 constexpr int kW = 8, kH = 4;
 using Picture = std::array<uint8_t, kW * kH>;
-
-struct Bytes {
-  std::vector<uint8_t> v;
-  void U8(int x) { v.push_back(uint8_t(x)); }
-  void U16(int x) {
-    U8(x & 0xFF);
-    U8(x >> 8 & 0xFF);
-  }
-  void U32(uint32_t x) {
-    U16(int(x & 0xFFFF));
-    U16(int(x >> 16));
-  }
-  void Put(std::initializer_list<int> xs) {
-    for (int x : xs) U8(x);
-  }
-  void Patch32(size_t at, uint32_t x) {
-    for (int i = 0; i < 4; ++i) v[at + size_t(i)] = uint8_t(x >> (8 * i));
-  }
-};
 
 // A sub-chunk: 32-bit size, 16-bit type, data.
 std::vector<uint8_t> Chunk(int type, const Bytes& data) {

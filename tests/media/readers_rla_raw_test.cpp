@@ -2,8 +2,11 @@
 #include "media/readers/rla_codec.h"
 #include "media/readers/stream_readers.h"
 
+#include "avi_test_util.h"
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <tuple>
@@ -18,26 +21,14 @@ void Be16(std::vector<uint8_t>& v, size_t at, int x) {
   v[at + 1] = uint8_t(x);
 }
 
-// Run-length coding of one channel: repeats of 3 or more become runs, the rest literals.
+// Run-length coding of one channel in literal packets of up to 128 values (runs are read in
+// RunLengthCounts).
 std::vector<uint8_t> Encode(const std::vector<uint8_t>& s) {
   std::vector<uint8_t> out;
-  size_t i = 0;
-  while (i < s.size()) {
-    size_t run = 1;
-    while (i + run < s.size() && s[i + run] == s[i] && run < 128) ++run;
-    if (run >= 3) {
-      out.push_back(uint8_t(run - 1));
-      out.push_back(s[i]);
-      i += run;
-      continue;
-    }
-    size_t lit = 0;
-    while (i + lit < s.size() && lit < 128 &&
-           !(i + lit + 2 < s.size() && s[i + lit] == s[i + lit + 1] && s[i + lit] == s[i + lit + 2]))
-      ++lit;
-    out.push_back(uint8_t(-int(lit)));
-    out.insert(out.end(), s.begin() + ptrdiff_t(i), s.begin() + ptrdiff_t(i + lit));
-    i += lit;
+  for (size_t i = 0; i < s.size(); i += 128) {
+    const size_t n = std::min<size_t>(128, s.size() - i);
+    out.push_back(uint8_t(-int(n)));
+    out.insert(out.end(), s.begin() + ptrdiff_t(i), s.begin() + ptrdiff_t(i + n));
   }
   return out;
 }
@@ -80,7 +71,7 @@ TEST(RlaReader, DecodesBottomUpWithMatte) {
   for (int mattes : {1, 0}) {
     Rla s;
     s.mattes = mattes;
-    s.w = 140;  // long enough for runs and literals over 128
+    s.w = 140;  // more than one literal packet a line
     const std::vector<uint8_t> file = BuildRla(s);
     StreamError error{};
     StreamReader* r = OpenRla(file, &error);
@@ -181,11 +172,7 @@ TEST(RlaReader, ProbeNeedsTheExtension) {
 }
 
 // Raw frames: "RAWB", frames, width, height, speed, then per frame its markers.
-struct Raw {
-  std::vector<uint8_t> v;
-  void U32(uint32_t x) {
-    for (int i = 0; i < 4; ++i) v.push_back(uint8_t(x >> (8 * i)));
-  }
+struct Raw : avi_test::Bytes {
   void Palette(uint8_t seed) {
     U32(0);
     for (int i = 0; i < 768; ++i) v.push_back(uint8_t(i * seed));
