@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "convert/output.h"
@@ -115,9 +116,8 @@ TEST_F(OutputTest, StillSeriesNamesPixelsAndAlpha) {
     SCOPED_TRACE(c.name);
     OutputWriter* out = Open(c.name, c.frames, w, h, OutputFlagAlpha);
     ASSERT_NE(out, nullptr);
-    EXPECT_EQ(out->kind, c.kind);
-    EXPECT_EQ(out->keep_alpha, c.keepAlpha);
-    EXPECT_EQ(OutputSoundWanted(out, 44100, 16, 2), 0u);
+    EXPECT_EQ(std::tuple(out->kind, out->keep_alpha, OutputSoundWanted(out, 44100, 16, 2)),
+              std::tuple(c.kind, c.keepAlpha, 0u));
     for (int n = 0; n < c.frames; ++n)
       ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
     if (c.frames > 1) {
@@ -228,9 +228,9 @@ TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
   ask.answer = false;
   EXPECT_EQ(Open("old.avi", 5, 4, 4), nullptr);
   EXPECT_EQ(Open("seq.png", 5, 4, 4), nullptr);
-  ASSERT_EQ(ask.questions.size(), 2u);
-  EXPECT_EQ(ask.questions[0], "File " + Path("old.avi") + " exists, overwrite?");
-  EXPECT_EQ(ask.questions[1], "File " + Path("seq0.png") + " exists, overwrite?");
+  const std::string oldAvi = "File " + Path("old.avi") + " exists, overwrite?",
+                    seq0 = "File " + Path("seq0.png") + " exists, overwrite?";
+  EXPECT_EQ(ask.questions, (std::vector<std::string>{oldAvi, seq0}));
   ASSERT_EQ(log.Messages().size(), 2u);
   EXPECT_EQ(log.Messages()[0].level, 3);
   EXPECT_EQ(ReadText(Path("old.avi")), "keep");
@@ -242,8 +242,7 @@ TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
     ASSERT_NE(out, nullptr) << name;
     OutputClose(out);
   }
-  EXPECT_EQ(ask.questions.size(), 3u);
-  EXPECT_EQ(ask.questions[2], "File " + Path("seq0.png") + " exists, overwrite?");
+  EXPECT_EQ(ask.questions, (std::vector<std::string>{oldAvi, seq0, seq0}));
 }
 
 // ---- AVI -------------------------------------------------------------------------------------
@@ -338,8 +337,7 @@ TEST_F(OutputTest, AviRawFramesSoundHeadersAndIndex) {
     const std::string name = alpha ? "alpha.avi" : "clip.avi";
     OutputWriter* out = Open(name, frames, w, h, alpha ? OutputFlagAlpha : 0u, 30000, 1001);
     ASSERT_NE(out, nullptr);
-    EXPECT_EQ(out->keep_alpha, alpha);
-    EXPECT_EQ(out->takes_sound, 1);
+    EXPECT_EQ(std::tuple(out->keep_alpha, out->takes_sound), std::tuple(int(alpha), 1));
     std::vector<uint8_t> sound;
     std::vector<uint32_t> wanted;
     for (int n = 0; n < frames; ++n) {

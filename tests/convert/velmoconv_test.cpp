@@ -19,8 +19,6 @@ using namespace program_test;
 // Runs the program on a tail; its exit status, as the shell sees it.
 int ExitOf(const std::string& tail) { return RunTail(tail).code; }
 
-int Code(int exitCode) { return exitCode & 255; }
-
 uint32_t PixelOf(int frame, int x, int y, bool alpha) {
   const uint32_t a = alpha ? uint32_t((x * 16 + y * 4) & 255) : 255u;
   return a << 24 | uint32_t((x * 8 + frame * 20) & 255) << 16 | uint32_t((y * 8) & 255) << 8 |
@@ -77,9 +75,7 @@ TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {
   for (int f = 0; f < 3; ++f) {
     Picture p;
     ASSERT_TRUE(ReadPicture(dir + "/out" + std::to_string(f) + ".png", &p)) << f;
-    ASSERT_EQ(p.width, 32);
-    ASSERT_EQ(p.height, 16);
-    EXPECT_TRUE(p.has_alpha);
+    ASSERT_EQ(std::tuple(p.width, p.height, p.has_alpha), std::tuple(32, 16, 1));
     EXPECT_EQ(p.pixels[5 * 32 + 7], PixelOf(f + 1, 7, 5, true)) << f;
   }
   EXPECT_FALSE(Exists(dir + "/out3.png"));
@@ -118,8 +114,7 @@ TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
   for (int f = 0; f < 6; ++f) {
     Picture p;
     ASSERT_TRUE(ReadPicture(dir + "/back" + std::to_string(f) + ".png", &p)) << f;
-    ASSERT_EQ(p.width, 32);
-    ASSERT_EQ(p.height, 32);
+    ASSERT_EQ(std::tuple(p.width, p.height), std::tuple(32, 32));
     // A lossy round trip: close to the source, not equal.
     double error = 0;
     for (int y = 0; y < 32; ++y)
@@ -316,7 +311,7 @@ TEST_F(VelmoConvRun, ExitCodes) {
               {wav + dir + "/tone.avi", 8002},
               {png + dir + "/x.wav", 8002},
               {wav + dir + "/y.wav /N-1", 8002}};
-  for (const auto& r : runs) EXPECT_EQ(Code(ExitOf(r.command)), Code(r.code)) << r.command;
+  for (const auto& r : runs) EXPECT_EQ(ExitOf(r.command), r.code & 255) << r.command;
   for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav"})
     EXPECT_FALSE(Exists(dir + name));
 }

@@ -90,10 +90,8 @@ TEST_F(FrameTest, ListRepeatsLinesAndWalksSeriesLines) {
   WriteText(dir / "l.lst", "# the opening\nx.png /L2\n\n  f???.png*1-3 /S2  \n\"x.png\"\n");
   MediaInput* in = Open(dir / "l.lst");
   ASSERT_NE(in, nullptr);
-  EXPECT_EQ(in->type, MediaTypeList);
-  EXPECT_STREQ(in->type_name, "List");
-  EXPECT_EQ(in->source_frames, 5u);
-  EXPECT_EQ(in->output_frames, 5u);
+  EXPECT_EQ(std::tuple(in->type, std::string(in->type_name), in->source_frames, in->output_frames),
+            std::tuple(uint32_t(MediaTypeList), "List", 5u, 5u));
   EXPECT_TRUE(Log.Said("Opening " + dir / "x.png...", MediaLevelStatus));
   EXPECT_EQ(FrameTags(in), Tags({50, 50, 2, 3, 50}));
   MediaClose(in);
@@ -162,8 +160,7 @@ TEST_F(FrameTest, ScalingDeliversTheAskedSize) {
   args.scale_h = -1;
   MediaInput* in = Open(dir / "flat.png", args);
   ASSERT_NE(in, nullptr);
-  EXPECT_EQ(in->output_width, 16u);
-  EXPECT_EQ(in->output_height, 12u);
+  EXPECT_EQ(std::tuple(in->output_width, in->output_height), std::tuple(16u, 12u));
   ASSERT_TRUE(NextFrame(in));
   for (uint32_t y = 0; y < 12; y += 5)
     for (uint32_t x = 0; x < 16; x += 3) EXPECT_EQ(OutPixel(in, x, y), 0x00406080u);

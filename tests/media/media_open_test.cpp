@@ -345,8 +345,7 @@ TEST_F(OpenTest, SingleNumberedNameBecomesItsSeriesWhenTheAnswerIsYes) {
   Log.answer = [](const char*, int level) { return level == MediaLevelQuestion ? 1 : 0; };
   MediaInput* in = Open(dir / "f003.png", args);
   ASSERT_NE(in, nullptr);
-  EXPECT_EQ(in->type, MediaTypeList);
-  EXPECT_EQ(in->output_frames, 5u);
+  EXPECT_EQ(std::tuple(in->type, in->output_frames), std::tuple(uint32_t(MediaTypeList), 5u));
   EXPECT_TRUE(Log.Said("appears to be part of a sequence of files (1 to 5)", MediaLevelQuestion));
   MediaClose(in);
 

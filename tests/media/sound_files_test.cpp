@@ -209,9 +209,8 @@ TEST(SoundFlac, SixteenBitStereoRoundTripWithRange) {
   ASSERT_TRUE(WriteFlac(dir / "s.flac", 16000, 2, 16, wide));
   SoundInput* sound = Open(dir / "s.flac");
   ASSERT_NE(sound, nullptr);
-  EXPECT_STREQ(sound->type_name, "FLAC");
-  EXPECT_EQ(sound->source_rate, 16000u);
-  EXPECT_EQ(sound->channels, 2u);
+  EXPECT_EQ(std::tuple(std::string(sound->type_name), sound->source_rate, sound->channels),
+            std::tuple("FLAC", 16000u, 2u));
   EXPECT_EQ(As16(ReadAll(sound, 1234)), values);
   SoundClose(sound);
   // 250 ms in (a seek into the middle of a frame), 100 ms long.
@@ -333,9 +332,8 @@ TEST(SoundVorbis, StereoToneRoundTripKeepsLengthAndShape) {
   ASSERT_TRUE(WriteVorbis(dir / "t.ogg", rate, 2, tone));
   SoundInput* sound = Open(dir / "t.ogg");
   ASSERT_NE(sound, nullptr);
-  EXPECT_STREQ(sound->type_name, "Ogg Vorbis");
-  EXPECT_EQ(sound->source_rate, rate);
-  EXPECT_EQ(sound->channels, 2u);
+  EXPECT_EQ(std::tuple(std::string(sound->type_name), sound->source_rate, sound->channels),
+            std::tuple("Ogg Vorbis", rate, 2u));
   const std::vector<int16_t> out = As16(ReadAll(sound));
   SoundClose(sound);
   ASSERT_EQ(out.size(), tone.size());
@@ -386,9 +384,8 @@ TEST_F(SoundVelmo, EachTrackReadsAsTheCodecDecodesIt) {
     SCOPED_TRACE(track);
     SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 0, 0, 0, 0, 0, track, 0, 0, {});
     ASSERT_NE(sound, nullptr);
-    EXPECT_EQ(sound->kind, SoundKindVelmo);
-    EXPECT_EQ(sound->source_rate, track == 0 ? 22050u : 16000u);
-    EXPECT_EQ(sound->channels, track == 0 ? 2u : 1u);
+    EXPECT_EQ(std::tuple(sound->kind, sound->source_rate, sound->channels),
+              std::tuple(SoundKindVelmo, track == 0 ? 22050u : 16000u, track == 0 ? 2u : 1u));
     const std::vector<uint8_t> expected = Decoded(track);
     ASSERT_GT(expected.size(), 0u);
     EXPECT_EQ(sound->total_bytes, expected.size());
