@@ -25,9 +25,7 @@ using Picture = std::array<uint8_t, kW * kH>;
 // A sub-chunk: 32-bit size, 16-bit type, data.
 std::vector<uint8_t> Chunk(int type, const Bytes& data) {
   Bytes c;
-  c.U32(uint32_t(6 + data.v.size()));
-  c.U16(type);
-  c.v.insert(c.v.end(), data.v.begin(), data.v.end());
+  c.U32(uint32_t(6 + data.v.size())), c.U16(type), c.Put(data.v);
   return c.v;
 }
 
@@ -36,11 +34,8 @@ std::vector<uint8_t> Frame(const std::vector<std::vector<uint8_t>>& chunks) {
   Bytes f;
   size_t size = 16;
   for (const auto& c : chunks) size += c.size();
-  f.U32(uint32_t(size));
-  f.U16(0xF1FA);
-  f.U16(int(chunks.size()));
-  f.Put({0, 0, 0, 0, 0, 0, 0, 0});
-  for (const auto& c : chunks) f.v.insert(f.v.end(), c.begin(), c.end());
+  f.U32(uint32_t(size)), f.U16(0xF1FA), f.U16(int(chunks.size())), f.Put({0, 0, 0, 0, 0, 0, 0, 0});
+  for (const auto& c : chunks) f.Put(c);
   return f.v;
 }
 
@@ -64,16 +59,9 @@ Bytes ByteRun(const Picture& p) {
 
 std::vector<uint8_t> Header(uint16_t magic, int frames, int32_t speed) {
   Bytes h;
-  h.U32(0);
-  h.U16(magic);
-  h.U16(frames);
-  h.U16(kW);
-  h.U16(kH);
-  h.U16(8);
-  h.U16(0);
+  h.U32(0), h.U16(magic), h.U16(frames), h.U16(kW), h.U16(kH), h.U16(8), h.U16(0);
   if (magic == 0xAF11) {
-    h.U16(speed);
-    h.U16(0);
+    h.U16(speed), h.U16(0);
   } else {
     h.U32(uint32_t(speed));
   }
@@ -109,9 +97,8 @@ TestFlic BuildFlic() {
   std::vector<std::vector<uint8_t>> frames;
   frames.push_back(Frame({Chunk(4, c256), Chunk(15, ByteRun(first))}));
 
-  Bytes lc;  // skip 1 line, 2 lines
-  lc.U16(1);
-  lc.U16(2);
+  Bytes lc;
+  lc.U16(1), lc.U16(2);  // skip 1 line, 2 lines
   lc.Put({1, 2, 3, 20, 21, 22});           // line 1: skip 2, copy 3
   lc.Put({2, 0, 0xFE, 44, 3, 1, 55});      // line 2: repeat 44 twice, skip 3, copy 1
   p[8 + 2] = 20, p[8 + 3] = 21, p[8 + 4] = 22;
@@ -120,14 +107,10 @@ TestFlic BuildFlic() {
   frames.push_back(Frame({Chunk(12, lc)}));
 
   Bytes ss2;
-  ss2.U16(2);       // two coded lines
-  ss2.U16(0xFFFF);  // skip one line
-  ss2.U16(0x8077);  // last pixel of line 1 = 0x77
-  ss2.U16(1);       // one packet
-  ss2.Put({0, 1, 91, 92});
-  ss2.U16(0xFFFF);  // skip line 2
-  ss2.U16(1);
-  ss2.Put({4, 0xFE, 5, 6});  // skip 4, the pair 5,6 twice
+  // Two coded lines: skip one line, the last pixel of line 1 = 0x77, one packet; skip line 2,
+  // one packet: skip 4, the pair 5,6 twice.
+  ss2.U16(2), ss2.U16(0xFFFF), ss2.U16(0x8077), ss2.U16(1), ss2.Put({0, 1, 91, 92});
+  ss2.U16(0xFFFF), ss2.U16(1), ss2.Put({4, 0xFE, 5, 6});
   p[8 + 7] = 0x77, p[8 + 0] = 91, p[8 + 1] = 92;
   p[24 + 4] = 5, p[24 + 5] = 6, p[24 + 6] = 5, p[24 + 7] = 6;
   t.pictures.push_back(p), t.palettes.push_back(pal);
@@ -153,17 +136,11 @@ TestFlic BuildFlic() {
   ring_pal.Put({1, 0, 0, 1, 10, 20, 30});
   frames.push_back(Frame({Chunk(4, ring_pal), Chunk(15, ByteRun(first))}));
 
-  t.file = Header(0xAF12, 6, 50);
-  Bytes prefix;
-  prefix.U32(12);
-  prefix.U16(0xF100);
-  prefix.Put({0, 0, 0, 0, 0, 0});
-  t.file.insert(t.file.end(), prefix.v.begin(), prefix.v.end());
-  for (const auto& f : frames) t.file.insert(t.file.end(), f.begin(), f.end());
-  Bytes fix{t.file};
-  fix.Patch32(0, uint32_t(t.file.size()));
-  fix.Patch32(80, 128);
-  t.file = fix.v;
+  Bytes file{Header(0xAF12, 6, 50)};
+  file.U32(12), file.U16(0xF100), file.Put({0, 0, 0, 0, 0, 0});  // the prefix chunk
+  for (const auto& f : frames) file.Put(f);
+  file.Patch32(0, uint32_t(file.size())), file.Patch32(80, 128);
+  t.file = file.v;
   return t;
 }
 
