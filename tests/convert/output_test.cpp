@@ -1,14 +1,13 @@
 // Output writers, written and read back: still series, AVI (plain, MJPEG, OpenDML segments),
 // y4m against a BT.601 model, wave files, refused and unsupported outputs.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "convert/output.h"
@@ -35,7 +34,6 @@ bool Ask(const char* question, void* context) {
 class OutputTest : public TempDirTest {
  protected:
   void SetUp() override {
-    TempDirTest::SetUp();
     options.jpeg_level = 90;
     options.ask = Ask;
     options.ask_context = &ask;
@@ -65,10 +63,6 @@ std::vector<uint32_t> Frame(int w, int h, int n) {
   return px;
 }
 
-std::vector<uint8_t> ReadBytes(const std::string& name) {
-  const std::string data = ReadAll(name);
-  return std::vector<uint8_t>(data.begin(), data.end());
-}
 uint64_t Le64(const std::vector<uint8_t>& d, size_t at) {
   return Le32(d, at) | uint64_t(Le32(d, at + 4)) << 32;
 }
@@ -122,9 +116,8 @@ TEST_F(OutputTest, StillSeriesNamesPixelsAndAlpha) {
     SCOPED_TRACE(c.name);
     OutputWriter* out = Open(c.name, c.frames, w, h, OutputFlagAlpha);
     ASSERT_NE(out, nullptr);
-    EXPECT_EQ(out->kind, c.kind);
-    EXPECT_EQ(out->keep_alpha, c.keepAlpha);
-    EXPECT_EQ(OutputSoundWanted(out, 44100, 16, 2), 0u);
+    EXPECT_EQ(std::tuple(out->kind, out->keep_alpha, OutputSoundWanted(out, 44100, 16, 2)),
+              std::tuple(c.kind, c.keepAlpha, 0u));
     for (int n = 0; n < c.frames; ++n)
       ASSERT_EQ(OutputWriteFrame(out, Frame(w, h, n).data(), nullptr), 1);
     if (c.frames > 1) {
@@ -156,14 +149,10 @@ TEST_F(OutputTest, BottomUpFloatFramesTruncateAndClamp) {
   ASSERT_NE(out, nullptr);
   ASSERT_EQ(OutputWriteFrame(out, mem.data() + w * 4, nullptr), 1);
   OutputClose(out);
-  auto px = ReadImage(Path("f.tga"));
-  ASSERT_EQ(px.size(), 6u);
-  EXPECT_EQ(px[0], 0xFFFF0000u);
-  EXPECT_EQ(px[1], 0xFF00FF00u);
-  EXPECT_EQ(px[2], 0xFF0000FFu);
-  EXPECT_EQ(px[3], 0xFF7FFF00u);  // 0.5 -> 127, 1.5 -> 255, -1 -> 0
-  EXPECT_EQ(px[4], 0x7FFE0033u);  // 0.999 -> 254, 0.2 -> 51, alpha 0.5 -> 127
-  EXPECT_EQ(px[5], 0xFF0019E5u);  // NaN -> 0, 0.1 -> 25, 0.9 -> 229
+  // Bottom row: 0.5 -> 127, 1.5 -> 255, -1 -> 0; 0.999 -> 254, 0.2 -> 51, alpha 0.5 -> 127;
+  // NaN -> 0, 0.1 -> 25, 0.9 -> 229.
+  EXPECT_EQ(ReadImage(Path("f.tga")), (std::vector<uint32_t>{0xFFFF0000u, 0xFF00FF00u, 0xFF0000FFu,
+                                                              0xFF7FFF00u, 0x7FFE0033u, 0xFF0019E5u}));
 }
 
 TEST_F(OutputTest, ExrTakesIntegerFramesThroughTheGammaCurve) {
@@ -234,17 +223,17 @@ TEST_F(OutputTest, UnsupportedTypesAndDepthsAreRefused) {
 }
 
 TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
-  { std::ofstream(Path("old.avi")) << "keep"; }
-  { std::ofstream(Path("seq0.png")) << "keep"; }
+  WriteText(Path("old.avi"), "keep");
+  WriteText(Path("seq0.png"), "keep");
   ask.answer = false;
   EXPECT_EQ(Open("old.avi", 5, 4, 4), nullptr);
   EXPECT_EQ(Open("seq.png", 5, 4, 4), nullptr);
-  ASSERT_EQ(ask.questions.size(), 2u);
-  EXPECT_EQ(ask.questions[0], "File " + Path("old.avi") + " exists, overwrite?");
-  EXPECT_EQ(ask.questions[1], "File " + Path("seq0.png") + " exists, overwrite?");
+  const std::string oldAvi = "File " + Path("old.avi") + " exists, overwrite?",
+                    seq0 = "File " + Path("seq0.png") + " exists, overwrite?";
+  EXPECT_EQ(ask.questions, (std::vector<std::string>{oldAvi, seq0}));
   ASSERT_EQ(log.Messages().size(), 2u);
   EXPECT_EQ(log.Messages()[0].level, 3);
-  EXPECT_EQ(ReadAll(Path("old.avi")), "keep");
+  EXPECT_EQ(ReadText(Path("old.avi")), "keep");
   // No question for a new name, nor with flag 2; a yes replaces the file.
   ask.answer = true;
   for (const auto& [name, flags] : {std::pair{"new.avi", 0u}, {"old.avi", OutputFlagPromptDone},
@@ -253,8 +242,7 @@ TEST_F(OutputTest, OverwriteRefusalLeavesTheFile) {
     ASSERT_NE(out, nullptr) << name;
     OutputClose(out);
   }
-  EXPECT_EQ(ask.questions.size(), 3u);
-  EXPECT_EQ(ask.questions[2], "File " + Path("seq0.png") + " exists, overwrite?");
+  EXPECT_EQ(ask.questions, (std::vector<std::string>{oldAvi, seq0, seq0}));
 }
 
 // ---- AVI -------------------------------------------------------------------------------------
@@ -298,7 +286,7 @@ struct ParsedAvi {
 
 ParsedAvi ParseAvi(const std::string& name) {
   ParsedAvi a;
-  a.d = ReadBytes(name);
+  a.d = ReadFile(name);
   a.riffs = Chunks(a.d, 0, a.d.size());
   if (a.riffs.empty()) return a;
   EXPECT_EQ(a.riffs[0].listType, Fcc("AVI "));
@@ -349,8 +337,7 @@ TEST_F(OutputTest, AviRawFramesSoundHeadersAndIndex) {
     const std::string name = alpha ? "alpha.avi" : "clip.avi";
     OutputWriter* out = Open(name, frames, w, h, alpha ? OutputFlagAlpha : 0u, 30000, 1001);
     ASSERT_NE(out, nullptr);
-    EXPECT_EQ(out->keep_alpha, alpha);
-    EXPECT_EQ(out->takes_sound, 1);
+    EXPECT_EQ(std::tuple(out->keep_alpha, out->takes_sound), std::tuple(int(alpha), 1));
     std::vector<uint8_t> sound;
     std::vector<uint32_t> wanted;
     for (int n = 0; n < frames; ++n) {
@@ -598,27 +585,19 @@ TEST_F(OutputTest, Y4mFramesMatchTheModel) {
     SCOPED_TRACE(c.name);
     options.y4m_chroma = c.chroma;
     const bool toStdout = c.name[0] == '-';
-    const std::string file = Path(toStdout ? "stdout.y4m" : c.name);
-    std::fflush(stdout);
-    const int saved = dup(1);
-    FILE* sink = toStdout ? std::fopen(file.c_str(), "wb") : nullptr;
-    if (sink) dup2(fileno(sink), 1);
-    OutputWriter* out = OutputOpen(toStdout ? "-" : file.c_str(), c.frames, c.rateNum, c.rateDen,
-                                   c.w, c.h, c.w, log.Sink(), 0, &options);
+    if (toStdout) testing::internal::CaptureStdout();
+    OutputWriter* out = OutputOpen(toStdout ? "-" : Path(c.name).c_str(), c.frames, c.rateNum,
+                                   c.rateDen, c.w, c.h, c.w, log.Sink(), 0, &options);
     int ok = out != nullptr;
     for (int n = 0; ok && n < c.frames; ++n)
       ok = OutputWriteFrame(out, Frame(c.w, c.h, n).data(), nullptr);
     const uint64_t bytes = out ? OutputClose(out) : 0;
-    std::fflush(stdout);
-    dup2(saved, 1);
-    close(saved);
-    if (sink) std::fclose(sink);
+    const std::string d = toStdout ? testing::internal::GetCapturedStdout() : ReadText(Path(c.name));
     ASSERT_TRUE(ok);
-    const std::vector<uint8_t> d = ReadBytes(file);
     if (!toStdout) {
       EXPECT_EQ(bytes, d.size());
     }
-    CheckY4m(d, c.w, c.h, c.frames, c.chroma == 444, c.header);
+    CheckY4m(std::vector<uint8_t>(d.begin(), d.end()), c.w, c.h, c.frames, c.chroma == 444, c.header);
   }
 }
 
@@ -632,7 +611,7 @@ TEST_F(OutputTest, WaveHeaderLengthsAndData) {
   ASSERT_TRUE(WaveWrite(wave, data.data(), 20000));
   ASSERT_TRUE(WaveWrite(wave, data.data() + 20000, data.size() - 20000));
   EXPECT_EQ(WaveClose(wave), 44u + data.size());
-  auto d = ReadBytes(Path("s.wav"));
+  auto d = ReadFile(Path("s.wav"));
   ExpectWaveHeader(d, 44100, 16, 2, uint32_t(data.size()));
   EXPECT_TRUE(std::equal(data.begin(), data.end(), d.begin() + 44));
 
@@ -640,7 +619,7 @@ TEST_F(OutputTest, WaveHeaderLengthsAndData) {
   ASSERT_NE(raw, nullptr);
   ASSERT_TRUE(WaveWrite(raw, data.data(), 10));
   EXPECT_EQ(WaveClose(raw), 10u);
-  EXPECT_EQ(ReadBytes(Path("s.raw")), std::vector<uint8_t>(data.begin(), data.begin() + 10));
+  EXPECT_EQ(ReadFile(Path("s.raw")), std::vector<uint8_t>(data.begin(), data.begin() + 10));
   EXPECT_EQ(WaveCreate(Path("bad.wav").c_str(), 8000, 12, 1, false), nullptr);
   EXPECT_EQ(WaveCreate(Path("missing/x.wav").c_str(), 8000, 8, 1, false), nullptr);
 }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <tuple>
 
 #include "compress/tool/velmomix.h"
@@ -17,18 +16,8 @@ namespace {
 
 using namespace program_test;
 
-const char* const Program = ORN_PROGRAM_PATH;
-
-// Runs the program with a tail; returns its exit status, its stdout in *out when given.
-int RunProgram(const std::string& tail, std::string* out = nullptr,
-               const std::string& pipeTo = "") {
-  std::string command = "ORN_CONSOLE=1 \"" + std::string(Program) + "\" " + tail + " </dev/null";
-  command += out ? " 2>/dev/null" : " >/dev/null 2>&1";
-  if (!pipeTo.empty()) command = "set -o pipefail; " + command + " | " + pipeTo;
-  return RunShell("bash -c '" + command + "'", out);
-}
-
-int Code(int exitCode) { return exitCode & 255; }
+// Runs the program on a tail; its exit status, as the shell sees it.
+int ExitOf(const std::string& tail) { return RunTail(tail).code; }
 
 uint32_t PixelOf(int frame, int x, int y, bool alpha) {
   const uint32_t a = alpha ? uint32_t((x * 16 + y * 4) & 255) : 255u;
@@ -42,7 +31,7 @@ void MakeSeries(const std::string& base, int frames, int width, int height, bool
   for (int f = 1; f <= frames; ++f) {
     for (int y = 0; y < height; ++y)
       for (int x = 0; x < width; ++x) pixels[size_t(y) * width + x] = PixelOf(f, x, y, alpha);
-    WritePng(base + std::to_string(f) + ".png", pixels, width, height, alpha);
+    ASSERT_TRUE(WriteImage(base + std::to_string(f) + ".png", IMAGE_FORMAT_PNG, width, height, pixels, alpha));
   }
 }
 
@@ -76,46 +65,40 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
     EXPECT_EQ(s.sound_only, c.sound_only);
     EXPECT_EQ(s.forced_input, c.forced);
   }
-  for (const char* bad : {"in.png /o", "in.png out.avi /%5"}) {  // no output; unknown switch
-    char line[256];
-    std::snprintf(line, sizeof line, "%s", bad);
-    EXPECT_FALSE(VelmoConvParseSwitches(line, &s)) << bad;
-  }
 }
 
 TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {
   MakeSeries(dir + "/in", 3, 32, 16, true);
-  const std::string in = "velmoconv \"" + dir + "/in?.png*1-3\" ";
+  const std::string in = "velmoconv " + dir + "/in?.png*1-3 ";
   // Three frames number from 0 with one digit; /Z1000 keeps the alpha plane.
-  ASSERT_EQ(RunProgram(in + dir + "/out.png /z1000"), 0);
+  ASSERT_EQ(ExitOf(in + dir + "/out.png /z1000"), 0);
   for (int f = 0; f < 3; ++f) {
     Picture p;
     ASSERT_TRUE(ReadPicture(dir + "/out" + std::to_string(f) + ".png", &p)) << f;
-    ASSERT_EQ(p.width, 32);
-    ASSERT_EQ(p.height, 16);
-    EXPECT_TRUE(p.has_alpha);
+    ASSERT_EQ(std::tuple(p.width, p.height, p.has_alpha), std::tuple(32, 16, 1));
     EXPECT_EQ(p.pixels[5 * 32 + 7], PixelOf(f + 1, 7, 5, true)) << f;
   }
   EXPECT_FALSE(Exists(dir + "/out3.png"));
   // AVI: ".avi" added to a bare name; /P1 asks for motion JPEG, smaller than raw frames.
-  ASSERT_EQ(RunProgram(in + dir + "/raw"), 0);
-  const std::string raw = ReadAll(dir + "/raw.avi");
+  ASSERT_EQ(ExitOf(in + dir + "/raw"), 0);
+  const std::string raw = ReadText(dir + "/raw.avi");
   ASSERT_GT(raw.size(), size_t(3 * 32 * 16 * 3));
   EXPECT_EQ(raw.compare(0, 4, "RIFF"), 0);
   EXPECT_EQ(raw.compare(8, 4, "AVI "), 0);
   EXPECT_NE(raw.find("00db"), std::string::npos);
-  ASSERT_EQ(RunProgram(in + dir + "/mj.avi /p1"), 0);
-  const std::string mjpeg = ReadAll(dir + "/mj.avi");
+  ASSERT_EQ(ExitOf(in + dir + "/mj.avi /p1"), 0);
+  const std::string mjpeg = ReadText(dir + "/mj.avi");
   EXPECT_NE(mjpeg.find("MJPG"), std::string::npos);
   EXPECT_LT(mjpeg.size(), raw.size());
   // y4m has no alpha: the question's default answer goes on without it. 4:2:0 to a file,
   // 4:4:4 on standard output through a pipe; pictures go at 15 frames a second.
-  std::string file, piped;
-  ASSERT_EQ(RunProgram(in + dir + "/a.y4m /z1000"), 0);
-  file = ReadAll(dir + "/a.y4m");
-  ASSERT_EQ(RunProgram(in + "- /p444", &piped, "cat"), 0);
+  ASSERT_EQ(ExitOf(in + dir + "/a.y4m /z1000"), 0);
+  const std::string file = ReadText(dir + "/a.y4m");
+  const ToolOutcome piped = RunShell("bash -c 'set -o pipefail; ORN_CONSOLE=1 \"" ORN_PROGRAM_PATH "\" " +
+                                     in + "- /p444 </dev/null 2>/dev/null | cat'");
+  ASSERT_EQ(piped.code, 0);
   for (const auto& [y4m, chroma, frameBytes] :
-       {std::tuple{file, "C420jpeg", 32 * 16 * 3 / 2}, {piped, "C444", 32 * 16 * 3}}) {
+       {std::tuple{file, "C420jpeg", 32 * 16 * 3 / 2}, {piped.output, "C444", 32 * 16 * 3}}) {
     EXPECT_EQ(y4m.substr(0, y4m.find('\n')),
               std::string("YUV4MPEG2 W32 H16 F15:1 Ip A1:1 ") + chroma);
     EXPECT_EQ(y4m.size(), y4m.find('\n') + 1 + 3 * (6 + frameBytes)) << chroma;
@@ -125,14 +108,13 @@ TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {
 TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
   MakeSeries(dir + "/in", 6, 32, 32, false);
   const std::string vlm = dir + "/clip.vlm";
-  ASSERT_EQ(RunProgram("velmoc \"" + dir + "/in?.png*1-6\" " + vlm + " /v101 /d200000"), 0);
+  ASSERT_EQ(ExitOf("velmoc " + dir + "/in?.png*1-6 " + vlm + " /v101 /d200000"), 0);
   ASSERT_TRUE(Exists(vlm));
-  ASSERT_EQ(RunProgram("velmoconv " + vlm + " " + dir + "/back.png"), 0);
+  ASSERT_EQ(ExitOf("velmoconv " + vlm + " " + dir + "/back.png"), 0);
   for (int f = 0; f < 6; ++f) {
     Picture p;
     ASSERT_TRUE(ReadPicture(dir + "/back" + std::to_string(f) + ".png", &p)) << f;
-    ASSERT_EQ(p.width, 32);
-    ASSERT_EQ(p.height, 32);
+    ASSERT_EQ(std::tuple(p.width, p.height), std::tuple(32, 32));
     // A lossy round trip: close to the source, not equal.
     double error = 0;
     for (int y = 0; y < 32; ++y)
@@ -145,100 +127,49 @@ TEST_F(VelmoConvRun, FirstGenerationVelmoBackToPng) {
   }
 }
 
-// A PCM wave file of interleaved 16-bit samples.
-void WriteWave(const std::string& name, uint32_t rate, uint16_t channels,
-               const std::vector<int16_t>& samples) {
-  program_test::WriteWave(name, 1, channels, rate, 16, samples.data(),
-                          uint32_t(samples.size() * 2));
-}
-
-std::vector<int16_t> Samples16(const std::string& data, size_t from) {
-  std::vector<int16_t> out((data.size() - from) / 2);
-  std::memcpy(out.data(), data.data() + from, out.size() * 2);
-  return out;
-}
-
-TEST_F(VelmoConvRun, WaveCopiedToWaveAndRawAndReadAsRaw) {
-  const std::string wav = dir + "/tone.wav";
-  std::vector<int16_t> samples(1000);
-  for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 37);
-  WriteWave(wav, 8000, 1, samples);
-  const std::string pcm(reinterpret_cast<const char*>(samples.data()), 2000);
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/copy.raw"), 0);
-  EXPECT_EQ(ReadAll(dir + "/copy.raw"), pcm);
-  // A copy (".wav" added); the same file read as headerless 16-bit mono at a forced rate past
-  // its 44 header bytes; read as 8-bit stereo, each byte pair one sample of two channels.
+TEST_F(VelmoConvRun, WaveOutputsTakeFormatRangeAndRawSwitches) {
+  // A mono ramp, and a second of stereo whose left rises by 40 a sample and right by 8.
+  std::vector<int16_t> ramp(1000), stereo, mono;
+  for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = int16_t(i * 37);
+  for (int i = 0; i < 8000; ++i) stereo.push_back(int16_t(i * 4 % 32000)), stereo.push_back(int16_t(i * 2 % 16000));
+  WriteWave16(dir + "/tone.wav", 8000, 1, ramp);
+  WriteWave16(dir + "/st.wav", 8000, 2, stereo);
+  for (int i = 0; i < 8000; ++i) mono.push_back(int16_t((stereo[2 * i] + stereo[2 * i + 1]) / 2));
+  std::vector<uint8_t> eight;
+  for (int16_t v : stereo) eight.push_back(uint8_t((v >> 8) + 128));
+  const std::vector<uint8_t> pcm = Pcm16(ramp);
+  ASSERT_EQ(ExitOf("velmoconv " + dir + "/tone.wav " + dir + "/copy.raw"), 0);
+  EXPECT_EQ(ReadFile(dir + "/copy.raw"), pcm);
+  // A copy (".wav" added); the ramp read as headerless 16-bit mono at a forced rate past its 44
+  // header bytes, and as 8-bit stereo, each byte pair one sample of two channels. The stereo
+  // second as mono (the mean of the channels), in 8 bits (the top byte of each value with its
+  // sign bit turned over), and from 250 to 500 ms (samples 2000 to 3999).
   const struct {
-    const char *name, *switches;
+    const char *input, *output, *switches;
     uint32_t rate, bits, channels;
-  } outputs[] = {{"copy", "", 8000, 16, 1},
-                 {"forced", " /L3 /G11025 /M44", 11025, 16, 1},
-                 {"bytes", " /L2 /G8000 /M44 /B8", 8000, 8, 2}};
-  for (const auto& o : outputs) {
-    SCOPED_TRACE(o.name);
-    ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/" + o.name + o.switches), 0);
-    const std::string out = ReadAll(dir + "/" + o.name + ".wav");
-    ExpectWaveHeader(out, o.rate, o.bits, o.channels, 2000);
-    EXPECT_EQ(out.substr(44), pcm);
+    std::vector<uint8_t> data;
+  } runs[] = {{"tone", "copy", "", 8000, 16, 1, pcm},
+              {"tone", "forced", " /L3 /G11025 /M44", 11025, 16, 1, pcm},
+              {"tone", "bytes", " /L2 /G8000 /M44 /B8", 8000, 8, 2, pcm},
+              {"st", "mono", " /C1", 8000, 16, 1, Pcm16(mono)},
+              {"st", "eight", " /B8", 8000, 8, 2, eight},
+              {"st", "part", " /J250 /K500", 8000, 16, 2, Pcm16({stereo.begin() + 4000, stereo.begin() + 8000})}};
+  for (const auto& r : runs) {
+    SCOPED_TRACE(r.output);
+    ASSERT_EQ(ExitOf("velmoconv " + dir + "/" + r.input + ".wav " + dir + "/" + r.output + r.switches), 0);
+    const std::vector<uint8_t> out = ReadFile(dir + "/" + r.output + ".wav");
+    ASSERT_NO_FATAL_FAILURE(ExpectWaveHeader(out, r.rate, r.bits, r.channels, uint32_t(r.data.size())));
+    EXPECT_TRUE(std::vector<uint8_t>(out.begin() + 44, out.end()) == r.data);
   }
-}
-
-TEST_F(VelmoConvRun, WaveOutputsTakeFormatAndRangeSwitches) {
-  // Stereo at 8000 Hz, one second: left rises by 40 a sample, right by 8.
-  const std::string wav = dir + "/st.wav";
-  std::vector<int16_t> samples;
-  for (int i = 0; i < 8000; ++i) {
-    samples.push_back(int16_t(i * 4 % 32000));
-    samples.push_back(int16_t(i * 2 % 16000));
-  }
-  WriteWave(wav, 8000, 2, samples);
-  // Mono: the mean of the two channels.
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/mono.wav /C1"), 0);
-  const std::string mono = ReadAll(dir + "/mono.wav");
-  ExpectWaveHeader(mono, 8000, 16, 1, 16000);
-  const std::vector<int16_t> m = Samples16(mono, 44);
-  ASSERT_EQ(m.size(), 8000u);
-  for (size_t i = 0; i < m.size(); i += 97)
-    EXPECT_EQ(m[i], (samples[2 * i] + samples[2 * i + 1]) / 2) << i;
-  // 8 bits: the top byte of each value with its sign bit turned over.
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/eight.wav /B8"), 0);
-  const std::string eight = ReadAll(dir + "/eight.wav");
-  ExpectWaveHeader(eight, 8000, 8, 2, 16000);
-  for (size_t i = 0; i < samples.size(); i += 101)
-    EXPECT_EQ(uint8_t(eight[44 + i]), uint8_t((samples[i] >> 8) + 128)) << i;
-  // Milliseconds 250 to 500: samples 2000 to 3999.
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/part.wav /J250 /K500"), 0);
-  const std::string part = ReadAll(dir + "/part.wav");
-  ExpectWaveHeader(part, 8000, 16, 2, 2000 * 4);
-  const std::vector<int16_t> p = Samples16(part, 44);
-  ASSERT_EQ(p.size(), 4000u);
-  EXPECT_EQ(p.front(), samples[4000]);
-  EXPECT_EQ(p.back(), samples[7999]);
   // Twice the rate: twice the samples, the source's values at the even places.
-  ASSERT_EQ(RunProgram("velmoconv " + wav + " " + dir + "/fast.wav /R16000 /J0 /K100"), 0);
-  const std::string fast = ReadAll(dir + "/fast.wav");
-  ExpectWaveHeader(fast, 16000, 16, 2, 1600 * 4);
-  const std::vector<int16_t> f = Samples16(fast, 44);
-  ASSERT_EQ(f.size(), 3200u);
+  ASSERT_EQ(ExitOf("velmoconv " + dir + "/st.wav " + dir + "/fast.wav /R16000 /J0 /K100"), 0);
+  const std::vector<uint8_t> fast = ReadFile(dir + "/fast.wav");
+  ASSERT_NO_FATAL_FAILURE(ExpectWaveHeader(fast, 16000, 16, 2, 1600 * 4));
+  const std::vector<int16_t> f = As16({fast.begin() + 44, fast.end()});
   for (size_t i = 10; i < 790; i += 37) {
-    const int left = samples[2 * i];
-    EXPECT_NEAR(f[4 * i], left, 1) << i;
-    EXPECT_NEAR(f[4 * i + 2], left + 2, 1) << i;  // half way to the next (4 on)
+    EXPECT_NEAR(f[4 * i], stereo[2 * i], 1) << i;
+    EXPECT_NEAR(f[4 * i + 2], stereo[2 * i] + 2, 1) << i;  // half way to the next (4 on)
   }
-}
-
-// A YUV4MPEG2 clip of flat grey frames that brighten, at 30 frames a second.
-void WriteY4m(const std::string& name, int frames, int w, int h) {
-  FILE* f = std::fopen(name.c_str(), "wb");
-  ASSERT_TRUE(f);
-  std::fprintf(f, "YUV4MPEG2 W%d H%d F30:1 Ip A1:1 C420jpeg\n", w, h);
-  std::vector<uint8_t> plane(size_t(w) * h * 3 / 2, 128);
-  for (int t = 0; t < frames; ++t) {
-    std::fill(plane.begin(), plane.begin() + w * h, uint8_t(40 + t * 3));
-    std::fputs("FRAME\n", f);
-    std::fwrite(plane.data(), 1, plane.size(), f);
-  }
-  std::fclose(f);
 }
 
 // The PCM of an AVI file's first audio stream, chunk by chunk.
@@ -276,12 +207,15 @@ bool ReadAviSound(const std::string& name, AviSound* out) {
 // A 45-frame Velmo clip (1.5 seconds) with one track made by the mixer from two seconds of a
 // mono 11025 Hz sweep, into an AVI, a wave file and sound ranges.
 TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
-  WriteY4m(dir + "/clip.y4m", 45, 16, 16);
-  ASSERT_EQ(RunProgram("velmoc " + dir + "/clip.y4m " + dir + "/plain.vlm /v101 /d100000"), 0);
+  // Flat grey frames that brighten, at 30 frames a second.
+  std::string y4m = "YUV4MPEG2 W16 H16 F30:1 Ip A1:1 C420jpeg\n";
+  for (int t = 0; t < 45; ++t) y4m += "FRAME\n" + std::string(256, char(40 + t * 3)) + std::string(128, char(128));
+  WriteText(dir + "/clip.y4m", y4m);
+  ASSERT_EQ(ExitOf("velmoc " + dir + "/clip.y4m " + dir + "/plain.vlm /v101 /d100000"), 0);
   std::vector<int16_t> samples(2 * 11025);
   for (size_t i = 0; i < samples.size(); ++i)
     samples[i] = int16_t(9000 * std::sin(double(i) * (0.05 + double(i) * 2e-6)));
-  WriteWave(dir + "/sweep.wav", 11025, 1, samples);
+  WriteWave16(dir + "/sweep.wav", 11025, 1, samples);
   SoundInput* sound = SoundOpen((dir + "/sweep.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   ASSERT_TRUE(sound);
   VelmoMixTrack track{0, 11025, 16, 1, 4, sound, ReadSoundInput};
@@ -291,11 +225,11 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
   SoundClose(sound);
   ASSERT_GT(size, 0u);
 
-  ASSERT_EQ(RunProgram(conv + "/clip.avi"), 0);
+  ASSERT_EQ(ExitOf(conv + "/clip.avi"), 0);
   // The track alone, as the sound layer decodes it, for comparison.
-  ASSERT_EQ(RunProgram(conv + "/track.wav"), 0);
-  const std::string wave = ReadAll(dir + "/track.wav");
-  ExpectWaveHeader(wave, 11025, 16, 1, uint32_t(wave.size() - 44));
+  ASSERT_EQ(ExitOf(conv + "/track.wav"), 0);
+  const std::string wave = ReadText(dir + "/track.wav");
+  ASSERT_NO_FATAL_FAILURE(ExpectWaveHeader(wave, 11025, 16, 1, uint32_t(wave.size() - 44)));
   // The mixer made the track as long as the frames, give or take its rounding.
   ASSERT_NEAR(double(wave.size() - 44), 33075.0, 8.0);
 
@@ -303,11 +237,9 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
   ASSERT_TRUE(ReadAviSound(dir + "/clip.avi", &avi));
   EXPECT_EQ(avi.frames, 45u);
   ASSERT_EQ(uint64_t(avi.rate_num) * 1, uint64_t(avi.rate_den) * 30);
-  EXPECT_EQ(avi.track.format_tag, 1);
-  EXPECT_EQ(avi.track.channels, 1);
-  EXPECT_EQ(avi.track.samples_per_second, 11025u);
-  EXPECT_EQ(avi.track.bits_per_sample, 16);
-  EXPECT_EQ(avi.track.block_align, 2);
+  const StreamAudioTrack& t = avi.track;  // PCM, mono, 11025 Hz, 16 bits
+  EXPECT_EQ(std::tuple(t.format_tag, t.channels, t.samples_per_second, t.bits_per_sample, t.block_align),
+            std::tuple(1, 1, 11025u, 16, 2));
   ASSERT_GE(avi.chunks.size(), 2u);
   // After the first frame: three quarters of a second (8268 samples, a multiple of 4) and
   // one frame's 735 bytes, in whole samples: 16536 + 734.
@@ -339,17 +271,17 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
 
   // /N-1, or a track that is not there: the frames go on without an audio stream.
   for (const char* tail : {"/mute.avi /n-1", "/none.avi /n3"}) {
-    ASSERT_EQ(RunProgram(conv + tail), 0);
+    ASSERT_EQ(ExitOf(conv + tail), 0);
     AviSound none;
     EXPECT_FALSE(
         ReadAviSound(dir + std::string(tail).substr(0, std::string(tail).find(' ')), &none));
     EXPECT_EQ(none.frames, 45u) << tail;
   }
   // /V: the sound alone, in a wave file named for it; a range and a format change go with it.
-  ASSERT_EQ(RunProgram(conv + "/part /v /j500 /k1000 /b8"), 0);
-  ExpectWaveHeader(ReadAll(dir + "/part.wav"), 11025, 8, 1, 11025 - 11025 * 500 / 1000);
+  ASSERT_EQ(ExitOf(conv + "/part /v /j500 /k1000 /b8"), 0);
+  ExpectWaveHeader(ReadText(dir + "/part.wav"), 11025, 8, 1, 11025 - 11025 * 500 / 1000);
   // A range with video: /J and /K pick the sound; the frames stay as they were.
-  ASSERT_EQ(RunProgram(conv + "/late.avi /j1000 /k1200"), 0);
+  ASSERT_EQ(ExitOf(conv + "/late.avi /j1000 /k1200"), 0);
   AviSound late;
   ASSERT_TRUE(ReadAviSound(dir + "/late.avi", &late));
   EXPECT_EQ(late.pcm.size(), 2u * (11025 * 1200 / 1000 - 11025));
@@ -358,7 +290,7 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
 
 TEST_F(VelmoConvRun, ExitCodes) {
   MakeSeries(dir + "/in", 1, 8, 8, false);
-  WriteWave(dir + "/tone.wav", 8000, 1, std::vector<int16_t>(100, 5));
+  WriteWave16(dir + "/tone.wav", 8000, 1, std::vector<int16_t>(100, 5));
   const std::string png = "velmoconv " + dir + "/in1.png ", wav = "velmoconv " + dir + "/tone.wav ";
   // An existing output: the console's default answer is No, /O writes over it. A sound has no
   // frames for an AVI, a picture no sound for a wave file, and /N-1 asks for no sound.
@@ -379,7 +311,7 @@ TEST_F(VelmoConvRun, ExitCodes) {
               {wav + dir + "/tone.avi", 8002},
               {png + dir + "/x.wav", 8002},
               {wav + dir + "/y.wav /N-1", 8002}};
-  for (const auto& r : runs) EXPECT_EQ(Code(RunProgram(r.command)), Code(r.code)) << r.command;
+  for (const auto& r : runs) EXPECT_EQ(ExitOf(r.command), r.code & 255) << r.command;
   for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav"})
     EXPECT_FALSE(Exists(dir + name));
 }
@@ -400,8 +332,8 @@ TEST_F(VelmoConvRun, RunsInOneProcessWriteWhatSeparateProgramsWrite) {
   MakeSeries(dir + "/g", 6, 24, 16, false);
   std::vector<int16_t> samples(3000);
   for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 91);
-  WriteWave(dir + "/tone.wav", 8000, 1, samples);
-  { std::ofstream(dir + "/taken.y4m") << "keep"; }
+  WriteWave16(dir + "/tone.wav", 8000, 1, samples);
+  WriteText(dir + "/taken.y4m", "keep");
   const std::string series = dir + "/g?.png*1-6 ";
   testing::internal::CaptureStderr();
   EXPECT_EQ(RunHere(series + dir + "/taken.y4m"), ToolExitNoOverwrite);
@@ -414,13 +346,13 @@ TEST_F(VelmoConvRun, RunsInOneProcessWriteWhatSeparateProgramsWrite) {
   for (const auto& r : runs)
     EXPECT_EQ(RunHere(r.input + dir + "/here_" + r.output + r.switches), ToolExitDone) << r.output;
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(ReadAll(dir + "/taken.y4m"), "keep");
+  EXPECT_EQ(ReadText(dir + "/taken.y4m"), "keep");
   for (const auto& r : runs) {
     SCOPED_TRACE(r.output);
-    ASSERT_EQ(RunProgram("velmoconv " + r.input + dir + "/own_" + r.output + r.switches), 0);
-    const std::string own = ReadAll(dir + "/own_" + r.output);
+    ASSERT_EQ(ExitOf("velmoconv " + r.input + dir + "/own_" + r.output + r.switches), 0);
+    const std::string own = ReadText(dir + "/own_" + r.output);
     EXPECT_GT(own.size(), 100u);
-    EXPECT_TRUE(ReadAll(dir + "/here_" + r.output) == own);
+    EXPECT_TRUE(ReadText(dir + "/here_" + r.output) == own);
   }
 }
 

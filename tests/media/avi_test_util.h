@@ -1,10 +1,11 @@
 // AVI files built byte by byte for the AVI reader and AVI sound tests: a video stream (or none)
 // and sound streams, their chunks interleaved in movi, found through idx1 (offsets from the movi
 // word or from the file start), OpenDML super and standard indexes across an AVIX extension, or
-// no index at all.
+// no index at all. The little-endian byte builder serves the other readers' files too.
 #pragma once
 #include <algorithm>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,9 @@ struct Bytes {
   void U64(uint64_t x) { U32(uint32_t(x)), U32(uint32_t(x >> 32)); }
   void Id(const char* s) { v.insert(v.end(), s, s + 4); }
   void Put(const std::vector<uint8_t>& d) { v.insert(v.end(), d.begin(), d.end()); }
+  void Put(std::initializer_list<int> xs) {
+    for (int x : xs) U8(x);
+  }
   void Patch32(size_t at, uint64_t x) {
     for (int i = 0; i < 4; ++i) v[at + size_t(i)] = uint8_t(x >> (8 * i));
   }

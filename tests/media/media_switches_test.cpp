@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "media/media.h"
 
@@ -20,16 +21,9 @@ MediaSwitches Parse(const char* text, std::string* rest = nullptr) {
 TEST(MediaSwitches, DefaultsWhenNothingIsGiven) {
   std::string rest;
   const MediaSwitches s = Parse("in.avi out.vlm", &rest);
-  EXPECT_EQ(s.open_flags, uint32_t(MediaOpenCompressorDefault));
-  EXPECT_EQ(s.brightness, 100u);
-  EXPECT_DOUBLE_EQ(s.gamma, 1.0);
-  EXPECT_EQ(s.colours, 256u);
-  EXPECT_EQ(s.palette_first, 0u);
-  EXPECT_EQ(s.palette_interval, 0x10000u);
-  EXPECT_EQ(s.force_num, 0);
-  EXPECT_EQ(s.adjust_num, 0);
-  EXPECT_EQ(s.scale_w, 0);
-  EXPECT_EQ(s.palette_file[0], 0);
+  EXPECT_EQ(std::tuple(s.open_flags, s.brightness, s.gamma, s.colours, s.palette_first, s.palette_interval),
+            std::tuple(uint32_t(MediaOpenCompressorDefault), 100u, 1.0, 256u, 0u, 0x10000u));
+  EXPECT_EQ(std::tuple(s.force_num, s.adjust_num, s.scale_w, s.palette_file[0]), std::tuple(0, 0, 0, '\0'));
   EXPECT_EQ(rest, "in.avi out.vlm");
 }
 
@@ -85,50 +79,35 @@ TEST(MediaSwitches, RatesAndScaleRequests) {
 }
 
 TEST(MediaSwitches, CropRangeAndFilters) {
-  const MediaSwitches s =
-      Parse("/X-5 /Y7 /W320 /H200 /S-10 /E50 /~1 /:50 /{20 /[120 /]2 /}16");
-  EXPECT_EQ(s.crop_x, -5);
-  EXPECT_EQ(s.crop_y, 7);
-  EXPECT_EQ(s.crop_w, 320);
-  EXPECT_EQ(s.crop_h, 200);
-  EXPECT_EQ(s.start, -10);
-  EXPECT_EQ(s.end, 50);
-  EXPECT_EQ(s.denoise, 1u);
-  EXPECT_EQ(s.smooth, 50u);
-  EXPECT_EQ(s.contrast, 20u);
-  EXPECT_EQ(s.brightness, 120u);
-  EXPECT_DOUBLE_EQ(s.gamma, 0.5);
-  EXPECT_EQ(s.black_clamp, 16u);
+  const MediaSwitches s = Parse("/X-5 /Y7 /W320 /H200 /S-10 /E50 /~1 /:50 /{20 /[120 /]2 /}16");
+  EXPECT_EQ(std::tuple(s.crop_x, s.crop_y, s.crop_w, s.crop_h, s.start, s.end),
+            std::tuple(-5, 7, 320, 200, -10, 50));
+  EXPECT_EQ(std::tuple(s.denoise, s.smooth, s.contrast, s.brightness, s.gamma, s.black_clamp),
+            std::tuple(1u, 50u, 20u, 120u, 0.5, 16u));
   EXPECT_DOUBLE_EQ(Parse("/]1.0001").gamma, 1.0 / 1.0001);
 }
 
+// The first colour is lowered so that first + colours stay within 256.
 TEST(MediaSwitches, PaletteSettingsAreHeldInRange) {
-  MediaSwitches s = Parse("/Q0 /U0");
-  EXPECT_EQ(s.colours, 1u);
-  EXPECT_EQ(s.palette_first, 127u);
-  EXPECT_EQ(s.palette_interval, 0x10000u);
-  s = Parse("/Q300 /U70000");
-  EXPECT_EQ(s.colours, 256u);
-  EXPECT_EQ(s.palette_interval, 0x10000u);
-  s = Parse("/Q200 /I100 /U30 /$4 /D1 /T2 /&pal.bmp");
-  EXPECT_EQ(s.colours, 200u);
-  EXPECT_EQ(s.palette_first, 56u);  // lowered so that first + colours stay within 256
-  EXPECT_EQ(s.palette_interval, 30u);
-  EXPECT_EQ(s.rotation, 4u);
-  EXPECT_EQ(s.system_colours, 1u);
-  EXPECT_EQ(s.halftone, 2u);
+  const struct {
+    const char* line;
+    uint32_t colours, first, interval;
+  } cases[] = {{"/Q0 /U0", 1, 127, 0x10000}, {"/Q300 /U70000", 256, 0, 0x10000}, {"/Q200 /I100 /U30", 200, 56, 30}};
+  for (const auto& c : cases) {
+    const MediaSwitches s = Parse(c.line);
+    EXPECT_EQ(std::tuple(s.colours, s.palette_first, s.palette_interval), std::tuple(c.colours, c.first, c.interval))
+        << c.line;
+  }
+  const MediaSwitches s = Parse("/$4 /D1 /T2 /&pal.bmp");
+  EXPECT_EQ(std::tuple(s.rotation, s.system_colours, s.halftone), std::tuple(4u, 1u, 2u));
   EXPECT_STREQ(s.palette_file, "pal.bmp");
 }
 
 TEST(MediaSwitches, OpenArgumentsFollowTheSwitches) {
   const MediaSwitches s = Parse("/Z1000 /F30 /(-1 /)100 /X2 /S3");
   const MediaOpenArgs a = MediaArgsFromSwitches(&s);
-  EXPECT_EQ(a.flags, s.open_flags);
-  EXPECT_EQ(a.force_num, 30);
-  EXPECT_EQ(a.scale_w, -1);
-  EXPECT_EQ(a.scale_h, 100);
-  EXPECT_EQ(a.crop_x, 2);
-  EXPECT_EQ(a.start, 3);
+  EXPECT_EQ(std::tuple(a.flags, a.force_num, a.scale_w, a.scale_h, a.crop_x, a.start),
+            std::tuple(s.open_flags, 30, -1, 100, 2, 3));
   EXPECT_EQ(a.palette_file, nullptr);
   EXPECT_EQ(a.progress.fn, nullptr);
 }

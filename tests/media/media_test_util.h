@@ -1,37 +1,24 @@
-// Helpers for the media layer's tests: a temporary folder, pictures written with the image file
-// library, and the log that the test's inputs report to.
+// Helpers for the media layer's tests: pictures written with the image file library, and the log
+// that the test's inputs report to.
 #pragma once
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "imagefile/imagefile.h"
 #include "media/media.h"
+#include "support/files.h"
+#include "support/picture.h"
 #include "support/progress_log.h"
 
 namespace media_test {
 
-// A folder that is removed with everything in it at the end of the test.
-struct TempDir {
-  std::string path;
-  TempDir() {
-    char name[] = "/tmp/orn_media_XXXXXX";
-    if (mkdtemp(name)) path = name;
-  }
-  ~TempDir() {
-    if (!path.empty()) {
-      std::string command = "rm -rf '" + path + "'";
-      if (system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", path.c_str());
-    }
-  }
-  std::string operator/(const std::string& name) const { return path + "/" + name; }
-};
+using test_support::ScratchDir;
+using test_support::WriteImage;
+using test_support::WriteText;
 
 // The test picture: red holds the frame's tag, green x, blue y (each & 255).
 inline uint32_t PatternPixel(uint32_t tag, uint32_t x, uint32_t y, uint32_t alpha = 255) {
@@ -45,23 +32,8 @@ inline std::vector<uint32_t> Pattern(int width, int height, uint32_t tag, uint32
   return pixels;
 }
 
-inline bool WriteImage(const std::string& name, int format, int width, int height,
-                       const std::vector<uint32_t>& pixels, bool alpha = false) {
-  ImagePixels p = {const_cast<uint32_t*>(pixels.data()), ptrdiff_t(width) * 4, width, height,
-                   IMAGE_PIXELS_ARGB32};
-  ImageWriteParams params = {format, alpha ? 1 : 0, 95, 0};
-  return ImageWriteFile(name.c_str(), &params, &p, nullptr) != 0;
-}
-
 inline bool WritePng(const std::string& name, int width, int height, uint32_t tag) {
   return WriteImage(name, IMAGE_FORMAT_PNG, width, height, Pattern(width, height, tag));
-}
-
-inline void WriteText(const std::string& name, const std::string& text) {
-  FILE* f = fopen(name.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fwrite(text.data(), 1, text.size(), f);
-  fclose(f);
 }
 
 // What the inputs that Open opens were told; its `answer` decides the replies.
@@ -83,7 +55,7 @@ class MediaTest : public ::testing::Test {
     }
   }
   std::string SeriesName(int count) { return dir / ("f???.png*1-" + std::to_string(count)); }
-  TempDir dir;
+  ScratchDir dir;
 };
 
 // Opens with all arguments from a record whose progress goes to Log.

@@ -3,46 +3,29 @@
 #include "media/readers/flic_codec.h"
 #include "media/readers/stream_readers.h"
 
+#include "avi_test_util.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 using orn::media::FlicApplyChunk;
 using orn::media::FlicCanvas;
+using avi_test::Bytes;
 
 constexpr int kW = 8, kH = 4;
 using Picture = std::array<uint8_t, kW * kH>;
 
-struct Bytes {
-  std::vector<uint8_t> v;
-  void U8(int x) { v.push_back(uint8_t(x)); }
-  void U16(int x) {
-    U8(x & 0xFF);
-    U8(x >> 8 & 0xFF);
-  }
-  void U32(uint32_t x) {
-    U16(int(x & 0xFFFF));
-    U16(int(x >> 16));
-  }
-  void Put(std::initializer_list<int> xs) {
-    for (int x : xs) U8(x);
-  }
-  void Patch32(size_t at, uint32_t x) {
-    for (int i = 0; i < 4; ++i) v[at + size_t(i)] = uint8_t(x >> (8 * i));
-  }
-};
-
 // A sub-chunk: 32-bit size, 16-bit type, data.
 std::vector<uint8_t> Chunk(int type, const Bytes& data) {
   Bytes c;
-  c.U32(uint32_t(6 + data.v.size()));
-  c.U16(type);
-  c.v.insert(c.v.end(), data.v.begin(), data.v.end());
+  c.U32(uint32_t(6 + data.v.size())), c.U16(type), c.Put(data.v);
   return c.v;
 }
 
@@ -51,11 +34,8 @@ std::vector<uint8_t> Frame(const std::vector<std::vector<uint8_t>>& chunks) {
   Bytes f;
   size_t size = 16;
   for (const auto& c : chunks) size += c.size();
-  f.U32(uint32_t(size));
-  f.U16(0xF1FA);
-  f.U16(int(chunks.size()));
-  f.Put({0, 0, 0, 0, 0, 0, 0, 0});
-  for (const auto& c : chunks) f.v.insert(f.v.end(), c.begin(), c.end());
+  f.U32(uint32_t(size)), f.U16(0xF1FA), f.U16(int(chunks.size())), f.Put({0, 0, 0, 0, 0, 0, 0, 0});
+  for (const auto& c : chunks) f.Put(c);
   return f.v;
 }
 
@@ -79,16 +59,9 @@ Bytes ByteRun(const Picture& p) {
 
 std::vector<uint8_t> Header(uint16_t magic, int frames, int32_t speed) {
   Bytes h;
-  h.U32(0);
-  h.U16(magic);
-  h.U16(frames);
-  h.U16(kW);
-  h.U16(kH);
-  h.U16(8);
-  h.U16(0);
+  h.U32(0), h.U16(magic), h.U16(frames), h.U16(kW), h.U16(kH), h.U16(8), h.U16(0);
   if (magic == 0xAF11) {
-    h.U16(speed);
-    h.U16(0);
+    h.U16(speed), h.U16(0);
   } else {
     h.U32(uint32_t(speed));
   }
@@ -124,9 +97,8 @@ TestFlic BuildFlic() {
   std::vector<std::vector<uint8_t>> frames;
   frames.push_back(Frame({Chunk(4, c256), Chunk(15, ByteRun(first))}));
 
-  Bytes lc;  // skip 1 line, 2 lines
-  lc.U16(1);
-  lc.U16(2);
+  Bytes lc;
+  lc.U16(1), lc.U16(2);  // skip 1 line, 2 lines
   lc.Put({1, 2, 3, 20, 21, 22});           // line 1: skip 2, copy 3
   lc.Put({2, 0, 0xFE, 44, 3, 1, 55});      // line 2: repeat 44 twice, skip 3, copy 1
   p[8 + 2] = 20, p[8 + 3] = 21, p[8 + 4] = 22;
@@ -135,14 +107,10 @@ TestFlic BuildFlic() {
   frames.push_back(Frame({Chunk(12, lc)}));
 
   Bytes ss2;
-  ss2.U16(2);       // two coded lines
-  ss2.U16(0xFFFF);  // skip one line
-  ss2.U16(0x8077);  // last pixel of line 1 = 0x77
-  ss2.U16(1);       // one packet
-  ss2.Put({0, 1, 91, 92});
-  ss2.U16(0xFFFF);  // skip line 2
-  ss2.U16(1);
-  ss2.Put({4, 0xFE, 5, 6});  // skip 4, the pair 5,6 twice
+  // Two coded lines: skip one line, the last pixel of line 1 = 0x77, one packet; skip line 2,
+  // one packet: skip 4, the pair 5,6 twice.
+  ss2.U16(2), ss2.U16(0xFFFF), ss2.U16(0x8077), ss2.U16(1), ss2.Put({0, 1, 91, 92});
+  ss2.U16(0xFFFF), ss2.U16(1), ss2.Put({4, 0xFE, 5, 6});
   p[8 + 7] = 0x77, p[8 + 0] = 91, p[8 + 1] = 92;
   p[24 + 4] = 5, p[24 + 5] = 6, p[24 + 6] = 5, p[24 + 7] = 6;
   t.pictures.push_back(p), t.palettes.push_back(pal);
@@ -168,17 +136,11 @@ TestFlic BuildFlic() {
   ring_pal.Put({1, 0, 0, 1, 10, 20, 30});
   frames.push_back(Frame({Chunk(4, ring_pal), Chunk(15, ByteRun(first))}));
 
-  t.file = Header(0xAF12, 6, 50);
-  Bytes prefix;
-  prefix.U32(12);
-  prefix.U16(0xF100);
-  prefix.Put({0, 0, 0, 0, 0, 0});
-  t.file.insert(t.file.end(), prefix.v.begin(), prefix.v.end());
-  for (const auto& f : frames) t.file.insert(t.file.end(), f.begin(), f.end());
-  Bytes fix{t.file};
-  fix.Patch32(0, uint32_t(t.file.size()));
-  fix.Patch32(80, 128);
-  t.file = fix.v;
+  Bytes file{Header(0xAF12, 6, 50)};
+  file.U32(12), file.U16(0xF100), file.Put({0, 0, 0, 0, 0, 0});  // the prefix chunk
+  for (const auto& f : frames) file.Put(f);
+  file.Patch32(0, uint32_t(file.size())), file.Patch32(80, 128);
+  t.file = file.v;
   return t;
 }
 
@@ -199,19 +161,14 @@ TEST(FlicReader, EveryChunkKindInOrderThenTheRingAndSeeks) {
   ASSERT_NE(r, nullptr) << error.text;
   const StreamInfo* info = StreamReaderInfo(r);
   EXPECT_STREQ(info->type_name, "Flic");
-  EXPECT_EQ(info->width, uint32_t(kW));
-  EXPECT_EQ(info->height, uint32_t(kH));
-  EXPECT_EQ(info->frame_count, 6u);
-  EXPECT_EQ(info->depth, 8u);
-  EXPECT_EQ(info->rate_num, 1000u);
-  EXPECT_EQ(info->rate_den, 50u);
+  EXPECT_EQ(std::tuple(info->width, info->height, info->frame_count, info->depth, info->rate_num, info->rate_den),
+            std::tuple(uint32_t(kW), uint32_t(kH), 6u, 8u, 1000u, 50u));
   EXPECT_EQ(0, std::memcmp(info->palette, t.palettes[0].data(), 768));
   const uint32_t expected_changed[6] = {1, 0, 0, 1, 0, 0};
   for (uint32_t i = 0; i < 6; ++i) {
     StreamFrame f{};
     ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1) << i << ": " << error.text;
-    EXPECT_EQ(f.depth, 8u);
-    EXPECT_EQ(f.pitch, kW);
+    EXPECT_EQ(std::tuple(f.depth, f.pitch), std::tuple(8u, kW));
     EXPECT_EQ(Copy(f), t.pictures[i]) << "frame " << i;
     EXPECT_EQ(0, std::memcmp(f.palette, t.palettes[i].data(), 768)) << "frame " << i;
     EXPECT_EQ(f.palette_changed, expected_changed[i]) << "frame " << i;
@@ -248,8 +205,8 @@ TEST(FlicReader, RatesOfBothKinds) {
     StreamError error{};
     StreamReader* r = OpenBytes(file, &error);
     ASSERT_NE(r, nullptr) << error.text;
-    EXPECT_EQ(StreamReaderInfo(r)->rate_num, c.num) << c.speed;
-    EXPECT_EQ(StreamReaderInfo(r)->rate_den, c.den) << c.speed;
+    EXPECT_EQ(std::tuple(StreamReaderInfo(r)->rate_num, StreamReaderInfo(r)->rate_den), std::tuple(c.num, c.den))
+        << c.speed;
     StreamReaderClose(r);
   }
 }
@@ -277,26 +234,20 @@ TEST(FlicReader, TruncatedFileReadsWhatIsThere) {
   StreamReaderClose(r);
 }
 
+// A cut header, a wrong magic, 16-bit pixels, an over-large picture, no frame behind the header.
 TEST(FlicReader, RejectsBadHeaders) {
-  StreamError error{};
-  std::vector<uint8_t> file = Header(0xAF12, 1, 10);
-  EXPECT_EQ(OpenBytes(std::vector<uint8_t>(file.begin(), file.begin() + 60), &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);
-  std::vector<uint8_t> bad_magic = file;
+  const std::vector<uint8_t> file = Header(0xAF12, 1, 10);
+  std::vector<uint8_t> bad_magic = file, deep = file, huge = file;
   bad_magic[4] = 0x34;
-  EXPECT_EQ(OpenBytes(bad_magic, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);
-  std::vector<uint8_t> deep = file;
   deep[12] = 16;
-  EXPECT_EQ(OpenBytes(deep, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_UNSUPPORTED);
-  std::vector<uint8_t> huge = file;
   huge[8] = huge[9] = huge[10] = huge[11] = 0xFF;
-  EXPECT_EQ(OpenBytes(huge, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_TOO_LARGE);
-  // A header with no frame behind it.
-  EXPECT_EQ(OpenBytes(file, &error), nullptr);
-  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  for (auto [bytes, code] : {std::pair{std::vector<uint8_t>(file.begin(), file.begin() + 60), STREAM_ERROR_FORMAT},
+                             {bad_magic, STREAM_ERROR_FORMAT}, {deep, STREAM_ERROR_UNSUPPORTED},
+                             {huge, STREAM_ERROR_TOO_LARGE}, {file, STREAM_ERROR_CORRUPT}}) {
+    StreamError error{};
+    EXPECT_EQ(OpenBytes(bytes, &error), nullptr);
+    EXPECT_EQ(error.code, code) << error.text;
+  }
 }
 
 TEST(FlicReader, ProbeLooksAtMagicAndSizes) {

@@ -2,10 +2,14 @@
 #include "media/readers/rla_codec.h"
 #include "media/readers/stream_readers.h"
 
+#include "avi_test_util.h"
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -17,26 +21,14 @@ void Be16(std::vector<uint8_t>& v, size_t at, int x) {
   v[at + 1] = uint8_t(x);
 }
 
-// Run-length coding of one channel: repeats of 3 or more become runs, the rest literals.
+// Run-length coding of one channel in literal packets of up to 128 values (runs are read in
+// RunLengthCounts).
 std::vector<uint8_t> Encode(const std::vector<uint8_t>& s) {
   std::vector<uint8_t> out;
-  size_t i = 0;
-  while (i < s.size()) {
-    size_t run = 1;
-    while (i + run < s.size() && s[i + run] == s[i] && run < 128) ++run;
-    if (run >= 3) {
-      out.push_back(uint8_t(run - 1));
-      out.push_back(s[i]);
-      i += run;
-      continue;
-    }
-    size_t lit = 0;
-    while (i + lit < s.size() && lit < 128 &&
-           !(i + lit + 2 < s.size() && s[i + lit] == s[i + lit + 1] && s[i + lit] == s[i + lit + 2]))
-      ++lit;
-    out.push_back(uint8_t(-int(lit)));
-    out.insert(out.end(), s.begin() + ptrdiff_t(i), s.begin() + ptrdiff_t(i + lit));
-    i += lit;
+  for (size_t i = 0; i < s.size(); i += 128) {
+    const size_t n = std::min<size_t>(128, s.size() - i);
+    out.push_back(uint8_t(-int(n)));
+    out.insert(out.end(), s.begin() + ptrdiff_t(i), s.begin() + ptrdiff_t(i + n));
   }
   return out;
 }
@@ -79,31 +71,25 @@ TEST(RlaReader, DecodesBottomUpWithMatte) {
   for (int mattes : {1, 0}) {
     Rla s;
     s.mattes = mattes;
-    s.w = 140;  // long enough for runs and literals over 128
+    s.w = 140;  // more than one literal packet a line
     const std::vector<uint8_t> file = BuildRla(s);
     StreamError error{};
     StreamReader* r = OpenRla(file, &error);
     ASSERT_NE(r, nullptr) << error.text;
     const StreamInfo* info = StreamReaderInfo(r);
     EXPECT_STREQ(info->type_name, "RLA still image");
-    EXPECT_EQ(info->width, 140u);
-    EXPECT_EQ(info->height, 3u);
-    EXPECT_EQ(info->frame_count, 1u);
-    EXPECT_EQ(info->rate_num, 15u);
-    EXPECT_EQ(info->rate_den, 1u);
-    EXPECT_EQ(info->has_alpha, uint32_t(mattes));
+    EXPECT_EQ(std::tuple(info->width, info->height, info->frame_count, info->rate_num, info->rate_den, info->has_alpha),
+              std::tuple(140u, 3u, 1u, 15u, 1u, uint32_t(mattes)));
     StreamFrame f{};
     ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
-    EXPECT_EQ(f.depth, 32u);
-    EXPECT_EQ(f.pitch, -140 * 4);
+    EXPECT_EQ(std::tuple(f.depth, f.pitch), std::tuple(32u, -140 * 4));
     for (int y = 0; y < 3; ++y) {
       const int row = 2 - y;  // display row y is file row h-1-y
       for (int x = 0; x < 140; ++x) {
         const uint8_t* p = f.pixels + ptrdiff_t(y) * f.pitch + x * 4;
-        ASSERT_EQ(p[2], Value(row, 0, x)) << x << "," << y;
-        ASSERT_EQ(p[1], Value(row, 1, x));
-        ASSERT_EQ(p[0], Value(row, 2, x));
-        ASSERT_EQ(p[3], mattes ? Value(row, 3, x) : 255);
+        ASSERT_EQ(std::tuple(p[2], p[1], p[0], p[3]),
+                  std::tuple(Value(row, 0, x), Value(row, 1, x), Value(row, 2, x), mattes ? Value(row, 3, x) : 255))
+            << x << "," << y;
       }
     }
     EXPECT_EQ(StreamReaderRead(r, 1, &f, &error), 0);
@@ -186,11 +172,7 @@ TEST(RlaReader, ProbeNeedsTheExtension) {
 }
 
 // Raw frames: "RAWB", frames, width, height, speed, then per frame its markers.
-struct Raw {
-  std::vector<uint8_t> v;
-  void U32(uint32_t x) {
-    for (int i = 0; i < 4; ++i) v.push_back(uint8_t(x >> (8 * i)));
-  }
+struct Raw : avi_test::Bytes {
   void Palette(uint8_t seed) {
     U32(0);
     for (int i = 0; i < 768; ++i) v.push_back(uint8_t(i * seed));
@@ -229,19 +211,14 @@ TEST(RawReader, MarkersPalettesAndEmptyFrames) {
   ASSERT_NE(reader, nullptr) << error.text;
   const StreamInfo* info = StreamReaderInfo(reader);
   EXPECT_STREQ(info->type_name, "");
-  EXPECT_EQ(info->frame_count, 4u);
-  EXPECT_EQ(info->rate_num, 100000u);
-  EXPECT_EQ(info->rate_den, 4000u);
-  EXPECT_EQ(info->palette[3], 9);
+  EXPECT_EQ(std::tuple(info->frame_count, info->rate_num, info->rate_den, info->palette[3]),
+            std::tuple(4u, 100000u, 4000u, 9));
   const uint8_t seeds[4] = {10, 20, 20, 40};
   const uint32_t changed[4] = {1, 0, 0, 0};  // frame 3's palettes end where they began
   for (uint32_t i = 0; i < 4; ++i) {
     StreamFrame f{};
     ASSERT_EQ(StreamReaderRead(reader, i, &f, &error), 1) << error.text;
-    EXPECT_EQ(f.pitch, 8);
-    EXPECT_EQ(f.depth, 8u);
-    EXPECT_EQ(f.palette[3], 9);
-    EXPECT_EQ(f.palette_changed, changed[i]) << i;
+    EXPECT_EQ(std::tuple(f.pitch, f.depth, f.palette[3], f.palette_changed), std::tuple(8, 8u, 9, changed[i])) << i;
     ExpectRawFrame(f, w, h, seeds[i]);
   }
   StreamFrame f{};
@@ -258,8 +235,7 @@ TEST(RawReader, RatesAndErrors) {
     r.Pixels(2, 2, 0);
     StreamReader* reader = OpenRaw(r, &error);
     ASSERT_NE(reader, nullptr) << error.text;
-    EXPECT_EQ(StreamReaderInfo(reader)->rate_num, num);
-    EXPECT_EQ(StreamReaderInfo(reader)->rate_den, den);
+    EXPECT_EQ(std::tuple(StreamReaderInfo(reader)->rate_num, StreamReaderInfo(reader)->rate_den), std::tuple(num, den));
     StreamReaderClose(reader);
   }
   Raw two = RawHeader(2, 4, 2, 10);

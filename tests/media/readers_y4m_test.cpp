@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -101,9 +102,8 @@ void ExpectPlanes(const StreamPlanes& got, const Planes& p, const Form& form, in
     return;
   }
   ASSERT_NE(got.plane[0], nullptr);
-  EXPECT_EQ(got.chroma_shift, form.hdiv == 2 ? 1u : 0u);
-  EXPECT_EQ(got.full_range, full ? 1u : 0u);
-  EXPECT_EQ(got.plane[3] != nullptr, form.alpha);
+  EXPECT_EQ(std::tuple(got.chroma_shift, got.full_range, got.plane[3] != nullptr),
+            std::tuple(form.hdiv == 2 ? 1u : 0u, full ? 1u : 0u, form.alpha));
   const int cw = (w + form.hdiv - 1) / form.hdiv, ch = (h + form.vdiv - 1) / form.vdiv;
   const std::vector<uint8_t>* want[4] = {&p.y, &p.u, &p.v, &p.a};
   for (int i = 0; i < (form.alpha ? 4 : 3); ++i) {
@@ -131,9 +131,7 @@ TEST(Y4mReader, EveryChromaFormMatchesTheModel) {
       StreamReader* r = OpenText(file, &error);
       ASSERT_NE(r, nullptr) << form.tag << ": " << error.text;
       const StreamInfo* info = StreamReaderInfo(r);
-      EXPECT_EQ(info->frame_count, 3u);
-      EXPECT_EQ(info->has_alpha, form.alpha ? 1u : 0u);
-      EXPECT_EQ(info->depth, 32u);
+      EXPECT_EQ(std::tuple(info->frame_count, info->has_alpha, info->depth), std::tuple(3u, form.alpha ? 1u : 0u, 32u));
       // Out of order, to use the frame table.
       for (uint32_t i : {2u, 0u, 1u}) {
         StreamFrame f{};
@@ -180,13 +178,10 @@ TEST(Y4mReader, HeaderParameters) {
     ASSERT_NE(r, nullptr) << c.header << ": " << error.text;
     const StreamInfo* info = StreamReaderInfo(r);
     EXPECT_STREQ(info->type_name, "YUV4MPEG2");
-    EXPECT_EQ(info->width, 4u);
-    EXPECT_EQ(info->height, 2u);
-    EXPECT_EQ(info->rate_num, c.num) << c.header;
-    EXPECT_EQ(info->rate_den, c.den) << c.header;
-    EXPECT_EQ(info->interlace, c.interlace) << c.header;
-    EXPECT_EQ(info->aspect_num, c.an) << c.header;
-    EXPECT_EQ(info->aspect_den, c.ad) << c.header;
+    EXPECT_EQ(std::tuple(info->width, info->height, info->rate_num, info->rate_den, info->interlace,
+                         info->aspect_num, info->aspect_den),
+              std::tuple(4u, 2u, c.num, c.den, c.interlace, c.an, c.ad))
+        << c.header;
     StreamReaderClose(r);
   }
 }
@@ -274,8 +269,7 @@ TEST(Y4mReader, ReadsAPipeInOrder) {
   StreamReader* r = StreamReaderOpen(&kStreamReaderY4m, "-", &error);
   ASSERT_NE(r, nullptr) << error.text;
   const StreamInfo* info = StreamReaderInfo(r);
-  EXPECT_EQ(info->frame_count, 0u);
-  EXPECT_EQ(info->seekable, 0u);
+  EXPECT_EQ(std::tuple(info->frame_count, info->seekable), std::tuple(0u, 0u));
   StreamFrame f{};
   ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1) << error.text;
   EXPECT_LE(CompareWithModel(f, frames[0], form, 10, 6, false), 1.0);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "avi_test_util.h"
@@ -16,7 +17,6 @@
 namespace {
 
 using namespace sound_test;
-using media_test::TempDir;
 
 using avi_test::AviSpec;
 using avi_test::WaveFormat;
@@ -32,9 +32,9 @@ AviSpec Shape(AviSpec::Index index, std::vector<avi_test::AviSound> sound, size_
 
 std::vector<uint8_t> AviFile(const AviSpec& shape) { return avi_test::BuildAvi(shape).file; }
 
-// The "fmt " body of the wave that sound_test_util writes for a shape.
+// The "fmt " body of the wave file that WaveBytes makes for a shape.
 std::vector<uint8_t> FormatOf(const WaveShape& shape) {
-  const std::vector<uint8_t> wave = Wave(shape, {});
+  const std::vector<uint8_t> wave = WaveBytes(shape, {});
   const uint32_t size = wave[28] | wave[29] << 8;
   return std::vector<uint8_t>(wave.begin() + 32, wave.begin() + 32 + size);
 }
@@ -67,7 +67,7 @@ std::vector<uint8_t> ReadAllBytes(const std::string& name, uint32_t bits = 0) {
 // ---------------------------------------------------------------------------------------------
 
 TEST(SoundAvi, PcmComesBackAsWrittenWithEveryIndexForm) {
-  TempDir dir;
+  ScratchDir dir;
   struct Case {
     uint32_t channels, bits;
   };
@@ -85,16 +85,13 @@ TEST(SoundAvi, PcmComesBackAsWrittenWithEveryIndexForm) {
       AviSpec shape = Shape(index, {{WaveFormat(1, c.channels, 11025, c.bits), Split(pcm, {301, 77, 512})}});
       shape.stray_sound = index != AviSpec::kNone;  // an index leaves it out; a walk would not
       const std::string name = dir / "a.avi";
-      WriteBytes(name, AviFile(shape));
+      WriteFile(name, AviFile(shape));
       SoundInput* sound = Open(name);
       ASSERT_NE(sound, nullptr);
       EXPECT_STREQ(sound->type_name, "AVI");
-      EXPECT_EQ(sound->kind, SoundKindFile);
-      EXPECT_EQ(sound->source_rate, 11025u);
-      EXPECT_EQ(sound->source_bits, c.bits);
-      EXPECT_EQ(sound->source_channels, c.channels);
-      EXPECT_EQ(sound->bits, c.bits);
-      EXPECT_EQ(sound->total_bytes, pcm.size());
+      EXPECT_EQ(std::tuple(sound->kind, sound->source_rate, sound->source_bits, sound->source_channels,
+                           sound->bits, sound->total_bytes),
+                std::tuple(SoundKindFile, 11025u, c.bits, c.channels, c.bits, uint64_t(pcm.size())));
       EXPECT_EQ(ReadAll(sound, 998), pcm);
       // Rewound, the same bytes again.
       SoundRewind(sound);
@@ -105,40 +102,34 @@ TEST(SoundAvi, PcmComesBackAsWrittenWithEveryIndexForm) {
 }
 
 TEST(SoundAvi, RangesStartAndEndInsideChunks) {
-  TempDir dir;
-  std::vector<int16_t> ramp(2 * 2000);  // stereo, 1000 Hz: two seconds
-  for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = static_cast<int16_t>(i % 2 ? -int(i / 2) : int(i / 2));
+  ScratchDir dir;
+  // Stereo at 1000 Hz for two seconds: the left channel counts up, the right down.
+  std::vector<int16_t> ramp;
+  for (int i = 0; i < 2000; ++i) ramp.push_back(int16_t(i)), ramp.push_back(int16_t(-i));
   const std::string name = dir / "r.avi";
-  WriteBytes(name, AviFile(Shape(AviSpec::kIdx1, {{WaveFormat(1, 2, 1000, 16), Split(Pcm16(ramp), {1000, 444})}})));
+  WriteFile(name, AviFile(Shape(AviSpec::kIdx1, {{WaveFormat(1, 2, 1000, 16), Split(Pcm16(ramp), {1000, 444})}})));
   SoundInput* sound = SoundOpen(name.c_str(), 0, 16, 0, 250, 1300, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->total_bytes, 1050u * 4);
-  std::vector<int16_t> out = As16(ReadAll(sound, 700));
-  ASSERT_EQ(out.size(), 2100u);
-  EXPECT_EQ(out[0], 250);
-  EXPECT_EQ(out[1], -250);
-  EXPECT_EQ(out[2098], 1299);
-  EXPECT_EQ(out[2099], -1299);
+  const std::vector<int16_t> span(ramp.begin() + 2 * 250, ramp.begin() + 2 * 1300);
+  EXPECT_EQ(As16(ReadAll(sound, 700)), span);
   SoundRewind(sound);
-  out = As16(ReadAll(sound, 4));
-  ASSERT_EQ(out.size(), 2100u);
-  EXPECT_EQ(out[2], 251);
+  EXPECT_EQ(As16(ReadAll(sound, 4)), span);
   SoundClose(sound);
-  // A start past the end leaves nothing; an end past it reads to the end.
+  // A start past the end leaves nothing; an end past it reads to the end, here in mono, where
+  // left and right cancel.
   sound = SoundOpen(name.c_str(), 0, 16, 0, 5000, 0, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->total_bytes, 0u);
   SoundClose(sound);
   sound = SoundOpen(name.c_str(), 0, 16, 1, 1990, 9000, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
-  out = As16(ReadAll(sound));
-  ASSERT_EQ(out.size(), 10u);
-  EXPECT_EQ(out[0], 0);  // mono: left and right of the ramp cancel
+  EXPECT_EQ(As16(ReadAll(sound)), std::vector<int16_t>(10, 0));
   SoundClose(sound);
 }
 
 TEST(SoundAvi, WideAndFloatFormatsReadAsTheSameWave) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<uint8_t> bytes = Pcm16(Noise(2400, 9));
   struct Case {
     uint32_t tag, sub_tag, channels, bits;
@@ -161,8 +152,8 @@ TEST(SoundAvi, WideAndFloatFormatsReadAsTheSameWave) {
       }
     }
     pcm.resize(pcm.size() - pcm.size() % (c.channels * c.bits / 8));
-    WriteBytes(dir / "w.wav", Wave(shape, pcm));
-    WriteBytes(dir / "w.avi", AviFile(Shape(AviSpec::kNone, {{FormatOf(shape), Split(pcm, {999, 1001})}})));
+    WriteFile(dir / "w.wav", WaveBytes(shape, pcm));
+    WriteFile(dir / "w.avi", AviFile(Shape(AviSpec::kNone, {{FormatOf(shape), Split(pcm, {999, 1001})}})));
     const std::vector<uint8_t> wave = ReadAllBytes(dir / "w.wav", 16);
     ASSERT_EQ(wave.size(), pcm.size() / (c.bits / 8) * 2);
     EXPECT_EQ(ReadAllBytes(dir / "w.avi", 16), wave);
@@ -170,7 +161,7 @@ TEST(SoundAvi, WideAndFloatFormatsReadAsTheSameWave) {
 }
 
 TEST(SoundAvi, FirstSoundStreamEvenBehindAVideoNotDecoded) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<uint8_t> first = Pcm16(Noise(800, 1)), second = Pcm16(Noise(600, 2));
   for (uint32_t coding : {0u, 0x44495658u /* 'XVID' */}) {
     for (bool video : {true, false}) {
@@ -180,14 +171,14 @@ TEST(SoundAvi, FirstSoundStreamEvenBehindAVideoNotDecoded) {
                              {WaveFormat(1, 2, 22050, 8), Split(second, {100})}});
       shape.video = video;
       shape.compression = coding;
-      WriteBytes(dir / "t.avi", AviFile(shape));
+      WriteFile(dir / "t.avi", AviFile(shape));
       EXPECT_EQ(ReadAllBytes(dir / "t.avi"), first);
     }
   }
 }
 
 TEST(SoundAvi, ChunkSizesThatLieAreCutAtTheEndOfTheFile) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<uint8_t> pcm = Pcm16(Noise(700, 3));  // two chunks: 800 and 600 bytes
   AviSpec shape = Shape(AviSpec::kNone, {{WaveFormat(1, 1, 8000, 16), Split(pcm, {800, 600})}}, 1);
   std::vector<uint8_t> file = AviFile(shape);
@@ -197,7 +188,7 @@ TEST(SoundAvi, ChunkSizesThatLieAreCutAtTheEndOfTheFile) {
   PatchLe32(&file, last, 0x7FFFFFF0u);
   // And one byte of the last chunk is lost: the broken sample is dropped.
   file.pop_back();
-  WriteBytes(dir / "walk.avi", file);
+  WriteFile(dir / "walk.avi", file);
   std::vector<uint8_t> expect(pcm.begin(), pcm.end() - 2);
   SoundInput* sound = Open(dir / "walk.avi");
   ASSERT_NE(sound, nullptr);
@@ -213,7 +204,7 @@ TEST(SoundAvi, ChunkSizesThatLieAreCutAtTheEndOfTheFile) {
   ASSERT_EQ(memcmp(&file[idx1 + 16], "01wb", 4), 0);
   PatchLe32(&file, idx1 + 16 + 8, 0x70000000u);
   PatchLe32(&file, idx1 + 32 + 12, 0xFFFFFFF0u);
-  WriteBytes(dir / "idx1.avi", file);
+  WriteFile(dir / "idx1.avi", file);
   sound = Open(dir / "idx1.avi");
   ASSERT_NE(sound, nullptr);
   // The second chunk is read from its place to the end of the file.
@@ -227,8 +218,8 @@ TEST(SoundAvi, ChunkSizesThatLieAreCutAtTheEndOfTheFile) {
 }
 
 TEST(SoundAvi, FilesWithoutPcmSoundAreHandedOn) {
-  TempDir dir;
-  WriteBytes(dir / "silent.avi", AviFile(Shape(AviSpec::kIdx1, {})));
+  ScratchDir dir;
+  WriteFile(dir / "silent.avi", AviFile(Shape(AviSpec::kIdx1, {})));
   EXPECT_EQ(Open(dir / "silent.avi"), nullptr);
 
   // MPEG layer 3, ADPCM, and PCM of a width the layer does not read.
@@ -236,11 +227,11 @@ TEST(SoundAvi, FilesWithoutPcmSoundAreHandedOn) {
   for (const std::vector<uint8_t>& format :
        {WaveFormat(0x55, 2, 44100, 0), WaveFormat(2, 1, 22050, 4), WaveFormat(1, 1, 22050, 12),
         WaveFormat(1, 3, 22050, 16), std::vector<uint8_t>(10, 1)}) {
-    WriteBytes(dir / "packed.avi", AviFile(Shape(AviSpec::kIdx1, {{format, {data}}})));
+    WriteFile(dir / "packed.avi", AviFile(Shape(AviSpec::kIdx1, {{format, {data}}})));
     EXPECT_EQ(Open(dir / "packed.avi"), nullptr);
   }
   // A PCM stream without any chunk has no sound either.
-  WriteBytes(dir / "empty.avi", AviFile(Shape(AviSpec::kIdx1, {{WaveFormat(1, 1, 8000, 16), {}}})));
+  WriteFile(dir / "empty.avi", AviFile(Shape(AviSpec::kIdx1, {{WaveFormat(1, 1, 8000, 16), {}}})));
   EXPECT_EQ(Open(dir / "empty.avi"), nullptr);
 }
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "host/switches.h"
@@ -18,14 +19,27 @@
 namespace {
 
 using namespace sound_test;
-using media_test::TempDir;
-using media_test::WriteText;
+
+// The pieces one after the other.
+template <typename T>
+std::vector<T> Cat(std::initializer_list<std::vector<T>> pieces) {
+  std::vector<T> out;
+  for (const std::vector<T>& p : pieces) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
+
+// sign × i for i from `from` up to (not including) `to`.
+std::vector<int16_t> Ramp(int from, int to, int sign = 1) {
+  std::vector<int16_t> out;
+  for (int i = from; i < to; ++i) out.push_back(int16_t(sign * i));
+  return out;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Lists and series
 
 TEST(SoundList, EntriesOfOtherRatesReadAsOneSoundAtTheFirstRate) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<int16_t> a = Noise(300, 1), b = Noise(2 * 400, 2), c = Noise(150, 3);
   WriteWave16(dir / "a.wav", 22050, 1, a);
   WriteWave16(dir / "b.wav", 44100, 1, b);
@@ -41,88 +55,53 @@ TEST(SoundList, EntriesOfOtherRatesReadAsOneSoundAtTheFirstRate) {
   SoundClose(sound);
   ASSERT_EQ(out.size(), expect);
   // Each entry as it reads on its own at 22050 Hz, one after the other.
-  std::vector<int16_t> joined = ReadAll16(dir / "a.wav", 22050);
-  for (const char* name : {"b.wav", "c.wav"}) {
-    const std::vector<int16_t> part = ReadAll16(dir / name, 22050);
-    joined.insert(joined.end(), part.begin(), part.end());
-  }
-  EXPECT_EQ(out, joined);
+  EXPECT_EQ(out, Cat({ReadAll16(dir / "a.wav", 22050), ReadAll16(dir / "b.wav", 22050),
+                      ReadAll16(dir / "c.wav", 22050)}));
   EXPECT_LT(std::abs(out[a.size()] - (b[0] + b[1]) / 2), 1);
 }
 
 TEST(SoundList, LineRangesAndAStartInsideTheSecondEntry) {
-  TempDir dir;
-  std::vector<int16_t> index(1000), negative(1000);
-  for (int i = 0; i < 1000; ++i) {
-    index[i] = static_cast<int16_t>(i);
-    negative[i] = static_cast<int16_t>(-i);
-  }
-  WriteWave16(dir / "p.wav", 1000, 1, index);
-  WriteWave16(dir / "n.wav", 1000, 1, negative);
+  ScratchDir dir;
+  WriteWave16(dir / "p.wav", 1000, 1, Ramp(0, 1000));
+  WriteWave16(dir / "n.wav", 1000, 1, Ramp(0, 1000, -1));
   WriteText(dir / "r.lst", "p.wav /S200 /E300\nn.wav\np.wav /E50\n");
-  std::vector<int16_t> out = ReadAll16(dir / "r.lst");
-  ASSERT_EQ(out.size(), 100u + 1000u + 50u);
-  EXPECT_EQ(out[0], 200);
-  EXPECT_EQ(out[99], 299);
-  EXPECT_EQ(out[100], 0);
-  EXPECT_EQ(out[1099], -999);
-  EXPECT_EQ(out[1100], 0);
-  EXPECT_EQ(out[1149], 49);
-
+  EXPECT_EQ(ReadAll16(dir / "r.lst"), Cat({Ramp(200, 300), Ramp(0, 1000, -1), Ramp(0, 50)}));
   // 350 ms in: the first entry (100 ms) is passed over, the second opens 250 ms in; the end
   // lands in the third.
-  SoundInput* sound =
-      SoundOpen((dir / "r.lst").c_str(), 0, 16, 0, 350, 1120, 0, 0, 0, {});
+  SoundInput* sound = SoundOpen((dir / "r.lst").c_str(), 0, 16, 0, 350, 1120, 0, 0, 0, {});
   ASSERT_NE(sound, nullptr);
-  out = As16(ReadAll(sound));
-  ASSERT_EQ(out.size(), 770u);
-  EXPECT_EQ(out[0], -250);
-  EXPECT_EQ(out[749], -999);
-  EXPECT_EQ(out[769], 19);
+  const std::vector<int16_t> part = Cat({Ramp(250, 1000, -1), Ramp(0, 20)});
+  EXPECT_EQ(As16(ReadAll(sound)), part);
   // Rewinding goes back to the same start.
   SoundRewind(sound);
-  EXPECT_EQ(As16(ReadAll(sound)), out);
+  EXPECT_EQ(As16(ReadAll(sound)), part);
   SoundClose(sound);
 }
 
-TEST(SoundList, SeriesSelfReferenceAndMissingEntries) {
-  TempDir dir;
+TEST(SoundList, SeriesWithAndWithoutAnEnd) {
+  ScratchDir dir;
   std::vector<int16_t> all;
   for (int n = 1; n <= 3; ++n) {
-    const std::vector<int16_t> part(10 * n, static_cast<int16_t>(n * 100));
+    const std::vector<int16_t> part(10 * n, int16_t(n * 100));
     WriteWave16(dir / ("take" + std::to_string(n) + ".wav"), 8000, 2, part);
     all.insert(all.end(), part.begin(), part.end());
   }
   EXPECT_EQ(ReadAll16(dir / "take?.wav*1-3"), all);
   EXPECT_EQ(ReadAll16(dir / "take?.wav"), all);  // an open end: as long as the files exist
-
-  WriteText(dir / "self.lst", "self.lst\n");
-  EXPECT_EQ(Open(dir / "self.lst"), nullptr);
-  WriteText(dir / "gap.lst", "take1.wav\nmissing.wav\n");
-  EXPECT_EQ(Open(dir / "gap.lst"), nullptr);
-  WriteText(dir / "empty.lst", "# nothing\n\n");
-  EXPECT_EQ(Open(dir / "empty.lst"), nullptr);
-  EXPECT_EQ(Open(dir / "absent.lst"), nullptr);
 }
 
 TEST(SoundList, ARawTypeAppliesToEveryEntry) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<int16_t> a = Noise(2 * 100, 31), b = Noise(2 * 60, 32);
-  std::vector<uint8_t> bytes(6, 0x77);  // a header to skip
-  const std::vector<uint8_t> pa = Pcm16(a), pb = Pcm16(b);
-  std::vector<uint8_t> fa = bytes, fb = bytes;
-  fa.insert(fa.end(), pa.begin(), pa.end());
-  fb.insert(fb.end(), pb.begin(), pb.end());
-  WriteBytes(dir / "a.raw", fa);
-  WriteBytes(dir / "b.raw", fb);
+  const std::vector<uint8_t> header(6, 0x77);  // to skip
+  WriteFile(dir / "a.raw", Cat({header, Pcm16(a)}));
+  WriteFile(dir / "b.raw", Cat({header, Pcm16(b)}));
   WriteText(dir / "r.lst", "a.raw\nb.raw\n");
   const uint32_t force = 4 + 8000 * 8 - 1;
   SoundInput* sound = SoundOpen((dir / "r.lst").c_str(), 0, 0, 0, 0, 0, 0, force, 6, {});
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->rate, 8000u);
-  std::vector<int16_t> joined = a;
-  joined.insert(joined.end(), b.begin(), b.end());
-  EXPECT_EQ(As16(ReadAll(sound)), joined);
+  EXPECT_EQ(As16(ReadAll(sound)), Cat({a, b}));
   SoundClose(sound);
 }
 
@@ -130,12 +109,12 @@ TEST(SoundList, ARawTypeAppliesToEveryEntry) {
 // Damaged and hostile waves
 
 TEST(SoundDamaged, EveryTruncationOpensSafelyOrNotAtAll) {
-  TempDir dir;
+  ScratchDir dir;
   WaveShape w;
   w.channels = 2;
-  const std::vector<uint8_t> whole = Wave(w, Pcm16(Noise(200, 4)));
+  const std::vector<uint8_t> whole = WaveBytes(w, Pcm16(Noise(200, 4)));
   for (size_t size = 0; size <= whole.size(); size += (size < 80 ? 1 : 37)) {
-    WriteBytes(dir / "t.wav", std::vector<uint8_t>(whole.begin(), whole.begin() + size));
+    WriteFile(dir / "t.wav", std::vector<uint8_t>(whole.begin(), whole.begin() + size));
     SoundInput* sound = SoundOpen((dir / "t.wav").c_str(), 44100, 8, 1, 0, 0, 0, 0, 0, {});
     if (!sound) continue;
     // A data chunk cut short holds what is there, in whole samples.
@@ -146,60 +125,51 @@ TEST(SoundDamaged, EveryTruncationOpensSafelyOrNotAtAll) {
   }
 }
 
-TEST(SoundDamaged, HostileChunkWalksEnd) {
-  TempDir dir;
-  WaveShape w;
-  std::vector<uint8_t> bytes = Wave(w, Pcm16(Noise(50, 5)));
-  // The first chunk claims 4 GB: the walk steps past the end and finds nothing.
-  std::vector<uint8_t> big = bytes;
+// Files that are no sound, or no sound this layer reads, open to nothing.
+TEST(SoundOpenFails, MissingForeignHostileAndRefusedFiles) {
+  ScratchDir dir;
+  const std::vector<uint8_t> data = Pcm16(Noise(50, 5)), good = WaveBytes({}, data);
+  // The first chunk claims 4 GB: the walk steps past the end and finds nothing. "data" before
+  // "fmt ". Thousands of empty chunks before the format: the walk gives up.
+  std::vector<uint8_t> big = good, early, many;
   big[16] = big[17] = big[18] = big[19] = 0xFF;
-  WriteBytes(dir / "big.wav", big);
-  EXPECT_EQ(Open(dir / "big.wav"), nullptr);
-  // "data" before "fmt ", zero channels, zero rate, a format chunk too short.
-  std::vector<uint8_t> early;
-  PutText(&early, "RIFF");
-  Put32(&early, 100);
-  PutText(&early, "WAVE");
-  PutText(&early, "data");
-  Put32(&early, 4);
-  Put32(&early, 0);
-  WriteBytes(dir / "early.wav", early);
-  EXPECT_EQ(Open(dir / "early.wav"), nullptr);
-  for (uint32_t channels : {0u, 3u}) {
-    WaveShape c;
-    c.channels = channels;
-    WriteBytes(dir / "c.wav", Wave(c, Pcm16(Noise(12, 6))));
-    EXPECT_EQ(Open(dir / "c.wav"), nullptr) << channels;
+  PutTag(&early, "RIFF"), Put32(&early, 100), PutTag(&early, "WAVE"), PutTag(&early, "data");
+  Put32(&early, 4), Put32(&early, 0);
+  PutTag(&many, "RIFF"), Put32(&many, 0), PutTag(&many, "WAVE");
+  for (int i = 0; i < 5000; ++i) PutTag(&many, "junk"), Put32(&many, 0);
+  many.insert(many.end(), good.begin() + 12, good.end());
+  WriteFile(dir / "big.wav", big);
+  WriteFile(dir / "early.wav", early);
+  WriteFile(dir / "many.wav", many);
+  // Zero or three channels, no rate, ADPCM plain and inside the extensible form, 12-bit PCM.
+  const WaveShape refused[] = {{.channels = 0}, {.channels = 3}, {.rate = 0}, {.tag = 2},
+                               {.tag = 0xFFFE, .sub_tag = 2, .channels = 2, .bits = 32}, {.bits = 12}};
+  std::vector<std::string> names = {"", dir / "none.wav", dir / "t.txt", dir / "big.wav",
+                                    dir / "early.wav", dir / "many.wav", dir / "self.lst",
+                                    dir / "gap.lst", dir / "empty.lst", dir / "absent.lst"};
+  for (const WaveShape& shape : refused) {
+    names.push_back(dir / ("refused" + std::to_string(names.size()) + ".wav"));
+    WriteFile(names.back(), WaveBytes(shape, data));
   }
-  WaveShape r;
-  r.rate = 0;
-  WriteBytes(dir / "r.wav", Wave(r, Pcm16(Noise(12, 6))));
-  EXPECT_EQ(Open(dir / "r.wav"), nullptr);
-  // Thousands of empty chunks before the format: the walk gives up.
-  std::vector<uint8_t> many;
-  PutText(&many, "RIFF");
-  Put32(&many, 0);
-  PutText(&many, "WAVE");
-  for (int i = 0; i < 5000; ++i) {
-    PutText(&many, "junk");
-    Put32(&many, 0);
-  }
-  many.insert(many.end(), bytes.begin() + 12, bytes.end());
-  WriteBytes(dir / "many.wav", many);
-  EXPECT_EQ(Open(dir / "many.wav"), nullptr);
-  // Random bytes behind a good header start.
-  std::vector<uint8_t> noise(bytes.begin(), bytes.begin() + 12);
-  for (int16_t v : Noise(3000, 8)) noise.push_back(static_cast<uint8_t>(v));
-  WriteBytes(dir / "noise.wav", noise);
-  SoundInput* sound = Open(dir / "noise.wav");
-  if (sound) {
+  WriteText(dir / "t.txt", "RIFF is not enough here");
+  WriteFile(dir / "ok.wav", good);
+  WriteText(dir / "self.lst", "self.lst\n");
+  WriteText(dir / "gap.lst", "ok.wav\nmissing.wav\n");
+  WriteText(dir / "empty.lst", "# nothing\n\n");
+  for (const std::string& name : names) EXPECT_EQ(Open(name), nullptr) << name;
+  EXPECT_EQ(Open(dir / "ok.wav", 2000000), nullptr);  // a rate beyond any sound card
+  // Random bytes behind a good header start open or not, and read safely.
+  std::vector<uint8_t> noise(good.begin(), good.begin() + 12);
+  for (int16_t v : Noise(3000, 8)) noise.push_back(uint8_t(v));
+  WriteFile(dir / "noise.wav", noise);
+  if (SoundInput* sound = Open(dir / "noise.wav")) {
     ReadAll(sound);
     SoundClose(sound);
   }
 }
 
 TEST(SoundDamaged, AShortReadEndsTheSound) {
-  TempDir dir;
+  ScratchDir dir;
   WriteWave16(dir / "s.wav", 8000, 1, Noise(20000, 9));
   SoundInput* sound = Open(dir / "s.wav");
   ASSERT_NE(sound, nullptr);
@@ -233,15 +203,14 @@ bool WriteFlac(const std::string& name, uint32_t rate, uint32_t channels, uint32
 }
 
 TEST(SoundFlac, SixteenBitStereoRoundTripWithRange) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<int16_t> values = Noise(2 * 9000, 10);
   const std::vector<int32_t> wide(values.begin(), values.end());
   ASSERT_TRUE(WriteFlac(dir / "s.flac", 16000, 2, 16, wide));
   SoundInput* sound = Open(dir / "s.flac");
   ASSERT_NE(sound, nullptr);
-  EXPECT_STREQ(sound->type_name, "FLAC");
-  EXPECT_EQ(sound->source_rate, 16000u);
-  EXPECT_EQ(sound->channels, 2u);
+  EXPECT_EQ(std::tuple(std::string(sound->type_name), sound->source_rate, sound->channels),
+            std::tuple("FLAC", 16000u, 2u));
   EXPECT_EQ(As16(ReadAll(sound, 1234)), values);
   SoundClose(sound);
   // 250 ms in (a seek into the middle of a frame), 100 ms long.
@@ -253,7 +222,7 @@ TEST(SoundFlac, SixteenBitStereoRoundTripWithRange) {
 }
 
 TEST(SoundFlac, TwentyFourAndEightBitSamples) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<int16_t> top = Noise(3000, 12);
   std::vector<int32_t> wide;
   for (size_t i = 0; i < top.size(); ++i) wide.push_back(top[i] * 256 + static_cast<int32_t>(i % 256));
@@ -273,16 +242,12 @@ TEST(SoundFlac, TwentyFourAndEightBitSamples) {
 }
 
 TEST(SoundFlac, DamagedStreamsEndWithoutHarm) {
-  TempDir dir;
+  ScratchDir dir;
   const std::vector<int16_t> values = Noise(4000, 14);
   ASSERT_TRUE(WriteFlac(dir / "d.flac", 8000, 1, 16, std::vector<int32_t>(values.begin(), values.end())));
-  FILE* file = fopen((dir / "d.flac").c_str(), "rb");
-  ASSERT_NE(file, nullptr);
-  std::vector<uint8_t> bytes(1 << 16);
-  bytes.resize(fread(bytes.data(), 1, bytes.size(), file));
-  fclose(file);
+  const std::vector<uint8_t> bytes = ReadFile(dir / "d.flac");
   for (size_t cut : {size_t(3), size_t(30), bytes.size() / 2}) {
-    WriteBytes(dir / "c.flac", std::vector<uint8_t>(bytes.begin(), bytes.begin() + cut));
+    WriteFile(dir / "c.flac", std::vector<uint8_t>(bytes.begin(), bytes.begin() + cut));
     SoundInput* sound = Open(dir / "c.flac");
     if (!sound) continue;
     EXPECT_LT(ReadAll(sound).size(), values.size() * 2);
@@ -291,7 +256,7 @@ TEST(SoundFlac, DamagedStreamsEndWithoutHarm) {
   }
   std::vector<uint8_t> scrambled = bytes;
   for (size_t i = 200; i < scrambled.size(); i += 7) scrambled[i] ^= 0x5A;
-  WriteBytes(dir / "x.flac", scrambled);
+  WriteFile(dir / "x.flac", scrambled);
   SoundInput* sound = Open(dir / "x.flac");
   ASSERT_NE(sound, nullptr);  // the header stands; the frames are noise
   EXPECT_LE(ReadAll(sound).size(), values.size() * 2);
@@ -357,7 +322,7 @@ bool WriteVorbis(const std::string& name, uint32_t rate, uint32_t channels,
 }
 
 TEST(SoundVorbis, StereoToneRoundTripKeepsLengthAndShape) {
-  TempDir dir;
+  ScratchDir dir;
   const uint32_t rate = 22050, count = 11025;
   std::vector<float> tone;
   for (uint32_t i = 0; i < count; ++i) {
@@ -367,9 +332,8 @@ TEST(SoundVorbis, StereoToneRoundTripKeepsLengthAndShape) {
   ASSERT_TRUE(WriteVorbis(dir / "t.ogg", rate, 2, tone));
   SoundInput* sound = Open(dir / "t.ogg");
   ASSERT_NE(sound, nullptr);
-  EXPECT_STREQ(sound->type_name, "Ogg Vorbis");
-  EXPECT_EQ(sound->source_rate, rate);
-  EXPECT_EQ(sound->channels, 2u);
+  EXPECT_EQ(std::tuple(std::string(sound->type_name), sound->source_rate, sound->channels),
+            std::tuple("Ogg Vorbis", rate, 2u));
   const std::vector<int16_t> out = As16(ReadAll(sound));
   SoundClose(sound);
   ASSERT_EQ(out.size(), tone.size());
@@ -388,12 +352,8 @@ TEST(SoundVorbis, StereoToneRoundTripKeepsLengthAndShape) {
   SoundClose(sound);
 
   // Cut in half: the length from the last page no longer holds; a short read ends it.
-  FILE* file = fopen((dir / "t.ogg").c_str(), "rb");
-  ASSERT_NE(file, nullptr);
-  std::vector<uint8_t> bytes(1 << 20);
-  bytes.resize(fread(bytes.data(), 1, bytes.size(), file));
-  fclose(file);
-  WriteBytes(dir / "h.ogg", std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
+  const std::vector<uint8_t> bytes = ReadFile(dir / "t.ogg");
+  WriteFile(dir / "h.ogg", std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
   sound = Open(dir / "h.ogg");
   if (sound) {
     EXPECT_LE(ReadAll(sound).size(), tone.size() * 2);
@@ -409,13 +369,13 @@ class SoundVelmo : public ::testing::Test {
   void SetUp() override {
     // A stereo track whose blocks outrun the frames (some frames carry none), and a mono track.
     file_ = sound_test::BuildSoundFile(12, 25, 1, {{22050, 2, false, 7, 1, 0}, {16000, 1, false, 3, 1, 0}});
-    WriteBytes(dir_ / "s.vlm", file_.File);
+    WriteFile(dir_ / "s.vlm", file_.File);
   }
   std::vector<uint8_t> Decoded(size_t track) const {
     const sound_test::TrackStream& s = file_.Streams[track];
     return sound_test::DecodeFrames(s, 0, static_cast<uint32_t>(s.Packets.size()));
   }
-  TempDir dir_;
+  ScratchDir dir_;
   sound_test::SoundFile file_;
 };
 
@@ -424,9 +384,8 @@ TEST_F(SoundVelmo, EachTrackReadsAsTheCodecDecodesIt) {
     SCOPED_TRACE(track);
     SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 0, 0, 0, 0, 0, track, 0, 0, {});
     ASSERT_NE(sound, nullptr);
-    EXPECT_EQ(sound->kind, SoundKindVelmo);
-    EXPECT_EQ(sound->source_rate, track == 0 ? 22050u : 16000u);
-    EXPECT_EQ(sound->channels, track == 0 ? 2u : 1u);
+    EXPECT_EQ(std::tuple(sound->kind, sound->source_rate, sound->channels),
+              std::tuple(SoundKindVelmo, track == 0 ? 22050u : 16000u, track == 0 ? 2u : 1u));
     const std::vector<uint8_t> expected = Decoded(track);
     ASSERT_GT(expected.size(), 0u);
     EXPECT_EQ(sound->total_bytes, expected.size());
@@ -440,10 +399,10 @@ TEST_F(SoundVelmo, EachTrackReadsAsTheCodecDecodesIt) {
 }
 
 TEST_F(SoundVelmo, RangeAndConversionApply) {
-  const std::vector<int16_t> all = sound_test::As16(Decoded(1));  // mono, 16000 Hz
+  const std::vector<int16_t> all = As16(Decoded(1));  // mono, 16000 Hz
   SoundInput* sound = SoundOpen((dir_ / "s.vlm").c_str(), 8000, 16, 2, 100, 300, 1, 0, 0, {});
   ASSERT_NE(sound, nullptr);
-  const std::vector<int16_t> out = sound_test::As16(ReadAll(sound));
+  const std::vector<int16_t> out = As16(ReadAll(sound));
   SoundClose(sound);
   ASSERT_EQ(out.size(), 2u * 1600);  // 200 ms at 8000 Hz, two channels
   for (size_t k = 0; k < 1600; ++k) {
@@ -456,7 +415,7 @@ TEST_F(SoundVelmo, RangeAndConversionApply) {
 TEST_F(SoundVelmo, DamagedFilesOpenNotOrEndEarly) {
   const std::vector<uint8_t>& whole = file_.File;
   for (size_t cut : {size_t(3), size_t(64), whole.size() / 3, whole.size() - 5}) {
-    WriteBytes(dir_ / "c.vlm", std::vector<uint8_t>(whole.begin(), whole.begin() + cut));
+    WriteFile(dir_ / "c.vlm", std::vector<uint8_t>(whole.begin(), whole.begin() + cut));
     SoundInput* sound = SoundOpen((dir_ / "c.vlm").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, {});
     if (!sound) continue;
     EXPECT_LE(ReadAll(sound).size(), Decoded(0).size()) << cut;
@@ -471,14 +430,9 @@ TEST(SoundSwitches, AllSwitchesAndTheRawForceNumber) {
   char line[] = "in.raw /R22050 /B116 /C1 /S100 /E900 /T2 /Y4 /D8000 /K44 out.wav";
   SoundSwitches s;
   ASSERT_TRUE(SoundParseSwitches(line, &s));
-  EXPECT_EQ(s.rate, 22050u);
-  EXPECT_EQ(s.bits, 116u);
-  EXPECT_EQ(s.channels, 1u);
-  EXPECT_EQ(s.start_ms, 100u);
-  EXPECT_EQ(s.end_ms, 900u);
-  EXPECT_EQ(s.track, 2u);
-  EXPECT_EQ(s.skip, 44u);
-  EXPECT_EQ((s.force + 1) & 7, 4u);
+  EXPECT_EQ(std::tuple(s.rate, s.bits, s.channels, s.start_ms, s.end_ms, s.track, s.skip),
+            std::tuple(22050u, 116u, 1u, 100u, 900u, 2u, 44u));
+  EXPECT_EQ((s.force + 1) & 7, 4u);  // the raw type, and the rate above it
   EXPECT_EQ((s.force + 1) >> 3, 8000u);
   char rest[64];
   TakeName(rest, sizeof rest, line);

@@ -11,18 +11,12 @@ namespace {
 
 using namespace program_test;
 
-// Runs the program with the console front end; `redirect` says where its output goes.
-int RunTool(const std::string& tail, const std::string& redirect, std::string* out = nullptr) {
-  return RunShell("ORN_CONSOLE=1 \"" + std::string(ORN_PROGRAM_PATH) + "\" " + tail +
-                      " </dev/null " + redirect,
-                  out);
-}
-
+// A picture whose pixels all differ, half transparent when it has alpha.
 void WritePng(const std::string& name, int width, int height, bool alpha) {
   std::vector<uint32_t> pixels(size_t(width) * height);
   for (size_t i = 0; i < pixels.size(); ++i)
     pixels[i] = (alpha ? 0x80000000u : 0xFF000000u) | uint32_t(i * 2654435761u >> 8);
-  program_test::WritePng(name, pixels, width, height, alpha);
+  ASSERT_TRUE(WriteImage(name, IMAGE_FORMAT_PNG, width, height, pixels, alpha));
 }
 
 bool Has(const std::string& text, const std::string& part) {
@@ -121,56 +115,45 @@ TEST_F(OrnFileInfo, AviFrameSizesOverOneSecondWindows) {
 }
 
 TEST(OrnFrameSizes, OneSecondWindowRule) {
-  // The window of three frames that holds the most bytes, and the first of equal ones.
-  const uint32_t sizes[] = {10, 50, 10, 10, 60, 0, 0, 60, 1, 0};
-  OrnFrameSizeSummary s = OrnSummariseFrameSizes(sizes, 10, 3);
-  EXPECT_EQ(s.largest, 60u);
-  EXPECT_EQ(s.highest_second, 80u);  // frames 2..4: 10 + 10 + 60
-  EXPECT_EQ(s.highest_second_frame, 2u);
-  // Equal windows: the earliest.
-  const uint32_t flat[] = {5, 5, 5, 5};
-  s = OrnSummariseFrameSizes(flat, 4, 2);
-  EXPECT_EQ(s.highest_second, 10u);
-  EXPECT_EQ(s.highest_second_frame, 0u);
-  // The peak at the very end is reached by the last window.
-  const uint32_t tail[] = {1, 1, 1, 1, 9, 9};
-  s = OrnSummariseFrameSizes(tail, 6, 2);
-  EXPECT_EQ(s.highest_second, 18u);
-  EXPECT_EQ(s.highest_second_frame, 4u);
-  // Shorter than a second: the average scaled to the window, from the first frame.
-  const uint32_t shortRun[] = {100, 200};
-  s = OrnSummariseFrameSizes(shortRun, 2, 30);
-  EXPECT_EQ(s.largest, 200u);
-  EXPECT_EQ(s.highest_second, 300u * 30 / 2);
-  EXPECT_EQ(s.highest_second_frame, 0u);
-  // Only empty frames, a rate under one frame a second, and no frames at all.
-  const uint32_t empty[] = {0, 0, 0};
-  s = OrnSummariseFrameSizes(empty, 3, 2);
-  EXPECT_EQ(s.highest_second, 0u);
-  EXPECT_EQ(s.highest_second_frame, 0u);
-  s = OrnSummariseFrameSizes(tail, 6, 0);
-  EXPECT_EQ(s.highest_second, 9u);
-  EXPECT_EQ(s.highest_second_frame, 4u);
-  s = OrnSummariseFrameSizes(nullptr, 0, 5);
-  EXPECT_EQ(s.largest, 0u);
-  EXPECT_EQ(s.highest_second, 0u);
+  // The window of `perSecond` frames that holds the most bytes, and the first of equal ones.
+  const struct {
+    std::vector<uint32_t> sizes;
+    uint32_t perSecond, largest, highest, frame;
+  } cases[] = {
+      {{10, 50, 10, 10, 60, 0, 0, 60, 1, 0}, 3, 60, 80, 2},  // frames 2..4: 10 + 10 + 60
+      {{5, 5, 5, 5}, 2, 5, 10, 0},                           // equal windows: the earliest
+      {{1, 1, 1, 1, 9, 9}, 2, 9, 18, 4},                     // the peak at the very end
+      {{100, 200}, 30, 200, 300 * 30 / 2, 0},  // shorter than a second: the average scaled up
+      {{0, 0, 0}, 2, 0, 0, 0},                 // only empty frames
+      {{1, 1, 1, 1, 9, 9}, 0, 9, 9, 4},        // under one frame a second
+      {{}, 5, 0, 0, 0},                        // no frames at all
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.sizes.size() << " frames, " << c.perSecond << " a second");
+    const OrnFrameSizeSummary s =
+        OrnSummariseFrameSizes(c.sizes.data(), uint32_t(c.sizes.size()), c.perSecond);
+    EXPECT_EQ(s.largest, c.largest);
+    EXPECT_EQ(s.highest_second, c.highest);
+    EXPECT_EQ(s.highest_second_frame, c.frame);
+  }
 }
 
 // A wave file with one "fmt " chunk of the given tag and a second of silence.
-void WriteWave(const std::string& name, uint16_t tag, uint16_t channels, uint32_t rate,
-               uint16_t bits) {
-  const std::vector<uint8_t> zeros(rate * channels * bits / 8, 0);
-  program_test::WriteWave(name, tag, channels, rate, bits, zeros.data(), uint32_t(zeros.size()));
+void WriteSilence(const std::string& name, uint32_t tag, uint32_t channels, uint32_t rate,
+                  uint32_t bits) {
+  std::vector<uint8_t> file = WaveHeader(tag, channels, rate, bits, rate * channels * bits / 8);
+  file.resize(file.size() + rate * channels * bits / 8);
+  WriteFile(name, file);
 }
 
 TEST_F(OrnFileInfo, SoundFilesShowTheSourceFormat) {
-  WriteWave(dir + "/pcm.wav", 1, 2, 22050, 16);
+  WriteSilence(dir + "/pcm.wav", 1, 2, 22050, 16);
   const std::string pcm = OrnFileInfoText((dir + "/pcm.wav").c_str());
   EXPECT_EQ(pcm.find("\r\n    Sound info (Wave file):\r\n      22050 Hz, 16 bit, 2 channel sound "
                      "data.\r\n    Size: 88244"),
             0u)
       << pcm;
-  WriteWave(dir + "/float.wav", 3, 1, 8000, 32);
+  WriteSilence(dir + "/float.wav", 3, 1, 8000, 32);
   const std::string flt = OrnFileInfoText((dir + "/float.wav").c_str());
   EXPECT_TRUE(Has(flt, "\r\n      8000 Hz, 32 bit(float), 1 channel sound data.")) << flt;
   EXPECT_FALSE(Has(flt, "Video format")) << flt;
@@ -181,24 +164,28 @@ TEST_F(OrnFileInfo, DirectoryAndUnknownFileShowOnlyFileSystemLines) {
   EXPECT_EQ(dirText.find("\r\n    This is a directory."), 0u) << dirText;
   EXPECT_FALSE(Has(dirText, "Video format"));
   const std::string junk = dir + "/junk.dat";
-  FILE* f = std::fopen(junk.c_str(), "wb");
-  ASSERT_TRUE(f);
-  std::fputs("nothing any reader knows", f);
-  std::fclose(f);
+  WriteText(junk, "nothing any reader knows");
   const std::string text = OrnFileInfoText(junk.c_str());
   EXPECT_EQ(text.find("\r\n    Size: 24"), 0u) << text;
   EXPECT_TRUE(Has(text, "Attributes: archive-no  read only-no  hidden-no  system-no"));
   EXPECT_EQ(OrnFileInfoText((dir + "/missing").c_str()), "");
 }
 
+// A first-generation Velmo file of two frames made by the compressor, with extra switches.
+void MakeVelmo(const std::string& dir, int size, const std::string& name, const std::string& extra) {
+  WritePng(dir + "/in1.png", size, size, false);
+  WritePng(dir + "/in2.png", size, size, false);
+  ASSERT_EQ(RunTail("velmoc " + dir + "/in?.png*1-2 " + name + " /v101" + extra).code, 0);
+}
+
 TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
-  // A first-generation file made by the compressor, with an extra text.
-  WritePng(dir + "/in1.png", 32, 32, false);
-  WritePng(dir + "/in2.png", 32, 32, false);
   const std::string vlm = dir + "/clip.vlm";
-  ASSERT_EQ(RunTool("velmoc \"" + dir + "/in?.png*1-2\" " + vlm + " /v101 /*hello", ">/dev/null 2>&1"), 0);
-  std::string out;
-  ASSERT_EQ(RunTool("ORNInfo /#77 \"" + vlm + "\"", "2>/dev/null", &out), 0);
+  MakeVelmo(dir, 32, vlm, " /*hello");
+  // The report alone on standard output, its lines ended by newlines.
+  const ToolOutcome report = RunShell("ORN_CONSOLE=1 '" + std::string(ORN_PROGRAM_PATH) +
+                                      "' ORNInfo /#77 '" + vlm + "' </dev/null 2>/dev/null");
+  ASSERT_EQ(report.code, 0);
+  const std::string& out = report.output;
   EXPECT_FALSE(Has(out, "\r"));
   EXPECT_EQ(out.find("    Video format: "), 0u) << out;
   const char* const lines[] = {"\n    Width: 32\n",
@@ -214,20 +201,17 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
                                "\n    Video slices (max simultaneous CPUs): 1\n",
                                "\n    Size: "};
   ExpectInOrder(out, lines);
-  // The box goes to the terminal under its caption.
-  std::string both;
-  RunTool("orninfo " + vlm, "2>&1", &both);
-  EXPECT_TRUE(Has(both, "Information on " + vlm)) << both;
+  // The box goes to the terminal under its caption; no name is an input error.
+  EXPECT_TRUE(RunTail("orninfo " + vlm).Says("Information on " + vlm));
+  EXPECT_EQ(RunTail("orninfo").code, 8002 & 255);
 }
 
 TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
-  WritePng(dir + "/in1.png", 16, 16, false);
-  WritePng(dir + "/in2.png", 16, 16, false);
   const std::string plain = dir + "/plain.vlm";
-  ASSERT_EQ(RunTool("velmoc \"" + dir + "/in?.png*1-2\" " + plain + " /v101", ">/dev/null 2>&1"), 0);
+  MakeVelmo(dir, 16, plain, "");
   // Two tracks laid in by the mixer: id 7 mono at 11025 Hz, then id 2 stereo at 22050 Hz.
-  WriteWave(dir + "/mono.wav", 1, 1, 11025, 16);
-  WriteWave(dir + "/stereo.wav", 1, 2, 22050, 16);
+  WriteWave16(dir + "/mono.wav", 11025, 1, std::vector<int16_t>(11025));
+  WriteWave16(dir + "/stereo.wav", 22050, 2, std::vector<int16_t>(2 * 22050));
   SoundInput* mono = SoundOpen((dir + "/mono.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
   SoundInput* stereo =
       SoundOpen((dir + "/stereo.wav").c_str(), 0, 16, 0, 0, 0, 0, 0, 0, {});
@@ -253,10 +237,6 @@ TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
   const std::string none = OrnFileInfoText(plain.c_str());
   EXPECT_FALSE(Has(none, "Track ID")) << none;
   EXPECT_FALSE(Has(none, "Sound info")) << none;
-}
-
-TEST_F(OrnFileInfo, NoNameIsAnInputError) {
-  EXPECT_EQ(RunTool("orninfo", ">/dev/null 2>&1"), 8002 & 255);
 }
 
 }  // namespace

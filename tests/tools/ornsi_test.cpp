@@ -1,12 +1,10 @@
 // ORNSI: the report's lines, and the program run with the console front end.
 #include <regex>
 
+#include "support/run.h"
 #include "tools/ornsi.h"
-#include "../convert/program_test_support.h"
 
 namespace {
-
-using program_test::RunShell;
 
 TEST(OrnSystemInfoTest, LinesInOrderAndWellFormed) {
   const std::string text = OrnSystemInfoText();
@@ -36,15 +34,11 @@ TEST(OrnSystemInfoTest, LinesInOrderAndWellFormed) {
 }
 
 TEST(OrnSystemInfoTest, ProgramPrintsTheReportAndTheBox) {
-  std::string out;
-  const std::string command = std::string("env -u DISPLAY -u WAYLAND_DISPLAY ORN_CONSOLE=1 '") +
-                              ORN_PROGRAM_PATH + "' ornsi 2>&1 </dev/null";
-  ASSERT_EQ(RunShell(command, &out), 0) << out;
-  EXPECT_NE(out.find("ORN System Info..."), std::string::npos) << out;
-  EXPECT_NE(out.find("Physical memory: "), std::string::npos) << out;
-  EXPECT_NE(out.find("CPUs with"), std::string::npos) << out;
-  EXPECT_NE(out.find("Version: "), std::string::npos) << out;
-  EXPECT_EQ(out.find("not part of this build"), std::string::npos) << out;
+  const test_support::ToolOutcome run = test_support::RunProgram(ORN_PROGRAM_PATH, {"ornsi"});
+  ASSERT_EQ(run.code, 0) << run.output;
+  for (const char* part : {"ORN System Info...", "Physical memory: ", "CPUs with", "Version: "})
+    EXPECT_TRUE(run.Says(part)) << part << "\n" << run.output;
+  EXPECT_FALSE(run.Says("not part of this build")) << run.output;
 }
 
 }  // namespace
