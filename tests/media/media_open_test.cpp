@@ -186,7 +186,9 @@ TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {
     for (const auto& m : Log.Messages())
       if (m.level == MediaLevelError && m.text.find("\n\n") != std::string::npos)
         reasonGiven = m.text.size() > m.text.find("\n\n") + 2;
-    if (c.reason) EXPECT_TRUE(reasonGiven) << c.name;
+    if (c.reason) {
+      EXPECT_TRUE(reasonGiven) << c.name;
+    }
   }
 }
 

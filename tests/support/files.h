@@ -83,6 +83,8 @@ inline void Put32(std::vector<uint8_t>* out, uint32_t v) {
   Put16(out, v & 0xFFFF);
   Put16(out, v >> 16);
 }
-inline void PutTag(std::vector<uint8_t>* out, const char* four) { out->insert(out->end(), four, four + 4); }
+inline void PutTag(std::vector<uint8_t>* out, const char* four) {
+  for (int i = 0; i < 4; ++i) out->push_back(uint8_t(four[i]));
+}
 
 }  // namespace test_support
