@@ -10,44 +10,33 @@ namespace {
 
 using namespace io_test;
 
+// Below 103 the current handle keeps the thread unless another is under 12; from 103 another
+// under 25 takes it, from 122 another under 64. A current handle that cannot be read (129) keeps
+// it only against others that cannot be read either.
 TEST(ReaderFairness, StaysUntilAnotherBufferIsClearlyEmptier) {
-  // Below 103 the current handle keeps the thread unless another is under 12.
-  EXPECT_TRUE(VelmoIOStayWithCurrent(0, 12));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(0, 11));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(102, 12));
-  // From 103 another below 25 takes it.
-  EXPECT_TRUE(VelmoIOStayWithCurrent(103, 25));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(103, 24));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(121, 25));
-  // From 122 another below 64 takes it.
-  EXPECT_TRUE(VelmoIOStayWithCurrent(122, 64));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(122, 63));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(128, 63));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(128, 128));
-  // A current handle that cannot be read keeps the thread only against full others.
-  EXPECT_FALSE(VelmoIOStayWithCurrent(129, 50));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(129, 129));
+  const uint32_t stays[][3] = {{0, 12, 1},    {0, 11, 0},    {102, 12, 1},  {103, 25, 1},
+                               {103, 24, 0},  {121, 25, 1},  {122, 64, 1},  {122, 63, 0},
+                               {128, 63, 0},  {128, 128, 1}, {129, 50, 0},  {129, 129, 1}};
+  for (const auto& [current, other, stay] : stays)
+    EXPECT_EQ(VelmoIOStayWithCurrent(current, other), stay != 0) << current << " " << other;
 }
 
+// Stale room after copying out is capped at the used bytes; a suspended or failed provider
+// cannot be read.
 TEST(ReaderFairness, FullnessIsUsedOverRoomIn128ths) {
   IOProvider io{};
   EXPECT_EQ(VelmoIOFullness(&io), 129u);  // no ring
   io.BufferSize = 8 * Unit;
-  io.BufferFree = 4 * Unit;
-  io.BufferUsed = Unit;
-  EXPECT_EQ(VelmoIOFullness(&io), 32u);
-  io.BufferUsed = 4 * Unit;
-  EXPECT_EQ(VelmoIOFullness(&io), 128u);
-  io.BufferFree = 2 * Unit;  // stale room after copying out: capped
-  EXPECT_EQ(VelmoIOFullness(&io), 128u);
-  io.BufferFree = 0;
-  EXPECT_EQ(VelmoIOFullness(&io), 128u);
-  io.BufferFree = 4 * Unit;
-  io.Suspended = 1;
-  EXPECT_EQ(VelmoIOFullness(&io), 129u);
-  io.Suspended = 0;
-  io.ReadError = 1;
-  EXPECT_EQ(VelmoIOFullness(&io), 129u);
+  const uint64_t cases[][5] = {// free, used, suspended, error, fullness
+                               {4, 1, 0, 0, 32},  {4, 4, 0, 0, 128}, {2, 4, 0, 0, 128},
+                               {0, 4, 0, 0, 128}, {4, 4, 1, 0, 129}, {4, 4, 0, 1, 129}};
+  for (const auto& [free, used, suspended, error, fullness] : cases) {
+    io.BufferFree = free * Unit;
+    io.BufferUsed = used * Unit;
+    io.Suspended = uint32_t(suspended);
+    io.ReadError = uint32_t(error);
+    EXPECT_EQ(VelmoIOFullness(&io), fullness) << free << " " << used << " " << suspended << error;
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -198,7 +187,7 @@ TEST_F(ReaderRound, ClosingSuspendedAndForegroundHandlesAreLeftAlone) {
 class ReaderThreadTest : public MediumTest {
  protected:
   void TearDown() override {
-    SetHold(false);
+    SetHold(false);  // before the thread is stopped
     VelmoIOStopUnused();
     EXPECT_FALSE(VelmoIOThreadRunning());
     MediumTest::TearDown();
@@ -206,10 +195,7 @@ class ReaderThreadTest : public MediumTest {
   // A handle on its own medium with a ring of `ringUnits`, registered with the thread.
   std::unique_ptr<Rig> Open(uint64_t fileSize, uint64_t ringUnits, uint32_t flags = 0,
                             uint32_t rate = 0) {
-    auto r = std::make_unique<Rig>(flags);
-    EXPECT_TRUE(r->Open(AddMedium(PatternFile(fileSize)).c_str()));
-    r->ReadHead(44);
-    r->GiveRing(ringUnits * Unit, fileSize, rate);
+    auto r = Start(fileSize, ringUnits * Unit, 44, flags, rate);
     EXPECT_TRUE(VelmoIORegister(r->H));
     AtomicStore(&r->H->OnReaderList, 1);
     return r;
