@@ -189,51 +189,46 @@ TEST_F(VelmoOpenTest, OpenFlagsAreCompleted) {
   VelmoClose(h);
 }
 
+// Buffers padded to whole units (first generation 8 x 8, second 32 x 16 with pitches of 64),
+// two sets unless the file has a single frame, and the slices of the padded height.
 TEST_F(VelmoOpenTest, FrameBufferLayoutByGeneration) {
-  FileSpec s;
-  s.Width = 21;
-  s.Height = 13;
-  std::vector<uint8_t> file = BuildFile(s);
-  HVELMO h = OpenImage(file);
-  ASSERT_NE(h, nullptr);
-  const VelmoFrameBuffers* fb = h->FrameBuffers;
-  ASSERT_NE(fb, nullptr);
-  EXPECT_EQ(fb->Count, 2u);
-  EXPECT_EQ(fb->LumaWidth, 24u);
-  EXPECT_EQ(fb->LumaHeight, 16u);
-  EXPECT_EQ(fb->ChromaWidth, 16u);  // (21 + 1) / 2 = 11, rounded up to 8
-  EXPECT_EQ(fb->ChromaHeight, 8u);  // 7 rounded up to 8
-  EXPECT_EQ(fb->ChromaPitch, 16);
-  EXPECT_EQ(fb->Sets[0].Planes[VelmoPlaneAlpha], nullptr);
-  EXPECT_NE(fb->Sets[1].Planes[VelmoPlaneCb], nullptr);
-  VelmoClose(h);
-
-  s.Version = 200;  // second generation: 32 x 16 units, pitches of 64
-  s.Width = 100;
-  s.Height = 50;
-  file = BuildFile(s);
-  h = OpenImage(file);
-  ASSERT_NE(h, nullptr);
-  fb = h->FrameBuffers;
-  EXPECT_EQ(fb->LumaWidth, 128u);
-  EXPECT_EQ(fb->LumaHeight, 64u);
-  EXPECT_EQ(fb->ChromaWidth, 64u);
-  EXPECT_EQ(fb->ChromaHeight, 32u);
-  EXPECT_EQ(fb->LumaPitch, 128);
-  EXPECT_EQ(fb->ChromaPitch, 64);
-  EXPECT_EQ(h->SliceState.Count, 1u);  // padded height below 128: one slice
-  EXPECT_EQ(h->SliceState.Stride, ((131u / 8) & ~3u) + 4);
-  VelmoClose(h);
-
-  s.Frames = 1;  // a single frame needs one set
-  s.Height = 300;
-  file = BuildFile(s);
-  h = OpenImage(file);
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->FrameBuffers->Count, 1u);
-  EXPECT_EQ(h->SliceState.Count, 2u);
-  EXPECT_EQ(h->SliceState.RowHeight, ((2 * 32 + 320 - 1) / 2) & ~31u);
-  VelmoClose(h);
+  const struct {
+    uint32_t Version, Frames;
+    int32_t Width, Height;
+    uint32_t Count, LumaWidth, LumaHeight, ChromaWidth, ChromaHeight, Slices;
+    int32_t LumaPitch, ChromaPitch;
+  } cases[] = {{100, 10, 21, 13, 2, 24, 16, 16, 8, 2, 24, 16},  // chroma 11 x 7 rounded up
+               {200, 10, 100, 50, 2, 128, 64, 64, 32, 1, 128, 64},  // padded height below 128
+               {200, 1, 100, 300, 1, 128, 304, 64, 152, 2, 128, 64}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.Version << ": " << c.Width << " x " << c.Height);
+    FileSpec s;
+    s.Version = c.Version;
+    s.Frames = c.Frames;
+    s.Width = c.Width;
+    s.Height = c.Height;
+    const std::vector<uint8_t> file = BuildFile(s);
+    HVELMO h = OpenImage(file);
+    ASSERT_NE(h, nullptr);
+    const VelmoFrameBuffers* fb = h->FrameBuffers;
+    ASSERT_NE(fb, nullptr);
+    EXPECT_EQ(fb->Count, c.Count);
+    using Sizes = std::vector<uint32_t>;
+    EXPECT_EQ(Sizes({fb->LumaWidth, fb->LumaHeight, fb->ChromaWidth, fb->ChromaHeight}),
+              Sizes({c.LumaWidth, c.LumaHeight, c.ChromaWidth, c.ChromaHeight}));
+    EXPECT_EQ(fb->LumaPitch, c.LumaPitch);
+    EXPECT_EQ(fb->ChromaPitch, c.ChromaPitch);
+    EXPECT_EQ(fb->Sets[0].Planes[VelmoPlaneAlpha], nullptr);
+    EXPECT_NE(fb->Sets[c.Count - 1].Planes[VelmoPlaneCb], nullptr);
+    EXPECT_EQ(h->SliceState.Count, c.Slices);
+    if (c.Version == 200 && c.Frames > 1) {
+      EXPECT_EQ(h->SliceState.Stride, ((131u / 8) & ~3u) + 4);
+    }
+    if (c.Frames == 1) {
+      EXPECT_EQ(h->SliceState.RowHeight, ((2 * 32 + 320 - 1) / 2) & ~31u);
+    }
+    VelmoClose(h);
+  }
 }
 
 TEST_F(VelmoOpenTest, RatesAndNextOpenSettings) {
@@ -265,67 +260,28 @@ TEST_F(VelmoOpenTest, RatesAndNextOpenSettings) {
   VelmoClose(h);
   EXPECT_EQ(VelmoOpen(reinterpret_cast<const char*>(padded.data()), VelmoOpenImage), nullptr);
 
-  // Forced rate all ones means the file's; a forced rate through the options.
-  VelmoOpenOptions o{};
-  o.ImageSize = file.size();
-  o.ForcedRate = 0xFFFFFFFFu;
-  o.ForcedRateDiv = 1;
-  h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o,
-                           VelmoOpenImage | VelmoOpenForceRate);
-  EXPECT_EQ(h->FrameRate, 30u);
-  VelmoClose(h);
-  o.ForcedRate = 15;
-  o.ForcedRateDiv = 2;
-  h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o, VelmoOpenImage);
-  EXPECT_EQ(h->FrameRate, 30u);  // without the flag the value is not used
-  VelmoClose(h);
-  h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o,
-                           VelmoOpenImage | VelmoOpenForceRate);
-  EXPECT_EQ(h->FrameRate, 15u);
-  EXPECT_EQ(h->FrameRateDiv, 2u);
-  VelmoClose(h);
+  // A forced rate through the options, with the flag only; all ones means the file's.
+  const uint32_t forced[][5] = {// rate, divisor, flags, the rate and divisor used
+                                {0xFFFFFFFFu, 1, VelmoOpenForceRate, 30, 1},
+                                {15, 2, 0, 30, 1},
+                                {15, 2, VelmoOpenForceRate, 15, 2}};
+  for (const auto& [rate, div, flags, used, usedDiv] : forced) {
+    VelmoOpenOptions o{};
+    o.ImageSize = file.size();
+    o.ForcedRate = rate;
+    o.ForcedRateDiv = div;
+    h = VelmoOpenWithOptions(reinterpret_cast<const char*>(file.data()), &o,
+                             VelmoOpenImage | flags);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->FrameRate, used) << rate << " " << flags;
+    EXPECT_EQ(h->FrameRateDiv, usedDiv) << rate << " " << flags;
+    VelmoClose(h);
+  }
 }
 
-// The busiest second, worked out independently from the frame sizes.
-uint64_t BusiestSecond(const std::vector<uint32_t>& sizes, uint32_t ring, uint32_t* start) {
-  uint64_t best = 0;
-  *start = 0;
-  for (size_t i = 0; i + ring <= sizes.size(); ++i) {
-    uint64_t sum = 0;
-    for (size_t k = i; k < i + ring; ++k) sum += sizes[k];
-    if (sum > best) {
-      best = sum;
-      *start = uint32_t(i);
-    }
-  }
-  if (best == 0) {
-    uint64_t total = 0;
-    for (uint32_t v : sizes) total += v;
-    best = total * ring / sizes.size();
-    *start = 0;
-  }
-  return best;
-}
-
+// The bytes of the busiest second (a window of as many frames as a second holds) and the first
+// frame of it, worked out by hand from the frame sizes.
 TEST_F(VelmoOpenTest, HighestSecondBytes) {
-  FileSpec s;
-  s.Rate = 5;  // a window of five frames
-  s.Frames = 20;
-  std::vector<uint32_t> sizes(20);
-  for (uint32_t i = 0; i < 20; ++i) sizes[i] = 4 * (1 + (i * 7) % 11);
-  sizes[12] = sizes[13] = 400;  // the busiest stretch; windows 9..12 all hold both
-  s.Video = [&](uint32_t i) { return std::vector<uint8_t>(sizes[i], uint8_t(i)); };
-  std::vector<uint8_t> file = BuildFile(s);
-  HVELMO h = OpenImage(file);
-  ASSERT_NE(h, nullptr);
-  uint32_t start;
-  EXPECT_EQ(h->HighestSecondBytes, BusiestSecond(sizes, 5, &start));
-  EXPECT_EQ(h->HighestSecondFrame, start);
-  VelmoSummary sum;
-  VelmoGetSummary(h, &sum);
-  EXPECT_EQ(sum.HighestSecondFrame, start + 1);
-  VelmoClose(h);
-
   struct Case {
     const char* What;
     uint32_t Rate, RateDiv;
@@ -333,24 +289,31 @@ TEST_F(VelmoOpenTest, HighestSecondBytes) {
     uint64_t Bytes;
     uint32_t Frame;
   };
-  std::vector<uint32_t> twoPeaks(20, 4);
+  std::vector<uint32_t> mixed(20), twoPeaks(20, 4);
+  for (uint32_t i = 0; i < 20; ++i) mixed[i] = 4 * (1 + (i * 7) % 11);
+  mixed[12] = mixed[13] = 400;  // windows 9..12 all hold both; the last the most besides
   twoPeaks[3] = twoPeaks[15] = 100;
   const Case cases[] = {
+      {"the busiest stretch", 5, 1, mixed, 400 + 400 + 44 + 28 + 12, 12},
       {"two equal busiest windows: the first wins", 5, 1, twoPeaks, 116, 0},
       {"fewer frames than a second: the average scaled", 30, 1, {8, 16, 24, 40}, 88 * 30 / 4, 0},
       {"half a frame a second: a window of one frame", 1, 2, {8, 40, 12}, 40, 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.What);
+    FileSpec s;
     s.Rate = c.Rate;
     s.RateDiv = c.RateDiv;
     s.Frames = uint32_t(c.Sizes.size());
-    sizes = c.Sizes;
-    file = BuildFile(s);
-    h = OpenImage(file);
+    s.Video = [&](uint32_t i) { return std::vector<uint8_t>(c.Sizes[i], uint8_t(i)); };
+    const std::vector<uint8_t> file = BuildFile(s);
+    HVELMO h = OpenImage(file);
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(h->HighestSecondBytes, c.Bytes);
     EXPECT_EQ(h->HighestSecondFrame, c.Frame);
+    VelmoSummary sum;
+    VelmoGetSummary(h, &sum);
+    EXPECT_EQ(sum.HighestSecondFrame, c.Frame + 1);
     VelmoClose(h);
   }
 }

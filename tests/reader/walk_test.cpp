@@ -26,6 +26,17 @@ class VelmoWalkTest : public VelmoTest {
     VelmoDoFrame(h);
     VelmoNextFrame(h);
   }
+  // Marks a sound track open (by hand: the file has none), as the skip rules need.
+  static VelmoState* WithSound(HVELMO h) {
+    VelmoState* st = VelmoStateOf(h);
+    st->OpenTracks = 1;
+    st->SoundOn = 1;
+    return st;
+  }
+  static void CloseWithSound(HVELMO h) {
+    VelmoStateOf(h)->OpenTracks = 0;
+    VelmoClose(h);
+  }
   std::vector<uint8_t> File;
 };
 
@@ -72,16 +83,14 @@ TEST_F(VelmoWalkTest, SecondDecodeOfOneFrameDoesNothing) {
 TEST_F(VelmoWalkTest, WaitFollowsTheFrameClock) {
   HVELMO h = Open();  // 30 frames per second: frames are due at 33, 66, 100 ms
   EXPECT_EQ(VelmoWait(h), 0u);  // nothing played yet
-  PlayAt(h, 1000);
-  FakeNow = 1032;
-  EXPECT_EQ(VelmoWait(h), 1u);
-  FakeNow = 1033;
-  EXPECT_EQ(VelmoWait(h), 0u);
-  PlayAt(h, 1033);
-  FakeNow = 1065;
-  EXPECT_EQ(VelmoWait(h), 1u);
-  FakeNow = 1066;
-  EXPECT_EQ(VelmoWait(h), 0u);
+  uint32_t played = 1000;
+  for (uint32_t due : {1033u, 1066u}) {
+    PlayAt(h, played);
+    FakeNow = due - 1;
+    EXPECT_EQ(VelmoWait(h), 1u) << due;
+    FakeNow = played = due;
+    EXPECT_EQ(VelmoWait(h), 0u) << due;
+  }
   VelmoClose(h);
 }
 
@@ -115,10 +124,8 @@ TEST_F(VelmoWalkTest, StallWithoutSoundRestartsTheClock) {
 // With sound (a track marked open by hand): up to four skips in a row, then a frame is shown.
 TEST_F(VelmoWalkTest, SkipsAtMostFourInARow) {
   HVELMO h = Open();
-  VelmoState* st = VelmoStateOf(h);
   PlayAt(h, 1000);
-  st->OpenTracks = 1;
-  st->SoundOn = 1;
+  VelmoState* st = WithSound(h);
   FakeNow = 1000 + 33 + 67;  // one ms over the late limit
   std::vector<uint32_t> answers;
   for (int i = 0; i < 10; ++i) {
@@ -138,16 +145,13 @@ TEST_F(VelmoWalkTest, SkipsAtMostFourInARow) {
   FakeNow = 1033;
   EXPECT_EQ(VelmoSkipCheck(st, 0), 0u);
   EXPECT_EQ(st->SkipRun, 0u);
-  st->OpenTracks = 0;
-  VelmoClose(h);
+  CloseWithSound(h);
 }
 
 TEST_F(VelmoWalkTest, FarBehindWithSoundForcesAResync) {
   HVELMO h = Open();
-  VelmoState* st = VelmoStateOf(h);
   PlayAt(h, 1000);
-  st->OpenTracks = 1;
-  st->SoundOn = 1;
+  VelmoState* st = WithSound(h);
   FakeNow = 1033 + 725;
   EXPECT_EQ(VelmoSkipCheck(st, 0), 1u);
   EXPECT_EQ(st->ForceResync, 0u);  // exactly 725 is not more
@@ -160,20 +164,17 @@ TEST_F(VelmoWalkTest, FarBehindWithSoundForcesAResync) {
   EXPECT_EQ(st->ForceResync, 0u);
   EXPECT_EQ(st->SoundSkips, 1u);
   EXPECT_EQ(st->StartTime, 0u);
-  st->OpenTracks = 0;
-  VelmoClose(h);
+  CloseWithSound(h);
 }
 
 TEST_F(VelmoWalkTest, CopyHonoursTheSkipCheck) {
   FileSpec s;
   s.Frames = 3;
   HVELMO h = Open(s);
-  VelmoState* st = VelmoStateOf(h);
   PlayAt(h, 1000);
   FakeNow = 1033;
   VelmoDoFrame(h);
-  st->OpenTracks = 1;
-  st->SoundOn = 1;
+  VelmoState* st = WithSound(h);
   FakeNow = 2000;
   std::vector<uint32_t> pixels(16 * 16, 0xCDCDCDCDu);
   EXPECT_EQ(st->BlitStart, VelmoBlitPending);
@@ -197,8 +198,7 @@ TEST_F(VelmoWalkTest, CopyHonoursTheSkipCheck) {
   FakeNow = 2007;
   VelmoNextFrame(h);
   EXPECT_EQ(st->BlitTime, 7u);
-  st->OpenTracks = 0;
-  VelmoClose(h);
+  CloseWithSound(h);
 }
 
 TEST_F(VelmoWalkTest, LoopPastFiveMinutesRestartsClockAndSound) {
@@ -227,18 +227,17 @@ TEST_F(VelmoWalkTest, KeyFrameSearch) {
   FileSpec s;
   s.Frames = 12;  // key frames 1, 6, 11
   HVELMO h = Open(s);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 8, VelmoKeyBackward), 6u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 6, VelmoKeyBackward), 6u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 6, VelmoKeyBackward | VelmoKeyNotSelf), 1u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 1, VelmoKeyBackward | VelmoKeyNotSelf), 1u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 7, VelmoKeyForward), 11u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 11, VelmoKeyForward | VelmoKeyNotSelf), 0u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 12, VelmoKeyForward), 0u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 8, VelmoKeyNearest), 6u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 9, VelmoKeyNearest), 11u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 6, VelmoKeyNearest | VelmoKeyNotSelf), 1u);  // backwards first
-  EXPECT_EQ(VelmoGetKeyFrame(h, 3, 5), 0u);
-  EXPECT_EQ(VelmoGetKeyFrame(h, 3, 5 | VelmoKeyNotSelf), 0u);
+  const uint32_t back = VelmoKeyBackward, ahead = VelmoKeyForward, near = VelmoKeyNearest,
+                 notSelf = VelmoKeyNotSelf;
+  // From, flags, the key frame found (0: none); nearest looks backwards first, 5 is no direction.
+  const uint32_t searches[][3] = {{8, back, 6},           {6, back, 6},
+                                  {6, back | notSelf, 1}, {1, back | notSelf, 1},
+                                  {7, ahead, 11},         {11, ahead | notSelf, 0},
+                                  {12, ahead, 0},         {8, near, 6},
+                                  {9, near, 11},          {6, near | notSelf, 1},
+                                  {3, 5, 0},              {3, 5 | notSelf, 0}};
+  for (const auto& [from, flags, found] : searches)
+    EXPECT_EQ(VelmoGetKeyFrame(h, from, flags), found) << from << " " << flags;
   VelmoClose(h);
 }
 
@@ -256,27 +255,22 @@ TEST_F(VelmoWalkTest, GotoDecodesFromTheKeyFrame) {
   EXPECT_EQ(h->VideoOn, 1u);
   EXPECT_EQ(0, std::memcmp(h->FrameData, DefaultVideo(7).data(), 8));
 
-  // Forwards inside the same group: from here, without going back to the key frame.
-  VelmoGoto(h, 10, 0);
-  EXPECT_EQ(h->FrameNum, 10u);
-  EXPECT_EQ(st->FramesPlayed, 4u);  // 8 and 9
-
-  VelmoGoto(h, 0, 0);  // acts as frame 1, a key frame
-  EXPECT_EQ(h->FrameNum, 1u);
-  EXPECT_EQ(st->FramesPlayed, 4u);
-  VelmoGoto(h, 100, 0);  // acts as the last frame; decoded from frame 11
-  EXPECT_EQ(h->FrameNum, 12u);
-  EXPECT_EQ(st->FramesPlayed, 5u);
-  VelmoGoto(h, 12, 0);  // the current frame: nothing
-  EXPECT_EQ(st->FramesPlayed, 5u);
-
-  VelmoGoto(h, 4, VelmoGotoExact);  // exact, backwards: selected directly
-  EXPECT_EQ(h->FrameNum, 4u);
-  EXPECT_EQ(st->FramesPlayed, 5u);
-  VelmoGoto(h, 9, VelmoGotoExact | VelmoGotoDirect);
-  EXPECT_EQ(h->FrameNum, 9u);
+  const struct {
+    uint32_t Target, Flags, Selected, Played;
+    const char* What;
+  } steps[] = {
+      {10, 0, 10, 4, "forwards in the same group: 8 and 9, not from the key frame"},
+      {0, 0, 1, 4, "frame 0 acts as frame 1, a key frame"},
+      {100, 0, 12, 5, "past the end acts as the last frame, decoded from frame 11"},
+      {12, 0, 12, 5, "the current frame: nothing"},
+      {4, VelmoGotoExact, 4, 5, "exact, backwards: selected directly"},
+      {9, VelmoGotoExact | VelmoGotoDirect, 9, 5, "direct"}};
+  for (const auto& step : steps) {
+    VelmoGoto(h, step.Target, step.Flags);
+    EXPECT_EQ(h->FrameNum, step.Selected) << step.What;
+    EXPECT_EQ(st->FramesPlayed, step.Played) << step.What;
+  }
   EXPECT_EQ(h->LastFrameNum, 4u);
-  EXPECT_EQ(st->FramesPlayed, 5u);
   VelmoClose(h);
 }
 
