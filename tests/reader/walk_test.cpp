@@ -14,12 +14,6 @@ using namespace velmo_test;
 
 class VelmoWalkTest : public VelmoTest {
  protected:
-  HVELMO Open(FileSpec s = {}, uint32_t flags = 0) {
-    File = BuildFile(s);
-    HVELMO h = OpenImage(File, flags);
-    EXPECT_NE(h, nullptr);
-    return h;
-  }
   // Decodes the selected frame at `now` and selects the next one.
   static void PlayAt(HVELMO h, uint32_t now) {
     FakeNow = now;
@@ -37,7 +31,6 @@ class VelmoWalkTest : public VelmoTest {
     VelmoStateOf(h)->OpenTracks = 0;
     VelmoClose(h);
   }
-  std::vector<uint8_t> File;
 };
 
 TEST_F(VelmoWalkTest, FramesInOrderThenLoop) {
