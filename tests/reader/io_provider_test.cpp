@@ -12,6 +12,7 @@
 namespace {
 
 using namespace io_test;
+using Row = std::vector<uint64_t>;
 
 class FileProviderTest : public MediumTest {};
 
@@ -30,15 +31,13 @@ TEST_F(FileProviderTest, SetInfoAlignsTheRingAndKeepsWholeUnits) {
   auto r = Start(fileSize);
   // A block 100 bytes past a boundary: the ring starts on the next one, whole units only.
   r->GiveRing(0x61000, fileSize, 0, 100);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(r->Io->RingStart) % VelmoIOAlign, 0u);
-  EXPECT_EQ(r->Io->BufferSize, 3 * Unit);
-  EXPECT_EQ(r->Io->RingEnd - r->Io->RingStart, int64_t(3 * Unit));
-  EXPECT_EQ(r->Io->RingWrite, r->Io->RingStart);
-  EXPECT_EQ(r->Io->RingFree, 3 * Unit);
-  EXPECT_EQ(r->Io->BufferFree, 3 * Unit);
-  EXPECT_EQ(r->Used(), 0u);
-  EXPECT_EQ(r->Io->RingRead, 0u);
-  EXPECT_EQ(r->Io->FileTotal, fileSize);
+  const IOProvider& io = *r->Io;
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(io.RingStart) % VelmoIOAlign, 0u);
+  EXPECT_EQ(io.RingWrite, io.RingStart);
+  // Size, ring length, room, free, used, read offset, file size.
+  EXPECT_EQ(Row({io.BufferSize, uint64_t(io.RingEnd - io.RingStart), io.RingFree, io.BufferFree,
+                 r->Used(), io.RingRead, io.FileTotal}),
+            Row({3 * Unit, 3 * Unit, 3 * Unit, 3 * Unit, 0, 0, fileSize}));
 
   // Aligned exactly: nothing is lost.
   r->GiveRing(2 * Unit, fileSize);
@@ -57,14 +56,13 @@ TEST_F(FileProviderTest, ReadsAheadInUnitsOnFileUnitBoundaries) {
   EXPECT_EQ(r->Io->RingRead, 3000u);
   EXPECT_EQ(r->Used(), Unit - 3000);
   EXPECT_EQ(r->Fill(), 3u);
-  EXPECT_EQ(Reads(), (Spans{{3000, Unit - 3000}, {Unit, Unit}, {2 * Unit, Unit}, {3 * Unit, Unit}}));
-  // Full: the head of the first unit is all the room there is, and no unit fits.
-  EXPECT_EQ(r->Io->RingFree, 3000u);
-  EXPECT_EQ(r->Used(), 4 * Unit - 3000);
-  EXPECT_EQ(r->Io->HighWater, 4 * Unit - 3000);
-  EXPECT_EQ(r->Io->BufferFree, r->Used());
-  EXPECT_EQ(r->Io->NextFilePos, 4 * Unit);
-  EXPECT_EQ(r->Io->BytesRead, 3000 + 4 * Unit - 3000);
+  EXPECT_EQ(Reads(),
+            (Spans{{3000, Unit - 3000}, {Unit, Unit}, {2 * Unit, Unit}, {3 * Unit, Unit}}));
+  // Full: the head of the first unit is all the room there is, and no unit fits. Room, used,
+  // the highest use, free (capped at the used), the next position and the bytes read.
+  EXPECT_EQ(Row({r->Io->RingFree, r->Used(), r->Io->HighWater, r->Io->BufferFree,
+                 r->Io->NextFilePos, r->Io->BytesRead}),
+            Row({3000, 4 * Unit - 3000, 4 * Unit - 3000, 4 * Unit - 3000, 4 * Unit, 4 * Unit}));
 
   // Copying out the first unit's data frees exactly one unit.
   EXPECT_TRUE(r->Packet(VELMO_IO_CONTINUE, 1000, 3000));
@@ -290,20 +288,17 @@ TEST_F(FileProviderTest, ReadTimeIsBookedByWhetherALibraryCallRuns) {
   auto r = Start(8 * Unit, 8 * Unit);
   const uint32_t io0 = r->Io->IOTime;
   File(0).CostMs = 7;
-  r->Idle();
-  r->Idle();
-  EXPECT_EQ(r->Io->IOTime - io0, 14u);
-  EXPECT_EQ(r->Io->IdleTime, 14u);
-  EXPECT_EQ(r->Io->ThreadTime, 0u);
-  r->H->InFrame = 1;  // the caller is inside a library call
-  r->Idle();
-  EXPECT_EQ(r->Io->ThreadTime, 7u);
-  r->H->InFrame = 0;
-  r->Io->InCall = 1;
-  r->Idle();
-  EXPECT_EQ(r->Io->ThreadTime, 14u);
-  EXPECT_EQ(r->Io->IdleTime, 14u);
-  EXPECT_EQ(r->Io->IOTime - io0, 28u);
+  // Reads of 7 ms with the caller in a library call (by the frame or the provider) or not; the
+  // read time, the idle time and the time booked to the thread after each.
+  const uint32_t steps[][5] = {
+      {0, 0, 7, 7, 0}, {0, 0, 14, 14, 0}, {1, 0, 21, 14, 7}, {0, 1, 28, 14, 14}};
+  for (const auto& [inFrame, inCall, io, idle, thread] : steps) {
+    r->H->InFrame = inFrame;
+    r->Io->InCall = inCall;
+    r->Idle();
+    EXPECT_EQ(Row({r->Io->IOTime - io0, r->Io->IdleTime, r->Io->ThreadTime}),
+              Row({io, idle, thread}));
+  }
 }
 
 TEST_F(FileProviderTest, ASimulatedRateMakesReadsTakeTheirTime) {
@@ -312,23 +307,17 @@ TEST_F(FileProviderTest, ASimulatedRateMakesReadsTakeTheirTime) {
   EXPECT_EQ(r->Io->SimulateRate, 1310720u);
   ClockStep = 5;
   r->Idle();  // the first unit is shorter by the head
-  uint32_t before = ClockNow;
-  r->Idle();
-  uint32_t spent = ClockNow - before;
-  EXPECT_GE(spent, 100u);
-  EXPECT_LE(spent, 130u);
-  // A medium slower than the simulated one pays nothing more.
-  File(0).CostMs = 150;
-  before = ClockNow;
-  r->Idle();
-  spent = ClockNow - before;
-  EXPECT_GE(spent, 150u);
-  EXPECT_LE(spent, 185u);
-  // What was paid too much is credited: the next read at the full rate costs less.
-  File(0).CostMs = 0;
-  before = ClockNow;
-  r->Idle();
-  EXPECT_LT(ClockNow - before, 100u);
+  // A unit at the full rate; on a medium slower than the simulated one, nothing more than the
+  // medium's time; then the next read at the full rate costs less, as what was paid too much
+  // is credited.
+  const uint32_t steps[][3] = {{0, 100, 130}, {150, 150, 185}, {0, 0, 99}};
+  for (const auto& [cost, least, most] : steps) {
+    File(0).CostMs = cost;
+    const uint32_t before = ClockNow;
+    r->Idle();
+    EXPECT_GE(ClockNow - before, least) << cost;
+    EXPECT_LE(ClockNow - before, most) << cost;
+  }
 }
 
 TEST_F(FileProviderTest, SuspendStopsReadingAheadButNotFrameReads) {

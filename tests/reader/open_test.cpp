@@ -104,21 +104,14 @@ TEST_F(VelmoOpenTest, PublicFieldsAfterOpen) {
   HVELMO h = Open(s);
   ASSERT_NE(h, nullptr);
   const std::vector<uint8_t>& file = File;
-  EXPECT_EQ(h->Width, 20u);
-  EXPECT_EQ(h->Height, 12u);
-  EXPECT_EQ(h->Frames, 7u);
-  EXPECT_EQ(h->FrameNum, 1u);
-  EXPECT_EQ(h->LastFrameNum, 0xFFFFFFFFu);
-  EXPECT_EQ(h->FrameRate, 25u);
-  EXPECT_EQ(h->FrameRateDiv, 1u);
-  EXPECT_EQ(h->Magic, VelmoMagicVLMi);
-  EXPECT_EQ(h->VideoOn, 1u);
-  EXPECT_EQ(h->SoundOn, 0u);
-  EXPECT_EQ(h->OpenTracks, 0u);
-  EXPECT_EQ(h->FileSize, file.size() - 8);
-  EXPECT_EQ(h->FrameIsKey, 1u);
-  EXPECT_EQ(h->AllKeyFrames, 0u);
-  EXPECT_EQ(h->SliceState.Count, 2u);
+  using Row = std::vector<uint64_t>;
+  EXPECT_EQ(Row({h->Width, h->Height, h->Frames, h->FrameRate, h->FrameRateDiv, h->Magic,
+                 h->FileSize}),
+            Row({20, 12, 7, 25, 1, VelmoMagicVLMi, file.size() - 8}));
+  // At frame 1, none before it; video on, no sound; frame 1 a key frame, not all of them.
+  EXPECT_EQ(Row({h->FrameNum, h->LastFrameNum, h->VideoOn, h->SoundOn, h->OpenTracks,
+                 h->FrameIsKey, h->AllKeyFrames, h->SliceState.Count}),
+            Row({1, 0xFFFFFFFFu, 1, 0, 0, 1, 0, 2}));
   EXPECT_EQ(reinterpret_cast<uintptr_t>(h) % 256, 0u);
   EXPECT_GT(h->OpenSerial, 0u);
   EXPECT_EQ(h->ColourTable[VelmoColourRowY], 1.164124f);  // the default video-range table

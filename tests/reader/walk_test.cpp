@@ -302,35 +302,25 @@ TEST_F(VelmoWalkTest, SummaryAndRealtimeFigures) {
   const uint32_t times[] = {1000, 1040, 1070, 1200, 1230};
   for (uint32_t t : times) PlayAt(h, t);
   FakeNow = 1300;
+  using Row = std::vector<uint64_t>;
   VelmoSummary sum;
   VelmoGetSummary(h, &sum);
-  EXPECT_EQ(sum.FramesPlayed, 5u);
-  EXPECT_EQ(sum.TotalTime, 300u);
-  EXPECT_EQ(sum.Slowest, 130u);
-  EXPECT_EQ(sum.SlowestFrame, 4u);
-  EXPECT_EQ(sum.SecondSlowest, 30u);  // the last frame that was not the slowest
-  EXPECT_EQ(sum.SecondSlowestFrame, 5u);
-  EXPECT_EQ(sum.AverageFrame, 8u);
-  EXPECT_EQ(sum.AverageRate, 240u);
-  EXPECT_EQ(sum.Frames, 10u);
-  EXPECT_EQ(sum.Width, 16u);
-  EXPECT_EQ(sum.OpenTime, 0u);
-  EXPECT_EQ(sum.Reserved, 0u);
+  // Frames and time; the slowest and the last frame that was not the slowest, with their numbers.
+  EXPECT_EQ(Row({sum.FramesPlayed, sum.TotalTime, sum.Slowest, sum.SlowestFrame, sum.SecondSlowest,
+                 sum.SecondSlowestFrame}),
+            Row({5, 300, 130, 4, 30, 5}));
+  EXPECT_EQ(Row({sum.AverageFrame, sum.AverageRate, sum.Frames, sum.Width, sum.OpenTime,
+                 sum.Reserved, sum.HighestSecondBytes}),
+            Row({8, 240, 10, 16, 0, 0, 80 * 30 / 10}));
   EXPECT_EQ(sum.TotalMemory, h->TotalMemory);
-  EXPECT_EQ(sum.HighestSecondBytes, 80u * 30 / 10);
 
+  // The last two frames; then a span limited by the frames played, which reaches the made-up
+  // time before the first frame.
   VelmoRealtime rt;
   VelmoGetRealtime(h, &rt, 2);
-  EXPECT_EQ(rt.FrameNum, 5u);
-  EXPECT_EQ(rt.Span, 2u);
-  EXPECT_EQ(rt.Time, 160u);
-  EXPECT_EQ(rt.Bytes, 16u);
-  EXPECT_EQ(rt.DataRate, 100u);
-  // A span limited by the frames played reaches the made-up time before the first frame.
+  EXPECT_EQ(Row({rt.FrameNum, rt.Span, rt.Time, rt.Bytes, rt.DataRate}), Row({5, 2, 160, 16, 100}));
   VelmoGetRealtime(h, &rt, 100);
-  EXPECT_EQ(rt.Span, 5u);
-  EXPECT_EQ(rt.Time, 1230u - (1000u - 33u));
-  EXPECT_EQ(rt.Bytes, 40u);
+  EXPECT_EQ(Row({rt.Span, rt.Time, rt.Bytes}), Row({5, 1230 - (1000 - 33), 40}));
   VelmoClose(h);
 }
 
