@@ -368,30 +368,29 @@ FileSpec DecodableFile() {
   return s;
 }
 
-uint8_t PixelOf(HVELMO h, uint32_t plane, uint32_t x, uint32_t y) {
+// The current picture's luma at its four corners (across, then down), and Cr at the far corner
+// and Cb at the near one of their single block.
+std::vector<int> Samples(HVELMO h) {
   const VelmoFrameBuffers* fb = h->FrameBuffers;
-  const bool luma = plane == VelmoPlaneY || plane == VelmoPlaneAlpha;
-  return fb->Sets[fb->Current].Planes[plane][y * (luma ? fb->LumaPitch : fb->ChromaPitch) + x];
+  const VelmoFrameBufferSet& set = fb->Sets[fb->Current];
+  const uint8_t* y = set.Planes[VelmoPlaneY];
+  const int32_t p = fb->LumaPitch;
+  return {y[0], y[15], y[15 * p], y[15 * p + 15],
+          set.Planes[VelmoPlaneCr][7 * fb->ChromaPitch + 7], set.Planes[VelmoPlaneCb][0]};
 }
 
 TEST_F(VelmoWalkTest, FirstGenerationFramesDecodeIntoTheRing) {
   HVELMO h = Open(DecodableFile());
   EXPECT_EQ(VelmoDoFrame(h), 1u);
   EXPECT_EQ(h->FrameBuffers->Current, 1u);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 0, 0), 10);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 0), 20);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 0, 15), 30);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 15), 40);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneCr, 7, 7), 100);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneCb, 0, 0), 200);
+  EXPECT_EQ(Samples(h), (std::vector<int>{10, 20, 30, 40, 100, 200}));
   EXPECT_EQ(h->LastDecodeResult, 100u);  // no block skipped
 
   VelmoNextFrame(h);
   EXPECT_EQ(VelmoDoFrame(h), 1u);
   EXPECT_EQ(h->FrameBuffers->Current, 0u);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 0, 0), 10);  // taken from the previous picture
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 0), 21);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneCr, 0, 0), 100);
+  // The top left block and the chroma taken from the previous picture.
+  EXPECT_EQ(Samples(h), (std::vector<int>{10, 21, 31, 41, 100, 200}));
   EXPECT_EQ(h->LastDecodeResult, 75u);  // one luma block of four skipped
 
   // The decoded picture copies out: darker blocks give darker pixels.
@@ -416,7 +415,7 @@ TEST_F(VelmoWalkTest, SlicesSplitLumaFromChroma) {
   EXPECT_EQ(fb->Sets[1].Planes[VelmoPlaneCr][0], 128);  // not yet
   EXPECT_EQ(VelmoDoSlices(h, 0x11 | VelmoSlicesEnd), 1u);
   EXPECT_EQ(fb->Current, 1u);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneCr, 0, 0), 100);
+  EXPECT_EQ(Samples(h), (std::vector<int>{10, 20, 30, 40, 100, 200}));
   EXPECT_EQ(st->FramesPlayed, 1u);
 
   // With video off the frame counts as played but the picture stays.
@@ -424,7 +423,7 @@ TEST_F(VelmoWalkTest, SlicesSplitLumaFromChroma) {
   VelmoSetVideoOn(h, 0);
   EXPECT_EQ(VelmoDoFrame(h), 1u);
   EXPECT_EQ(fb->Current, 1u);
-  EXPECT_EQ(PixelOf(h, VelmoPlaneY, 15, 0), 20);
+  EXPECT_EQ(Samples(h)[1], 20);
   EXPECT_EQ(st->FramesPlayed, 2u);
   VelmoClose(h);
 }
