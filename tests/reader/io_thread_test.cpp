@@ -16,9 +16,10 @@ using namespace io_test;
 // under 25 takes it, from 122 another under 64. A current handle that cannot be read (129) keeps
 // it only against others that cannot be read either.
 TEST(ReaderFairness, StaysUntilAnotherBufferIsClearlyEmptier) {
-  const uint32_t stays[][3] = {{0, 12, 1},    {0, 11, 0},    {102, 12, 1},  {103, 25, 1},
-                               {103, 24, 0},  {121, 25, 1},  {122, 64, 1},  {122, 63, 0},
-                               {128, 63, 0},  {128, 128, 1}, {129, 50, 0},  {129, 129, 1}};
+  const uint32_t stays[][3] = {// current, another, whether the current one keeps the thread
+                               {0, 12, 1},   {0, 11, 0},   {102, 12, 1},  {103, 25, 1},
+                               {103, 24, 0}, {121, 25, 1}, {122, 64, 1},  {122, 63, 0},
+                               {128, 63, 0}, {128, 128, 1}, {129, 50, 0}, {129, 129, 1}};
   for (const auto& [current, other, stay] : stays)
     EXPECT_EQ(VelmoIOStayWithCurrent(current, other), stay != 0) << current << " " << other;
 }
@@ -37,7 +38,8 @@ TEST(ReaderFairness, FullnessIsUsedOverRoomIn128ths) {
     io.BufferUsed = used * Unit;
     io.Suspended = uint32_t(suspended);
     io.ReadError = uint32_t(error);
-    EXPECT_EQ(VelmoIOFullness(&io), fullness) << free << " " << used << " " << suspended << error;
+    EXPECT_EQ(VelmoIOFullness(&io), fullness)
+        << free << " " << used << " " << suspended << " " << error;
   }
 }
 
