@@ -461,9 +461,7 @@ TEST(CopyOutHooks, SkipCheckDecidesAndNeverSkipPassesThrough) {
   EXPECT_EQ(log.Flags, 3u | VelmoCopyNeverSkip);
   log.Answer = 0;
   EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
-  EXPECT_EQ(log.Begins, 3);
-  EXPECT_EQ(log.Ends, 3);
-  EXPECT_EQ(log.Checks, 3);
+  EXPECT_EQ(std::vector<int>({log.Begins, log.Ends, log.Checks}), std::vector<int>({3, 3, 3}));
   // An empty rectangle does not count as a copy.
   EXPECT_EQ(VelmoCopyPlanesRect(&src, s.Base(), s.Pitch, 4, 0, 0, 0, 0, 0, 0, 3), 0);
   EXPECT_EQ(log.Begins, 3);

@@ -313,7 +313,8 @@ TEST_F(ReadAheadOpenTest, ClosingWhileAReadIsPending) {
   const std::string path = Write(BigFile());
   for (int i = 0; i < 20; ++i) {
     VelmoSetIOSize(0x40000);
-    HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | (i % 3 == 0 ? uint32_t(VelmoOpenKeepThreads) : 0u));
+    const uint32_t keep = i % 3 == 0 ? uint32_t(VelmoOpenKeepThreads) : 0u;
+    HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | keep);
     ASSERT_NE(h, nullptr) << VelmoGetError();
     for (int k = 0; k < i % 7; ++k) VelmoNextFrame(h);
     VelmoGoto(h, 1 + (i * 13) % Frames, VelmoGotoExact | VelmoGotoDirect);
