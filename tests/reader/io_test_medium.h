@@ -44,7 +44,7 @@ inline bool WaitFor(const std::function<bool()>& done, uint32_t ms = 30000) {
 }
 
 struct Read {
-  uint64_t Handle, Position, Bytes;
+  uint64_t Position, Bytes;
 };
 
 struct Medium {
@@ -87,7 +87,7 @@ inline int64_t FakeRead(uint64_t handle, void* dest, uint32_t bytes) {
   --Current->Waiting;
   ++Current->ReadCalls;
   Medium& m = *Current->Files.at(handle);
-  Current->Log.push_back({handle, m.Pos, bytes});
+  Current->Log.push_back({m.Pos, bytes});
   if (m.Pos >= m.FailAt) return -1;
   uint64_t n = m.Pos < m.Data.size() ? std::min<uint64_t>(bytes, m.Data.size() - m.Pos) : 0;
   if (m.MaxPiece) n = std::min<uint64_t>(n, m.MaxPiece);
@@ -225,9 +225,18 @@ class MediumTest : public ::testing::Test {
     return r;
   }
   Medium& File(size_t i) { return *M.Files[i]; }
-  std::vector<Read> Log() {
+  // Runs `f` with the media locked, as the reads run.
+  template <typename F>
+  auto Locked(F f) {
     std::lock_guard<std::mutex> g(M.Lock);
-    return M.Log;
+    return f();
+  }
+  std::vector<Read> Log() { return Locked([&] { return M.Log; }); }
+  void ClearLog() { Locked([&] { M.Log.clear(); }); }
+  uint32_t Waiting() { return Locked([&] { return M.Waiting; }); }
+  void SetHold(bool hold) {
+    Locked([&] { M.Hold = hold; });
+    M.Gate.notify_all();
   }
   // (position, bytes) of each read in the log.
   using Spans = std::vector<std::pair<uint64_t, uint64_t>>;
@@ -235,21 +244,6 @@ class MediumTest : public ::testing::Test {
     Spans out;
     for (const Read& r : Log()) out.push_back({r.Position, r.Bytes});
     return out;
-  }
-  void ClearLog() {
-    std::lock_guard<std::mutex> g(M.Lock);
-    M.Log.clear();
-  }
-  void SetHold(bool hold) {
-    {
-      std::lock_guard<std::mutex> g(M.Lock);
-      M.Hold = hold;
-    }
-    M.Gate.notify_all();
-  }
-  uint32_t Waiting() {
-    std::lock_guard<std::mutex> g(M.Lock);
-    return M.Waiting;
   }
 };
 
