@@ -2,6 +2,7 @@
 // writer's manner, and a signal-to-noise figure.
 #pragma once
 #include "audio/velmo_audio.h"
+#include "support/sound_codec.h"
 
 #include <gtest/gtest.h>
 
@@ -58,40 +59,8 @@ inline Samples Music(uint32_t rate, uint32_t channels, size_t frames) {
   return out;
 }
 
-struct Encoded {
-  std::vector<uint8_t> Stream;  // all blocks, one after another
-  std::vector<uint32_t> BlockSizes;
-  uint64_t Consumed = 0;
-};
-
-// Encodes a whole sound. With `padShort` the last reads are completed with zeros, as the
-// writer does; without, the short count is handed on and the encoder repeats the last sample.
-inline Encoded EncodeAll(const Samples& pcm, uint32_t rate, uint32_t channels, int level,
-                         bool padShort = true) {
-  Encoded result;
-  VelmoAudioEncoder* encoder =
-      VelmoAudioEncoderOpen(rate, channels, VelmoAudioLevelIsCurrentForm(level));
-  if (!encoder) return result;
-  const uint64_t total = pcm.size() * 2;
-  uint64_t read = 0;
-  do {
-    uint8_t* buffer;
-    uint32_t want, size, consumed;
-    VelmoAudioEncoderBuffer(encoder, &buffer, &want);
-    const uint32_t got = static_cast<uint32_t>(std::min<uint64_t>(want, total - read));
-    std::memcpy(buffer, reinterpret_cast<const uint8_t*>(pcm.data()) + read, got);
-    read += got;
-    if (padShort) std::memset(buffer + got, 0, want - got);
-    const uint8_t* out;
-    VelmoAudioEncodeBlock(encoder, VelmoAudioLevelQuality(level), padShort ? want : got, &out,
-                          &size, &consumed);
-    result.Stream.insert(result.Stream.end(), out, out + size);
-    result.BlockSizes.push_back(size);
-    result.Consumed += consumed;
-  } while (result.Consumed < total);
-  VelmoAudioEncoderClose(encoder);
-  return result;
-}
+using test_support::EncodeAll;
+using test_support::Encoded;
 
 inline uint32_t ModeOf(int level) {
   return VelmoAudioLevelIsCurrentForm(level) ? VelmoAudioCurrentForm : 0;

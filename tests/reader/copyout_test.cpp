@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -18,7 +19,6 @@
 using namespace copyouttest;
 
 namespace {
-
 
 struct Rgba {
   int R, G, B, A;
@@ -59,41 +59,52 @@ int Copy(const VelmoCopyKernels& kernels, const VelmoCopySource& src, Surface& s
                                  srcY, w, h, flags);
 }
 
+Frame RandomFrame(uint32_t w, uint32_t h, bool alpha, uint32_t seed) {
+  Frame frame(w, h, alpha);
+  std::mt19937 rng(seed);
+  frame.Randomize(rng);
+  return frame;
+}
+
+// A surface just large enough, bottom up for `sign` -1, with the whole frame copied in.
+Surface CopyWhole(const VelmoCopySource& src, uint32_t format, int32_t sign = 1) {
+  Surface s(sign * int32_t(src.Width) * BytesOf(format & 15), int32_t(src.Height));
+  VelmoCopyPlanes(&src, s.Base(), s.Pitch, s.Lines, 0, 0, format);
+  return s;
+}
+
+constexpr uint32_t BadFormats[] = {0, 1, 2, 7, 11, 13, 14, 15};
+
+using Five = std::array<int, 5>;
+Five Weights(const VelmoConversionState& s) {
+  return {s.YWeight, s.CrToR, s.CrToG, s.CbToG, s.CbToB};
+}
+// The dither values of pixels 0 and 1 on even and odd lines, and of pixel 6 on an even line.
+Five Dither(const int16_t (&o)[2][8]) { return {o[0][0], o[0][1], o[1][0], o[1][1], o[0][6]}; }
+
 // ---------------------------------------------------------------------------------------------
 
 TEST(CopyOutState, FixedPointWeightsOffsetsAndDither) {
   VelmoConversionState s;
   ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 3, 0, &Plain, &s));
-  EXPECT_EQ(s.YWeight, 4768);   // 1.164124 × 4096 = 4768.25
-  EXPECT_EQ(s.CrToR, 6536);     // 6536.38
-  EXPECT_EQ(s.CrToG, -3332);    // −3331.99
-  EXPECT_EQ(s.CbToG, -1603);    // −1603.38
-  EXPECT_EQ(s.CbToB, 8265);     // 8264.998
+  // × 4096: 1.164124 → 4768.25, 6536.38, −3331.99, −1603.38, 8264.998.
+  EXPECT_EQ(Weights(s), (Five{4768, 6536, -3332, -1603, 8265}));
   EXPECT_EQ(s.PixelBytes, 4u);
   EXPECT_EQ(s.ShiftR, 3);
   EXPECT_EQ(s.CopyFlags, 0u);
-  // Red offset −0.874069 × 2048 = −1790.09; 8-bit steps O, O+4, O+6, O+2.
-  EXPECT_EQ(s.OffsetR[0][0], -1790);
-  EXPECT_EQ(s.OffsetR[0][1], -1786);
-  EXPECT_EQ(s.OffsetR[1][0], -1784);
-  EXPECT_EQ(s.OffsetR[1][1], -1788);
-  EXPECT_EQ(s.OffsetR[0][6], -1790);
+  // Red offset −0.874069 × 2048 = −1790.09; 8-bit steps O, O+4, O+6, O+2, repeating.
+  EXPECT_EQ(Dither(s.OffsetR), (Five{-1790, -1786, -1784, -1788, -1790}));
   EXPECT_EQ(s.OffsetB[0][0], -2224);  // −2223.95
 
-  // 5-6-5: five-bit channels step by 16, the six-bit green by 8.
+  // 5-6-5: five-bit channels step by 16, the six-bit green by 8; no alpha bits.
   ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 10, 0, &Plain, &s));
   EXPECT_EQ(s.PixelBytes, 2u);
-  EXPECT_EQ(s.ShiftR, 6);
-  EXPECT_EQ(s.ShiftG, 5);
-  EXPECT_EQ(s.ShiftA, 11);  // no alpha bits
-  EXPECT_EQ(s.OffsetR[0][1] - s.OffsetR[0][0], 32);
-  EXPECT_EQ(s.OffsetR[1][0] - s.OffsetR[0][0], 48);
-  EXPECT_EQ(s.OffsetR[1][1] - s.OffsetR[0][0], 16);
-  EXPECT_EQ(s.OffsetG[0][1] - s.OffsetG[0][0], 16);
-  EXPECT_EQ(s.OffsetG[1][0] - s.OffsetG[0][0], 24);
-  EXPECT_EQ(s.OffsetG[1][1] - s.OffsetG[0][0], 8);
+  EXPECT_EQ(std::vector<int>({s.ShiftR, s.ShiftG, s.ShiftA}), std::vector<int>({6, 5, 11}));
+  const int r = s.OffsetR[0][0], g = s.OffsetG[0][0];
+  EXPECT_EQ(Dither(s.OffsetR), (Five{r, r + 32, r + 48, r + 16, r}));
+  EXPECT_EQ(Dither(s.OffsetG), (Five{g, g + 16, g + 24, g + 8, g}));
 
-  for (uint32_t bad : {0u, 1u, 2u, 7u, 11u, 13u, 14u, 15u})
+  for (uint32_t bad : BadFormats)
     EXPECT_FALSE(VelmoBuildConversionState(VideoTable, bad, 0, &Plain, &s)) << bad;
 }
 
@@ -101,10 +112,7 @@ TEST(CopyOutState, ChannelOrderAndGrayscale) {
   VelmoConversionState s;
   // Red at bit 0: red and blue roles change places and the chroma planes are exchanged.
   ASSERT_TRUE(VelmoBuildConversionState(VideoTable, 4, 0, &Plain, &s));
-  EXPECT_EQ(s.CrToR, 8265);
-  EXPECT_EQ(s.CbToB, 6536);
-  EXPECT_EQ(s.CrToG, -1603);
-  EXPECT_EQ(s.CbToG, -3332);
+  EXPECT_EQ(Weights(s), (Five{4768, 8265, -1603, -3332, 6536}));
   EXPECT_EQ(s.OffsetR[0][0], -2224);
   EXPECT_EQ(s.CopyFlags, uint32_t(VelmoCopySwapChroma));
   // Asking for the reversed order of a reversed format undoes it.
@@ -124,81 +132,53 @@ TEST(CopyOutState, ChannelOrderAndGrayscale) {
 // ---------------------------------------------------------------------------------------------
 // Against the float model.
 
-struct KnownColour {
-  const char* Name;
-  const float* Table;
-  uint8_t Y, Cr, Cb;
-  int R, G, B;  // expected 8-bit result, or −1 to check against the model only
-};
-
-TEST(CopyOutModel, KnownColoursInEveryFormat) {
-  const KnownColour colours[] = {
-      {"video black", VideoTable, 16, 128, 128, 0, 0, 0},
-      {"video white", VideoTable, 235, 128, 128, 255, 255, 255},
-      {"full black", FullTable, 0, 128, 128, 0, 0, 0},
-      {"full white", FullTable, 255, 128, 128, 255, 255, 255},
-      {"video red", VideoTable, 81, 240, 90, -1, -1, -1},
-      {"full red", FullTable, 76, 255, 85, -1, -1, -1},
+// Black and white of both tables, and 400 random colours, in every format at every pixel of a
+// frame whose width is no whole number of 16-pixel groups. Black and white hold whatever the
+// dither value; any other colour is within one step of the rounded model where the dither is 0
+// (even columns of even lines), and within the dither's reach elsewhere.
+TEST(CopyOutModel, ColoursMatchTheModelInEveryFormat) {
+  struct Colour {
+    const float* Table;
+    uint8_t Y, Cr, Cb;
+    int Exact;  // 0 black, 1 white, -1 the model only
   };
-  for (const KnownColour& c : colours) {
+  std::vector<Colour> colours = {{VideoTable, 16, 128, 128, 0}, {VideoTable, 235, 128, 128, 1},
+                                 {FullTable, 0, 128, 128, 0},   {FullTable, 255, 128, 128, 1},
+                                 {VideoTable, 81, 240, 90, -1}, {FullTable, 76, 255, 85, -1}};
+  std::mt19937 rng(777);
+  for (int i = 0; i < 400; ++i)
+    colours.push_back({i % 2 ? VideoTable : FullTable, uint8_t(rng()), uint8_t(rng()),
+                       uint8_t(rng()), -1});
+  for (const Colour& c : colours) {
+    SCOPED_TRACE(testing::Message() << int(c.Y) << "," << int(c.Cr) << "," << int(c.Cb)
+                                    << (c.Table == VideoTable ? " video" : " full"));
     Frame frame(37, 9, false);
     frame.Fill(c.Y, c.Cr, c.Cb);
-    const VelmoCopySource src = frame.Source(c.Table);
     double model[3];
     FloatModel(c.Table, c.Y, c.Cr, c.Cb, model);
-    if (c.R >= 0) {
-      EXPECT_NEAR(model[0] * 255, c.R, 0.6) << c.Name;
-      EXPECT_NEAR(model[2] * 255, c.B, 0.6) << c.Name;
-    }
+    if (c.Exact >= 0)
+      for (double m : model) EXPECT_NEAR(m * 255, c.Exact * 255, 0.6);
     for (uint32_t format : ValidFormats) {
+      SCOPED_TRACE(format);
       const int bytes = BytesOf(format);
       Surface out(37 * bytes, 9);
-      Copy(Plain, src, out, 0, 0, 0, 0, 37, 9, format);
+      Copy(Plain, frame.Source(c.Table), out, 0, 0, 0, 0, 37, 9, format);
       const int bits[3] = {RedBits(format), GreenBits(format), RedBits(format)};
       for (int y = 0; y < 9; ++y) {
         for (int x = 0; x < 37; ++x) {
           const Rgba px = Decode(format, out.Pixel(x, y, bytes));
           const int got[3] = {px.R, px.G, px.B};
           for (int ch = 0; ch < 3; ++ch) {
-            const int max = MaxOf(bits[ch]);
-            const int want = int(std::lround(model[ch] * max));
-            if (c.R >= 0) {
-              // Full black and white hold whatever the dither value.
-              ASSERT_EQ(got[ch], (c.R ? max : 0))
-                  << c.Name << " format " << format << " at " << x << "," << y;
-            } else if ((x | y) % 2 == 0) {
-              // Dither 0 at even columns of even lines: within one step of the model.
-              ASSERT_NEAR(got[ch], want, 1) << c.Name << " format " << format;
-            } else {
-              ASSERT_GE(got[ch], want - 1) << c.Name << " format " << format;
-              ASSERT_LE(got[ch], want + 2) << c.Name << " format " << format;
-            }
+            const int max = MaxOf(bits[ch]), want = int(std::lround(model[ch] * max));
+            const int low = c.Exact >= 0 ? c.Exact * max : want - 1;
+            const int high = c.Exact >= 0 ? low : want + ((x | y) % 2 ? 2 : 1);
+            ASSERT_TRUE(got[ch] >= low && got[ch] <= high)
+                << got[ch] << " not in " << low << ".." << high << ", channel " << ch << " at "
+                << x << "," << y;
           }
-          if (format == 10) continue;
-          EXPECT_EQ(px.A, BytesOf(format) == 2 ? 1 : 255);  // no alpha plane: opaque
+          if (format != 10) ASSERT_EQ(px.A, bytes == 2 ? 1 : 255);  // no alpha plane: opaque
         }
       }
-    }
-  }
-}
-
-TEST(CopyOutModel, RandomColoursWithinOneStepBeforeDither) {
-  std::mt19937 rng(777);
-  for (int iter = 0; iter < 400; ++iter) {
-    const float* table = iter % 2 ? VideoTable : FullTable;
-    const uint8_t y = uint8_t(rng()), cr = uint8_t(rng()), cb = uint8_t(rng());
-    Frame frame(18, 2, false);
-    frame.Fill(y, cr, cb);
-    double model[3];
-    FloatModel(table, y, cr, cb, model);
-    for (uint32_t format : ValidFormats) {
-      const int bytes = BytesOf(format);
-      Surface out(18 * bytes, 2);
-      Copy(Plain, frame.Source(table), out, 0, 0, 0, 0, 18, 2, format);
-      const Rgba px = Decode(format, out.Pixel(4, 0, bytes));
-      EXPECT_NEAR(px.R, model[0] * MaxOf(RedBits(format)), 1.5) << int(y) << "," << int(cr) << "," << int(cb);
-      EXPECT_NEAR(px.G, model[1] * MaxOf(GreenBits(format)), 1.5) << format;
-      EXPECT_NEAR(px.B, model[2] * MaxOf(RedBits(format)), 1.5) << format;
     }
   }
 }
@@ -226,12 +206,11 @@ TEST(CopyOutModel, ChromaUpsamplingWeightsAndEdges) {
         };
         // Within one step of the rounded model where the dither is 0, else up to the dither.
         const Rgba px = Decode(3, out.Pixel(int32_t(x), int32_t(y), 4));
-        const int lo = -1, hi = (x | y) % 2 == 0 ? 1 : 2;
-        const long r = std::lround(up(frame.Cr)), b = std::lround(up(frame.Cb));
-        ASSERT_TRUE(px.R - r >= lo && px.R - r <= hi)
-            << w << "x" << h << " at " << x << "," << y << ": " << px.R << " for " << up(frame.Cr);
-        ASSERT_TRUE(px.B - b >= lo && px.B - b <= hi)
-            << w << "x" << h << " at " << x << "," << y << ": " << px.B << " for " << up(frame.Cb);
+        for (auto [got, plane] : {std::pair{px.R, &frame.Cr}, {px.B, &frame.Cb}}) {
+          const long want = std::lround(up(*plane));
+          ASSERT_TRUE(got >= want - 1 && got <= want + ((x | y) % 2 == 0 ? 1 : 2))
+              << w << "x" << h << " at " << x << "," << y << ": " << got << " for " << up(*plane);
+        }
       }
     }
   }
@@ -303,12 +282,9 @@ TEST(CopyOutRect, TightPlanesAreNotReadPastTheirEnd) {
 }
 
 TEST(CopyOutRect, LimitsToFrameAndDestination) {
-  Frame frame(20, 10, false);
-  std::mt19937 rng(5);
-  frame.Randomize(rng);
+  const Frame frame = RandomFrame(20, 10, false, 5);
   const VelmoCopySource src = frame.Source();
-  Surface full(20 * 4, 10);
-  VelmoCopyPlanesRect(&src, full.Base(), full.Pitch, 10, 0, 0, 0, 0, 20, 10, 3);
+  const Surface full = CopyWhole(src, 3);
 
   // A rectangle past the frame's right and bottom edges is cut at them.
   Surface cut(20 * 4, 10);
@@ -336,15 +312,11 @@ TEST(CopyOutRect, LimitsToFrameAndDestination) {
 }
 
 TEST(CopyOutRect, NegativePitchStoresBottomUp) {
-  Frame frame(29, 7, true);
-  std::mt19937 rng(8);
-  frame.Randomize(rng);
+  const Frame frame = RandomFrame(29, 7, true, 8);
   const VelmoCopySource src = frame.Source();
   for (uint32_t format : ValidFormats) {
     const int bytes = BytesOf(format);
-    Surface down(29 * bytes, 7), up(-29 * bytes, 7);
-    VelmoCopyPlanes(&src, down.Base(), down.Pitch, 7, 0, 0, format);
-    VelmoCopyPlanes(&src, up.Base(), up.Pitch, 7, 0, 0, format);
+    Surface down = CopyWhole(src, format), up = CopyWhole(src, format, -1);
     // The first picture line is the last line in memory.
     EXPECT_EQ(0, std::memcmp(up.Base() + 6 * 29 * bytes, down.Base(), 29 * bytes));
     for (int32_t y = 0; y < 7; ++y)
@@ -361,8 +333,8 @@ TEST(CopyOutFlags, BadFormatsHdrAndMissingPlanesCopyNothing) {
   VelmoCopySource src = frame.Source();
   Surface s(16 * 4, 4);
   const std::vector<uint8_t> untouched = s.Mem;
-  for (uint32_t bad : {0u, 1u, 2u, 7u, 11u, 13u, 14u, 15u})
-    EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, bad), 0);
+  for (uint32_t bad : BadFormats)
+    EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, bad), 0) << bad;
   src.IsHdr = 1;
   EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
   src.IsHdr = 0;
@@ -375,128 +347,84 @@ TEST(CopyOutFlags, BadFormatsHdrAndMissingPlanesCopyNothing) {
 }
 
 TEST(CopyOutFlags, FormatPairsAndChannelOrder) {
-  Frame frame(40, 6, true);
-  std::mt19937 rng(31);
-  frame.Randomize(rng);
+  const Frame frame = RandomFrame(40, 6, true, 31);
   const VelmoCopySource src = frame.Source();
-  auto copy = [&](uint32_t format) {
-    Surface s(40 * BytesOf(format), 6);
-    VelmoCopyPlanes(&src, s.Base(), s.Pitch, 6, 0, 0, format);
-    return s;
-  };
-  const Surface f3 = copy(3), f4 = copy(4);
-  EXPECT_EQ(copy(5).Mem, f3.Mem);
-  EXPECT_EQ(copy(12).Mem, f3.Mem);
-  EXPECT_EQ(copy(6).Mem, f4.Mem);
-  EXPECT_EQ(copy(9).Mem, copy(8).Mem);
+  const Surface f3 = CopyWhole(src, 3), f4 = CopyWhole(src, 4);
+  EXPECT_EQ(CopyWhole(src, 5).Mem, f3.Mem);
+  EXPECT_EQ(CopyWhole(src, 12).Mem, f3.Mem);
+  EXPECT_EQ(CopyWhole(src, 6).Mem, f4.Mem);
+  EXPECT_EQ(CopyWhole(src, 9).Mem, CopyWhole(src, 8).Mem);
   for (int32_t y = 0; y < 6; ++y) {
     for (int32_t x = 0; x < 40; ++x) {
       const Rgba a = Decode(3, f3.Pixel(x, y, 4)), b = Decode(4, f4.Pixel(x, y, 4));
-      ASSERT_EQ(a.R, b.R);
-      ASSERT_EQ(a.G, b.G);
-      ASSERT_EQ(a.B, b.B);
-      ASSERT_EQ(a.A, b.A);
+      ASSERT_EQ(std::vector<int>({a.R, a.G, a.B, a.A}), std::vector<int>({b.R, b.G, b.B, b.A}));
     }
   }
 }
 
 TEST(CopyOutFlags, AlphaPlaneOpaqueFillAndFlip) {
-  Frame frame(35, 5, true);
-  std::mt19937 rng(17);
-  frame.Randomize(rng);
-  VelmoCopySource src = frame.Source();
-  for (uint32_t format : {3u, 9u, 10u}) {
-    const int bytes = BytesOf(format);
-    Surface s(35 * bytes, 5);
-    VelmoCopyPlanes(&src, s.Base(), s.Pitch, 5, 0, 0, format);
+  const Frame frame = RandomFrame(35, 5, true, 17);
+  const VelmoCopySource src = frame.Source();
+  VelmoCopySource noAlpha = src;
+  noAlpha.Alpha = nullptr;
+  for (uint32_t format : {3u, 9u}) {
+    const Surface s = CopyWhole(src, format);
     for (int32_t y = 0; y < 5; ++y) {
       for (int32_t x = 0; x < 35; ++x) {
-        const Rgba px = Decode(format, s.Pixel(x, y, bytes));
         const uint8_t a = frame.A[size_t(y) * frame.LumaPitch + x];
-        if (format == 3) {
-          ASSERT_EQ(px.A, a);
-        } else if (format == 9) {
-          ASSERT_EQ(px.A, a >> 7);
-        }
+        ASSERT_EQ(Decode(format, s.Pixel(x, y, BytesOf(format))).A, format == 3 ? a : a >> 7);
       }
     }
-    if (format == 10) {
-      // No alpha bits: the same as a frame without an alpha plane.
-      VelmoCopySource plain = src;
-      plain.Alpha = nullptr;
-      Surface t(35 * bytes, 5);
-      VelmoCopyPlanes(&plain, t.Base(), t.Pitch, 5, 0, 0, format);
-      EXPECT_EQ(t.Mem, s.Mem);
-    }
   }
+  // 5-6-5 has no alpha bits: the same as a frame without an alpha plane.
+  EXPECT_EQ(CopyWhole(src, 10).Mem, CopyWhole(noAlpha, 10).Mem);
 
   // The flip, from the flags or the open flags, equals a frame with the planes exchanged.
   Frame swapped = frame;
   std::swap(swapped.Y, swapped.A);
-  const VelmoCopySource swappedSrc = swapped.Source();
-  Surface want(35 * 4, 5), byFlag(35 * 4, 5), byOpen(35 * 4, 5);
-  VelmoCopyPlanes(&swappedSrc, want.Base(), want.Pitch, 5, 0, 0, 5);
-  VelmoCopyPlanes(&src, byFlag.Base(), byFlag.Pitch, 5, 0, 0, 5 | VelmoCopyFlipAlpha);
-  src.OpenFlags = VelmoCopyFlipAlpha;
-  VelmoCopyPlanes(&src, byOpen.Base(), byOpen.Pitch, 5, 0, 0, 5);
-  EXPECT_EQ(byFlag.Mem, want.Mem);
-  EXPECT_EQ(byOpen.Mem, want.Mem);
-
+  const Surface want = CopyWhole(swapped.Source(), 5);
+  EXPECT_EQ(CopyWhole(src, 5 | VelmoCopyFlipAlpha).Mem, want.Mem);
+  VelmoCopySource byOpen = src;
+  byOpen.OpenFlags = VelmoCopyFlipAlpha;
+  EXPECT_EQ(CopyWhole(byOpen, 5).Mem, want.Mem);
   // Without an alpha plane the flip is ignored.
-  src = frame.Source();
-  src.Alpha = nullptr;
-  Surface plain(35 * 4, 5), flipped(35 * 4, 5);
-  VelmoCopyPlanes(&src, plain.Base(), plain.Pitch, 5, 0, 0, 5);
-  VelmoCopyPlanes(&src, flipped.Base(), flipped.Pitch, 5, 0, 0, 5 | VelmoCopyFlipAlpha);
-  EXPECT_EQ(plain.Mem, flipped.Mem);
+  EXPECT_EQ(CopyWhole(noAlpha, 5 | VelmoCopyFlipAlpha).Mem, CopyWhole(noAlpha, 5).Mem);
 }
 
 TEST(CopyOutFlags, GrayscaleAndTableShapes) {
-  Frame frame(26, 6, false);
-  std::mt19937 rng(23);
-  frame.Randomize(rng);
+  const Frame frame = RandomFrame(26, 6, false, 23);
+  auto lumaAt = [&](int32_t x, int32_t y) { return frame.Y[size_t(y) * frame.LumaPitch + x]; };
   // Grayscale at full range: every channel is Y, chroma is never read.
   VelmoCopySource src = frame.Source(FullTable);
   src.Cr = src.Cb = nullptr;
-  Surface gray(26 * 4, 6);
-  VelmoCopyPlanes(&src, gray.Base(), gray.Pitch, 6, 0, 0, 3 | VelmoCopyGrayscale);
+  const Surface gray = CopyWhole(src, 3 | VelmoCopyGrayscale);
   for (int32_t y = 0; y < 6; y += 2) {
     for (int32_t x = 0; x < 26; x += 2) {
       const Rgba px = Decode(3, gray.Pixel(x, y, 4));
-      const int yv = frame.Y[size_t(y) * frame.LumaPitch + x];
-      ASSERT_NEAR(px.R, yv, 1);
+      ASSERT_NEAR(px.R, lumaAt(x, y), 1);
       ASSERT_EQ(px.R, px.G);
       ASSERT_EQ(px.R, px.B);
     }
   }
   src = frame.Source(FullTable);
   src.OpenFlags = VelmoCopyGrayscale;
-  Surface grayByOpen(26 * 4, 6);
-  VelmoCopyPlanes(&src, grayByOpen.Base(), grayByOpen.Pitch, 6, 0, 0, 3);
-  EXPECT_EQ(grayByOpen.Mem, gray.Mem);
+  EXPECT_EQ(CopyWhole(src, 3).Mem, gray.Mem);
 
   // A table with Cr and Cb the other way round, over exchanged planes, gives the same picture.
   Frame exchanged = frame;
   std::swap(exchanged.Cr, exchanged.Cb);
-  const Table swappedTable = SwappedChroma(VideoTable);
-  const VelmoCopySource normal = frame.Source(VideoTable), other = exchanged.Source(swappedTable.V);
-  Surface a(26 * 4, 6), b(26 * 4, 6);
-  VelmoCopyPlanes(&normal, a.Base(), a.Pitch, 6, 0, 0, 3);
-  VelmoCopyPlanes(&other, b.Base(), b.Pitch, 6, 0, 0, 3);
-  EXPECT_EQ(a.Mem, b.Mem);
+  EXPECT_EQ(CopyWhole(frame.Source(VideoTable), 3).Mem,
+            CopyWhole(exchanged.Source(SwappedChroma(VideoTable).V), 3).Mem);
 
   // Any other shape shows plain Y: the chroma planes make no difference.
   float oddTable[16];
   std::memcpy(oddTable, FullTable, sizeof oddTable);
   oddTable[12] = 0.5f;
-  const VelmoCopySource oddA = frame.Source(oddTable), oddB = exchanged.Source(oddTable);
-  Surface c(26 * 4, 6), d(26 * 4, 6);
-  VelmoCopyPlanes(&oddA, c.Base(), c.Pitch, 6, 0, 0, 3);
-  VelmoCopyPlanes(&oddB, d.Base(), d.Pitch, 6, 0, 0, 3);
-  EXPECT_EQ(c.Mem, d.Mem);
+  const Surface odd = CopyWhole(frame.Source(oddTable), 3);
+  EXPECT_EQ(odd.Mem, CopyWhole(exchanged.Source(oddTable), 3).Mem);
   for (int32_t y = 0; y < 6; y += 2)  // where the dither is 0: half of Y, nothing else
     for (int32_t x = 0; x < 26; x += 2)
-      ASSERT_NEAR(Decode(3, c.Pixel(x, y, 4)).R, frame.Y[size_t(y) * frame.LumaPitch + x] / 2.0, 1.0);
+      ASSERT_NEAR(Decode(3, odd.Pixel(x, y, 4)).R, lumaAt(x, y) / 2.0, 1.0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -532,18 +460,14 @@ TEST(CopyOutHooks, SkipCheckDecidesAndNeverSkipPassesThrough) {
   EXPECT_EQ(log.Flags, 3u | VelmoCopyNeverSkip);
   log.Answer = 0;
   EXPECT_EQ(VelmoCopyPlanes(&src, s.Base(), s.Pitch, 4, 0, 0, 3), 0);
-  EXPECT_EQ(log.Begins, 3);
-  EXPECT_EQ(log.Ends, 3);
-  EXPECT_EQ(log.Checks, 3);
+  EXPECT_EQ(std::vector<int>({log.Begins, log.Ends, log.Checks}), std::vector<int>({3, 3, 3}));
   // An empty rectangle does not count as a copy.
   EXPECT_EQ(VelmoCopyPlanesRect(&src, s.Base(), s.Pitch, 4, 0, 0, 0, 0, 0, 0, 3), 0);
   EXPECT_EQ(log.Begins, 3);
 }
 
 TEST(CopyOutSource, FromTheCurrentFrameBufferSet) {
-  Frame frame(24, 6, true);
-  std::mt19937 rng(3);
-  frame.Randomize(rng);
+  Frame frame = RandomFrame(24, 6, true, 3);
   std::vector<uint8_t> other(frame.Y.size(), 0);
   VelmoFrameBuffers buffers{};
   buffers.Count = 2;
@@ -562,11 +486,7 @@ TEST(CopyOutSource, FromTheCurrentFrameBufferSet) {
   VelmoCopySourceFromBuffers(buffers, FullTable, 0xFFFFFFFFu, false, &src);
   EXPECT_EQ(src.OpenFlags, uint32_t(VelmoCopyOpenFlagsMask));
   src.OpenFlags = 0;
-  const VelmoCopySource direct = frame.Source(FullTable);
-  Surface a(24 * 4, 6), b(24 * 4, 6);
-  VelmoCopyPlanes(&src, a.Base(), a.Pitch, 6, 0, 0, 5);
-  VelmoCopyPlanes(&direct, b.Base(), b.Pitch, 6, 0, 0, 5);
-  EXPECT_EQ(a.Mem, b.Mem);
+  EXPECT_EQ(CopyWhole(src, 5).Mem, CopyWhole(frame.Source(FullTable), 5).Mem);
   VelmoCopySourceFromBuffers(buffers, FullTable, 0, true, &src);
   Surface c(24 * 4, 6);
   EXPECT_EQ(VelmoCopyPlanes(&src, c.Base(), c.Pitch, 6, 0, 0, 5), 0);

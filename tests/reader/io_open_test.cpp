@@ -3,6 +3,7 @@
 // jumps, several files at once, a file cut short, a simulated slow medium, and closes while a
 // read is pending.
 #include "io_test_medium.h"
+#include "support/files.h"
 #include "velmo_test_files.h"
 
 #include <fcntl.h>
@@ -10,9 +11,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <thread>
 
 namespace {
 
@@ -36,7 +34,9 @@ std::vector<uint8_t> BigFile(uint32_t frames = Frames) {
 
 class ReadAheadOpenTest : public VelmoTest {
  protected:
-  std::vector<std::string> Paths;
+  test_support::ScratchDir Dir;
+  std::vector<uint8_t> File;  // the last one Open wrote
+  uint32_t Written = 0;
   void SetUp() override {
     VelmoTest::SetUp();
     VelmoSetFileCalls(nullptr);
@@ -44,19 +44,24 @@ class ReadAheadOpenTest : public VelmoTest {
   void TearDown() override {
     VelmoIOStopUnused();
     EXPECT_FALSE(VelmoIOThreadRunning());
-    for (const std::string& p : Paths) std::remove(p.c_str());
     VelmoTest::TearDown();
   }
+  // Writes `bytes` to a new file behind `prefix` bytes of something else; its path.
   std::string Write(const std::vector<uint8_t>& bytes, size_t prefix = 0) {
-    char name[] = "/tmp/velmo_io_open_XXXXXX";
-    const int fd = mkstemp(name);
-    EXPECT_GE(fd, 0);
-    const std::vector<uint8_t> junk(prefix, 0x5A);
-    EXPECT_EQ(write(fd, junk.data(), junk.size()), ssize_t(prefix));
-    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
-    close(fd);
-    Paths.push_back(name);
-    return name;
+    std::vector<uint8_t> all(prefix, 0x5A);
+    all.insert(all.end(), bytes.begin(), bytes.end());
+    const std::string path = Dir / std::to_string(++Written);
+    test_support::WriteFile(path, all);
+    return path;
+  }
+  // Writes File, `frames` big frames, and opens it by path with a ring of `ioSize` bytes
+  // (0: the default).
+  HVELMO Open(uint32_t flags, uint32_t frames = Frames, uint32_t ioSize = 0x40000) {
+    File = BigFile(frames);
+    VelmoSetIOSize(ioSize);
+    HVELMO h = VelmoOpen(Write(File).c_str(), flags | VelmoOpenNoBuffers);
+    EXPECT_NE(h, nullptr) << VelmoGetError();
+    return h;
   }
   // The selected frame's packet, read to the end, matches the file.
   static ::testing::AssertionResult PacketMatches(HVELMO h, const std::vector<uint8_t>& file) {
@@ -80,11 +85,9 @@ class ReadAheadOpenTest : public VelmoTest {
 };
 
 TEST_F(ReadAheadOpenTest, TheReaderThreadServesAWalk) {
-  const std::vector<uint8_t> file = BigFile();
-  const std::string path = Write(file);
-  VelmoSetIOSize(0x40000);  // a ring far smaller than the file
-  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
+  HVELMO h = Open(0);  // a ring far smaller than the file
+  ASSERT_NE(h, nullptr);
+  const std::vector<uint8_t>& file = File;
   VelmoState* s = VelmoStateOf(h);
   EXPECT_EQ(s->OnReaderList, 1u);
   EXPECT_EQ(h->OpenFlags & VelmoOpenNoBackground, 0u);
@@ -110,25 +113,21 @@ TEST_F(ReadAheadOpenTest, TheReaderThreadServesAWalk) {
 }
 
 TEST_F(ReadAheadOpenTest, WithoutBackgroundReadingTheCallerReads) {
-  const std::vector<uint8_t> file = BigFile();
-  const std::string path = Write(file);
-  VelmoSetIOSize(0x40000);
-  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
+  HVELMO h = Open(VelmoOpenNoBackground);
+  ASSERT_NE(h, nullptr);
   EXPECT_EQ(VelmoStateOf(h)->OnReaderList, 0u);
   EXPECT_FALSE(VelmoIOThreadRunning());
   // The open filled the ring.
   EXPECT_EQ(h->IOProvider.RingFree, h->IOProvider.BufferSize - h->IOProvider.BufferUsed);
   EXPECT_GT(h->IOProvider.BytesRead, 0x30000u);
-  ASSERT_TRUE(WalkAll(h, file, Frames + 5));
+  ASSERT_TRUE(WalkAll(h, File, Frames + 5));
   VelmoClose(h);
 }
 
 TEST_F(ReadAheadOpenTest, ASmallFileIsReadWhole) {
-  const std::vector<uint8_t> file = BigFile(6);
-  const std::string path = Write(file);
-  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
+  HVELMO h = Open(VelmoOpenNoBackground, 6, 0);
+  ASSERT_NE(h, nullptr);
+  const std::vector<uint8_t>& file = File;
   EXPECT_EQ(h->ReadBufferSize, file.size() + 16);
   EXPECT_GE(h->IOProvider.BufferSize, file.size());
   const uint64_t read = h->IOProvider.BytesRead;
@@ -141,15 +140,13 @@ TEST_F(ReadAheadOpenTest, ASmallFileIsReadWhole) {
 }
 
 TEST_F(ReadAheadOpenTest, PreloadReadsTheFramesAtOpenAndClosesTheFile) {
-  const std::vector<uint8_t> file = BigFile();
-  const std::string path = Write(file);
-  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenPreload);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
+  HVELMO h = Open(VelmoOpenPreload, Frames, 0);
+  ASSERT_NE(h, nullptr);
   EXPECT_NE(h->PreloadData, nullptr);
   EXPECT_NE(h->OpenFlags & VelmoOpenNoBackground, 0u);
   EXPECT_EQ(VelmoStateOf(h)->ProviderOpen, 0u);
   EXPECT_FALSE(VelmoIOThreadRunning());
-  ASSERT_TRUE(WalkAll(h, file, Frames + 2));
+  ASSERT_TRUE(WalkAll(h, File, Frames + 2));
   VelmoClose(h);
 }
 
@@ -182,17 +179,14 @@ TEST_F(ReadAheadOpenTest, AFileInsideAnotherFileByPathOrHandle) {
 }
 
 TEST_F(ReadAheadOpenTest, JumpsSeekThroughTheRing) {
-  const std::vector<uint8_t> file = BigFile();
-  const std::string path = Write(file);
-  VelmoSetIOSize(0x40000);
-  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
+  HVELMO h = Open(0);
+  ASSERT_NE(h, nullptr);
   for (uint32_t target : {40u, 5u, 41u, 59u, 58u, 1u, 60u, 30u}) {
     VelmoGoto(h, target, VelmoGotoExact | VelmoGotoDirect);
     ASSERT_EQ(h->FrameNum, target);
-    ASSERT_TRUE(PacketMatches(h, file));
+    ASSERT_TRUE(PacketMatches(h, File));
     VelmoNextFrame(h);
-    ASSERT_TRUE(PacketMatches(h, file));
+    ASSERT_TRUE(PacketMatches(h, File));
   }
   VelmoClose(h);
 }
@@ -201,10 +195,9 @@ TEST_F(ReadAheadOpenTest, SeveralFilesPlayAtOnce) {
   std::vector<std::vector<uint8_t>> files;
   std::vector<HVELMO> handles;
   for (uint32_t i = 0; i < 3; ++i) {
-    files.push_back(BigFile(Frames - 10 * i));
-    VelmoSetIOSize(0x40000 + i * 0x20000);
-    handles.push_back(VelmoOpen(Write(files.back()).c_str(), VelmoOpenNoBuffers));
-    ASSERT_NE(handles.back(), nullptr) << VelmoGetError();
+    handles.push_back(Open(0, Frames - 10 * i, 0x40000 + i * 0x20000));
+    ASSERT_NE(handles.back(), nullptr);
+    files.push_back(File);
   }
   EXPECT_EQ(VelmoIOUserCount(), 3u);
   for (uint32_t n = 0; n < 2 * Frames; ++n) {
@@ -284,12 +277,10 @@ TEST_F(ReadAheadOpenTest, AThousandBytesASecondStarveTheRing) {
   // About 630 KB of frames at 30 a second (too much for the ring to take all), some 1 MB a
   // second wanted and 1000 bytes given. On the caller's thread, so that each read falls between
   // the same two frames every run.
-  const std::vector<uint8_t> file = BigFile(18);
-  const std::string path = Write(file);
   VelmoSetSimulate(1000);
-  VelmoSetIOSize(0x40000);
-  HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoFill | VelmoOpenNoBackground);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
+  HVELMO h = Open(VelmoOpenNoFill | VelmoOpenNoBackground, 18);
+  ASSERT_NE(h, nullptr);
+  const std::vector<uint8_t>& file = File;
   const IOProvider& io = h->IOProvider;
   EXPECT_EQ(io.BufferUsed, 0u);
   // Every frame is late, so the waits never read ahead: each packet is read when it is wanted,
@@ -319,11 +310,11 @@ TEST_F(ReadAheadOpenTest, AThousandBytesASecondStarveTheRing) {
 }
 
 TEST_F(ReadAheadOpenTest, ClosingWhileAReadIsPending) {
-  const std::vector<uint8_t> file = BigFile();
-  const std::string path = Write(file);
+  const std::string path = Write(BigFile());
   for (int i = 0; i < 20; ++i) {
     VelmoSetIOSize(0x40000);
-    HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | (i % 3 == 0 ? uint32_t(VelmoOpenKeepThreads) : 0u));
+    const uint32_t keep = i % 3 == 0 ? uint32_t(VelmoOpenKeepThreads) : 0u;
+    HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | keep);
     ASSERT_NE(h, nullptr) << VelmoGetError();
     for (int k = 0; k < i % 7; ++k) VelmoNextFrame(h);
     VelmoGoto(h, 1 + (i * 13) % Frames, VelmoGotoExact | VelmoGotoDirect);

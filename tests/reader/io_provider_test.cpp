@@ -12,108 +12,82 @@
 namespace {
 
 using namespace io_test;
+using Row = std::vector<uint64_t>;
 
 class FileProviderTest : public MediumTest {};
 
 TEST_F(FileProviderTest, BufferSizesComeInUnitsWithRoomToAlign) {
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(100)).c_str()));
-  auto size = [&](uint64_t wanted) { return r.Io->GetBufferSize(r.Io, wanted); };
-  EXPECT_EQ(size(0), 0x41000u);
-  EXPECT_EQ(size(1), 0x41000u);
-  EXPECT_EQ(size(0x3FFFF), 0x41000u);
-  EXPECT_EQ(size(0x40000), 0x41000u);  // rounded value is not below 0x40000
-  EXPECT_EQ(size(0x40001), 0x61000u);
-  EXPECT_EQ(size(0x60000), 0x61000u);
-  EXPECT_EQ(size(0x1000000), 0x1001000u);
+  auto r = Start(100);
+  // (Wanted, given): a rounded value is not below 0x40000.
+  const uint64_t sizes[][2] = {{0, 0x41000},       {1, 0x41000},       {0x3FFFF, 0x41000},
+                               {0x40000, 0x41000}, {0x40001, 0x61000}, {0x60000, 0x61000},
+                               {0x1000000, 0x1001000}};
+  for (const auto& [wanted, given] : sizes)
+    EXPECT_EQ(r->Io->GetBufferSize(r->Io, wanted), given) << wanted;
 }
 
 TEST_F(FileProviderTest, SetInfoAlignsTheRingAndKeepsWholeUnits) {
   const uint64_t fileSize = 4 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
+  auto r = Start(fileSize);
   // A block 100 bytes past a boundary: the ring starts on the next one, whole units only.
-  r.GiveRing(0x61000, fileSize, 0, 100);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(r.Io->RingStart) % VelmoIOAlign, 0u);
-  EXPECT_EQ(r.Io->BufferSize, 3 * Unit);
-  EXPECT_EQ(r.Io->RingEnd - r.Io->RingStart, int64_t(3 * Unit));
-  EXPECT_EQ(r.Io->RingWrite, r.Io->RingStart);
-  EXPECT_EQ(r.Io->RingFree, 3 * Unit);
-  EXPECT_EQ(r.Io->BufferFree, 3 * Unit);
-  EXPECT_EQ(r.Used(), 0u);
-  EXPECT_EQ(r.Io->RingRead, 0u);
-  EXPECT_EQ(r.Io->FileTotal, fileSize);
+  r->GiveRing(0x61000, fileSize, 0, 100);
+  const IOProvider& io = *r->Io;
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(io.RingStart) % VelmoIOAlign, 0u);
+  EXPECT_EQ(io.RingWrite, io.RingStart);
+  // Size, ring length, room, free, used, read offset, file size.
+  EXPECT_EQ(Row({io.BufferSize, uint64_t(io.RingEnd - io.RingStart), io.RingFree, io.BufferFree,
+                 r->Used(), io.RingRead, io.FileTotal}),
+            Row({3 * Unit, 3 * Unit, 3 * Unit, 3 * Unit, 0, 0, fileSize}));
 
   // Aligned exactly: nothing is lost.
-  r.GiveRing(2 * Unit, fileSize);
-  EXPECT_EQ(r.Io->BufferSize, 2 * Unit);
+  r->GiveRing(2 * Unit, fileSize);
+  EXPECT_EQ(r->Io->BufferSize, 2 * Unit);
   // A block that holds the whole file keeps all of it, units or not.
-  r.GiveRing(fileSize + 16, fileSize);
-  EXPECT_EQ(r.Io->BufferSize, fileSize + 16);
-  // A block smaller than a unit and than the file cannot read ahead: reads go direct.
-  r.GiveRing(Unit / 2, fileSize);
-  EXPECT_EQ(r.Io->BufferSize, 0u);
-  EXPECT_EQ(r.Io->RingStart, nullptr);
-  EXPECT_EQ(r.Idle(), 0u);
+  r->GiveRing(fileSize + 16, fileSize);
+  EXPECT_EQ(r->Io->BufferSize, fileSize + 16);
 }
 
 TEST_F(FileProviderTest, ReadsAheadInUnitsOnFileUnitBoundaries) {
-  const uint64_t fileSize = 10 * Unit + 5000;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(3000);  // header and tables, unbuffered
-  EXPECT_EQ(r.Io->FileTotal, fileSize);
-  r.GiveRing(4 * Unit, fileSize);
+  auto r = Start(10 * Unit + 5000, 4 * Unit, 3000);  // header and tables read unbuffered
   ClearLog();
 
   // The first unit was entered by the header reads: its head is skipped in the ring too.
-  EXPECT_EQ(r.Idle(), Unit - 3000);
-  EXPECT_EQ(r.Io->RingRead, 3000u);
-  EXPECT_EQ(r.Used(), Unit - 3000);
-  EXPECT_EQ(r.Fill(), 3u);
-  const std::vector<Read> log = Log();
-  ASSERT_EQ(log.size(), 4u);
-  EXPECT_EQ(log[0].Position, 3000u);
-  EXPECT_EQ(log[0].Bytes, Unit - 3000);
-  for (size_t i = 1; i < log.size(); ++i) {
-    EXPECT_EQ(log[i].Position, i * Unit);
-    EXPECT_EQ(log[i].Bytes, Unit);
-  }
-  // Full: the head of the first unit is all the room there is, and no unit fits.
-  EXPECT_EQ(r.Io->RingFree, 3000u);
-  EXPECT_EQ(r.Used(), 4 * Unit - 3000);
-  EXPECT_EQ(r.Io->HighWater, 4 * Unit - 3000);
-  EXPECT_EQ(r.Io->BufferFree, r.Used());
-  EXPECT_EQ(r.Io->NextFilePos, 4 * Unit);
-  EXPECT_EQ(r.Io->BytesRead, 3000 + 4 * Unit - 3000);
+  EXPECT_EQ(r->Idle(), Unit - 3000);
+  EXPECT_EQ(r->Io->RingRead, 3000u);
+  EXPECT_EQ(r->Used(), Unit - 3000);
+  EXPECT_EQ(r->Fill(), 3u);
+  EXPECT_EQ(Reads(),
+            (Spans{{3000, Unit - 3000}, {Unit, Unit}, {2 * Unit, Unit}, {3 * Unit, Unit}}));
+  // Full: the head of the first unit is all the room there is, and no unit fits. Room, used,
+  // the highest use, free (capped at the used), the next position and the bytes read.
+  EXPECT_EQ(Row({r->Io->RingFree, r->Used(), r->Io->HighWater, r->Io->BufferFree,
+                 r->Io->NextFilePos, r->Io->BytesRead}),
+            Row({3000, 4 * Unit - 3000, 4 * Unit - 3000, 4 * Unit - 3000, 4 * Unit, 4 * Unit}));
 
   // Copying out the first unit's data frees exactly one unit.
-  EXPECT_TRUE(r.Packet(VELMO_IO_CONTINUE, 1000, 3000));
-  EXPECT_EQ(r.Idle(), 0u);
-  EXPECT_TRUE(r.Packet(VELMO_IO_CONTINUE, Unit - 4000, 4000));
-  EXPECT_EQ(r.Io->RingFree, Unit);
-  EXPECT_EQ(r.Idle(), Unit);
+  EXPECT_TRUE(r->Packet(VELMO_IO_CONTINUE, 1000, 3000));
+  EXPECT_EQ(r->Idle(), 0u);
+  EXPECT_TRUE(r->Packet(VELMO_IO_CONTINUE, Unit - 4000, 4000));
+  EXPECT_EQ(r->Io->RingFree, Unit);
+  EXPECT_EQ(r->Idle(), Unit);
   EXPECT_EQ(Log().back().Position, 4 * Unit);
-  EXPECT_EQ(r.Io->RingWrite, r.Io->RingStart + Unit);  // went round to the start
+  EXPECT_EQ(r->Io->RingWrite, r->Io->RingStart + Unit);  // went round to the start
 }
 
 TEST_F(FileProviderTest, PacketsStraddleTheRingEndAndWhatItHolds) {
   const uint64_t fileSize = 12 * Unit + 777;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(2 * Unit, fileSize);
-  r.Fill();
+  auto r = Start(fileSize, 2 * Unit);
+  r->Fill();
   // Packets of odd sizes, read in order, go round the small ring several times; some are
   // larger than the ring, so they are partly in it and partly still on the medium.
   uint64_t at = 44;
   const uint64_t sizes[] = {70000, 90001, 3 * Unit + 17, 1, Unit, 2 * Unit - 44, 123457, 65536};
   for (uint64_t bytes : sizes) {
-    ASSERT_TRUE(r.Packet(VELMO_IO_CONTINUE, bytes, at)) << "packet at " << at;
+    ASSERT_TRUE(r->Packet(VELMO_IO_CONTINUE, bytes, at)) << "packet at " << at;
     at += bytes;
-    EXPECT_EQ(r.Io->LogicalPos, at);
-    EXPECT_EQ(r.Io->RingFree + r.Used(), r.Io->BufferSize);
-    r.Idle();  // the thread would top up between packets
+    EXPECT_EQ(r->Io->LogicalPos, at);
+    EXPECT_EQ(r->Io->RingFree + r->Used(), r->Io->BufferSize);
+    r->Idle();  // the thread would top up between packets
   }
   // Every read after the first was one whole unit on a unit boundary.
   const std::vector<Read> log = Log();
@@ -122,92 +96,74 @@ TEST_F(FileProviderTest, PacketsStraddleTheRingEndAndWhatItHolds) {
     EXPECT_EQ(log[i].Bytes, Unit) << i;
   }
   // The rest of the file, up to its last byte; then nothing more is there.
-  ASSERT_TRUE(r.Packet(VELMO_IO_CONTINUE, fileSize - at, at));
+  ASSERT_TRUE(r->Packet(VELMO_IO_CONTINUE, fileSize - at, at));
   std::vector<uint8_t> more(10);
-  EXPECT_EQ(r.Io->ReadFrame(r.Io, 1, VELMO_IO_CONTINUE, more.data(), 10), 0u);
-  EXPECT_EQ(r.Io->NextFilePos, fileSize);
+  EXPECT_EQ(r->Io->ReadFrame(r->Io, 1, VELMO_IO_CONTINUE, more.data(), 10), 0u);
+  EXPECT_EQ(r->Io->NextFilePos, fileSize);
 }
 
 TEST_F(FileProviderTest, SeekInsideTheRingDiscardsNothing) {
-  const uint64_t fileSize = 8 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(4 * Unit, fileSize);
-  r.Fill();
+  auto r = Start(8 * Unit, 4 * Unit);
+  r->Fill();
   const size_t reads = Log().size();
-  const uint64_t used = r.Used();
-  ASSERT_TRUE(r.Packet(50000, 1000, 50000));
+  const uint64_t used = r->Used();
+  ASSERT_TRUE(r->Packet(50000, 1000, 50000));
   EXPECT_EQ(Log().size(), reads);
-  EXPECT_EQ(r.Used(), used - (51000 - 44));
+  EXPECT_EQ(r->Used(), used - (51000 - 44));
   // Right at the end of what the ring holds is still inside: the packet is read on from there.
-  const uint64_t end = r.Io->NextFilePos;
-  ASSERT_TRUE(r.Packet(end, 100, end));
+  const uint64_t end = r->Io->NextFilePos;
+  ASSERT_TRUE(r->Packet(end, 100, end));
   EXPECT_EQ(Log().size(), reads + 1);
   EXPECT_EQ(Log().back().Position, end);
 }
 
 TEST_F(FileProviderTest, SeekOutsideTheRingStartsOverOnTheUnit) {
   const uint64_t fileSize = 8 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(2 * Unit, fileSize);
-  r.Fill();
+  auto r = Start(fileSize, 2 * Unit);
+  r->Fill();
   ClearLog();
   // Forward past the ring: the unit that holds the position is read first.
-  ASSERT_TRUE(r.Packet(5 * Unit + 1234, 5000, 5 * Unit + 1234));
-  std::vector<Read> log = Log();
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].Position, 5 * Unit);
-  EXPECT_EQ(log[0].Bytes, Unit);
-  EXPECT_EQ(r.Io->LogicalPos, 5 * Unit + 6234);
-  EXPECT_EQ(r.Used(), Unit - 6234);
+  ASSERT_TRUE(r->Packet(5 * Unit + 1234, 5000, 5 * Unit + 1234));
+  EXPECT_EQ(Reads(), (Spans{{5 * Unit, Unit}}));
+  EXPECT_EQ(r->Io->LogicalPos, 5 * Unit + 6234);
+  EXPECT_EQ(r->Used(), Unit - 6234);
   // Backward: before the copying end is outside too.
   ClearLog();
-  ASSERT_TRUE(r.Packet(10, 20, 10));
-  log = Log();
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].Position, 0u);
+  ASSERT_TRUE(r->Packet(10, 20, 10));
+  EXPECT_EQ(Reads(), (Spans{{0, Unit}}));
   // Sequential reading goes on from there.
-  ASSERT_TRUE(r.Packet(VELMO_IO_CONTINUE, 2 * Unit, 30));
+  ASSERT_TRUE(r->Packet(VELMO_IO_CONTINUE, 2 * Unit, 30));
   // Past the end of the file nothing comes, and nothing breaks.
   std::vector<uint8_t> out(16);
-  EXPECT_EQ(r.Io->ReadFrame(r.Io, 1, fileSize + 5, out.data(), 16), 0u);
-  EXPECT_EQ(r.Io->ReadError, 0u);
+  EXPECT_EQ(r->Io->ReadFrame(r->Io, 1, fileSize + 5, out.data(), 16), 0u);
+  EXPECT_EQ(r->Io->ReadError, 0u);
 }
 
 TEST_F(FileProviderTest, ARingThatHoldsTheWholeFileReadsItOnce) {
   const uint64_t fileSize = 2 * Unit + 37856;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(fileSize + 16, fileSize);
-  ASSERT_EQ(r.Io->BufferSize, fileSize + 16);
-  EXPECT_EQ(r.Fill(), 3u);
-  EXPECT_EQ(r.Io->NextFilePos, fileSize);
+  auto r = Start(fileSize, fileSize + 16);
+  ASSERT_EQ(r->Io->BufferSize, fileSize + 16);
+  EXPECT_EQ(r->Fill(), 3u);
+  EXPECT_EQ(r->Io->NextFilePos, fileSize);
   ClearLog();
   // Anywhere in what was read, backwards too, without a read.
-  EXPECT_TRUE(r.Packet(2 * Unit + 100, 3000, 2 * Unit + 100));
-  EXPECT_TRUE(r.Packet(44, 100, 44));
-  EXPECT_TRUE(r.Packet(Unit - 10, 20, Unit - 10));
-  EXPECT_TRUE(r.Packet(VELMO_IO_CONTINUE, fileSize - Unit - 10, Unit + 10));
-  EXPECT_TRUE(r.Packet(1000, 10, 1000));
+  EXPECT_TRUE(r->Packet(2 * Unit + 100, 3000, 2 * Unit + 100));
+  EXPECT_TRUE(r->Packet(44, 100, 44));
+  EXPECT_TRUE(r->Packet(Unit - 10, 20, Unit - 10));
+  EXPECT_TRUE(r->Packet(VELMO_IO_CONTINUE, fileSize - Unit - 10, Unit + 10));
+  EXPECT_TRUE(r->Packet(1000, 10, 1000));
   EXPECT_TRUE(Log().empty());
   // The header was never in the ring: asking for it starts over at the file's start.
-  EXPECT_TRUE(r.Packet(10, 30, 10));
+  EXPECT_TRUE(r->Packet(10, 30, 10));
   ASSERT_FALSE(Log().empty());
   EXPECT_EQ(Log()[0].Position, 0u);
 }
 
 TEST_F(FileProviderTest, LoopTouchesTheFirstFrameOncePerPass) {
   const uint64_t fileSize = 3 * Unit;
-  Rig r(VelmoOpenFileLoop);
-  r.FrameTable[0] = 2048 | 1;  // frame 1 at 2048, a key frame
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(2048);
-  r.GiveRing(2 * Unit, fileSize);
-  r.Fill();
+  auto r = Start(fileSize, 2 * Unit, 2048, VelmoOpenFileLoop);
+  r->FrameTable[0] = 2048 | 1;  // frame 1 at 2048, a key frame
+  r->Fill();
   auto touches = [&] {
     uint32_t n = 0;
     for (const Read& read : Log())
@@ -220,64 +176,55 @@ TEST_F(FileProviderTest, LoopTouchesTheFirstFrameOncePerPass) {
   for (int pass = 0; pass < 2; ++pass) {
     // Play to the end, keeping the ring full, and go on asking at the end.
     ClearLog();
-    uint64_t at = r.Io->LogicalPos;
+    uint64_t at = r->Io->LogicalPos;
     while (at < fileSize) {
       const uint64_t bytes = std::min<uint64_t>(50000, fileSize - at);
-      ASSERT_TRUE(r.Packet(VELMO_IO_CONTINUE, bytes, at));
+      ASSERT_TRUE(r->Packet(VELMO_IO_CONTINUE, bytes, at));
       at += bytes;
-      r.Idle();
+      r->Idle();
     }
-    EXPECT_EQ(r.Idle(), 0u);
-    EXPECT_EQ(r.Idle(), 0u);
+    EXPECT_EQ(r->Idle(), 0u);
+    EXPECT_EQ(r->Idle(), 0u);
     EXPECT_EQ(touches(), 1u) << "pass " << pass;
-    EXPECT_EQ(r.Io->WrapRead, 1u);
+    EXPECT_EQ(r->Io->WrapRead, 1u);
     // The player goes back to frame 1; the first real read clears the mark.
-    ASSERT_TRUE(r.Packet(2048, 100, 2048));
-    EXPECT_EQ(r.Io->WrapRead, 0u);
+    ASSERT_TRUE(r->Packet(2048, 100, 2048));
+    EXPECT_EQ(r->Io->WrapRead, 0u);
   }
   // Without the loop flag there is no touch.
-  r.H->OpenFlags = 0;
-  while (r.Io->LogicalPos < fileSize) {
-    const uint64_t at = r.Io->LogicalPos;
-    ASSERT_TRUE(r.Packet(VELMO_IO_CONTINUE, std::min<uint64_t>(Unit, fileSize - at), at));
+  r->H->OpenFlags = 0;
+  while (r->Io->LogicalPos < fileSize) {
+    const uint64_t at = r->Io->LogicalPos;
+    ASSERT_TRUE(r->Packet(VELMO_IO_CONTINUE, std::min<uint64_t>(Unit, fileSize - at), at));
   }
   ClearLog();
-  EXPECT_EQ(r.Idle(), 0u);
+  EXPECT_EQ(r->Idle(), 0u);
   EXPECT_TRUE(Log().empty());
 }
 
 TEST_F(FileProviderTest, AShortReadFailsTheProviderForGood) {
-  const uint64_t fileSize = 6 * Unit;
-  Rig r;
-  const std::string name = AddMedium(PatternFile(fileSize));
-  ASSERT_TRUE(r.Open(name.c_str()));
-  r.ReadHead(44);
-  r.GiveRing(4 * Unit, fileSize);
+  auto r = Start(6 * Unit, 4 * Unit);
   File(0).FailAt = 2 * Unit + 100;
-  EXPECT_EQ(r.Idle(), Unit - 44);
-  EXPECT_EQ(r.Idle(), Unit);
-  EXPECT_EQ(r.Io->ReadError, 0u);
-  EXPECT_EQ(r.Idle(), 100u);  // the medium gave up inside the unit
-  EXPECT_EQ(r.Io->ReadError, 1u);
+  EXPECT_EQ(r->Idle(), Unit - 44);
+  EXPECT_EQ(r->Idle(), Unit);
+  EXPECT_EQ(r->Io->ReadError, 0u);
+  EXPECT_EQ(r->Idle(), 100u);  // the medium gave up inside the unit
+  EXPECT_EQ(r->Io->ReadError, 1u);
   const size_t reads = Log().size();
-  EXPECT_EQ(r.Idle(), 0u);
+  EXPECT_EQ(r->Idle(), 0u);
   EXPECT_EQ(Log().size(), reads);  // not retried
   std::vector<uint8_t> out(10);
-  EXPECT_EQ(r.Io->ReadFrame(r.Io, 1, 44, out.data(), 10), 0u);
-  EXPECT_EQ(VelmoIOFullness(r.Io), 129u);
+  EXPECT_EQ(r->Io->ReadFrame(r->Io, 1, 44, out.data(), 10), 0u);
+  EXPECT_EQ(VelmoIOFullness(r->Io), 129u);
 }
 
 TEST_F(FileProviderTest, APacketThatRunsIntoAFailureComesBackShort) {
-  const uint64_t fileSize = 6 * Unit;
-  Rig r(VelmoOpenNoBackground);
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(2 * Unit, fileSize);
+  auto r = Start(6 * Unit, 2 * Unit, 44, VelmoOpenNoBackground);
   File(0).FailAt = Unit + 10;
   std::vector<uint8_t> out(2 * Unit);
-  EXPECT_EQ(r.Io->ReadFrame(r.Io, 1, VELMO_IO_CONTINUE, out.data(), out.size()),
+  EXPECT_EQ(r->Io->ReadFrame(r->Io, 1, VELMO_IO_CONTINUE, out.data(), out.size()),
             Unit + 10 - 44);
-  EXPECT_EQ(r.Io->ReadError, 1u);
+  EXPECT_EQ(r->Io->ReadError, 1u);
 }
 
 TEST_F(FileProviderTest, HeaderReadsAreUnbufferedAndFollowOn) {
@@ -315,132 +262,105 @@ TEST_F(FileProviderTest, HeaderReadsAreUnbufferedAndFollowOn) {
 }
 
 TEST_F(FileProviderTest, PlatformReadsThatGiveLessAreRepeated) {
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(Unit)).c_str()));
+  auto r = Start(Unit);
   File(0).MaxPiece = 1000;
   std::vector<uint8_t> out(5500);
-  ASSERT_EQ(r.Io->ReadHeader(r.Io, 0, out.data(), out.size()), out.size());
+  ASSERT_EQ(r->Io->ReadHeader(r->Io, 0, out.data(), out.size()), out.size());
   EXPECT_EQ(Log().size(), 6u);
   EXPECT_EQ(out[5499], PatternByte(5499));
-  EXPECT_EQ(r.Io->ReadError, 0u);
+  EXPECT_EQ(r->Io->ReadError, 0u);
 }
 
 TEST_F(FileProviderTest, ABlockTooSmallToReadAheadReadsDirect) {
-  const uint64_t fileSize = 5 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(Unit / 2, fileSize);
-  ASSERT_EQ(r.Io->BufferSize, 0u);
+  auto r = Start(5 * Unit, 2 * Unit);
+  r->GiveRing(Unit / 2, 5 * Unit);  // smaller than a unit and than the file: the ring goes
+  ASSERT_EQ(r->Io->BufferSize, 0u);
+  EXPECT_EQ(r->Io->RingStart, nullptr);
+  EXPECT_EQ(r->Idle(), 0u);
   ClearLog();
-  EXPECT_TRUE(r.Packet(VELMO_IO_CONTINUE, 3 * Unit, 44));
-  EXPECT_TRUE(r.Packet(4 * Unit + 3, 500, 4 * Unit + 3));
-  const std::vector<Read> log = Log();
-  ASSERT_EQ(log.size(), 2u);
-  EXPECT_EQ(log[0].Bytes, 3 * Unit);
-  EXPECT_EQ(log[1].Position, 4 * Unit + 3);
-  EXPECT_EQ(VelmoIOFullness(r.Io), 129u);
+  EXPECT_TRUE(r->Packet(VELMO_IO_CONTINUE, 3 * Unit, 44));
+  EXPECT_TRUE(r->Packet(4 * Unit + 3, 500, 4 * Unit + 3));
+  EXPECT_EQ(Reads(), (Spans{{44, 3 * Unit}, {4 * Unit + 3, 500}}));
+  EXPECT_EQ(VelmoIOFullness(r->Io), 129u);
 }
 
 TEST_F(FileProviderTest, ReadTimeIsBookedByWhetherALibraryCallRuns) {
-  const uint64_t fileSize = 8 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(8 * Unit, fileSize);
-  const uint32_t io0 = r.Io->IOTime;
+  auto r = Start(8 * Unit, 8 * Unit);
+  const uint32_t io0 = r->Io->IOTime;
   File(0).CostMs = 7;
-  r.Idle();
-  r.Idle();
-  EXPECT_EQ(r.Io->IOTime - io0, 14u);
-  EXPECT_EQ(r.Io->IdleTime, 14u);
-  EXPECT_EQ(r.Io->ThreadTime, 0u);
-  r.H->InFrame = 1;  // the caller is inside a library call
-  r.Idle();
-  EXPECT_EQ(r.Io->ThreadTime, 7u);
-  r.H->InFrame = 0;
-  r.Io->InCall = 1;
-  r.Idle();
-  EXPECT_EQ(r.Io->ThreadTime, 14u);
-  EXPECT_EQ(r.Io->IdleTime, 14u);
-  EXPECT_EQ(r.Io->IOTime - io0, 28u);
+  // Reads of 7 ms with the caller in a library call (by the frame or the provider) or not; the
+  // read time, the idle time and the time booked to the thread after each.
+  const uint32_t steps[][5] = {
+      {0, 0, 7, 7, 0}, {0, 0, 14, 14, 0}, {1, 0, 21, 14, 7}, {0, 1, 28, 14, 14}};
+  for (const auto& [inFrame, inCall, io, idle, thread] : steps) {
+    r->H->InFrame = inFrame;
+    r->Io->InCall = inCall;
+    r->Idle();
+    EXPECT_EQ(Row({r->Io->IOTime - io0, r->Io->IdleTime, r->Io->ThreadTime}),
+              Row({io, idle, thread}));
+  }
 }
 
 TEST_F(FileProviderTest, ASimulatedRateMakesReadsTakeTheirTime) {
-  const uint64_t fileSize = 6 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(0x2000);
   // 1310720 bytes per second: one unit costs 100 ms. The clock moves 5 ms at each look.
-  r.GiveRing(4 * Unit, fileSize, 1310720);
-  EXPECT_EQ(r.Io->SimulateRate, 1310720u);
+  auto r = Start(6 * Unit, 4 * Unit, 0x2000, 0, 1310720);
+  EXPECT_EQ(r->Io->SimulateRate, 1310720u);
   ClockStep = 5;
-  r.Idle();  // the first unit is shorter by the head
-  uint32_t before = ClockNow;
-  r.Idle();
-  uint32_t spent = ClockNow - before;
-  EXPECT_GE(spent, 100u);
-  EXPECT_LE(spent, 130u);
-  // A medium slower than the simulated one pays nothing more.
-  File(0).CostMs = 150;
-  before = ClockNow;
-  r.Idle();
-  spent = ClockNow - before;
-  EXPECT_GE(spent, 150u);
-  EXPECT_LE(spent, 185u);
-  // What was paid too much is credited: the next read at the full rate costs less.
-  File(0).CostMs = 0;
-  before = ClockNow;
-  r.Idle();
-  EXPECT_LT(ClockNow - before, 100u);
+  r->Idle();  // the first unit is shorter by the head
+  // A unit at the full rate; on a medium slower than the simulated one, nothing more than the
+  // medium's time; then the next read at the full rate costs less, as what was paid too much
+  // is credited.
+  const uint32_t steps[][3] = {{0, 100, 130}, {150, 150, 185}, {0, 0, 99}};
+  for (const auto& [cost, least, most] : steps) {
+    File(0).CostMs = cost;
+    const uint32_t before = ClockNow;
+    r->Idle();
+    EXPECT_GE(ClockNow - before, least) << cost;
+    EXPECT_LE(ClockNow - before, most) << cost;
+  }
 }
 
 TEST_F(FileProviderTest, SuspendStopsReadingAheadButNotFrameReads) {
-  const uint64_t fileSize = 6 * Unit;
-  Rig r;
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(fileSize)).c_str()));
-  r.ReadHead(44);
-  r.GiveRing(2 * Unit, fileSize);
-  IOProvider* io = r.Io;
+  auto r = Start(6 * Unit, 2 * Unit);
+  IOProvider* io = r->Io;
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOSuspend), 1u);
   EXPECT_EQ(io->Suspended, 1u);
-  EXPECT_EQ(r.Idle(), 0u);
+  EXPECT_EQ(r->Idle(), 0u);
   EXPECT_EQ(VelmoIOFullness(io), 129u);
-  EXPECT_TRUE(r.Packet(VELMO_IO_CONTINUE, 1000, 44));  // a frame read still reads
+  EXPECT_TRUE(r->Packet(VELMO_IO_CONTINUE, 1000, 44));  // a frame read still reads
   // The flush form returns once no read runs; with the lock free that is at once.
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOSuspend | uint32_t(VelmoIOFlush)), 1u);
-  const uint64_t used = r.Used();
+  const uint64_t used = r->Used();
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOResume), 0u);
-  EXPECT_EQ(r.Used(), used);
+  EXPECT_EQ(r->Used(), used);
   // Resuming with the flush bit reads one step at once.
   io->BackgroundControl(io, VelmoIOSuspend);
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOResume | uint32_t(VelmoIOFlush)), 0u);
-  EXPECT_EQ(r.Used(), used + Unit);
+  EXPECT_EQ(r->Used(), used + Unit);
 
   // Bit 30 tells whether the provider lock is free.
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOTestFree), 1u);
   std::atomic<bool> held{false}, release{false};
   std::thread other([&] {
-    LockEnter(&r.H->ProviderLock);
+    LockEnter(&r->H->ProviderLock);
     held = true;
     while (!release) std::this_thread::yield();
-    LockLeave(&r.H->ProviderLock);
+    LockLeave(&r->H->ProviderLock);
   });
   while (!held) std::this_thread::yield();
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOTestFree), 0u);
-  EXPECT_EQ(r.Idle(), VELMO_IO_BUSY);  // the background step gives way
+  EXPECT_EQ(r->Idle(), VELMO_IO_BUSY);  // the background step gives way
   release = true;
   other.join();
   EXPECT_EQ(io->BackgroundControl(io, VelmoIOTestFree), 1u);
 }
 
 TEST_F(FileProviderTest, WithoutBackgroundReadingTheLockIsAlwaysFree) {
-  Rig r(VelmoOpenNoBackground);
-  ASSERT_TRUE(r.Open(AddMedium(PatternFile(4 * Unit)).c_str()));
-  LockEnter(&r.H->ProviderLock);
-  std::thread other([&] { EXPECT_EQ(r.Io->BackgroundControl(r.Io, VelmoIOTestFree), 1u); });
+  auto r = Start(4 * Unit, 0, 0, VelmoOpenNoBackground);
+  LockEnter(&r->H->ProviderLock);
+  std::thread other([&] { EXPECT_EQ(r->Io->BackgroundControl(r->Io, VelmoIOTestFree), 1u); });
   other.join();
-  LockLeave(&r.H->ProviderLock);
+  LockLeave(&r->H->ProviderLock);
 }
 
 uint32_t SeedForTest() {

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace io_test {
@@ -43,7 +44,7 @@ inline bool WaitFor(const std::function<bool()>& done, uint32_t ms = 30000) {
 }
 
 struct Read {
-  uint64_t Handle, Position, Bytes;
+  uint64_t Position, Bytes;
 };
 
 struct Medium {
@@ -59,7 +60,7 @@ struct Media {
   std::mutex Lock;
   std::vector<std::unique_ptr<Medium>> Files;
   std::vector<Read> Log;
-  uint32_t Opens = 0, Closes = 0, Seeks = 0;
+  uint32_t Seeks = 0;
   // While Hold is set, reads wait at the gate; Waiting counts them.
   std::condition_variable Gate;
   bool Hold = false;
@@ -74,7 +75,6 @@ inline bool FakeOpen(const char* path, uint64_t* handle) {
   if (name.rfind("medium:", 0) != 0) return false;
   const uint64_t index = std::stoull(name.substr(7));
   if (index >= Current->Files.size()) return false;
-  ++Current->Opens;
   Current->Files[index]->Pos = 0;  // a file opens at its start
   *handle = index;
   return true;
@@ -87,7 +87,7 @@ inline int64_t FakeRead(uint64_t handle, void* dest, uint32_t bytes) {
   --Current->Waiting;
   ++Current->ReadCalls;
   Medium& m = *Current->Files.at(handle);
-  Current->Log.push_back({handle, m.Pos, bytes});
+  Current->Log.push_back({m.Pos, bytes});
   if (m.Pos >= m.FailAt) return -1;
   uint64_t n = m.Pos < m.Data.size() ? std::min<uint64_t>(bytes, m.Data.size() - m.Pos) : 0;
   if (m.MaxPiece) n = std::min<uint64_t>(n, m.MaxPiece);
@@ -105,10 +105,7 @@ inline bool FakeSeek(uint64_t handle, uint64_t position) {
   return true;
 }
 
-inline void FakeClose(uint64_t) {
-  std::lock_guard<std::mutex> g(Current->Lock);
-  ++Current->Closes;
-}
+inline void FakeClose(uint64_t) {}
 
 inline const VelmoFileCalls FakeCalls = {FakeOpen, FakeRead, FakeSeek, FakeClose};
 
@@ -203,11 +200,7 @@ class MediumTest : public ::testing::Test {
     VelmoSetClockForTest(TestClock);
   }
   void TearDown() override {
-    {
-      std::lock_guard<std::mutex> g(M.Lock);
-      M.Hold = false;
-    }
-    M.Gate.notify_all();
+    SetHold(false);
     VelmoSetClockForTest(nullptr);
     VelmoSetFileCalls(nullptr);
     Current = nullptr;
@@ -219,25 +212,38 @@ class MediumTest : public ::testing::Test {
     M.Files.back()->Data = std::move(data);
     return "medium:" + std::to_string(M.Files.size() - 1);
   }
-  Medium& File(size_t i) { return *M.Files[i]; }
-  std::vector<Read> Log() {
-    std::lock_guard<std::mutex> g(M.Lock);
-    return M.Log;
-  }
-  void ClearLog() {
-    std::lock_guard<std::mutex> g(M.Lock);
-    M.Log.clear();
-  }
-  void SetHold(bool hold) {
-    {
-      std::lock_guard<std::mutex> g(M.Lock);
-      M.Hold = hold;
+  // A provider on a new medium of `fileSize` pattern bytes. Given a ring, it has first read
+  // `head` bytes of header, as the open does.
+  std::unique_ptr<Rig> Start(uint64_t fileSize, uint64_t ring = 0, uint64_t head = 44,
+                             uint32_t flags = 0, uint32_t rate = 0) {
+    auto r = std::make_unique<Rig>(flags);
+    EXPECT_TRUE(r->Open(AddMedium(PatternFile(fileSize)).c_str()));
+    if (ring) {
+      r->ReadHead(head);
+      r->GiveRing(ring, fileSize, rate);
     }
+    return r;
+  }
+  Medium& File(size_t i) { return *M.Files[i]; }
+  // Runs `f` with the media locked, as the reads run.
+  template <typename F>
+  auto Locked(F f) {
+    std::lock_guard<std::mutex> g(M.Lock);
+    return f();
+  }
+  std::vector<Read> Log() { return Locked([&] { return M.Log; }); }
+  void ClearLog() { Locked([&] { M.Log.clear(); }); }
+  uint32_t Waiting() { return Locked([&] { return M.Waiting; }); }
+  void SetHold(bool hold) {
+    Locked([&] { M.Hold = hold; });
     M.Gate.notify_all();
   }
-  uint32_t Waiting() {
-    std::lock_guard<std::mutex> g(M.Lock);
-    return M.Waiting;
+  // (position, bytes) of each read in the log.
+  using Spans = std::vector<std::pair<uint64_t, uint64_t>>;
+  Spans Reads() {
+    Spans out;
+    for (const Read& r : Log()) out.push_back({r.Position, r.Bytes});
+    return out;
   }
 };
 

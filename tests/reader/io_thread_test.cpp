@@ -4,50 +4,43 @@
 // close while it is in the middle of a read, keeping it alive, and many opens and closes.
 #include "io_test_medium.h"
 
+#include <algorithm>
+#include <cstring>
 #include <thread>
 
 namespace {
 
 using namespace io_test;
 
+// Below 103 the current handle keeps the thread unless another is under 12; from 103 another
+// under 25 takes it, from 122 another under 64. A current handle that cannot be read (129) keeps
+// it only against others that cannot be read either.
 TEST(ReaderFairness, StaysUntilAnotherBufferIsClearlyEmptier) {
-  // Below 103 the current handle keeps the thread unless another is under 12.
-  EXPECT_TRUE(VelmoIOStayWithCurrent(0, 12));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(0, 11));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(102, 12));
-  // From 103 another below 25 takes it.
-  EXPECT_TRUE(VelmoIOStayWithCurrent(103, 25));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(103, 24));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(121, 25));
-  // From 122 another below 64 takes it.
-  EXPECT_TRUE(VelmoIOStayWithCurrent(122, 64));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(122, 63));
-  EXPECT_FALSE(VelmoIOStayWithCurrent(128, 63));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(128, 128));
-  // A current handle that cannot be read keeps the thread only against full others.
-  EXPECT_FALSE(VelmoIOStayWithCurrent(129, 50));
-  EXPECT_TRUE(VelmoIOStayWithCurrent(129, 129));
+  const uint32_t stays[][3] = {// current, another, whether the current one keeps the thread
+                               {0, 12, 1},   {0, 11, 0},   {102, 12, 1},  {103, 25, 1},
+                               {103, 24, 0}, {121, 25, 1}, {122, 64, 1},  {122, 63, 0},
+                               {128, 63, 0}, {128, 128, 1}, {129, 50, 0}, {129, 129, 1}};
+  for (const auto& [current, other, stay] : stays)
+    EXPECT_EQ(VelmoIOStayWithCurrent(current, other), stay != 0) << current << " " << other;
 }
 
+// Stale room after copying out is capped at the used bytes; a suspended or failed provider
+// cannot be read.
 TEST(ReaderFairness, FullnessIsUsedOverRoomIn128ths) {
   IOProvider io{};
   EXPECT_EQ(VelmoIOFullness(&io), 129u);  // no ring
   io.BufferSize = 8 * Unit;
-  io.BufferFree = 4 * Unit;
-  io.BufferUsed = Unit;
-  EXPECT_EQ(VelmoIOFullness(&io), 32u);
-  io.BufferUsed = 4 * Unit;
-  EXPECT_EQ(VelmoIOFullness(&io), 128u);
-  io.BufferFree = 2 * Unit;  // stale room after copying out: capped
-  EXPECT_EQ(VelmoIOFullness(&io), 128u);
-  io.BufferFree = 0;
-  EXPECT_EQ(VelmoIOFullness(&io), 128u);
-  io.BufferFree = 4 * Unit;
-  io.Suspended = 1;
-  EXPECT_EQ(VelmoIOFullness(&io), 129u);
-  io.Suspended = 0;
-  io.ReadError = 1;
-  EXPECT_EQ(VelmoIOFullness(&io), 129u);
+  const uint64_t cases[][5] = {// free, used, suspended, error, fullness
+                               {4, 1, 0, 0, 32},  {4, 4, 0, 0, 128}, {2, 4, 0, 0, 128},
+                               {0, 4, 0, 0, 128}, {4, 4, 1, 0, 129}, {4, 4, 0, 1, 129}};
+  for (const auto& [free, used, suspended, error, fullness] : cases) {
+    io.BufferFree = free * Unit;
+    io.BufferUsed = used * Unit;
+    io.Suspended = uint32_t(suspended);
+    io.ReadError = uint32_t(error);
+    EXPECT_EQ(VelmoIOFullness(&io), fullness)
+        << free << " " << used << " " << suspended << " " << error;
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -87,109 +80,81 @@ struct StubHandle {
   }
 };
 
-class ReaderRound : public ::testing::Test {
- protected:
-  VelmoIOReaderList List{};
-  void SetUp() override { Calls.clear(); }
-  void Link(const std::vector<StubHandle*>& handles) {
-    VelmoHandle** link = &List.First;
-    for (StubHandle* s : handles) {
-      *link = s->H();
-      link = &s->H()->NextOpen;
-    }
-    *link = nullptr;
-  }
-  uint32_t Round(bool* read) { return VelmoIORound(&List, read); }
-};
-
 using CallList = std::vector<std::pair<char, char>>;
 
-// Reading ahead: the current handle keeps the thread unless another is clearly emptier, and the
-// emptiest takes it then (handles are named 'a', 'b', ... in list order; -1: no current yet).
-TEST_F(ReaderRound, ReadingAheadGoesWhereItIsWantedMost) {
+bool Has(const std::vector<const char*>& states, size_t i, char what) {
+  return i < states.size() && std::strchr(states[i], what);
+}
+
+// Handles named 'a', 'b', ... in list order. Pending frame reads come first and move the thread;
+// then reading ahead stays with the current handle unless another is clearly emptier, and the
+// emptiest takes it. Closing, suspended and foreground handles are left alone, and a frame read
+// whose lock the caller holds stays pending (the round says so, and chooses nothing meanwhile).
+TEST(ReaderRound, FrameReadsFirstThenReadingAheadWhereItIsWantedMost) {
   struct Case {
     const char* What;
     std::vector<uint32_t> Fullness;
-    int Current;
+    // Per handle: p a frame read pending, c closing, n no background reading, s suspended, and
+    // the caller holding F the frame read lock or P the provider lock.
+    std::vector<const char*> State;
+    int Current;  // -1: none yet
+    uint32_t Result;
     CallList Calls;
     int Then;
   };
   const Case cases[] = {
-      {"others not much emptier", {110, 30}, 0, {{'a', 'i'}}, 0},
-      {"a far emptier handle takes it", {110, 20}, 0, {{'a', 'i'}, {'b', 'i'}}, 1},
-      {"and a fuller one does not take it back", {110, 20}, 1, {{'b', 'i'}}, 1},
-      {"the emptiest of several", {125, 60, 40, 50}, 0, {{'a', 'i'}, {'c', 'i'}}, 2},
-      {"a nearly empty one takes it from a current far from full", {125, 60, 40, 50, 11}, 2,
-       {{'c', 'i'}, {'e', 'i'}}, 4},
-      {"no current yet", {90, 100}, -1, {{'a', 'i'}}, 0},
+      {"others not much emptier", {110, 30}, {}, 0, 0, {{'a', 'i'}}, 0},
+      {"a far emptier handle takes it", {110, 20}, {}, 0, 0, {{'a', 'i'}, {'b', 'i'}}, 1},
+      {"and a fuller one does not take it back", {110, 20}, {}, 1, 0, {{'b', 'i'}}, 1},
+      {"the emptiest of several", {125, 60, 40, 50}, {}, 0, 0, {{'a', 'i'}, {'c', 'i'}}, 2},
+      {"a nearly empty one takes it from a current far from full", {125, 60, 40, 50, 11}, {}, 2,
+       0, {{'c', 'i'}, {'e', 'i'}}, 4},
+      {"no current yet", {90, 100}, {}, -1, 0, {{'a', 'i'}}, 0},
+      {"a frame read first; the emptiest then takes the thread back", {10, 100, 100},
+       {"", "p"}, 0, 0, {{'b', 'f'}, {'a', 'i'}}, 0},
+      {"the frame read lock taken", {100, 10}, {"", "pF"}, 0, 1, {{'a', 'i'}}, 0},
+      {"the provider lock taken", {100, 10}, {"", "pP"}, 0, 1, {{'a', 'i'}}, 0},
+      {"closing, foreground and suspended", {50, 0, 0, 0}, {"", "cp", "n", "s"}, 0, 0,
+       {{'a', 'i'}}, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.What);
-    std::vector<std::unique_ptr<StubHandle>> owned;
-    std::vector<StubHandle*> handles;
-    for (uint32_t f : c.Fullness) {
-      owned.push_back(std::make_unique<StubHandle>(char('a' + handles.size()), f));
-      handles.push_back(owned.back().get());
+    VelmoIOReaderList list{};
+    std::vector<std::unique_ptr<StubHandle>> handles;
+    VelmoHandle** link = &list.First;
+    for (size_t i = 0; i < c.Fullness.size(); ++i) {
+      handles.push_back(std::make_unique<StubHandle>(char('a' + i), c.Fullness[i]));
+      VelmoState* h = handles.back()->R.H;
+      if (Has(c.State, i, 'p')) handles.back()->Pending();
+      h->Closing = Has(c.State, i, 'c');
+      if (Has(c.State, i, 'n')) h->OpenFlags = VelmoOpenNoBackground;
+      h->IOProvider.Suspended = Has(c.State, i, 's');
+      if (Has(c.State, i, 'F')) LockEnter(&h->FrameReadLock);
+      if (Has(c.State, i, 'P')) LockEnter(&h->ProviderLock);
+      *link = h;
+      link = &h->NextOpen;
     }
-    Link(handles);
-    List.Current = c.Current < 0 ? nullptr : handles[size_t(c.Current)]->H();
+    list.Current = c.Current < 0 ? nullptr : handles[size_t(c.Current)]->H();
     Calls.clear();
     bool read = false;
-    EXPECT_EQ(Round(&read), 0u);
+    uint32_t result = 99;
+    std::thread([&] { result = VelmoIORound(&list, &read); }).join();  // not the locks' owner
+    EXPECT_EQ(result, c.Result);
     EXPECT_TRUE(read);
     EXPECT_EQ(Calls, c.Calls);
-    EXPECT_EQ(List.Current, handles[size_t(c.Then)]->H());
+    EXPECT_EQ(list.Current, handles[size_t(c.Then)]->H());
+    for (size_t i = 0; i < handles.size(); ++i) {
+      VelmoState* h = handles[i]->R.H;
+      if (Has(c.State, i, 'F')) LockLeave(&h->FrameReadLock);
+      if (Has(c.State, i, 'P')) LockLeave(&h->ProviderLock);
+      if (!Has(c.State, i, 'p')) continue;
+      const bool served = std::count(Calls.begin(), Calls.end(), std::pair{char('a' + i), 'f'});
+      EXPECT_EQ(h->FrameReadPending, served ? 0u : 1u) << i;
+      if (served) {
+        EXPECT_EQ(h->NextReadPosition, 64u);
+      }
+    }
   }
-}
-
-TEST_F(ReaderRound, PendingFrameReadsComeFirstAndMoveTheThread) {
-  StubHandle a('a', 10), b('b', 100), c('c', 100);
-  Link({&a, &b, &c});
-  List.Current = a.H();
-  b.Pending();
-  bool read = false;
-  EXPECT_EQ(Round(&read), 0u);
-  EXPECT_TRUE(read);
-  // b's frame read; b is served now; a at 10 then takes the thread back to read ahead.
-  EXPECT_EQ(Calls, (CallList{{'b', 'f'}, {'a', 'i'}}));
-  EXPECT_EQ(b.H()->FrameReadPending, 0u);
-  EXPECT_EQ(b.H()->NextReadPosition, 64u);
-  EXPECT_EQ(List.Current, a.H());
-}
-
-TEST_F(ReaderRound, AFrameReadWhoseLockIsTakenStaysPending) {
-  StubHandle a('a', 100), b('b', 10);
-  Link({&a, &b});
-  List.Current = a.H();
-  b.Pending();
-  LockEnter(&b.R.H->FrameReadLock);  // the caller is reading it itself
-  bool read = false;
-  std::thread thread([&] { EXPECT_EQ(Round(&read), 1u); });
-  thread.join();
-  LockLeave(&b.R.H->FrameReadLock);
-  // Nothing pending for a, so a reads ahead; no choosing while a read is pending.
-  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
-  EXPECT_EQ(b.H()->FrameReadPending, 1u);
-  // With the provider lock taken the same holds.
-  Calls.clear();
-  LockEnter(&b.R.H->ProviderLock);
-  std::thread again([&] { EXPECT_EQ(Round(&read), 1u); });
-  again.join();
-  LockLeave(&b.R.H->ProviderLock);
-  EXPECT_EQ(b.H()->FrameReadPending, 1u);
-}
-
-TEST_F(ReaderRound, ClosingSuspendedAndForegroundHandlesAreLeftAlone) {
-  StubHandle a('a', 50), b('b', 0), c('c', 0), d('d', 0);
-  Link({&a, &b, &c, &d});
-  List.Current = a.H();
-  b.R.H->Closing = 1;
-  b.Pending();
-  c.R.H->OpenFlags = VelmoOpenNoBackground;
-  d.R.Io->Suspended = 1;
-  bool read = false;
-  EXPECT_EQ(Round(&read), 0u);
-  EXPECT_EQ(Calls, (CallList{{'a', 'i'}}));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -198,7 +163,7 @@ TEST_F(ReaderRound, ClosingSuspendedAndForegroundHandlesAreLeftAlone) {
 class ReaderThreadTest : public MediumTest {
  protected:
   void TearDown() override {
-    SetHold(false);
+    SetHold(false);  // before the thread is stopped
     VelmoIOStopUnused();
     EXPECT_FALSE(VelmoIOThreadRunning());
     MediumTest::TearDown();
@@ -206,10 +171,7 @@ class ReaderThreadTest : public MediumTest {
   // A handle on its own medium with a ring of `ringUnits`, registered with the thread.
   std::unique_ptr<Rig> Open(uint64_t fileSize, uint64_t ringUnits, uint32_t flags = 0,
                             uint32_t rate = 0) {
-    auto r = std::make_unique<Rig>(flags);
-    EXPECT_TRUE(r->Open(AddMedium(PatternFile(fileSize)).c_str()));
-    r->ReadHead(44);
-    r->GiveRing(ringUnits * Unit, fileSize, rate);
+    auto r = Start(fileSize, ringUnits * Unit, 44, flags, rate);
     EXPECT_TRUE(VelmoIORegister(r->H));
     AtomicStore(&r->H->OnReaderList, 1);
     return r;

@@ -1,10 +1,10 @@
-#include "sound_test_codec.h"
+#include "sound_test_files.h"
 
 #include "audio/velmo_audio.h"
+#include "support/sound_codec.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <random>
 
 namespace sound_test {
@@ -33,40 +33,31 @@ std::vector<int16_t> ToneMix(uint32_t rate, uint32_t channels, size_t samples, u
 TrackStream EncodeTrack(uint32_t rate, uint32_t channels, bool older, uint32_t frames,
                         uint32_t fps, uint32_t fpsDiv, uint32_t leadBlocks, uint32_t seed) {
   TrackStream track;
-  track.Format = VelmoAudioTrackFlags(rate, channels, older ? 104 : 4);
-  VelmoAudioEncoder* encoder = VelmoAudioEncoderOpen(rate, channels, older ? 0 : 1);
-  if (!encoder) return track;
-  track.BlockBytes = VelmoAudioEncoderBlockBytes(encoder);
-  const uint32_t step = track.BlockBytes - VelmoAudioEncoderOverlapBytes(encoder);
+  const int level = older ? 104 : 4;
+  track.Format = VelmoAudioTrackFlags(rate, channels, level);
+  // Sound for the frames, their lead and two more, each with a block of the longest kind (2048
+  // samples); the blocks hand out `step` bytes each.
   const uint64_t frameBytes = uint64_t(rate) * fpsDiv / fps * channels * 2;
-  const uint64_t totalBytes = (frames + leadBlocks + 2) * (frameBytes + step);
-  const std::vector<int16_t> pcm = ToneMix(rate, channels, size_t(totalBytes / 2 / channels), seed);
-  const auto* source = reinterpret_cast<const uint8_t*>(pcm.data());
-  const uint64_t sourceBytes = pcm.size() * 2;
-  uint64_t read = 0, decoded = 0;
+  const size_t samples = (frames + leadBlocks + 2) * (frameBytes / 2 / channels + 2048);
+  const test_support::Encoded coded =
+      test_support::EncodeAll(ToneMix(rate, channels, samples, seed), rate, channels, level);
+  track.BlockBytes = coded.BlockBytes;
+  const uint32_t step = coded.StepBytes;
+  size_t block = 0, at = 0;
+  uint64_t decoded = 0;
   for (uint32_t f = 0; f < frames; ++f) {
     std::vector<uint8_t> packet;
     uint32_t packetDecoded = 0;
     const uint64_t need = uint64_t(f + 1) * frameBytes + uint64_t(leadBlocks) * step;
-    while (decoded < need) {
-      uint8_t* buffer;
-      uint32_t want;
-      VelmoAudioEncoderBuffer(encoder, &buffer, &want);
-      const uint32_t got = uint32_t(std::min<uint64_t>(want, sourceBytes - read));
-      std::memcpy(buffer, source + read, got);
-      read += got;
-      const uint8_t* out;
-      uint32_t outSize, consumed;
-      VelmoAudioEncodeBlock(encoder, 4.0f, got, &out, &outSize, &consumed);
-      packet.insert(packet.end(), out, out + outSize);
-      packetDecoded += step;
-      decoded += step;
+    for (; decoded < need; decoded += step, packetDecoded += step) {
+      const uint32_t size = coded.BlockSizes.at(block++);
+      packet.insert(packet.end(), coded.Stream.begin() + at, coded.Stream.begin() + at + size);
+      at += size;
     }
     track.Packets.push_back(packet);
     track.Decoded.push_back(packetDecoded);
     track.MaxDecoded = std::max(track.MaxDecoded, packetDecoded);
   }
-  VelmoAudioEncoderClose(encoder);
   return track;
 }
 

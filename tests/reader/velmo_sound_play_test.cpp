@@ -1,6 +1,7 @@
-// Sound tracks while playing: tracks opened by id, the rings, the feeding of a device (the null
-// back end, on the tests' clock), switching sound off and on, the device's speed in the frame
-// clock, underrun restarts, the sound thread and the host's tick, and speaker volumes.
+// Sound tracks of the reader library: decoded into caller memory, and while playing: tracks
+// opened by id, the rings, the feeding of a device (the null back end, on the tests' clock),
+// switching sound off and on, the device's speed in the frame clock, underrun restarts, the
+// sound thread and the host's tick, and speaker volumes.
 #include "reader/velmo_sound.h"
 #include "reader/velmo_sound_null.h"
 #include "sound_test_files.h"
@@ -15,6 +16,127 @@ namespace {
 
 using namespace velmo_test;
 using namespace sound_test;
+
+class TrackReaderTest : public VelmoTest {};
+
+// Every frame's data in order, as a converter takes it.
+std::vector<uint8_t> ReadAllFrames(HVELMO h, VelmoTrackReader* t, uint32_t room,
+                                   std::vector<uint32_t>* perFrame = nullptr) {
+  std::vector<uint8_t> all;
+  std::vector<uint8_t> buffer(room);
+  for (uint32_t f = 1; f <= h->Frames; ++f) {
+    EXPECT_EQ(h->FrameNum, f);
+    const uint32_t got = VelmoGetTrackData(t, buffer.data(), room);
+    if (perFrame) perFrame->push_back(got);
+    all.insert(all.end(), buffer.begin(), buffer.begin() + got);
+    VelmoNextFrame(h);
+  }
+  return all;
+}
+
+TEST_F(TrackReaderTest, DecodesEachTrackLikeTheCodecAlone) {
+  // Two tracks of different shape: a stereo track of the current form and a mono track of the
+  // older form, with two blocks of lead so that some frames carry no sound at all.
+  const SoundFile sf = BuildSoundFile(14, 30, 1,
+                                      {{22050, 2, false, 7, 1, 0}, {16000, 1, true, 3, 2, 0}});
+  HVELMO h = OpenImage(sf.File, VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  ASSERT_EQ(h->TrackCount, 2u);
+  EXPECT_EQ(VelmoGetTrackId(h, 0), 7u);
+  EXPECT_EQ(VelmoGetTrackId(h, 1), 3u);
+  EXPECT_EQ(VelmoGetTrackFormat(h, 1), sf.Streams[1].Format);
+  EXPECT_EQ(VelmoGetTrackFormat(h, 2), 0u);
+
+  for (uint32_t index = 0; index < 2; ++index) {
+    SCOPED_TRACE(index);
+    const TrackStream& s = sf.Streams[index];
+    VelmoGoto(h, 1, VelmoGotoExact | VelmoGotoDirect);
+    VelmoTrackReader* t = VelmoOpenTrack(h, index);
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(VelmoTrackReaderRate(t), s.Format & 0xFFFF);
+    EXPECT_EQ(VelmoTrackReaderChannels(t), index == 0 ? 2u : 1u);
+    const uint32_t room = VelmoTrackReaderBufferSize(t);
+    EXPECT_EQ(room, ((h->TrackMaxBytes[index] + 3) & ~3u) + 8192 + s.BlockBytes / 16);
+    EXPECT_GE(room, s.MaxDecoded);
+
+    std::vector<uint32_t> perFrame;
+    const std::vector<uint8_t> all = ReadAllFrames(h, t, room, &perFrame);
+    const std::vector<uint8_t> direct = DecodeFrames(s, 0, uint32_t(s.Packets.size()));
+    ASSERT_EQ(all.size(), direct.size());
+    EXPECT_TRUE(all == direct);
+    bool sawEmpty = false;
+    for (uint32_t f = 0; f < perFrame.size(); ++f) {
+      EXPECT_EQ(perFrame[f], s.Packets[f].empty() ? 0u : s.Decoded[f]) << "frame " << f + 1;
+      sawEmpty = sawEmpty || s.Packets[f].empty();
+    }
+    // The stereo track's blocks are longer than a frame: some frames carry none, and the
+    // decoder must join the blocks across them.
+    if (index == 0) {
+      EXPECT_TRUE(sawEmpty);
+    }
+    VelmoCloseTrack(t);
+  }
+  VelmoClose(h);
+}
+
+TEST_F(TrackReaderTest, JumpStartsAfreshAndSmallBuffersTakeAPrefix) {
+  const SoundFile sf = BuildSoundFile(10, 25, 1, {{44100, 2, false, 0, 1, 0}});
+  const TrackStream& s = sf.Streams[0];
+  ProviderOpen provider;  // through a provider: the packet is read on demand
+  HVELMO h = provider.Open(sf.File, VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  VelmoTrackReader* t = VelmoOpenTrack(h, 0);
+  ASSERT_NE(t, nullptr);
+  std::vector<uint8_t> buffer(VelmoTrackReaderBufferSize(t));
+
+  // Frame 6 after a jump decodes as the codec does from a fresh start at that frame.
+  uint32_t frame = 6;
+  while (s.Packets[frame - 1].empty()) ++frame;
+  VelmoGoto(h, frame, VelmoGotoExact | VelmoGotoDirect);
+  ASSERT_EQ(h->FrameNum, frame);
+  uint32_t got = VelmoGetTrackData(t, buffer.data(), uint32_t(buffer.size()));
+  EXPECT_EQ(std::vector<uint8_t>(buffer.begin(), buffer.begin() + got),
+            DecodeFrames(s, frame - 1, frame));
+
+  // Less room than the frame's sound: the first bytes of it, no more.
+  VelmoGoto(h, frame, VelmoGotoExact | VelmoGotoDirect);  // the current frame: stays
+  VelmoGoto(h, 1, VelmoGotoExact | VelmoGotoDirect);
+  const std::vector<uint8_t> whole = DecodeFrames(s, 0, 1);
+  ASSERT_GT(whole.size(), 100u);
+  std::vector<uint8_t> small(100 + 16, 0xEE);
+  got = VelmoGetTrackData(t, small.data(), 100);
+  EXPECT_EQ(got, 100u);
+  EXPECT_TRUE(std::equal(small.begin(), small.begin() + 100, whole.begin()));
+  EXPECT_EQ(small[100], 0xEE);  // nothing written past the room given
+  EXPECT_EQ(VelmoGetTrackData(t, nullptr, 100), 0u);
+  EXPECT_EQ(VelmoGetTrackData(t, small.data(), 0), 0u);
+  VelmoCloseTrack(t);
+  VelmoClose(h);
+}
+
+TEST_F(TrackReaderTest, RefusesTracksItCannotDecode) {
+  const SoundFile sf =
+      BuildSoundFile(3, 30, 1, {{22050, 1, false, 5, 1, 0x90000000u}, {22050, 1, false, 6, 1, 0}});
+  HVELMO h = OpenImage(sf.File, VelmoOpenNoBuffers);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(VelmoOpenTrack(h, 0), nullptr);  // neither coding bit
+  EXPECT_EQ(VelmoOpenTrack(h, 2), nullptr);  // no such track
+  EXPECT_EQ(VelmoOpenTrack(nullptr, 0), nullptr);
+  VelmoTrackReader* t = VelmoOpenTrack(h, 1);
+  ASSERT_NE(t, nullptr);
+  // The unusable track's packet still sits in front: track 1 is found behind it.
+  std::vector<uint8_t> buffer(VelmoTrackReaderBufferSize(t));
+  const uint32_t got = VelmoGetTrackData(t, buffer.data(), uint32_t(buffer.size()));
+  EXPECT_EQ(std::vector<uint8_t>(buffer.begin(), buffer.begin() + got),
+            DecodeFrames(sf.Streams[1], 0, 1));
+  VelmoCloseTrack(t);
+  VelmoCloseTrack(nullptr);
+  EXPECT_EQ(VelmoTrackReaderRate(nullptr), 0u);
+  VelmoClose(h);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Playing.
 
 class SoundPlayTest : public VelmoTest {
  protected:
@@ -112,54 +234,42 @@ TEST_F(SoundPlayTest, DeviceHearsWhatTheCodecDecodesAndTheLastBytesGoOut) {
   EXPECT_EQ(log.Closed, 1u);
 }
 
+// The tracks opened, by index, for the ids asked: each once, in the order asked; an id not in
+// the file, a track of neither coding form, no back end or one that refuses its open leave
+// tracks out, and the file plays silent without an error.
 TEST_F(SoundPlayTest, AskedIdsOpenOnceInOrderAndUnusableOrMissingOnesAreSkipped) {
   const SoundFile sf = BuildSoundFile(4, 30, 1,
                                       {{22050, 1, false, 5, 1, 0},
                                        {22050, 2, false, 3, 1, 0},
                                        {22050, 1, false, 8, 1, 0x90000000u}});
-  HVELMO h = Open(sf.File, {5, 5, 77, 3, 8});
-  ASSERT_NE(h, nullptr) << VelmoGetError();
-  EXPECT_EQ(h->OpenTracks, 2u);
-  EXPECT_EQ(h->TrackIndexes[0], 0u);
-  EXPECT_EQ(h->TrackIndexes[1], 1u);
-  EXPECT_EQ(h->Tracks[1].Channels, 2u);
-  EXPECT_EQ(Config.TracksOpened, 2u);
-  EXPECT_STREQ(VelmoGetError(), "");
-  VelmoClose(h);
-
-  Config = VelmoNullSoundConfig{};
-  Config.Clock = FakeClock;
-  h = Open(sf.File, {3, 5});
-  ASSERT_NE(h, nullptr);
-  ASSERT_EQ(h->OpenTracks, 2u);
-  EXPECT_EQ(h->TrackIndexes[0], 1u);
-  EXPECT_EQ(h->TrackIndexes[1], 0u);
-  VelmoClose(h);
-
-  // Only the unusable track asked: a silent video, no error.
-  h = Open(sf.File, {8});
-  ASSERT_NE(h, nullptr) << VelmoGetError();
-  EXPECT_EQ(h->OpenTracks, 0u);
-  EXPECT_EQ(h->SoundOn, 0u);
-  EXPECT_STREQ(VelmoGetError(), "");
-  EXPECT_EQ(VelmoSetSoundOn(h, 1), 0u);
-  PlayFrame(h, 30);
-  EXPECT_EQ(h->FrameNum, 2u);
-  VelmoClose(h);
-
-  // Without a back end every track is left out, and the file plays.
-  VelmoSetSoundSystem(nullptr, 0);
-  h = Open(sf.File, {5});
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->OpenTracks, 0u);
-  VelmoClose(h);
-  // A back end that refuses its open drops the track too.
-  Config.RefuseOpen = 1;
-  ASSERT_EQ(VelmoSetSoundSystem(VelmoNullSoundSelect, uintptr_t(&Config)), 1u);
-  h = Open(sf.File, {5, 3});
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->OpenTracks, 0u);
-  VelmoClose(h);
+  const struct {
+    std::vector<uint32_t> Ids;
+    int BackEnd;  // 1 the null one, 0 none, -1 one that refuses its open
+    std::vector<uint32_t> Opened;
+  } cases[] = {{{5, 5, 77, 3, 8}, 1, {0, 1}},
+               {{3, 5}, 1, {1, 0}},
+               {{8}, 1, {}},
+               {{5}, 0, {}},
+               {{5, 3}, -1, {}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.Ids) + " " + std::to_string(c.BackEnd));
+    Config = VelmoNullSoundConfig{};
+    Config.Clock = FakeClock;
+    Config.RefuseOpen = c.BackEnd < 0;
+    VelmoSetSoundSystem(c.BackEnd ? VelmoNullSoundSelect : nullptr, uintptr_t(&Config));
+    HVELMO h = Open(sf.File, c.Ids);
+    ASSERT_NE(h, nullptr) << VelmoGetError();
+    EXPECT_STREQ(VelmoGetError(), "");
+    EXPECT_EQ(std::vector<uint32_t>(h->TrackIndexes, h->TrackIndexes + h->OpenTracks), c.Opened);
+    EXPECT_EQ(Config.TracksOpened, c.BackEnd > 0 ? c.Opened.size() : 0u);
+    EXPECT_EQ(h->SoundOn, c.Opened.empty() ? 0u : 1u);
+    EXPECT_EQ(VelmoSetSoundOn(h, 1), c.Opened.empty() ? 0u : 1u);
+    for (uint32_t t = 0; t < h->OpenTracks; ++t)
+      EXPECT_EQ(h->Tracks[t].Channels, h->TrackIndexes[t] == 1 ? 2u : 1u);
+    PlayFrame(h, 30);
+    EXPECT_EQ(h->FrameNum, 2u);
+    VelmoClose(h);
+  }
 }
 
 TEST_F(SoundPlayTest, TheStoredTrackListIsCappedAndServesOneOpenThenTrackZeroAgain) {
@@ -192,22 +302,19 @@ TEST_F(SoundPlayTest, TheStoredTrackListIsCappedAndServesOneOpenThenTrackZeroAga
 TEST_F(SoundPlayTest, ForcedFrameRateScalesTheOutputRateUpTo256000) {
   const SoundFile sf =
       BuildSoundFile(3, 30, 1, {{22050, 1, false, 1, 1, 0}, {48000, 2, false, 2, 1, 0}});
-  HVELMO h = Open(sf.File, {1, 2}, VelmoOpenNoBuffers, 60, 1);
-  ASSERT_NE(h, nullptr) << VelmoGetError();
-  ASSERT_EQ(h->OpenTracks, 2u);
-  EXPECT_EQ(h->Tracks[0].OutputRate, 44100u);
-  EXPECT_EQ(h->Tracks[1].OutputRate, 96000u);
-  EXPECT_EQ(h->Tracks[1].FileRate, 48000u);
-  VelmoClose(h);
-  h = Open(sf.File, {1, 2}, VelmoOpenNoBuffers, 240, 1);
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->Tracks[0].OutputRate, 176400u);
-  EXPECT_EQ(h->Tracks[1].OutputRate, 256000u);  // 384000 is held at the limit
-  VelmoClose(h);
-  h = Open(sf.File, {1}, VelmoOpenNoBuffers, 45, 2);  // 22.5 frames a second
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->Tracks[0].OutputRate, 16537u);
-  VelmoClose(h);
+  const uint32_t cases[][4] = {// the forced rate and divisor, the output rates of both tracks
+                               {60, 1, 44100, 96000},
+                               {240, 1, 176400, 256000},  // 384000 is held at the limit
+                               {45, 2, 16537, 36000}};    // 22.5 frames a second
+  for (const auto& [rate, div, first, second] : cases) {
+    HVELMO h = Open(sf.File, {1, 2}, VelmoOpenNoBuffers, rate, div);
+    ASSERT_NE(h, nullptr) << VelmoGetError();
+    ASSERT_EQ(h->OpenTracks, 2u);
+    EXPECT_EQ(h->Tracks[0].OutputRate, first) << rate;
+    EXPECT_EQ(h->Tracks[1].OutputRate, second) << rate;
+    EXPECT_EQ(h->Tracks[1].FileRate, 48000u);
+    VelmoClose(h);
+  }
 }
 
 TEST_F(SoundPlayTest, OffAndOnAlignsTheRingOnlyOnceSoundWasHeard) {
@@ -394,45 +501,42 @@ TEST_F(SoundPlayTest, ABackEndIsNotSwappedWhileTracksAreOpen) {
   EXPECT_EQ(VelmoSoundBackEnd(), nullptr);
 }
 
+// Volumes of 16.16 go to pairs of speaker bins: by default one entry for both channels of
+// bin 0, or one per bin in order; with a bin list a stereo track's entries alternate channels
+// within the bin's pair, and a mono track's go to the bin itself.
 TEST_F(SoundPlayTest, VolumesGoToSpeakerBins) {
   const SoundFile sf =
       BuildSoundFile(2, 30, 1, {{22050, 1, false, 4, 1, 0}, {22050, 2, false, 6, 1, 0}});
   HVELMO h = Open(sf.File, {4, 6});
   ASSERT_NE(h, nullptr);
   ASSERT_EQ(h->OpenTracks, 2u);
-  const VelmoNullSoundLog& mono = Config.Logs[0];
-  const VelmoNullSoundLog& stereo = Config.Logs[1];
-  auto mix = [](const VelmoNullSoundLog& log) {
-    return std::vector<float>(log.Mix, log.Mix + 8);
-  };
-
-  VelmoSetTrackVolumes(h, 4, nullptr, nullptr, 1);
-  EXPECT_EQ(mix(mono), (std::vector<float>{1, 1, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(mono.MixStereo, 0u);
-  EXPECT_EQ(mono.MixCount, 1u);
-
   const uint32_t two[] = {32768, 65536};
-  VelmoSetTrackVolumes(h, 4, nullptr, two, 2);
-  EXPECT_EQ(mix(mono), (std::vector<float>{1, 2, 0, 0, 0.5f, 1, 0, 0}));
-  EXPECT_EQ(mono.MixVolume, 1.0f);
-
   const uint32_t eight[] = {8192, 16384, 24576, 32768, 40960, 49152, 57344, 70000};
-  VelmoSetTrackVolumes(h, 6, nullptr, eight, 8);
-  EXPECT_EQ(mix(stereo), (std::vector<float>{0.25f, 0.5f, 1.25f, 1.5f, 0.75f, 1, 1.75f, 2}));
-  EXPECT_EQ(stereo.MixStereo, 1u);
-  EXPECT_EQ(stereo.MixCount, 8u);
-
-  // An explicit bin list: a stereo track's entries alternate channels within the bin's pair.
-  const uint32_t bins[] = {1, 1, 3};
-  const uint32_t levels[] = {16384, 8192, 32768};
-  VelmoSetTrackVolumes(h, 6, bins, levels, 3);
-  EXPECT_EQ(mix(stereo), (std::vector<float>{0, 0, 0.5f, 0.25f, 0, 0, 1, 0}));
-  VelmoSetTrackVolumes(h, 4, bins, levels, 3);  // mono: the bin itself
-  EXPECT_EQ(mix(mono), (std::vector<float>{0, 0.25f, 0, 1, 0, 0, 0, 0}));
-
-  const uint32_t before = mono.MixCount;
+  const uint32_t bins[] = {1, 1, 3}, levels[] = {16384, 8192, 32768};
+  const struct {
+    uint32_t Id;
+    const uint32_t *Bins, *Levels;
+    uint32_t Count;
+    std::vector<float> Mix;
+  } cases[] = {{4, nullptr, nullptr, 1, {1, 1, 0, 0, 0, 0, 0, 0}},
+               {4, nullptr, two, 2, {1, 2, 0, 0, 0.5f, 1, 0, 0}},
+               {6, nullptr, eight, 8, {0.25f, 0.5f, 1.25f, 1.5f, 0.75f, 1, 1.75f, 2}},
+               {6, bins, levels, 3, {0, 0, 0.5f, 0.25f, 0, 0, 1, 0}},
+               {4, bins, levels, 3, {0, 0.25f, 0, 1, 0, 0, 0, 0}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "track " << c.Id << ", " << c.Count << " volumes");
+    VelmoSetTrackVolumes(h, c.Id, c.Bins, c.Levels, c.Count);
+    const VelmoNullSoundLog& log = Config.Logs[c.Id == 4 ? 0 : 1];
+    EXPECT_EQ(std::vector<float>(log.Mix, log.Mix + 8), c.Mix);
+    EXPECT_EQ(log.MixStereo, c.Id == 6 ? 1u : 0u);
+    EXPECT_EQ(log.MixCount, c.Count);
+    if (c.Levels == two) {
+      EXPECT_EQ(log.MixVolume, 1.0f);
+    }
+  }
+  const uint32_t before = Config.Logs[0].MixCount;
   VelmoSetTrackVolumes(h, 99, nullptr, nullptr, 2);  // no such track: nothing happens
-  EXPECT_EQ(mono.MixCount, before);
+  EXPECT_EQ(Config.Logs[0].MixCount, before);
   VelmoClose(h);
 }
 

@@ -20,11 +20,6 @@ inline uint32_t FakeClock() { return FakeNow; }
 inline void Store32(std::vector<uint8_t>* file, size_t at, uint32_t value) {
   std::memcpy(file->data() + at, &value, 4);
 }
-inline uint32_t Load32(const std::vector<uint8_t>& file, size_t at) {
-  uint32_t v;
-  std::memcpy(&v, file.data() + at, 4);
-  return v;
-}
 
 // Opens an image in memory (the image flag); the bytes must outlive the handle.
 inline HVELMO OpenImage(const std::vector<uint8_t>& file, uint32_t flags = 0) {
@@ -61,6 +56,14 @@ class VelmoTest : public ::testing::Test {
     VelmoSetSoundTracks(1, &zero);
   }
   void TearDown() override { VelmoSetClockForTest(nullptr); }
+  // Builds `s` into File and opens it as an image.
+  HVELMO Open(const FileSpec& s = {}, uint32_t flags = 0) {
+    File = BuildFile(s);
+    HVELMO h = OpenImage(File, flags);
+    EXPECT_NE(h, nullptr) << VelmoGetError();
+    return h;
+  }
+  std::vector<uint8_t> File;
 };
 
 }  // namespace velmo_test
