@@ -156,8 +156,9 @@ TEST(CopyOutModel, ColoursMatchTheModelInEveryFormat) {
     frame.Fill(c.Y, c.Cr, c.Cb);
     double model[3];
     FloatModel(c.Table, c.Y, c.Cr, c.Cb, model);
-    if (c.Exact >= 0)
+    if (c.Exact >= 0) {
       for (double m : model) EXPECT_NEAR(m * 255, c.Exact * 255, 0.6);
+    }
     for (uint32_t format : ValidFormats) {
       SCOPED_TRACE(format);
       const int bytes = BytesOf(format);
@@ -176,7 +177,9 @@ TEST(CopyOutModel, ColoursMatchTheModelInEveryFormat) {
                 << got[ch] << " not in " << low << ".." << high << ", channel " << ch << " at "
                 << x << "," << y;
           }
-          if (format != 10) ASSERT_EQ(px.A, bytes == 2 ? 1 : 255);  // no alpha plane: opaque
+          if (format != 10) {
+            ASSERT_EQ(px.A, bytes == 2 ? 1 : 255);  // no alpha plane: opaque
+          }
         }
       }
     }
