@@ -56,25 +56,25 @@ std::vector<uint8_t> VideoBytes(uint32_t frame) {
 std::vector<uint8_t> BuildInput(const InputLayout& s) {
   static const int16_t hdr[6] = {1000, 2000, 3000, -400, -500, 1000};
   static const int16_t matrix[12] = {4096, 0, 0, 0, 4096, 0, 0, 0, 4096, 10, 20, 30};
-  velmo_test::FileSpec spec;
-  spec.Version = s.Version;
-  spec.Width = 64;
-  spec.Height = 48;
-  spec.Frames = s.Frames;
-  spec.KeyEvery = s.KeyEvery;
-  spec.Flags = s.Flags;
-  spec.SliceMode = s.Version >= 200 ? 1 : 0;
-  spec.Text = s.Text;
-  spec.HdrBlock = hdr;
-  spec.ColourMatrix = matrix;
-  for (uint32_t id : s.TrackIds) spec.Tracks.push_back({0, TrackFormat, id});
-  spec.Video = VideoBytes;
-  spec.Sound = [](uint32_t f, size_t t, uint32_t* decoded) {
+  velmo_test::FilePlan plan;
+  plan.Version = s.Version;
+  plan.Width = 64;
+  plan.Height = 48;
+  plan.Frames = s.Frames;
+  plan.KeyEvery = s.KeyEvery;
+  plan.Flags = s.Flags;
+  plan.SliceMode = s.Version >= 200 ? 1 : 0;
+  plan.Text = s.Text;
+  plan.HdrBlock = hdr;
+  plan.ColourMatrix = matrix;
+  for (uint32_t id : s.TrackIds) plan.Tracks.push_back({0, TrackFormat, id});
+  plan.Video = VideoBytes;
+  plan.Sound = [](uint32_t f, size_t t, uint32_t* decoded) {
     std::vector<uint8_t> sound = SoundBytes(uint32_t(t), f);
     *decoded = sound.empty() ? 0 : 64 + 16 * uint32_t(t);
     return sound;
   };
-  return velmo_test::BuildFile(spec);
+  return velmo_test::BuildFile(plan);
 }
 
 using Parsed = velmo_test::ParsedFile;

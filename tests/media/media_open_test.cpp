@@ -46,7 +46,7 @@ TEST_F(OpenTest, TypeTableRowsGiveTheSourceAndItsFrames) {
   const std::string y4m = FlatY4m(2);
   WriteText(dir / "a.y4m", y4m);
   WriteText(dir / "stream.dat", y4m);
-  velmo_test::FileSpec velmo;
+  velmo_test::FilePlan velmo;
   velmo.Width = 32;
   velmo.Height = 16;
   velmo.Frames = 6;

@@ -26,7 +26,7 @@ std::vector<uint8_t> BigVideo(uint32_t i) {
 }
 
 std::vector<uint8_t> BigFile(uint32_t frames = Frames) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = frames;
   s.Video = BigVideo;
   return BuildFile(s);

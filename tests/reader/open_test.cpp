@@ -46,7 +46,7 @@ TEST_F(VelmoOpenTest, HeaderErrorsInTheReadersOrder) {
 }
 
 TEST_F(VelmoOpenTest, TableAndFrameSizeErrors) {
-  FileSpec s;
+  FilePlan s;
   TestWriter w = BuildWriter(s);
   // Cut inside the frame table: the tables cannot be read.
   std::vector<uint8_t> cut(w.File.begin(), w.File.begin() + w.Image.FrameTableOffset + 8);
@@ -95,7 +95,7 @@ TEST_F(VelmoOpenTest, ErrorText) {
 }
 
 TEST_F(VelmoOpenTest, PublicFieldsAfterOpen) {
-  FileSpec s;
+  FilePlan s;
   s.Width = -20;  // a negative width reads as its absolute value
   s.Height = 12;
   s.Rate = 25;
@@ -136,7 +136,7 @@ TEST_F(VelmoOpenTest, PublicFieldsAfterOpen) {
 }
 
 TEST_F(VelmoOpenTest, OpenFlagsAreCompleted) {
-  FileSpec s;
+  FilePlan s;
   s.Version = 150;  // "VLMk": extras, and the flags are kept
   s.Flags = VelmoFlagGrayscale | VelmoFlagFullRange;
   HVELMO h = Open(s, VelmoOpenOwnBuffers | VelmoOpenAlpha | VelmoOpenHdr);
@@ -166,7 +166,7 @@ TEST_F(VelmoOpenTest, OpenFlagsAreCompleted) {
   VelmoClose(h);
 
   // With an alpha plane in the file, the alpha flag stays and the buffers get alpha planes.
-  s = FileSpec{};
+  s = FilePlan{};
   s.Version = 150;
   s.Flags = VelmoFlagAlpha;
   h = Open(s, VelmoOpenAlpha);
@@ -191,7 +191,7 @@ TEST_F(VelmoOpenTest, FrameBufferLayoutByGeneration) {
                {200, 1, 100, 300, 1, 128, 304, 64, 152, 2, 128, 64}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.Version << ": " << c.Width << " x " << c.Height);
-    FileSpec s;
+    FilePlan s;
     s.Version = c.Version;
     s.Frames = c.Frames;
     s.Width = c.Width;
@@ -289,7 +289,7 @@ TEST_F(VelmoOpenTest, HighestSecondBytes) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.What);
-    FileSpec s;
+    FilePlan s;
     s.Rate = c.Rate;
     s.RateDiv = c.RateDiv;
     s.Frames = uint32_t(c.Sizes.size());
@@ -306,7 +306,7 @@ TEST_F(VelmoOpenTest, HighestSecondBytes) {
 }
 
 TEST_F(VelmoOpenTest, ProviderPathReadsThePacketOnTheCallersThread) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 3;
   const std::vector<uint8_t> file = BuildFile(s);
   ProviderOpen p;
@@ -328,7 +328,7 @@ TEST_F(VelmoOpenTest, ProviderPathReadsThePacketOnTheCallersThread) {
 }
 
 TEST_F(VelmoOpenTest, PreloadAndReadWhole) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 4;
   const std::vector<uint8_t> file = BuildFile(s);
   ProviderOpen p;
@@ -355,7 +355,7 @@ TEST_F(VelmoOpenTest, PreloadAndReadWhole) {
 }
 
 TEST_F(VelmoOpenTest, ReadFailureStopsTheWalk) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 4;
   const std::vector<uint8_t> file = BuildFile(s);
   // The provider sees the file cut in the middle of frame 3.

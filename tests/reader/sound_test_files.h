@@ -43,7 +43,7 @@ struct SoundFile {
 inline SoundFile BuildSoundFile(uint32_t frames, uint32_t fps, uint32_t fpsDiv,
                                 const std::vector<TrackDef>& tracks) {
   SoundFile out;
-  velmo_test::FileSpec s;
+  velmo_test::FilePlan s;
   s.Frames = frames;
   s.Rate = fps;
   s.RateDiv = fpsDiv;

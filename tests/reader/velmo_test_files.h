@@ -57,7 +57,7 @@ class VelmoTest : public ::testing::Test {
   }
   void TearDown() override { VelmoSetClockForTest(nullptr); }
   // Builds `s` into File and opens it as an image.
-  HVELMO Open(const FileSpec& s = {}, uint32_t flags = 0) {
+  HVELMO Open(const FilePlan& s = {}, uint32_t flags = 0) {
     File = BuildFile(s);
     HVELMO h = OpenImage(File, flags);
     EXPECT_NE(h, nullptr) << VelmoGetError();

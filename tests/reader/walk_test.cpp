@@ -34,7 +34,7 @@ class VelmoWalkTest : public VelmoTest {
 };
 
 TEST_F(VelmoWalkTest, FramesInOrderThenLoop) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 4;
   HVELMO h = Open(s);
   std::vector<uint32_t> seen = {h->FrameNum};
@@ -51,7 +51,7 @@ TEST_F(VelmoWalkTest, FramesInOrderThenLoop) {
 }
 
 TEST_F(VelmoWalkTest, SingleFrameFileStaysOnFrameOne) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 1;
   HVELMO h = Open(s);
   EXPECT_EQ(VelmoDoFrame(h), 1u);
@@ -161,7 +161,7 @@ TEST_F(VelmoWalkTest, FarBehindWithSoundForcesAResync) {
 }
 
 TEST_F(VelmoWalkTest, CopyHonoursTheSkipCheck) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 3;
   HVELMO h = Open(s);
   PlayAt(h, 1000);
@@ -195,7 +195,7 @@ TEST_F(VelmoWalkTest, CopyHonoursTheSkipCheck) {
 }
 
 TEST_F(VelmoWalkTest, LoopPastFiveMinutesRestartsClockAndSound) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 2;
   HVELMO h = Open(s);
   VelmoState* st = VelmoStateOf(h);
@@ -217,7 +217,7 @@ TEST_F(VelmoWalkTest, LoopPastFiveMinutesRestartsClockAndSound) {
 }
 
 TEST_F(VelmoWalkTest, KeyFrameSearch) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 12;  // key frames 1, 6, 11
   HVELMO h = Open(s);
   const uint32_t back = VelmoKeyBackward, ahead = VelmoKeyForward, near = VelmoKeyNearest,
@@ -235,7 +235,7 @@ TEST_F(VelmoWalkTest, KeyFrameSearch) {
 }
 
 TEST_F(VelmoWalkTest, GotoDecodesFromTheKeyFrame) {
-  FileSpec s;
+  FilePlan s;
   s.Frames = 12;
   HVELMO h = Open(s);
   VelmoState* st = VelmoStateOf(h);
@@ -353,8 +353,8 @@ std::vector<uint8_t> OnePlane(uint32_t width, const std::vector<std::vector<int>
   return Velmo1EncBuildPlane(p, Velmo1EncPlaneOptions{});
 }
 
-FileSpec DecodableFile() {
-  FileSpec s;
+FilePlan DecodableFile() {
+  FilePlan s;
   s.Frames = 2;
   s.Video = [](uint32_t i) {
     if (i == 0)

@@ -102,7 +102,7 @@ inline void Checkpoint(TestWriter* w) {
   ASSERT_TRUE(VelmoApplyPatches(&w->File, patches));
 }
 
-struct FileSpec {
+struct FilePlan {
   uint32_t Version = 100;  // "VLMi"
   int32_t Width = 16, Height = 16;
   uint32_t Rate = 30, RateDiv = 1;
@@ -127,7 +127,7 @@ inline std::vector<uint8_t> DefaultVideo(uint32_t i) {
   return v;
 }
 
-inline TestWriter BuildWriter(const FileSpec& s) {
+inline TestWriter BuildWriter(const FilePlan& s) {
   VelmoWriteParams p{};
   p.Version = s.Version;
   p.Width = s.Width;
@@ -156,7 +156,7 @@ inline TestWriter BuildWriter(const FileSpec& s) {
   return w;
 }
 
-inline std::vector<uint8_t> BuildFile(const FileSpec& s) { return BuildWriter(s).File; }
+inline std::vector<uint8_t> BuildFile(const FilePlan& s) { return BuildWriter(s).File; }
 
 // A Velmo file taken apart: its header and tables, and each frame's key flag, sound packets
 // (whole, size word included) and video section.
