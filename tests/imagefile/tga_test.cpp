@@ -5,7 +5,7 @@ using namespace imagefile_test;
 
 namespace {
 
-struct TgaSpec {
+struct TgaFields {
   int image_type = 2;
   int width = 1, height = 1, depth = 24;
   int descriptor = 0;
@@ -14,7 +14,7 @@ struct TgaSpec {
   std::string id;
 };
 
-std::vector<uint8_t> MakeTga(const TgaSpec& s, const std::vector<uint8_t>& data) {
+std::vector<uint8_t> MakeTga(const TgaFields& s, const std::vector<uint8_t>& data) {
   Bytes b;
   b.u8(unsigned(s.id.size())).u8(s.map_length ? 1 : 0).u8(unsigned(s.image_type));
   b.u16(unsigned(s.map_first)).u16(unsigned(s.map_length)).u8(unsigned(s.map_bits));
@@ -23,9 +23,9 @@ std::vector<uint8_t> MakeTga(const TgaSpec& s, const std::vector<uint8_t>& data)
   return b.v;
 }
 
-// A spec of `width` x `height` pixels of the type and depth, top-down unless `descriptor` says.
-TgaSpec Spec(int type, int width, int height, int depth, int descriptor = 0x20) {
-  TgaSpec s;
+// The header fields of a picture of `width` x `height` pixels of the type and depth, top-down unless `descriptor` says.
+TgaFields Fields(int type, int width, int height, int depth, int descriptor = 0x20) {
+  TgaFields s;
   s.image_type = type, s.width = width, s.height = height, s.depth = depth, s.descriptor = descriptor;
   return s;
 }
@@ -36,12 +36,12 @@ TEST(Tga, EveryTypeDepthAndOriginGivesItsPixels) {
   const std::vector<uint8_t> argb = {1, 2, 3, 0x40, 4, 5, 6, 0xC0};
   // 0x7C00 red with the attribute bit clear (transparent), 0x83E0 green with it set.
   const std::vector<uint8_t> hicolour = {0x00, 0x7C, 0xE0, 0x83};
-  TgaSpec with_id = Spec(2, 2, 2, 24, 0);
+  TgaFields with_id = Fields(2, 2, 2, 24, 0);
   with_id.id = "made by hand";
-  TgaSpec mapped = Spec(1, 3, 1, 8);
+  TgaFields mapped = Fields(1, 3, 1, 8);
   mapped.map_first = 10, mapped.map_length = 2, mapped.map_bits = 24;
   mapped.map = {0, 0, 255, 255, 0, 0};  // entry 10 red, entry 11 blue
-  TgaSpec rle_mapped = Spec(9, 4, 1, 8);
+  TgaFields rle_mapped = Fields(9, 4, 1, 8);
   rle_mapped.map_length = 2, rle_mapped.map_bits = 16;
   rle_mapped.map = {0x00, 0x7C, 0x1F, 0x00};  // 15-bit red, blue
   const struct {
@@ -50,21 +50,21 @@ TEST(Tga, EveryTypeDepthAndOriginGivesItsPixels) {
     std::vector<uint32_t> want;
   } cases[] = {
       {"bottom-up by default", MakeTga(with_id, square), {B, W, R, G}},
-      {"top-down", MakeTga(Spec(2, 2, 2, 24), square), {R, G, B, W}},
-      {"top-down, right to left", MakeTga(Spec(2, 2, 2, 24, 0x30), square), {G, R, W, B}},
-      {"32 bit with attribute bits", MakeTga(Spec(2, 2, 1, 32, 0x28), argb), {0x40030201, 0xC0060504}},
-      {"32 bit without attribute bits is opaque", MakeTga(Spec(2, 2, 1, 32), argb), {0xFF030201, 0xFF060504}},
-      {"16 bit with an attribute bit", MakeTga(Spec(2, 2, 1, 16, 0x21), hicolour), {0x00FF0000, G}},
-      {"15 bit", MakeTga(Spec(2, 2, 1, 15), hicolour), {R, G}},
+      {"top-down", MakeTga(Fields(2, 2, 2, 24), square), {R, G, B, W}},
+      {"top-down, right to left", MakeTga(Fields(2, 2, 2, 24, 0x30), square), {G, R, W, B}},
+      {"32 bit with attribute bits", MakeTga(Fields(2, 2, 1, 32, 0x28), argb), {0x40030201, 0xC0060504}},
+      {"32 bit without attribute bits is opaque", MakeTga(Fields(2, 2, 1, 32), argb), {0xFF030201, 0xFF060504}},
+      {"16 bit with an attribute bit", MakeTga(Fields(2, 2, 1, 16, 0x21), hicolour), {0x00FF0000, G}},
+      {"15 bit", MakeTga(Fields(2, 2, 1, 15), hicolour), {R, G}},
       {"colour mapped, below the first entry black", MakeTga(mapped, {11, 10, 3}), {B, R, K}},
-      {"grey", MakeTga(Spec(3, 2, 1, 8), {0x10, 0xF0}), {0xFF101010, 0xFFF0F0F0}},
-      {"grey with alpha", MakeTga(Spec(3, 2, 1, 16), {0x10, 0x80, 0xF0, 0x00}), {0x80101010, 0x00F0F0F0}},
+      {"grey", MakeTga(Fields(3, 2, 1, 8), {0x10, 0xF0}), {0xFF101010, 0xFFF0F0F0}},
+      {"grey with alpha", MakeTga(Fields(3, 2, 1, 16), {0x10, 0x80, 0xF0, 0x00}), {0x80101010, 0x00F0F0F0}},
       // A run of 4 red crosses into row 2, then a raw packet of 2: green, blue.
-      {"runs cross rows", MakeTga(Spec(10, 3, 2, 24), {0x83, 0, 0, 255, 0x01, 0, 255, 0, 255, 0, 0}),
+      {"runs cross rows", MakeTga(Fields(10, 3, 2, 24), {0x83, 0, 0, 255, 0x01, 0, 255, 0, 255, 0, 0}),
        {R, R, R, R, G, B}},
       {"colour mapped runs", MakeTga(rle_mapped, {0x82, 1, 0x00, 0}), {B, B, B, R}},
-      {"grey runs", MakeTga(Spec(11, 3, 1, 8), {0x82, 0x7F}), {0xFF7F7F7F, 0xFF7F7F7F, 0xFF7F7F7F}},
-      {"runs longer than the picture stop at its end", MakeTga(Spec(10, 2, 1, 24), {0xFF, 0, 255, 0}), {G, G}},
+      {"grey runs", MakeTga(Fields(11, 3, 1, 8), {0x82, 0x7F}), {0xFF7F7F7F, 0xFF7F7F7F, 0xFF7F7F7F}},
+      {"runs longer than the picture stop at its end", MakeTga(Fields(10, 2, 1, 24), {0xFF, 0, 255, 0}), {G, G}},
   };
   for (const auto& c : cases) EXPECT_EQ(Read(c.file, "x.tga").pixels, c.want) << c.what;
 
@@ -91,19 +91,19 @@ TEST(Tga, EveryTypeDepthAndOriginGivesItsPixels) {
 
 TEST(Tga, TruncatedDataGivesAnErrorAndAPartialPicture) {
   bool ok = true;
-  const Picture p = Read(MakeTga(Spec(10, 4, 1, 24), {0x81, 0, 0, 255, 0x01, 255}), "t.tga", 0, &ok);
+  const Picture p = Read(MakeTga(Fields(10, 4, 1, 24), {0x81, 0, 0, 255, 0x01, 255}), "t.tga", 0, &ok);
   EXPECT_FALSE(ok);
   EXPECT_EQ(p.pixels, (std::vector<uint32_t>{R, R, K, K}));
   ok = true;
-  Read(MakeTga(Spec(2, 3, 1, 24), {1, 2, 3, 4}), "t.tga", 0, &ok);
+  Read(MakeTga(Fields(2, 3, 1, 24), {1, 2, 3, 4}), "t.tga", 0, &ok);
   EXPECT_FALSE(ok);
 }
 
 TEST(Tga, BadHeadersAreRefused) {
-  TgaSpec s;
+  TgaFields s;
   s.depth = 12;
   EXPECT_NE(OpenError(MakeTga(s, {1, 2}), "x.tga"), IMAGE_OK);
-  TgaSpec mapped = Spec(1, 1, 1, 8, 0);
+  TgaFields mapped = Fields(1, 1, 1, 8, 0);
   mapped.map_length = 200, mapped.map_bits = 24;
   mapped.map = {1, 2, 3};  // far fewer entries than stated
   EXPECT_EQ(OpenError(MakeTga(mapped, {}), "x.tga"), IMAGE_ERROR_CORRUPT);
