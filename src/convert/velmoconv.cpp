@@ -214,8 +214,8 @@ const ToolControlDesc Controls[] = {
     {VelmoConvIdAudio, ToolControlText, "Audio: "},
     {VelmoConvIdStatus, ToolControlText, "Starting..."},
     {ToolIdProgress, ToolControlProgress, ""},
-    {VelmoConvIdCaption, ToolControlText, "Time left:"},
     {VelmoConvIdElapsed, ToolControlText, "Elapsed: "},
+    {VelmoConvIdCaption, ToolControlLabel, "Time left:"},  // names the time beside it
     {VelmoConvIdRemaining, ToolControlText, ""},
     {VelmoConvIdSpare, ToolControlText, ""},
     {VelmoConvIdProjected, ToolControlText, ""},

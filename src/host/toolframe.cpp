@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cctype>
 #include <climits>
 #include <condition_variable>
 #include <cstdio>
@@ -47,7 +48,27 @@ struct Control {
   bool enabled = true;
   int position = 0;
   int maximum = 100;
+  std::string initial;  // the description's text
+  std::string label;    // a text control's own label, "Elapsed:" of "Elapsed: "; else ""
 };
+
+// The label an initial text gives a text control: the text without trailing blanks when it
+// ends in ":".
+std::string LabelOf(ToolControlKind kind, const char* text) {
+  if (kind != ToolControlText || !text) return std::string();
+  std::string s = text;
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.pop_back();
+  return !s.empty() && s.back() == ':' ? s : std::string();
+}
+
+// True when a value starts with a label of its own: words, then ":" and a blank or the end.
+bool CarriesLabel(const std::string& value) {
+  size_t i = 0;
+  while (i < value.size() && (std::isalpha(static_cast<unsigned char>(value[i])) || value[i] == ' '))
+    i++;
+  return i > 0 && std::isalpha(static_cast<unsigned char>(value[0])) && i < value.size() &&
+         value[i] == ':' && (i + 1 == value.size() || value[i + 1] == ' ');
+}
 
 enum PostKind { PostText, PostCaption, PostRange, PostPosition, PostEnable, PostCommand,
                 PostClose, PostUser, PostBox, PostFinished, PostTimer };
@@ -499,7 +520,8 @@ int ToolFrameRun(void* instance, intptr_t parentWindow, const char* commandTail,
   d->caption = desc->title;
   for (int i = 0; i < desc->controlCount; i++) {
     const ToolControlDesc& c = desc->controls[i];
-    d->controls.push_back(Control{c.id, c.kind, c.text ? c.text : ""});
+    const char* text = c.text ? c.text : "";
+    d->controls.push_back(Control{c.id, c.kind, text, true, 0, 100, text, LabelOf(c.kind, text)});
   }
   d->alive = true;
   d->running = true;
@@ -657,7 +679,27 @@ int ToolDialogControlCount(const ToolDialog* dialog) { return int(dialog->contro
 
 ToolControlView ToolDialogControl(const ToolDialog* dialog, int index) {
   const Control& c = dialog->controls[size_t(index)];
-  return ToolControlView{c.id, c.kind, c.text.c_str(), c.enabled, c.position, c.maximum};
+  ToolControlView v{c.id, c.kind, c.text.c_str(), c.enabled, c.position, c.maximum, "", ""};
+  if (c.kind == ToolControlLabel || c.kind == ToolControlEdit) v.value = v.text;
+  if (c.kind != ToolControlText) return v;
+  const bool onlyLabel = !c.label.empty() && c.text == c.initial;
+  v.value = onlyLabel ? "" : c.text.c_str();
+  if (!onlyLabel && CarriesLabel(c.text)) return v;
+  const Control* before = index > 0 ? &dialog->controls[size_t(index) - 1] : nullptr;
+  if (before && before->kind == ToolControlLabel && !before->text.empty())
+    v.label = before->text.c_str();
+  else
+    v.label = c.label.c_str();
+  return v;
+}
+
+size_t ToolControlLine(const ToolControlView& view, char* dest, size_t destSize) {
+  const char* label = view.label ? view.label : "";
+  const char* value = view.value ? view.value : "";
+  if (view.kind != ToolControlText) label = value = "";
+  const char* gap = *label && *value ? " " : "";
+  const int n = std::snprintf(dest, destSize, "%s%s%s", label, gap, value);
+  return n > 0 ? size_t(n) : 0;
 }
 
 ToolBox* ToolDialogTopBox(ToolDialog* dialog) {

@@ -38,12 +38,15 @@ enum ToolControlKind {
   ToolControlProgress = 1,  // a progress bar; its text is unused
   ToolControlButton = 2,    // a push button; pressing it sends its id to the command handler
   ToolControlEdit = 3,      // a multi-line text field (logs, the batch list)
+  ToolControlLabel = 4,     // static text naming the value of the text control right after it
 };
 
 struct ToolControlDesc {
   int id;
   ToolControlKind kind;
-  const char* text;  // initial text; a leading label in front of a text control's value
+  // Initial text. For a text control, an initial text ending in ":" (blanks may follow) is the
+  // control's label: the front ends show it beside whatever value the tool sets.
+  const char* text;
 };
 
 struct ToolDialogDesc {
@@ -199,7 +202,16 @@ struct ToolControlView {
   bool enabled;
   int position;      // progress bars
   int maximum;
+  // A text control as people read it: the label shown beside the value (a label control's
+  // text in front of it, else its own label, and none when the value carries a label of its
+  // own, as in "Total time: 0:00:04"), and the value ("" while only the label is there).
+  const char* label;
+  const char* value;
 };
+
+// "label value", or either alone, for a text control's view; "" for other kinds and for a
+// value-less control. Returns the full length, as snprintf does.
+size_t ToolControlLine(const ToolControlView& view, char* dest, size_t destSize);
 
 struct ToolFrontEnd {
   const char* name;

@@ -1,8 +1,9 @@
-// The tool shell on a terminal: status lines and a progress bar on stderr, questions on the
-// terminal. On a terminal one status line is redrawn in place; into a file or pipe, changed
-// texts are printed sparsely. Without a terminal on stdin a box takes its default button and
-// says so. Ctrl-C while a tool runs is the close box; a second one before the first has been
-// handled ends the process the usual way.
+// The tool shell on a terminal: the dialog's facts as labelled lines and its running figures as
+// one progress line on stderr, questions on the terminal. On a terminal the progress line is
+// redrawn in place; into a file or pipe it is printed at most once a second. At the end the
+// running figures are printed as a summary, one labelled line each. Without a terminal on stdin
+// a box takes its default button and says so. Ctrl-C while a tool runs is the close box; a
+// second one before the first has been handled ends the process the usual way.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,24 +25,20 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr int SparseIntervalMs = 500;
-
-struct Shown {
-  int id;
-  std::string printed;  // what was last printed for this control
-  bool pending = false;
-};
+constexpr int PlainIntervalMs = 1000;  // at most one progress line a second into a file
+constexpr int LiveIntervalMs = 100;   // redraws of the running line on a terminal
+constexpr int BarWidth = 10;
 
 struct ConsoleState {
-  bool live = false;  // stderr is a terminal: redraw one line in place
+  bool live = false;  // stderr is a terminal: one running line redrawn in place
   int wakePipe[2] = {-1, -1};
-  std::vector<Shown> shown;
-  std::string status;   // the text most recently changed, for the live line
-  int percent = -1;     // last percent shown
-  int printedTenth = -1;
-  size_t lineWidth = 0;  // characters of the live line on screen
+  std::vector<std::pair<int, std::string>> printed;  // facts as last printed, by control id
+  std::vector<std::pair<int, std::string>> initial;  // the lines the dialog opened with
+  std::string onScreen;  // the running line as it stands on the terminal; "" when cleared
+  Clock::time_point drawnAt;
+  std::string lastPlain;  // the progress line last printed into a file or pipe
+  Clock::time_point lastPlainAt;
   std::string printedCaption;
-  Clock::time_point lastSparse;
   bool closeQueued = false;
   int closesBefore = 0;
   struct sigaction oldInt {};
@@ -89,9 +86,9 @@ std::string ButtonPrompt(const ToolBox* box) {
 }
 
 void ClearLiveLine() {
-  if (g_con.live && g_con.lineWidth) {
-    std::fprintf(stderr, "\r%*s\r", int(g_con.lineWidth), "");
-    g_con.lineWidth = 0;
+  if (g_con.live && !g_con.onScreen.empty()) {
+    std::fputs("\r\x1b[K", stderr);
+    g_con.onScreen.clear();
   }
 }
 
@@ -156,12 +153,72 @@ void ConsoleBox(ToolBox* box) {
 }
 
 // ---- Status output ---------------------------------------------------------------------------
+// A dialog reads in two parts. The facts above the progress bar (input, output, formats) are
+// printed as labelled lines when they are set or change. The running figures (the status line
+// and everything below the bar) make up one progress line while the tool works, redrawn in
+// place on a terminal and printed at most once a second into a file or pipe, and at the end
+// they are printed as the run's summary, one labelled line each. A percentage shows only once
+// the bar has moved.
 
-Shown* ShownFor(int id) {
-  for (Shown& s : g_con.shown)
-    if (s.id == id) return &s;
-  g_con.shown.push_back(Shown{id, std::string()});
-  return &g_con.shown.back();
+using Lines = std::vector<std::pair<int, std::string>>;  // control id, its line
+
+struct DialogLines {
+  Lines facts;
+  Lines running;
+  int percent = -1;  // -1 until the bar has moved
+};
+
+std::string LineOf(const ToolControlView& c) {
+  if (c.kind == ToolControlEdit) return c.text;
+  char text[2048];
+  const size_t n = ToolControlLine(c, text, sizeof text);
+  return std::string(text, n < sizeof text ? n : sizeof text - 1);
+}
+
+const std::string* LineFor(const Lines& lines, int id) {
+  for (const auto& [lineId, line] : lines)
+    if (lineId == id) return &line;
+  return nullptr;
+}
+
+DialogLines ReadDialog(ToolDialog* d) {
+  DialogLines out;
+  bool belowBar = false;
+  for (int i = 0; i < ToolDialogControlCount(d); i++) {
+    const ToolControlView c = ToolDialogControl(d, i);
+    if (c.kind == ToolControlProgress) {
+      belowBar = true;
+      if (out.percent < 0 && c.position > 0 && c.maximum > 0) {
+        const int64_t pct = int64_t(c.position) * 100 / c.maximum;
+        out.percent = pct > 100 ? 100 : int(pct);
+      }
+      continue;
+    }
+    if (c.kind != ToolControlText && c.kind != ToolControlEdit) continue;
+    std::string line = LineOf(c);
+    if (line.empty() || (c.kind == ToolControlText && !*c.value)) continue;
+    if (belowBar || c.id == ToolIdStatus)
+      out.running.emplace_back(c.id, std::move(line));
+    else
+      out.facts.emplace_back(c.id, std::move(line));
+  }
+  return out;
+}
+
+std::string RunningLine(const DialogLines& lines, bool bar) {
+  std::string s;
+  if (lines.percent >= 0) {
+    if (bar) {
+      const int filled = lines.percent * BarWidth / 100;
+      s = "[" + std::string(size_t(filled), '#') + std::string(size_t(BarWidth - filled), '-') + "] ";
+    }
+    s += std::to_string(lines.percent) + "%";
+  }
+  for (const auto& [id, line] : lines.running) {
+    if (!s.empty()) s += "  ";
+    s += line;
+  }
+  return s;
 }
 
 size_t TerminalWidth() {
@@ -170,77 +227,75 @@ size_t TerminalWidth() {
   return 80;
 }
 
-void DrawLiveLine() {
-  std::string line;
-  if (g_con.percent >= 0) {
-    char bar[64];
-    int filled = g_con.percent / 5;
-    std::snprintf(bar, sizeof bar, "[%.*s%.*s] %3d%% ", filled, "####################",
-                  20 - filled, "--------------------", g_con.percent);
-    line = bar;
+// Redraws the running line in place: back to the start of the line, the text cut to the
+// terminal's width (at a character boundary), and the rest of the old line cleared.
+void DrawRunningLine(std::string line) {
+  const size_t width = TerminalWidth() - 1;
+  if (line.size() > width) {
+    size_t cut = width;
+    while (cut > 0 && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) cut--;
+    line.resize(cut);
   }
-  line += g_con.status;
-  size_t width = TerminalWidth() - 1;
-  if (line.size() > width) line.resize(width);
-  size_t old = g_con.lineWidth;
-  std::fprintf(stderr, "\r%s", line.c_str());
-  if (old > line.size()) std::fprintf(stderr, "%*s\r%s", int(old - line.size()), "", line.c_str());
-  g_con.lineWidth = line.size();
-  std::fflush(stderr);
+  if (line == g_con.onScreen) return;
+  if (line.empty()) {
+    ClearLiveLine();
+    return;
+  }
+  std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
+  g_con.onScreen = line;
 }
 
-void PrintPending(bool all) {
-  for (Shown& s : g_con.shown) {
-    if (!s.pending) continue;
-    s.pending = false;
-    if (!s.printed.empty() || all) std::fprintf(stderr, "%s\n", s.printed.c_str());
+void PrintFacts(const DialogLines& lines) {
+  for (const auto& [id, line] : lines.facts) {
+    std::string* was = nullptr;
+    for (auto& [printedId, printed] : g_con.printed)
+      if (printedId == id) was = &printed;
+    if (!was) was = &g_con.printed.emplace_back(id, std::string()).second;
+    if (*was == line) continue;
+    *was = line;
+    ClearLiveLine();
+    std::fprintf(stderr, "%s\n", line.c_str());
+  }
+}
+
+// The end of the run: the running figures that the tool set, one labelled line each.
+void PrintSummary(const DialogLines& lines) {
+  for (const auto& [id, line] : lines.running) {
+    const std::string* initial = LineFor(g_con.initial, id);
+    if (!initial || *initial != line) std::fprintf(stderr, "%s\n", line.c_str());
   }
 }
 
 // Compares the dialog with what was shown and brings the output up to date.
 void Refresh(ToolDialog* d, bool final) {
   std::lock_guard<std::mutex> hold(g_outputLock);
-  bool changed = false;
-  for (int i = 0; i < ToolDialogControlCount(d); i++) {
-    ToolControlView c = ToolDialogControl(d, i);
-    if (c.kind == ToolControlProgress) {
-      int pct = c.maximum > 0 ? int(int64_t(c.position) * 100 / c.maximum) : 0;
-      pct = pct < 0 ? 0 : pct > 100 ? 100 : pct;
-      if (pct != g_con.percent) {
-        g_con.percent = pct;
-        changed = true;
-        if (!g_con.live && pct / 10 != g_con.printedTenth && pct > 0) {
-          g_con.printedTenth = pct / 10;
-          std::fprintf(stderr, "progress %d%%\n", pct);
-        }
-      }
-    } else if (c.kind == ToolControlText || c.kind == ToolControlEdit) {
-      Shown* s = ShownFor(c.id);
-      if (s->printed != c.text) {
-        s->printed = c.text;
-        s->pending = true;
-        if (*c.text) g_con.status = c.text;
-        changed = true;
-      }
+  const DialogLines lines = ReadDialog(d);
+  PrintFacts(lines);
+  if (final) {
+    ClearLiveLine();
+    PrintSummary(lines);
+    // A caption that starts with a figure ("45% - Velmo Converter") is progress, not news.
+    const char* caption = ToolDialogCaption(d);
+    if (g_con.printedCaption != caption && !std::isdigit(static_cast<unsigned char>(*caption))) {
+      g_con.printedCaption = caption;
+      std::fprintf(stderr, "%s\n", caption);
     }
-  }
-  if (g_con.live) {
-    if (final) {
-      ClearLiveLine();
-      PrintPending(false);
-    } else if (changed) {
-      DrawLiveLine();
+  } else if (g_con.live) {
+    // A cleared line comes back at once; a changing one at a pace the eye can follow.
+    const auto now = Clock::now();
+    if (g_con.onScreen.empty() || now - g_con.drawnAt >= std::chrono::milliseconds(LiveIntervalMs)) {
+      g_con.drawnAt = now;
+      DrawRunningLine(RunningLine(lines, true));
     }
   } else {
-    auto now = Clock::now();
-    if (final || now - g_con.lastSparse >= std::chrono::milliseconds(SparseIntervalMs)) {
-      g_con.lastSparse = now;
-      PrintPending(false);
+    const std::string line = RunningLine(lines, false);
+    const auto now = Clock::now();
+    if (!line.empty() && line != g_con.lastPlain &&
+        now - g_con.lastPlainAt >= std::chrono::milliseconds(PlainIntervalMs)) {
+      g_con.lastPlain = line;
+      g_con.lastPlainAt = now;
+      std::fprintf(stderr, "%s\n", line.c_str());
     }
-  }
-  if (final && g_con.printedCaption != ToolDialogCaption(d)) {
-    g_con.printedCaption = ToolDialogCaption(d);
-    std::fprintf(stderr, "%s\n", g_con.printedCaption.c_str());
   }
   std::fflush(stderr);
 }
@@ -251,13 +306,12 @@ bool ConsoleStart() { return true; }
 
 bool ConsoleOpen(ToolDialog* d) {
   g_con.live = isatty(STDERR_FILENO);
-  g_con.shown.clear();
-  g_con.status.clear();
-  g_con.percent = -1;
-  g_con.printedTenth = -1;
-  g_con.lineWidth = 0;
+  g_con.printed.clear();
+  g_con.initial.clear();
+  g_con.onScreen.clear();
+  g_con.lastPlain.clear();
+  g_con.lastPlainAt = Clock::now();
   g_con.closeQueued = false;
-  g_con.lastSparse = Clock::now();
   if (g_con.wakePipe[0] < 0) {
     if (pipe(g_con.wakePipe) != 0) return false;
     for (int fd : g_con.wakePipe) {
@@ -273,10 +327,12 @@ bool ConsoleOpen(ToolDialog* d) {
   g_con.printedCaption = ToolDialogCaption(d);
   std::lock_guard<std::mutex> hold(g_outputLock);
   std::fprintf(stderr, "%s\n", g_con.printedCaption.c_str());
-  // The texts the dialog starts with are labels, not news.
+  // The texts the dialog starts with are labels and placeholders, not news.
   for (int i = 0; i < ToolDialogControlCount(d); i++) {
-    ToolControlView c = ToolDialogControl(d, i);
-    if (c.kind != ToolControlButton) ShownFor(c.id)->printed = c.text;
+    const ToolControlView c = ToolDialogControl(d, i);
+    if (c.kind != ToolControlText && c.kind != ToolControlEdit) continue;
+    g_con.initial.emplace_back(c.id, LineOf(c));
+    g_con.printed.emplace_back(c.id, LineOf(c));
   }
   return true;
 }

@@ -24,6 +24,7 @@
 #include "host/gui/toolframe_gui.h"
 #include "host/quietframe.h"
 #include "support/run.h"
+#include "support/terminal.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -447,6 +448,156 @@ TEST_F(ConsoleShell, TheRunRecordLastsUntilTheFrameIsDone) {
   }
 }
 
+// ---- Labels, the running line and the summary -------------------------------------------
+
+// A dialog laid out as the tools' are: facts above the bar, running figures below it, one of
+// them named by a label control in front of it.
+const ToolControlDesc LabelControls[] = {
+    {300, ToolControlText, "Input: "},
+    {301, ToolControlText, "Sound: "},
+    {ToolIdStatus, ToolControlText, "Starting..."},
+    {ToolIdProgress, ToolControlProgress, ""},
+    {304, ToolControlText, "Elapsed: "},
+    {105, ToolControlLabel, "Time left:"},
+    {305, ToolControlText, ""},
+    {307, ToolControlText, ""},
+    {ToolIdCancel, ToolControlButton, "&Cancel"},
+};
+const ToolDialogDesc LabelDialog = {"labeltest", "Label Tool", LabelControls, 9};
+
+std::chrono::milliseconds g_phase{0};  // how long each phase of LabelledTool lasts
+const std::string LongStatus = "Reading " + std::string(120, 'x') + ".avi...";
+
+// Works in three phases: reading (the bar has not moved), halfway, and the end with its totals.
+int LabelledTool(char*, ToolDialog*) {
+  ToolFrameSetText(300, "in.avi");
+  ToolFrameSetText(301, "None.");
+  ToolFrameSetText(ToolIdStatus, LongStatus.c_str());
+  std::this_thread::sleep_for(g_phase);
+  ToolFrameSetText(ToolIdStatus, "Processing 5 of 10...");
+  ToolFrameSetText(304, "0:00:01");
+  ToolFrameSetText(305, "0:00:02");
+  ToolFrameSetProgress(ToolIdProgress, 50);
+  std::this_thread::sleep_for(g_phase);
+  ToolFrameSetText(ToolIdStatus, "10 total frames converted.");
+  ToolFrameSetText(105, "Total time:");
+  ToolFrameSetText(304, "Done!");
+  ToolFrameSetText(305, "0:00:04");
+  ToolFrameSetText(307, "Final: 1,234 bytes");
+  ToolFrameSetProgress(ToolIdProgress, 100);
+  return 0;
+}
+
+int IdleTool(char*, ToolDialog*) { return 0; }
+
+std::vector<std::string> g_linesAtEnd;
+
+// The text controls as the front ends read them once the tool has returned.
+int RecordLines(ToolDialog* dialog, const ToolMessage* m) {
+  if (m->code != ToolMsgFinished) return 0;
+  g_linesAtEnd.clear();
+  for (int i = 0; i < ToolDialogControlCount(dialog); i++) {
+    const ToolControlView c = ToolDialogControl(dialog, i);
+    if (c.kind != ToolControlText) continue;
+    char line[256];
+    ToolControlLine(c, line, sizeof line);
+    g_linesAtEnd.push_back(line);
+  }
+  return 0;
+}
+
+std::vector<std::string> SplitLines(const std::string& text, const std::string& end) {
+  std::vector<std::string> lines;
+  size_t at = 0;
+  for (size_t next; (next = text.find(end, at)) != std::string::npos; at = next + end.size())
+    lines.push_back(text.substr(at, next - at));
+  return lines;
+}
+
+// Where `wanted` stand in `lines`, each after the one before; -1 for the first one missing.
+long FirstMissingInOrder(const std::vector<std::string>& lines, const std::vector<std::string>& wanted) {
+  size_t from = 0;
+  for (size_t w = 0; w < wanted.size(); w++) {
+    auto it = std::find(lines.begin() + long(from), lines.end(), wanted[w]);
+    if (it == lines.end()) return long(w);
+    from = size_t(it - lines.begin()) + 1;
+  }
+  return -1;
+}
+
+TEST_F(ConsoleShell, ValuesAreShownWithTheirLabels) {
+  ASSERT_TRUE(ToolDialogRegister(&LabelDialog));
+  ToolFrameSetHook(RecordLines);
+  g_phase = 0ms;
+  // Untouched, each control shows its label alone (or its placeholder text), and the label
+  // control's text stands in front of the value after it.
+  EXPECT_EQ(RunFrame(IdleTool, CancelHandler, true, "", "labeltest").code, 0);
+  EXPECT_EQ(g_linesAtEnd, (std::vector<std::string>{"Input:", "Sound:", "Starting...", "Elapsed:",
+                                                     "Time left:", ""}));
+  // Set, values stand beside their labels, unless they carry one of their own.
+  EXPECT_EQ(RunFrame(LabelledTool, CancelHandler, true, "", "labeltest").code, 0);
+  EXPECT_EQ(g_linesAtEnd,
+            (std::vector<std::string>{"Input: in.avi", "Sound: None.", "10 total frames converted.",
+                                      "Elapsed: Done!", "Total time: 0:00:04",
+                                      "Final: 1,234 bytes"}));
+}
+
+// Into a file: facts as labelled lines, then at most one plain progress line a second (with a
+// percentage only once the bar has moved), then the summary, one labelled line each.
+TEST_F(ConsoleShell, RedirectedOutputIsPlainLinesAndASummary) {
+  ASSERT_TRUE(ToolDialogRegister(&LabelDialog));
+  g_phase = 1600ms;
+  const auto [code, out] = RunFrame(LabelledTool, CancelHandler, false, "", "labeltest");
+  g_phase = 0ms;
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(out.find('\r'), std::string::npos) << out;
+  EXPECT_EQ(out.find("\x1b["), std::string::npos) << out;
+  const std::vector<std::string> lines = SplitLines(out, "\n");
+  const std::string halfway = "50%  Processing 5 of 10...  Elapsed: 0:00:01  Time left: 0:00:02";
+  EXPECT_EQ(FirstMissingInOrder(lines, {"Label Tool", "Input: in.avi", "Sound: None.", LongStatus,
+                                        halfway, "10 total frames converted.", "Elapsed: Done!",
+                                        "Total time: 0:00:04", "Final: 1,234 bytes",
+                                        "Label Tool - Done!"}),
+            -1)
+      << out;
+  EXPECT_EQ(out.substr(0, out.find(halfway)).find('%'), std::string::npos) << out;
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), halfway), 1) << out;
+  EXPECT_EQ(out.find("progress"), std::string::npos) << out;
+}
+
+// On a terminal: one running line redrawn in place (back to its start, cut to the width,
+// cleared to the end), facts and the summary as lines of their own above it.
+TEST(ConsoleTerminal, ProgressIsOneLineRedrawnInPlace) {
+  const test_support::ToolOutcome o = test_support::RunInTerminal([] {
+    ToolDialogRegister(&LabelDialog);
+    ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+    g_phase = 600ms;
+    return ToolFrameRun(nullptr, 0, "", 1, false, LabelledTool, CancelHandler, "labeltest");
+  });
+  ASSERT_EQ(o.code, 0) << o.output;
+  const std::string& out = o.output;
+  EXPECT_TRUE(o.Says("Input: in.avi\r\n")) << out;
+  EXPECT_TRUE(o.Says("\r[#####-----] 50%  Processing 5 of 10...  Elapsed: 0:00:01  Time left: "
+                     "0:00:02\x1b[K"))
+      << out;
+  // Redrawn lines fit the terminal: nothing between a return and a clear is wider.
+  size_t drawn = 0;
+  for (size_t at = 0; (at = out.find('\r', at)) != std::string::npos; at++) {
+    const size_t clear = out.find("\x1b[K", at), next = out.find('\r', at + 1);
+    if (clear == std::string::npos || clear > next) continue;
+    EXPECT_LT(clear - at - 1, size_t(test_support::TerminalColumns)) << out.substr(at, clear - at);
+    drawn++;
+  }
+  EXPECT_GE(drawn, 2u) << out;
+  EXPECT_TRUE(o.Says("\r" + LongStatus.substr(0, 20))) << out;
+  EXPECT_EQ(out.substr(0, out.find("50%")).find('%'), std::string::npos) << out;
+  // The summary: the running line cleared, then one labelled line each.
+  EXPECT_TRUE(o.Says("\r\x1b[K10 total frames converted.\r\nElapsed: Done!\r\nTotal time: "
+                     "0:00:04\r\nFinal: 1,234 bytes\r\nLabel Tool - Done!\r\n"))
+      << out;
+  EXPECT_FALSE(o.Says("progress")) << out;
+}
+
 // ---- The window front end on a private X server ------------------------------------------
 
 // Starts "Xvfb -displayfd" and returns its pid and display number; -1 when there is none.
@@ -594,6 +745,12 @@ TEST(WindowShell, RunsAToolHeadlessUnderXvfb) {
   EXPECT_GT(gui.boxKeysSent, 0);
   EXPECT_EQ(seen.doneButton, "&Done");
   EXPECT_EQ(gui.caption, "Test Tool - Done!");
+  // The last frame: the caption as a heading, each value beside its label.
+  const std::vector<std::string> drawn = ToolGuiDrawnLines();
+  ASSERT_FALSE(drawn.empty());
+  EXPECT_EQ(drawn[0], "Test Tool - Done!");
+  EXPECT_EQ(std::vector<std::string>(drawn.begin() + 1, drawn.end()),
+            (std::vector<std::string>{"Input: window.avi", "Finished."}));
   EXPECT_GE(ToolGuiFramesDrawn(), 6);
   ASSERT_EQ(seen.commands.size(), 1u);  // Done, pressed once
   struct stat st {};

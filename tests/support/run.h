@@ -25,11 +25,10 @@ struct ToolOutcome {
   bool Says(const std::string& text) const { return output.find(text) != std::string::npos; }
 };
 
-// Runs `program` with `args` and no display (ORN_CONSOLE=1), standard input from /dev/null,
-// and the settings of the environment (DISPLAY, WAYLAND_DISPLAY, XDG_CONFIG_HOME, ORN_*) left
-// out unless `env` ("NAME=value" entries) brings them.
-inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
-                              const std::vector<std::string>& env = {}) {
+// The environment of a program run by a test: this process's, less the settings that pick a
+// display or the program's own settings (DISPLAY, WAYLAND_DISPLAY, XDG_CONFIG_HOME, ORN_*),
+// with ORN_CONSOLE=1 and then `env` ("NAME=value" entries).
+inline std::vector<std::string> ProgramEnvironment(const std::vector<std::string>& env) {
   std::vector<std::string> vars;
   for (char** e = environ; *e; e++) {
     const std::string v = *e;
@@ -40,14 +39,26 @@ inline ToolOutcome RunProgram(const std::string& program, const std::vector<std:
   }
   vars.push_back("ORN_CONSOLE=1");
   vars.insert(vars.end(), env.begin(), env.end());
-  std::vector<char*> envp;
-  for (std::string& v : vars) envp.push_back(v.data());
-  envp.push_back(nullptr);
+  return vars;
+}
+
+// A null-terminated array of the strings' texts, for exec and spawn calls.
+inline std::vector<char*> CStrings(std::vector<std::string>& strings) {
+  std::vector<char*> out;
+  for (std::string& s : strings) out.push_back(s.data());
+  out.push_back(nullptr);
+  return out;
+}
+
+// Runs `program` with `args` and no display (ORN_CONSOLE=1), standard input from /dev/null,
+// in the environment of ProgramEnvironment(env).
+inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
+                              const std::vector<std::string>& env = {}) {
+  std::vector<std::string> vars = ProgramEnvironment(env);
+  std::vector<char*> envp = CStrings(vars);
   std::vector<std::string> argStore = {program};
   argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : argStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  std::vector<char*> argv = CStrings(argStore);
 
   ToolOutcome result;
   int out[2];

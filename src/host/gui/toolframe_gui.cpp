@@ -1,6 +1,7 @@
-// The tool shell in a window. The dialog fills one SDL window drawn by Dear ImGui: its text
-// lines, progress bars and edit fields top to bottom, its buttons in a row at the bottom, and
-// the window's title is the dialog's caption. Message boxes are modal popups drawn by the main
+// The tool shell in a window. The dialog fills one SDL window drawn by Dear ImGui: the caption
+// as a heading (window managers without decorations show no title bar), its text lines (each
+// value with its label beside it), progress bars and edit fields top to bottom, its buttons in
+// a row at the bottom, and the window's title is the dialog's caption as well. Message boxes are modal popups drawn by the main
 // thread; a box without a dialog is SDL's own message box.
 #include "host/gui/toolframe_gui.h"
 
@@ -36,6 +37,7 @@ struct GuiState {
   std::vector<EditField> edits;
   std::string screenshotPath;
   int frames = 0;
+  std::vector<std::string> drawnLines;  // the heading and text lines of the last frame
 };
 
 GuiState g_gui;
@@ -61,12 +63,25 @@ const char* ButtonWord(int button) {
 }
 
 int WindowHeight(ToolDialog* d) {
-  int h = 56;
+  int h = 56 + 34;  // the buttons, the heading
   for (int i = 0; i < ToolDialogControlCount(d); i++) {
     int kind = ToolDialogControl(d, i).kind;
-    h += kind == ToolControlEdit ? 240 : kind == ToolControlButton ? 0 : 26;
+    h += kind == ToolControlEdit ? 240 : kind == ToolControlButton || kind == ToolControlLabel ? 0 : 26;
   }
   return h;
+}
+
+// A text control: its label dimmed, and its value beside it.
+void DrawText(const ToolControlView& c) {
+  if (*c.label) {
+    ImGui::TextDisabled("%s", c.label);
+    if (*c.value) ImGui::SameLine();
+  }
+  if (*c.value) ImGui::TextWrapped("%s", c.value);
+  if (!*c.label && !*c.value) ImGui::TextUnformatted("");
+  char line[2048];
+  ToolControlLine(c, line, sizeof line);
+  g_gui.drawnLines.push_back(line);
 }
 
 bool GuiStart() {
@@ -137,11 +152,16 @@ EditField* EditFor(int id) {
 
 void DrawControls(ToolDialog* d) {
   std::vector<int> buttons;
+  g_gui.drawnLines.assign(1, ToolDialogCaption(d));
+  ImGui::TextUnformatted(ToolDialogCaption(d));
+  ImGui::Separator();
   for (int i = 0; i < ToolDialogControlCount(d); i++) {
     ToolControlView c = ToolDialogControl(d, i);
     switch (c.kind) {
       case ToolControlText:
-        ImGui::TextWrapped("%s", c.text);
+        DrawText(c);
+        break;
+      case ToolControlLabel:  // drawn beside the value that follows it
         break;
       case ToolControlProgress: {
         float fraction = c.maximum > 0 ? float(c.position) / float(c.maximum) : 0.0f;
@@ -313,3 +333,4 @@ const ToolFrontEnd GuiFrontEnd = {
 const ToolFrontEnd* ToolGuiFrontEnd() { return &GuiFrontEnd; }
 void ToolGuiRequestScreenshot(const char* path) { g_gui.screenshotPath = path ? path : ""; }
 int ToolGuiFramesDrawn() { return g_gui.frames; }
+std::vector<std::string> ToolGuiDrawnLines() { return g_gui.drawnLines; }

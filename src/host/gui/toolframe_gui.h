@@ -1,5 +1,8 @@
 // The tool shell's window: SDL2 with Dear ImGui over OpenGL.
 #pragma once
+#include <string>
+#include <vector>
+
 #include "host/toolframe.h"
 
 // The windowed front end; the program hands it to ToolFrameSetWindowCandidate.
@@ -8,3 +11,6 @@ const ToolFrontEnd* ToolGuiFrontEnd();
 void ToolGuiRequestScreenshot(const char* path);
 // Frames drawn since the dialog opened.
 int ToolGuiFramesDrawn();
+// The lines the last frame drew: the caption heading first, then each text control as
+// "label value".
+std::vector<std::string> ToolGuiDrawnLines();
