@@ -3,6 +3,7 @@
 
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -23,6 +24,9 @@ constexpr const char* UnsupportedText = "Unsupported output file type or color d
 constexpr const char* AviCreateText = "Error creating the output AVI file.";
 constexpr const char* SoundCreateText = "Error creating the output sound track.";
 constexpr const char* MemoryText = "Out of memory.";
+constexpr const char* TerminalText =
+    "Standard output is a terminal: the y4m stream is written to \"-\" only when standard "
+    "output goes to a file or a pipe (for example \"> out.y4m\").";
 
 int Say(OutputWriter* w, const char* text, int level) {
   return ProgressSend(w->message, text, level);
@@ -412,6 +416,12 @@ OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32
   w->pitch = pitch;
   w->float_frames = (flags & OutputFlagFloat) != 0;
   const bool stdoutStream = std::strcmp(name, "-") == 0;
+  // Binary frames would only garble a terminal.
+  if (stdoutStream && isatty(STDOUT_FILENO)) {
+    Say(w, TerminalText, 2);
+    Free(w);
+    return nullptr;
+  }
   w->kind = stdoutStream ? OutputKindY4m : KindOf(Extension(name));
   // Palette frames wait for the palette writers; true colour is all that is taken here.
   const bool palette = (flags & OutputFlagPalette) != 0;
