@@ -77,33 +77,93 @@ int DispatchPalettePlayer(const ToolEntryArgs* args) {
   return 0;
 }
 
+// The tool words in the order they are tested.
+const ToolWordRow Table[] = {
+    {{"velmoplay", "velmopl64"}, "VelmoPlay", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr,
+     "play a Velmo file"},
+    {{"ornbatch"}, "ORNBatch", DispatchShellTool, "ornbatch", nullptr, nullptr, nullptr, nullptr,
+     "run a list of tool lines one after another"},
+    {{"orn2exe"}, "ORN2EXE", DispatchShellTool, "orn2exe", nullptr, nullptr, nullptr, nullptr,
+     "make a program that plays a file"},
+    {{"orninfo"}, "ORNInfo", DispatchWindowTool, nullptr, nullptr, nullptr, OrnFileInfoMain, nullptr,
+     "tell what a file holds"},
+    {{"versioncheck"}, "versioncheck", DispatchVersionCheck, nullptr, nullptr, nullptr, nullptr, nullptr,
+     "turn version checks off (any text after it) or on"},
+    {{"velmoconv"}, "VelmoConv", DispatchShellTool, "velmoconv", VelmoConvMain, VelmoConvCommand, nullptr, nullptr,
+     "convert to AVI, y4m, still images or wave"},
+    {{"velmomix"}, "VelmoMix", DispatchShellTool, "velmomix", VelmoMixMain, VelmoMixCommand, nullptr, nullptr,
+     "lay a sound track into a Velmo file"},
+    {{"tarvmix"}, "TarvMix", DispatchShellTool, "tarvmix", nullptr, nullptr, nullptr, nullptr,
+     "lay a sound track into a Tarvin file"},
+    {{"tarv"}, "Tarv", DispatchShellTool, "tarv", nullptr, nullptr, nullptr, nullptr,
+     "compress to a Tarvin (palette) file"},
+    {{"velmo", "velmoc"}, "Velmoc", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v100",
+     "compress to a Velmo file (/V picks the version)"},
+    {{"velmo2c", "velmo2c64"}, "Velmo2c", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v200",
+     "compress to a Velmo 2 file"},
+    {{"ornana"}, "ORNAna", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr,
+     "analyse a file's data rate"},
+    {{"ornsi"}, "ORNSI", DispatchWindowTool, nullptr, nullptr, nullptr, OrnSystemInfoMain, nullptr,
+     "tell what this system offers"},
+    {{"tarvplw", "tarvply", "tarvplay"}, "TarvPlw", DispatchPalettePlayer, nullptr, nullptr, nullptr, nullptr, nullptr,
+     "play a Tarvin file (TarvPlw beside this program)"},
+    {{nullptr}, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+// The words that ask for the program's usage instead of a tool.
+bool AsksForUsage(const char* word) {
+  for (const char* w : {"--help", "-h", "/?"})
+    if (strcasecmp(word, w) == 0) return true;
+  return false;
+}
+
+// Tools whose code is in this build: shell and window tools need their routines.
+bool Built(const ToolWordRow* row) {
+  if (row->entry == DispatchShellTool || row->entry == DispatchCompressor) return row->mainRoutine;
+  if (row->entry == DispatchWindowTool) return row->appMain;
+  return true;
+}
+
+}  // namespace
+
+namespace {
+
+// Without a display there is no launcher to open: the usage says how to run a tool instead.
 int DispatchLauncher() {
+  if (ToolFrameFrontEnd() == ToolConsoleFrontEnd()) {
+    std::fputs(DispatchUsage().c_str(), stderr);
+    return 1;
+  }
   StopBox("The launcher is not part of this build yet.");
   return 1;
 }
 
-// The tool words in the order they are tested.
-const ToolWordRow Table[] = {
-    {{"velmoplay", "velmopl64"}, "VelmoPlay", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {{"ornbatch"}, "ORNBatch", DispatchShellTool, "ornbatch", nullptr, nullptr, nullptr, nullptr},
-    {{"orn2exe"}, "ORN2EXE", DispatchShellTool, "orn2exe", nullptr, nullptr, nullptr, nullptr},
-    {{"orninfo"}, "ORNInfo", DispatchWindowTool, nullptr, nullptr, nullptr, OrnFileInfoMain, nullptr},
-    {{"versioncheck"}, "versioncheck", DispatchVersionCheck, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {{"velmoconv"}, "VelmoConv", DispatchShellTool, "velmoconv", VelmoConvMain, VelmoConvCommand, nullptr, nullptr},
-    {{"velmomix"}, "VelmoMix", DispatchShellTool, "velmomix", VelmoMixMain, VelmoMixCommand, nullptr, nullptr},
-    {{"tarvmix"}, "TarvMix", DispatchShellTool, "tarvmix", nullptr, nullptr, nullptr, nullptr},
-    {{"tarv"}, "Tarv", DispatchShellTool, "tarv", nullptr, nullptr, nullptr, nullptr},
-    {{"velmo", "velmoc"}, "Velmoc", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v100"},
-    {{"velmo2c", "velmo2c64"}, "Velmo2c", DispatchCompressor, "velmoc", VelmocMain, VelmocCommand, nullptr, " /v200"},
-    {{"ornana"}, "ORNAna", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {{"ornsi"}, "ORNSI", DispatchWindowTool, nullptr, nullptr, nullptr, OrnSystemInfoMain, nullptr},
-    {{"tarvplw", "tarvply", "tarvplay"}, "TarvPlw", DispatchPalettePlayer, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {{nullptr}, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
-};
-
 }  // namespace
 
 const ToolWordRow* DispatchTable() { return Table; }
+
+std::string DispatchUsage() {
+  std::string text = std::string("Usage: ") + ToolProgramName +
+                     " <tool word> [files and switches]\n\nTool words (in any case):\n";
+  std::string missing;
+  for (const ToolWordRow* row = Table; row->entry; row++) {
+    std::string words;
+    for (const char* w : row->words)
+      if (w) words += (words.empty() ? "" : ", ") + std::string(w);
+    if (!Built(row)) {
+      missing += (missing.empty() ? "" : ", ") + std::string(row->words[0]);
+      continue;
+    }
+    char line[300];
+    std::snprintf(line, sizeof line, "  %-27s %s\n", words.c_str(), row->about);
+    text += line;
+  }
+  if (!missing.empty()) text += "Not in this build yet: " + missing + ".\n";
+  text += "\nGiven alone, most tool words show their tool's syntax and switches. With no\n"
+          "tool word the program opens its launcher when there is a display.\n"
+          "--help, -h or /? show this text.\n";
+  return text;
+}
 
 const ToolWordRow* DispatchFindTool(const char* word) {
   for (const ToolWordRow* row = Table; row->entry; row++)
@@ -170,6 +230,10 @@ int DispatchLine(char* line, size_t lineSize) {
   if (!line[0]) return DispatchLauncher();
   char word[WordSize];
   TakeWord(word, sizeof word, line);
+  if (AsksForUsage(word)) {
+    std::fputs(DispatchUsage().c_str(), stdout);
+    return 0;
+  }
   const ToolWordRow* row = DispatchFindTool(word);
   if (!row) {
     StopBox("Unknown command line command.");

@@ -6,6 +6,7 @@
 // build yet has null routines, and its entry says so and ends with 1.
 #pragma once
 #include <cstddef>
+#include <string>
 
 #include "host/toolframe.h"
 
@@ -32,6 +33,7 @@ struct ToolWordRow {
   ToolCommandHandler commandHandler;  // dialog tools
   ToolAppMain appMain;                // window tools; null while not built
   const char* versionSwitch;          // compressors: appended when the tail has no /V number
+  const char* about;                  // what the tool does, for the program's usage
 };
 
 // The table in its order, ending with a row whose entry is null.
@@ -42,8 +44,12 @@ const ToolWordRow* DispatchFindTool(const char* word);
 // Joins the program's arguments into one command line; arguments holding blanks between other
 // characters are put in double quotes. Returns false when it did not fit (dest is then cut).
 bool DispatchJoinArguments(int argc, char** argv, char* dest, size_t destSize);
+// The program's usage: how to run a tool, and the tool words with what each does.
+std::string DispatchUsage();
 // Runs the tool named by the line's first word; the line is trimmed first and is the buffer
-// the tool's tail lives in. Returns the process's exit code.
+// the tool's tail lives in. Returns the process's exit code. "--help", "-h" and "/?" print the
+// usage on standard output (0); an empty line opens the launcher, which without a display is
+// the usage on standard error (1).
 int DispatchLine(char* line, size_t lineSize);
 int DispatchMain(int argc, char** argv);
 

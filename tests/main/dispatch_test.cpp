@@ -79,23 +79,62 @@ TEST(Dispatch, WordsPickTheirToolWithItsExitCode) {
     }
 }
 
-TEST(Dispatch, UnknownWordsAreRefusedAndAnEmptyLineOpensTheLauncher) {
-  for (const char* word : {"velmoplayer", "velm", "velmoc2", "launcher", "/v100"}) {
+TEST(Dispatch, UnknownWordsAreRefused) {
+  for (const char* word : {"velmoplayer", "velm", "velmoc2", "launcher", "/v100", "--helpme", "/??"}) {
     SCOPED_TRACE(word);
     ToolOutcome o = RunTool({word, "a.vlm"});
     EXPECT_EQ(o.code, 1);
     EXPECT_TRUE(o.Says("ORN Video Tools")) << o.output;
     EXPECT_TRUE(o.Says("Unknown command line command.")) << o.output;
     EXPECT_FALSE(o.Says("ORN dispatch:"));
+    EXPECT_FALSE(o.Says("Usage:")) << o.output;
+  }
+}
+
+// The usage: how to run a tool, each tool word of this build with what it does, and the words
+// of the tools still missing.
+void ExpectUsage(const ToolOutcome& o) {
+  EXPECT_TRUE(o.Says("Usage: ORNVideo64 <tool word> [files and switches]")) << o.output;
+  for (const char* row : {"\n  velmoconv ", "\n  velmomix ", "\n  velmo, velmoc ",
+                          "\n  velmo2c, velmo2c64 ", "\n  orninfo ", "\n  ornsi ",
+                          "\n  versioncheck ", "\n  tarvplw, tarvply, tarvplay "})
+    EXPECT_TRUE(o.Says(row)) << row << "\n" << o.output;
+  const size_t missing = o.output.find("Not in this build yet: ");
+  ASSERT_NE(missing, std::string::npos) << o.output;
+  const std::string line = o.output.substr(missing, o.output.find('\n', missing) - missing);
+  for (const char* word : {"velmoplay", "ornbatch", "orn2exe", "tarvmix", "tarv", "ornana"})
+    EXPECT_NE(line.find(word), std::string::npos) << word << " in " << line;
+  EXPECT_EQ(line.find("velmoconv"), std::string::npos) << line;
+}
+
+// --help, -h and /? print the usage on standard output and end with 0; an empty line opens
+// the launcher, which without a display prints the usage on standard error and ends with 1.
+TEST(Dispatch, HelpWordsAndAnEmptyLineWithoutADisplayShowTheUsage) {
+  for (const char* word : {"--help", "-h", "/?", "--HELP", "-H"}) {
+    SCOPED_TRACE(word);
+    const ToolOutcome o = RunTool({word});
+    EXPECT_EQ(o.code, 0);
+    ExpectUsage(o);
+    EXPECT_FALSE(o.Says("Unknown command")) << o.output;
+    EXPECT_FALSE(o.Says("ORN dispatch:")) << o.output;
+    const ToolOutcome out = test_support::RunShell(std::string(ORN_PROGRAM_PATH) + " '" + word +
+                                                   "' 2>/dev/null");
+    EXPECT_EQ(out.code, 0);
+    EXPECT_TRUE(out.Says("Usage: ORNVideo64")) << "not on standard output: " << out.output;
   }
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {}, {""}, {"   "}, {" ", "\t"}}) {
     SCOPED_TRACE(Joined(args));
     ToolOutcome o = RunTool(args);
     EXPECT_EQ(o.code, 1);
-    EXPECT_TRUE(o.Says("The launcher is not part of this build yet.")) << o.output;
+    ExpectUsage(o);
+    EXPECT_FALSE(o.Says("The launcher is not part of this build yet.")) << o.output;
     EXPECT_FALSE(o.Says("Unknown command")) << o.output;
   }
+  const ToolOutcome bare =
+      test_support::RunShell("ORN_CONSOLE=1 " + std::string(ORN_PROGRAM_PATH) + " 2>/dev/null");
+  EXPECT_EQ(bare.code, 1);
+  EXPECT_EQ(bare.output, "") << "the usage of a refused line goes to standard error";
 }
 
 // The tail each tool is handed: compressors get their default version at the very end unless
