@@ -5,7 +5,8 @@
 // updates (texts, progress, caption), which never block it, and through message boxes, which
 // wait for the user's answer. The dialog is shown by one of two front ends behind the same
 // table of functions: a window (SDL2 + Dear ImGui) when a display is at hand, or the terminal
-// (status and a progress bar on stderr, questions on the terminal).
+// (labelled lines, one running progress line and a closing summary on stderr; questions on
+// the terminal). Both show each value beside its label.
 //
 // A process shows one dialog at a time, so the frame's own state is process-wide and most calls
 // need no handle. The state of a tool's run is not: the main routine makes a run record and

@@ -569,6 +569,8 @@ TEST_F(ConsoleShell, RedirectedOutputIsPlainLinesAndASummary) {
 // cleared to the end), facts and the summary as lines of their own above it.
 TEST(ConsoleTerminal, ProgressIsOneLineRedrawnInPlace) {
   const test_support::ToolOutcome o = test_support::RunInTerminal([] {
+    Seen seen;
+    Reset(&seen);
     ToolDialogRegister(&LabelDialog);
     ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
     g_phase = 600ms;
