@@ -172,7 +172,11 @@ bool ReadListFrame(MediaInput* input, const MediaFrameArgs& args) {
   input->frame_bytes = entry->frame_bytes;
   input->frame_width = entry->frame_width;
   input->frame_height = entry->frame_height;
-  if (entry->palette_changed) {
+  // A palette frame shows through the entry's palette. An entry reports a change only against
+  // its own earlier palette (its first frame's palette may be known from the open already), so
+  // the list compares with what it holds.
+  if (entry->frame_depth <= 8 &&
+      memcmp(input->source_palette, entry->source_palette, sizeof input->source_palette) != 0) {
     memcpy(input->source_palette, entry->source_palette, sizeof input->source_palette);
     input->palette_changed = 1;
   }
