@@ -2,6 +2,7 @@
 // alone, a series that is short of files says so, and a folder stands for the series in it.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "avi_test_util.h"
@@ -56,7 +57,8 @@ class ListEntries : public MediaTest {
     for (const auto& [name, format, tag] : {std::tuple{"still.tga", IMAGE_FORMAT_TGA, 2},
                                             std::tuple{"still.bmp", IMAGE_FORMAT_BMP, 3},
                                             std::tuple{"still.tif", IMAGE_FORMAT_TIFF, 4},
-                                            std::tuple{"still.jpg", IMAGE_FORMAT_JPEG, 5}})
+                                            std::tuple{"still.jpg", IMAGE_FORMAT_JPEG, 5},
+                                            std::tuple{"still.exr", IMAGE_FORMAT_EXR, 6}})
       ASSERT_TRUE(WriteImage(dir / name, format, W, H, Pattern(W, H, uint32_t(tag))));
     for (int i = 1; i <= 3; ++i) ASSERT_TRUE(WritePng(dir / ("s00" + std::to_string(i) + ".png"), W, H, 20 + i));
     MakeGif();
@@ -121,7 +123,7 @@ TEST_F(ListEntries, EveryTypeGivesTheSameFramesInAListAsAlone) {
   MakeEntries();
   const std::vector<std::string> entries = {"still.png", "anim.gif", "clip.flc", "clip.y4m", "clip.avi",
                                             "clip.vlm",  "still.tga", "still.bmp", "still.tif", "still.jpg",
-                                            "s00?.png*1-3", "anim.gif", "clip.flc"};
+                                            "s00?.png*1-3", "anim.gif", "clip.flc", "still.exr"};
   std::string text;
   for (const std::string& e : entries) text += e + "\n";
   WriteText(dir / "all.lst", text);
@@ -132,6 +134,13 @@ TEST_F(ListEntries, EveryTypeGivesTheSameFramesInAListAsAlone) {
     std::vector<std::string> names = {e};
     if (e.find('?') != std::string::npos) names = {"s001.png", "s002.png", "s003.png"};
     for (const std::string& name : names) {
+      if (name == "still.exr") {
+        // Float pictures come out of a list of 32-bit frames as 32-bit pixels, 1.0 giving 255.
+        Picture picture = Pattern(W, H, 6);
+        for (uint32_t& v : picture) v &= 0xFFFFFF;
+        expected.push_back(picture);
+        continue;
+      }
       const std::vector<Picture> alone = Alone(name);
       EXPECT_FALSE(alone.empty()) << name;
       EXPECT_TRUE(ShowsSomething(alone) || name == "clip.vlm") << name << " alone is black";
@@ -156,6 +165,33 @@ TEST_F(ListEntries, EveryTypeGivesTheSameFramesInAListAsAlone) {
     for (size_t f = from; f < ends[e]; ++f) EXPECT_TRUE(got[f] == expected[f]) << entries[e] << ", list frame " << f;
     from = ends[e];
   }
+}
+
+// A list of float pictures only keeps them as floats: the same four floats a pixel as alone.
+TEST_F(ListEntries, FloatEntriesStayFloatInAListOfThem) {
+  std::vector<std::vector<float>> alone;
+  for (int tag = 1; tag <= 2; ++tag) {
+    const std::string name = "f" + std::to_string(tag) + ".exr";
+    ASSERT_TRUE(WriteImage(dir / name, IMAGE_FORMAT_EXR, W, H, Pattern(W, H, uint32_t(tag * 50))));
+    MediaInput* in = Open(dir / name);
+    ASSERT_NE(in, nullptr);
+    ASSERT_EQ(in->float_frames, 1u);
+    ASSERT_TRUE(NextFrame(in));
+    const float* f = reinterpret_cast<const float*>(in->output_buffer);
+    alone.emplace_back(f, f + size_t(W) * H * 4);
+    EXPECT_FLOAT_EQ(alone.back()[0], float(tag * 50) / 255.0f) << "red holds the tag";
+    MediaClose(in);
+  }
+  WriteText(dir / "floats.lst", "f1.exr\nf2.exr\n");
+  MediaInput* list = Open(dir / "floats.lst");
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list->float_frames, 1u);
+  for (const std::vector<float>& want : alone) {
+    ASSERT_TRUE(NextFrame(list));
+    const float* f = reinterpret_cast<const float*>(list->output_buffer);
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), f));
+  }
+  MediaClose(list);
 }
 
 // A closed range with files missing gives the files there are and says how many of how many;
@@ -209,12 +245,13 @@ TEST_F(ListEntries, ShortSeriesAreSaidAndEmptyOnesFail) {
   EXPECT_TRUE(Log.Said("No file of the series " + dir / "g???.png*1-3", MediaLevelError));
 }
 
-// A folder of numbered pictures given as the input is their series; files without a number
-// beside them do not matter.
+// A folder of numbered pictures given as the input is their series; files and folders beside
+// them that are no series do not matter.
 TEST_F(ListEntries, AFolderIsTheSeriesInIt) {
   ASSERT_EQ(mkdir((dir / "frames").c_str(), 0755), 0);
   ASSERT_EQ(mkdir((dir / "frames/sub1").c_str(), 0755), 0);
   WriteText(dir / "frames/notes.txt", "not a picture");
+  WriteText(dir / "frames/a1 cover.txt", "a numbered name that sorts first but has no series");
   for (int i = 1; i <= 12; ++i) {
     char name[32];
     snprintf(name, sizeof name, "frames/img%03d.png", i);
