@@ -33,19 +33,26 @@ int FailExr(ImageError* error, int code, const char* what, const char* message) 
   return 0;
 }
 
-// What the first header says before the library sees it: its part type and its data window.
-struct FirstHeader {
+// What a part's header says before the library sees it: its type, data window, tile size
+// and chunk count.
+struct PartHeader {
   std::string unreadable_type;  // the first part type that is neither scan lines nor tiles
   bool has_window = false;
   int32_t window[4] = {0, 0, 0, 0};  // min x, min y, max x, max y
+  uint32_t tile_width = 0, tile_height = 0;  // 0: no tile description
+  int64_t chunks = -1;                       // the stated chunk count; -1: none stated
 };
 
-// Walks the first header's attribute list (name, type name, 32-bit size, data) within the
-// file's bytes. Every part type given decides whether the file is read at all (deep parts are
-// not),
-// and the data window is checked against the size limits before the library allocates for it.
-FirstHeader WalkFirstHeader(const std::vector<uint8_t>& data) {
-  FirstHeader header;
+constexpr uint32_t kMultiPartFlag = 0x1000;
+
+// Walks the headers' attribute lists (name, type name, 32-bit size, data) within the file's
+// bytes: one header, or for a multi-part file every header up to the empty one that ends them.
+// The part types decide whether the file is read at all (deep parts are not); the data windows,
+// tile sizes and chunk counts are checked before the library allocates for them.
+std::vector<PartHeader> WalkHeaders(const std::vector<uint8_t>& data) {
+  std::vector<PartHeader> parts;
+  if (data.size() < 8) return parts;
+  const bool multiPart = (Le32(data.data() + 4) & kMultiPartFlag) != 0;
   size_t at = 8;  // past the magic number and the version field
   const auto text = [&](std::string* out) {
     const auto* begin = data.data() + at;
@@ -56,22 +63,37 @@ FirstHeader WalkFirstHeader(const std::vector<uint8_t>& data) {
     return true;
   };
   std::string name, type;
-  while (at < data.size() && text(&name) && !name.empty()) {
-    if (!text(&type) || data.size() - at < 4) break;
-    const uint32_t size = Le32(data.data() + at);
-    at += 4;
-    if (size > data.size() - at) break;
-    const uint8_t* value = data.data() + at;
-    if (name == "type" && header.unreadable_type.empty()) {
-      const std::string part(reinterpret_cast<const char*>(value), strnlen(reinterpret_cast<const char*>(value), size));
-      if (!part.empty() && part != "scanlineimage" && part != "tiledimage") header.unreadable_type = part;
-    } else if (name == "dataWindow" && type == "box2i" && size == 16) {
-      header.has_window = true;
-      for (int i = 0; i < 4; ++i) header.window[i] = int32_t(Le32(value + 4 * i));
+  while (at < data.size()) {
+    PartHeader part;
+    bool ended = false;  // the header's closing empty name was met
+    while (at < data.size() && text(&name)) {
+      if (name.empty()) {
+        ended = true;
+        break;
+      }
+      if (!text(&type) || data.size() - at < 4) break;
+      const uint32_t size = Le32(data.data() + at);
+      at += 4;
+      if (size > data.size() - at) break;
+      const uint8_t* value = data.data() + at;
+      if (name == "type" && part.unreadable_type.empty()) {
+        const std::string kind(reinterpret_cast<const char*>(value), strnlen(reinterpret_cast<const char*>(value), size));
+        if (!kind.empty() && kind != "scanlineimage" && kind != "tiledimage") part.unreadable_type = kind;
+      } else if (name == "dataWindow" && type == "box2i" && size == 16) {
+        part.has_window = true;
+        for (int i = 0; i < 4; ++i) part.window[i] = int32_t(Le32(value + 4 * i));
+      } else if (name == "tiles" && type == "tiledesc" && size == 9) {
+        part.tile_width = Le32(value);
+        part.tile_height = Le32(value + 4);
+      } else if (name == "chunkCount" && type == "int" && size == 4) {
+        part.chunks = int32_t(Le32(value));
+      }
+      at += size;
     }
-    at += size;
+    parts.push_back(part);
+    if (!ended || !multiPart || at >= data.size() || data[at] == 0) break;
   }
-  return header;
+  return parts;
 }
 
 // The file's bytes as the library's input stream. A read past the end throws, as the
@@ -164,14 +186,37 @@ bool WindowAllowed(const int32_t window[4], ImageError* error) {
   return SizeAllowed(uint64_t(width), uint64_t(height), error);
 }
 
+// A part's claims against the limits and the file's length: every chunk (a tile, or a band of
+// scan lines) has an offset of 8 bytes in the file, so a file cannot hold more chunks than an
+// eighth of its bytes.
+bool PartAllowed(const PartHeader& part, size_t fileBytes, ImageError* error) {
+  if (part.has_window && !WindowAllowed(part.window, error)) return false;
+  const int64_t most = int64_t(fileBytes / 8);
+  if (part.chunks < -1 || part.chunks > most)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: %lld chunks stated in a file of %zu bytes",
+                static_cast<long long>(part.chunks), fileBytes);
+  if (part.tile_width == 0 && part.tile_height == 0) return true;
+  if (part.tile_width == 0 || part.tile_height == 0)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: empty tiles");
+  if (!part.has_window) return true;
+  const int64_t width = int64_t(part.window[2]) - part.window[0] + 1;
+  const int64_t height = int64_t(part.window[3]) - part.window[1] + 1;
+  const int64_t tiles = ((width + part.tile_width - 1) / part.tile_width) * ((height + part.tile_height - 1) / part.tile_height);
+  if (tiles > most)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: %lld tiles of %ux%u in a file of %zu bytes",
+                static_cast<long long>(tiles), part.tile_width, part.tile_height, fileBytes);
+  return true;
+}
+
 // Runs `work` on the file opened by the library, turning its exceptions into an error.
 template <typename Work>
 int WithExrFile(const ImageFile* file, ImageError* error, Work work) {
-  const FirstHeader first = WalkFirstHeader(file->data);
-  if (!first.unreadable_type.empty())
+  const std::vector<PartHeader> parts = WalkHeaders(file->data);
+  if (!parts.empty() && !parts[0].unreadable_type.empty())
     return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: \"%s\" parts are not read",
-                first.unreadable_type.c_str());
-  if (first.has_window && !WindowAllowed(first.window, error)) return 0;
+                parts[0].unreadable_type.c_str());
+  for (const PartHeader& part : parts)
+    if (!PartAllowed(part, file->data.size(), error)) return 0;
   uint32_t side = 0;
   ImageGetLimits(&side, nullptr);
   const int limit = side > 0x7FFFFFFFu ? 0x7FFFFFFF : int(side);

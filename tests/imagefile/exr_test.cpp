@@ -12,6 +12,7 @@
 #include <ImfPartType.h>
 #include <ImfTiledOutputFile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -95,16 +96,28 @@ std::vector<uint8_t> ScanLines(const HalfPicture& picture, Imf::Compression comp
   return out.bytes;
 }
 
-std::vector<uint8_t> Tiles(const HalfPicture& picture, Imf::Compression compression) {
+std::vector<uint8_t> Tiles(const HalfPicture& picture, Imf::Compression compression,
+                           Imf::LevelMode levels = Imf::ONE_LEVEL) {
   MemoryOut out;
   Imf::Header header = MakeHeader(picture, compression);
-  header.setTileDescription(Imf::TileDescription(16, 12, Imf::ONE_LEVEL));
+  header.setTileDescription(Imf::TileDescription(16, 12, levels));
   {  // the tile offsets are written when the file object goes
     Imf::TiledOutputFile file(out, header);
     std::vector<std::vector<half>> planes;
     planes.reserve(4);
     file.setFrameBuffer(Buffer(picture, &planes));
     file.writeTiles(0, file.numXTiles() - 1, 0, file.numYTiles() - 1);
+    // Smaller levels (of a mipmapped file) hold other content; only the full level is read.
+    std::vector<std::vector<half>> flat;
+    flat.reserve(4);
+    for (int level = 1; level < file.numLevels(); ++level) {
+      const Imath::Box2i window = file.dataWindowForLevel(level);
+      HalfPicture small;
+      small.window = window;
+      file.setFrameBuffer(Buffer(small, &flat));
+      for (auto& plane : flat) std::fill(plane.begin(), plane.end(), half(9.0f));
+      file.writeTiles(0, file.numXTiles(level) - 1, 0, file.numYTiles(level) - 1, level);
+    }
   }
   return out.bytes;
 }
@@ -200,6 +213,7 @@ TEST(OpenExr, TilesPartsAndGreyFilesRead) {
   } cases[] = {
       {"tiles, zip", [&] { return Tiles(picture, Imf::ZIP_COMPRESSION); }, false},
       {"tiles, piz", [&] { return Tiles(picture, Imf::PIZ_COMPRESSION); }, false},
+      {"mipmapped tiles", [&] { return Tiles(picture, Imf::ZIP_COMPRESSION, Imf::MIPMAP_LEVELS); }, false},
       {"first of two parts", [&] { return TwoParts(picture); }, false},
       {"luminance only", [&] { return ScanLines(picture, Imf::ZIP_COMPRESSION, "Y"); }, true},
   };
@@ -253,6 +267,44 @@ TEST(OpenExr, LimitsApplyBeforeTheLibraryReads) {
   EXPECT_EQ(error.code, IMAGE_ERROR_TOO_LARGE) << error.text;
   ImageSetLimits(side, pixels);
   EXPECT_TRUE(Open(bytes, "x.exr", &error)) << error.text;
+}
+
+// Where `name` and its type name stand in the file, the position of the value behind them.
+size_t ValueOf(const std::vector<uint8_t>& bytes, const std::string& name, const std::string& type, size_t from = 0) {
+  const std::string key = name + std::string(1, '\0') + type + std::string(1, '\0');
+  const std::string text(bytes.begin(), bytes.end());
+  const size_t at = text.find(key, from);
+  return at == std::string::npos ? at : at + key.size() + 4;
+}
+
+// Tile sizes and chunk counts that the file's length cannot hold are refused before the library
+// makes its offset tables for them.
+TEST(OpenExr, ClaimsBeyondTheFileAreRefused) {
+  const HalfPicture picture;
+  std::vector<uint8_t> tiles = Tiles(picture, Imf::ZIP_COMPRESSION);
+  const size_t desc = ValueOf(tiles, "tiles", "tiledesc");
+  ASSERT_NE(desc, std::string::npos);
+  // A window of 30000 × 8000 in tiles of 1 × 1: 240 million offsets.
+  const size_t window = ValueOf(tiles, "dataWindow", "box2i");
+  ASSERT_NE(window, std::string::npos);
+  const uint32_t corners[4] = {0, 0, 29999, 7999};
+  for (int i = 0; i < 4; ++i)
+    for (int b = 0; b < 4; ++b) tiles[window + size_t(i) * 4 + size_t(b)] = uint8_t(corners[i] >> (8 * b));
+  for (int i = 0; i < 8; ++i) tiles[desc + size_t(i)] = i % 4 == 0 ? 1 : 0;
+  ImageError error{};
+  EXPECT_FALSE(Open(tiles, "x.exr", &error));
+  EXPECT_EQ(error.code, IMAGE_ERROR_CORRUPT);
+  EXPECT_NE(std::strstr(error.text, "tiles"), nullptr) << error.text;
+
+  // The second part of two claims two billion chunks.
+  std::vector<uint8_t> parts = TwoParts(picture);
+  const size_t first = ValueOf(parts, "chunkCount", "int");
+  const size_t second = ValueOf(parts, "chunkCount", "int", first);
+  ASSERT_NE(second, std::string::npos);
+  parts[second + 3] = 0x7F;
+  EXPECT_FALSE(Open(parts, "x.exr", &error));
+  EXPECT_EQ(error.code, IMAGE_ERROR_CORRUPT);
+  EXPECT_NE(std::strstr(error.text, "chunks"), nullptr) << error.text;
 }
 
 // What this library writes still reads back, through the new reader.
