@@ -65,6 +65,9 @@ class ListEntries : public MediaTest {
     std::vector<test_support::FlicFrame> flic;
     for (int f = 0; f < 3; ++f) flic.push_back({Indices(f), Palette(f)});
     WriteFile(dir / "clip.flc", test_support::FlicFile(W, H, flic, 40));
+    std::vector<test_support::FlicFrame> raw;
+    for (int f = 0; f < 2; ++f) raw.push_back({Indices(f + 7), Palette(f + 2)});
+    WriteFile(dir / "clip.raw", test_support::RawFramesFile(W, H, raw, 50));
     std::vector<std::vector<uint8_t>> y4m;
     for (int f = 0; f < 2; ++f) {
       std::vector<uint8_t> planes(size_t(W) * H * 3);
@@ -122,7 +125,7 @@ bool ShowsSomething(const std::vector<Picture>& frames) {
 TEST_F(ListEntries, EveryTypeGivesTheSameFramesInAListAsAlone) {
   MakeEntries();
   const std::vector<std::string> entries = {"still.png", "anim.gif", "clip.flc", "clip.y4m", "clip.avi",
-                                            "clip.vlm",  "still.tga", "still.bmp", "still.tif", "still.jpg",
+                                            "clip.vlm",  "still.tga", "still.bmp", "still.tif", "still.jpg", "clip.raw",
                                             "s00?.png*1-3", "anim.gif", "clip.flc", "still.exr"};
   std::string text;
   for (const std::string& e : entries) text += e + "\n";
@@ -150,6 +153,7 @@ TEST_F(ListEntries, EveryTypeGivesTheSameFramesInAListAsAlone) {
   }
   ASSERT_EQ(Alone("anim.gif").size(), 4u);
   ASSERT_EQ(Alone("clip.flc").size(), 3u);
+  ASSERT_EQ(Alone("clip.raw").size(), 2u);
 
   MediaInput* list = Open(dir / "all.lst");
   ASSERT_NE(list, nullptr);

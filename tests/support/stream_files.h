@@ -1,5 +1,5 @@
-// Small moving-picture files for tests, built byte by byte: a Flic whose frames are whole raw
-// pictures, each with its own 256-colour palette, and a 4:4:4 y4m stream.
+// Small moving-picture files for tests, built byte by byte: a Flic and a raw frame file whose
+// frames are whole pictures, each with its own 256-colour palette, and a 4:4:4 y4m stream.
 #pragma once
 #include <array>
 #include <cstdint>
@@ -54,6 +54,24 @@ inline std::vector<uint8_t> FlicFile(int width, int height, const std::vector<Fl
     file.insert(file.end(), chunks.begin(), chunks.end());
   }
   for (int i = 0; i < 4; ++i) file[size_t(i)] = uint8_t(file.size() >> (8 * i));
+  return file;
+}
+
+// A raw frame file ("RAWB"; `speed` milliseconds a frame): every frame its palette and its
+// pictures' bytes.
+inline std::vector<uint8_t> RawFramesFile(int width, int height, const std::vector<FlicFrame>& frames,
+                                          int32_t speed) {
+  std::vector<uint8_t> file = {'R', 'A', 'W', 'B'};
+  Put32(&file, uint32_t(frames.size()));
+  Put32(&file, uint32_t(width));
+  Put32(&file, uint32_t(height));
+  Put32(&file, uint32_t(-speed));
+  for (const FlicFrame& f : frames) {
+    Put32(&file, 0);
+    file.insert(file.end(), f.palette.begin(), f.palette.end());
+    Put32(&file, 1);
+    file.insert(file.end(), f.pixels.begin(), f.pixels.end());
+  }
   return file;
 }
 
