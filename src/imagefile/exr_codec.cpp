@@ -1,11 +1,11 @@
 // OpenEXR. Reading goes through the OpenEXR library, which knows every compression that
 // production files use (NONE, RLE, ZIPS, ZIP, PIZ, PXR24, B44, B44A, DWAA, DWAB), tiled files
-// and the first part of multi-part files. The header is checked first (an image part, data
-// window within the limits); then the channels are decoded as floats in bands of rows and
-// joined into R, G, B, A (grey files from Y, alpha 1.0 when absent). Opening decodes the whole
-// picture once, so that a file that is cut short or damaged is refused at open instead of
-// giving a black picture later. The writer, through TinyEXR, stores R, G, B(, A) as half or
-// full floats with ZIP compression.
+// and the first part of multi-part files. The headers are checked first (image parts, data
+// windows within the limits, no more tiles or chunks than the file's length can hold); then
+// the first part's channels are decoded as floats in bands of rows and joined into R, G, B, A
+// (grey files from Y, alpha 1.0 when absent). Opening decodes the whole picture once, so that a
+// file that is cut short or damaged is refused at open instead of giving a black picture later.
+// The writer, through TinyEXR, stores R, G, B(, A) as half or full floats with ZIP compression.
 #include "imagefile/imagefile_internal.h"
 
 #include <algorithm>
@@ -217,11 +217,6 @@ int WithExrFile(const ImageFile* file, ImageError* error, Work work) {
                 parts[0].unreadable_type.c_str());
   for (const PartHeader& part : parts)
     if (!PartAllowed(part, file->data.size(), error)) return 0;
-  uint32_t side = 0;
-  ImageGetLimits(&side, nullptr);
-  const int limit = side > 0x7FFFFFFFu ? 0x7FFFFFFF : int(side);
-  Imf::Header::setMaxImageSize(limit, limit);
-  Imf::Header::setMaxTileSize(limit, limit);
   try {
     MemoryStream stream(file->data);
     Imf::InputFile exr(stream, 0);
