@@ -8,7 +8,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libsdl2-dev libimgui-dev libstb-dev libgl-dev
   xvfb xauth
-  libjpeg62-turbo-dev libpng-dev libtiff-dev libgif-dev libtinyexr-dev
+  libjpeg62-turbo-dev libpng-dev libtiff-dev libgif-dev libtinyexr-dev libopenexr-dev
   libflac-dev libvorbis-dev libasound2-dev
   espeak-ng sox
 )

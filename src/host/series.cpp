@@ -1,9 +1,11 @@
 #include "host/series.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -15,6 +17,8 @@ namespace {
 // "exists" to everything cannot keep the search going for ever.
 constexpr int64_t ProbeLimit = 1000000;
 constexpr int MaxPlaces = 9;  // digit places that still read into an int32_t
+// A folder's names with digits that are tried as the start of its series, in name order.
+constexpr size_t FolderTries = 16;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -250,6 +254,36 @@ bool FindSequenceWith(char* dest, size_t destSize, int32_t* first, int32_t* last
     }
     *first = range.first, *last = range.last;
     return true;
+  }
+  return false;
+}
+
+bool IsFolder(const char* path) {
+  struct stat info;
+  return path && path[0] && stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool FindFolderSequence(char* dest, size_t destSize, const char* folder) {
+  if (destSize > 0) dest[0] = 0;
+  DIR* dir = opendir(folder);
+  if (!dir) return false;
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(dir)) {
+    const char* name = entry->d_name;
+    if (name[0] == '.' || !strpbrk(name, "0123456789")) continue;
+    names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  std::string base = folder;
+  if (!base.empty() && base.back() != '/') base += '/';
+  size_t tries = 0;
+  for (const std::string& name : names) {
+    const std::string path = base + name;
+    if (!SeriesFileExists(path.c_str(), nullptr)) continue;  // folders and the unreadable
+    int32_t first = 0, last = 0;
+    if (FindSequence(dest, destSize, &first, &last, path.c_str())) return true;
+    if (++tries == FolderTries) break;
   }
   return false;
 }

@@ -37,6 +37,12 @@ bool FindSequence(char* dest, size_t destSize, int32_t* first, int32_t* last, co
 bool FindSequenceWith(char* dest, size_t destSize, int32_t* first, int32_t* last, const char* name,
                       SeriesExistsFn exists, void* context);
 
+// A folder given where a file is expected stands for the numbered series in it: the first file
+// name (in name order) that belongs to a series of two or more gives the series, as
+// FindSequence writes it, into dest. False (dest empty) when the folder holds none.
+bool IsFolder(const char* path);
+bool FindFolderSequence(char* dest, size_t destSize, const char* folder);
+
 // The question a dialog asks before it replaces a single name by its series.
 inline constexpr const char* SequencePromptTitle = "Treat as sequence?";
 size_t SequencePromptText(char* dest, size_t destSize, const char* name, int32_t first, int32_t last);

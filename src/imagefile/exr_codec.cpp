@@ -1,12 +1,25 @@
-// OpenEXR through TinyEXR: the header is checked first (version, single part, scan lines, data
-// window within the limits), then the channels are loaded as floats and joined into R, G, B, A
-// (grey files from Y, alpha 1.0 when absent). The writer stores R, G, B(, A) as half or full
-// floats with ZIP compression.
+// OpenEXR. Reading goes through the OpenEXR library, which knows every compression that
+// production files use (NONE, RLE, ZIPS, ZIP, PIZ, PXR24, B44, B44A, DWAA, DWAB), tiled files
+// and the first part of multi-part files. The headers are checked first (image parts, data
+// windows within the limits, no more tiles or chunks than the file's length can hold); then
+// the first part's channels are decoded as floats in bands of rows and joined into R, G, B, A
+// (grey files from Y, alpha 1.0 when absent). Opening decodes the whole picture once, so that a
+// file that is cut short or damaged is refused at open instead of giving a black picture later.
+// The writer, through TinyEXR, stores R, G, B(, A) as half or full floats with ZIP compression.
 #include "imagefile/imagefile_internal.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
+
+#include <Iex.h>
+#include <ImfChannelList.h>
+#include <ImfFrameBuffer.h>
+#include <ImfHeader.h>
+#include <ImfIO.h>
+#include <ImfInputFile.h>
 
 #include <tinyexr.h>
 
@@ -14,25 +27,32 @@ namespace orn::imagefile {
 
 namespace {
 
-// Frees the header in every case: a failed parse may leave parts of it allocated.
-struct ExrHeaderGuard {
-  EXRHeader header;
-  ExrHeaderGuard() { InitEXRHeader(&header); }
-  ~ExrHeaderGuard() { FreeEXRHeader(&header); }
-};
-
 int FailExr(ImageError* error, int code, const char* what, const char* message) {
   Fail(error, code, "OpenEXR: %s%s%s", what, message ? ": " : "", message ? message : "");
   if (message) FreeEXRErrorMessage(message);
   return 0;
 }
 
-// Walks a single-part header's attribute list (name, type name, 32-bit size, data) within the
-// file's bytes and returns the first "type" attribute whose value is not a scan-line image, or
-// an empty text when there is none. TinyEXR aborts the process on a part type it does not
-// expect (it keeps the last non-empty one it reads), so every one is checked before the library
-// sees the header.
-std::string UnreadablePartType(const std::vector<uint8_t>& data) {
+// What a part's header says before the library sees it: its type, data window, tile size
+// and chunk count.
+struct PartHeader {
+  std::string unreadable_type;  // the first part type that is neither scan lines nor tiles
+  bool has_window = false;
+  int32_t window[4] = {0, 0, 0, 0};  // min x, min y, max x, max y
+  uint32_t tile_width = 0, tile_height = 0;  // 0: no tile description
+  int64_t chunks = -1;                       // the stated chunk count; -1: none stated
+};
+
+constexpr uint32_t kMultiPartFlag = 0x1000;
+
+// Walks the headers' attribute lists (name, type name, 32-bit size, data) within the file's
+// bytes: one header, or for a multi-part file every header up to the empty one that ends them.
+// The part types decide whether the file is read at all (deep parts are not); the data windows,
+// tile sizes and chunk counts are checked before the library allocates for them.
+std::vector<PartHeader> WalkHeaders(const std::vector<uint8_t>& data) {
+  std::vector<PartHeader> parts;
+  if (data.size() < 8) return parts;
+  const bool multiPart = (Le32(data.data() + 4) & kMultiPartFlag) != 0;
   size_t at = 8;  // past the magic number and the version field
   const auto text = [&](std::string* out) {
     const auto* begin = data.data() + at;
@@ -43,124 +63,211 @@ std::string UnreadablePartType(const std::vector<uint8_t>& data) {
     return true;
   };
   std::string name, type;
-  while (at < data.size() && text(&name) && !name.empty()) {
-    if (!text(&type) || data.size() - at < 4) break;
-    const uint32_t size = uint32_t(data[at]) | uint32_t(data[at + 1]) << 8 | uint32_t(data[at + 2]) << 16 |
-                          uint32_t(data[at + 3]) << 24;
-    at += 4;
-    if (size > data.size() - at) break;
-    if (name == "type") {
-      const auto* value = reinterpret_cast<const char*>(data.data() + at);
-      const std::string part(value, strnlen(value, size));
-      if (!part.empty() && part != "scanlineimage") return part;
+  while (at < data.size()) {
+    PartHeader part;
+    bool ended = false;  // the header's closing empty name was met
+    while (at < data.size() && text(&name)) {
+      if (name.empty()) {
+        ended = true;
+        break;
+      }
+      if (!text(&type) || data.size() - at < 4) break;
+      const uint32_t size = Le32(data.data() + at);
+      at += 4;
+      if (size > data.size() - at) break;
+      const uint8_t* value = data.data() + at;
+      if (name == "type" && part.unreadable_type.empty()) {
+        const std::string kind(reinterpret_cast<const char*>(value), strnlen(reinterpret_cast<const char*>(value), size));
+        if (!kind.empty() && kind != "scanlineimage" && kind != "tiledimage") part.unreadable_type = kind;
+      } else if (name == "dataWindow" && type == "box2i" && size == 16) {
+        part.has_window = true;
+        for (int i = 0; i < 4; ++i) part.window[i] = int32_t(Le32(value + 4 * i));
+      } else if (name == "tiles" && type == "tiledesc" && size == 9) {
+        part.tile_width = Le32(value);
+        part.tile_height = Le32(value + 4);
+      } else if (name == "chunkCount" && type == "int" && size == 4) {
+        part.chunks = int32_t(Le32(value));
+      }
+      at += size;
     }
-    at += size;
+    parts.push_back(part);
+    if (!ended || !multiPart || at >= data.size() || data[at] == 0) break;
   }
-  return {};
+  return parts;
 }
 
-// Reads and checks the version and header; shared by open and read.
-int ParseHeader(const std::vector<uint8_t>& data, ExrHeaderGuard* guard, ImageError* error) {
-  EXRVersion version;
-  if (ParseEXRVersionFromMemory(&version, data.data(), data.size()) != TINYEXR_SUCCESS)
-    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: bad version field");
-  if (version.multipart || version.non_image)
-    return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: multi-part and deep files are not read");
-  if (version.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
-  const std::string type = UnreadablePartType(data);
-  if (!type.empty())
-    return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: \"%s\" parts are not read", type.c_str());
-  const char* message = nullptr;
-  if (ParseEXRHeaderFromMemory(&guard->header, &version, data.data(), data.size(), &message) != TINYEXR_SUCCESS)
-    return FailExr(error, IMAGE_ERROR_CORRUPT, "bad header", message);
-  if (guard->header.tiled) return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: tiled files are not read");
-  // The library stores any channel type number it finds, and aborts when it meets one it has
-  // no decoder for.
-  for (int c = 0; c < guard->header.num_channels; ++c) {
-    const int type = guard->header.pixel_types[c];
-    if (type != TINYEXR_PIXELTYPE_UINT && type != TINYEXR_PIXELTYPE_HALF && type != TINYEXR_PIXELTYPE_FLOAT)
-      return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: channel %d has an unknown sample type %d", c, type);
+// The file's bytes as the library's input stream. A read past the end throws, as the
+// library's own file stream does.
+class MemoryStream : public Imf::IStream {
+ public:
+  explicit MemoryStream(const std::vector<uint8_t>& data) : Imf::IStream("OpenEXR data"), data_(data) {}
+  bool read(char c[], int n) override {
+    if (n < 0 || uint64_t(n) > data_.size() - at_) throw Iex::InputExc("the file ends early");
+    std::memcpy(c, data_.data() + at_, size_t(n));
+    at_ += uint64_t(n);
+    return at_ < data_.size();
   }
-  return 1;
+  uint64_t tellg() override { return at_; }
+  void seekg(uint64_t pos) override { at_ = std::min<uint64_t>(pos, data_.size()); }
+
+ private:
+  const std::vector<uint8_t>& data_;
+  uint64_t at_ = 0;
+};
+
+// Which stored channel feeds R, G, B and A (empty: none, filled with 0, or 1 for alpha).
+// Grey files feed R from Y (or from their only channel) and `grey` is set.
+struct ChannelMap {
+  std::string source[4];
+  bool grey = false;
+};
+
+bool FullResolution(const Imf::Channel& channel) { return channel.xSampling == 1 && channel.ySampling == 1; }
+
+ChannelMap MapChannels(const Imf::ChannelList& channels) {
+  static const char* kNames[4] = {"R", "G", "B", "A"};
+  ChannelMap map;
+  for (int i = 0; i < 4; ++i) {
+    const Imf::Channel* c = channels.findChannel(kNames[i]);
+    if (c && FullResolution(*c)) map.source[i] = kNames[i];
+  }
+  if (!map.source[0].empty() || !map.source[1].empty() || !map.source[2].empty()) return map;
+  const Imf::Channel* y = channels.findChannel("Y");
+  if (y && FullResolution(*y)) {
+    map.source[0] = "Y";
+    map.grey = true;
+  } else if (channels.begin() != channels.end() && ++channels.begin() == channels.end() &&
+             FullResolution(channels.begin().channel())) {
+    map.source[0] = channels.begin().name();
+    map.grey = true;
+  }
+  return map;
 }
 
-int ExrOpen(ImageFile* file, ImageError* error) {
-  ExrHeaderGuard guard;
-  if (!ParseHeader(file->data, &guard, error)) return 0;
-  const EXRHeader& h = guard.header;
-  const int64_t width = int64_t(h.data_window.max_x) - h.data_window.min_x + 1;
-  const int64_t height = int64_t(h.data_window.max_y) - h.data_window.min_y + 1;
+constexpr int kBandRows = 64;
+
+// Decodes the data window band by band into four floats a pixel and hands every row, top row
+// first, to `row(y, pixels)`. Library failures come back as exceptions.
+template <typename RowFn>
+void DecodeRows(Imf::InputFile& file, RowFn row) {
+  const Imath::Box2i window = file.header().dataWindow();
+  const int64_t width = int64_t(window.max.x) - window.min.x + 1;
+  const ChannelMap map = MapChannels(file.header().channels());
+  std::vector<float> band(size_t(width) * kBandRows * 4);
+  for (int64_t top = window.min.y; top <= window.max.y; top += kBandRows) {
+    const int64_t rows = std::min<int64_t>(kBandRows, int64_t(window.max.y) - top + 1);
+    Imf::FrameBuffer buffer;
+    for (int i = 0; i < 4; ++i) {
+      if (map.source[i].empty()) continue;
+      buffer.insert(map.source[i],
+                    Imf::Slice::Make(Imf::FLOAT, band.data() + i, Imath::V2i(window.min.x, int(top)), width, rows,
+                                     4 * sizeof(float), size_t(width) * 4 * sizeof(float)));
+    }
+    file.setFrameBuffer(buffer);
+    file.readPixels(int(top), int(top + rows - 1));
+    for (int64_t r = 0; r < rows; ++r) {
+      float* pixels = band.data() + size_t(r) * size_t(width) * 4;
+      for (int64_t x = 0; x < width; ++x) {
+        float* p = pixels + x * 4;
+        if (map.source[1].empty()) p[1] = map.grey ? p[0] : 0.0f;
+        if (map.source[2].empty()) p[2] = map.grey ? p[0] : 0.0f;
+        if (map.source[3].empty()) p[3] = 1.0f;
+      }
+      row(int(top - window.min.y + r), pixels);
+    }
+  }
+}
+
+// A data window's size against the limits.
+bool WindowAllowed(const int32_t window[4], ImageError* error) {
+  const int64_t width = int64_t(window[2]) - window[0] + 1;
+  const int64_t height = int64_t(window[3]) - window[1] + 1;
   if (width <= 0 || height <= 0) return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: empty data window");
-  if (!SizeAllowed(uint64_t(width), uint64_t(height), error)) return 0;
+  return SizeAllowed(uint64_t(width), uint64_t(height), error);
+}
+
+// A part's claims against the limits and the file's length: every chunk (a tile, or a band of
+// scan lines) has an offset of 8 bytes in the file, so a file cannot hold more chunks than an
+// eighth of its bytes.
+bool PartAllowed(const PartHeader& part, size_t fileBytes, ImageError* error) {
+  if (part.has_window && !WindowAllowed(part.window, error)) return false;
+  const int64_t most = int64_t(fileBytes / 8);
+  if (part.chunks < -1 || part.chunks > most)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: %lld chunks stated in a file of %zu bytes",
+                static_cast<long long>(part.chunks), fileBytes);
+  if (part.tile_width == 0 && part.tile_height == 0) return true;
+  if (part.tile_width == 0 || part.tile_height == 0)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: empty tiles");
+  if (!part.has_window) return true;
+  const int64_t width = int64_t(part.window[2]) - part.window[0] + 1;
+  const int64_t height = int64_t(part.window[3]) - part.window[1] + 1;
+  const int64_t tiles = ((width + part.tile_width - 1) / part.tile_width) * ((height + part.tile_height - 1) / part.tile_height);
+  if (tiles > most)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: %lld tiles of %ux%u in a file of %zu bytes",
+                static_cast<long long>(tiles), part.tile_width, part.tile_height, fileBytes);
+  return true;
+}
+
+// Runs `work` on the file opened by the library, turning its exceptions into an error.
+template <typename Work>
+int WithExrFile(const ImageFile* file, ImageError* error, Work work) {
+  const std::vector<PartHeader> parts = WalkHeaders(file->data);
+  if (!parts.empty() && !parts[0].unreadable_type.empty())
+    return Fail(error, IMAGE_ERROR_UNSUPPORTED, "OpenEXR: \"%s\" parts are not read",
+                parts[0].unreadable_type.c_str());
+  for (const PartHeader& part : parts)
+    if (!PartAllowed(part, file->data.size(), error)) return 0;
+  try {
+    MemoryStream stream(file->data);
+    Imf::InputFile exr(stream, 0);
+    return work(exr);
+  } catch (const std::exception& e) {
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: %s", e.what());
+  } catch (...) {
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: the file cannot be read");
+  }
+}
+
+int DescribeExr(ImageFile* file, const Imf::Header& h, ImageError* error) {
+  const Imath::Box2i window = h.dataWindow();
+  const int32_t corners[4] = {window.min.x, window.min.y, window.max.x, window.max.y};
+  if (!WindowAllowed(corners, error)) return 0;
+  const int64_t width = int64_t(window.max.x) - window.min.x + 1;
+  const int64_t height = int64_t(window.max.y) - window.min.y + 1;
   ImageInfo& info = file->info;
   info.width = int(width);
   info.height = int(height);
   info.is_hdr = 1;
   info.bits_per_channel = 32;
-  info.sub_format = h.compression_type;
+  info.sub_format = int(h.compression());
   int bits = 0;
-  for (int c = 0; c < h.num_channels; ++c) {
-    bits += h.channels[c].pixel_type == TINYEXR_PIXELTYPE_HALF ? 16 : 32;
-    if (std::strcmp(h.channels[c].name, "A") == 0) info.has_alpha = 1;
+  for (auto c = h.channels().begin(); c != h.channels().end(); ++c) {
+    bits += c.channel().type == Imf::HALF ? 16 : 32;
+    if (std::strcmp(c.name(), "A") == 0) info.has_alpha = 1;
   }
   info.bits_per_pixel = bits;
-  info.is_gray = h.num_channels == 1 || (h.num_channels == 2 && info.has_alpha);
+  info.is_gray = MapChannels(h.channels()).grey ? 1 : 0;
   return 1;
 }
 
-// Which stored channel feeds R, G, B and A (-1: none). Grey files feed all three from Y.
-void MapChannels(const EXRHeader& h, int source[4]) {
-  static const char* kNames[4] = {"R", "G", "B", "A"};
-  int grey = -1;
-  for (int i = 0; i < 4; ++i) source[i] = -1;
-  for (int c = 0; c < h.num_channels; ++c) {
-    for (int i = 0; i < 4; ++i)
-      if (std::strcmp(h.channels[c].name, kNames[i]) == 0) source[i] = c;
-    if (std::strcmp(h.channels[c].name, "Y") == 0) grey = c;
-  }
-  if (grey < 0 && h.num_channels == 1) grey = 0;
-  if (source[0] < 0 && source[1] < 0 && source[2] < 0 && grey >= 0) source[0] = source[1] = source[2] = grey;
-}
-
-float Sample(const EXRHeader& h, const EXRImage& image, int channel, size_t at) {
-  if (channel < 0) return 0.0f;
-  if (h.pixel_types[channel] == TINYEXR_PIXELTYPE_UINT)
-    return float(reinterpret_cast<const uint32_t*>(image.images[channel])[at]);
-  return reinterpret_cast<const float*>(image.images[channel])[at];
+int ExrOpen(ImageFile* file, ImageError* error) {
+  return WithExrFile(file, error, [&](Imf::InputFile& exr) {
+    if (!DescribeExr(file, exr.header(), error)) return 0;
+    if (!exr.isComplete()) return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: the file is cut short");
+    // A trial decode: a chunk that is missing or damaged shows now, not as a black picture.
+    DecodeRows(exr, [](int, const float*) {});
+    return 1;
+  });
 }
 
 int ExrRead(ImageFile* file, int, const ImagePixels* dest, ImageError* error) {
-  ExrHeaderGuard guard;
-  if (!ParseHeader(file->data, &guard, error)) return 0;
-  EXRHeader& h = guard.header;
-  for (int c = 0; c < h.num_channels; ++c)
-    if (h.pixel_types[c] == TINYEXR_PIXELTYPE_HALF) h.requested_pixel_types[c] = TINYEXR_PIXELTYPE_FLOAT;
-  EXRImage image;
-  InitEXRImage(&image);
-  // TinyEXR releases a half-decoded image itself, by this count; it sets it only on success.
-  image.num_channels = h.num_channels;
-  const char* message = nullptr;
-  if (LoadEXRImageFromMemory(&image, &h, file->data.data(), file->data.size(), &message) != TINYEXR_SUCCESS)
-    return FailExr(error, IMAGE_ERROR_CORRUPT, "cannot load the picture", message);
-  int ok = 1;
-  if (image.width != dest->width || image.height != dest->height || !image.images) {
-    ok = Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: picture is %dx%d, header says %dx%d", image.width,
-              image.height, dest->width, dest->height);
-  } else {
-    int source[4];
-    MapChannels(h, source);
-    std::vector<float> row(size_t(dest->width) * 4);
-    for (int y = 0; y < dest->height; ++y) {
-      for (int x = 0; x < dest->width; ++x) {
-        const size_t at = size_t(y) * size_t(dest->width) + size_t(x);
-        for (int i = 0; i < 3; ++i) row[size_t(x) * 4 + size_t(i)] = Sample(h, image, source[i], at);
-        row[size_t(x) * 4 + 3] = source[3] >= 0 ? Sample(h, image, source[3], at) : 1.0f;
-      }
-      StoreRowFloat(dest, y, row.data());
-    }
-  }
-  FreeEXRImage(&image);
-  return ok;
+  if (dest->width != file->info.width || dest->height != file->info.height)
+    return Fail(error, IMAGE_ERROR_CORRUPT, "OpenEXR: picture is %dx%d, asked for %dx%d", file->info.width,
+                file->info.height, dest->width, dest->height);
+  return WithExrFile(file, error, [&](Imf::InputFile& exr) {
+    DecodeRows(exr, [&](int y, const float* row) { StoreRowFloat(dest, y, row); });
+    return 1;
+  });
 }
 
 }  // namespace

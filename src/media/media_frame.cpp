@@ -140,6 +140,33 @@ bool SkipInList(MediaInput* input) {
   return input->entry != nullptr;
 }
 
+uint32_t FloatToByte(float v) {
+  if (!(v > 0.0f)) return 0;  // also NaN
+  return v >= 1.0f ? 255u : uint32_t(v * 255.0f + 0.5f);
+}
+
+uint8_t* FreeWorkBuffer(MediaInput* input, uint32_t width, uint32_t height, bool floats);
+
+// A list of 32-bit frames takes a float entry's frame as 32-bit ARGB, 0.0 to 1.0 giving 0 to
+// 255, in the list's own work buffer.
+bool TakeFloatFrame(MediaInput* list, const MediaInput* entry) {
+  const uint32_t w = entry->frame_width, h = entry->frame_height;
+  uint8_t* target = FreeWorkBuffer(list, w, h, false);
+  if (!target) return false;
+  for (uint32_t y = 0; y < h; ++y) {
+    const float* src = reinterpret_cast<const float*>(entry->frame_base + ptrdiff_t(y) * entry->frame_pitch);
+    uint32_t* dst = reinterpret_cast<uint32_t*>(target) + size_t(y) * w;
+    for (uint32_t x = 0; x < w; ++x, src += 4)
+      dst[x] = FloatToByte(src[3]) << 24 | FloatToByte(src[0]) << 16 | FloatToByte(src[1]) << 8 | FloatToByte(src[2]);
+  }
+  list->frame_base = target;
+  list->frame_pitch = static_cast<ptrdiff_t>(w) * 4;
+  list->frame_depth = 32;
+  list->frame_width = w;
+  list->frame_height = h;
+  return true;
+}
+
 bool ReadListFrame(MediaInput* input, const MediaFrameArgs& args) {
   if (input->entry && input->entry->at_end) {
     MediaClose(input->entry);
@@ -166,13 +193,18 @@ bool ReadListFrame(MediaInput* input, const MediaFrameArgs& args) {
       return true;
     }
   }
+  input->frame_bytes = entry->frame_bytes;
+  if (entry->frame_depth == 128 && !input->float_frames) return TakeFloatFrame(input, entry);
   input->frame_base = entry->frame_base;
   input->frame_pitch = entry->frame_pitch;
   input->frame_depth = entry->frame_depth;
-  input->frame_bytes = entry->frame_bytes;
   input->frame_width = entry->frame_width;
   input->frame_height = entry->frame_height;
-  if (entry->palette_changed) {
+  // A palette frame shows through the entry's palette. An entry reports a change only against
+  // its own earlier palette (its first frame's palette may be known from the open already), so
+  // the list compares with what it holds.
+  if (entry->frame_depth <= 8 &&
+      memcmp(input->source_palette, entry->source_palette, sizeof input->source_palette) != 0) {
     memcpy(input->source_palette, entry->source_palette, sizeof input->source_palette);
     input->palette_changed = 1;
   }

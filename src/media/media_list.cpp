@@ -12,11 +12,13 @@ namespace {
 
 struct ListLine {
   std::string name;  // folder already in front; a series pattern without its "*" range
+  std::string given; // the name as written (folder in front), for messages
   int32_t start = 1, end = MediaListDefaultEnd;
   uint32_t repeat = 1;
   bool series = false;
   bool hasFirst = false, hasLast = false;
   int32_t first = 0, last = 0;
+  bool tallied = false;  // a shortfall of this series line has been looked at
 };
 
 }  // namespace
@@ -29,6 +31,9 @@ struct MediaList {
   int32_t seriesFirst = 0; // the first number in use for the current series line
   uint64_t given = 0;      // entries handed out since the rewind
   bool passGave = false;   // the current pass over the current line gave an entry
+  uint32_t expected = 0;   // numbers of the current series pass looked at
+  uint32_t found = 0;      // ... and how many of their files exist
+  std::vector<MediaListShortfall> shortfalls;
 };
 
 namespace {
@@ -84,12 +89,14 @@ void AddLine(MediaList* list, char* text, const char* folder) {
   if (name[0] == 0) return;
   std::string full = name;
   const bool rangeGiven = SplitRange(&full, &line);
+  line.given = name;
   line.series = LooksLikeSeries(full, rangeGiven);
   if (!line.series && rangeGiven) full = name;  // a "*" that belongs to the name
   if (folder && folder[0] && !IsAbsolute(full.c_str())) {
     std::string withFolder = folder;
     if (withFolder.back() != '/') withFolder += '/';
     full = withFolder + full;
+    line.given = withFolder + line.given;
   }
   line.name = full;
   list->lines.push_back(std::move(line));
@@ -133,14 +140,38 @@ bool NextInSeries(MediaList* list, const ListLine& line, MediaListItem* item, Se
         !Exists(exists, context, item->name))
       list->seriesFirst = 1;  // no range given: the series starts at 0 or at 1
   }
-  int32_t n;
-  if (!SeriesNumber(list, line, list->index + 1, &n)) return false;
-  if (!NameOf(line, n, item->name, sizeof item->name)) return false;
-  if (!line.hasLast && !Exists(exists, context, item->name)) return false;
-  ++list->index;
-  item->start = 0;
-  item->end = 0;
-  return true;
+  // A closed range passes over the numbers whose files are missing (they are counted); an
+  // open one ends at the first.
+  for (;;) {
+    int32_t n;
+    if (list->expected >= MediaListMaxEntries) return false;  // a vast range of missing files
+    if (!SeriesNumber(list, line, list->index + 1, &n)) return false;
+    if (!NameOf(line, n, item->name, sizeof item->name)) return false;
+    const bool there = Exists(exists, context, item->name);
+    if (!line.hasLast && !there) return false;
+    ++list->index;
+    if (list->expected < UINT32_MAX) ++list->expected;
+    if (!there) continue;
+    ++list->found;
+    item->start = 0;
+    item->end = 0;
+    return true;
+  }
+}
+
+// At the end of a series line's first pass: notes a range whose files were not all there, or
+// a series of which no file was found.
+void TallySeries(MediaList* list, ListLine* line) {
+  if (!line->series || line->tallied) return;
+  line->tallied = true;
+  const bool none = list->found == 0;
+  if (none || (line->hasLast && list->found < list->expected)) {
+    MediaListShortfall shortfall;
+    snprintf(shortfall.series, sizeof shortfall.series, "%s", line->given.c_str());
+    shortfall.found = list->found;
+    shortfall.expected = line->hasLast ? list->expected : 0;
+    list->shortfalls.push_back(shortfall);
+  }
 }
 
 bool NextInLine(MediaList* list, const ListLine& line, MediaListItem* item, SeriesExistsFn exists,
@@ -181,6 +212,7 @@ MediaList* MediaListFromLine(const char* text) {
   ListLine line;
   std::string name = text;
   SplitRange(&name, &line);
+  line.given = text;
   line.series = true;
   line.name = name;
   list->lines.push_back(std::move(line));
@@ -195,6 +227,13 @@ void MediaListRewind(MediaList* list) {
   list->index = -1;
   list->given = 0;
   list->passGave = false;
+  list->expected = list->found = 0;
+}
+
+size_t MediaListShortfallCount(const MediaList* list) { return list->shortfalls.size(); }
+
+const MediaListShortfall* MediaListShortfallAt(const MediaList* list, size_t index) {
+  return index < list->shortfalls.size() ? &list->shortfalls[index] : nullptr;
 }
 
 bool MediaListNext(MediaList* list, MediaListItem* item, SeriesExistsFn exists, void* context) {
@@ -206,7 +245,9 @@ bool MediaListNext(MediaList* list, MediaListItem* item, SeriesExistsFn exists, 
       list->passGave = true;
       return true;
     }
+    TallySeries(list, &list->lines[list->line]);
     list->index = -1;
+    list->expected = list->found = 0;
     const bool gave = list->passGave;
     list->passGave = false;
     if (++list->repeat < line.repeat && gave) continue;  // a pass that gave nothing ends it

@@ -5,8 +5,10 @@
 // /L (the line is given back that many times). A line that starts with "#" is a comment.
 // Relative names are taken from the list file's folder. A name with "?" is a series (see
 // host/series.h): "shot???.png*5-20" walks shot005.png to shot020.png; a start above the end
-// walks downwards; without an end the series runs while the files exist. On a series line
-// /S and /E pick numbers within the series (counted from its first), and /L repeats it whole.
+// walks downwards, and the numbers of a closed range whose files are missing are passed over;
+// without an end the series runs while the files exist. On a series line /S and /E pick numbers
+// within the series (counted from its first), and /L repeats it whole. The series lines that
+// came up short are noted for the caller to report.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +19,13 @@
 struct MediaListItem {
   char name[MediaNameBytes];
   int32_t start, end;  // the frame range for the entry's own open; 0 = whole file
+};
+
+// A series line whose walk came up short: `found` of the `expected` files of a closed range
+// (expected 0: an open series of which no file was there).
+struct MediaListShortfall {
+  char series[MediaNameBytes];  // the line's name as written, range included
+  uint32_t found, expected;
 };
 
 inline constexpr int32_t MediaListDefaultEnd = 0x3FFFFFFF;
@@ -35,3 +44,7 @@ void MediaListFree(MediaList* list);
 // the file system).
 bool MediaListNext(MediaList* list, MediaListItem* item, SeriesExistsFn exists, void* context);
 void MediaListRewind(MediaList* list);
+
+// The shortfalls met by the walks so far, each series line at most once, in walk order.
+size_t MediaListShortfallCount(const MediaList* list);
+const MediaListShortfall* MediaListShortfallAt(const MediaList* list, size_t index);

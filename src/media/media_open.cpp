@@ -198,8 +198,9 @@ bool FinishOpen(MediaInput* input, const MediaOpenArgs& a) {
 // ---------------------------------------------------------------------------------------------
 // Lists and series.
 
+// Names whose files hold one picture each. (A GIF may be animated: it is opened like any other.)
 bool IsStillName(const char* name) {
-  static const char* const Stills[] = {".bmp", ".tga", ".gif", ".tif", ".tiff", ".jpg", ".jpeg", ".png"};
+  static const char* const Stills[] = {".bmp", ".tga", ".tif", ".tiff", ".jpg", ".jpeg", ".png"};
   const char* extension = MediaExtension(name);
   if (!extension) return false;
   for (const char* still : Stills)
@@ -249,6 +250,21 @@ MediaOpenArgs MediaListEntryArgs(const MediaInput* list, int32_t start, int32_t 
 
 namespace {
 
+// A series that came up short is said: as a warning when some of its files were there, as an
+// error (the open fails) when none was.
+bool ReportShortSeries(const MediaInput* input) {
+  for (size_t i = 0; i < MediaListShortfallCount(input->list); ++i) {
+    const MediaListShortfall* s = MediaListShortfallAt(input->list, i);
+    if (s->found == 0) {
+      MediaSay(input->progress, MediaLevelError, "No file of the series %s was found.", s->series);
+      return false;
+    }
+    MediaSay(input->progress, MediaLevelWarning, "Only %u of the %u files of the series %s were found.",
+             s->found, s->expected, s->series);
+  }
+  return true;
+}
+
 bool EnumerateList(MediaInput* input, const MediaOpenArgs& a) {
   input->type = MediaTypeList;
   snprintf(input->type_name, sizeof input->type_name, "List");
@@ -269,6 +285,7 @@ bool EnumerateList(MediaInput* input, const MediaOpenArgs& a) {
     totals.first = false;
     MediaClose(entry);
   }
+  if (!ReportShortSeries(input)) return false;
   if (totals.first) {
     MediaSay(input->progress, MediaLevelError, "No files in the list file.");
     return false;
@@ -314,6 +331,15 @@ bool IsSeriesName(const char* name) {
 }
 
 bool OpenNamed(MediaInput* input, char* name, const MediaOpenArgs& a) {
+  if (IsFolder(name)) {
+    // A folder stands for the numbered series in it.
+    char series[MediaNameBytes];
+    if (!FindFolderSequence(series, sizeof series, name)) {
+      MediaSay(input->progress, MediaLevelError, "No numbered series of files in the folder %s", name);
+      return false;
+    }
+    snprintf(name, MediaNameBytes, "%s", series);
+  }
   if (IsSeriesName(name)) {
     input->list = MediaListFromLine(name);
     snprintf(input->file_name, sizeof input->file_name, "%s", name);

@@ -184,6 +184,29 @@ TEST(FindSequence, RealFilesInATemporaryFolder) {
   EXPECT_FALSE(FindSequence(dest, sizeof dest, &first, &last, (dir / "Other001.bmp").c_str()));
 }
 
+// A folder's series: the first name in name order that has neighbours; names without digits,
+// lone numbered files and sub-folders are passed over.
+TEST(FindFolderSequence, TheFirstSeriesInNameOrder) {
+  const test_support::ScratchDir dir;
+  ASSERT_EQ(mkdir((dir / "shots").c_str(), 0700), 0);
+  ASSERT_EQ(mkdir((dir / "shots/a1").c_str(), 0700), 0);
+  ASSERT_EQ(mkdir((dir / "shots/a2").c_str(), 0700), 0);
+  for (const char* name : {"README", "b5.txt", "shot_0007.tga", "shot_0008.tga", "shot_0009.tga", "x1.png", "x2.png"})
+    test_support::WriteText(dir / ("shots/" + std::string(name)), "");
+  char dest[1024];
+  EXPECT_TRUE(IsFolder((dir / "shots").c_str()));
+  EXPECT_FALSE(IsFolder((dir / "shots/b5.txt").c_str()));
+  for (const std::string& folder : {dir / "shots", dir / "shots/"}) {
+    ASSERT_TRUE(FindFolderSequence(dest, sizeof dest, folder.c_str())) << folder;
+    EXPECT_EQ(std::string(dest), dir / "shots/shot_????.tga*7-9");
+  }
+  ASSERT_EQ(mkdir((dir / "lone").c_str(), 0700), 0);
+  test_support::WriteText(dir / "lone/take1.png", "");
+  EXPECT_FALSE(FindFolderSequence(dest, sizeof dest, (dir / "lone").c_str()));
+  EXPECT_STREQ(dest, "");
+  EXPECT_FALSE(FindFolderSequence(dest, sizeof dest, (dir / "missing").c_str()));
+}
+
 TEST(SequencePrompt, Text) {
   char text[512];
   const size_t n = SequencePromptText(text, sizeof text, "Exam001.bmp", 1, 3);

@@ -128,14 +128,15 @@ TEST(Hostile, GiantHeadersAreRefusedBeforeAllocating) {
   EXPECT_NE(OpenError(jpeg.v), IMAGE_OK);
 }
 
-// OpenEXR headers that the library would abort on: a part type it does not expect, and a channel
-// whose sample type has no decoder. Both are refused with a reason instead.
-TEST(Hostile, ExrHeadersTheLibraryWouldAbortOnAreRefused) {
+// OpenEXR headers of parts that are not read (deep data, unknown types) are refused by the part
+// type's name; a tile type in a file of scan lines, and a channel whose sample type has no
+// decoder, are damaged files.
+TEST(Hostile, ExrHeadersOfPartsNotReadAreRefused) {
   Picture picture = Pattern(9, 7, false);
   const std::vector<uint8_t> good = Write({IMAGE_FORMAT_EXR, 1, 0, 1}, picture);
   ASSERT_GT(good.size(), 8u);
-  // The library keeps the last non-empty type it reads; an empty or good one before doesn't hide it.
-  for (const char* types : {"tiledimage", "deeptile", "mystery", ",deepscanline", "scanlineimage,tiledimage"}) {
+  // Every type given counts; an empty or good one before doesn't hide a bad one.
+  const auto withTypes = [&](const char* types, std::string* last) {
     Bytes typed;
     typed.raw({good.begin(), good.begin() + 8});
     std::string list = types, type;
@@ -146,10 +147,23 @@ TEST(Hostile, ExrHeadersTheLibraryWouldAbortOnAreRefused) {
       from = comma + 1;
     }
     typed.raw({good.begin() + 8, good.end()});
+    *last = type;
+    return typed;
+  };
+  for (const char* types : {"deeptile", "mystery", ",deepscanline", "scanlineimage,deepscanline"}) {
+    std::string type;
+    const Bytes typed = withTypes(types, &type);
     ImageError error{};
     EXPECT_EQ(ImageFileOpenMemory(typed.v.data(), typed.v.size(), "x.exr", &error), nullptr) << types;
     EXPECT_EQ(error.code, IMAGE_ERROR_UNSUPPORTED) << types << ": " << error.text;
     EXPECT_NE(std::strstr(error.text, type.c_str()), nullptr) << error.text;
+  }
+  {
+    std::string type;
+    const Bytes tiles = withTypes("tiledimage", &type);
+    ImageError error{};
+    EXPECT_EQ(ImageFileOpenMemory(tiles.v.data(), tiles.v.size(), "x.exr", &error), nullptr);
+    EXPECT_EQ(error.code, IMAGE_ERROR_CORRUPT) << error.text;
   }
   // The first channel record follows "chlist" and its size: a name, then the sample type.
   std::vector<uint8_t> bad = good;
