@@ -97,7 +97,7 @@ bool Rate(int32_t n, int32_t d) { return n != 0 && d > 0; }
 bool Scale(int32_t n, int32_t d) {
   if (d <= 0) return false;
   if (n >= 0) return n / d <= 16384;
-  return int64_t(-n) <= int64_t(d) * 64;
+  return -int64_t(n) <= int64_t(d) * 64;
 }
 bool Gamma(int32_t n, int32_t d) { return n > 0 && d > 0; }
 

@@ -247,6 +247,13 @@ int KeepError(void* context, const char* text, int level) {
   return 0;
 }
 
+// The media layer's reason when it tells more than that the file did not open.
+std::string UsefulReason(const std::string& mediaError, const char* name) {
+  if (mediaError.empty() || mediaError == std::string("Error opening: ") + name)
+    return "no reader knows this kind of file";
+  return mediaError;
+}
+
 // Writes the report without its carriage returns and without the first line break, as plain
 // lines on standard output.
 void PrintPlain(const std::string& text) {
@@ -292,7 +299,7 @@ bool OrnFileInfoRead(const char* name, std::string* out, std::string* reason) {
     if (st.st_size == 0)
       *reason = "the file is empty";
     else if (!known)
-      *reason = mediaError.empty() ? "no reader knows this kind of file" : mediaError;
+      *reason = UsefulReason(mediaError, name);
   }
   AddFileSystem(out, name);
   return known;

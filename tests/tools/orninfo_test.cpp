@@ -186,14 +186,14 @@ TEST_F(OrnFileInfo, NothingReadIsAnInputErrorWithTheReason) {
   EXPECT_FALSE(OrnFileInfoRead(empty.c_str(), &text, &reason));
   EXPECT_EQ(reason, "the file is empty");
   EXPECT_FALSE(OrnFileInfoRead(junk.c_str(), &text, &reason));
-  EXPECT_FALSE(reason.empty());
+  EXPECT_EQ(reason, "no reader knows this kind of file");
   EXPECT_TRUE(Has(text, "Size: 24"));
 
   const struct {
     std::string name, says;
   } runs[] = {{missing, "Couldn't read '" + missing + "': No such file or directory."},
               {empty, "Couldn't read '" + empty + "': the file is empty."},
-              {junk, "Couldn't read '" + junk + "': "}};
+              {junk, "Couldn't read '" + junk + "': no reader knows this kind of file."}};
   for (const auto& r : runs) {
     const ToolOutcome run = RunTail("orninfo " + r.name);
     EXPECT_EQ(run.code, 8002 & 255) << r.name;
