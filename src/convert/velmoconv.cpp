@@ -388,6 +388,7 @@ int ConvertVideo(Job& job) {
   const bool wantAlpha = (s.video.open_flags & MediaOpenAlpha) != 0;
   const bool quietAlpha = (s.video.open_flags & MediaOpenNoAlphaWarning) != 0;
   bool alpha = wantAlpha;
+  MediaSayAlphaDropped(&s.video, in->has_alpha != 0, {Message, &job});
   if (alpha && !in->has_alpha) {
     alpha = false;
     if (!quietAlpha &&
@@ -493,25 +494,44 @@ int ConvertVideo(Job& job) {
 
 void VelmoConvRegisterDialog() { ToolDialogRegister(&Dialog); }
 
+namespace {
+
+bool FormatOption(int32_t v) { return v == 0 || v == 1 || v == 420 || v == 444; }
+
+const SwitchRule Rules[] = {
+    {'N', -1, INT32_MAX, "the sound track must be 0 or more (-1 for no audio)"},
+    {'L', 0, 4, "the forced input type must be 1 to 4 (8-bit mono, 8-bit stereo, 16-bit mono, "
+                "16-bit stereo)"},
+    {'G', 1, 1000000, "the forced input rate must be 1 to 1000000 Hz"},
+    {'M', 0, INT32_MAX, "the bytes to skip must be 0 or more"},
+    {'J', 0, INT32_MAX, "the starting time must be 0 milliseconds or more"},
+    {'K', 0, INT32_MAX, "the ending time must be 0 milliseconds or more"},
+    {'P', 0, 444, "the output format option must be 0 or 1 (AVI codec), or 420 or 444 (y4m "
+                  "chroma)", FormatOption},
+};
+
+}  // namespace
+
 bool VelmoConvParseSwitches(char* line, VelmoConvSettings* s) {
   *s = VelmoConvSettings{};
+  SwitchErrors* errors = &s->errors;
   SwitchCancels(line);
-  MediaParseSwitches(line, &s->video);
-  s->track = SwitchNumber(line, 'N', 0);
+  MediaParseSwitches(line, &s->video, errors);
+  s->track = SwitchNumberIn(line, Rules, 'N', 0, errors);
   s->overwrite = SwitchFlag(line, 'O');
   // A raw input: /L type 1 to 4 in the low three bits (less one), its /G rate above them.
-  const int32_t forced = SwitchNumber(line, 'L', 0);
-  const int32_t forcedRate = SwitchNumber(line, 'G', 11025);
-  if (forced >= 1 && forced <= 4 && forcedRate > 0)
-    s->forced_input = uint32_t(forced - 1) | uint32_t(forcedRate) << 3;
-  s->skip_bytes = SwitchNumber(line, 'M', 0);
-  s->start_ms = SwitchNumber(line, 'J', 0);
-  s->end_ms = SwitchNumber(line, 'K', 0);
-  s->rate = SwitchNumber(line, 'R', 0);
-  s->bits = SwitchNumber(line, 'B', 0);
-  s->channels = SwitchNumber(line, 'C', 0);
-  s->format_option = SwitchNumber(line, 'P', 0);
+  const int32_t forced = SwitchNumberIn(line, Rules, 'L', 0, errors);
+  const int32_t forcedRate = SwitchNumberIn(line, Rules, 'G', 11025, errors);
+  if (forced >= 1) s->forced_input = uint32_t(forced - 1) | uint32_t(forcedRate) << 3;
+  s->skip_bytes = SwitchNumberIn(line, Rules, 'M', 0, errors);
+  s->start_ms = SwitchNumberIn(line, Rules, 'J', 0, errors);
+  s->end_ms = SwitchNumberIn(line, Rules, 'K', 0, errors);
+  s->rate = SwitchNumberIn(line, SoundRateRule, 0, errors);
+  s->bits = SwitchNumberIn(line, SoundBitsRule, 0, errors);
+  s->channels = SwitchNumberIn(line, SoundChannelsRule, 0, errors);
+  s->format_option = SwitchNumberIn(line, Rules, 'P', 0, errors);
   s->sound_only = SwitchFlag(line, 'V');
+  if (errors->Failed()) return false;
   if (SwitchesLeft(line)) return false;
   TakeName(s->input, sizeof s->input, line);
   TakeName(s->output, sizeof s->output, line);
@@ -540,7 +560,12 @@ int VelmoConvMain(char* commandTail, ToolDialog* dialog) {
   Job& job = *made;
   job.startMs = job.lastElapsedMs = TimerMs();
   VelmoConvSettings& s = job.settings;
-  if (!VelmoConvParseSwitches(commandTail, &s)) return Help();
+  if (!VelmoConvParseSwitches(commandTail, &s)) {
+    // A value that a switch does not take is named alone; anything else shows the help.
+    if (!s.errors.Failed()) return Help();
+    ToolFrameError(s.errors.text);
+    return ToolExitBadSwitches;
+  }
   VelmoConvCompleteOutput(&s);
   int code;
   if (s.sound_only) {

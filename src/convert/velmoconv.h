@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/switches.h"
 #include "host/toolframe.h"
 #include "media/media.h"
 
@@ -21,6 +22,7 @@ struct VelmoConvSettings {
   int32_t format_option;  // /P: AVI codec (0 raw, 1 Motion-JPEG) or y4m chroma (420, 444)
   char input[1024];
   char output[1024];
+  SwitchErrors errors;    // the value of a switch that was refused, by name
 };
 
 // Parses a command tail (changed in place). False when the help is due: no input, no output,

@@ -1,5 +1,6 @@
 #include "host/switches.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "host/textformat.h"
@@ -13,8 +14,13 @@ bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 bool SameLetter(char a, char b) { return Upper(a) == Upper(b); }
 
-// A word that starts with "/" and holds a second "/" outside quotes is a path.
+// A word that starts with "/" and holds a second "/" outside quotes is a path, unless its
+// letter is one of the switches that take a file name or a text ("/@", "/&", "/*", "/+"):
+// their text may be a path of its own.
+bool TakesPath(char letter) { return letter && strchr("@&*+", letter) != nullptr; }
+
 bool IsPathWord(const char* word) {
+  if (TakesPath(word[1])) return false;
   bool quoted = false;
   for (size_t i = 1; word[i] && (quoted || !IsBlank(word[i])); ++i) {
     if (word[i] == '"') quoted = !quoted;
@@ -259,8 +265,10 @@ bool SwitchText(char* line, char letter, char* dest, size_t destSize, const char
     to = close ? static_cast<size_t>(close - line) : strlen(line);
     end = close ? to + 1 : to;
   } else {
+    // A file name or text may hold "/" (see IsPathWord); other texts end at one.
+    const bool pathText = TakesPath(letter);
     to = textStart;
-    while (!IsBlank(line[to]) && line[to] != '/') ++to;
+    while (!IsBlank(line[to]) && (pathText || line[to] != '/')) ++to;
     end = to;
   }
   CopyOut(dest, destSize, line + from, to - from);
@@ -321,6 +329,50 @@ void SwitchCancels(char* line) {
 bool SwitchesLeft(const char* line) {
   SwitchScan scan(line);
   return scan.Next() != NotFound;
+}
+
+void SwitchRefuse(SwitchErrors* errors, const char* written, const char* allowed) {
+  if (!errors || errors->Failed()) return;
+  snprintf(errors->text, sizeof errors->text, "/%s: %s.", written, allowed);
+}
+
+int32_t SwitchNumberIn(char* line, const SwitchRule& rule, int32_t defaultValue,
+                       SwitchErrors* errors) {
+  // Read in 64 bits, so that a number beyond 32 bits is out of range rather than wrapped.
+  uint64_t bits = 0;
+  size_t used = 0;
+  const size_t at = FindNumber(line, rule.letter, true, &bits, &used);
+  if (at == NotFound) return defaultValue;
+  char written[64];
+  CopyOut(written, sizeof written, line + at + 1, 1 + used);
+  Cut(line, at, 2 + used);
+  const int64_t value = static_cast<int64_t>(bits);
+  if (rule.clamp) return static_cast<int32_t>(value < rule.low ? rule.low : value > rule.high ? rule.high : value);
+  if (value < rule.low || value > rule.high || (rule.accepts && !rule.accepts(static_cast<int32_t>(value)))) {
+    SwitchRefuse(errors, written, rule.allowed);
+    return defaultValue;
+  }
+  return static_cast<int32_t>(value);
+}
+
+const SwitchRule* SwitchRuleFor(const SwitchRule* table, size_t count, char letter) {
+  for (size_t i = 0; i < count; ++i)
+    if (SameLetter(table[i].letter, letter)) return &table[i];
+  return nullptr;
+}
+
+bool SwitchFractionIn(char* line, const SwitchFractionRule& rule, int32_t* numerator,
+                      int32_t* denominator, int32_t defaultNumerator, int32_t defaultDenominator,
+                      SwitchErrors* errors) {
+  const size_t at = FindWithText(line, rule.letter);
+  char written[64] = "";
+  if (at != NotFound) CopyOut(written, sizeof written, line + at + 1, WordEnd(line, at) - at - 1);
+  if (!SwitchFraction(line, rule.letter, numerator, denominator, defaultNumerator, defaultDenominator))
+    return false;
+  if (rule.accepts(*numerator, *denominator)) return true;
+  SwitchRefuse(errors, written, rule.allowed);
+  *numerator = defaultNumerator, *denominator = defaultDenominator;
+  return false;
 }
 
 void TakeWord(char* dest, size_t destSize, char* line) { TakeFirst(dest, destSize, line, false); }

@@ -3,7 +3,8 @@
 //
 // On POSIX a switch is a "/" that starts a word (line start, or after a blank, outside double
 // quotes) followed by one letter; a word that starts with "/" and holds a second "/" is a
-// path, not a switch. Letters compare without regard to case; callers pass them upper case.
+// path, not a switch, unless the letter is one of "@&*+", whose text may be a path: their
+// text runs to the next blank, slashes and all. Letters compare without regard to case; callers pass them upper case.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +32,60 @@ bool SwitchFraction(char* line, char letter, int32_t* numerator, int32_t* denomi
 void SwitchCancels(char* line);
 // True while the line still holds a switch: one that no question took.
 bool SwitchesLeft(const char* line);
+
+// ---- Checked values ----
+// Each tool keeps one table of the values its number switches take and reads them through it,
+// so that every out-of-range value is either held to the range (where the tool's rule is a
+// clamp) or refused with a message that names the switch as written and what it takes:
+// "/B7: the output bits must be 8 or 16."
+
+// The values one number switch takes: `low` to `high`, and of those only what `accepts` takes
+// when it is given. With `clamp`, a value outside the range is held to it instead of refused
+// (`accepts` is then not asked).
+struct SwitchRule {
+  char letter;
+  int32_t low, high;
+  const char* allowed;  // the message's words behind "/X#: "
+  bool (*accepts)(int32_t value) = nullptr;
+  bool clamp = false;
+};
+
+// The same for a "#.#" rate switch: `accepts` judges the reduced fraction.
+struct SwitchFractionRule {
+  char letter;
+  bool (*accepts)(int32_t numerator, int32_t denominator);
+  const char* allowed;
+};
+
+// The first refusal met while a switch line is read. Later refusals are dropped: one message
+// names one switch.
+struct SwitchErrors {
+  char text[256] = "";
+  bool Failed() const { return text[0] != 0; }
+};
+
+// Notes a refusal of the switch `written` as it stood on the line, without its "/" ("M11"),
+// unless an earlier one was noted. `errors` may be null.
+void SwitchRefuse(SwitchErrors* errors, const char* written, const char* allowed);
+// SwitchNumber under `rule`. A refused value is removed from the line like any other, noted
+// in `errors`, and gives `defaultValue`; the default itself is not checked.
+int32_t SwitchNumberIn(char* line, const SwitchRule& rule, int32_t defaultValue,
+                       SwitchErrors* errors);
+// The rule of `letter` in a table of `count` rules; null when the table has none.
+const SwitchRule* SwitchRuleFor(const SwitchRule* table, size_t count, char letter);
+// SwitchNumberIn with the rule that `table` holds for `letter` (plain SwitchNumber without).
+template <size_t N>
+int32_t SwitchNumberIn(char* line, const SwitchRule (&table)[N], char letter,
+                       int32_t defaultValue, SwitchErrors* errors) {
+  const SwitchRule* rule = SwitchRuleFor(table, N, letter);
+  return rule ? SwitchNumberIn(line, *rule, defaultValue, errors)
+              : SwitchNumber(line, letter, defaultValue);
+}
+// SwitchFraction under `rule`: a refused rate is noted and gives the defaults. Returns true
+// when the switch was given and taken.
+bool SwitchFractionIn(char* line, const SwitchFractionRule& rule, int32_t* numerator,
+                      int32_t* denominator, int32_t defaultNumerator, int32_t defaultDenominator,
+                      SwitchErrors* errors);
 
 // Takes the first blank-separated word off `line` into dest (a comma straight behind the
 // word's blanks is taken off too, but not copied). Both are trimmed. dest must not overlap line.

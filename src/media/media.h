@@ -80,6 +80,7 @@ enum MediaOpenFlag : uint32_t {
 inline constexpr uint32_t MediaMaxSide = 16384;
 inline constexpr size_t MediaNameBytes = 1024;
 
+struct SwitchErrors;
 struct MediaInput;
 struct MediaList;
 
@@ -266,7 +267,15 @@ struct MediaSwitches {
   uint32_t halftone;               // /T
   char palette_file[MediaNameBytes];  // /&
 };
-void MediaParseSwitches(char* line, MediaSwitches* out);
+// A value that the switch does not take is noted in `errors` (when given; see
+// host/switches.h) and leaves the switch's default.
+void MediaParseSwitches(char* line, MediaSwitches* out, SwitchErrors* errors = nullptr);
+// An input with an alpha channel loses it unless /Z asks for alpha: says so once, as a
+// warning through `progress`, unless /Z asked for no alpha warnings.
+void MediaSayAlphaDropped(const MediaSwitches* switches, bool inputHasAlpha, ProgressSink progress);
+inline constexpr char MediaTextAlphaDropped[] =
+    "The input file has an alpha channel, but no alpha was asked for, so it is dropped (add "
+    "1000 to /Z to keep it).";
 // The open arguments that the switches give (progress and title left null).
 MediaOpenArgs MediaArgsFromSwitches(const MediaSwitches* switches);
 

@@ -179,11 +179,25 @@ void WorkOutRates(MediaInput* input, const MediaOpenArgs& a) {
   input->output_frames = frames == 0 ? 1 : frames > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<uint32_t>(frames);
 }
 
+// A start beyond the input's frames is held to them; the user hears so once, at the open.
+void SayStartHeld(const MediaInput* input, int32_t start) {
+  const int64_t frames = input->total_frames;
+  if (start > frames)
+    MediaSay(input->progress, MediaLevelWarning,
+             "/S%d: the input has only %lld frame%s, so it starts at its last frame.", start,
+             (long long)frames, frames == 1 ? "" : "s");
+  else if (start < -frames)
+    MediaSay(input->progress, MediaLevelWarning,
+             "/S%d: the input has only %lld frame%s, so it starts at its first frame.", start,
+             (long long)frames, frames == 1 ? "" : "s");
+}
+
 bool FinishOpen(MediaInput* input, const MediaOpenArgs& a) {
   if (!input->has_alpha) input->premultiply = input->unpremultiply = 0;
   if (input->total_bytes == 0 && input->type != MediaTypeList)
     input->total_bytes = MediaFileSize(input->file_name);
   WorkOutRange(input, a.start, a.end);
+  SayStartHeld(input, a.start);
   WorkOutScale(input, a.scale_w, a.scale_h);
   WorkOutCrop(input, a.crop_w, a.crop_h);
   const bool scaling = input->scaled_width != input->source_width ||

@@ -7,6 +7,9 @@
 
 #include "host/progress.h"
 
+struct SwitchErrors;
+struct SwitchRule;
+
 struct SoundSource;  // the open reader behind a SoundInput (file, list entry, track)
 
 enum SoundKind : uint32_t {
@@ -78,5 +81,8 @@ struct SoundSwitches {
   uint32_t track;
   uint32_t force, skip;
 };
-// Returns false with a syntax error; `line` keeps what it did not consume.
-bool SoundParseSwitches(char* line, SoundSwitches* out);
+// Returns false with a syntax error, which `errors` (when given; see host/switches.h) names;
+// `line` keeps what it did not consume.
+bool SoundParseSwitches(char* line, SoundSwitches* out, SwitchErrors* errors = nullptr);
+// The rules of /R, /B and /C, for the tools that read them on their own.
+extern const SwitchRule SoundRateRule, SoundBitsRule, SoundChannelsRule;

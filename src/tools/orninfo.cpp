@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -167,14 +168,15 @@ void AddStreamFrameSizes(std::string* out, const char* name, uint32_t type) {
 }
 
 // Line 12: the sound of the file as the sound input layer reads it, in the source's format.
-void AddSound(std::string* out, const char* name) {
+bool AddSound(std::string* out, const char* name) {
   SoundInput* sound = SoundOpen(name, 0, 0, 0, 0, 0, 0, 0, 0, {});
-  if (!sound) return;
+  if (!sound) return false;
   const bool isFloat = sound->source_float != 0;
   Add(out, "%sSound info (%s file):", Line, sound->type_name ? sound->type_name : "sound");
   Add(out, "\r\n      %u Hz, %u bit%s, %d channel sound data.", sound->source_rate,
       sound->source_bits, isFloat ? "(float)" : "", int(sound->source_channels));
   SoundClose(sound);
+  return true;
 }
 
 // Line 13: size or directory, time of the last change, attributes.
@@ -236,30 +238,81 @@ OrnFrameSizeSummary OrnSummariseFrameSizes(const uint32_t* sizes, uint32_t count
   return summary;
 }
 
-std::string OrnFileInfoText(const char* name) {
-  std::string out;
+namespace {
+
+// The media layer's reason for refusing the file, kept for the tool's error.
+int KeepError(void* context, const char* text, int level) {
+  if (level == MediaLevelError && text && text[0])
+    *static_cast<std::string*>(context) = text[0] == '@' ? text + 1 : text;
+  return 0;
+}
+
+// The media layer's reason when it tells more than that the file did not open.
+std::string UsefulReason(const std::string& mediaError, const char* name) {
+  if (mediaError.empty() || mediaError == std::string("Error opening: ") + name)
+    return "no reader knows this kind of file";
+  return mediaError;
+}
+
+// Writes the report without its carriage returns and without the first line break, as plain
+// lines on standard output.
+void PrintPlain(const std::string& text) {
+  std::string plain;
+  for (char c : text)
+    if (c != '\r') plain += c;
+  if (!plain.empty()) {
+    std::fputs(plain.c_str() + 1, stdout);
+    std::fputs("\n", stdout);
+  }
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+bool OrnFileInfoRead(const char* name, std::string* out, std::string* reason) {
+  out->clear();
+  reason->clear();
   struct stat st;
-  const bool regular = stat(name, &st) == 0 && S_ISREG(st.st_mode);
-  if (regular) {
+  if (stat(name, &st) != 0) {
+    *reason = std::strerror(errno);
+    return false;
+  }
+  bool known = !S_ISREG(st.st_mode);  // a directory (or device) is told by its file system lines
+  if (S_ISREG(st.st_mode)) {
+    std::string mediaError;
     MediaOpenArgs args{};
     args.flags = MediaOpenAlpha | MediaOpenNoAlphaWarning;
     args.title = "Reading";
+    args.progress = {KeepError, &mediaError};
     MediaInput* input = MediaOpenWith(name, &args);
     if (input) {
+      known = true;
       const uint32_t type = input->type;
-      if (type != MediaTypeSoundOnly) AddVideo(&out, input, uint64_t(st.st_size));
+      if (type != MediaTypeSoundOnly) AddVideo(out, input, uint64_t(st.st_size));
       MediaClose(input);
       if (type == MediaTypeVelmo)
-        AddVelmo(&out, name);
+        AddVelmo(out, name);
       else
-        AddStreamFrameSizes(&out, name, type);
+        AddStreamFrameSizes(out, name, type);
     }
-    AddSound(&out, name);
+    if (AddSound(out, name)) known = true;
+    if (st.st_size == 0)
+      *reason = "the file is empty";
+    else if (!known)
+      *reason = UsefulReason(mediaError, name);
   }
-  AddFileSystem(&out, name);
+  AddFileSystem(out, name);
+  return known;
+}
+
+std::string OrnFileInfoText(const char* name) {
+  std::string out, reason;
+  OrnFileInfoRead(name, &out, &reason);
   return out;
 }
 
+// On the console front end the report goes to standard output once, under its caption on
+// standard error; a box would print it a second time. Other front ends show the box.
 int OrnFileInfoMain(void* instance, void*, char* commandTail, int) {
   const intptr_t parent = SwitchNumber(commandTail, '#', 0);
   const bool closeFlag = SwitchFlag(commandTail, '#');
@@ -270,17 +323,22 @@ int OrnFileInfoMain(void* instance, void*, char* commandTail, int) {
     QuietFrameBox("Syntax:  ORNInfo <File>", "ORN File Info...", ToolIconStop);
     return 8002;
   }
-  const std::string text = OrnFileInfoText(name);
-  if (ConsoleInUse()) {
-    std::string plain;
-    for (char c : text)
-      if (c != '\r') plain += c;
-    std::fputs(plain.c_str() + (plain.empty() ? 0 : 1), stdout);  // no leading blank line
-    std::fputs("\n", stdout);
-    std::fflush(stdout);
-  }
+  std::string text, reason;
+  const bool read = OrnFileInfoRead(name, &text, &reason);
   char caption[1200];
   std::snprintf(caption, sizeof caption, "Information on %s", name);
-  QuietFrameBox(text.c_str(), caption, ToolIconInformation);
-  return 0;
+  if (!text.empty()) {
+    if (ConsoleInUse()) {
+      std::fprintf(stderr, "%s\n", caption);
+      std::fflush(stderr);
+      PrintPlain(text);
+    } else {
+      QuietFrameBox(text.c_str(), caption, ToolIconInformation);
+    }
+  }
+  if (read) return 0;
+  std::string error = std::string("Couldn't read '") + name + "': " + reason;
+  if (error.back() != '.') error += '.';
+  QuietFrameBox(error.c_str(), "ORN File Info...", ToolIconStop);
+  return 8002;
 }

@@ -7,9 +7,14 @@
 // has no use for are left out. A directory or a file no reader knows gives only the file
 // system lines.
 std::string OrnFileInfoText(const char* name);
+// The report as above, and whether anything could be read: false when the name is missing
+// (or cannot be looked at), the file is empty, or no reader knows it, with `reason` saying
+// which. A directory counts as read.
+bool OrnFileInfoRead(const char* name, std::string* report, std::string* reason);
 // The tool's main routine (the entry hands it the tail): takes "/#" itself, shows the report
-// in a box titled "Information on %s", and writes it as plain lines on standard output when
-// the console front end is in use. Returns 0, or 8002 when no file was named.
+// in a box titled "Information on %s", or on the console front end writes it once as plain
+// lines on standard output under that caption on standard error. Returns 0, or 8002 when no
+// file was named or nothing could be read (a box names the file and the reason).
 int OrnFileInfoMain(void* instance, void* previousInstance, char* commandTail, int showState);
 
 // The frame-size lines of inputs other than Velmo files: the largest frame, and the most bytes

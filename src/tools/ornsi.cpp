@@ -180,9 +180,14 @@ std::string OrnSystemInfoText() {
 int OrnSystemInfoMain(void* instance, void* previousInstance, char* commandTail, int showState) {
   QuietFrameInit(instance, 0, 0);
   const std::string text = OrnSystemInfoText();
+  // On the console front end the text goes to standard output once, under its caption on
+  // standard error; a box would print it a second time. Other front ends show the box.
   if (ConsoleInUse()) {
+    std::fprintf(stderr, "%s\n", Caption);
+    std::fflush(stderr);
     std::fputs(text.c_str(), stdout);
     std::fflush(stdout);
+    return 0;
   }
   QuietFrameBox(text.c_str(), Caption, ToolIconInformation);
   return 0;

@@ -16,6 +16,7 @@
 #include "convert/output.h"
 #include "host/platform.h"
 #include "format/container.h"
+#include "support/picture.h"
 
 namespace {
 
@@ -128,6 +129,66 @@ TEST(VelmocSwitches, LinesAcceptedOrRefused) {
   VelmocSettings abs;
   EXPECT_TRUE(Parse("/tmp/in.y4m /tmp/out.vlm", &abs));  // paths are not switches
   EXPECT_STREQ(abs.Output, "/tmp/out.vlm");
+}
+
+// A value that a switch does not take is named with what the switch takes; the compressor's
+// holding rules (/P to 2..64, /$ to 80..10000) hold without a word.
+TEST(VelmocSwitches, RefusedValuesAreNamed) {
+  const struct {
+    const char* Line;
+    const char* Message;
+  } refused[] = {
+      {"a b /d-1", "/d-1: the data rate must be 1 to 200 (percent of the input) or 1000 and up"},
+      {"a b /D500", "/D500: the data rate must be"},
+      {"a b /M11", "/M11: the peak rate must be 1.0 to 10.0"},
+      {"a b /m0.5", "/m0.5: the peak rate must be"},
+      {"a b /d100000 /m50000", "/M50000: a peak rate in bytes per second must be at least"},
+      {"a b /L200", "/L200: the sound level must be -1 (no sound) to 199."},
+      {"a b /K-3", "/K-3: the key frame interval must be 0 frames or more."},
+      {"a b /T-1", "/T-1: the track ID must be 0 or more."},
+      {"a b /N-5", "/N-5: the key frame rate must be 0 bytes per second or more."},
+      {"a b /B7", "/B7: the output bits must be 8 or 16."},
+      {"a b /C3", "/C3: the output channels must be 1 or 2."},
+      {"a b /R-1", "/R-1: the sound rate must be"},
+      {"a b /V250", "/V250: the version must be"},
+      {"a b /V99", "/V99: the version must be"},
+      {"a b /V100+10240", "/V100+10240: the version must be"},  // five slices
+      {"a b /F0", "/F0: the frame rate must be above 0"},
+      {"a b /W100000", "/W100000: the crop width must be 0 (the whole width) to 16384."},
+      {"a b /{200", "/{200: the contrast increase must be 0 to 128."},
+  };
+  for (const auto& r : refused) {
+    VelmocSettings s;
+    EXPECT_FALSE(Parse(r.Line, &s)) << r.Line;
+    EXPECT_EQ(std::string(s.Errors.text).rfind(r.Message, 0), 0u) << r.Line << ": " << s.Errors.text;
+  }
+  const struct {
+    const char* Line;
+    uint32_t Preview, Nits;
+  } held[] = {{"a b /p1000 /$20000", 64, 10000}, {"a b /p1 /$5", 2, 80}, {"a b /p-4 /$-1", 2, 80}};
+  for (const auto& h : held) {
+    VelmocSettings s;
+    ASSERT_TRUE(Parse(h.Line, &s)) << h.Line << ": " << s.Errors.text;
+    EXPECT_EQ(s.PreviewFrames, h.Preview) << h.Line;
+    EXPECT_EQ(s.Nits, h.Nits) << h.Line;
+  }
+  VelmocSettings ok;
+  EXPECT_TRUE(Parse("a b /v101+2048+16384+65536 /b116 /c2 /r22050 /l-1 /m10 /d200", &ok))
+      << ok.Errors.text;
+  EXPECT_FALSE(ok.Errors.Failed());
+}
+
+// The compressor's contrast increase is 8 unless /{ gives one, 0 included.
+TEST(VelmocSwitches, ContrastDefaultIsEight) {
+  const struct {
+    const char* Line;
+    uint32_t Contrast;
+  } cases[] = {{"a b", 8}, {"a b /{0", 0}, {"a b /{20", 20}, {"a b /{8", 8}};
+  for (const auto& c : cases) {
+    VelmocSettings s;
+    ASSERT_TRUE(Parse(c.Line, &s)) << c.Line;
+    EXPECT_EQ(s.Media.contrast, c.Contrast) << c.Line;
+  }
 }
 
 TEST(VelmocSwitches, VersionArithmeticAndFlagWord) {
@@ -698,6 +759,12 @@ TEST(VelmocRun, ProgressTickTexts) {
 TEST(VelmocRun, ExitCodes) {
   const ScratchDir dir;
   const std::string out = dir / "x.vlm";
+  // A refused value is named alone, without the whole syntax.
+  const ToolOutcome bits = RunVelmoc("clip " + out + " /v101 /B7");
+  EXPECT_EQ(bits.code, ToolExitBadSwitches);
+  EXPECT_EQ(bits.Times("/B7: the output bits must be 8 or 16."), 1u) << bits.output;
+  EXPECT_FALSE(bits.Says("Syntax:")) << bits.output;
+  EXPECT_TRUE(RunVelmoc("clip " + out + " /v101 /q").Says("Syntax:"));  // an unknown switch
   EXPECT_EQ(RunTool("clip " + out + " /d300"), ToolExitBadSwitches);
   EXPECT_EQ(RunTool("clip"), ToolExitBadSwitches);
   EXPECT_EQ(RunTool("missing " + out + " /v100"), ToolExitInputError);
@@ -728,7 +795,7 @@ bool WriteInput(const std::string& name, int frames, uint32_t w, uint32_t h, uin
   if (!out) return false;
   bool ok = true;
   for (int t = 0; t < frames; ++t) {
-    const std::vector<uint32_t> pic = Picture(w, h, uint32_t(t));
+    const std::vector<uint32_t> pic = compress_test::Picture(w, h, uint32_t(t));
     ok = OutputWriteFrame(out, pic.data(), nullptr) != 0 && ok;
   }
   if (first) *first = out->first_name;
@@ -802,6 +869,78 @@ TEST(VelmocMedia, CompressesAPngSeries) {
   ASSERT_EQ(RunMedia(first + " " + out + " /v101 /o /s2 /e5 /f30 /a15 /x2 /y2 /w40 /h24"),
             ToolExitDone);
   ExpectShape(out, 2, 40, 24, 15);
+}
+
+// A picture compressed with the default contrast matches one with /{8 byte for byte, and
+// differs from one with /{0 (no contrast stage).
+TEST(VelmocMedia, DefaultContrastIsApplied) {
+  const ScratchDir dir;
+  const std::string png = dir / "in.png";
+  ASSERT_TRUE(WriteImage(png, IMAGE_FORMAT_PNG, 48, 32, compress_test::Picture(48, 32, 3)));
+  const char* const runs[][2] = {{"plain.vlm", ""}, {"eight.vlm", " /{8"}, {"none.vlm", " /{0"}};
+  for (const auto& r : runs)
+    ASSERT_EQ(RunMedia(png + " " + dir / r[0] + " /v101 /d60000" + r[1]), ToolExitDone) << r[1];
+  const std::vector<uint8_t> plain = ReadFile(dir / "plain.vlm");
+  EXPECT_EQ(plain, ReadFile(dir / "eight.vlm"));
+  EXPECT_NE(plain, ReadFile(dir / "none.vlm"));
+}
+
+// An OpenEXR picture of linear floats, compressed and decoded, keeps its colours: its channels
+// as bytes (v x 255 + 0.5), for the full-range first generation through the writer's float
+// conversion and for the old-range one through 8-bit pixels.
+TEST(VelmocMedia, FloatInputKeepsItsColours) {
+  const ScratchDir dir;
+  const int w = 32, h = 32;
+  std::vector<float> floats(size_t(w) * h * 4);
+  std::vector<uint32_t> expected(size_t(w) * h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const bool left = x < w / 2;  // two flat halves of different colours
+      const float rgb[3] = {left ? 0.75f : 0.1f, left ? 0.5f : 0.9f, left ? 0.25f : 0.6f};
+      float* p = &floats[(size_t(y) * w + x) * 4];
+      for (int c = 0; c < 3; ++c) p[c] = rgb[c];
+      p[3] = 1.0f;
+      expected[size_t(y) * w + x] = left ? 0xFFBF8040u : 0xFF1AE699u;
+    }
+  ImagePixels pixels = {floats.data(), ptrdiff_t(w) * 16, w, h, IMAGE_PIXELS_FLOAT};
+  ImageWriteParams params = {IMAGE_FORMAT_EXR, 0, 0, 0};
+  ASSERT_TRUE(ImageWriteFile((dir / "in.exr").c_str(), &params, &pixels, nullptr));
+  ASSERT_TRUE(WriteImage(dir / "want.png", IMAGE_FORMAT_PNG, w, h, expected));
+  for (const char* version : {" /v101", " /v100"}) {
+    const std::string out = dir / "out.vlm";
+    ASSERT_EQ(RunMedia(dir / "in.exr " + out + " /o /{0 /d200000" + version), ToolExitDone)
+        << version;
+    uint32_t frames = 0;
+    EXPECT_GT(PsnrAgainst(out, dir / "want.png", &frames), 35.0) << version;
+    EXPECT_EQ(frames, 1u);
+  }
+}
+
+// An input whose alpha the switches do not ask for says so once; with alpha asked, not at all.
+TEST(VelmocMedia, DroppedAlphaIsToldOnce) {
+  const ScratchDir dir;
+  std::vector<uint32_t> pic = compress_test::Picture(16, 16, 1);
+  for (uint32_t& p : pic) p = (p & 0xFFFFFF) | 0x80000000u;
+  ASSERT_TRUE(WriteImage(dir / "a.png", IMAGE_FORMAT_PNG, 16, 16, pic, true));
+  const ToolOutcome dropped = RunVelmoc(dir / "a.png " + dir / "a.vlm /v101", nullptr);
+  EXPECT_EQ(dropped.code, ToolExitDone);
+  EXPECT_EQ(dropped.Times(MediaTextAlphaDropped), 1u) << dropped.output;
+  const ToolOutcome kept = RunVelmoc(dir / "a.png " + dir / "b.vlm /v101 /z1000", nullptr);
+  EXPECT_EQ(kept.code, ToolExitDone);
+  EXPECT_FALSE(kept.Says(MediaTextAlphaDropped)) << kept.output;
+}
+
+// A hint file named by a path is read, and a missing one ends the run with its name.
+TEST(VelmocMedia, HintFileByPath) {
+  const ScratchDir dir;
+  const std::string png = dir / "in.png", out = dir / "out.vlm";
+  ASSERT_TRUE(WriteImage(png, IMAGE_FORMAT_PNG, 16, 16, compress_test::Picture(16, 16, 1)));
+  const ToolOutcome missing = RunVelmoc(png + " " + out + " /v101 /@" + dir / "none.txt", nullptr);
+  EXPECT_EQ(missing.code, ToolExitInputError);
+  EXPECT_TRUE(missing.Says("Couldn't read the hint file '" + dir / "none.txt" + "'.")) << missing.output;
+  EXPECT_FALSE(Exists(out));
+  WriteText(dir / "hints.txt", "1 -1 * * * * * * 40\n");
+  EXPECT_EQ(RunMedia(png + " " + out + " /v101 /@" + dir / "hints.txt"), ToolExitDone);
 }
 
 TEST(VelmocMedia, UnreadableInputEndsWithInputError) {

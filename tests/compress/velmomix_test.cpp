@@ -585,6 +585,27 @@ TEST(VelmoMixSwitches, SyntaxErrors) {
   }
 }
 
+// A refused value names its switch and what it takes.
+TEST(VelmoMixSwitches, RefusedValuesAreNamed) {
+  const struct {
+    const char* Line;
+    const char* Message;
+  } lines[] = {{"a b c /l200", "/l200: the sound level must be -1 (no sound) to 199."},
+               {"a b c /f0", "/f0: the frame rate must be above 0."},
+               {"a b c /C3", "/C3: the output channels must be 1 or 2."},
+               {"a b c /B7", "/B7: the output bits must be 8 or 16."},
+               {"a b c /y1 /d0", "/d0: the raw input rate must be 1 to 1000000 Hz."},
+               {"a b c /i-1", "/i-1: the sound track to read must be 0 or more."},
+               {"a b c /s-10", "/s-10: the start must be 0 milliseconds or more."}};
+  for (const auto& l : lines) {
+    VelmoMixSettings s;
+    EXPECT_FALSE(ParseLine(l.Line, &s)) << l.Line;
+    EXPECT_STREQ(s.Errors.text, l.Message) << l.Line;
+  }
+  VelmoMixSettings ok;
+  EXPECT_TRUE(ParseLine("a b c /l-1 /c1 /b8 /y2 /d22050", &ok)) << ok.Errors.text;
+}
+
 TEST(VelmoMixSwitches, ExtensionsFromTheInputsMagic) {
   const ScratchDir dir;
   WriteFile(dir / "one.vlm", BuildInput({100, 0, nullptr, 2, 1, {}}));
@@ -702,6 +723,44 @@ TEST(VelmoMixTool, LoopBitsAndRate) {
   EXPECT_EQ(e.Info.Header.FrameRateDiv, 1u);
   ASSERT_EQ(e.Tracks.size(), 1u);
   EXPECT_FALSE(e.Tracks[0].Format & VelmoTrack16Bit);
+}
+
+ToolOutcome RunMixer(const std::string& tail) {
+  VelmoMixRegisterDialog();
+  return RunToolHere(VelmoMixMain, VelmoMixCommand, "velmomix", tail);
+}
+
+// A sound longer than the time it has in the video (2 seconds, less a lead of silence) is cut
+// with one warning that says how much was left out; a shorter one is not. A refused value is
+// named alone, and a start beyond the sound's end is refused with the sound's name.
+TEST(VelmoMixTool, SaysWhenItCutsTheSound) {
+  const ScratchDir dir;
+  const std::string in = dir / "in.vlm", out = dir / "out.vlm";
+  WriteFile(in, BuildInput({100, 0, nullptr, 60, 5, {}}));
+  WriteWave(dir / "long.wav", 22050, 1, 3.0);
+  WriteWave(dir / "short.wav", 22050, 1, 1.0);
+  const std::string cut = "The sound is longer than the video, so it was cut at the video's end";
+  const ToolOutcome longer = RunMixer(in + " " + dir / "long.wav " + out);
+  EXPECT_EQ(longer.code, ToolExitDone);
+  EXPECT_EQ(longer.Times(cut), 1u) << longer.output;
+  EXPECT_TRUE(longer.Says("(1 second of sound left out)")) << longer.output;
+  const ToolOutcome lead = RunMixer(in + " " + dir / "short.wav " + out + " /o /n-1500");
+  EXPECT_EQ(lead.code, ToolExitDone);
+  EXPECT_TRUE(lead.Says("(500 milliseconds of sound left out)")) << lead.output;
+  const ToolOutcome shorter = RunMixer(in + " " + dir / "short.wav " + out + " /o");
+  EXPECT_EQ(shorter.code, ToolExitDone);
+  EXPECT_FALSE(shorter.Says(cut)) << shorter.output;
+  const ToolOutcome looped = RunMixer(in + " " + dir / "short.wav " + out + " /o /p");
+  EXPECT_FALSE(looped.Says(cut)) << looped.output;
+
+  const ToolOutcome channels = RunMixer(in + " " + dir / "short.wav " + out + " /o /c3");
+  EXPECT_EQ(channels.code, ToolExitBadSwitches);
+  EXPECT_EQ(channels.Times("/c3: the output channels must be 1 or 2."), 1u) << channels.output;
+  EXPECT_FALSE(channels.Says("Syntax:"));
+  const ToolOutcome late = RunMixer(in + " " + dir / "short.wav " + out + " /o /s5000");
+  EXPECT_EQ(late.code, ToolExitBadSwitches);
+  EXPECT_TRUE(late.Says("/S5000: the start is past the end of the sound '" + dir / "short.wav" +
+                        "'.")) << late.output;
 }
 
 }  // namespace

@@ -53,7 +53,6 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
       {"clip.wav out", "out.wav", true, 0},
       {"in.pcm out.wav /L3 /G8000 /M44", "out.wav", true, 2u | 8000u << 3},
       {"in.pcm out.wav /L1", "out.wav", true, 0u | 11025u << 3},
-      {"in.pcm out.wav /L5 /G8000", "out.wav", true, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
@@ -65,6 +64,52 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
     EXPECT_EQ(s.sound_only, c.sound_only);
     EXPECT_EQ(s.forced_input, c.forced);
   }
+}
+
+// A value that a switch does not take is refused by name: the converter's own switches, the
+// sound format and the video switches alike.
+TEST(VelmoConvSwitches, RefusedValuesAreNamed) {
+  const struct {
+    const char* line;
+    const char* message;
+  } cases[] = {
+      {"in.pcm out.wav /L5 /G8000", "/L5: the forced input type must be 1 to 4"},
+      {"in.pcm out.wav /L1 /G0", "/G0: the forced input rate must be 1 to 1000000 Hz."},
+      {"in.png out.avi /N-2", "/N-2: the sound track must be 0 or more (-1 for no audio)."},
+      {"in.png out.avi /B7", "/B7: the output bits must be 8 or 16."},
+      {"in.png out.avi /C3", "/C3: the output channels must be 1 or 2."},
+      {"in.png out.avi /P2", "/P2: the output format option must be 0 or 1 (AVI codec), or 420"},
+      {"in.png out.avi /J-1", "/J-1: the starting time must be 0 milliseconds or more."},
+      {"in.png out.avi /D3", "/D3: the system colours control must be 0, 1 or 2."},
+      {"in.png out.avi /W100000", "/W100000: the crop width must be 0 (the whole width) to 16384."},
+      {"in.png out.avi /F0", "/F0: the frame rate must be above 0"},
+  };
+  for (const auto& c : cases) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%s", c.line);
+    VelmoConvSettings s;
+    EXPECT_FALSE(VelmoConvParseSwitches(line, &s)) << c.line;
+    EXPECT_EQ(std::string(s.errors.text).rfind(c.message, 0), 0u) << c.line << ": " << s.errors.text;
+  }
+  char line[] = "in.png out.y4m /P420 /B16 /C1 /R22050 /N-1 /D2 /T1";
+  VelmoConvSettings s;
+  EXPECT_TRUE(VelmoConvParseSwitches(line, &s)) << s.errors.text;
+}
+
+// The program names the refused value alone, and an input whose alpha is dropped says so once.
+TEST_F(VelmoConvRun, RefusedValueAndDroppedAlphaAreTold) {
+  MakeSeries(dir + "/in", 1, 8, 8, true);
+  const ToolOutcome bits = RunTail("velmoconv " + dir + "/in1.png " + dir + "/o.avi /B7");
+  EXPECT_EQ(bits.code, 8005 & 255);
+  EXPECT_EQ(bits.Times("/B7: the output bits must be 8 or 16."), 1u) << bits.output;
+  EXPECT_FALSE(bits.Says("Syntax:")) << bits.output;
+  EXPECT_FALSE(Exists(dir + "/o.avi"));
+  const ToolOutcome dropped = RunTail("velmoconv " + dir + "/in1.png " + dir + "/o.png");
+  EXPECT_EQ(dropped.code, 0);
+  EXPECT_EQ(dropped.Times(MediaTextAlphaDropped), 1u) << dropped.output;
+  const ToolOutcome kept = RunTail("velmoconv " + dir + "/in1.png " + dir + "/k.png /Z1000");
+  EXPECT_EQ(kept.code, 0);
+  EXPECT_FALSE(kept.Says(MediaTextAlphaDropped)) << kept.output;
 }
 
 TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {

@@ -242,4 +242,86 @@ TEST(EnsureTrailingSlash, AddsOnceAndRespectsSize) {
   EXPECT_STREQ(full, "abc");
 }
 
+// ---- Checked values ----
+
+bool Even(int32_t v) { return v % 2 == 0; }
+const SwitchRule Table[] = {
+    {'B', 8, 16, "the bits must be 8 to 16, even", Even},
+    {'P', 2, 64, "", nullptr, true},
+};
+
+TEST(SwitchNumberIn, TakesValuesInRangeAndNamesTheFirstRefusal) {
+  Line line("/b12 /B7 /b-3 /b99999999999 /Q5");
+  SwitchErrors errors;
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'B', 0, &errors), 12);
+  EXPECT_FALSE(errors.Failed());
+  // An odd value within the range is turned down by the finer test, and gives the default.
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'B', 0, &errors), 0);
+  EXPECT_STREQ(errors.text, "/B7: the bits must be 8 to 16, even.");
+  // Later refusals (below the range, and beyond 32 bits rather than wrapped into it) are
+  // removed from the line but keep the first message.
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'B', 1, &errors), 1);
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'B', 1, &errors), 1);
+  EXPECT_STREQ(errors.text, "/B7: the bits must be 8 to 16, even.");
+  // A letter the table does not hold is a plain number.
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'Q', 0, &errors), 5);
+  EXPECT_FALSE(SwitchesLeft(line.text));
+}
+
+TEST(SwitchNumberIn, BeyondThirtyTwoBitsIsOutOfRange) {
+  Line line("/b4294967304");  // 2^32 + 8 would wrap to an accepted 8
+  SwitchErrors errors;
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'B', 0, &errors), 0);
+  EXPECT_STREQ(errors.text, "/b4294967304: the bits must be 8 to 16, even.");
+}
+
+TEST(SwitchNumberIn, ClampRulesHoldTheValueWithoutAWord) {
+  Line line("/p1000 /p1 /p-7 /p30");
+  SwitchErrors errors;
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'P', 8, &errors), 64);
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'P', 8, &errors), 2);
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'P', 8, &errors), 2);
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'P', 8, &errors), 30);
+  EXPECT_EQ(SwitchNumberIn(line.text, Table, 'P', 8, &errors), 8);  // absent: the default
+  EXPECT_FALSE(errors.Failed());
+}
+
+bool AboveZero(int32_t n, int32_t d) { return n > 0 && d > 0; }
+
+TEST(SwitchFractionIn, RefusesWithTheTextAsWritten) {
+  const SwitchFractionRule rate = {'F', AboveZero, "the rate must be above 0"};
+  Line line("/f29.97 /F0 /f30;0 in");
+  SwitchErrors errors;
+  int32_t n = 0, d = 0;
+  EXPECT_TRUE(SwitchFractionIn(line.text, rate, &n, &d, -1, -1, &errors));
+  EXPECT_EQ(n, 2997);
+  EXPECT_EQ(d, 100);
+  EXPECT_FALSE(SwitchFractionIn(line.text, rate, &n, &d, -1, -1, &errors));
+  EXPECT_EQ(n, -1);
+  EXPECT_EQ(d, -1);
+  EXPECT_STREQ(errors.text, "/F0: the rate must be above 0.");
+  SwitchErrors second;
+  EXPECT_FALSE(SwitchFractionIn(line.text, rate, &n, &d, 0, 0, &second));  // a zero divisor
+  EXPECT_STREQ(second.text, "/f30;0: the rate must be above 0.");
+  EXPECT_FALSE(SwitchFractionIn(line.text, rate, &n, &d, 0, 0, &second));  // absent
+  EXPECT_EQ(line.str(), "   in");
+  SwitchRefuse(nullptr, "X1", "nothing");  // no record: nothing happens
+}
+
+// The switches that take a file name or a text keep a path behind them whole; other words
+// with a second "/" stay paths.
+TEST(SwitchText, FileNameSwitchesTakePaths) {
+  char dest[64];
+  Line line("/@/tmp/hints.txt /&pal/x.bmp /v5/x.avi /*made/by/me /ab/c");
+  EXPECT_TRUE(SwitchText(line.text, '@', dest, sizeof dest, ""));
+  EXPECT_STREQ(dest, "/tmp/hints.txt");
+  EXPECT_TRUE(SwitchText(line.text, '&', dest, sizeof dest, ""));
+  EXPECT_STREQ(dest, "pal/x.bmp");
+  EXPECT_TRUE(SwitchText(line.text, '*', dest, sizeof dest, ""));
+  EXPECT_STREQ(dest, "made/by/me");
+  EXPECT_FALSE(SwitchText(line.text, 'A', dest, sizeof dest, ""));  // "/ab/c" is a path
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), -1);
+  EXPECT_FALSE(SwitchesLeft(line.text));
+}
+
 }  // namespace

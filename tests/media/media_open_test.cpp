@@ -333,6 +333,32 @@ TEST_F(OpenTest, ListsAndSeriesCountTheirFrames) {
   }
 }
 
+// A start beyond the input's frames is held to them, and said once as a warning.
+TEST_F(OpenTest, StartBeyondTheFramesIsHeldAndSaid) {
+  Series(3);
+  const struct {
+    int32_t start;
+    uint32_t skipped;
+    const char* said;
+  } cases[] = {{5, 2, "/S5: the input has only 3 frames, so it starts at its last frame."},
+               {-7, 0, "/S-7: the input has only 3 frames, so it starts at its first frame."},
+               {3, 2, nullptr},
+               {-3, 0, nullptr}};
+  for (const auto& c : cases) {
+    Log.Clear();
+    MediaOpenArgs args{};
+    args.start = c.start;
+    MediaInput* in = Open(SeriesName(3), args);
+    ASSERT_NE(in, nullptr) << c.start;
+    EXPECT_EQ(in->skip_frames, c.skipped) << c.start;
+    EXPECT_EQ(Log.CountLevel(MediaLevelWarning), c.said ? 1 : 0) << c.start;
+    if (c.said) {
+      EXPECT_TRUE(Log.Said(c.said, MediaLevelWarning)) << c.start;
+    }
+    MediaClose(in);
+  }
+}
+
 TEST_F(OpenTest, CancelWhileOpeningAList) {
   ASSERT_TRUE(WritePng(dir / "a.png", 8, 6, 1));
   WriteText(dir / "l.lst", "a.png\na.png\n");

@@ -23,6 +23,12 @@ struct ToolOutcome {
   int code = -1;
   std::string output;  // stdout and stderr together
   bool Says(const std::string& text) const { return output.find(text) != std::string::npos; }
+  // How many times the output holds `text`.
+  size_t Times(const std::string& text) const {
+    size_t n = 0;
+    for (size_t at = output.find(text); at != std::string::npos; at = output.find(text, at + 1)) n++;
+    return n;
+  }
 };
 
 // The environment of a program run by a test: this process's, less the settings that pick a

@@ -171,6 +171,38 @@ TEST_F(OrnFileInfo, DirectoryAndUnknownFileShowOnlyFileSystemLines) {
   EXPECT_EQ(OrnFileInfoText((dir + "/missing").c_str()), "");
 }
 
+// Nothing read is an input error that names the file and the reason: a missing name, an empty
+// file, and a file no reader knows (whose file system lines still go out). A directory is read.
+TEST_F(OrnFileInfo, NothingReadIsAnInputErrorWithTheReason) {
+  std::string text, reason;
+  EXPECT_TRUE(OrnFileInfoRead(dir.c_str(), &text, &reason));
+  EXPECT_EQ(reason, "");
+  const std::string missing = dir + "/missing.png";
+  EXPECT_FALSE(OrnFileInfoRead(missing.c_str(), &text, &reason));
+  EXPECT_EQ(reason, "No such file or directory");
+  const std::string empty = dir + "/empty.png", junk = dir + "/junk.dat";
+  WriteText(empty, "");
+  WriteText(junk, "nothing any reader knows");
+  EXPECT_FALSE(OrnFileInfoRead(empty.c_str(), &text, &reason));
+  EXPECT_EQ(reason, "the file is empty");
+  EXPECT_FALSE(OrnFileInfoRead(junk.c_str(), &text, &reason));
+  EXPECT_EQ(reason, "no reader knows this kind of file");
+  EXPECT_TRUE(Has(text, "Size: 24"));
+
+  const struct {
+    std::string name, says;
+  } runs[] = {{missing, "Couldn't read '" + missing + "': No such file or directory."},
+              {empty, "Couldn't read '" + empty + "': the file is empty."},
+              {junk, "Couldn't read '" + junk + "': no reader knows this kind of file."}};
+  for (const auto& r : runs) {
+    const ToolOutcome run = RunTail("orninfo " + r.name);
+    EXPECT_EQ(run.code, 8002 & 255) << r.name;
+    EXPECT_EQ(run.Times(r.says), 1u) << run.output;
+  }
+  EXPECT_TRUE(RunTail("orninfo " + junk).Says("    Size: 24\n"));
+  EXPECT_EQ(RunTail("orninfo " + dir).code, 0);
+}
+
 // A first-generation Velmo file of two frames made by the compressor, with extra switches.
 void MakeVelmo(const std::string& dir, int size, const std::string& name, const std::string& extra) {
   WritePng(dir + "/in1.png", size, size, false);
@@ -201,8 +233,11 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
                                "\n    Video slices (max simultaneous CPUs): 1\n",
                                "\n    Size: "};
   ExpectInOrder(out, lines);
-  // The box goes to the terminal under its caption; no name is an input error.
-  EXPECT_TRUE(RunTail("orninfo " + vlm).Says("Information on " + vlm));
+  // The report goes out once, under its caption; no name is an input error.
+  const ToolOutcome both = RunTail("orninfo " + vlm);
+  EXPECT_EQ(both.Times("Information on " + vlm), 1u) << both.output;
+  EXPECT_EQ(both.Times("Video format: "), 1u) << both.output;
+  EXPECT_EQ(both.Times("Extra text: hello"), 1u) << both.output;
   EXPECT_EQ(RunTail("orninfo").code, 8002 & 255);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "compress/rate_plan.h"
 #include "compress/velmo_sound_track.h"
@@ -228,12 +229,44 @@ uint32_t ReadJobEntry(void* argument) {
   return 0;
 }
 
+uint8_t UnitToByte(float v) {
+  const float x = v * 255.0f + 0.5f;
+  return x <= 0.0f ? 0 : x >= 255.0f ? 255 : uint8_t(x);
+}
+
+// Four floats a pixel (R, G, B, A, 1.0 full scale) as ARGB words, each channel clipped.
+void FloatsToArgb(const void* pixels, int32_t pitch, uint32_t width, uint32_t height,
+                  std::vector<uint32_t>* out) {
+  out->resize(size_t(width) * height);
+  const uint8_t* base = static_cast<const uint8_t*>(pixels);
+  for (uint32_t y = 0; y < height; ++y)
+    for (uint32_t x = 0; x < width; ++x) {
+      float f[4];
+      std::memcpy(f, base + int64_t(pitch) * y + size_t(x) * 16, sizeof f);
+      (*out)[size_t(y) * width + x] = uint32_t(UnitToByte(f[3])) << 24 |
+                                      uint32_t(UnitToByte(f[0])) << 16 |
+                                      uint32_t(UnitToByte(f[1])) << 8 | UnitToByte(f[2]);
+    }
+}
+
 // Hands the frame that was read to the frame loop: as planes when the input gave them, so that
-// a planar input's colours take no trip through RGB, else as pixels.
-void AddFrame(VelmoFrameLoop* loop, const VelmoFrameRate& rate, const ReadJob& job) {
+// a planar input's colours take no trip through RGB, else as pixels. Float pixels go to the
+// writer's float conversion; only the old-range first generation, which converts integer
+// pixels alone, gets them as clipped 8-bit channels.
+void AddFrame(VelmoFrameLoop* loop, const VelmoFrameRate& rate, const ReadJob& job,
+              bool floats, std::vector<uint32_t>* scratch) {
   if (!job.planar) {
-    VelmoFrameLoopAdd(loop, rate.TargetBytes, rate.PeakBytes, rate.IsKey != 0, job.pixels,
-                      job.pitch, false);
+    const VelmoWriter* w = loop->Writer;
+    const void* pixels = job.pixels;
+    int32_t pitch = job.pitch;
+    if (floats && !(w->Flags & VelmoWriterFullRange)) {
+      FloatsToArgb(pixels, pitch, w->Width, w->Height, scratch);
+      pixels = scratch->data();
+      pitch = int32_t(w->Width * 4);
+      floats = false;
+    }
+    VelmoFrameLoopAdd(loop, rate.TargetBytes, rate.PeakBytes, rate.IsKey != 0, pixels, pitch,
+                      floats);
     return;
   }
   const MediaPlanes& p = job.planes;
@@ -285,7 +318,12 @@ int SecondGenerationMissing() {
   return ToolExitOutputError;
 }
 
-int SyntaxError() {
+// A value that a switch does not take is named alone; anything else shows the syntax.
+int SyntaxError(const SwitchErrors& errors) {
+  if (errors.Failed()) {
+    ToolFrameError(errors.text);
+    return ToolExitBadSwitches;
+  }
   ToolFrameError(SyntaxText);
   ToolFrameTell(SwitchListText, 0);
   return ToolExitBadSwitches;
@@ -297,8 +335,48 @@ void VelmocRegisterDialog() { ToolDialogRegister(&Dialog); }
 
 // ---- Switches ------------------------------------------------------------------------------------
 
+namespace {
+
+bool DataRate(int32_t v) { return v <= 200 || v >= 1000; }
+// /V: the version in the low ten bits (0 for 200, 100 to 200, 270 and up for HDR), the
+// slices as 2048 to 8192, and the deblocking and adaptive quantisation values above them.
+bool Version(int32_t v) {
+  const int32_t version = v & 1023;
+  const bool known = version == 0 || (version >= 100 && version <= 200) || version >= 270;
+  return known && !(v & 1024) && ((v >> 11) & 7) <= 4;
+}
+// /M: 1.0 to 10.0 times the data rate, or a peak of 1000 bytes per second and up.
+bool PeakRate(int32_t n, int32_t d) {
+  if (d <= 0 || n < d) return false;
+  return int64_t(n) * 100 / d <= 1000 || n / d >= 1000;
+}
+
+constexpr int32_t DefaultContrast = 8;
+
+const SwitchRule Rules[] = {
+    {'D', 0, INT32_MAX,
+     "the data rate must be 1 to 200 (percent of the input) or 1000 and up (bytes per second)",
+     DataRate},
+    {'K', 0, INT32_MAX, "the key frame interval must be 0 frames or more"},
+    {'P', 2, 64, "", nullptr, true},
+    {'T', 0, INT32_MAX, "the track ID must be 0 or more"},
+    {'L', -1, 199, "the sound level must be -1 (no sound) to 199"},
+    {'N', 0, INT32_MAX, "the key frame rate must be 0 bytes per second or more"},
+    {'V', 0, 262143,
+     "the version must be 100 to 200, or 270 and up for HDR, plus 2048 to 8192 (slices), "
+     "16384 to 49152 (deblocking) and 65536 to 196608 (adaptive quantisation)",
+     Version},
+    {'$', 80, 10000, "", nullptr, true},
+};
+const SwitchFractionRule PeakRule = {
+    'M', PeakRate,
+    "the peak rate must be 1.0 to 10.0 (times the data rate) or 1000 and up (bytes per second)"};
+
+}  // namespace
+
 bool VelmocParseSwitches(char* line, VelmocSettings* s) {
   char scratch[1024];
+  SwitchErrors* errors = &s->Errors;
   SwitchText(line, '+', scratch, sizeof scratch, "");
   if (SwitchText(line, '*', s->ExtraText, sizeof s->ExtraText, "")) {
     if (std::strcmp(s->ExtraText, "-") == 0) {
@@ -309,45 +387,48 @@ bool VelmocParseSwitches(char* line, VelmocSettings* s) {
     s->ExtraTextLength = uint32_t(std::strlen(s->ExtraText)) + 1;
   }
   bool ok = true;
-  s->DataRate = SwitchNumber(line, 'D', 0);
-  if (s->DataRate >= 201 && s->DataRate <= 999) ok = false;
+  s->DataRate = SwitchNumberIn(line, Rules, 'D', 0, errors);
   int32_t mn = 3, md = 1;
-  if (SwitchFraction(line, 'M', &mn, &md, 3, 1)) {
-    if (md <= 0 || mn < md) ok = false;  // whole part below 1
+  if (SwitchFractionIn(line, PeakRule, &mn, &md, 3, 1, errors)) {
+    const int64_t times100 = int64_t(mn) * 100 / md;
+    if (times100 <= 1000) s->PeakSetting = uint32_t(times100);
     else {
-      const int64_t times100 = int64_t(mn) * 100 / md;
-      if (times100 <= 1000) s->PeakSetting = uint32_t(times100);
-      else {
-        s->PeakSetting = uint32_t(std::min<int64_t>(int64_t(mn) / md, 0x7fffffff));
-        if (s->DataRate >= 1000 && s->PeakSetting < uint32_t(s->DataRate)) ok = false;
+      s->PeakSetting = uint32_t(int64_t(mn) / md);
+      if (s->DataRate >= 1000 && s->PeakSetting < uint32_t(s->DataRate)) {
+        char written[32];
+        std::snprintf(written, sizeof written, "M%u", s->PeakSetting);
+        SwitchRefuse(errors, written, "a peak rate in bytes per second must be at least the "
+                                      "data rate of /D");
       }
     }
   }
   SwitchNumber(line, 'J', 100);
   s->KeyPromotion = 100;
-  int32_t k = SwitchNumber(line, 'K', 0);
+  int32_t k = SwitchNumberIn(line, Rules, 'K', 0, errors);
   s->KeyInterval = k > 0 ? uint32_t(k) : 0x10000000;
-  s->PreviewFrames = uint32_t(SwitchNumber(line, 'P', 8));
-  s->TrackId = SwitchNumber(line, 'T', 0);
-  s->SoundLevel = SwitchNumber(line, 'L', 4);
-  if (s->SoundLevel < -1 || s->SoundLevel > 199) ok = false;
-  s->SoundRate = SwitchNumber(line, 'R', 0);
-  s->SoundBits = SwitchNumber(line, 'B', 0);
-  s->SoundChannels = SwitchNumber(line, 'C', 0);
+  s->PreviewFrames = uint32_t(SwitchNumberIn(line, Rules, 'P', 8, errors));
+  s->TrackId = SwitchNumberIn(line, Rules, 'T', 0, errors);
+  s->SoundLevel = SwitchNumberIn(line, Rules, 'L', 4, errors);
+  s->SoundRate = SwitchNumberIn(line, SoundRateRule, 0, errors);
+  s->SoundBits = SwitchNumberIn(line, SoundBitsRule, 0, errors);
+  s->SoundChannels = SwitchNumberIn(line, SoundChannelsRule, 0, errors);
   s->Grayscale = SwitchFlag(line, 'I');
-  s->KeyRate = uint32_t(std::max(0, SwitchNumber(line, 'N', 0)));
-  // /Z stays on the line: the media layer reads it as well, as its open flags.
+  s->KeyRate = uint32_t(SwitchNumberIn(line, Rules, 'N', 0, errors));
+  // /Z stays on the line: the media layer reads (and checks) it as well, as its open flags.
   s->Graphics = uint32_t(std::max(0, SwitchPeekNumber(line, 'Z', 0)));
+  // /U: a count of 1 to 64 is kept, anything else means all the machine has.
   const int32_t u = SwitchNumber(line, 'U', 0);
   s->Cpus = (u >= 1 && u <= 64) ? uint32_t(u) : 0;
-  s->VersionSwitch = uint32_t(SwitchNumber(line, 'V', 200));
-  const int32_t nits = SwitchNumber(line, '$', 10000);
-  s->Nits = uint32_t(std::clamp(nits, 80, 10000));
+  s->VersionSwitch = uint32_t(SwitchNumberIn(line, Rules, 'V', 200, errors));
+  s->Nits = uint32_t(SwitchNumberIn(line, Rules, '$', 10000, errors));
   s->Overwrite = SwitchFlag(line, 'O');
   SwitchText(line, '@', s->HintFile, sizeof s->HintFile, "");
   // What is left are the video switches: range, rates, scaling, crop and filters. The frames
-  // are always true colour, so the palette bits of /Z are dropped.
-  MediaParseSwitches(line, &s->Media);
+  // are always true colour, so the palette bits of /Z are dropped. The compressor's contrast
+  // increase is 8 unless /{ says otherwise.
+  const bool contrastGiven = SwitchPeekNumber(line, '{', INT32_MIN) != INT32_MIN;
+  MediaParseSwitches(line, &s->Media, errors);
+  if (!contrastGiven) s->Media.contrast = DefaultContrast;
   s->Media.open_flags &= ~uint32_t(MediaOpenPaletteMask);
   s->StartFrame = s->Media.start;
   s->EndFrame = s->Media.end;
@@ -355,7 +436,7 @@ bool VelmocParseSwitches(char* line, VelmocSettings* s) {
   s->ForceRateDen = s->Media.force_den;
   s->AdjustRateNum = s->Media.adjust_num;
   s->AdjustRateDen = s->Media.adjust_den;
-  if (SwitchesLeft(line)) ok = false;
+  if (errors->Failed() || SwitchesLeft(line)) ok = false;
   TakeName(s->Input, sizeof s->Input, line);
   TakeName(s->Output, sizeof s->Output, line);
   if (!s->Input[0] || !s->Output[0]) ok = false;
@@ -581,6 +662,7 @@ int FrameLoop(Run& r) {
   rates.RateDenominator = rateDen;
   const bool image = r.info.IsImage;
 
+  std::vector<uint32_t> floatScratch;
   ReadNext next;
   next.job = {r.ops, r.source, 0, MediaNoFilters, nullptr, 0, false, false, {}};
   next.Start(0, FrameFilters(r, 0));
@@ -592,7 +674,7 @@ int FrameLoop(Run& r) {
     hint.Peak = r.hints.Peak[f];
     hint.Key = r.hints.Key[f];
     const VelmoFrameRate fr = VelmoFrameRateFor(rates, hint);
-    AddFrame(r.loop, fr, next.job);
+    AddFrame(r.loop, fr, next.job, r.info.FloatFrames, &floatScratch);
     if (f + 1 < r.info.Frames) {
       if (image) next.job.ok = true;  // a still gives the same picture again
       else next.Start(f + 1, FrameFilters(r, f + 1));
@@ -614,7 +696,7 @@ int FrameLoop(Run& r) {
 
 int Compress(Run& r, char* commandTail) {
   r.startMs = r.lastElapsedMs = TimerMs();
-  if (!VelmocParseSwitches(commandTail, &r.s)) return SyntaxError();
+  if (!VelmocParseSwitches(commandTail, &r.s)) return SyntaxError(r.s.Errors);
   // The second generation's encoder is not in this build; an HDR request still gets its input
   // checked first, so that a non-HDR input hears why.
   if (VelmocVersion(r.s) >= 200 && !VelmocWantsHdr(r.s)) return SecondGenerationMissing();
@@ -644,13 +726,16 @@ int Compress(Run& r, char* commandTail) {
     return Finish(r, ToolExitInputError);
   }
   r.ops->info(r.source, &r.info);
+  if (r.ops->openWith) MediaSayAlphaDropped(&r.s.Media, r.info.HasAlpha, {MediaProgress, &r});
   r.runFrames = r.info.Frames;
   r.skipped = r.info.SkippedFrames;
   const uint32_t inputRate = VelmoInputRate(r.info.RateNumerator, r.info.RateDenominator,
                                             r.info.InputBytes, r.info.InputFrames, 100);
   if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, r.skipped,
                        r.info.Frames, inputRate, &r.hints)) {
-    ToolFrameError("Couldn't read the hint file.");
+    char text[1200];
+    std::snprintf(text, sizeof text, "Couldn't read the hint file '%s'.", r.s.HintFile);
+    ToolFrameError(text);
     return Finish(r, ToolExitInputError);
   }
   {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/switches.h"
 #include "host/toolframe.h"
 #include "media/media.h"
 
@@ -35,6 +36,7 @@ struct VelmocSettings {
   MediaSwitches Media{};         // the video switches, read after the compressor's own
   char Input[1024] = {};
   char Output[1024] = {};
+  SwitchErrors Errors;           // the value of a switch that was refused, by name
 };
 
 // Parses a command tail (changed in place): the compressor's switches first, then the media

@@ -16,6 +16,7 @@ struct VelmocSourceInfo {
   uint64_t InputBytes;                      // the input's size, for percentage rates
   uint32_t InputFrames;                     // all frames of the input
   bool HasAlpha, HasSound, IsHdr, IsImage;
+  bool FloatFrames;  // frames come as four floats a pixel (R, G, B, A), not ARGB words
   char TypeName[64];
   // The input's own frame rate (after /F, before /A), which times the skipped frames, and the
   // name the input was found under (a name without extension gets the one that opened), which
@@ -32,7 +33,8 @@ struct VelmocSourceOps {
   VelmocSource* (*open)(const char* name, uint32_t first, uint32_t last, char* error,
                         size_t errorSize);
   void (*info)(const VelmocSource* source, VelmocSourceInfo* out);
-  // Frame `index` of the run as 32-bit ARGB; the pixels stay valid until the next call.
+  // Frame `index` of the run as 32-bit ARGB, or four floats a pixel when the info says
+  // FloatFrames; the pixels stay valid until the next call.
   bool (*frame)(VelmocSource* source, uint32_t index, const uint32_t** pixels, int32_t* pitch);
   void (*close)(VelmocSource* source);
   // Optional: opens with the video switches of a command line (range, rates, scaling, crop,

@@ -11,6 +11,7 @@
 #include "host/bfile.h"
 #include "host/platform.h"
 #include "host/switches.h"
+#include "host/textformat.h"
 #include "media/sound.h"
 #include "format/container.h"
 #include "format/container_bytes.h"
@@ -178,6 +179,44 @@ void SplitOffset(char* name, uint64_t* offset) {
   *bar = 0;
 }
 
+// The milliseconds of video that the new sound can fill: from its start (/N: a lead of
+// silence, or a later first frame) to the video's end; -1 when the header does not read.
+int64_t SoundRoomMs(const VelmoMixSettings& s) {
+  VelmoHeader header{};
+  bool ok = false;
+  if (BufferedFile* f = FileOpenRead(4096, s.Input, FileModeReadOnly)) {
+    uint8_t bytes[VelmoHeaderSize];
+    FileSeek(f, s.InputOffset);
+    ok = FileRead(f, bytes, sizeof bytes) == sizeof bytes &&
+         VelmoParseHeader(bytes, sizeof bytes, &header);
+    FileClose(f);
+  }
+  const uint64_t num = s.RateNumerator ? s.RateNumerator : header.FrameRate;
+  const uint64_t den = s.RateNumerator ? s.RateDenominator : header.FrameRateDiv;
+  if (!ok || !num || !den) return -1;
+  const uint64_t video = uint64_t(header.Frames) * 1000 * den / num;
+  uint64_t lead = 0;
+  if (s.Start < 0) lead = uint64_t(-int64_t(s.Start));
+  else if (s.Start > 1) lead = uint64_t(s.Start - 1) * 1000 * den / num;
+  return video > lead ? int64_t(video - lead) : 0;
+}
+
+// The mixer takes as much sound as the video lasts: a longer sound loses its end, and the
+// user hears so once, with how much was left out.
+void SayWhenCut(const VelmoMixSettings& s, const SoundInput* sound) {
+  const uint64_t bytesPerSecond = uint64_t(sound->rate) * sound->bytes_per_sample;
+  if (!bytesPerSecond || !sound->total_bytes) return;
+  const uint64_t soundMs = sound->total_bytes * 1000 / bytesPerSecond;
+  const int64_t roomMs = SoundRoomMs(s);
+  if (roomMs < 0 || soundMs <= uint64_t(roomMs)) return;
+  char time[64], text[240];
+  ::FormatTime(time, sizeof time, soundMs - uint64_t(roomMs));
+  std::snprintf(text, sizeof text,
+                "The sound is longer than the video, so it was cut at the video's end (%s of "
+                "sound left out).", time);
+  ToolFrameWarn(text);
+}
+
 const ToolControlDesc Controls[] = {
     {VelmoMixIdInput, ToolControlText, "Input: "},
     {VelmoMixIdSoundFile, ToolControlText, "Sound file: "},
@@ -196,7 +235,12 @@ struct Registrar {
   Registrar() { VelmoMixRegisterDialog(); }
 } g_registrar;
 
-int SyntaxError() {
+// A value that a switch does not take is named alone; anything else shows the syntax.
+int SyntaxError(const SwitchErrors& errors) {
+  if (errors.Failed()) {
+    ToolFrameError(errors.text);
+    return ToolExitBadSwitches;
+  }
   ToolFrameError(SyntaxText);
   ToolFrameTell(SwitchListText, 0);
   return ToolExitBadSwitches;
@@ -208,24 +252,37 @@ void VelmoMixRegisterDialog() { ToolDialogRegister(&Dialog); }
 
 // ---- Switches ------------------------------------------------------------------------------------
 
+namespace {
+
+bool Level(int32_t v) { return v == -1 || (v >= 0 && v < 200); }
+bool FrameRate(int32_t n, int32_t d) { return n > 0 && d > 0; }
+
+const SwitchRule Rules[] = {
+    {'L', -1, 199, "the sound level must be -1 (no sound) to 199", Level},
+    {'T', 0, INT32_MAX, "the track ID must be 0 or more"},
+    {'I', 0, INT32_MAX, "the sound track to read must be 0 or more"},
+};
+const SwitchFractionRule RateRule = {'F', FrameRate, "the frame rate must be above 0"};
+
+}  // namespace
+
 bool VelmoMixParseSwitches(char* line, VelmoMixSettings* s) {
   bool ok = true;
-  s->Level = SwitchNumber(line, 'L', 4);
-  if (s->Level != -1 && uint32_t(s->Level) >= 200) ok = false;
+  SwitchErrors* errors = &s->Errors;
+  s->Level = SwitchNumberIn(line, Rules, 'L', 4, errors);
   // The mixer's own letters first: /T and /I mean other things to the sound layer.
-  s->TrackId = uint32_t(SwitchNumber(line, 'T', 0));
-  s->SoundTrack = uint32_t(std::max(0, SwitchNumber(line, 'I', 0)));
+  s->TrackId = uint32_t(SwitchNumberIn(line, Rules, 'T', 0, errors));
+  s->SoundTrack = uint32_t(SwitchNumberIn(line, Rules, 'I', 0, errors));
   s->Start = SwitchNumber(line, 'N', 0);
   s->Loop = SwitchFlag(line, 'P');
   int32_t num = 0, den = 0;
-  if (SwitchFraction(line, 'F', &num, &den, 0, 0)) {
-    if (num <= 0 || den <= 0) ok = false;
-    s->RateNumerator = uint32_t(std::max(num, 0));
-    s->RateDenominator = uint32_t(std::max(den, 0));
+  if (SwitchFractionIn(line, RateRule, &num, &den, 0, 0, errors)) {
+    s->RateNumerator = uint32_t(num);
+    s->RateDenominator = uint32_t(den);
   }
   s->Overwrite = SwitchFlag(line, 'O');
   SoundSwitches sound{};
-  if (!SoundParseSwitches(line, &sound)) ok = false;
+  SoundParseSwitches(line, &sound, errors);
   s->SoundRate = sound.rate;
   s->SoundBits = sound.bits;
   s->SoundChannels = sound.channels;
@@ -233,6 +290,7 @@ bool VelmoMixParseSwitches(char* line, VelmoMixSettings* s) {
   s->EndMs = sound.end_ms;
   s->Force = sound.force;
   s->Skip = sound.skip;
+  if (errors->Failed()) ok = false;
   if (SwitchesLeft(line)) ok = false;
   TakeName(s->Input, sizeof s->Input, line);
   TakeName(s->Sound, sizeof s->Sound, line);
@@ -264,7 +322,7 @@ int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
   job.startMs = job.lastElapsedMs = TimerMs();
 
   VelmoMixSettings& s = job.settings;
-  if (!VelmoMixParseSwitches(commandTail, &s)) return SyntaxError();
+  if (!VelmoMixParseSwitches(commandTail, &s)) return SyntaxError(s.Errors);
 
   // The sound, as the compressor opens it: 16 bits, with the normalising level of /B.
   const bool removal = std::strcmp(s.Sound, "-") == 0 || s.Level == -1;
@@ -278,6 +336,13 @@ int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
       std::snprintf(text, sizeof text, "Couldn't open the sound file '%s'.", s.Sound);
       ToolFrameError(text);
       return ToolExitInputError;
+    }
+    if (s.StartMs && !sound->total_bytes) {
+      SoundClose(sound);
+      std::snprintf(text, sizeof text, "/S%u: the start is past the end of the sound '%s'.",
+                    s.StartMs, s.Sound);
+      ToolFrameError(text);
+      return ToolExitBadSwitches;
     }
   }
 
@@ -326,6 +391,7 @@ int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
   job.finished = 1;
   while (AtomicRead(&job.tickBusy)) ThreadSleep(1);
   job.mixing = false;
+  if (sound && size) SayWhenCut(s, sound);
   if (sound) SoundClose(sound);
 
   if (progress.Cancelled || (job.cancel && !size)) return ToolExitCancelled;

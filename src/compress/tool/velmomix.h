@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "compress/velmo_writer.h"
+#include "host/switches.h"
 #include "host/toolframe.h"
 
 // The caller's description of one track to lay in (or, with no sound, to remove).
@@ -64,6 +65,7 @@ struct VelmoMixSettings {
   char Input[1024] = {};
   char Sound[1024] = {};
   char Output[1024] = {};
+  SwitchErrors Errors;       // the value of a switch that was refused, by name
 };
 
 // Parses a command tail (changed in place). False on a syntax error: a bad level, a missing
