@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/outfile.h"
 #include "host/toolframe.h"
 #include "media/media.h"
 
@@ -19,8 +20,8 @@ struct VelmoConvSettings {
   int32_t start_ms, end_ms;  // /J /K
   int32_t rate, bits, channels;  // /R /B /C
   int32_t format_option;  // /P: AVI codec (0 raw, 1 Motion-JPEG) or y4m chroma (420, 444)
-  char input[1024];
-  char output[1024];
+  char input[PathBytes];
+  char output[PathBytes];
 };
 
 // Parses a command tail (changed in place). False when the help is due: no input, no output,
