@@ -622,6 +622,7 @@ int Compress(Run& r, char* commandTail) {
   // Names the system cannot take are refused before anything is read or written.
   VelmocDefaultExtension(r.s.Output, sizeof r.s.Output, VelmocVersion(r.s));
   if (const int refused = ToolRefuseLongNames(r.s.Input, r.s.Output)) return refused;
+  if (const int refused = ToolRefuseLongNames(r.s.HintFile, nullptr)) return refused;
   // The second generation's encoder is not in this build; an HDR request still gets its input
   // checked first, so that a non-HDR input hears why.
   if (VelmocVersion(r.s) >= 200 && !VelmocWantsHdr(r.s)) return SecondGenerationMissing();
