@@ -13,6 +13,7 @@
 
 #include "convert/output.h"
 #include "program_test_support.h"
+#include "support/velmo_file.h"
 #include "velmo.h"
 
 namespace {
@@ -163,11 +164,14 @@ TEST_F(OutputSafety, AKilledCompressorLeavesATemporaryFileThatPlays) {
   // The frame count in the temporary file's header: nonzero once the first checkpoint is on
   // the disk (until then the file's bytes wait in the writer's 128 KiB buffer).
   const auto checkpointed = [&] { return Le32(ReadFile(tmp), 8) >= 1; };
-  // SIGTERM: a cancel that keeps nothing.
-  const ToolOutcome stopped = SignalMidway(tail, SIGTERM, checkpointed);
-  EXPECT_EQ(stopped.code, Shell(ToolExitCancelled)) << stopped.output;
-  EXPECT_FALSE(stopped.Says("Keep the frames")) << stopped.output;
-  ExpectUntouched(old);
+  // SIGINT and SIGTERM: a cancel that keeps nothing.
+  for (const int number : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(number);
+    const ToolOutcome stopped = SignalMidway(tail, number, checkpointed);
+    EXPECT_EQ(stopped.code, Shell(ToolExitCancelled)) << stopped.output;
+    EXPECT_FALSE(stopped.Says("Keep the frames")) << stopped.output;
+    ExpectUntouched(old);
+  }
   // SIGKILL as soon as the first frame is on the disk: the temporary file opens with it.
   const ToolOutcome killed = SignalMidway(tail, SIGKILL, checkpointed);
   EXPECT_EQ(killed.code, 128 + SIGKILL);
@@ -177,6 +181,28 @@ TEST_F(OutputSafety, AKilledCompressorLeavesATemporaryFileThatPlays) {
   EXPECT_GE(h->Frames, 1u);
   EXPECT_EQ(h->Width, 320u);
   VelmoClose(h);
+}
+
+TEST_F(OutputSafety, TheMixerStoppedOrKilledLeavesTheOldOutput) {
+  // A file of many large frames and no sound, mixed with no sound: a copy long enough to stop.
+  velmo_test::FilePlan plan;
+  plan.Frames = 3000;
+  plan.Video = [](uint32_t i) { return std::vector<uint8_t>(40000, uint8_t(i)); };
+  const std::string in = dir + "/in.vlm", out = dir + "/out.vlm";
+  WriteFile(in, velmo_test::BuildFile(plan));
+  const std::string tail = "velmomix " + in + " - " + out + " /t3 /o";
+  WriteText(out, "old mix");
+  const std::map<std::string, std::vector<uint8_t>> old = {{out, ReadFile(out)}};
+  const auto grown = [&] { return SizeOf(out + ".tmp") >= (4u << 20); };
+  for (const int number : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(number);
+    const ToolOutcome r = SignalMidway(tail, number, grown);
+    EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
+    EXPECT_FALSE(r.Says("Cancel the mixing?")) << r.output;
+    ExpectUntouched(old);
+  }
+  EXPECT_EQ(SignalMidway(tail, SIGKILL, grown).code, 128 + SIGKILL);
+  EXPECT_TRUE(ReadFile(out) == old.at(out));
 }
 
 TEST_F(OutputSafety, AFolderThatTakesNoFileIsAnError) {
