@@ -286,7 +286,7 @@ int OrnFileInfoMain(void* instance, void*, char* commandTail, int) {
     std::fputs("\n", stdout);
     std::fflush(stdout);
   }
-  char caption[1200];
+  char caption[PathBytes + 20];
   std::snprintf(caption, sizeof caption, "Information on %s", name);
   QuietFrameBox(text.c_str(), caption, ToolIconInformation);
   return 0;

@@ -261,6 +261,36 @@ TEST_F(OutputSafety, LongNamesAreWrittenOrRefusedWhole) {
   EXPECT_TRUE(info.Says("The input file name is too long")) << info.output.substr(0, 400);
 }
 
+// An AVI of `frames` small frames with a tone beside them.
+void MakeAviWithSound(const std::string& name, int frames) {
+  OutputWriter* out = OutputOpen(name.c_str(), frames, 10, 1, 16, 16, 16, {}, OutputFlagPromptDone);
+  ASSERT_NE(out, nullptr);
+  const std::vector<uint32_t> pixels(16 * 16, 0xff336699u);
+  std::vector<uint8_t> sound;
+  for (int f = 0; f < frames; ++f) {
+    ASSERT_EQ(OutputWriteFrame(out, pixels.data(), nullptr), 1);
+    sound.assign(OutputSoundWanted(out, 8000, 16, 1), 0);
+    for (size_t i = 0; i < sound.size(); ++i) sound[i] = uint8_t(i * 37);
+    if (!sound.empty()) {
+      ASSERT_EQ(OutputWriteSound(out, sound.data(), uint32_t(sound.size())), 1);
+    }
+  }
+  ASSERT_GT(OutputClose(out), 0u);
+}
+
+// Input names past a kilobyte: the compressor finds the input's sound under the whole name.
+TEST_F(OutputSafety, AnInputPastAKilobyteKeepsItsWholeName) {
+  const std::string deep = NestedFolder(dir, 1500);
+  MakeAviWithSound(deep + "/in.avi", 10);
+  const ToolOutcome r = RunTail("velmoc " + deep + "/in.avi " + dir + "/c.vlm /v101");
+  ASSERT_EQ(r.code, 0) << r.output.substr(0, 600);
+  HVELMO h = VelmoOpen((dir + "/c.vlm").c_str(), 0);
+  ASSERT_NE(h, nullptr) << VelmoGetError();
+  EXPECT_EQ(h->Frames, 10u);
+  EXPECT_EQ(h->TrackCount, 1u);
+  VelmoClose(h);
+}
+
 TEST_F(OutputSafety, ASeriesAsksWhenALaterNameIsTaken) {
   // The first name is free, the fifth is taken: the question comes on the first name, and the
   // console's default answer (No) leaves everything as it was.
