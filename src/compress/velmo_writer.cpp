@@ -100,14 +100,15 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   if (!w) return nullptr;
   w->Progress = progress;
   w->UserData = userData;
-  std::snprintf(w->OutputPath, sizeof w->OutputPath, "%s", path);
-  std::snprintf(w->TemporaryPath, sizeof w->TemporaryPath, "%s.tmp", path);
 
   // 1. The temporary file.
   // Held while the run lasts: a second run writing the same output name cannot empty it.
-  w->File = FileCreateExclusive(VelmoWriterFileBuffer, w->TemporaryPath);
-  if (!w->File) {
-    Tell(w, VelmoProgressMessage, TextNoTemporary);
+  const OutFileResult created = OutFileCreate(&w->Out, path, VelmoWriterFileBuffer);
+  w->File = w->Out.File;
+  if (created != OutFileDone) {
+    char text[400];
+    if (created == OutFileTooLong) PathTooLongText(text, sizeof text, "output", path);
+    Tell(w, VelmoProgressError, created == OutFileTooLong ? text : TextNoTemporary);
     delete w;
     return nullptr;
   }
@@ -159,16 +160,17 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
     ok = false;
   }
   if (!ok || !VelmoBuildHeaderImage(params, &w->Image)) {
-    Tell(w, VelmoProgressMessage, "Out of memory!");
-    FileClose(w->File);
-    FileDelete(w->TemporaryPath);
+    Tell(w, VelmoProgressError, "Out of memory!");
+    OutFileDiscard(&w->Out);
     delete w;
     return nullptr;
   }
   FileWrite(w->File, w->Image.Bytes.data(), w->Image.Bytes.size());
   w->FileSize = FileTell(w->File);
   if (w->File->WriteError) w->Failed = 1;
-  w->NextCheckpointBytes = w->FileSize + w->CheckpointBytes;
+  // The first checkpoint comes right after the first frame, so that a run stopped at any later
+  // moment leaves a temporary file that opens; the later ones come at their spacing.
+  w->NextCheckpointBytes = w->FileSize;
   w->NextCheckpointTime = TimerMs() + w->CheckpointMs;
   return w;
 }
@@ -237,7 +239,8 @@ bool VelmoWriterCheckpoint(VelmoWriter* w) { return CheckpointHeld(w, false); }
 
 bool VelmoWriterFlush(VelmoWriter* w) { return CheckpointHeld(w, true); }
 
-uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
+uint64_t VelmoWriterClose(VelmoWriter* w, bool discard, uint32_t* result) {
+  if (result) *result = OutFileDone;
   if (!w) return 0;
   if (w->Failed) discard = true;
   if (!discard) {
@@ -250,23 +253,28 @@ uint64_t VelmoWriterClose(VelmoWriter* w, bool discard) {
   EndTracks(w);
   EnterWrites(w);
   const uint64_t size = FileTell(w->File);
-  // The temporary file is deleted or renamed while still open and held, so that no other run
+  // The temporary file is removed or renamed while still open and held, so that no other run
   // can take the name in between and have its file renamed or deleted by this one.
+  OutFileResult done = OutFileDone;
   if (discard || w->Failed) {
-    FileDelete(w->TemporaryPath);
-  } else if (FileDelete(w->OutputPath) == 2) {
-    char text[VelmoWriterPathBytes * 2 + 100];
-    std::snprintf(text, sizeof text,
-                  "Velmo couldn't overwrite, '%s', so the new Velmo file is called: '%s'.",
-                  w->OutputPath, w->TemporaryPath);
-    Tell(w, VelmoProgressMessage, text);
-  } else if (FileRename(w->OutputPath, w->TemporaryPath) != 0) {
-    Tell(w, VelmoProgressMessage, "Velmo couldn't rename the temporary file.");
+    OutFileDiscard(&w->Out);
+    if (w->Failed) done = OutFileWriteFailed;
+  } else {
+    done = OutFileCommit(&w->Out);
+    if (done == OutFileNotReplaced) {
+      // The finished file is kept under its temporary name rather than lost.
+      char text[2 * PathMax + 100];
+      std::snprintf(text, sizeof text,
+                    "Velmo couldn't overwrite, '%s', so the new Velmo file is called: '%s'.",
+                    w->Out.Target, w->Out.Temporary);
+      Tell(w, VelmoProgressError, text);
+    } else if (done == OutFileLost) {
+      Tell(w, VelmoProgressError, "Velmo couldn't rename the temporary file.");
+    }
   }
-  FileClose(w->File);
   w->File = nullptr;
   LeaveWrites(w);
-  const bool failed = w->Failed != 0;
+  if (result) *result = done;
   delete w;
-  return failed ? 0 : size;
+  return done == OutFileDone ? size : 0;
 }

@@ -11,6 +11,7 @@
 
 #include "format/container.h"
 #include "host/bfile.h"
+#include "host/outfile.h"
 
 // Writer flag bits (the flag word of VelmoWriterOpen).
 enum : uint32_t {
@@ -30,15 +31,15 @@ enum : uint32_t {
   VelmoWriterCheckpointBytes = 2000000,
   VelmoWriterCheckpointMs = 60000,
   VelmoWriterFileBuffer = 0x20000,
-  VelmoWriterPathBytes = 256,
   VelmoWriterMaxText = 1020,  // 1019 characters and the terminating zero
 };
 
 // Cancel states of a run.
 enum : uint32_t { VelmoRunGoing = 0, VelmoCancelDiscard = 1, VelmoCancelKeep = 2 };
 
-// Progress kinds: 1 a label for the status line, 2 a message to show.
-enum : uint32_t { VelmoProgressLabel = 1, VelmoProgressMessage = 2 };
+// Progress kinds: 1 a label for the status line, 2 a message to show, 3 a failure to show (the
+// output could not be made or put in place).
+enum : uint32_t { VelmoProgressLabel = 1, VelmoProgressMessage = 2, VelmoProgressError = 3 };
 
 struct VelmoWriter;
 // Returns non-zero to cancel. A text beginning with '@' may be suppressed by the tool.
@@ -68,8 +69,7 @@ struct VelmoWriter {
   uint64_t FileSize;
   uint32_t Failed;
   uint32_t TotalFrames, FramesWritten, ProgressFrame;
-  char OutputPath[VelmoWriterPathBytes];
-  char TemporaryPath[VelmoWriterPathBytes];
+  OutFile Out;  // the output under its temporary name; File is Out.File
   uint32_t Width, Height, FrameRateNumerator, FrameRateDenominator, Flags, Version;
   std::vector<uint32_t> FrameIndex;   // TotalFrames + 1 entries
   VelmoWriterTrack* Tracks;
@@ -92,7 +92,7 @@ struct VelmoWriter {
 };
 
 // Opens "<path>.tmp", writes the header and empty tables. Null on failure (after telling it
-// through `progress`). `version` 100 to 199; the second generation is refused. `text` may be
+// through `progress`, kind 3). `version` 100 to 199; the second generation is refused. `text` may be
 // null. `colourBlock` must be null. `tracks` (trackCount records, at most 256) are started by
 // VelmoWriterTrackStart and stay the caller's memory until the close; the writer frees their
 // encoders at its close, and leaves them to the caller when the open fails.
@@ -114,7 +114,9 @@ uint32_t VelmoWriterWriteFrame(VelmoWriter* writer, const uint8_t* video, uint32
 bool VelmoWriterCheckpoint(VelmoWriter* writer);
 // Checkpoint and flush to the disk.
 bool VelmoWriterFlush(VelmoWriter* writer);
-// Finishes (or with `discard` deletes) the file, renames it and frees the writer. Returns the
-// final file size; 0 when a write failed (the temporary file is then deleted). Frames still
-// queued in a frame loop must be pumped before.
-uint64_t VelmoWriterClose(VelmoWriter* writer, bool discard);
+// Finishes (or with `discard` deletes) the file, renames it over the output and frees the
+// writer. Returns the final file size; 0 when a write failed (the temporary file is then
+// deleted) or the rename failed (the temporary file stays, and the writer has said so). With
+// `result`, tells which (an OutFileResult). Frames still queued in a frame loop must be pumped
+// before.
+uint64_t VelmoWriterClose(VelmoWriter* writer, bool discard, uint32_t* result = nullptr);

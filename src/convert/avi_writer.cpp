@@ -76,7 +76,8 @@ struct Bytes {
 }  // namespace
 
 struct AviFile {
-  BufferedFile* file = nullptr;
+  OutFile out{};                // the file under its temporary name until the close
+  BufferedFile* file = nullptr;  // out.File
   AviVideoFormat format{};
   uint64_t riffLimit = 0;
   uint32_t capacity = 0;
@@ -389,11 +390,11 @@ AviFile* AviCreate(const char* name, const AviVideoFormat* format) {
   avi->streams[0].indexId = FourCC("ix00");
   avi->streams[1].chunkId = FourCC("01wb");
   avi->streams[1].indexId = FourCC("ix01");
-  avi->file = FileCreate(1 << 20, name, 1);
-  if (!avi->file) {
+  if (OutFileCreate(&avi->out, name, 1 << 20) != OutFileDone) {
     delete avi;
     return nullptr;
   }
+  avi->file = avi->out.File;
   std::vector<uint8_t> room(size_t(12 + avi->headerRoom), 0);
   Emit(avi, room.data(), room.size());
   StartMovi(avi);
@@ -421,16 +422,28 @@ bool AviWriteSound(AviFile* avi, const void* data, uint32_t bytes) {
 
 uint64_t AviBytes(const AviFile* avi) { return avi ? avi->position : 0; }
 
-uint64_t AviClose(AviFile* avi) {
+uint64_t AviClose(AviFile* avi, bool discard, uint32_t* result) {
+  if (result) *result = OutFileDone;
   if (!avi) return 0;
-  EndSegment(avi);
-  Bytes header;
-  BuildHeader(header, avi);
-  PatchAt(avi, 0, header);
-  if (!FileFlush(avi->file, false)) avi->failed = true;
-  const bool failed = avi->failed || avi->file->WriteError;
+  OutFileResult done = OutFileDone;
+  if (discard) {
+    OutFileDiscard(&avi->out);
+  } else {
+    EndSegment(avi);
+    Bytes header;
+    BuildHeader(header, avi);
+    PatchAt(avi, 0, header);
+    if (!FileFlush(avi->file, false)) avi->failed = true;
+    if (avi->failed || avi->file->WriteError) {
+      OutFileDiscard(&avi->out);
+      done = OutFileWriteFailed;
+    } else {
+      done = OutFileCommit(&avi->out);
+      if (done != OutFileDone) OutFileDiscard(&avi->out);
+    }
+  }
   const uint64_t size = avi->position;
-  FileClose(avi->file);
   delete avi;
-  return failed ? 0 : size;
+  if (result) *result = done;
+  return done == OutFileDone && !discard ? size : 0;
 }

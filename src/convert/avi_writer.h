@@ -4,9 +4,14 @@
 //
 // The header list is written at close, into room reserved at the start, when the stream
 // lengths and index entries are known. Stream 0 is video; stream 1 sound, when added.
+//
+// The file is written under its temporary name (host/outfile.h) and takes the target's place
+// only at a close that went well.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+
+#include "host/outfile.h"
 
 struct AviFile;
 
@@ -25,8 +30,9 @@ bool AviAddSound(AviFile* avi, uint32_t rate, uint32_t bits, uint32_t channels);
 // One video frame (a key frame). False on a write failure or a full super index.
 bool AviWriteVideo(AviFile* avi, const void* data, uint32_t bytes);
 bool AviWriteSound(AviFile* avi, const void* data, uint32_t bytes);
-// Writes the remaining indexes and headers, closes and frees. Returns the file size, or 0 when
-// anything failed on the way.
-uint64_t AviClose(AviFile* avi);
+// Writes the remaining indexes and headers, puts the file in the target's place and frees.
+// Returns the file size, or 0 when anything failed on the way (the target is then as it was).
+// With `discard` the file is dropped. `result`, when given, tells how it went (OutFileResult).
+uint64_t AviClose(AviFile* avi, bool discard = false, uint32_t* result = nullptr);
 // Bytes written so far (the current end of the file).
 uint64_t AviBytes(const AviFile* avi);

@@ -37,15 +37,10 @@ bool FileExists(const char* name) {
   return stat(name, &st) == 0;
 }
 
-uint64_t FileBytes(const char* name) {
-  struct stat st;
-  return stat(name, &st) == 0 ? uint64_t(st.st_size) : 0;
-}
-
-// The overwrite question; true when the name may be written.
-bool MayWrite(OutputWriter* w, const char* name) {
-  if (!FileExists(name)) return true;
-  char question[1200];
+// The overwrite question on `name`, asked when `exists`; true when the output may be written.
+bool MayWrite(OutputWriter* w, const char* name, bool exists) {
+  if (!exists) return true;
+  char question[OutputNameBytes + 40];
   std::snprintf(question, sizeof question, "File %s exists, overwrite?", name);
   const bool yes = w->options.ask ? w->options.ask(question, w->options.ask_context)
                                   : ToolFrameAsk(question, ToolBoxDefaultFirst) == 1;
@@ -151,9 +146,52 @@ void SetStatus(OutputWriter* w) {
   Say(w, w->status, 0);
 }
 
+void StillName(const OutputWriter* w, int number, char* name) {
+  std::snprintf(name, OutputNameBytes, w->name_pattern, number);
+}
+
+// The series as it stands on the disk: true when any of its names is taken. The question is
+// asked on the first name even when only a later one is there.
+bool SeriesExists(const OutputWriter* w) {
+  char name[OutputNameBytes];
+  for (int i = 0; i < std::max(w->frames, 1); ++i) {
+    StillName(w, i, name);
+    if (FileExists(name)) return true;
+  }
+  return false;
+}
+
+// One picture's bytes to "<name>.tmp"; the close renames it. False (and nothing left) when
+// the file could not be made or a write fell short.
+bool WriteStillFile(const char* name, const void* data, size_t size) {
+  OutFile out{};
+  if (OutFileCreate(&out, name, 1 << 16) != OutFileDone) return false;
+  const bool written = FileWrite(out.File, data, size) == size;
+  if (!OutFileClose(&out)) return false;
+  if (!written) OutFileDiscard(&out);
+  return written;
+}
+
+// Renames (or with `discard` removes) the series' temporary files; false when a rename failed,
+// and the rest are then removed.
+bool FinishStills(OutputWriter* w, bool discard) {
+  char name[OutputNameBytes], temporary[OutputNameBytes + sizeof OutFileSuffix];
+  bool ok = true;
+  for (int i = 0; i < w->stills_made; ++i) {
+    StillName(w, i, name);
+    std::snprintf(temporary, sizeof temporary, "%s%s", name, OutFileSuffix);
+    if (discard || !ok || FileRename(name, temporary) != 0) {
+      if (!discard) ok = false;
+      FileDelete(temporary);
+    }
+  }
+  w->stills_made = 0;
+  return ok;
+}
+
 int WriteStill(OutputWriter* w, const void* pixels) {
-  char name[1200];
-  std::snprintf(name, sizeof name, w->name_pattern, w->next_number++);
+  char name[OutputNameBytes];
+  StillName(w, w->next_number++, name);
   ImageWriteParams params{};
   params.format = ImageFormatOf(w->kind);
   params.keep_alpha = w->keep_alpha;
@@ -171,10 +209,18 @@ int WriteStill(OutputWriter* w, const void* pixels) {
     image.pitch = pitch * 4;
     image.kind = IMAGE_PIXELS_ARGB32;
   }
-  if (!ImageWriteFile(name, &params, &image, nullptr)) w->failed = 1;
+  void* data = nullptr;
+  size_t size = 0;
+  if (ImageWriteMemory(&params, &image, &data, &size, nullptr) &&
+      WriteStillFile(name, data, size) && w->stills_made == w->next_number - 1) {
+    w->stills_made = w->next_number;
+    w->bytes_written += size;
+  } else {
+    w->failed = 1;
+  }
+  ImageFreeMemory(data);
   if (!w->first_name[0]) std::snprintf(w->first_name, sizeof w->first_name, "%s", name);
   std::snprintf(w->last_name, sizeof w->last_name, "%s", name);
-  w->bytes_written += FileBytes(name);
   SetStatus(w);
   return w->failed ? 0 : 1;
 }
@@ -329,7 +375,8 @@ bool OpenY4m(OutputWriter* w, const char* name) {
     return false;
   }
   if (!w->y4m_stdout) {
-    w->y4m_file = FileCreate(1 << 20, name, 1);
+    OutFileCreate(&w->y4m_out, name, 1 << 20);
+    w->y4m_file = w->y4m_out.File;
     if (!w->y4m_file) {
       Say(w, "Error opening output file.", 2);
       return false;
@@ -358,7 +405,24 @@ bool OpenStills(OutputWriter* w, const char* name) {
     default:
       break;
   }
+  char first[OutputNameBytes], last[OutputNameBytes];
   if (!OutputSeriesPattern(w->name_pattern, sizeof w->name_pattern, name, w->frames)) {
+    PathTooLongText(first, sizeof first, "output", name);
+    Say(w, first, 2);
+    return false;
+  }
+  StillName(w, 0, first);
+  StillName(w, std::max(w->frames - 1, 0), last);
+  if (!OutFileNameFits(first) || !OutFileNameFits(last)) {
+    PathTooLongText(w->status, sizeof w->status, "output", last);
+    Say(w, w->status, 2);
+    return false;
+  }
+  // A folder that takes no file fails here, before any frame is made.
+  OutFile probe{};
+  const OutFileResult made = OutFileCreate(&probe, first, 0);
+  OutFileDiscard(&probe);
+  if (made != OutFileDone) {
     Say(w, "Error opening output file.", 2);
     return false;
   }
@@ -436,21 +500,28 @@ OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32
                       ? std::min(w->options.jpeg_level, 100)
                       : int(SettingsReadInt(SettingsMainSection, "JPEGLevel", 100));
   std::snprintf(w->name_pattern, sizeof w->name_pattern, "%s", name);
+  if (!stdoutStream && !OutFileNameFits(name)) {
+    PathTooLongText(w->status, sizeof w->status, "output", name);
+    Say(w, w->status, 2);
+    Free(w);
+    return nullptr;
+  }
 
+  const bool ask = !(flags & OutputFlagPromptDone);
   bool ok = true;
   if (w->kind == OutputKindAvi) {
     w->supports_alpha = w->options.codec == OutputCodecRaw;
     w->keep_alpha = (flags & OutputFlagAlpha) && w->supports_alpha;
-    ok = ((flags & OutputFlagPromptDone) || MayWrite(w, name)) && OpenAvi(w, name);
+    ok = (!ask || MayWrite(w, name, FileExists(name))) && OpenAvi(w, name);
   } else if (w->kind == OutputKindY4m) {
     w->y4m_stdout = stdoutStream;
-    ok = (stdoutStream || (flags & OutputFlagPromptDone) || MayWrite(w, name)) && OpenY4m(w, name);
+    ok = (stdoutStream || !ask || MayWrite(w, name, FileExists(name))) && OpenY4m(w, name);
   } else {
     ok = OpenStills(w, name);
-    if (ok && !(flags & OutputFlagPromptDone)) {
-      char first[1200];
-      std::snprintf(first, sizeof first, w->name_pattern, 0);
-      ok = MayWrite(w, first);
+    if (ok && ask) {
+      char first[OutputNameBytes];
+      StillName(w, 0, first);
+      ok = MayWrite(w, first, SeriesExists(w));
     }
     w->keep_alpha = (flags & OutputFlagAlpha) && w->supports_alpha;
   }
@@ -465,8 +536,8 @@ OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32
     if (!ok) Say(w, MemoryText, 2);
   }
   if (!ok) {
-    if (w->avi) AviClose(w->avi);
-    if (w->y4m_file) FileClose(w->y4m_file);
+    if (w->avi) AviClose(w->avi, true);
+    OutFileDiscard(&w->y4m_out);
     Free(w);
     return nullptr;
   }
@@ -521,19 +592,26 @@ int OutputWriteSound(OutputWriter* w, const void* bytes, uint32_t count) {
   return 1;
 }
 
-uint64_t OutputClose(OutputWriter* w) {
+uint64_t OutputClose(OutputWriter* w, bool discard, uint32_t* result) {
+  if (result) *result = OutFileDone;
   if (!w) return 0;
+  // A failed frame leaves the run unfinished: nothing of it takes the old files' place.
+  discard = discard || w->failed;
+  uint32_t done = OutFileDone;
   if (w->avi) {
-    const uint64_t size = AviClose(w->avi);
-    if (!size) w->failed = 1;
-    w->bytes_written = size;
-  }
-  if (w->y4m_file) {
-    FileClose(w->y4m_file);
+    w->bytes_written = AviClose(w->avi, discard, &done);
   } else if (w->y4m_stdout) {
-    std::fflush(stdout);
+    if (std::fflush(stdout) != 0) done = OutFileWriteFailed;
+  } else if (w->kind == OutputKindY4m) {
+    if (discard) OutFileDiscard(&w->y4m_out);
+    else done = OutFileCommit(&w->y4m_out);
+    if (done == OutFileNotReplaced) OutFileDiscard(&w->y4m_out);
+  } else if (!FinishStills(w, discard)) {
+    done = OutFileNotReplaced;
   }
-  const uint64_t bytes = w->bytes_written;
+  if (w->failed) done = OutFileWriteFailed;
+  const uint64_t bytes = done == OutFileDone && !discard ? w->bytes_written : 0;
+  if (result) *result = done;
   Free(w);
   return bytes;
 }
@@ -541,21 +619,21 @@ uint64_t OutputClose(OutputWriter* w) {
 // ---- Wave files ----------------------------------------------------------------------------
 
 struct WaveFile {
-  BufferedFile* file;
+  OutFile out;
+  BufferedFile* file;  // out.File
   bool raw;
   bool failed;
 };
 
 WaveFile* WaveCreate(const char* name, uint32_t rate, uint32_t bits, uint32_t channels, bool raw) {
   if (!name || !rate || !channels || (bits != 8 && bits != 16)) return nullptr;
-  BufferedFile* file = FileCreate(16384, name, 1);
-  if (!file) return nullptr;
   WaveFile* wave = static_cast<WaveFile*>(std::calloc(1, sizeof(WaveFile)));
-  if (!wave) {
-    FileClose(file);
+  if (!wave) return nullptr;
+  if (OutFileCreate(&wave->out, name, 16384) != OutFileDone) {
+    std::free(wave);
     return nullptr;
   }
-  wave->file = file;
+  BufferedFile* file = wave->file = wave->out.File;
   wave->raw = raw;
   if (!raw) {
     const uint32_t align = channels * bits / 8;
@@ -581,19 +659,26 @@ bool WaveWrite(WaveFile* wave, const void* data, size_t bytes) {
   return !wave->failed;
 }
 
-uint64_t WaveClose(WaveFile* wave) {
+uint64_t WaveClose(WaveFile* wave, bool discard, uint32_t* result) {
+  if (result) *result = OutFileDone;
   if (!wave) return 0;
   const uint64_t size = FileTell(wave->file);
-  if (!wave->raw) {
-    FileSeek(wave->file, 4);
-    FileWriteLong(wave->file, uint32_t(std::min<uint64_t>(size - 8, 0xFFFFFFFF)));
-    FileSeek(wave->file, 40);
-    FileWriteLong(wave->file, uint32_t(std::min<uint64_t>(size - 44, 0xFFFFFFFF)));
-    FileSeek(wave->file, size);
+  OutFileResult done = OutFileDone;
+  if (discard || wave->failed) {
+    OutFileDiscard(&wave->out);
+    if (wave->failed) done = OutFileWriteFailed;
+  } else {
+    if (!wave->raw) {
+      FileSeek(wave->file, 4);
+      FileWriteLong(wave->file, uint32_t(std::min<uint64_t>(size - 8, 0xFFFFFFFF)));
+      FileSeek(wave->file, 40);
+      FileWriteLong(wave->file, uint32_t(std::min<uint64_t>(size - 44, 0xFFFFFFFF)));
+      FileSeek(wave->file, size);
+    }
+    done = OutFileCommit(&wave->out);
+    if (done == OutFileNotReplaced) OutFileDiscard(&wave->out);
   }
-  if (!FileFlush(wave->file, false) || wave->file->WriteError) wave->failed = true;
-  const bool failed = wave->failed;
-  FileClose(wave->file);
   std::free(wave);
-  return failed ? 0 : size;
+  if (result) *result = done;
+  return done == OutFileDone && !discard ? size : 0;
 }

@@ -2,6 +2,10 @@
 // series of still images (PNG, TGA, BMP, JPEG, TIFF, OpenEXR), or a YUV4MPEG2 stream. The
 // extension of the output name alone picks the kind.
 //
+// Every file is written under a temporary name (host/outfile.h) and takes its target's place
+// only when the writer closes after a run that went well: the files of a still series are
+// renamed together at the close, so a failed or cancelled run leaves the old files as they were.
+//
 // Frames come as 32-bit ARGB pixels (A in the top byte), or four floats R, G, B, A a pixel
 // with flag 0x10. `pixels` points at the top row in display order and `pitch` counts pixels
 // from one display row to the next (negative for bottom-up memory).
@@ -9,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/outfile.h"
 #include "host/progress.h"
 
 // Asks whether an existing file may be replaced; true for yes.
@@ -55,11 +60,13 @@ struct OutputOptions {
 
 struct AviFile;
 
+inline constexpr size_t OutputNameBytes = PathBytes + 16;  // a series adds its number
+
 struct OutputWriter {
-  char name_pattern[1024];  // printf pattern of the series, or the file name
-  char first_name[1200];
-  char last_name[1200];
-  char status[2500];
+  char name_pattern[OutputNameBytes];  // printf pattern of the series, or the file name
+  char first_name[OutputNameBytes];
+  char last_name[OutputNameBytes];
+  char status[2 * OutputNameBytes + 8];
   int true_colour;
   int keep_alpha;
   int width, height;
@@ -87,8 +94,11 @@ struct OutputWriter {
   int sound_open;
   uint32_t sound_rate, sound_bits, sound_channels, block_align, bytes_per_second;
   uint64_t sound_allowance, sound_lead, sound_written;
+  // Stills: files 0 to stills_made - 1 wait under their temporary names.
+  int stills_made;
   // y4m
-  struct BufferedFile* y4m_file;
+  OutFile y4m_out;
+  struct BufferedFile* y4m_file;  // y4m_out.File
   int y4m_stdout;
 };
 
@@ -100,17 +110,21 @@ int OutputWriteFrame(OutputWriter* writer, const void* pixels, const uint32_t* p
 // Bytes of sound wanted now, whole samples; 0 for a writer that takes no sound.
 uint32_t OutputSoundWanted(OutputWriter* writer, uint32_t rate, uint32_t bits, uint32_t channels);
 int OutputWriteSound(OutputWriter* writer, const void* bytes, uint32_t count);
-// Finishes and frees the writer; returns the bytes of output.
-uint64_t OutputClose(OutputWriter* writer);
+// Finishes and frees the writer: the files take their targets' places. Returns the bytes of
+// output, 0 when that failed (the old files are then as they were). With `discard` (a cancel or
+// a failure of the run) nothing is put in place. `result`, when given, tells how the files went
+// (an OutFileResult).
+uint64_t OutputClose(OutputWriter* writer, bool discard = false, uint32_t* result = nullptr);
 
 // The series name rule: `name` with every occurrence of its extension removed, a number field
 // sized by the frame count, then the extension. Returns false when dest is too small.
 bool OutputSeriesPattern(char* dest, size_t destSize, const char* name, int frames);
 
 // Wave (or raw sample) files of the sound-only conversion: a 44-byte header with zero lengths,
-// the data, and the lengths filled in at the end.
+// the data, and the lengths filled in at the end. Written under a temporary name like the rest.
 struct WaveFile;
 WaveFile* WaveCreate(const char* name, uint32_t rate, uint32_t bits, uint32_t channels, bool raw);
 bool WaveWrite(WaveFile* wave, const void* data, size_t bytes);
-// Returns the file's size, 0 when a write failed.
-uint64_t WaveClose(WaveFile* wave);
+// Returns the file's size, 0 when a write or the rename failed or with `discard`; `result` as
+// for OutputClose.
+uint64_t WaveClose(WaveFile* wave, bool discard = false, uint32_t* result = nullptr);

@@ -104,6 +104,7 @@ const char AudioHelpText[] =
 
 const char Caption[] = "Velmo Converter";
 const char DiskFullText[] = "Error writing to disk - probably out of disk space.";
+const char NotReplacedText[] = "Couldn't put the new file in the place of the output file.";
 
 // ---- The run record, shared with the timer and the dialog ------------------------------------
 
@@ -298,6 +299,18 @@ bool MayOverwrite(const VelmoConvSettings& s) {
   return ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) == 1;
 }
 
+// The run's code once its output was closed (an OutFileResult): the last writes and the rename
+// happen at the close, so a run that went well may still fail there.
+int CloseCode(int code, uint32_t closed) {
+  if (code != ToolExitDone || closed == OutFileDone) return code;
+  if (closed == OutFileWriteFailed) {
+    ToolFrameError(DiskFullText);
+    return ToolExitDiskWriteError;
+  }
+  ToolFrameError(NotReplacedText);
+  return ToolExitOutputError;
+}
+
 // Sound only: the sound goes to a wave file (or bare samples for ".raw"), 16384 bytes at a time.
 int ConvertSound(Job& job, SoundInput* sound) {
   const VelmoConvSettings& s = job.settings;
@@ -332,12 +345,10 @@ int ConvertSound(Job& job, SoundInput* sound) {
   }
   StopTicks(job);
   SoundClose(sound);
-  const uint64_t size = WaveClose(out);
-  if (code == ToolExitDone && !size) {
-    ToolFrameError(DiskFullText);
-    code = ToolExitDiskWriteError;
-  }
   if (code == ToolExitDone && job.cancel) code = ToolExitCancelled;
+  uint32_t closed = OutFileDone;
+  const uint64_t size = WaveClose(out, code != ToolExitDone, &closed);
+  code = CloseCode(code, closed);
   if (code == ToolExitDone) ShowTotals(job, job.count, "bytes written", size);
   return code;
 }
@@ -348,11 +359,12 @@ struct VideoRun {
   SoundInput* sound = nullptr;
   MediaInput* input = nullptr;
   OutputWriter* writer = nullptr;
-  // Sound, input and writer are closed in that order.
+  // Sound, input and writer are closed in that order; a writer still here belongs to a run that
+  // ended early, and nothing of it takes the output's place.
   ~VideoRun() {
     if (sound) SoundClose(sound);
     if (input) MediaClose(input);
-    if (writer) OutputClose(writer);
+    if (writer) OutputClose(writer, true);
   }
 };
 
@@ -478,14 +490,11 @@ int ConvertVideo(Job& job) {
   run.sound = nullptr;
   MediaClose(run.input);
   run.input = nullptr;
-  const bool avi = run.writer->kind == OutputKindAvi;
-  const uint64_t bytes = OutputClose(run.writer);
-  run.writer = nullptr;
   if (code == ToolExitDone && job.cancel) code = ToolExitCancelled;
-  if (code == ToolExitDone && avi && !bytes) {  // the AVI's indexes and headers did not fit
-    ToolFrameError(DiskFullText);
-    code = ToolExitDiskWriteError;
-  }
+  uint32_t closed = OutFileDone;
+  const uint64_t bytes = OutputClose(run.writer, code != ToolExitDone, &closed);
+  run.writer = nullptr;
+  code = CloseCode(code, closed);
   if (code == ToolExitDone) ShowTotals(job, frames, "frames converted", bytes);
   return code;
 }
@@ -567,6 +576,8 @@ int VelmoConvMain(char* commandTail, ToolDialog* dialog) {
     return ToolExitBadSwitches;
   }
   VelmoConvCompleteOutput(&s);
+  // Names the system cannot take are refused before anything is read or written.
+  if (const int refused = ToolRefuseLongNames(s.input, s.output)) return refused;
   int code;
   if (s.sound_only) {
     SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), {Message, &job});

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "host/switches.h"
+#include "host/outfile.h"
 #include "host/toolframe.h"
 #include "media/media.h"
 
@@ -20,8 +21,8 @@ struct VelmoConvSettings {
   int32_t start_ms, end_ms;  // /J /K
   int32_t rate, bits, channels;  // /R /B /C
   int32_t format_option;  // /P: AVI codec (0 raw, 1 Motion-JPEG) or y4m chroma (420, 444)
-  char input[1024];
-  char output[1024];
+  char input[PathBytes];
+  char output[PathBytes];
   SwitchErrors errors;    // the value of a switch that was refused, by name
 };
 

@@ -9,7 +9,7 @@ inline constexpr int FileClosed = -1;
 inline constexpr uint64_t FileSizeUnknown = ~0ull;
 inline constexpr uint64_t FilePosInvalid = ~0ull;
 inline constexpr uint32_t FileModeReadOnly = 250;
-inline constexpr size_t FileNameBytes = 256;
+inline constexpr size_t FileNameBytes = 4096;  // any path the system takes
 
 struct BufferedFile {
   int Handle;             // system file descriptor, FileClosed when closed

@@ -2,6 +2,8 @@
 // the main loop that the front ends step.
 #include "host/toolframe.h"
 
+#include "host/signals.h"
+
 #include <pthread.h>
 #include <strings.h>
 #include <unistd.h>
@@ -107,6 +109,7 @@ struct ToolDialog {
   std::vector<Control> controls;
   std::vector<ToolBox*> boxes;  // open boxes, top last
   int closesHandled = 0;
+  bool stopHandled = false;  // a SIGINT or SIGTERM has been handed to the tool as its Cancel
 
   // Timer 1.
   ToolTimerCallback timerCallback = nullptr;
@@ -283,11 +286,20 @@ void ReleaseAnsweredBoxes(ToolDialog* d) {
   if (any) d->answered.notify_all();
 }
 
+// A SIGINT or SIGTERM reaches the tool as the close box once its run record is there (its
+// command handler needs it); ToolFrameConfirmCancel then says yes without asking.
+void HandleStopSignal(ToolDialog* d) {
+  if (d->stopHandled || !SignalStopRequests() || !ToolFrameState(d)) return;
+  d->stopHandled = true;
+  HandleClose(d);
+}
+
 // One turn of the main loop: input and drawing, then what was posted, then the timer.
 void RunOnce(ToolDialog* d) {
   const ToolFrontEnd* fe = ToolFrameFrontEnd();
   fe->step(d, MsUntilTimer(d));
   ReleaseAnsweredBoxes(d);
+  HandleStopSignal(d);
   for (;;) {
     Post p;
     {
@@ -388,6 +400,7 @@ void ResetFrame(ToolDialog* d) {
   d->waiters.clear();
   d->queue.clear();
   d->closesHandled = 0;
+  d->stopHandled = false;
   d->timerCallback = nullptr;
   d->timerMs = 0;
   d->exitValue = 0;
@@ -536,16 +549,20 @@ int ToolFrameRun(void* instance, intptr_t parentWindow, const char* commandTail,
     return 0;
   }
 
+  // After the front end has opened: the shell's handlers replace any it set for itself.
+  SignalsInstall();
   WorkerArgs args{mainRoutine, commandTail ? commandTail : ""};
   pthread_t worker;
   if (!StartWorker(&worker, &args)) {
     DestroyDialog(d);
+    SignalsRestore();
     d->running = false;
     return ToolExitCancelled;
   }
   while (d->alive) RunOnce(d);
   ServeUntilWorkerEnds(d);
   pthread_join(worker, nullptr);
+  SignalsRestore();
   d->running = false;
   ReleaseState(d);
   return d->exitValue;
@@ -657,8 +674,11 @@ static void OneButtonBox(const char* text, int icon) {
 void ToolFrameError(const char* text) { OneButtonBox(text, ToolIconStop); }
 void ToolFrameWarn(const char* text) { OneButtonBox(text, ToolIconWarning); }
 
+bool ToolFrameStopRequested() { return g_frame.running && SignalStopRequests() > 0; }
+
 bool ToolFrameConfirmCancel(const char* question, const char* finishedText,
                             const volatile int* runFinished) {
+  if (ToolFrameStopRequested()) return !(runFinished && *runFinished);
   if (ToolFrameAsk(question, ToolBoxDefaultFirst) != 1) return false;
   if (runFinished && *runFinished) {
     ToolFrameTell(finishedText, 0);

@@ -161,8 +161,12 @@ void ToolFrameError(const char* text);
 void ToolFrameWarn(const char* text);
 
 // ---- The cancel pattern of the tools --------------------------------------------------------
-// Asks `question` (Yes/No, Yes default). Returns true when the user said Yes while the run was
-// still going (the caller then sets its cancel flag). When the run finished while the box was
+// A SIGINT or SIGTERM during a run is the tool's Cancel: the frame hands it to the command
+// handler as the close box, and the questions below answer themselves (cancel, keep nothing).
+// True from such a signal to the end of the run.
+bool ToolFrameStopRequested();
+// Asks `question` (Yes/No, Yes default), or after a stop signal takes Yes without asking.
+// Returns true when the user said Yes while the run was still going (the caller then sets its cancel flag). When the run finished while the box was
 // up (`*runFinished` nonzero), tells `finishedText` and returns false.
 bool ToolFrameConfirmCancel(const char* question, const char* finishedText,
                             const volatile int* runFinished);

@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/outfile.h"
 #include "host/progress.h"
 #include "process/pixel_fetch.h"
 #include "process/scaler.h"
@@ -78,7 +79,7 @@ enum MediaOpenFlag : uint32_t {
 
 // Frame limits: sizes that fit the pipeline's 32-bit arithmetic with room to spare.
 inline constexpr uint32_t MediaMaxSide = 16384;
-inline constexpr size_t MediaNameBytes = 1024;
+inline constexpr size_t MediaNameBytes = PathBytes;  // any path the system takes
 
 struct SwitchErrors;
 struct MediaInput;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "host/outfile.h"
 #include "host/progress.h"
 
 struct SwitchErrors;
@@ -19,7 +20,7 @@ enum SoundKind : uint32_t {
 };
 
 struct SoundInput {
-  char file_name[1024];
+  char file_name[PathBytes];
   // "Wave", "Raw", "AVI", "FLAC", "Ogg Vorbis", "Velmo track", "List"
   const char* type_name;
   int at_end;

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <vector>
 
+#include "host/outfile.h"
 #include "host/quietframe.h"
 #include "host/switches.h"
 #include "host/textformat.h"
@@ -317,15 +318,21 @@ int OrnFileInfoMain(void* instance, void*, char* commandTail, int) {
   const intptr_t parent = SwitchNumber(commandTail, '#', 0);
   const bool closeFlag = SwitchFlag(commandTail, '#');
   QuietFrameInit(instance, parent, closeFlag ? 1 : 0);
-  char name[1024];
+  char name[PathBytes];
   TakeName(name, sizeof name, commandTail);
   if (!name[0]) {
     QuietFrameBox("Syntax:  ORNInfo <File>", "ORN File Info...", ToolIconStop);
     return 8002;
   }
+  if (!PathFits(name)) {  // the whole name, never a cut-short one that may name another file
+    char text[400];
+    PathTooLongText(text, sizeof text, "input", name);
+    QuietFrameBox(text, "ORN File Info...", ToolIconStop);
+    return 8002;
+  }
   std::string text, reason;
   const bool read = OrnFileInfoRead(name, &text, &reason);
-  char caption[1200];
+  char caption[PathBytes + 20];
   std::snprintf(caption, sizeof caption, "Information on %s", name);
   if (!text.empty()) {
     if (ConsoleInUse()) {

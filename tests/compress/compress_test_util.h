@@ -84,10 +84,12 @@ struct TestCompression {
   }
 };
 
-// The writer's messages, collected by its progress function (user data: a WriterLog).
+// The writer's messages and failures, collected by its progress function (user data: a
+// WriterLog).
 using WriterLog = std::vector<std::string>;
 inline int LogWriterMessages(uint32_t kind, VelmoWriter* w, const char* text) {
-  if (kind == VelmoProgressMessage) static_cast<WriterLog*>(w->UserData)->push_back(text);
+  if (kind == VelmoProgressMessage || kind == VelmoProgressError)
+    static_cast<WriterLog*>(w->UserData)->push_back(text);
   return 0;
 }
 

@@ -128,7 +128,7 @@ struct Messages {
 };
 int Collect(uint32_t kind, const char* text, void* user) {
   Messages* m = static_cast<Messages*>(user);
-  if (kind == 2) {
+  if (kind == VelmoProgressMessage || kind == VelmoProgressError) {
     m->Texts.push_back(text);
     return 0;
   }
@@ -312,13 +312,14 @@ TEST(VelmoMixFailure, OutputThatCannotBeReplacedOrCreated) {
   const std::string in = dir / "in.vlm";
   const std::vector<uint8_t> input = BuildInput({});
   WriteFile(in, input);
-  // An output name held by a directory with something in it cannot be deleted: the mix stays
-  // under its temporary name, and says so.
+  // An output name held by a directory with something in it cannot be replaced: the mix fails
+  // as an output that could not be made, stays under its temporary name, and says so.
   const std::string out = dir / "taken.vlm";
   ASSERT_EQ(mkdir(out.c_str(), 0755), 0);
   WriteText(out + "/keep", "x");
   MixRun run;
-  EXPECT_EQ(run.Run(in, out, {Removal(0)}), input.size());
+  EXPECT_EQ(run.Run(in, out, {Removal(0)}), 0u);
+  EXPECT_EQ(run.Progress.Failure, uint32_t(VelmoMixFailedOutput));
   ASSERT_EQ(run.Msg.Texts.size(), 1u);
   EXPECT_EQ(run.Msg.Texts[0], "Velmo couldn't overwrite, '" + out +
                                   "', so the new Velmo file is called: '" + out + ".tmp'.");
@@ -326,6 +327,7 @@ TEST(VelmoMixFailure, OutputThatCannotBeReplacedOrCreated) {
   // No temporary file in a folder that does not exist.
   MixRun none;
   EXPECT_EQ(none.Run(in, dir / "nowhere/out.vlm", {Removal(0)}), 0u);
+  EXPECT_EQ(none.Progress.Failure, uint32_t(VelmoMixFailedOutput));
   ASSERT_EQ(none.Msg.Texts.size(), 1u);
   EXPECT_EQ(none.Msg.Texts[0].rfind("Couldn't create temporary file.\n\nSome possible reasons", 0), 0u);
   EXPECT_NE(none.Msg.Texts[0].find("3) mixing multiple files to the same Velmo output filename."),

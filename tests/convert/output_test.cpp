@@ -6,11 +6,13 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "convert/output.h"
+#include "host/bfile.h"
 #include "imagefile/imagefile.h"
 #include "program_test_support.h"
 #include "support/progress_log.h"
@@ -625,3 +627,108 @@ TEST_F(OutputTest, WaveHeaderLengthsAndData) {
 }
 
 }  // namespace
+
+// ---- Whole or nothing ------------------------------------------------------------------------
+
+namespace {
+
+// A disk with room for g_room bytes of any one file.
+uint64_t g_room = 0;
+size_t FullDisk(uint64_t position, size_t bytes) {
+  return position >= g_room ? 0 : size_t(std::min<uint64_t>(bytes, g_room - position));
+}
+
+}  // namespace
+
+// Every kind of output, over files that are there: a full disk at any point (while frames go
+// out, or only when the headers and indexes are written at the close) and a cancel leave the
+// old files byte for byte and no temporary file; a run that goes well replaces them all.
+TEST_F(OutputTest, OldFilesStayUntilARunEndsWell) {
+  const struct {
+    const char* name;
+    std::vector<std::string> files;
+  } kinds[] = {
+      {"w.avi", {"w.avi"}},
+      {"w.y4m", {"w.y4m"}},
+      {"w.png", {"w0.png", "w1.png", "w2.png"}},
+      {"w.exr", {"w0.exr", "w1.exr", "w2.exr"}},
+  };
+  for (const auto& kind : kinds) {
+    SCOPED_TRACE(kind.name);
+    std::map<std::string, std::vector<uint8_t>> old;
+    for (const std::string& f : kind.files) {
+      WriteText(Path(f), "old " + f);
+      old[f] = ReadFile(Path(f));
+    }
+    auto expectOld = [&](const char* what) {
+      for (const std::string& f : kind.files) {
+        EXPECT_TRUE(ReadFile(Path(f)) == old[f]) << what << ": " << f;
+        EXPECT_FALSE(Exists(Path(f) + ".tmp")) << what << ": " << f;
+      }
+    };
+    // A run of three frames: the bytes its close reports, and how the close went.
+    auto run = [&](bool cancel, uint32_t* result) {
+      OutputWriter* out = Open(kind.name, 3, 24, 16, OutputFlagPromptDone);
+      if (!out) return uint64_t(0);
+      bool ok = true;
+      for (int n = 0; n < 3 && ok; ++n) ok = OutputWriteFrame(out, Frame(24, 16, n).data(), nullptr) == 1;
+      return OutputClose(out, cancel || !ok, result);
+    };
+    uint32_t result = OutFileDone;
+    // Full at once, and after a little. The single files are smaller than their writers'
+    // buffers, so for them the failing writes are those of the close.
+    for (const uint64_t room : {uint64_t(0), uint64_t(100)}) {
+      SCOPED_TRACE(room);
+      g_room = room;
+      FileSetWriteFilter(FullDisk);
+      EXPECT_EQ(run(false, &result), 0u);
+      FileSetWriteFilter(nullptr);
+      EXPECT_EQ(result, uint32_t(OutFileWriteFailed));
+      expectOld("full disk");
+    }
+    EXPECT_EQ(run(true, &result), 0u);
+    expectOld("cancel");
+    EXPECT_GT(run(false, &result), 0u);
+    EXPECT_EQ(result, uint32_t(OutFileDone));
+    for (const std::string& f : kind.files) {
+      EXPECT_FALSE(ReadFile(Path(f)) == old[f]) << f << " was not replaced";
+      EXPECT_FALSE(Exists(Path(f) + ".tmp")) << f;
+    }
+  }
+  // The wave writer likewise.
+  WriteText(Path("w.wav"), "old wave");
+  const std::vector<uint8_t> oldWave = ReadFile(Path("w.wav"));
+  const std::vector<uint8_t> samples(40000, 7);
+  for (const bool full : {true, false}) {
+    g_room = 1000;
+    if (full) FileSetWriteFilter(FullDisk);
+    WaveFile* wave = WaveCreate(Path("w.wav").c_str(), 8000, 8, 1, false);
+    ASSERT_NE(wave, nullptr);
+    const bool written = WaveWrite(wave, samples.data(), samples.size());
+    uint32_t result = OutFileDone;
+    EXPECT_EQ(WaveClose(wave, full ? false : true, &result), 0u);
+    FileSetWriteFilter(nullptr);
+    EXPECT_EQ(result, full ? uint32_t(OutFileWriteFailed) : uint32_t(OutFileDone));
+    EXPECT_EQ(written, !full);
+    EXPECT_TRUE(ReadFile(Path("w.wav")) == oldWave);
+    EXPECT_FALSE(Exists(Path("w.wav.tmp")));
+  }
+}
+
+// The overwrite question of a series is asked on its first name whenever any of its names is
+// taken, before anything is written; No leaves every file as it was.
+TEST_F(OutputTest, ASeriesAsksWhenAnyOfItsNamesIsTaken) {
+  WriteText(Path("q07.png"), "taken");
+  ask.answer = false;
+  EXPECT_EQ(Open("q.png", 11, 8, 8), nullptr);
+  ASSERT_EQ(ask.questions.size(), 1u);
+  EXPECT_EQ(ask.questions[0], "File " + Path("q00.png") + " exists, overwrite?");
+  EXPECT_EQ(ReadText(Path("q07.png")), "taken");
+  EXPECT_FALSE(Exists(Path("q00.png")));
+  // With all names free nobody is asked.
+  ask.questions.clear();
+  OutputWriter* out = Open("free.png", 11, 8, 8);
+  ASSERT_NE(out, nullptr);
+  EXPECT_TRUE(ask.questions.empty());
+  OutputClose(out, true);
+}

@@ -274,32 +274,50 @@ TEST_F(ConsoleShell, PostedTextsKeepTheirOrder) {
   EXPECT_LT(std::count(out.begin(), out.end(), '\n'), 50);
 }
 
-// Interrupts itself as a user at the terminal would, then runs on until told to stop, and
-// lingers a little so that an early return of the frame would show.
+// Sends itself a stop signal (SIGINT as a user at the terminal would, or SIGTERM as a system
+// shutting down does), then runs on until told to stop, and lingers a little so that an early
+// return of the frame would show.
+int g_stopSignal = SIGINT;
 int InterruptedTool(char*, ToolDialog*) {
-  kill(getpid(), SIGINT);
+  kill(getpid(), g_stopSignal);
   for (int i = 0; i < 500 && !g_seen->cancel; i++) std::this_thread::sleep_for(10ms);
   std::this_thread::sleep_for(150ms);
   g_seen->workerReturned = true;
   return g_seen->cancel ? ToolExitCancelled : 0;
 }
 
-TEST_F(ConsoleShell, CtrlCGoesToTheHandlerAndTheFrameWaitsForTheWorker) {
-  ToolFrameSetHook(RecordFinish);
-  auto start = std::chrono::steady_clock::now();
-  const auto [code, out] = RunFrame(InterruptedTool, CancelHandler);
-  auto took = std::chrono::steady_clock::now() - start;
-  EXPECT_EQ(code, ToolExitCancelled);
-  EXPECT_TRUE(seen.workerReturned);
-  EXPECT_GE(took, 150ms);
-  EXPECT_EQ(seen.handlerCalls, 1);
-  EXPECT_EQ(seen.handlerOffMain, 0);
-  EXPECT_EQ(seen.doneButton, "Cancelling...");
-  EXPECT_NE(out.find("Cancel the test?"), std::string::npos) << out;
-  // The frame gives the signal back when it ends.
-  struct sigaction now {};
-  sigaction(SIGINT, nullptr, &now);
-  EXPECT_EQ(now.sa_handler, SIG_DFL);
+// The tool's run record, which the frame waits for before it hands a stop signal over.
+int g_record = 0;
+int RecordedInterruptedTool(char* tail, ToolDialog* dialog) {
+  ToolFrameSetState(dialog, &g_record, nullptr);
+  return InterruptedTool(tail, dialog);
+}
+
+TEST_F(ConsoleShell, AStopSignalIsTheCancelWithoutQuestions) {
+  for (const int number : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(number);
+    Reset(&seen);
+    seen.cancel = 0;
+    seen.handlerCalls = 0;
+    ToolFrameSetHook(RecordFinish);
+    g_stopSignal = number;
+    auto start = std::chrono::steady_clock::now();
+    const auto [code, out] = RunFrame(RecordedInterruptedTool, CancelHandler);
+    auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(code, ToolExitCancelled);
+    EXPECT_TRUE(seen.workerReturned);
+    EXPECT_GE(took, 150ms);
+    EXPECT_EQ(seen.handlerCalls, 1);
+    EXPECT_EQ(seen.handlerOffMain, 0);
+    EXPECT_EQ(seen.doneButton, "Cancelling...");
+    // Nobody is asked: a signal cannot answer, and a script that sends one means it.
+    EXPECT_EQ(out.find("Cancel the test?"), std::string::npos) << out;
+    EXPECT_FALSE(ToolFrameStopRequested());
+    // The frame gives the signal back when it ends.
+    struct sigaction now {};
+    sigaction(number, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_DFL);
+  }
 }
 
 // A handler that answers No keeps everything running: the tool then ends well.

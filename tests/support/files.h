@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -38,6 +39,19 @@ class ScratchDir {
  private:
   bool made_ = false;
 };
+
+// Makes folders inside `base`, one in another, until the path of the innermost is at least
+// `length` bytes long, and returns it; names stay under the system's 255 bytes a component.
+inline std::string NestedFolder(const std::string& base, size_t length) {
+  std::string path = base;
+  for (int level = 0; path.size() < length; ++level) {
+    const size_t part = std::min<size_t>(100, length - path.size());
+    path += "/" + std::string(std::max<size_t>(part, 2) - 1, char('a' + level % 26));
+    std::error_code ignored;
+    std::filesystem::create_directory(path, ignored);
+  }
+  return path;
+}
 
 inline bool Exists(const std::string& name) { return access(name.c_str(), F_OK) == 0; }
 

@@ -1,5 +1,6 @@
-// Running tools in tests: the real program as a child process on the console front end, or a
-// tool's routines behind the tool shell in this process. Either way the result is the exit code
+// Running tools in tests: the real program as a child process on the console front end (at
+// once, or started and collected later so that a test can signal it meanwhile), or a tool's
+// routines behind the tool shell in this process. Either way the result is the exit code
 // and what the tool printed (its message boxes included).
 #pragma once
 #include <fcntl.h>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -56,19 +58,32 @@ inline std::vector<char*> CStrings(std::vector<std::string>& strings) {
   return out;
 }
 
-// Runs `program` with `args` and no display (ORN_CONSOLE=1), standard input from /dev/null,
-// in the environment of ProgramEnvironment(env).
-inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
-                              const std::vector<std::string>& env = {}) {
+// A program started by StartProgram: its process and the read end of its output.
+struct RunningProgram {
+  pid_t pid = -1;
+  int output = -1;
+};
+
+// Starts `program` with `args` and no display, standard input from /dev/null, in the
+// environment of ProgramEnvironment(env); returns at once. With `fileSizeLimit` (bytes, a
+// multiple of 512) the program runs under that file size limit, as `ulimit -f` sets it.
+// FinishProgram collects it.
+inline RunningProgram StartProgram(const std::string& program, const std::vector<std::string>& args,
+                                   const std::vector<std::string>& env = {},
+                                   uint64_t fileSizeLimit = 0) {
   std::vector<std::string> vars = ProgramEnvironment(env);
   std::vector<char*> envp = CStrings(vars);
+  // The limit is set by the shell, which then becomes the program (same process).
   std::vector<std::string> argStore = {program};
+  if (fileSizeLimit)
+    argStore = {"/bin/sh", "-c", "ulimit -f " + std::to_string(fileSizeLimit / 512) + " && exec \"$0\" \"$@\"",
+                program};
   argStore.insert(argStore.end(), args.begin(), args.end());
   std::vector<char*> argv = CStrings(argStore);
 
-  ToolOutcome result;
+  RunningProgram started;
   int out[2];
-  if (pipe(out) != 0) return result;
+  if (pipe(out) != 0) return started;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
@@ -76,21 +91,39 @@ inline ToolOutcome RunProgram(const std::string& program, const std::vector<std:
   posix_spawn_file_actions_adddup2(&actions, out[1], 2);
   posix_spawn_file_actions_addclose(&actions, out[0]);
   pid_t pid;
-  const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  const int rc = posix_spawn(&pid, argStore[0].c_str(), &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   close(out[1]);
   if (rc != 0) {
     close(out[0]);
-    return result;
+    return started;
   }
+  started.pid = pid;
+  started.output = out[0];
+  return started;
+}
+
+// Reads what the program prints until it ends, and waits for it. The code is its exit status,
+// or 128 plus the signal that ended it.
+inline ToolOutcome FinishProgram(RunningProgram& running) {
+  ToolOutcome result;
+  if (running.pid < 0) return result;
   char buffer[4096];
   ssize_t n;
-  while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.output.append(buffer, size_t(n));
-  close(out[0]);
+  while ((n = read(running.output, buffer, sizeof buffer)) > 0) result.output.append(buffer, size_t(n));
+  close(running.output);
   int status = 0;
-  waitpid(pid, &status, 0);
+  waitpid(running.pid, &status, 0);
   result.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  running = RunningProgram{};
   return result;
+}
+
+// StartProgram and FinishProgram in one.
+inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
+                              const std::vector<std::string>& env = {}, uint64_t fileSizeLimit = 0) {
+  RunningProgram running = StartProgram(program, args, env, fileSizeLimit);
+  return FinishProgram(running);
 }
 
 // Runs a shell command line; its exit status, with its standard output in `output`.

@@ -161,6 +161,10 @@ void ProgressTick(ToolDialog* dialog) {
 int WriterProgress(uint32_t kind, VelmoWriter* w, const char* text) {
   Run& r = *static_cast<Run*>(w->UserData);
   const uint32_t graphics = r.s.Graphics;
+  if (kind == VelmoProgressError) {
+    ToolFrameError(text);
+    return 0;
+  }
   if (kind == VelmoProgressMessage) {
     if (text[0] == '@') {
       if ((graphics / 10000) % 10 & 1) return 0;
@@ -697,6 +701,10 @@ int FrameLoop(Run& r) {
 int Compress(Run& r, char* commandTail) {
   r.startMs = r.lastElapsedMs = TimerMs();
   if (!VelmocParseSwitches(commandTail, &r.s)) return SyntaxError(r.s.Errors);
+  // Names the system cannot take are refused before anything is read or written.
+  VelmocDefaultExtension(r.s.Output, sizeof r.s.Output, VelmocVersion(r.s));
+  if (const int refused = ToolRefuseLongNames(r.s.Input, r.s.Output)) return refused;
+  if (const int refused = ToolRefuseLongNames(r.s.HintFile, nullptr)) return refused;
   // The second generation's encoder is not in this build; an HDR request still gets its input
   // checked first, so that a non-HDR input hears why.
   if (VelmocVersion(r.s) >= 200 && !VelmocWantsHdr(r.s)) return SecondGenerationMissing();
@@ -719,7 +727,7 @@ int Compress(Run& r, char* commandTail) {
     r.source = r.ops->open(r.s.Input, first, last, error, sizeof error);
   }
   if (!r.source) {
-    char text[2400];
+    char text[PathBytes + 1400];
     std::snprintf(text, sizeof text, "Couldn't open the input file '%s'.\n\n%s", r.s.Input,
                   r.mediaError[0] ? r.mediaError : error);
     ToolFrameError(text);
@@ -782,7 +790,7 @@ int Compress(Run& r, char* commandTail) {
     VelmoWriterClose(r.writer, true);
     return Finish(r, ToolExitOutputError);
   }
-  char text[1400];
+  char text[PathBytes + 100];
   std::snprintf(text, sizeof text, "Input: %s", r.s.Input);
   ToolFrameSetText(VelmocIdInput, text);
   std::snprintf(text, sizeof text, "Output: %s", r.s.Output);
@@ -814,13 +822,15 @@ int Compress(Run& r, char* commandTail) {
   const bool discard = r.cancel == VelmoCancelDiscard;
   if (!discard && !r.writer->Failed) VelmoFrameLoopPump(r.loop, true);
   VelmoFrameLoopFree(r.loop);
-  const uint64_t size = VelmoWriterClose(r.writer, discard);
+  uint32_t closed = OutFileDone;
+  const uint64_t size = VelmoWriterClose(r.writer, discard, &closed);
   if (code != ToolExitDone) return code;
   // The last frames and the final tables reach the disk only at the close.
-  if (!discard && size == 0) {
+  if (closed == OutFileWriteFailed) {
     ToolFrameError(TextDiskFull);
     return ToolExitDiskWriteError;
   }
+  if (closed != OutFileDone) return ToolExitOutputError;  // the writer has said why
   if (r.cancel) return ToolExitCancelled;
   std::snprintf(text, sizeof text, "%u total frames compressed.", written);
   SetStatus(r, text);
@@ -865,8 +875,11 @@ int VelmocCommand(int commandId, ToolDialog* dialog) {
                               "Velmo finished compressing successfully before you cancelled!",
                               &r->finished))
     return 1;
-  const int keep = ToolFrameAsk("Keep the frames that you've compressed so far?",
-                                ToolBoxThreeButtons | ToolBoxDefaultFirst);
+  // A stop signal keeps nothing: the temporary file goes and the old output stays.
+  const int keep = ToolFrameStopRequested()
+                       ? 0
+                       : ToolFrameAsk("Keep the frames that you've compressed so far?",
+                                      ToolBoxThreeButtons | ToolBoxDefaultFirst);
   if (r->finished) {
     ToolFrameTell("Velmo finished compressing successfully before you cancelled!", 0);
     return 1;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/switches.h"
+#include "host/outfile.h"
 #include "host/toolframe.h"
 #include "media/media.h"
 
@@ -30,12 +31,12 @@ struct VelmocSettings {
   uint32_t VersionSwitch = 200;  // /V as given, with its added bits
   uint32_t Nits = 10000;         // /$
   bool Overwrite = false;        // /O
-  char HintFile[1024] = {};      // /@
+  char HintFile[PathBytes] = {};      // /@
   char ExtraText[1024] = {};     // /*
   uint32_t ExtraTextLength = 0;  // with its terminating zero; 0 when none
   MediaSwitches Media{};         // the video switches, read after the compressor's own
-  char Input[1024] = {};
-  char Output[1024] = {};
+  char Input[PathBytes] = {};
+  char Output[PathBytes] = {};
   SwitchErrors Errors;           // the value of a switch that was refused, by name
 };
 

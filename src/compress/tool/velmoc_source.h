@@ -22,7 +22,7 @@ struct VelmocSourceInfo {
   // name the input was found under (a name without extension gets the one that opened), which
   // the sound input opens when the input has sound. Empty for sources without a file.
   uint32_t InputRateNumerator, InputRateDenominator;
-  char FileName[1024];
+  char FileName[PathBytes];
 };
 
 struct VelmocSource;

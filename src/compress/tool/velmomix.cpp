@@ -100,6 +100,10 @@ void ProgressTick(ToolDialog* dialog) {
 // The mixer's reports: a label once a frame (the status line follows the percentage), and
 // messages in a box. `user` is the run.
 int MixProgress(uint32_t kind, const char* text, void* user) {
+  if (kind == VelmoProgressError) {
+    ToolFrameError(text);
+    return 0;
+  }
   if (kind == VelmoProgressMessage) {
     ToolFrameTell(text, 0);
     return 0;
@@ -323,11 +327,13 @@ int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
 
   VelmoMixSettings& s = job.settings;
   if (!VelmoMixParseSwitches(commandTail, &s)) return SyntaxError(s.Errors);
+  if (const int refused = ToolRefuseLongNames(s.Input, nullptr)) return refused;
+  if (const int refused = ToolRefuseLongNames(s.Sound, nullptr)) return refused;
 
   // The sound, as the compressor opens it: 16 bits, with the normalising level of /B.
   const bool removal = std::strcmp(s.Sound, "-") == 0 || s.Level == -1;
   SoundInput* sound = nullptr;
-  char text[2400];
+  char text[PathBytes + 100];
   if (!removal) {
     ToolFrameSetText(ToolIdStatus, "Opening sound file...");
     sound = SoundOpen(s.Sound, s.SoundRate, s.SoundBits / 100 * 100 + 16, s.SoundChannels,
@@ -348,6 +354,10 @@ int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
 
   VelmoMixInputExtension(s.Input, sizeof s.Input);
   VelmoMixOutputExtension(s.Output, sizeof s.Output, s.Input, s.InputOffset);
+  if (const int refused = ToolRefuseLongNames(nullptr, s.Output)) {
+    if (sound) SoundClose(sound);
+    return refused;
+  }
   if (!s.Overwrite && FileExists(s.Output)) {
     const std::string q = std::string("File ") + s.Output + " exists, overwrite?";
     if (ToolFrameAsk(q.c_str(), ToolBoxDefaultSecond) != 1) {
@@ -395,7 +405,10 @@ int VelmoMixMain(char* commandTail, ToolDialog* dialog) {
   if (sound) SoundClose(sound);
 
   if (progress.Cancelled || (job.cancel && !size)) return ToolExitCancelled;
-  if (!size) return ExitMixFailed;  // the mixer has said why
+  // The mixer has said why.
+  if (!size && progress.Failure == VelmoMixFailedOutput) return ToolExitOutputError;
+  if (!size && progress.Failure == VelmoMixFailedWrite) return ToolExitDiskWriteError;
+  if (!size) return ExitMixFailed;
 
   const uint32_t frames = progress.FramesDone;
   std::snprintf(text, sizeof text, "%u total frames mixed.", frames);

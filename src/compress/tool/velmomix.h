@@ -7,6 +7,7 @@
 
 #include "compress/velmo_writer.h"
 #include "host/switches.h"
+#include "host/outfile.h"
 #include "host/toolframe.h"
 
 // The caller's description of one track to lay in (or, with no sound, to remove).
@@ -19,7 +20,7 @@ struct VelmoMixTrack {
   VelmoReadSamplesFn ReadSamples;  // 16-bit samples of SampleRate and Channels
 };
 
-// Progress kinds: 1 a label for the status line (once a frame), 2 a message to show.
+// Progress kinds: 1 a label for the status line (once a frame), 3 a failure to show.
 typedef int (*VelmoMixProgressFn)(uint32_t kind, const char* text, void* user);
 
 // What the mixer tells its caller while it runs. The counters are written by the mixer and
@@ -32,6 +33,14 @@ struct VelmoMixProgress {
   volatile uint64_t FileSize;  // output bytes so far
   uint32_t Width, Height;      // of the input, once its header was read
   uint32_t Cancelled;          // the run stopped at a non-zero answer; the output was deleted
+  uint32_t Failure;            // why a run that returned 0 failed (VelmoMixFailure)
+};
+
+// What ended a failed mix.
+enum VelmoMixFailure : uint32_t {
+  VelmoMixFailedInput = 1,   // the input or the sound could not be used
+  VelmoMixFailedOutput = 2,  // the output could not be made or put in place
+  VelmoMixFailedWrite = 3,   // a write fell short (full disk)
 };
 
 // Mixes `inputPath` (its Velmo data `inputOffset` bytes in) into `outputPath`, through
@@ -62,9 +71,9 @@ struct VelmoMixSettings {
   uint32_t Force = 0, Skip = 0;     // /Y with /D, and /K
   bool Overwrite = false;    // /O
   uint64_t InputOffset = 0;  // "|offset" behind the input name
-  char Input[1024] = {};
-  char Sound[1024] = {};
-  char Output[1024] = {};
+  char Input[PathBytes] = {};
+  char Sound[PathBytes] = {};
+  char Output[PathBytes] = {};
   SwitchErrors Errors;       // the value of a switch that was refused, by name
 };
 

@@ -10,6 +10,7 @@
 #include "compress/velmo_sound_track.h"
 #include "compress/tool/velmomix.h"
 #include "host/bfile.h"
+#include "host/outfile.h"
 #include "format/container.h"
 
 namespace {
@@ -24,13 +25,12 @@ const char TextCantCreate[] =
     "  2) mixing to a drive that is full (out of disk space), or\n"
     "  3) mixing multiple files to the same Velmo output filename.";
 const char TextWriteFailed[] = "Error writing to disk - probably out of disk space.";
-const char TextRenameFailed[] = "Velmo couldn't rename the temporary file.";
 
 struct Mix {
   VelmoMixProgress* Progress = nullptr;
   BufferedFile* In = nullptr;
-  BufferedFile* Out = nullptr;
-  std::string TemporaryPath;
+  OutFile Output{};                       // the output under its temporary name
+  BufferedFile* Out = nullptr;            // Output.File
   std::vector<VelmoWriterTrack> Records;  // input tracks in file order, then the new ones
   std::vector<VelmoTrackInfo> InputTracks;
   std::vector<uint32_t> Index;            // IndexFrames + 1 entries
@@ -42,20 +42,18 @@ struct Mix {
     for (size_t i = 0; i < Records.size(); ++i)
       if (i < Started.size() && Started[i]) VelmoWriterTrackEnd(&Records[i]);
     if (In) FileClose(In);
-    if (Out) FileClose(Out);
+    OutFileDiscard(&Output);
   }
 
   void Tell(const char* text) const {
-    if (Progress && Progress->Report) Progress->Report(VelmoProgressMessage, text, Progress->User);
+    if (Progress && Progress->Report) Progress->Report(VelmoProgressError, text, Progress->User);
   }
-  // Ends a failed run: the temporary file goes.
-  uint64_t Fail(const char* text) {
+  // Ends a failed run: the temporary file goes, and what went wrong is kept for the tool.
+  uint64_t Fail(const char* text, uint32_t failure = VelmoMixFailedInput) {
     if (text) Tell(text);
-    if (Out) {
-      FileClose(Out);
-      Out = nullptr;
-      FileDelete(TemporaryPath.c_str());
-    }
+    if (Progress) Progress->Failure = failure;
+    OutFileDiscard(&Output);
+    Out = nullptr;
     return 0;
   }
 };
@@ -88,7 +86,10 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
   if (!trackCount || !tracks || !inputPath || !outputPath) return 0;
   Mix m;
   m.Progress = progress;
-  if (progress) progress->Cancelled = 0;
+  if (progress) {
+    progress->Cancelled = 0;
+    progress->Failure = 0;
+  }
 
   // The input's header, at its offset.
   m.In = FileOpenRead(MixFileBuffer, inputPath, FileModeReadOnly);
@@ -199,9 +200,14 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
   }
 
   // The output, with a header that no reader takes for a good file until the end.
-  m.TemporaryPath = std::string(outputPath) + ".tmp";
-  m.Out = FileCreate(MixFileBuffer, m.TemporaryPath.c_str(), 1);
-  if (!m.Out) return m.Fail(TextCantCreate);
+  const OutFileResult created = OutFileCreate(&m.Output, outputPath, MixFileBuffer);
+  m.Out = m.Output.File;
+  if (created == OutFileTooLong) {
+    char text[400];
+    PathTooLongText(text, sizeof text, "output", outputPath);
+    return m.Fail(text, VelmoMixFailedOutput);
+  }
+  if (created != OutFileDone) return m.Fail(TextCantCreate, VelmoMixFailedOutput);
   VelmoHeader placeholder = header;
   placeholder.Magic = 0;
   placeholder.FileSizeLess8 = 0;
@@ -246,7 +252,7 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
         FileWrite(m.Out, m.Frame.data() + s.Offset, size_t(s.PacketSize) + 4);
       } else if (r.Mode == VelmoTrackEncode) {
         if (!VelmoWriterSoundPacket(&r, f, header.FrameRate, header.FrameRateDiv, m.Out))
-          return m.Fail(TextWriteFailed);
+          return m.Fail(TextWriteFailed, VelmoMixFailedWrite);
       }
     }
     FileWrite(m.Out, m.Frame.data() + layout.VideoOffset, layout.VideoSize);
@@ -257,7 +263,7 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
     largest = uint32_t(std::max<uint64_t>(largest, frameEnd - frameStart));
     outIndex[f + 1] = VelmoMakeFrameEntry(frameEnd, VelmoEntryIsKey(m.Index[f + 1]));
     position += size;
-    if (m.Out->WriteError) return m.Fail(TextWriteFailed);
+    if (m.Out->WriteError) return m.Fail(TextWriteFailed, VelmoMixFailedWrite);
     if (progress) {
       progress->FramesDone = f + 1;
       progress->FileSize = frameEnd;
@@ -280,32 +286,34 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
   FileSeek(m.Out, indexAt);
   for (uint32_t e : outIndex) FileWriteLong(m.Out, e);
   FileSeek(m.Out, total);
-  const bool writeFailed = !FileFlush(m.Out, false) || m.Out->WriteError;
-  FileClose(m.Out);
-  m.Out = nullptr;
   for (size_t i = 0; i < m.Records.size(); ++i)
     if (m.Started[i]) VelmoWriterTrackEnd(&m.Records[i]);
   m.Started.assign(m.Started.size(), false);
 
   if (cancelled) {
     if (progress) progress->Cancelled = 1;
-    FileDelete(m.TemporaryPath.c_str());
+    OutFileDiscard(&m.Output);
+    m.Out = nullptr;
     return 0;
   }
-  if (writeFailed) {
-    FileDelete(m.TemporaryPath.c_str());
-    m.Tell(TextWriteFailed);
+  const OutFileResult committed = OutFileCommit(&m.Output);
+  m.Out = nullptr;
+  if (committed == OutFileWriteFailed) return m.Fail(TextWriteFailed, VelmoMixFailedWrite);
+  if (committed == OutFileLost) {
+    m.Tell("Velmo couldn't rename the temporary file.");
+    if (progress) progress->Failure = VelmoMixFailedOutput;
     return 0;
   }
-  const uint32_t deleted = FileDelete(outputPath);
-  if (deleted != 0 && deleted != 1) {
-    char text[1200];
+  if (committed != OutFileDone) {
+    // The finished file is kept under its temporary name rather than lost.
+    char text[2 * PathMax + 100];
     std::snprintf(text, sizeof text,
                   "Velmo couldn't overwrite, '%s', so the new Velmo file is called: '%s'.",
-                  outputPath, m.TemporaryPath.c_str());
+                  m.Output.Target, m.Output.Temporary);
     m.Tell(text);
-    return total;
+    m.Output.Temporary[0] = 0;
+    if (progress) progress->Failure = VelmoMixFailedOutput;
+    return 0;
   }
-  if (FileRename(outputPath, m.TemporaryPath.c_str()) != 0) m.Tell(TextRenameFailed);
   return total;
 }
