@@ -318,7 +318,8 @@ std::vector<Field> WaveFields(const Bytes& b) {
   if (fmt != std::string::npos) {
     f.push_back({"channels", fmt + 10, 2, false, {0}});
     f.push_back({"rate", fmt + 12, 4, false, {0}});
-    f.push_back({"block-align", fmt + 20, 2, false, {0}});
+    // A reader may take the block size from the channels and bits alone.
+    f.push_back({"block-align", fmt + 20, 2, false, {0}, Expect::Any});
     f.push_back({"bits", fmt + 22, 2, false, {0}});
   }
   if (data != std::string::npos) {

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -245,6 +246,85 @@ TEST_P(StopTest, WritingToolsKeepTheOlderOutput) {
     if (sig != SIGKILL)
       for (const std::string& name : files.leftovers)
         ++tally_.leftovers, tally_.failures.push_back(who + ": expected no other file, got " + name);
+  }
+  Report();
+}
+
+// A compression killed a second after it began leaves a temporary file that opens: the first
+// frame is on disk with a header that says so.
+TEST_F(HostileTest, KilledCompressionLeavesAFileThatOpens) {
+  BuildLong();
+  const std::string folder = runner_->PrepareFolder("out.vlm");
+  RunPlan plan;
+  plan.tool = "Velmoc";
+  plan.outputName = "out.vlm";
+  // Scaled up, so that the run lasts well beyond the second.
+  plan.args = {seeds_.bigY4m, "{out}", "/O", "/(640", "/)480"};
+  test_support::Child child = test_support::StartProgram(runner_->Program(), runner_->Arguments(plan, folder),
+                                                         test_support::RunCaps{}, runner_->Env());
+  const std::string temporary = folder + "/out.vlm.tmp";
+  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!test_support::Exists(temporary) && std::chrono::steady_clock::now() < give_up)
+    if (test_support::DrainChild(&child, 2)) break;
+  const bool started = test_support::Exists(temporary);
+  const bool ended = started && test_support::DrainChild(&child, 1100);
+  test_support::SignalChild(child, SIGKILL);
+  test_support::FinishChild(&child, 5000);
+  ASSERT_TRUE(started) << "Velmoc wrote no out.vlm.tmp";
+  ASSERT_FALSE(ended) << "Velmoc ended within a second; the input is too short for this check";
+  RunPlan info;
+  info.tool = "ORNInfo";
+  info.caseName = "out.vlm.tmp of a run killed after a second";
+  info.args = {temporary};
+  info.expect = Expect::Valid;
+  const CappedOutcome r = runner_->Run(info, &tally_);
+  const size_t at = r.output.find("Frames: ");
+  const long frames = at == std::string::npos ? 0 : std::strtol(r.output.c_str() + at + 8, nullptr, 10);
+  if (frames < 1)
+    tally_.failures.push_back("ORNInfo " + info.caseName + ": expected at least one frame, got " +
+                              (at == std::string::npos ? "no video" : std::to_string(frames)));
+  Report();
+}
+
+// An output name longer than any fixed name buffer but one the system takes: the output is
+// written under exactly that name, or the run is refused as an output error; never a cut name.
+TEST_F(HostileTest, LongOutputNamesAreKeptWholeOrRefused) {
+  BuildCases();
+  const std::string deep = scratch_ / (std::string(120, 'd') + "/" + std::string(120, 'e') + "/" + std::string(60, 'f'));
+  std::filesystem::create_directories(deep);
+  struct Writer {
+    std::string tool;
+    std::vector<std::string> inputs;
+    std::string output;
+  } writers[] = {
+      {"VelmoConv", {seeds_.dir + "/seed.y4m"}, "out.avi"},
+      {"VelmoConv", {seeds_.wave}, "out.wav"},
+      {"Velmoc", {seeds_.dir + "/seed.y4m"}, "out.vlm"},
+      {"VelmoMix", {seeds_.vlm, seeds_.wave}, "out.vlm"},
+  };
+  for (const Writer& w : writers) {
+    const std::string target = deep + "/" + w.output;
+    std::vector<std::string> args = {w.tool};
+    args.insert(args.end(), w.inputs.begin(), w.inputs.end());
+    args.insert(args.end(), {target, "/O"});
+    const CappedOutcome r = test_support::RunCapped(runner_->Program(), args, {}, runner_->Env());
+    ++tally_.runs;
+    tally_.peakKb = std::max(tally_.peakKb, r.peak_kb);
+    const std::string who = w.tool + " to a " + std::to_string(target.size()) + "-byte name";
+    std::vector<std::string> written;
+    std::error_code ignored;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(scratch_ / std::string(120, 'd'), ignored))
+      if (e.is_regular_file()) written.push_back(e.path().string());
+    const bool whole = written.size() == 1 && written[0] == target;
+    if (r.ExitedWith(0) && !whole)
+      ++tally_.filesLost, tally_.failures.push_back(who + ": expected the output under its whole name, got " +
+                                                    std::to_string(written.size()) + " files elsewhere");
+    if (!r.ExitedWith(0) && !r.ExitedWith(8006))
+      ++tally_.wrongCodes, tally_.failures.push_back(who + ": expected 0 or 8006, got status " + std::to_string(r.code) +
+                                                     " (" + TellingLine(r.output) + ")");
+    if (!r.ExitedWith(0) && !written.empty())
+      ++tally_.leftovers, tally_.failures.push_back(who + ": expected nothing written after a refusal, got " + written[0]);
+    for (const std::string& f : written) std::filesystem::remove(f, ignored);
   }
   Report();
 }
