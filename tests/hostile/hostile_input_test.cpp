@@ -253,6 +253,7 @@ TEST_P(StopTest, WritingToolsKeepTheOlderOutput) {
 // A compression killed a second after it began leaves a temporary file that opens: the first
 // frame is on disk with a header that says so.
 TEST_F(HostileTest, KilledCompressionLeavesAFileThatOpens) {
+  if (test_support::kAddressSanitizer) GTEST_SKIP() << "a second of a sanitized run is not a second of a plain one";
   BuildLong();
   const std::string folder = runner_->PrepareFolder("out.vlm");
   RunPlan plan;
@@ -272,10 +273,13 @@ TEST_F(HostileTest, KilledCompressionLeavesAFileThatOpens) {
   test_support::FinishChild(&child, 5000);
   ASSERT_TRUE(started) << "Velmoc wrote no out.vlm.tmp";
   ASSERT_FALSE(ended) << "Velmoc ended within a second; the input is too short for this check";
+  // Read under a Velmo file's own name, so that only its content decides.
+  const std::string copy = scratch_ / "killed.vlm";
+  std::filesystem::copy_file(temporary, copy);
   RunPlan info;
   info.tool = "ORNInfo";
   info.caseName = "out.vlm.tmp of a run killed after a second";
-  info.args = {temporary};
+  info.args = {copy};
   info.expect = Expect::Valid;
   const CappedOutcome r = runner_->Run(info, &tally_);
   const size_t at = r.output.find("Frames: ");

@@ -41,7 +41,8 @@ struct FolderCheck {
   std::vector<std::string> leftovers; // files that no run should leave
 };
 
-// The peak resident size above which a run counts as over its memory cap.
+// The peak resident size above which a run counts as over its memory cap (not checked under
+// the address sanitizer, whose shadow memory counts too).
 constexpr long kPeakLimitKb = 256 * 1024;
 
 // The line that says most about a run: its error, else its first warning, else its last line.

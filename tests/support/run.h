@@ -135,7 +135,7 @@ inline constexpr bool kAddressSanitizer = false;
 struct RunCaps {
   uint64_t memory_bytes = 1ull << 30;  // address space; 0 or an ASan build: none
   uint64_t file_bytes = 0;             // largest file the child may write; 0: no limit
-  int time_ms = 5000;                  // killed when it runs longer
+  int time_ms = kAddressSanitizer ? 20000 : 5000;  // killed when it runs longer
 };
 
 struct CappedOutcome {
