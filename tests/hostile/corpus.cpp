@@ -4,6 +4,7 @@
 #include "corpus.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -466,8 +467,10 @@ void AddVariants(std::vector<Case>* cases, const SeedType& t, const std::string&
   };
   cut("cut-last-byte", seed.size() - 1, t.lastByteExpect(seed));
   cut("cut50%", seed.size() / 2, t.halfExpect);
-  if (t.role != Role::Sound || t.type == "wav") cut("header-only", header, t.type == "raw" ? Expect::Any : Expect::Reject);
-  cut("cut9%", seed.size() * 9 / 100, t.type == "raw" ? Expect::Any : Expect::Reject);
+  // Raw samples have no header, and any length is a sound.
+  const bool raw = t.type == "raw";
+  if (!raw) cut("header-only", header, Expect::Reject);
+  cut("cut9%", seed.size() * 9 / 100, raw ? Expect::Any : Expect::Reject);
   for (uint32_t s = 1; s <= 3; ++s) {
     Bytes b = seed;
     uint32_t r = s * 2654435761u;
@@ -590,8 +593,7 @@ std::vector<Case> BuildCorpus(const std::string& program, const std::string& con
   return cases;
 }
 
-bool BuildLongInputs(const std::string& program, const std::string& configDir, Seeds* seeds,
-                     std::string* error) {
+bool BuildLongInputs(Seeds* seeds, std::string* error) {
   seeds->bigY4m = seeds->dir + "/long.y4m";
   seeds->bigVlm = seeds->dir + "/long.vlm";
   seeds->longWave = seeds->dir + "/long.wav";
@@ -605,7 +607,6 @@ bool BuildLongInputs(const std::string& program, const std::string& configDir, S
     return false;
   }
   test_support::WriteWave16(seeds->longWave, 22050, 1, test_support::Noise(22050 * 100, 11));
-  (void)program, (void)configDir;
   return true;
 }
 

@@ -57,7 +57,7 @@ class HostileTest : public ::testing::Test {
   }
   void BuildLong() {
     std::string error;
-    ASSERT_TRUE(BuildLongInputs(ORN_PROGRAM_PATH, scratch_ / "config", &seeds_, &error)) << error;
+    ASSERT_TRUE(BuildLongInputs(&seeds_, &error)) << error;
   }
 
   void Run(RunPlan plan) { runner_->Run(plan, &tally_); }

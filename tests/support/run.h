@@ -1,14 +1,21 @@
 // Running tools in tests: the real program as a child process on the console front end, or a
 // tool's routines behind the tool shell in this process. Either way the result is the exit code
-// and what the tool printed (its message boxes included).
+// and what the tool printed (its message boxes included). A child can also run under caps on
+// memory, file size and time, and be stopped by a signal midway.
 #pragma once
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -25,11 +32,9 @@ struct ToolOutcome {
   bool Says(const std::string& text) const { return output.find(text) != std::string::npos; }
 };
 
-// Runs `program` with `args` and no display (ORN_CONSOLE=1), standard input from /dev/null,
-// and the settings of the environment (DISPLAY, WAYLAND_DISPLAY, XDG_CONFIG_HOME, ORN_*) left
-// out unless `env` ("NAME=value" entries) brings them.
-inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
-                              const std::vector<std::string>& env = {}) {
+// The environment of a tool run by a test: this one's without the display and the settings
+// (DISPLAY, WAYLAND_DISPLAY, XDG_CONFIG_HOME, ORN_*), on the console front end, plus `env`.
+inline std::vector<std::string> ChildEnvironment(const std::vector<std::string>& env) {
   std::vector<std::string> vars;
   for (char** e = environ; *e; e++) {
     const std::string v = *e;
@@ -40,14 +45,26 @@ inline ToolOutcome RunProgram(const std::string& program, const std::vector<std:
   }
   vars.push_back("ORN_CONSOLE=1");
   vars.insert(vars.end(), env.begin(), env.end());
-  std::vector<char*> envp;
-  for (std::string& v : vars) envp.push_back(v.data());
-  envp.push_back(nullptr);
+  return vars;
+}
+
+// The null-terminated pointer array of `strings`, for exec.
+inline std::vector<char*> Pointers(std::vector<std::string>* strings) {
+  std::vector<char*> out;
+  for (std::string& v : *strings) out.push_back(v.data());
+  out.push_back(nullptr);
+  return out;
+}
+
+// Runs `program` with `args` and no display (ORN_CONSOLE=1), standard input from /dev/null,
+// and the settings of the environment (DISPLAY, WAYLAND_DISPLAY, XDG_CONFIG_HOME, ORN_*) left
+// out unless `env` ("NAME=value" entries) brings them.
+inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
+                              const std::vector<std::string>& env = {}) {
+  std::vector<std::string> vars = ChildEnvironment(env);
   std::vector<std::string> argStore = {program};
   argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : argStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  std::vector<char*> envp = Pointers(&vars), argv = Pointers(&argStore);
 
   ToolOutcome result;
   int out[2];
@@ -101,22 +118,9 @@ inline ToolOutcome RunToolHere(ToolMainRoutine mainRoutine, ToolCommandHandler h
   return result;
 }
 
-}  // namespace test_support
-
 // ---- Runs under caps ---------------------------------------------------------------------------
 // A child process with limits on memory, written file size and time, its peak memory taken from
 // the kernel's account of it, and control of its life for tests that stop a tool midway.
-
-#include <poll.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/time.h>
-
-#include <algorithm>
-#include <chrono>
-#include <thread>
-
-namespace test_support {
 
 // True when the tests are built with the address sanitizer, whose shadow memory does not fit
 // under an address-space cap.
@@ -159,24 +163,10 @@ struct Child {
 // process group, under `caps`' memory and file-size limits.
 inline Child StartProgram(const std::string& program, const std::vector<std::string>& args,
                           const RunCaps& caps, const std::vector<std::string>& env = {}) {
-  std::vector<std::string> vars;
-  for (char** e = environ; *e; e++) {
-    const std::string v = *e;
-    if (v.rfind("DISPLAY=", 0) == 0 || v.rfind("WAYLAND_DISPLAY=", 0) == 0 ||
-        v.rfind("XDG_CONFIG_HOME=", 0) == 0 || v.rfind("ORN_", 0) == 0)
-      continue;
-    vars.push_back(v);
-  }
-  vars.push_back("ORN_CONSOLE=1");
-  vars.insert(vars.end(), env.begin(), env.end());
-  std::vector<char*> envp;
-  for (std::string& v : vars) envp.push_back(v.data());
-  envp.push_back(nullptr);
+  std::vector<std::string> vars = ChildEnvironment(env);
   std::vector<std::string> argStore = {program};
   argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : argStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  std::vector<char*> envp = Pointers(&vars), argv = Pointers(&argStore);
 
   Child child;
   int out[2];
