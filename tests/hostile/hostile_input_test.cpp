@@ -82,6 +82,8 @@ class HostileTest : public ::testing::Test {
     p.args = std::move(args);
     p.outputName = output;
     p.expect = c.expect;
+    // An input error names the file at fault; a list's fault lies in one of its entries.
+    if (c.role != Role::List) p.named = std::filesystem::path(c.file).filename().string();
     return p;
   }
 

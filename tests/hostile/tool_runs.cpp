@@ -151,6 +151,8 @@ test_support::CappedOutcome Runner::Run(const RunPlan& plan, Tally* tally) {
       wrong = "got 0 with " + std::to_string(warnings) + " warnings";
     else if (code == 0 && plan.expect == Expect::Trailer && warnings > 1)
       wrong = "got 0 with " + std::to_string(warnings) + " warnings";
+    else if (code == 8002 && !plan.named.empty() && r.output.find(plan.named) == std::string::npos)
+      wrong = "got 8002 with no message naming " + plan.named;
     if (!wrong.empty()) {
       ++tally->wrongCodes;
       fail("expected " + (plan.codes.empty() ? std::string(ExpectName(plan.expect)) : Codes(allowed)) + ", " +

@@ -32,6 +32,7 @@ struct RunPlan {
   std::string outputName;         // empty: the tool writes nothing (ORNInfo)
   Expect expect = Expect::Any;
   std::set<int> codes;            // the codes the expectation allows; empty: from `expect`
+  std::string named;              // a name that the message of an input error must hold
   test_support::RunCaps caps;
 };
 
