@@ -2,7 +2,6 @@
 #include "tool_runs.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
