@@ -1,15 +1,21 @@
 // Running tools in tests: the real program as a child process on the console front end (at
 // once, or started and collected later so that a test can signal it meanwhile), or a tool's
 // routines behind the tool shell in this process. Either way the result is the exit code
-// and what the tool printed (its message boxes included).
+// and what the tool printed (its message boxes included). A child can also run under caps on
+// memory, file size and time.
 #pragma once
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -149,6 +155,139 @@ inline ToolOutcome RunToolHere(ToolMainRoutine mainRoutine, ToolCommandHandler h
   result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, mainRoutine, handler, dialog);
   result.output = testing::internal::GetCapturedStderr();
   return result;
+}
+
+// ---- Runs under caps ---------------------------------------------------------------------------
+// A child process with limits on memory, written file size and time, its peak memory taken from
+// the kernel's account of it, and control of its life for tests that stop a tool midway.
+
+// True when the tests are built with the address sanitizer, whose shadow memory does not fit
+// under an address-space cap.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kAddressSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr bool kAddressSanitizer = true;
+#else
+inline constexpr bool kAddressSanitizer = false;
+#endif
+#else
+inline constexpr bool kAddressSanitizer = false;
+#endif
+
+struct RunCaps {
+  uint64_t memory_bytes = 1ull << 30;  // address space; 0 or an ASan build: none
+  uint64_t file_bytes = 0;             // largest file the child may write; 0: no limit
+  int time_ms = kAddressSanitizer ? 20000 : 5000;  // killed when it runs longer
+};
+
+struct CappedOutcome {
+  int code = -1;         // exit status (its low 8 bits), -1 when killed by a signal
+  int signal = 0;        // the signal that ended it, 0 when it exited
+  bool timed_out = false;
+  long peak_kb = 0;      // largest resident size
+  std::string output;    // stdout and stderr together
+  // The tool's exit code as a POSIX shell sees it (the low 8 bits).
+  bool ExitedWith(int toolCode) const { return signal == 0 && code == (toolCode & 0xFF); }
+};
+
+// A started child: its process id and the read end of its output pipe.
+struct Child {
+  pid_t pid = -1;
+  int out = -1;
+  std::string output;
+};
+
+// Starts `program` with `args` like RunProgram (no display, stdin from /dev/null), in its own
+// process group, under `caps`' memory and file-size limits.
+inline Child StartCapped(const std::string& program, const std::vector<std::string>& args,
+                          const RunCaps& caps, const std::vector<std::string>& env = {}) {
+  std::vector<std::string> vars = ProgramEnvironment(env);
+  std::vector<std::string> argStore = {program};
+  argStore.insert(argStore.end(), args.begin(), args.end());
+  std::vector<char*> envp = CStrings(vars), argv = CStrings(argStore);
+
+  Child child;
+  int out[2];
+  if (pipe(out) != 0) return child;
+  const uint64_t memory = kAddressSanitizer ? 0 : caps.memory_bytes;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    // Only calls that are safe between fork and exec.
+    setpgid(0, 0);
+    const int in = open("/dev/null", O_RDONLY);
+    dup2(in, 0);
+    dup2(out[1], 1);
+    dup2(out[1], 2);
+    close(out[0]);
+    if (memory) {
+      const rlimit m = {rlim_t(memory), rlim_t(memory)};
+      setrlimit(RLIMIT_AS, &m);
+    }
+    if (caps.file_bytes) {
+      const rlimit f = {rlim_t(caps.file_bytes), rlim_t(caps.file_bytes)};
+      setrlimit(RLIMIT_FSIZE, &f);
+    }
+    execve(program.c_str(), argv.data(), envp.data());
+    _exit(127);
+  }
+  close(out[1]);
+  if (pid < 0) {
+    close(out[0]);
+    return child;
+  }
+  setpgid(pid, pid);
+  child.pid = pid;
+  child.out = out[0];
+  return child;
+}
+
+// Reads what the child printed for up to `ms` milliseconds; true once its output has ended.
+inline bool DrainChild(Child* child, int ms) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now()).count();
+    pollfd p{child->out, POLLIN, 0};
+    if (poll(&p, 1, int(std::max<long long>(0, left))) <= 0) return false;
+    char buffer[4096];
+    const ssize_t n = read(child->out, buffer, sizeof buffer);
+    if (n <= 0) return true;
+    child->output.append(buffer, size_t(n));
+  }
+}
+
+// Sends `sig` to the child's whole process group.
+inline void SignalChild(const Child& child, int sig) {
+  if (child.pid > 0) kill(-child.pid, sig);
+}
+
+// Waits for the child to end, killing it (and its group) when it outlives `ms` milliseconds.
+inline CappedOutcome FinishChild(Child* child, int ms) {
+  CappedOutcome result;
+  if (child->pid <= 0) return result;
+  if (!DrainChild(child, ms)) {
+    result.timed_out = true;
+    SignalChild(*child, SIGKILL);
+    DrainChild(child, 2000);
+  }
+  close(child->out);
+  int status = 0;
+  rusage usage{};
+  wait4(child->pid, &status, 0, &usage);
+  result.peak_kb = usage.ru_maxrss;
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.output = std::move(child->output);
+  child->pid = -1;
+  return result;
+}
+
+// Runs `program` to its end under `caps`.
+inline CappedOutcome RunCapped(const std::string& program, const std::vector<std::string>& args,
+                               const RunCaps& caps = {}, const std::vector<std::string>& env = {}) {
+  Child child = StartCapped(program, args, caps, env);
+  return FinishChild(&child, caps.time_ms);
 }
 
 }  // namespace test_support
