@@ -158,7 +158,11 @@ bool ReadStill(MediaInput* input) {
                       state->floats ? IMAGE_PIXELS_FLOAT : IMAGE_PIXELS_ARGB32};
   const int frame = static_cast<int>(state->nextFrame);
   if (input->source_frames > 1) ++state->nextFrame;
-  if (!ImageFileReadFrame(state->file, frame, &dest, nullptr)) return false;
+  ImageError error{};
+  if (!ImageFileReadFrame(state->file, frame, &dest, &error)) {
+    MediaNoteReadProblem(input, "%s", error.text[0] ? error.text : "The picture could not be decoded.");
+    return false;
+  }
   if (!state->floats && !state->keepAlpha) {
     uint32_t* p = reinterpret_cast<uint32_t*>(state->pixels);
     for (size_t i = 0, n = need / 4; i < n; ++i) p[i] &= 0x00FFFFFFu;

@@ -91,6 +91,8 @@ bool ProbeStream(MediaInput* input, const StreamReaderOps* ops) {
   state->reader = reader;
   input->reader_state = state;
   TakeStreamInfo(input, info, ops->format);
+  if (info.cut_tail)
+    MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
   return true;
 }
 
@@ -106,7 +108,8 @@ bool ReadStream(MediaInput* input) {
   StreamFrame frame;
   StreamError error;
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
-    if (error.code == STREAM_ERROR_END) {
+    MediaNoteReadProblem(input, "%s", error.text);
+    if (error.code == STREAM_ERROR_END && !StreamReaderInfo(state->reader)->seekable) {
       // A pipe meets its end only by a read that finds nothing: the output ends with this
       // frame, which repeats the last one.
       input->source_at_end = 1;
@@ -115,6 +118,8 @@ bool ReadStream(MediaInput* input) {
     return false;
   }
   ++state->nextFrame;
+  if (frame.cut_short)
+    MediaWarnShortFrame(input, "its last frame is cut short and is shown as far as it goes.");
   input->frame_base = const_cast<uint8_t*>(frame.pixels);
   input->frame_pitch = frame.pitch;
   input->frame_depth = frame.depth;

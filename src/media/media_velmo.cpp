@@ -66,6 +66,14 @@ bool ProbeVelmo(MediaInput* input) {
   return true;
 }
 
+// A frame whose data the file does not hold (a file cut short, a damaged table).
+bool FrameMissing(MediaInput* input, HVELMO h) {
+  MediaNoteReadProblem(input, "Frame %lu of %lu is missing from the file or damaged.",
+                       static_cast<unsigned long>(h->FrameNum),
+                       static_cast<unsigned long>(h->Frames));
+  return false;
+}
+
 bool ReadVelmo(MediaInput* input) {
   VelmoState* state = StateOf(input);
   HVELMO h = state->handle;
@@ -79,7 +87,7 @@ bool ReadVelmo(MediaInput* input) {
   input->frame_depth = 32;
   input->frame_width = h->Width;
   input->frame_height = h->Height;
-  VelmoDoFrame(h);
+  if (!VelmoDoFrame(h)) return FrameMissing(input, h);
   input->frame_bytes = h->FrameSize;
   VelmoCopyToBuffer(h, state->pixels, static_cast<int32_t>(pitch), static_cast<int32_t>(h->Height),
                     0, 0, uint32_t(VelmoSurfaceArgb32) | uint32_t(VelmoOpenNeverSkip));
@@ -91,7 +99,7 @@ bool ReadVelmo(MediaInput* input) {
 bool SeekVelmo(MediaInput* input, uint32_t index) {
   HVELMO h = StateOf(input)->handle;
   for (uint32_t i = 0; i < index; ++i) {
-    VelmoDoFrame(h);
+    if (!VelmoDoFrame(h)) return FrameMissing(input, h);
     VelmoNextFrame(h);
   }
   return true;

@@ -56,6 +56,7 @@ struct SoundWaveHeader {
   uint32_t format_tag;  // 1 PCM or 3 float, after WAVE_FORMAT_EXTENSIBLE is resolved
   uint32_t channels, rate, bits, block_align;
   uint64_t data_offset, data_bytes;
+  uint64_t data_claimed;  // what the data chunk states; more than data_bytes when the file is cut
 };
 // Reads "RIFF", a length, "WAVE" and walks the chunks for "fmt " and "data". `file_size`
 // bounds the data. False for anything that is not a wave of a format the layer reads.
@@ -67,6 +68,11 @@ bool SoundParseWaveFormat(const uint8_t* fmt, uint32_t size, SoundWaveHeader* he
 // The converter's format for a header (total_samples from data_bytes); false when the layer
 // does not convert it.
 bool SoundWaveFormat(const SoundWaveHeader& header, SoundFormat* format);
+
+// A file of the kind that holds less than it should: a warning through the request's progress,
+// naming the file.
+void SoundWarnShort(const SoundOpenRequest& request, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // The openers, one per kind; each returns false when the name is not of its kind.
 bool SoundOpenRaw(const SoundOpenRequest& request, SoundReader* reader);

@@ -115,6 +115,14 @@ bool SoundOpenVelmo(const SoundOpenRequest& request, SoundReader* reader) {
     return false;
   }
   f.total_samples = CountBytes(v) / f.bytes_per_sample;
+  // A walk that stopped before the last frame met a file that is cut short or damaged: its
+  // sound would end early without a word.
+  if (v->frames_taken < v->handle->Frames) {
+    SoundWarnShort(request, "the sound of frame %u of %u could not be read.", v->frames_taken + 1,
+                   v->handle->Frames);
+    VelmoSoundClose(v);
+    return false;
+  }
   reader->ops = &VelmoOps;
   reader->state = v;
   reader->kind = SoundKindVelmo;

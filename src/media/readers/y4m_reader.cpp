@@ -193,7 +193,10 @@ bool Y4mReader::ScanFrames(StreamError* error) {
   while (at < size && offsets_.size() < kMaxScannedFrames) {
     uint64_t next = at;
     if (!ReadLine(&next, &line) || line.compare(0, 5, "FRAME") != 0) break;
-    if (next + layout_.frame_bytes > size) break;
+    if (next + layout_.frame_bytes > size) {
+      info.cut_tail = 1;
+      break;
+    }
     offsets_.push_back(at);
     at = next + layout_.frame_bytes;
   }

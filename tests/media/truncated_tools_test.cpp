@@ -1,0 +1,120 @@
+// The tools on inputs that end early or lie in their headers, run as the real program with a
+// memory cap: each run ends with the input error and a message naming the file, and no run
+// needs more memory than an honest file of that size would.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "format/container.h"
+#include "support/files.h"
+#include "support/picture.h"
+#include "support/run.h"
+#include "support/velmo_file.h"
+#include "support/wave.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr int InputError = 8002 & 255;  // what a shell sees of the tools' input error
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool MemoryCap = false;  // the sanitizer's shadow memory needs the address space
+#else
+constexpr bool MemoryCap = true;
+#endif
+
+// Runs the program on `tail` with no display and, unless sanitized, 1 GiB of address space.
+ToolOutcome RunCapped(const std::string& tail) {
+  std::string command = "env -u DISPLAY -u WAYLAND_DISPLAY ORN_CONSOLE=1 ";
+  if (MemoryCap) command = "ulimit -v 1048576; " + command;
+  return RunShell("(" + command + ORN_PROGRAM_PATH + " " + tail + ") </dev/null 2>&1");
+}
+
+class TruncatedToolsTest : public ::testing::Test {
+ protected:
+  std::string Cut(const std::string& name, size_t keep, const std::string& cut) {
+    std::vector<uint8_t> bytes = ReadFile(dir / name);
+    EXPECT_GT(bytes.size(), keep);
+    bytes.resize(std::min(bytes.size(), keep));
+    WriteFile(dir / cut, bytes);
+    return dir / cut;
+  }
+  ScratchDir dir;
+};
+
+velmo_test::FilePlan SmallVelmo() {
+  velmo_test::FilePlan plan;
+  plan.Width = 32;
+  plan.Height = 16;
+  plan.Frames = 12;
+  plan.Rate = 24;
+  return plan;
+}
+
+// A PNG cut to 64 bytes, a Velmo file cut to a tenth, a wave file with only its header: the
+// converter and the compressor end with the input error, and name the file.
+TEST_F(TruncatedToolsTest, CutInputsEndWithTheInputError) {
+  std::vector<uint32_t> pixels(64 * 48);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = 0xFF000000u | uint32_t(i * 2654435761u >> 8);
+  ASSERT_TRUE(WriteImage(dir / "p.png", IMAGE_FORMAT_PNG, 64, 48, pixels));
+  const std::string png = Cut("p.png", 64, "cut.png");
+  WriteFile(dir / "v.vlm", velmo_test::BuildFile(SmallVelmo()));
+  const std::string vlm = Cut("v.vlm", ReadFile(dir / "v.vlm").size() / 10, "cut.vlm");
+  const std::vector<int16_t> samples = Noise(4000, 3);
+  WriteWave16(dir / "s.wav", 8000, 1, samples);
+  const std::string wav = Cut("s.wav", ReadFile(dir / "s.wav").size() - samples.size() * 2, "cut.wav");
+
+  // The whole files convert.
+  EXPECT_EQ(RunCapped("velmoconv " + dir / "p.png" + " " + dir / "p.avi").code, 0);
+  EXPECT_EQ(RunCapped("velmoconv " + dir / "s.wav" + " " + dir / "s2.wav").code, 0);
+
+  const struct {
+    std::string tail, named;
+  } runs[] = {
+      {"velmoconv " + png + " " + dir / "a.avi", png},
+      {"velmoconv " + vlm + " " + dir / "b.avi", vlm},
+      {"velmoconv " + wav + " " + dir / "c.wav", wav},
+      {"velmoc " + png + " " + dir / "d.vlm", png},
+      {"velmoc " + vlm + " " + dir / "e.vlm", vlm},
+  };
+  for (const auto& run : runs) {
+    const ToolOutcome outcome = RunCapped(run.tail);
+    EXPECT_EQ(outcome.code, InputError) << run.tail << "\n" << outcome.output;
+    EXPECT_TRUE(outcome.Says(run.named)) << run.tail << "\n" << outcome.output;
+  }
+}
+
+// Header fields that would size giant buffers or loops: each run ends with the input error
+// inside the memory cap, for every tool that reads the file.
+TEST_F(TruncatedToolsTest, InflatedVelmoHeadersStayWithinTheCap) {
+  const std::vector<uint8_t> file = velmo_test::BuildFile(SmallVelmo());
+  VelmoHeader header{};
+  ASSERT_TRUE(VelmoParseHeader(file.data(), file.size(), &header));
+  WriteFile(dir / "honest.vlm", file);
+  EXPECT_EQ(RunCapped("velmoconv " + dir / "honest.vlm" + " " + dir / "honest.avi").code, 0);
+  const struct {
+    const char* name;
+    void (*lie)(VelmoHeader*);
+  } lies[] = {
+      {"divisor.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }},
+      {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }},
+  };
+  for (const auto& lie : lies) {
+    VelmoHeader told = header;
+    lie.lie(&told);
+    std::vector<uint8_t> bytes = file;
+    VelmoStoreHeader(told, bytes.data());
+    const std::string name = dir / lie.name;
+    WriteFile(name, bytes);
+    for (const std::string& tail : {"velmoconv " + name + " " + dir / "x.avi",
+                                    "velmoc " + name + " " + dir / "x.vlm"}) {
+      const ToolOutcome outcome = RunCapped(tail);
+      EXPECT_EQ(outcome.code, InputError) << tail << "\n" << outcome.output;
+    }
+    EXPECT_FALSE(Exists(dir / "x.avi"));
+  }
+}
+
+}  // namespace
