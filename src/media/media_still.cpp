@@ -127,6 +127,8 @@ bool ProbeStill(MediaInput* input, int format) {
   input->file_rate_num = 15;
   input->file_rate_den = 1;
   if (animated) SetAnimation(input, file, info);
+  // An animation cut off inside a frame keeps its whole frames (a recording that was stopped).
+  if (info.cut_short) MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
   input->input_depth = StillDepth(info, alpha);
   input->decode_depth = input->input_depth;
   if (state->floats) {

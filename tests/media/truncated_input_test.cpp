@@ -88,6 +88,55 @@ TEST_F(TruncatedInputTest, CutStillPicturesAreInputErrors) {
   }
 }
 
+// A GIF animation of `frames` frames of 16 x 8, each a flat colour index.
+std::vector<uint8_t> GifAnimation(int frames) {
+  ImageError error{};
+  ImageGifWriter* writer = ImageGifWriterOpen(16, 8, 0, &error);
+  EXPECT_NE(writer, nullptr) << error.text;
+  uint32_t palette[256];
+  for (int i = 0; i < 256; ++i) palette[i] = uint32_t(i) << 16 | uint32_t(255 - i);
+  for (int f = 0; f < frames; ++f) {
+    std::vector<uint8_t> indices(16 * 8);
+    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(f * 40 + i % 7);
+    const ImageGifFrame frame{indices.data(), 16, palette, 10, 1, -1, 0, 0, 0, 0, 0};
+    EXPECT_EQ(ImageGifWriterAddFrame(writer, &frame, &error), 1) << error.text;
+  }
+  void* data = nullptr;
+  size_t size = 0;
+  EXPECT_EQ(ImageGifWriterFinish(writer, nullptr, &data, &size, &error), 1) << error.text;
+  std::vector<uint8_t> bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
+  ImageFreeMemory(data);
+  return bytes;
+}
+
+// An animation cut inside a frame keeps its whole frames with one warning naming the file; one
+// cut inside its first frame has nothing to show and is refused.
+TEST_F(TruncatedInputTest, CutGifAnimationKeepsItsWholeFrames) {
+  const std::vector<uint8_t> gif = GifAnimation(4);
+  WriteFile(dir / "whole.gif", gif);
+  MediaInput* whole = Open(dir / "whole.gif");
+  ASSERT_NE(whole, nullptr);
+  bool failed = true;
+  EXPECT_EQ(ReadAll(whole, &failed), 4u);
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
+  MediaClose(whole);
+
+  const std::string cut = Cut("whole.gif", gif.size() - 10, "cut.gif");
+  Log.Clear();
+  MediaInput* in = Open(cut);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(ReadAll(in, &failed), 3u);
+  EXPECT_FALSE(failed);
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Log.Said(cut, MediaLevelWarning));
+  MediaClose(in);
+
+  const std::string head = Cut("whole.gif", 40, "head.gif");
+  Log.Clear();
+  EXPECT_EQ(Open(head), nullptr);
+  EXPECT_TRUE(Log.Said(head, MediaLevelError));
+}
+
 velmo_test::FilePlan SmallVelmo(uint32_t frames) {
   velmo_test::FilePlan plan;
   plan.Width = 32;
