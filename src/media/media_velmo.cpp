@@ -38,7 +38,10 @@ constexpr uint32_t MediaVelmoOpenFlags = VelmoOpenNoBackground | VelmoOpenAlpha;
 
 bool ProbeVelmo(MediaInput* input) {
   HVELMO h = VelmoOpen(input->file_name, MediaVelmoOpenFlags);
-  if (!h) return false;
+  if (!h) {
+    MediaNoteProbeFailure(VelmoGetError());
+    return false;
+  }
   if (h->Width == 0 || h->Height == 0 || h->Width > MediaMaxSide || h->Height > MediaMaxSide ||
       h->Frames == 0) {
     VelmoClose(h);

@@ -400,6 +400,9 @@ const char* ReadTablesStep(OpenJob& job) {
                                             std::min(VelmoEntryOffset(h->FrameTable[i]),
                                                      VelmoEntryOffset(h->FrameTable[i - 1])));
   if (h->LargestFrameSize > largestStep) return VelmoTextCorruptHeader;
+  // The frames end inside the size that the header states (which sizes the read buffer).
+  if (VelmoEntryOffset(h->FrameTable[h->Frames]) > uint64_t(job.Header.FileSizeLess8) + 8 + wrap)
+    return VelmoTextBadFrameSize;
   h->TablesOffset = VelmoHeaderSize + job.ExtrasSize;
   h->FirstFrameOffset = VelmoEntryOffset(h->FrameTable[0]);
   job.FileBytes = uint64_t(job.Header.FileSizeLess8) + 8;

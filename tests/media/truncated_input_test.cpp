@@ -188,6 +188,7 @@ TEST_F(TruncatedInputTest, VelmoHeaderLiesAreRefusedAtTheOpen) {
       {"slow.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }},
       {"fast.vlm", [](VelmoHeader* h) { h->FrameRate = 0xFFFFFFFFu; }},
       {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }},
+      {"size.vlm", [](VelmoHeader* h) { h->FileSizeLess8 = 100; }},  // frames end past it
   };
   for (const auto& lie : lies) {
     SCOPED_TRACE(lie.name);
