@@ -25,9 +25,12 @@ constexpr bool MemoryCap = false;  // the sanitizer's shadow memory needs the ad
 constexpr bool MemoryCap = true;
 #endif
 
-// Runs the program on `tail` with no display and, unless sanitized, 1 GiB of address space.
+constexpr int TimedOut = 124;  // what `timeout` gives a run that it stopped
+
+// Runs the program on `tail` with no display, 60 seconds at most and, unless sanitized, 1 GiB
+// of address space.
 ToolOutcome RunCapped(const std::string& tail) {
-  std::string command = "env -u DISPLAY -u WAYLAND_DISPLAY ORN_CONSOLE=1 ";
+  std::string command = "env -u DISPLAY -u WAYLAND_DISPLAY ORN_CONSOLE=1 timeout 60 ";
   if (MemoryCap) command = "ulimit -v 1048576; " + command;
   return RunShell("(" + command + ORN_PROGRAM_PATH + " " + tail + ") </dev/null 2>&1");
 }
@@ -87,19 +90,25 @@ TEST_F(TruncatedToolsTest, CutInputsEndWithTheInputError) {
 }
 
 // Header fields that would size giant buffers or loops: each run ends with the input error
-// inside the memory cap, for every tool that reads the file.
+// inside the memory and time caps, for every tool that reads the file; the mixer refuses the
+// file as corrupt (its own failure code) instead of mixing sound for frames that last for ages.
 TEST_F(TruncatedToolsTest, InflatedVelmoHeadersStayWithinTheCap) {
+  WriteWave16(dir / "s.wav", 8000, 1, Noise(8000, 4));
   const std::vector<uint8_t> file = velmo_test::BuildFile(SmallVelmo());
   VelmoHeader header{};
   ASSERT_TRUE(VelmoParseHeader(file.data(), file.size(), &header));
   WriteFile(dir / "honest.vlm", file);
   EXPECT_EQ(RunCapped("velmoconv " + dir / "honest.vlm" + " " + dir / "honest.avi").code, 0);
+  // The mixer copies packets by the frame table and writes its own largest-packet field: only
+  // the rate matters to it.
   const struct {
     const char* name;
     void (*lie)(VelmoHeader*);
+    bool mixerRefuses;
   } lies[] = {
-      {"divisor.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }},
-      {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }},
+      {"divisor.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }, true},
+      {"rate.vlm", [](VelmoHeader* h) { h->FrameRate = 0xFFFFFFFFu; }, true},
+      {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }, false},
   };
   for (const auto& lie : lies) {
     VelmoHeader told = header;
@@ -114,6 +123,12 @@ TEST_F(TruncatedToolsTest, InflatedVelmoHeadersStayWithinTheCap) {
       EXPECT_EQ(outcome.code, InputError) << tail << "\n" << outcome.output;
     }
     EXPECT_FALSE(Exists(dir / "x.avi"));
+    const ToolOutcome mix = RunCapped("velmomix " + name + " " + dir / "s.wav" + " " + dir / "m.vlm /O");
+    EXPECT_NE(mix.code, TimedOut) << mix.output;
+    if (!lie.mixerRefuses) continue;
+    EXPECT_NE(mix.code, 0) << mix.output;
+    EXPECT_TRUE(mix.Says("corrupt header")) << mix.output;
+    EXPECT_FALSE(Exists(dir / "m.vlm"));
   }
 }
 
