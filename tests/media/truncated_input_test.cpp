@@ -9,6 +9,7 @@
 #include "format/container.h"
 #include "media/media.h"
 #include "media/sound.h"
+#include "avi_test_util.h"
 #include "media_test_util.h"
 #include "support/files.h"
 #include "support/velmo_file.h"
@@ -300,6 +301,66 @@ TEST_F(TruncatedInputTest, CutLastFrameOfAStreamWarnsOnce) {
   ASSERT_NE(in, nullptr);
   EXPECT_EQ(ReadAll(in, &failed), 4u);
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
+  MediaClose(in);
+}
+
+// An AVI recording that was cut off: three frames of 6 x 4, each followed by 2000 bytes of
+// 16-bit mono sound, with the index at the end.
+avi_test::Built RecordedAvi() {
+  avi_test::AviSpec spec;
+  for (int f = 0; f < 3; ++f) spec.frames.push_back(std::vector<uint8_t>(6 * 4 * 3, uint8_t(50 + f)));
+  avi_test::AviSound sound;
+  sound.format = avi_test::WaveFormat(1, 1, 8000, 16);
+  for (int c = 0; c < 3; ++c) sound.chunks.push_back(std::vector<uint8_t>(2000, uint8_t(c + 1)));
+  spec.sound.push_back(sound);
+  return avi_test::BuildAvi(spec);
+}
+
+// Cut inside its last sound chunk, an AVI keeps all its frames and the sound that is there,
+// with one warning; cut inside its last frame, that frame goes as far as it goes, with one
+// warning.
+TEST_F(TruncatedInputTest, CutAviRecordingsWarnOnce) {
+  const avi_test::Built avi = RecordedAvi();
+  ASSERT_EQ(avi.sound_at.size(), 3u);
+  WriteFile(dir / "rec.avi", avi.file);
+  const std::string soundCut = Cut("rec.avi", avi.sound_at[2] + 500, "sound_cut.avi");
+  MediaInput* in = Open(soundCut);
+  ASSERT_NE(in, nullptr);
+  bool failed = true;
+  EXPECT_EQ(ReadAll(in, &failed), 3u);
+  EXPECT_FALSE(failed);
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
+  MediaClose(in);
+  Log.Clear();
+  SoundInput* sound = SoundOpen(soundCut.c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
+  ASSERT_NE(sound, nullptr);
+  EXPECT_EQ(sound->total_bytes, 4500u);
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Log.Said(soundCut, MediaLevelWarning));
+  SoundClose(sound);
+
+  // Frame 3's chunk starts 8 bytes behind the second sound chunk's 2000 bytes.
+  const std::string frameCut = Cut("rec.avi", avi.sound_at[1] + 2000 + 8 + 30, "frame_cut.avi");
+  Log.Clear();
+  in = Open(frameCut);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(ReadAll(in, &failed), 3u);
+  EXPECT_FALSE(failed);
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Log.Said(frameCut, MediaLevelWarning));
+  EXPECT_EQ(Log.CountLevel(MediaLevelError), 0);
+  MediaClose(in);
+
+  // The whole file says nothing.
+  Log.Clear();
+  in = Open(dir / "rec.avi");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(ReadAll(in, &failed), 3u);
+  sound = SoundOpen((dir / "rec.avi").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
+  ASSERT_NE(sound, nullptr);
+  EXPECT_EQ(sound->total_bytes, 6000u);
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
+  SoundClose(sound);
   MediaClose(in);
 }
 
