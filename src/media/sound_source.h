@@ -92,6 +92,7 @@ struct SoundSource {
   uint8_t* block;         // source bytes read ahead
   uint32_t block_bytes, block_fill, block_at;
   bool short_read;        // the reader gave out before the promised end
+  bool short_warned;      // ... and that was said (once for the input)
   bool primed;            // the first sample was read ahead for the interpolator
   bool drained;           // the interpolator has no further source sample
 };

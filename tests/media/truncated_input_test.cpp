@@ -4,6 +4,8 @@
 // refused at the open, before anything is sized by it.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstring>
 
 #include "format/container.h"
@@ -395,6 +397,27 @@ TEST_F(TruncatedInputTest, WaveFilesWithoutAllTheirSamples) {
   EXPECT_EQ(whole->total_bytes, samples.size() * 2);
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
   SoundClose(whole);
+}
+
+// A sound file cut after it was opened: the sound ends where the data does, with one warning
+// naming the file, also when it is read through again.
+TEST_F(TruncatedInputTest, SoundThatGivesOutBeforeItsLengthWarnsOnce) {
+  const std::vector<int16_t> samples = test_support::Noise(20000, 9);
+  test_support::WriteWave16(dir / "s.wav", 8000, 1, samples);
+  SoundInput* sound = SoundOpen((dir / "s.wav").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
+  ASSERT_NE(sound, nullptr);
+  const size_t header = ReadFile(dir / "s.wav").size() - samples.size() * 2;
+  ASSERT_EQ(truncate((dir / "s.wav").c_str(), off_t(header + 10000)), 0);
+  for (int pass = 0; pass < 2; ++pass) {
+    std::vector<uint8_t> block(4096);
+    uint64_t got = 0;
+    while (uint32_t n = SoundRead(sound, block.data(), uint32_t(block.size()))) got += n;
+    EXPECT_EQ(got, 10000u);
+    SoundRewind(sound);
+  }
+  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_TRUE(Log.Said(dir / "s.wav", MediaLevelWarning));
+  SoundClose(sound);
 }
 
 // Raw sound: a partial last sample is left out with one warning; a file with no whole sample
