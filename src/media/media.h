@@ -192,9 +192,9 @@ struct MediaInput {
   // the scaler or a stage has since changed the frame at hand.
   MediaPlanes frame_planes;
   uint32_t frame_processed;
-  // A source frame could not be read completely: the reason went out once through progress as
-  // an error naming the file, and every later MediaGetFrame fails. The tools end with their
-  // input error for it.
+  // A source frame could not be read completely (or an entry of a list did not open): the
+  // reason went out once through progress as an error naming the file, and every later
+  // MediaGetFrame fails. The tools end with their input error for it.
   uint32_t read_failed;
   uint32_t short_warned;    // the one warning about a short last frame went out
   char read_problem[256];   // what the reader found missing, for that error

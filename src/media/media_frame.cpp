@@ -146,6 +146,8 @@ bool OpenNextEntry(MediaInput* input) {
   input->entry = MediaOpenWith(item.name, &args);
   input->entry_start = item.start;
   input->entry_end = item.end;
+  // An entry that does not open is an input error of the list; its open has said why.
+  if (!input->entry) input->read_failed = 1;
   return input->entry != nullptr;
 }
 
@@ -168,6 +170,7 @@ bool SkipInList(MediaInput* input) {
   MediaClose(entry);
   const MediaOpenArgs reopen = MediaListEntryArgs(input, start, input->entry_end);
   input->entry = MediaOpenWith(name, &reopen);
+  if (!input->entry) input->read_failed = 1;
   return input->entry != nullptr;
 }
 

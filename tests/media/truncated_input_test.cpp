@@ -140,6 +140,24 @@ TEST_F(TruncatedInputTest, CutGifAnimationKeepsItsWholeFrames) {
   EXPECT_TRUE(Log.Said(head, MediaLevelError));
 }
 
+// A cut picture inside a list fails the list at that entry, after the entries before it, with
+// the error naming the entry's file (whether the cut shows at its open or at its frame).
+TEST_F(TruncatedInputTest, CutEntryOfAListFailsTheList) {
+  Series(3);
+  const size_t size = ReadFile(dir / "f002.png").size();
+  Cut("f002.png", size / 2, "half.png");
+  WriteText(dir / "l.lst", "f001.png\nhalf.png\nf003.png\n");
+  MediaInput* in = Open(dir / "l.lst");
+  ASSERT_NE(in, nullptr);
+  bool failed = false;
+  EXPECT_EQ(ReadAll(in, &failed), 1u);
+  EXPECT_TRUE(failed);
+  EXPECT_EQ(in->read_failed, 1u);
+  EXPECT_TRUE(Log.Said(dir / "half.png", MediaLevelError));
+  EXPECT_EQ(Log.CountLevel(MediaLevelError), 1);
+  MediaClose(in);
+}
+
 velmo_test::FilePlan SmallVelmo(uint32_t frames) {
   velmo_test::FilePlan plan;
   plan.Width = 32;
