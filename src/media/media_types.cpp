@@ -109,7 +109,10 @@ bool ReadStream(MediaInput* input) {
   StreamError error;
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
     MediaNoteReadProblem(input, "%s", error.text);
-    if (error.code == STREAM_ERROR_END && !StreamReaderInfo(state->reader)->seekable) {
+    const StreamInfo* info = StreamReaderInfo(state->reader);
+    if (error.code == STREAM_ERROR_END && !info->seekable) {
+      if (info->cut_tail)
+        MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
       // A pipe meets its end only by a read that finds nothing: the output ends with this
       // frame, which repeats the last one.
       input->source_at_end = 1;
