@@ -36,7 +36,27 @@ const char* VelmoTypeName(uint32_t magic) {
 // Reads on the caller's thread, with the alpha plane when the file has one.
 constexpr uint32_t MediaVelmoOpenFlags = VelmoOpenNoBackground | VelmoOpenAlpha;
 
+// The picture size in the header is checked before the open, which sizes (and fills) its frame
+// buffers by it: a lying header must not cost gigabytes.
+bool SizeInRange(MediaInput* input) {
+  FILE* file = fopen(input->file_name, "rb");
+  if (!file) return false;
+  uint8_t bytes[VelmoHeaderSize];
+  VelmoHeader header{};
+  const bool read = fread(bytes, 1, sizeof bytes, file) == sizeof bytes &&
+                    VelmoParseHeader(bytes, sizeof bytes, &header);
+  fclose(file);
+  if (!read) return true;  // the open says what is wrong
+  const uint32_t width = VelmoHeaderWidth(header), height = VelmoHeaderHeight(header);
+  if (width <= MediaMaxSide && height <= MediaMaxSide) return true;
+  char reason[128];
+  snprintf(reason, sizeof reason, "The picture size (%u x %u) is out of range.", width, height);
+  MediaNoteProbeFailure(reason);
+  return false;
+}
+
 bool ProbeVelmo(MediaInput* input) {
+  if (!SizeInRange(input)) return false;
   HVELMO h = VelmoOpen(input->file_name, MediaVelmoOpenFlags);
   if (!h) {
     MediaNoteProbeFailure(VelmoGetError());

@@ -202,14 +202,18 @@ TEST_F(TruncatedInputTest, VelmoHeaderLiesAreRefusedAtTheOpen) {
   const std::vector<uint8_t> file = velmo_test::BuildFile(SmallVelmo(6));
   VelmoHeader header{};
   ASSERT_TRUE(VelmoParseHeader(file.data(), file.size(), &header));
+  // Each is refused for the reason it gives (a picture larger than the pipeline takes before
+  // the reader sizes its frame buffers by it).
   const struct {
     const char* name;
     void (*lie)(VelmoHeader*);
+    const char* reason;
   } lies[] = {
-      {"slow.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }},
-      {"fast.vlm", [](VelmoHeader* h) { h->FrameRate = 0xFFFFFFFFu; }},
-      {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }},
-      {"size.vlm", [](VelmoHeader* h) { h->FileSizeLess8 = 100; }},  // frames end past it
+      {"slow.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }, VelmoTextCorruptHeader},
+      {"fast.vlm", [](VelmoHeader* h) { h->FrameRate = 0xFFFFFFFFu; }, VelmoTextCorruptHeader},
+      {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }, VelmoTextCorruptHeader},
+      {"size.vlm", [](VelmoHeader* h) { h->FileSizeLess8 = 100; }, VelmoTextBadFrameSize},
+      {"huge.vlm", [](VelmoHeader* h) { h->Width = h->Height = 32767; }, "is out of range"},
   };
   for (const auto& lie : lies) {
     SCOPED_TRACE(lie.name);
@@ -222,6 +226,7 @@ TEST_F(TruncatedInputTest, VelmoHeaderLiesAreRefusedAtTheOpen) {
     MediaInput* in = Open(dir / lie.name);
     EXPECT_EQ(in, nullptr);
     EXPECT_TRUE(Log.Said(dir / lie.name, MediaLevelError));
+    EXPECT_TRUE(Log.Said(lie.reason, MediaLevelError));
     MediaClose(in);
   }
   // The honest header opens.

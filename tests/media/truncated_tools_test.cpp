@@ -2,6 +2,7 @@
 // memory cap: each run ends with the input error and a message naming the file, and no run
 // needs more memory than an honest file of that size would.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <string>
 #include <vector>
@@ -89,6 +90,13 @@ TEST_F(TruncatedToolsTest, CutInputsEndWithTheInputError) {
   }
 }
 
+// The largest resident size of any finished child of this test program, in KiB.
+long PeakChildKiB() {
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  return usage.ru_maxrss;
+}
+
 // How often `part` occurs in `text`.
 size_t Count(const std::string& text, const std::string& part) {
   size_t n = 0;
@@ -135,6 +143,7 @@ TEST_F(TruncatedToolsTest, InflatedVelmoHeadersStayWithinTheCap) {
       {"divisor.vlm", [](VelmoHeader* h) { h->FrameRateDiv = 0xFFFFFFFFu; }, true},
       {"rate.vlm", [](VelmoHeader* h) { h->FrameRate = 0xFFFFFFFFu; }, true},
       {"packet.vlm", [](VelmoHeader* h) { h->LargestFrameSize = 0xFFFFFFFFu; }, false},
+      {"huge.vlm", [](VelmoHeader* h) { h->Width = h->Height = 32767; }, false},
   };
   for (const auto& lie : lies) {
     VelmoHeader told = header;
@@ -148,6 +157,9 @@ TEST_F(TruncatedToolsTest, InflatedVelmoHeadersStayWithinTheCap) {
       const ToolOutcome outcome = RunCapped(tail);
       EXPECT_EQ(outcome.code, InputError) << tail << "\n" << outcome.output;
     }
+    const ToolOutcome info = RunCapped("orninfo " + name);
+    EXPECT_NE(info.code, TimedOut) << info.output;
+    EXPECT_TRUE(info.Says(lie.name)) << info.output;
     EXPECT_FALSE(Exists(dir / "x.avi"));
     const ToolOutcome mix = RunCapped("velmomix " + name + " " + dir / "s.wav" + " " + dir / "m.vlm /O");
     EXPECT_NE(mix.code, TimedOut) << mix.output;
@@ -155,6 +167,10 @@ TEST_F(TruncatedToolsTest, InflatedVelmoHeadersStayWithinTheCap) {
     EXPECT_NE(mix.code, 0) << mix.output;
     EXPECT_TRUE(mix.Says("corrupt header")) << mix.output;
     EXPECT_FALSE(Exists(dir / "m.vlm"));
+  }
+  // No run came near a size that the lies stated (the file itself is a few kilobytes).
+  if (MemoryCap) {
+    EXPECT_LT(PeakChildKiB(), 256 * 1024);
   }
 }
 
