@@ -163,14 +163,14 @@ bool SoundOpenAvi(const SoundOpenRequest& request, SoundReader* reader) {
   const bool copied = CopyChunks(track, FileSize(file), avi, &claimed);
   StreamReaderClose(stream);
   if (!copied || avi->total == 0) {
-    if (copied && claimed) SoundWarnShort(request, "none of its sound is in the file.");
+    if (copied && claimed) SoundWarn(request, "%s ends early: none of its sound is in the file.", request.name);
     AviClose(avi);
     return false;
   }
   // A recording that was cut off: its sound is taken as far as it goes.
   if (claimed > avi->total + avi->bytes_per_sample)
-    SoundWarnShort(request, "its sound data holds %llu of the %llu bytes that its index states.",
-                   static_cast<unsigned long long>(avi->total),
+    SoundWarn(request, "%s ends early: its sound data holds %llu of the %llu bytes that its index states.",
+              request.name, static_cast<unsigned long long>(avi->total),
                    static_cast<unsigned long long>(claimed));
   format.total_samples = avi->total / format.bytes_per_sample;
   AviSeek(avi, 0);

@@ -69,9 +69,9 @@ bool SoundParseWaveFormat(const uint8_t* fmt, uint32_t size, SoundWaveHeader* he
 // does not convert it.
 bool SoundWaveFormat(const SoundWaveHeader& header, SoundFormat* format);
 
-// A file of the kind that holds less than it should: a warning through the request's progress,
-// naming the file.
-void SoundWarnShort(const SoundOpenRequest& request, const char* format, ...)
+// A file of the kind that holds less than it should, or a part of it that cannot be read: a
+// warning through the request's progress (printf-style; the text names the file).
+void SoundWarn(const SoundOpenRequest& request, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
 // The openers, one per kind; each returns false when the name is not of its kind.

@@ -105,14 +105,13 @@ bool MakePcmReader(FILE* file, uint64_t offset, const SoundFormat& format, Sound
 
 }  // namespace
 
-void SoundWarnShort(const SoundOpenRequest& request, const char* format, ...) {
+void SoundWarn(const SoundOpenRequest& request, const char* format, ...) {
   if (!request.progress.fn) return;
-  char reason[512], text[2048];
+  char text[2048];
   va_list args;
   va_start(args, format);
-  vsnprintf(reason, sizeof reason, format, args);
+  vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  snprintf(text, sizeof text, "%s ends early: %s", request.name, reason);
   ProgressSend(request.progress, text, 4);
 }
 
@@ -194,13 +193,14 @@ bool SoundOpenWave(const SoundOpenRequest& request, SoundReader* reader) {
   // partial last sample, or claim more than the file holds); one with no sample at all is no
   // sound.
   if (format.total_samples == 0) {
-    SoundWarnShort(request, "it holds no sound samples: its data ends with the header.");
+    SoundWarn(request, "%s ends early: it holds no sound samples: its data ends with the header.",
+              request.name);
     fclose(file);
     return false;
   }
   if (header.data_claimed > header.data_bytes)
-    SoundWarnShort(request, "its sound data holds %llu of the %llu bytes that its header states.",
-                   static_cast<unsigned long long>(header.data_bytes),
+    SoundWarn(request, "%s ends early: its sound data holds %llu of the %llu bytes that its header states.",
+              request.name, static_cast<unsigned long long>(header.data_bytes),
                    static_cast<unsigned long long>(header.data_claimed));
   reader->type_name = "Wave";
   return MakePcmReader(file, header.data_offset, format, reader);
@@ -222,13 +222,13 @@ bool SoundOpenRaw(const SoundOpenRequest& request, SoundReader* reader) {
   format.total_samples = bytes / format.bytes_per_sample;
   // Raw samples may end with a partial block (a capture that was stopped): it is left out.
   if (format.total_samples == 0) {
-    SoundWarnShort(request, "it holds no whole sound sample.");
+    SoundWarn(request, "%s ends early: it holds no whole sound sample.", request.name);
     fclose(file);
     return false;
   }
   if (bytes % format.bytes_per_sample)
-    SoundWarnShort(request, "its last %u bytes are not a whole sample and are left out.",
-                   static_cast<unsigned>(bytes % format.bytes_per_sample));
+    SoundWarn(request, "%s ends early: its last %u bytes are not a whole sample and are left out.",
+              request.name, static_cast<unsigned>(bytes % format.bytes_per_sample));
   reader->type_name = "Raw";
   return MakePcmReader(file, request.skip, format, reader);
 }
