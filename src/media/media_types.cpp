@@ -106,7 +106,7 @@ void TakePalette(MediaInput* input, const uint8_t* palette) {
 bool ReadStream(MediaInput* input) {
   StreamState* state = StreamOf(input);
   StreamFrame frame;
-  StreamError error;
+  StreamError error{};
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
     MediaNoteReadProblem(input, "%s", error.text);
     const StreamInfo* info = StreamReaderInfo(state->reader);
