@@ -261,6 +261,45 @@ TEST(RawReader, RatesAndErrors) {
   EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);
 }
 
+// Only the last frame may be cut by the end of the file (a stopped capture): it is delivered as
+// far as it goes and marked so; a cut frame before it is an error. A frame count that the file
+// cannot hold (4 bytes of marker at least for each) is refused at the open.
+TEST(RawReader, CutFramesAndImpossibleCounts) {
+  const int w = 4, h = 3;
+  Raw r = RawHeader(3, w, h, 10);
+  r.Pixels(w, h, 1), r.Pixels(w, h, 2), r.Pixels(w, h, 3);
+  for (const bool lastOnly : {true, false}) {
+    Raw cut = r;
+    // Cut into frame 3's second row, or frame 2's (and leave frame 3 out).
+    const size_t frame = lastOnly ? 2 : 1;
+    cut.v.resize(20 + frame * (4 + w * h) + 4 + w + 2);
+    StreamError error{};
+    StreamReader* reader = OpenRaw(cut, &error);
+    ASSERT_NE(reader, nullptr) << error.text;
+    StreamFrame f{};
+    ASSERT_EQ(StreamReaderRead(reader, 0, &f, &error), 1);
+    EXPECT_EQ(f.cut_short, 0u);
+    if (lastOnly) {
+      ASSERT_EQ(StreamReaderRead(reader, 1, &f, &error), 1);
+      EXPECT_EQ(f.cut_short, 0u);
+      ASSERT_EQ(StreamReaderRead(reader, 2, &f, &error), 1) << error.text;
+      EXPECT_EQ(f.cut_short, 1u);
+      for (int x = 0; x < w; ++x) EXPECT_EQ(f.pixels[x], uint8_t(x + 3));  // its first row is there
+    } else {
+      EXPECT_EQ(StreamReaderRead(reader, 1, &f, &error), 0);
+      EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+      EXPECT_NE(std::string(error.text).find("frame 2 is cut short"), std::string::npos) << error.text;
+    }
+    StreamReaderClose(reader);
+  }
+  Raw claims = RawHeader(1000, w, h, 10);
+  claims.Pixels(w, h, 1);
+  StreamError error{};
+  EXPECT_EQ(OpenRaw(claims, &error), nullptr);
+  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  EXPECT_NE(std::string(error.text).find("1000 frames"), std::string::npos) << error.text;
+}
+
 TEST(StreamTable, RowsAndProbeOrder) {
   size_t count = 0;
   const StreamReaderOps* const* table = StreamReaderTable(&count);
