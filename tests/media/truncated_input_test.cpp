@@ -281,10 +281,15 @@ TEST_F(TruncatedInputTest, FlicFrameCountsAndCutFrames) {
   EXPECT_FALSE(failed);
   MediaClose(good);
 
+  // More frames than the bytes can hold, and more than the chunks that are there.
   WriteFile(dir / "claims.flc", Flic(65535, 5));
   Log.Clear();
   EXPECT_EQ(Open(dir / "claims.flc"), nullptr);
   EXPECT_TRUE(Log.Said("65535 frames", MediaLevelError));
+  WriteFile(dir / "count.flc", Flic(20, 5));
+  Log.Clear();
+  EXPECT_EQ(Open(dir / "count.flc"), nullptr);
+  EXPECT_TRUE(Log.Said("claims 20 frames; the file holds 5", MediaLevelError));
 
   const size_t size = ReadFile(dir / "good.flc").size();
   const std::string cut = Cut("good.flc", size - 100, "cut.flc");

@@ -88,6 +88,14 @@ bool FlicReader::Open(StreamError* error) {
   canvas_.height = height;
   canvas_.pixels = pixels_.data();
 
+  // Every frame the header counts must have its chunk in the file: the walk over the chunk
+  // headers costs little, and a count that the file does not hold is refused here rather than
+  // met frame by frame.
+  uint64_t last_offset = 0;
+  uint32_t last_size = 0;
+  if (!FindFrame(frames_ - 1, &last_offset, &last_size))
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: the header claims %u frames; the file holds %zu",
+                      frames_, offsets_.size());
   // The first frame is decoded now: it proves the file and gives the starting palette.
   if (!DecodeAt(0, error)) return false;
   current_ = 0;
