@@ -337,13 +337,13 @@ TEST_F(TruncatedInputTest, CutLastFrameOfAStreamWarnsOnce) {
 // An AVI recording that was cut off: three frames of 6 x 4, each followed by 2000 bytes of
 // 16-bit mono sound, with the index at the end.
 avi_test::Built RecordedAvi() {
-  avi_test::AviSpec spec;
-  for (int f = 0; f < 3; ++f) spec.frames.push_back(std::vector<uint8_t>(6 * 4 * 3, uint8_t(50 + f)));
+  avi_test::AviSpec shape;
+  for (int f = 0; f < 3; ++f) shape.frames.push_back(std::vector<uint8_t>(6 * 4 * 3, uint8_t(50 + f)));
   avi_test::AviSound sound;
   sound.format = avi_test::WaveFormat(1, 1, 8000, 16);
   for (int c = 0; c < 3; ++c) sound.chunks.push_back(std::vector<uint8_t>(2000, uint8_t(c + 1)));
-  spec.sound.push_back(sound);
-  return avi_test::BuildAvi(spec);
+  shape.sound.push_back(sound);
+  return avi_test::BuildAvi(shape);
 }
 
 // Cut inside its last sound chunk, an AVI keeps all its frames and the sound that is there,
