@@ -16,6 +16,10 @@
 //
 // A reader that faults (a damaged file, a decoder bug) is survived: the warning goes out once a
 // run through progress, and the previous output frame is delivered again (black at the first).
+// A frame that a reader cannot deliver whole (a file cut short) is an input error instead: one
+// error through progress names the file and what is missing, `read_failed` is set, and the
+// frame calls fail from then on. Formats whose last frame may be cut by a stopped recording
+// (YUV4MPEG2, AVI, raw frames, animated GIF) deliver what is there with one warning.
 #pragma once
 #include <cstddef>
 #include <cstdint>
