@@ -461,7 +461,8 @@ int ConvertVideo(Job& job) {
   while (!in->at_end && !job.cancel) {
     if (!MediaGetFrame(in, s.video.denoise, smooth, s.video.contrast, s.video.brightness,
                        s.video.gamma, s.video.black_clamp)) {
-      if (!job.cancel) code = ToolExitInputError;
+      // A frame that could not be read has been reported (and stopped the run) by the layer.
+      if (!job.cancel || in->read_failed) code = ToolExitInputError;
       break;
     }
     if (!OutputWriteFrame(run.writer, in->output_buffer, nullptr)) {

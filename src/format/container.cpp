@@ -143,6 +143,11 @@ const char* VelmoCheckHeader(const VelmoHeader& h) {
       VelmoHeaderHeight(h) > VelmoMaxDimension || h.FrameRate == 0 || h.FrameRateDiv == 0) {
     return VelmoTextCorruptHeader;
   }
+  // A rate outside what any file can mean (a frame an hour up to 10000 frames a second) would
+  // make frame times and everything sized by them absurd.
+  if (uint64_t(h.FrameRate) * VelmoMaxFrameSeconds < h.FrameRateDiv ||
+      h.FrameRate / h.FrameRateDiv > VelmoMaxFramesPerSecond)
+    return VelmoTextCorruptHeader;
   return nullptr;
 }
 

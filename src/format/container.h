@@ -80,6 +80,8 @@ enum : uint32_t {
   VelmoMaxTracks = 256,
   VelmoMaxDimension = 32767,
   VelmoMaxFrameStep = 0x10000000,  // largest distance between neighbouring frame offsets
+  VelmoMaxFrameSeconds = 3600,     // the longest a frame may last
+  VelmoMaxFramesPerSecond = 10000,
 };
 
 // `Flags` bits are the VelmoFlag* of velmo_flags.h. With VelmoFlagHdr the extras start with the

@@ -115,12 +115,24 @@ int GifOpen(ImageFile* file, ImageError* error) {
   bool done = false;
   while (!done && st->frames.size() < kMaxFrames) {
     GifRecordType type;
-    if (DGifGetRecordType(gif, &type) == GIF_ERROR) break;
+    if (DGifGetRecordType(gif, &type) == GIF_ERROR) {
+      info.cut_short = 1;  // the file ends before its trailer
+      break;
+    }
     switch (type) {
       case IMAGE_DESC_RECORD_TYPE: {
-        if (DGifGetImageDesc(gif) == GIF_ERROR) { done = true; break; }
+        if (DGifGetImageDesc(gif) == GIF_ERROR) {
+          info.cut_short = 1;
+          done = true;
+          break;
+        }
         const GifImageDesc& d = gif->Image;
-        if (!SizeAllowed(uint64_t(d.Width), uint64_t(d.Height), nullptr) || !SkipImageData(gif)) { done = true; break; }
+        if (!SizeAllowed(uint64_t(d.Width), uint64_t(d.Height), nullptr)) { done = true; break; }
+        if (!SkipImageData(gif)) {
+          info.cut_short = 1;  // a frame whose data the file does not hold whole
+          done = true;
+          break;
+        }
         pending.left = d.Left;
         pending.top = d.Top;
         pending.width = d.Width;

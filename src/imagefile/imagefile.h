@@ -80,6 +80,7 @@ typedef struct ImageInfo {
   int extra_samples;     // TIFF extra samples
   int compression;       // TIFF compression tag, BMP compression, TGA 1 for RLE
   int loop_count;        // GIF loop count (0 forever), -1 when the file gives none
+  int cut_short;         // GIF: the file ends inside a frame behind the whole ones, left out
 } ImageInfo;
 
 // Size limits applied by every reader before it allocates. Process-wide; set before use.

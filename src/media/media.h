@@ -16,6 +16,10 @@
 //
 // A reader that faults (a damaged file, a decoder bug) is survived: the warning goes out once a
 // run through progress, and the previous output frame is delivered again (black at the first).
+// A frame that a reader cannot deliver whole (a file cut short) is an input error instead: one
+// error through progress names the file and what is missing, `read_failed` is set, and the
+// frame calls fail from then on. Formats whose last frame may be cut by a stopped recording
+// (YUV4MPEG2, AVI, raw frames, animated GIF) deliver what is there with one warning.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -194,6 +198,12 @@ struct MediaInput {
   // the scaler or a stage has since changed the frame at hand.
   MediaPlanes frame_planes;
   uint32_t frame_processed;
+  // A source frame could not be read completely (or an entry of a list did not open): the
+  // reason went out once through progress as an error naming the file, and every later
+  // MediaGetFrame fails. The tools end with their input error for it.
+  uint32_t read_failed;
+  uint32_t short_warned;    // the one warning about a short last frame went out
+  char read_problem[256];   // what the reader found missing, for that error
 };
 
 // Everything MediaOpen takes besides the name. Zeroes mean "not given" throughout.
@@ -222,8 +232,9 @@ void MediaClose(MediaInput* input);
 // Back to the first frame for a further pass.
 bool MediaRewind(MediaInput* input);
 
-// One output frame into `output_buffer`. False when the caller cancelled through `progress`
-// or an entry of a list could not be opened. `smooth` packs vertical (high 16 bits) and
+// One output frame into `output_buffer`. False when the caller cancelled through `progress`,
+// an entry of a list could not be opened, or a source frame could not be read completely
+// (`read_failed` is then set and the error has gone out through progress). `smooth` packs vertical (high 16 bits) and
 // horizontal (low 16 bits) smoothing, 25600 = 100%; `gamma` is the exponent (1 ÷ the /] value).
 bool MediaGetFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,
                    uint32_t brightness, double gamma, uint32_t black_clamp);

@@ -6,6 +6,7 @@
 // the final copy. A stage that runs reads the frame at hand and writes the work buffer that is
 // not in use, then the frame at hand is that buffer, 32-bit ARGB (or four floats).
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -67,42 +68,72 @@ void CallSeek(void* context) {
 
 uint32_t BytesPerPixel(uint32_t depth) { return depth >= 8 ? depth / 8 : 1; }
 
-void SkipToStart(MediaInput* input) {
+// A frame that could not be read: the input fails, and the reason goes out once, naming the
+// file. A reader that said nothing about it gets the frame's number as its reason.
+void FailRead(MediaInput* input, uint32_t frame) {
+  if (input->read_failed) return;
+  input->read_failed = 1;
+  if (!input->read_problem[0])
+    snprintf(input->read_problem, sizeof input->read_problem,
+             "Frame %lu could not be read completely.", static_cast<unsigned long>(frame) + 1);
+  MediaSay(input->progress, MediaLevelError, "Error reading: %s\n\n%s", input->file_name,
+           input->read_problem);
+}
+
+// One guarded call of the reader. A fault is survived (the crash warning, and the frame that
+// stands); a read that fails without one is an input error, except at the end of a pipe.
+bool GuardedReaderCall(MediaInput* input, GuardedRead* call, void (*run)(void*), uint32_t region,
+                       uint32_t frame) {
+  input->read_problem[0] = 0;
+  if (!MediaGuardRun(run, call)) {
+    MediaReportCrash(input, region);
+    input->reuse_output = 1;
+    return true;
+  }
+  if (call->result || input->source_at_end) return true;
+  FailRead(input, frame);
+  return false;
+}
+
+bool SkipToStart(MediaInput* input) {
   input->seek_done = 1;
-  if (input->skip_frames == 0) return;
+  if (input->skip_frames == 0) return true;
   const MediaReaderOps* reader = input->reader;
   if (reader->seek) {
     GuardedRead call = {input, input->skip_frames, false};
     const uint32_t region =
         reader->guard_region == MediaGuardVelmo ? MediaGuardVelmoSkip : reader->guard_region;
-    if (!MediaGuardRun(CallSeek, &call)) MediaReportCrash(input, region);
-    return;
+    const bool ok = GuardedReaderCall(input, &call, CallSeek, region, input->skip_frames - 1);
+    input->reuse_output = 0;  // a fault while skipping loses no frame
+    return ok;
   }
   for (uint32_t i = 0; i < input->skip_frames; ++i) {
     MediaSay(input->progress, i == 0 ? MediaLevelStep : MediaLevelStatus, "Skipping frame %li...",
              static_cast<long>(i + 1));
     GuardedRead call = {input, 0, false};
-    if (!MediaGuardRun(CallRead, &call)) MediaReportCrash(input, reader->guard_region);
+    if (!GuardedReaderCall(input, &call, CallRead, reader->guard_region, i)) return false;
+    input->reuse_output = 0;
   }
   input->palette_changed = 1;
+  return true;
 }
 
-// One source frame from the reader. A fault keeps the previous output frame.
-void ReadSource(MediaInput* input) {
+// One source frame from the reader. A fault keeps the previous output frame; a frame that
+// cannot be read completely fails the input.
+bool ReadSource(MediaInput* input) {
   if (!input->reader || !input->reader->read) {
     input->reuse_output = 1;
-    return;
+    return true;
   }
-  if (!input->seek_done) SkipToStart(input);
+  if (!input->seek_done && !SkipToStart(input)) return false;
   input->frame_planes = MediaPlanes{};  // a reader with planes describes them again
   GuardedRead call = {input, 0, false};
-  if (!MediaGuardRun(CallRead, &call)) {
-    MediaReportCrash(input, input->reader->guard_region);
-    input->reuse_output = 1;
-    return;
-  }
-  // A read that failed without a fault leaves the frame as it was; with none yet, black.
-  if (!input->frame_base) input->reuse_output = 1;
+  if (!GuardedReaderCall(input, &call, CallRead, input->reader->guard_region,
+                         input->skip_frames + input->frames_read))
+    return false;
+  // A read that faulted, or the end of a pipe, leaves the frame as it was; with none yet, black.
+  if (!call.result || !input->frame_base) input->reuse_output = 1;
+  return true;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -115,6 +146,8 @@ bool OpenNextEntry(MediaInput* input) {
   input->entry = MediaOpenWith(item.name, &args);
   input->entry_start = item.start;
   input->entry_end = item.end;
+  // An entry that does not open is an input error of the list; its open has said why.
+  if (!input->entry) input->read_failed = 1;
   return input->entry != nullptr;
 }
 
@@ -137,6 +170,7 @@ bool SkipInList(MediaInput* input) {
   MediaClose(entry);
   const MediaOpenArgs reopen = MediaListEntryArgs(input, start, input->entry_end);
   input->entry = MediaOpenWith(name, &reopen);
+  if (!input->entry) input->read_failed = 1;
   return input->entry != nullptr;
 }
 
@@ -184,8 +218,10 @@ bool ReadListFrame(MediaInput* input, const MediaFrameArgs& args) {
   }
   // Contrast is deliberately not applied to the frames of a list.
   if (!MediaStepFrame(entry, args.denoise, args.smooth, 0, args.brightness, args.gamma,
-                      args.black_clamp))
+                      args.black_clamp)) {
+    if (entry->read_failed) input->read_failed = 1;  // the entry has said why
     return false;
+  }
   if (entry->reuse_output || !entry->frame_base) {
     entry->reuse_output = 0;
     if (!entry->frame_base) {
@@ -373,8 +409,8 @@ bool ReadFrame(MediaInput* input, const MediaFrameArgs& args) {
     input->frame_planes = MediaPlanes{};  // entries are placed in the list's picture
     if (!ReadListFrame(input, args)) return false;
     if (!input->reuse_output) MediaPlaceWindow(input, input->frame_width, input->frame_height);
-  } else {
-    ReadSource(input);
+  } else if (!ReadSource(input)) {
+    return false;
   }
   ++input->frames_read;
   if (input->frames_read >= input->source_frames) input->source_at_end = 1;
@@ -449,13 +485,31 @@ void MediaReportCrash(MediaInput* input, uint32_t region) {
   MediaSay(input->progress, MediaLevelWarning, CrashText(region), input->type_name);
 }
 
+void MediaNoteReadProblem(MediaInput* input, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vsnprintf(input->read_problem, sizeof input->read_problem, format, args);
+  va_end(args);
+}
+
+void MediaWarnShortFrame(MediaInput* input, const char* format, ...) {
+  if (input->short_warned) return;
+  input->short_warned = 1;
+  char reason[512];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(reason, sizeof reason, format, args);
+  va_end(args);
+  MediaSay(input->progress, MediaLevelWarning, "%s ends early: %s", input->file_name, reason);
+}
+
 void MediaResetCrashWarnings() {
   for (bool& warned : CrashWarned) warned = false;
 }
 
 bool MediaStepFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,
                     uint32_t brightness, double gamma, uint32_t black_clamp) {
-  if (!input) return false;
+  if (!input || input->read_failed) return false;
   const MediaFrameArgs args = {denoise, smooth, contrast, brightness, gamma, black_clamp};
   bool ok = true;
   if (input->frames_read == 0) {
@@ -488,7 +542,7 @@ bool MediaFramePlanes(const MediaInput* input, MediaPlanes* out) {
 
 bool MediaGetFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,
                    uint32_t brightness, double gamma, uint32_t black_clamp) {
-  if (!input) return false;
+  if (!input || input->read_failed) return false;
   if (input->progress.fn) {
     const uint64_t num = uint64_t(input->output_rate_num) * input->input_rate_den;
     const uint64_t den = uint64_t(input->input_rate_num) * input->output_rate_den;

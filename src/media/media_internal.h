@@ -33,6 +33,15 @@ bool MediaProbe(MediaInput* input, const char* name);
 // puts the last reason under "Error opening: %s" when no row succeeds.
 void MediaNoteProbeFailure(const char* reason);
 
+// A reader that cannot deliver a whole frame says here what is missing (printf-style); the
+// pipeline puts it under "Error reading: <file>" when the read fails.
+void MediaNoteReadProblem(MediaInput* input, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+// A frame that the format allows to be short (the cut end of a recording): one warning for the
+// input, naming the file, and the run goes on.
+void MediaWarnShortFrame(MediaInput* input, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 // Frees what the reader holds.
 void MediaCloseReader(MediaInput* input);
 

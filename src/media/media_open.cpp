@@ -192,7 +192,23 @@ void SayStartHeld(const MediaInput* input, int32_t start) {
              (long long)frames, frames == 1 ? "" : "s");
 }
 
+// The longest a frame may last and the most frames a second that a file may state: a rate
+// beyond these cannot be true, and frame times and sound blocks sized by it would be absurd.
+constexpr uint64_t MaxFrameSeconds = 3600;
+constexpr uint64_t MaxFramesPerSecond = 10000;
+
+bool RateIsCredible(uint32_t num, uint32_t den) {
+  if (!num || !den) return true;  // not stated: the defaults apply
+  return uint64_t(num) * MaxFrameSeconds >= den && num / den <= MaxFramesPerSecond;
+}
+
 bool FinishOpen(MediaInput* input, const MediaOpenArgs& a) {
+  if (!RateIsCredible(input->file_rate_num, input->file_rate_den)) {
+    MediaSay(input->progress, MediaLevelError,
+             "Error opening: %s\n\nThe frame rate that the file states (%u/%u) cannot be true.",
+             input->file_name, input->file_rate_num, input->file_rate_den);
+    return false;
+  }
   if (!input->has_alpha) input->premultiply = input->unpremultiply = 0;
   if (input->total_bytes == 0 && input->type != MediaTypeList)
     input->total_bytes = MediaFileSize(input->file_name);

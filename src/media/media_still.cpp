@@ -127,6 +127,8 @@ bool ProbeStill(MediaInput* input, int format) {
   input->file_rate_num = 15;
   input->file_rate_den = 1;
   if (animated) SetAnimation(input, file, info);
+  // An animation cut off inside a frame keeps its whole frames (a recording that was stopped).
+  if (info.cut_short) MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
   input->input_depth = StillDepth(info, alpha);
   input->decode_depth = input->input_depth;
   if (state->floats) {
@@ -158,7 +160,11 @@ bool ReadStill(MediaInput* input) {
                       state->floats ? IMAGE_PIXELS_FLOAT : IMAGE_PIXELS_ARGB32};
   const int frame = static_cast<int>(state->nextFrame);
   if (input->source_frames > 1) ++state->nextFrame;
-  if (!ImageFileReadFrame(state->file, frame, &dest, nullptr)) return false;
+  ImageError error{};
+  if (!ImageFileReadFrame(state->file, frame, &dest, &error)) {
+    MediaNoteReadProblem(input, "%s", error.text[0] ? error.text : "The picture could not be decoded.");
+    return false;
+  }
   if (!state->floats && !state->keepAlpha) {
     uint32_t* p = reinterpret_cast<uint32_t*>(state->pixels);
     for (size_t i = 0, n = need / 4; i < n; ++i) p[i] &= 0x00FFFFFFu;

@@ -91,6 +91,8 @@ bool ProbeStream(MediaInput* input, const StreamReaderOps* ops) {
   state->reader = reader;
   input->reader_state = state;
   TakeStreamInfo(input, info, ops->format);
+  if (info.cut_tail)
+    MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
   return true;
 }
 
@@ -104,9 +106,13 @@ void TakePalette(MediaInput* input, const uint8_t* palette) {
 bool ReadStream(MediaInput* input) {
   StreamState* state = StreamOf(input);
   StreamFrame frame;
-  StreamError error;
+  StreamError error{};
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
-    if (error.code == STREAM_ERROR_END) {
+    MediaNoteReadProblem(input, "%s", error.text);
+    const StreamInfo* info = StreamReaderInfo(state->reader);
+    if (error.code == STREAM_ERROR_END && !info->seekable) {
+      if (info->cut_tail)
+        MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
       // A pipe meets its end only by a read that finds nothing: the output ends with this
       // frame, which repeats the last one.
       input->source_at_end = 1;
@@ -115,6 +121,8 @@ bool ReadStream(MediaInput* input) {
     return false;
   }
   ++state->nextFrame;
+  if (frame.cut_short)
+    MediaWarnShortFrame(input, "its last frame is cut short and is shown as far as it goes.");
   input->frame_base = const_cast<uint8_t*>(frame.pixels);
   input->frame_pitch = frame.pitch;
   input->frame_depth = frame.depth;

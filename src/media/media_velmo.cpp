@@ -36,9 +36,32 @@ const char* VelmoTypeName(uint32_t magic) {
 // Reads on the caller's thread, with the alpha plane when the file has one.
 constexpr uint32_t MediaVelmoOpenFlags = VelmoOpenNoBackground | VelmoOpenAlpha;
 
+// The picture size in the header is checked before the open, which sizes (and fills) its frame
+// buffers by it: a lying header must not cost gigabytes.
+bool SizeInRange(MediaInput* input) {
+  FILE* file = fopen(input->file_name, "rb");
+  if (!file) return false;
+  uint8_t bytes[VelmoHeaderSize];
+  VelmoHeader header{};
+  const bool read = fread(bytes, 1, sizeof bytes, file) == sizeof bytes &&
+                    VelmoParseHeader(bytes, sizeof bytes, &header);
+  fclose(file);
+  if (!read) return true;  // the open says what is wrong
+  const uint32_t width = VelmoHeaderWidth(header), height = VelmoHeaderHeight(header);
+  if (width <= MediaMaxSide && height <= MediaMaxSide) return true;
+  char reason[128];
+  snprintf(reason, sizeof reason, "The picture size (%u x %u) is out of range.", width, height);
+  MediaNoteProbeFailure(reason);
+  return false;
+}
+
 bool ProbeVelmo(MediaInput* input) {
+  if (!SizeInRange(input)) return false;
   HVELMO h = VelmoOpen(input->file_name, MediaVelmoOpenFlags);
-  if (!h) return false;
+  if (!h) {
+    MediaNoteProbeFailure(VelmoGetError());
+    return false;
+  }
   if (h->Width == 0 || h->Height == 0 || h->Width > MediaMaxSide || h->Height > MediaMaxSide ||
       h->Frames == 0) {
     VelmoClose(h);
@@ -66,6 +89,14 @@ bool ProbeVelmo(MediaInput* input) {
   return true;
 }
 
+// A frame whose data the file does not hold (a file cut short, a damaged table).
+bool FrameMissing(MediaInput* input, HVELMO h) {
+  MediaNoteReadProblem(input, "Frame %lu of %lu is missing from the file or damaged.",
+                       static_cast<unsigned long>(h->FrameNum),
+                       static_cast<unsigned long>(h->Frames));
+  return false;
+}
+
 bool ReadVelmo(MediaInput* input) {
   VelmoState* state = StateOf(input);
   HVELMO h = state->handle;
@@ -79,7 +110,7 @@ bool ReadVelmo(MediaInput* input) {
   input->frame_depth = 32;
   input->frame_width = h->Width;
   input->frame_height = h->Height;
-  VelmoDoFrame(h);
+  if (!VelmoDoFrame(h)) return FrameMissing(input, h);
   input->frame_bytes = h->FrameSize;
   VelmoCopyToBuffer(h, state->pixels, static_cast<int32_t>(pitch), static_cast<int32_t>(h->Height),
                     0, 0, uint32_t(VelmoSurfaceArgb32) | uint32_t(VelmoOpenNeverSkip));
@@ -91,7 +122,7 @@ bool ReadVelmo(MediaInput* input) {
 bool SeekVelmo(MediaInput* input, uint32_t index) {
   HVELMO h = StateOf(input)->handle;
   for (uint32_t i = 0; i < index; ++i) {
-    VelmoDoFrame(h);
+    if (!VelmoDoFrame(h)) return FrameMissing(input, h);
     VelmoNextFrame(h);
   }
   return true;

@@ -22,6 +22,10 @@ bool ProbeSound(MediaInput* input) {
                   SoundReadWaveHeader(file, static_cast<uint64_t>(ftello(file)), &info);
   fclose(file);
   if (!ok || info.block_align == 0 || info.rate == 0) return false;
+  if (info.data_bytes < info.block_align) {
+    MediaNoteProbeFailure("The wave file holds no sound samples: its data ends with the header.");
+    return false;
+  }
   WaveState* state = static_cast<WaveState*>(calloc(1, sizeof(WaveState)));
   if (!state) return false;
   input->reader_state = state;

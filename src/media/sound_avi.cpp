@@ -102,16 +102,19 @@ bool TrackFormat(const StreamAudioTrack& track, SoundFormat* format) {
   return SoundParseWaveFormat(fmt, 18 + extra, &header) && SoundWaveFormat(header, format);
 }
 
-// The chunk table of the track, each chunk cut to the end of the file and empty ones left out.
-bool CopyChunks(const StreamAudioTrack& track, uint64_t file_size, AviSound* avi) {
+// The chunk table of the track, each chunk cut to the end of the file and empty ones left out;
+// `claimed` is what the index states.
+bool CopyChunks(const StreamAudioTrack& track, uint64_t file_size, AviSound* avi, uint64_t* claimed) {
   const size_t count = track.chunk_count;
   avi->offsets = static_cast<uint64_t*>(malloc((count ? count : 1) * sizeof(uint64_t)));
   avi->ends = static_cast<uint64_t*>(malloc((count ? count : 1) * sizeof(uint64_t)));
   if (!avi->offsets || !avi->ends) return false;
   uint64_t end = 0;
   uint32_t kept = 0;
+  *claimed = 0;
   for (size_t i = 0; i < count; ++i) {
     const StreamAudioChunk& c = track.chunks[i];
+    *claimed += c.size;
     if (c.offset >= file_size) continue;
     const uint64_t size = std::min<uint64_t>(c.size, file_size - c.offset);
     if (size == 0) continue;
@@ -156,12 +159,19 @@ bool SoundOpenAvi(const SoundOpenRequest& request, SoundReader* reader) {
   avi->file = file;
   avi->bytes_per_sample = format.bytes_per_sample;
   avi->file_at = UINT64_MAX;
-  const bool copied = CopyChunks(track, FileSize(file), avi);
+  uint64_t claimed = 0;
+  const bool copied = CopyChunks(track, FileSize(file), avi, &claimed);
   StreamReaderClose(stream);
   if (!copied || avi->total == 0) {
+    if (copied && claimed) SoundWarn(request, "%s ends early: none of its sound is in the file.", request.name);
     AviClose(avi);
     return false;
   }
+  // A recording that was cut off: its sound is taken as far as it goes.
+  if (claimed > avi->total + avi->bytes_per_sample)
+    SoundWarn(request, "%s ends early: its sound data holds %llu of the %llu bytes that its index states.",
+              request.name, static_cast<unsigned long long>(avi->total),
+                   static_cast<unsigned long long>(claimed));
   format.total_samples = avi->total / format.bytes_per_sample;
   AviSeek(avi, 0);
   reader->ops = &AviOps;

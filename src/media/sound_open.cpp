@@ -1,6 +1,7 @@
 // Sound input: choosing the reader, the normalising pass, the asked range, and the read,
 // rewind and close calls around the converter.
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -194,6 +195,19 @@ int ReportProgress(SoundInput* sound) {
   return ProgressSend(sound->progress, text, level);
 }
 
+// A source that gives out before the length it stated (a file cut after its header was read,
+// a damaged stream) ends the sound there: said once, naming the file.
+void WarnIfCut(SoundInput* sound) {
+  SoundSource* s = sound->source;
+  if (!s->short_read || s->short_warned) return;
+  s->short_warned = true;
+  char text[1400];
+  snprintf(text, sizeof text, "%s ends early: its sound stops after %llu of %llu samples.",
+           sound->file_name, static_cast<unsigned long long>(sound->source_index),
+           static_cast<unsigned long long>(sound->total_source_samples));
+  ProgressSend(sound->progress, text, 4);
+}
+
 }  // namespace
 
 SoundInput* SoundOpen(const char* name, uint32_t rate, uint32_t bits, uint32_t channels,
@@ -230,6 +244,7 @@ uint32_t SoundRead(SoundInput* sound, void* buffer, uint32_t count) {
   SoundApplyGain(sound, out, made);
   const uint32_t bytes = made * sound->bytes_per_sample;
   sound->remaining_bytes -= bytes;
+  WarnIfCut(sound);
   if (made < samples || sound->remaining_bytes == 0) sound->at_end = 1;
   return bytes;
 }

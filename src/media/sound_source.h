@@ -56,6 +56,7 @@ struct SoundWaveHeader {
   uint32_t format_tag;  // 1 PCM or 3 float, after WAVE_FORMAT_EXTENSIBLE is resolved
   uint32_t channels, rate, bits, block_align;
   uint64_t data_offset, data_bytes;
+  uint64_t data_claimed;  // what the data chunk states; more than data_bytes when the file is cut
 };
 // Reads "RIFF", a length, "WAVE" and walks the chunks for "fmt " and "data". `file_size`
 // bounds the data. False for anything that is not a wave of a format the layer reads.
@@ -67,6 +68,11 @@ bool SoundParseWaveFormat(const uint8_t* fmt, uint32_t size, SoundWaveHeader* he
 // The converter's format for a header (total_samples from data_bytes); false when the layer
 // does not convert it.
 bool SoundWaveFormat(const SoundWaveHeader& header, SoundFormat* format);
+
+// A file of the kind that holds less than it should, or a part of it that cannot be read: a
+// warning through the request's progress (printf-style; the text names the file).
+void SoundWarn(const SoundOpenRequest& request, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // The openers, one per kind; each returns false when the name is not of its kind.
 bool SoundOpenRaw(const SoundOpenRequest& request, SoundReader* reader);
@@ -86,6 +92,7 @@ struct SoundSource {
   uint8_t* block;         // source bytes read ahead
   uint32_t block_bytes, block_fill, block_at;
   bool short_read;        // the reader gave out before the promised end
+  bool short_warned;      // ... and that was said (once for the input)
   bool primed;            // the first sample was read ahead for the interpolator
   bool drained;           // the interpolator has no further source sample
 };

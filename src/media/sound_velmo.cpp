@@ -104,6 +104,9 @@ bool SoundOpenVelmo(const SoundOpenRequest& request, SoundReader* reader) {
   // Sound only: no frame buffers and no reading thread.
   v->handle = VelmoOpen(request.name, VelmoOpenNoBuffers | VelmoOpenNoBackground);
   if (v->handle) v->track = VelmoOpenTrack(v->handle, request.track);
+  if (v->handle && !v->track && request.track < v->handle->TrackCount)
+    SoundWarn(request, "%s: its sound track %u cannot be read (its table is damaged or its "
+              "format unknown).", request.name, request.track);
   SoundFormat& f = reader->format;
   if (v->track) {
     f.rate = VelmoTrackReaderRate(v->track);
@@ -115,6 +118,14 @@ bool SoundOpenVelmo(const SoundOpenRequest& request, SoundReader* reader) {
     return false;
   }
   f.total_samples = CountBytes(v) / f.bytes_per_sample;
+  // A walk that stopped before the last frame met a file that is cut short or damaged: its
+  // sound would end early without a word.
+  if (v->frames_taken < v->handle->Frames) {
+    SoundWarn(request, "%s ends early: the sound of frame %u of %u could not be read.",
+              request.name, v->frames_taken + 1, v->handle->Frames);
+    VelmoSoundClose(v);
+    return false;
+  }
   reader->ops = &VelmoOps;
   reader->state = v;
   reader->kind = SoundKindVelmo;

@@ -1,6 +1,8 @@
 // Wave files and raw sample files: plain PCM read straight from the file.
 #include <sys/stat.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -103,6 +105,16 @@ bool MakePcmReader(FILE* file, uint64_t offset, const SoundFormat& format, Sound
 
 }  // namespace
 
+void SoundWarn(const SoundOpenRequest& request, const char* format, ...) {
+  if (!request.progress.fn) return;
+  char text[2048];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  ProgressSend(request.progress, text, 4);
+}
+
 bool SoundFormatValid(SoundFormat* format) {
   if (format->rate == 0 || format->rate > SoundMaxRate) return false;
   if (format->channels < 1 || format->channels > 2) return false;
@@ -159,6 +171,7 @@ bool SoundReadWaveHeader(FILE* file, uint64_t file_size, SoundWaveHeader* header
       if (!have_format) return false;
       // A length past the end of the file (a wave that was never finished) ends with it.
       header->data_offset = at;
+      header->data_claimed = size;
       header->data_bytes = size <= file_size - at ? size : file_size - at;
       return true;
     }
@@ -176,6 +189,19 @@ bool SoundOpenWave(const SoundOpenRequest& request, SoundReader* reader) {
     fclose(file);
     return false;
   }
+  // A wave whose recording was cut off is taken as far as it goes (its data chunk may hold a
+  // partial last sample, or claim more than the file holds); one with no sample at all is no
+  // sound.
+  if (format.total_samples == 0) {
+    SoundWarn(request, "%s ends early: it holds no sound samples: its data ends with the header.",
+              request.name);
+    fclose(file);
+    return false;
+  }
+  if (header.data_claimed > header.data_bytes)
+    SoundWarn(request, "%s ends early: its sound data holds %llu of the %llu bytes that its header states.",
+              request.name, static_cast<unsigned long long>(header.data_bytes),
+                   static_cast<unsigned long long>(header.data_claimed));
   reader->type_name = "Wave";
   return MakePcmReader(file, header.data_offset, format, reader);
 }
@@ -192,7 +218,17 @@ bool SoundOpenRaw(const SoundOpenRequest& request, SoundReader* reader) {
   FILE* file = fopen(request.name, "rb");
   if (!file) return false;
   const uint64_t size = FileSize(file);
-  format.total_samples = size > request.skip ? (size - request.skip) / format.bytes_per_sample : 0;
+  const uint64_t bytes = size > request.skip ? size - request.skip : 0;
+  format.total_samples = bytes / format.bytes_per_sample;
+  // Raw samples may end with a partial block (a capture that was stopped): it is left out.
+  if (format.total_samples == 0) {
+    SoundWarn(request, "%s ends early: it holds no whole sound sample.", request.name);
+    fclose(file);
+    return false;
+  }
+  if (bytes % format.bytes_per_sample)
+    SoundWarn(request, "%s ends early: its last %u bytes are not a whole sample and are left out.",
+              request.name, static_cast<unsigned>(bytes % format.bytes_per_sample));
   reader->type_name = "Raw";
   return MakePcmReader(file, request.skip, format, reader);
 }

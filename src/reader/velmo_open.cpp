@@ -288,6 +288,12 @@ void SettleFlagsAndRates(OpenJob& job) {
 void* ReadWholeFile(OpenJob& job) {
   IOProvider* io = &job.H->IOProvider;
   const uint64_t size = uint64_t(job.Header.FileSizeLess8) + 8;
+  // The stated size must be there before a block that large is taken.
+  uint8_t last = 0;
+  if (io->ReadHeader(io, size - 1, &last, 1) != 1) {
+    VelmoSetError(VelmoTextHeaderReadError);
+    return nullptr;
+  }
   const uint64_t front = AlignUp<uint64_t>(sizeof(VelmoHandle) + 4, 256);
   uint8_t* block = static_cast<uint8_t*>(AlignedAlloc(front + std::max<uint64_t>(size, 4056), 256));
   if (!block) {
@@ -386,6 +392,17 @@ const char* ReadTablesStep(OpenJob& job) {
   h->TrackIds = h->TrackMaxBytes + 2 * t;
   uint64_t wrap = 0;
   if (const char* e = VelmoExpandFrameTable(tables, h->Frames, h->FrameTable, &wrap)) return e;
+  // A frame's packet runs from its offset to the next one, so the largest packet the header
+  // states cannot exceed the largest such step; a larger claim would size a giant buffer.
+  uint64_t largestStep = 0;
+  for (uint32_t i = 1; i <= h->Frames; ++i)
+    largestStep = std::max(largestStep, VelmoEntryOffset(h->FrameTable[i]) -
+                                            std::min(VelmoEntryOffset(h->FrameTable[i]),
+                                                     VelmoEntryOffset(h->FrameTable[i - 1])));
+  if (h->LargestFrameSize > largestStep) return VelmoTextCorruptHeader;
+  // The frames end inside the size that the header states (which sizes the read buffer).
+  if (VelmoEntryOffset(h->FrameTable[h->Frames]) > uint64_t(job.Header.FileSizeLess8) + 8 + wrap)
+    return VelmoTextBadFrameSize;
   h->TablesOffset = VelmoHeaderSize + job.ExtrasSize;
   h->FirstFrameOffset = VelmoEntryOffset(h->FrameTable[0]);
   job.FileBytes = uint64_t(job.Header.FileSizeLess8) + 8;

@@ -43,6 +43,11 @@ VelmoTrackReader* VelmoOpenTrack(HVELMO handle, uint32_t index) {
   if (!VelmoTrackUsable(format) || (format & VelmoTrackRateMask) == 0) return nullptr;
   const uint32_t rate = format & VelmoTrackRateMask;
   const uint32_t channels = (format & VelmoTrackStereo) ? 2 : 1;
+  // The most that one frame decodes to sizes the caller's buffer: it cannot honestly be more
+  // than the frame's time of 16-bit samples, with a second of room; a larger claim is damage.
+  const uint64_t frameSeconds = (uint64_t(h->FileRateDiv) + h->FileRate - 1) / h->FileRate;
+  const uint64_t honest = (frameSeconds + 1) * rate * channels * 2;
+  if (h->TrackMaxBytes[index] > honest) return nullptr;
   const size_t bytes = DecoderOffset + VelmoSoundDecoderBytes(rate, channels);
   void* memory = ::operator new(bytes, std::align_val_t(64), std::nothrow);
   if (!memory) return nullptr;

@@ -143,7 +143,13 @@ TEST(Gif, TruncatedAnimationKeepsItsCompleteFrames) {
   ImageInfo info{};
   const Picture p = Read(bytes, nullptr, 0, nullptr, &info);
   EXPECT_EQ(info.frame_count, 1);
+  EXPECT_EQ(info.cut_short, 1);
   EXPECT_EQ(p.pixels, (std::vector<uint32_t>(6, R)));
+  // The whole file says nothing of the kind.
+  ImageInfo whole{};
+  Read(EncodeGif(3, 2, TwoFrames(1)), nullptr, 0, nullptr, &whole);
+  EXPECT_EQ(whole.frame_count, 2);
+  EXPECT_EQ(whole.cut_short, 0);
 }
 
 TEST(GifWriter, AnimationRoundTripsThroughTheReader) {

@@ -211,26 +211,34 @@ TEST(FlicReader, RatesOfBothKinds) {
   }
 }
 
-TEST(FlicReader, TruncatedFileReadsWhatIsThere) {
+TEST(FlicReader, TruncatedFileReadsTheWholeFramesAndRefusesTheCutOne) {
   const TestFlic t = BuildFlic();
-  // Cut inside frame 4's raw copy: frames 0 to 3 are whole, frame 4 partly there, no frame 5.
-  size_t at = 128 + 12;
-  for (int i = 0; i < 4; ++i) at += t.file[at] | t.file[at + 1] << 8;
-  std::vector<uint8_t> cut(t.file.begin(), t.file.begin() + ptrdiff_t(at + 16 + 6 + 10));
+  // Where frame `n` starts (behind the prefix chunk).
+  auto frameAt = [&t](int n) {
+    size_t at = 128 + 12;
+    for (int i = 0; i < n; ++i) at += t.file[at] | t.file[at + 1] << 8;
+    return at;
+  };
+  // Cut inside frame 4's raw copy: frame 5 is not in the file, so the count is refused.
+  std::vector<uint8_t> cut(t.file.begin(), t.file.begin() + ptrdiff_t(frameAt(4) + 16 + 6 + 10));
   StreamError error{};
+  EXPECT_EQ(OpenBytes(cut, &error), nullptr);
+  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  EXPECT_NE(std::string(error.text).find("claims 6 frames; the file holds 5"), std::string::npos) << error.text;
+
+  // Cut inside the last frame's chunk: the whole frames read, the cut one is damage, not a
+  // picture to guess at.
+  cut.assign(t.file.begin(), t.file.begin() + ptrdiff_t(frameAt(5) + 10));
   StreamReader* r = OpenBytes(cut, &error);
   ASSERT_NE(r, nullptr) << error.text;
   StreamFrame f{};
-  for (uint32_t i = 0; i < 4; ++i) {
+  for (uint32_t i = 0; i < 5; ++i) {
     ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1);
     EXPECT_EQ(Copy(f), t.pictures[i]);
   }
-  ASSERT_EQ(StreamReaderRead(r, 4, &f, &error), 1);
-  Picture partial = t.pictures[3];
-  for (int i = 0; i < 10; ++i) partial[size_t(i)] = uint8_t(100 + i);
-  EXPECT_EQ(Copy(f), partial);
   EXPECT_EQ(StreamReaderRead(r, 5, &f, &error), 0);
   EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  EXPECT_NE(std::string(error.text).find("frame 6 is cut short"), std::string::npos) << error.text;
   StreamReaderClose(r);
 }
 

@@ -113,26 +113,25 @@ TEST(RlaReader, RunLengthCounts) {
   EXPECT_EQ(RlaDecodeChannel(b, 1, out, 8), 0u);
 }
 
-TEST(RlaReader, DamagedScanlinesStayBlack) {
+// A scanline whose data the file does not hold (an offset past the end, a cut last row) makes
+// the picture unreadable: an error naming the row, not a picture with black rows.
+TEST(RlaReader, ScanlinesPastTheEndAreErrors) {
   Rla s;
-  std::vector<uint8_t> file = BuildRla(s);
-  // Row 1's offset points past the end; row 2's data is cut short.
-  file[740 + 4] = 0x7F;
-  file.resize(file.size() - 3);
-  StreamError error{};
-  StreamReader* r = OpenRla(file, &error);
-  ASSERT_NE(r, nullptr) << error.text;
-  StreamFrame f{};
-  ASSERT_EQ(StreamReaderRead(r, 0, &f, &error), 1);
-  const uint8_t* middle = f.pixels + f.pitch;  // display row 1 = file row 1
-  for (int i = 0; i < 5 * 4; ++i) EXPECT_EQ(middle[i], 0);
-  const uint8_t* bottom = f.pixels + 2 * f.pitch;  // file row 0 is whole
-  EXPECT_EQ(bottom[2], Value(0, 0, 0));
-  const uint8_t* top = f.pixels;  // file row 2: its matte literal is cut after two values
-  EXPECT_EQ(top[4 * 4 + 2], Value(2, 0, 4));
-  EXPECT_EQ(top[1 * 4 + 3], 200);
-  EXPECT_EQ(top[4 * 4 + 3], 0);
-  StreamReaderClose(r);
+  const std::vector<uint8_t> whole = BuildRla(s);
+  for (int damage = 0; damage < 2; ++damage) {
+    std::vector<uint8_t> file = whole;
+    if (damage == 0) file[740 + 4] = 0x7F;  // row 1's offset points past the end
+    else file.resize(file.size() - 3);      // row 2's data is cut short
+    StreamError error{};
+    StreamReader* r = OpenRla(file, &error);
+    ASSERT_NE(r, nullptr) << error.text;
+    StreamFrame f{};
+    EXPECT_EQ(StreamReaderRead(r, 0, &f, &error), 0);
+    EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+    EXPECT_NE(std::string(error.text).find(damage == 0 ? "row 1" : "row 2"), std::string::npos)
+        << error.text;
+    StreamReaderClose(r);
+  }
 }
 
 TEST(RlaReader, CleanErrors) {
@@ -260,6 +259,45 @@ TEST(RawReader, RatesAndErrors) {
   const uint8_t junk[] = {'R', 'A', 'W'};
   EXPECT_EQ(StreamReaderOpenMemory(&kStreamReaderRaw, junk, sizeof junk, &error), nullptr);
   EXPECT_EQ(error.code, STREAM_ERROR_FORMAT);
+}
+
+// Only the last frame may be cut by the end of the file (a stopped capture): it is delivered as
+// far as it goes and marked so; a cut frame before it is an error. A frame count that the file
+// cannot hold (4 bytes of marker at least for each) is refused at the open.
+TEST(RawReader, CutFramesAndImpossibleCounts) {
+  const int w = 4, h = 3;
+  Raw r = RawHeader(3, w, h, 10);
+  r.Pixels(w, h, 1), r.Pixels(w, h, 2), r.Pixels(w, h, 3);
+  for (const bool lastOnly : {true, false}) {
+    Raw cut = r;
+    // Cut into frame 3's second row, or frame 2's (and leave frame 3 out).
+    const size_t frame = lastOnly ? 2 : 1;
+    cut.v.resize(20 + frame * (4 + w * h) + 4 + w + 2);
+    StreamError error{};
+    StreamReader* reader = OpenRaw(cut, &error);
+    ASSERT_NE(reader, nullptr) << error.text;
+    StreamFrame f{};
+    ASSERT_EQ(StreamReaderRead(reader, 0, &f, &error), 1);
+    EXPECT_EQ(f.cut_short, 0u);
+    if (lastOnly) {
+      ASSERT_EQ(StreamReaderRead(reader, 1, &f, &error), 1);
+      EXPECT_EQ(f.cut_short, 0u);
+      ASSERT_EQ(StreamReaderRead(reader, 2, &f, &error), 1) << error.text;
+      EXPECT_EQ(f.cut_short, 1u);
+      for (int x = 0; x < w; ++x) EXPECT_EQ(f.pixels[x], uint8_t(x + 3));  // its first row is there
+    } else {
+      EXPECT_EQ(StreamReaderRead(reader, 1, &f, &error), 0);
+      EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+      EXPECT_NE(std::string(error.text).find("frame 2 is cut short"), std::string::npos) << error.text;
+    }
+    StreamReaderClose(reader);
+  }
+  Raw claims = RawHeader(1000, w, h, 10);
+  claims.Pixels(w, h, 1);
+  StreamError error{};
+  EXPECT_EQ(OpenRaw(claims, &error), nullptr);
+  EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT);
+  EXPECT_NE(std::string(error.text).find("1000 frames"), std::string::npos) << error.text;
 }
 
 TEST(StreamTable, RowsAndProbeOrder) {

@@ -135,6 +135,36 @@ TEST_F(TrackReaderTest, RefusesTracksItCannotDecode) {
   VelmoClose(h);
 }
 
+// The most bytes one frame decodes to sizes the caller's buffer: a table that claims more than
+// the frame's time of samples (with a second of room) is damage, and the track is refused
+// rather than costing gigabytes of buffer.
+TEST_F(TrackReaderTest, RefusesATrackWhoseFrameSizeCannotBeTrue) {
+  const SoundFile sf = BuildSoundFile(3, 30, 1, {{22050, 1, false, 0, 1, 0}});
+  VelmoHeader header{};
+  ASSERT_TRUE(VelmoParseHeader(sf.File.data(), sf.File.size(), &header));
+  // TrackMaxBytes is the first table, behind the header and its extras.
+  const size_t at = VelmoHeaderSize + VelmoExtrasSize(header.Magic, header.Flags);
+  const uint32_t honest = uint32_t(sf.File[at]) | uint32_t(sf.File[at + 1]) << 8 |
+                          uint32_t(sf.File[at + 2]) << 16 | uint32_t(sf.File[at + 3]) << 24;
+  ASSERT_GT(honest, 0u);
+  // 30 frames a second: a frame's time rounds up to one second, and one more is allowed.
+  const uint32_t claims[] = {honest, 2 * 22050 * 2, 2 * 22050 * 2 + 1, 0xFFFFFFFFu};
+  const bool refused[] = {false, false, true, true};
+  for (size_t i = 0; i < 4; ++i) {
+    std::vector<uint8_t> file = sf.File;
+    for (int b = 0; b < 4; ++b) file[at + size_t(b)] = uint8_t(claims[i] >> (8 * b));
+    HVELMO h = OpenImage(file, VelmoOpenNoBuffers);
+    ASSERT_NE(h, nullptr) << VelmoGetError();
+    VelmoTrackReader* t = VelmoOpenTrack(h, 0);
+    EXPECT_EQ(t == nullptr, refused[i]) << claims[i];
+    if (t) {
+      EXPECT_GE(VelmoTrackReaderBufferSize(t), claims[i]);
+    }
+    VelmoCloseTrack(t);
+    VelmoClose(h);
+  }
+}
+
 // ---------------------------------------------------------------------------------------------
 // Playing.
 

@@ -672,6 +672,12 @@ int FrameLoop(Run& r) {
   next.Start(0, FrameFilters(r, 0));
   for (uint32_t f = 0;; ++f) {
     next.Join();
+    if (!next.job.ok && f < r.info.Frames && !r.cancel) {
+      // A frame of the input could not be read: the run is an input error, its output dropped.
+      ToolFrameError(r.mediaError[0] ? r.mediaError : "The input file could not be read.");
+      r.cancel = VelmoCancelDiscard;
+      return ToolExitInputError;
+    }
     if (!next.job.ok || f >= r.info.Frames) break;
     VelmoFrameHint hint;
     hint.Rate = r.hints.Rate[f];

@@ -102,9 +102,9 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
       !VelmoParseHeader(headerBytes, sizeof headerBytes, &header) || !MagicIsValid(header.Magic))
     return m.Fail(TextNotVelmo);
   const uint32_t inputTracks = VelmoHeaderTrackCount(header);
-  if (inputTracks > VelmoMaxTracks || header.IndexFrames > VelmoMaxIndexFrames ||
-      header.Frames > header.IndexFrames)
-    return m.Fail(VelmoTextCorruptHeader);
+  // The header's counts, sizes and rate are held to what a file can mean before anything is
+  // sized or timed by them.
+  if (const char* wrong = VelmoCheckHeader(header)) return m.Fail(wrong);
   if (rateNumerator && rateDenominator) {
     header.FrameRate = rateNumerator;
     header.FrameRateDiv = rateDenominator;

@@ -67,7 +67,7 @@ class AviReader final : public StreamReader {
   void IndexFromIdx1();
   void IndexByWalking();
   void AddChunk(uint32_t id, uint64_t data, uint32_t size);
-  bool Decode(uint32_t entry);
+  bool Decode(uint32_t entry, StreamError* error);
 
   std::vector<StreamDesc> streams_;
   std::vector<MoviRange> movi_;
@@ -88,6 +88,7 @@ class AviReader final : public StreamReader {
   std::vector<uint8_t> compressed_;
   MjpegBuffers jpeg_;
   int64_t decoded_ = -1;  // index entry whose picture is in pixels_
+  bool cut_short_ = false;  // the decoded chunk reaches past the end of the file
   uint32_t last_bytes_ = 0;
 };
 
@@ -410,11 +411,20 @@ void AviReader::IndexByWalking() {
   }
 }
 
-// Decodes the picture of one index entry into pixels_.
-bool AviReader::Decode(uint32_t entry) {
-  const IndexEntry& e = streams_[size_t(video_)].entries[entry];
+// Decodes the picture of one index entry into pixels_. A chunk that the file does not hold
+// whole is an error, except for the last frame of a recording that was cut off: that one is
+// decoded as far as it goes (cut_short_ tells the caller).
+bool AviReader::Decode(uint32_t entry, StreamError* error) {
+  const auto& entries = streams_[size_t(video_)].entries;
+  const IndexEntry& e = entries[entry];
   const size_t frame_bytes = size_t(stride_) * info.height;
-  if (pixels_.size() < frame_bytes && !TryResize(pixels_, frame_bytes)) return false;
+  if (pixels_.size() < frame_bytes && !TryResize(pixels_, frame_bytes))
+    return StreamFail(error, STREAM_ERROR_MEMORY, "AVI: out of memory");
+  const uint64_t size = source->Size();
+  cut_short_ = e.offset > size || e.size > size - e.offset;
+  if (cut_short_ && entry + 1 < entries.size())
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "AVI: frame %u lies beyond the end of the file (byte %llu)",
+                      entry + 1, (unsigned long long)size);
   if (coding_ == VideoCoding::kUncompressed) {
     // A short chunk leaves the rest of the picture black.
     const size_t got = source->ReadAt(e.offset, pixels_.data(), std::min<size_t>(e.size, frame_bytes));
@@ -422,7 +432,7 @@ bool AviReader::Decode(uint32_t entry) {
   } else {
     const uint64_t left = source->Size() > e.offset ? source->Size() - e.offset : 0;
     const size_t take = size_t(std::min<uint64_t>({e.size, kMaxFrameBytes, left}));
-    if (!TryResize(compressed_, take)) return false;
+    if (!TryResize(compressed_, take)) return StreamFail(error, STREAM_ERROR_MEMORY, "AVI: out of memory");
     const size_t got = source->ReadAt(e.offset, compressed_.data(), take);
     MjpegDecodeFrame(&jpeg_, compressed_.data(), got, pixels_.data(), ptrdiff_t(stride_), info.width, info.height);
   }
@@ -437,8 +447,7 @@ int AviReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
   // An empty chunk is a dropped frame: the last picture before it stands.
   uint32_t entry = index;
   while (entry > 0 && entries[entry].size == 0) --entry;
-  if (int64_t(entry) != decoded_ && entries[entry].size && !Decode(entry))
-    return StreamFail(error, STREAM_ERROR_MEMORY, "AVI: out of memory");
+  if (int64_t(entry) != decoded_ && entries[entry].size && !Decode(entry, error)) return 0;
   if (pixels_.empty() && !TryResize(pixels_, size_t(stride_) * info.height))
     return StreamFail(error, STREAM_ERROR_MEMORY, "AVI: out of memory");
   last_bytes_ = entries[index].size;
@@ -449,6 +458,7 @@ int AviReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
   frame->bytes = last_bytes_;
   frame->palette = info.depth == 8 ? palette_ : nullptr;
   frame->palette_changed = (info.depth == 8 && index == 0) ? 1 : 0;
+  frame->cut_short = int64_t(entry) == decoded_ && cut_short_ ? 1 : 0;
   return 1;
 }
 

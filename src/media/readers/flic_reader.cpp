@@ -69,6 +69,11 @@ bool FlicReader::Open(StreamError* error) {
   const uint32_t frame1 = Le32(h + 80);
   if (magic == kMagicFlc && frame1 >= kHeaderSize && frame1 < source->Size()) first = frame1;
   if (!SkipToFrame(&first)) return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: no frame chunk");
+  // Every frame takes at least its chunk header: a count the file cannot hold is a lie.
+  const uint64_t room = (source->Size() - first) / kFrameHeaderSize;
+  if (frames_ > room)
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: the header claims %u frames; the file holds at most %llu",
+                      frames_, (unsigned long long)room);
   offsets_.push_back(first);
 
   SetTypeName(&info, "Flic");
@@ -83,6 +88,14 @@ bool FlicReader::Open(StreamError* error) {
   canvas_.height = height;
   canvas_.pixels = pixels_.data();
 
+  // Every frame the header counts must have its chunk in the file: the walk over the chunk
+  // headers costs little, and a count that the file does not hold is refused here rather than
+  // met frame by frame.
+  uint64_t last_offset = 0;
+  uint32_t last_size = 0;
+  if (!FindFrame(frames_ - 1, &last_offset, &last_size))
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: the header claims %u frames; the file holds %zu",
+                      frames_, offsets_.size());
   // The first frame is decoded now: it proves the file and gives the starting palette.
   if (!DecodeAt(0, error)) return false;
   current_ = 0;
@@ -116,15 +129,20 @@ bool FlicReader::FindFrame(uint32_t index, uint64_t* offset, uint32_t* size) {
   }
   *offset = offsets_[index];
   if (!source->ReadExact(*offset, h, sizeof h)) return false;
-  // A truncated last frame decodes as far as it goes.
-  *size = uint32_t(std::min<uint64_t>(Le32(h), source->Size() - *offset));
+  *size = Le32(h);
   return *size >= kFrameHeaderSize;
 }
 
 bool FlicReader::DecodeAt(uint32_t index, StreamError* error) {
   uint64_t offset = 0;
   uint32_t size = 0;
-  if (!FindFrame(index, &offset, &size)) return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: frame %u missing", index);
+  if (!FindFrame(index, &offset, &size))
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: frame %u is missing (the file ends at byte %llu)", index + 1,
+                      (unsigned long long)source->Size());
+  // A frame chunk that the file does not hold whole is damage, not a frame to guess at.
+  if (size > source->Size() - offset)
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "Flic: frame %u is cut short: %llu of its %u bytes are in the file",
+                      index + 1, (unsigned long long)(source->Size() - offset), size);
   // A frame never needs more than a raw copy of the canvas, a palette and chunk headers.
   const size_t cap = size_t(canvas_.width) * canvas_.height * 2 + 65536;
   const size_t take = std::min<size_t>(size, cap);

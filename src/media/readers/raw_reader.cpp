@@ -28,6 +28,7 @@ class RawReader final : public StreamReader {
   uint32_t pitch_ = 0;
   uint8_t palette_[768] = {};
   uint64_t position_ = kHeaderSize;  // the next frame's first marker
+  bool cut_short_ = false;  // the frame on hand was cut by the end of the file
   int64_t current_ = -1;
   uint32_t last_bytes_ = 0;
   bool palette_changed_ = false;
@@ -59,6 +60,11 @@ bool RawReader::Open(StreamError* error) {
   // giant buffer).
   if (source->Size() < kHeaderSize + 4 + uint64_t(width) * height)
     return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: file too short for one frame");
+  // Every frame takes at least its 4-byte marker: a count the file cannot hold is a lie.
+  const uint64_t room = (source->Size() - kHeaderSize) / 4;
+  if (frames > room)
+    return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: the header claims %u frames; the file holds at most %llu",
+                      frames, (unsigned long long)room);
   pitch_ = (width + 3) & ~3u;
   if (!TryResize(pixels_, size_t(pitch_) * height)) return StreamFail(error, STREAM_ERROR_MEMORY, "raw frames: out of memory");
   StreamFrame first;
@@ -94,10 +100,17 @@ bool RawReader::Step(StreamError* error) {
       continue;
     }
     if (marker == kMarkerPixels) {
-      // A short frame keeps the old pixels where its data stops.
+      // Only the last frame may be cut by the end of the file (a capture that was stopped): it
+      // keeps the old pixels where its data stops. Any other short frame is damage.
+      cut_short_ = false;
       for (uint32_t y = 0; y < info.height; ++y) {
         const size_t got = source->ReadAt(position_ + uint64_t(y) * info.width, &pixels_[size_t(y) * pitch_], info.width);
-        if (got < info.width) break;
+        if (got == info.width) continue;
+        if (current_ + 2 < int64_t(info.frame_count))
+          return StreamFail(error, STREAM_ERROR_CORRUPT, "raw frames: frame %lld is cut short at row %u",
+                            (long long)current_ + 2, y);
+        cut_short_ = true;
+        break;
       }
       position_ += frame_bytes;
     }
@@ -122,6 +135,7 @@ int RawReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
   frame->bytes = last_bytes_;
   frame->palette = palette_;
   frame->palette_changed = palette_changed_ ? 1 : 0;
+  frame->cut_short = cut_short_ ? 1 : 0;
   palette_changed_ = false;
   return 1;
 }

@@ -22,7 +22,7 @@ class RlaReader final : public StreamReader {
   int Read(uint32_t index, StreamFrame* frame, StreamError* error) override;
 
  private:
-  void Decode();
+  bool Decode(uint32_t* cut_row);
 
   RlaHeader header_{};
   std::vector<uint8_t> pixels_;  // rows in file order: bottom row first
@@ -56,14 +56,17 @@ bool RlaReader::Open(StreamError* error) {
   return true;
 }
 
-// Decodes every scanline whose data can be found; a missing or damaged one stays black.
-void RlaReader::Decode() {
+// Decodes the picture; false, with the row where the data ran out, when the file is cut short
+// (a picture of one frame has no short last frame to allow).
+bool RlaReader::Decode(uint32_t* cut_row) {
   const uint32_t w = header_.width, h = header_.height;
+  *cut_row = 0;
   std::vector<uint8_t> table;
-  if (!TryResize(table, size_t(h) * 4)) return;
+  if (!TryResize(table, size_t(h) * 4)) return false;
   const size_t table_got = source->ReadAt(kHeaderSize, table.data(), table.size());
   std::vector<uint8_t> line, channel;
-  if (!TryResize(channel, w)) return;
+  if (!TryResize(channel, w)) return false;
+  if (table_got < table.size()) return false;
   const uint32_t channels = 3 + header_.mattes;
   static const int kByteOf[4] = {2, 1, 0, 3};  // R, G, B, matte into B, G, R, A
   for (uint32_t y = 0; y < h && (y + 1) * 4 <= table_got; ++y) {
@@ -73,22 +76,27 @@ void RlaReader::Decode() {
     uint64_t at = Be32(&table[size_t(y) * 4]);
     for (uint32_t c = 0; c < channels; ++c) {
       uint8_t count[2];
-      if (!source->ReadExact(at, count, 2)) break;
+      *cut_row = y;
+      if (!source->ReadExact(at, count, 2)) return false;
       const uint32_t length = Be16(count);
-      if (!TryResize(line, length)) return;
+      if (!TryResize(line, length)) return false;
       const size_t got = source->ReadAt(at + 2, line.data(), length);
+      if (got < length) return false;
       std::fill(channel.begin(), channel.end(), uint8_t(0));
       RlaDecodeChannel(line.data(), got, channel.data(), w);
       for (uint32_t x = 0; x < w; ++x) row[x * 4 + kByteOf[c]] = channel[x];
       at += 2 + uint64_t(length);
     }
   }
+  return true;
 }
 
 int RlaReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
   if (index != 0) return StreamFail(error, STREAM_ERROR_END, "RLA: no frame %u", index);
   if (!decoded_) {
-    Decode();
+    uint32_t cut_row = 0;
+    if (!Decode(&cut_row))
+      return StreamFail(error, STREAM_ERROR_CORRUPT, "RLA: the picture data is cut short at row %u", cut_row);
     decoded_ = true;
   }
   const int32_t pitch = int32_t(header_.width * 4);

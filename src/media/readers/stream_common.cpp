@@ -222,6 +222,7 @@ int StreamReaderRead(StreamReader* reader, uint32_t index, StreamFrame* frame, S
     return StreamFail(error, STREAM_ERROR_END, "frame %u is past the last frame (%u)", index,
                       reader->info.frame_count);
   frame->planes = StreamPlanes{};  // only readers of planar files describe planes
+  frame->cut_short = 0;
   return reader->Read(index, frame, error);
 }
 

@@ -75,6 +75,7 @@ typedef struct StreamInfo {
   uint32_t aspect_num;     // pixel aspect, 0:0 when unknown
   uint32_t aspect_den;
   uint64_t total_bytes;    // size of the file, 0 for a pipe
+  uint32_t cut_tail;       // the file ends inside a frame behind the last whole one, left out
   uint8_t palette[768];    // depth 8: the palette before the first frame, R, G, B
 } StreamInfo;
 
@@ -96,6 +97,7 @@ typedef struct StreamFrame {
   uint32_t palette_changed;  // depth 8: `palette` differs from the previous frame's
   const uint8_t* palette;    // depth 8: 768 bytes R, G, B; null otherwise
   StreamPlanes planes;       // valid as long as `pixels`
+  uint32_t cut_short;        // the file ends inside this (last) frame: it goes as far as it goes
 } StreamFrame;
 
 typedef struct StreamReader StreamReader;

@@ -193,7 +193,10 @@ bool Y4mReader::ScanFrames(StreamError* error) {
   while (at < size && offsets_.size() < kMaxScannedFrames) {
     uint64_t next = at;
     if (!ReadLine(&next, &line) || line.compare(0, 5, "FRAME") != 0) break;
-    if (next + layout_.frame_bytes > size) break;
+    if (next + layout_.frame_bytes > size) {
+      info.cut_tail = 1;
+      break;
+    }
     offsets_.push_back(at);
     at = next + layout_.frame_bytes;
   }
@@ -252,7 +255,10 @@ int Y4mReader::ReadFrameAt(uint64_t at, StreamError* error) {
   std::string line;
   if (!ReadLine(&at, &line)) return StreamFail(error, STREAM_ERROR_END, "y4m: end of stream");
   if (line.compare(0, 5, "FRAME") != 0) return StreamFail(error, STREAM_ERROR_CORRUPT, "y4m: frame header missing");
-  if (!source->ReadExact(at, planes_.data(), planes_.size())) return StreamFail(error, STREAM_ERROR_END, "y4m: last frame cut short");
+  if (!source->ReadExact(at, planes_.data(), planes_.size())) {
+    info.cut_tail = 1;  // a pipe that ends inside a frame: the frame is left out
+    return StreamFail(error, STREAM_ERROR_END, "y4m: last frame cut short");
+  }
   pipe_position_ = at + planes_.size();
   last_bytes_ = uint32_t(std::min<uint64_t>(pipe_position_ - start, UINT32_MAX));
   Convert();
