@@ -151,6 +151,13 @@ const char* VelmoCheckHeader(const VelmoHeader& h) {
   return nullptr;
 }
 
+const char* VelmoCheckFrameExtent(const VelmoHeader& h, uint64_t largestStep,
+                                  uint64_t framesEnd, uint64_t wrap) {
+  if (h.LargestFrameSize > largestStep) return VelmoTextCorruptHeader;
+  if (framesEnd > uint64_t(h.FileSizeLess8) + 8 + wrap) return VelmoTextBadFrameSize;
+  return nullptr;
+}
+
 const char* VelmoReadHeader(const uint8_t* data, size_t size, VelmoHeader* out) {
   VelmoHeader h;
   if (!VelmoParseHeader(data, size, &h)) return VelmoTextNotVelmo;

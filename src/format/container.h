@@ -120,6 +120,12 @@ uint32_t VelmoPaddedHeight(uint32_t height);                // rounded up to a m
 
 // The reader's header tests, in its order (magic, no frames yet, corrupt). Null if it opens.
 const char* VelmoCheckHeader(const VelmoHeader& header);
+// The frame index against the header: the largest packet the header states cannot exceed the
+// largest step between frame offsets (a larger claim would size a giant buffer), and the frames
+// end inside the file size it states (plus `wrap`, the 4 GiB turns of 32-bit entries). Null if
+// both hold.
+const char* VelmoCheckFrameExtent(const VelmoHeader& header, uint64_t largestStep,
+                                  uint64_t framesEnd, uint64_t wrap);
 // Parse and check together: a span shorter than the header counts as a failed read.
 const char* VelmoReadHeader(const uint8_t* data, size_t size, VelmoHeader* out);
 

@@ -392,17 +392,15 @@ const char* ReadTablesStep(OpenJob& job) {
   h->TrackIds = h->TrackMaxBytes + 2 * t;
   uint64_t wrap = 0;
   if (const char* e = VelmoExpandFrameTable(tables, h->Frames, h->FrameTable, &wrap)) return e;
-  // A frame's packet runs from its offset to the next one, so the largest packet the header
-  // states cannot exceed the largest such step; a larger claim would size a giant buffer.
+  // A frame's packet runs from its offset to the next one.
   uint64_t largestStep = 0;
   for (uint32_t i = 1; i <= h->Frames; ++i)
     largestStep = std::max(largestStep, VelmoEntryOffset(h->FrameTable[i]) -
                                             std::min(VelmoEntryOffset(h->FrameTable[i]),
                                                      VelmoEntryOffset(h->FrameTable[i - 1])));
-  if (h->LargestFrameSize > largestStep) return VelmoTextCorruptHeader;
-  // The frames end inside the size that the header states (which sizes the read buffer).
-  if (VelmoEntryOffset(h->FrameTable[h->Frames]) > uint64_t(job.Header.FileSizeLess8) + 8 + wrap)
-    return VelmoTextBadFrameSize;
+  if (const char* e = VelmoCheckFrameExtent(job.Header, largestStep,
+                                             VelmoEntryOffset(h->FrameTable[h->Frames]), wrap))
+    return e;
   h->TablesOffset = VelmoHeaderSize + job.ExtrasSize;
   h->FirstFrameOffset = VelmoEntryOffset(h->FrameTable[0]);
   job.FileBytes = uint64_t(job.Header.FileSizeLess8) + 8;

@@ -137,6 +137,18 @@ uint64_t VelmoMixFile(const char* inputPath, const char* outputPath, uint64_t in
   for (uint32_t t = 0; t < inputTracks; ++t) m.InputTracks[t] = VelmoTableTrack(tables, t);
   m.Index.resize(size_t(header.IndexFrames) + 1);
   for (uint32_t i = 0; i <= header.IndexFrames; ++i) m.Index[i] = VelmoTableFrameEntry(tables, i);
+  // The index and the header agree as the reader demands, and the file holds all the header
+  // states: a file cut short or still being written is not mixed.
+  uint64_t largestStep = 0;
+  for (uint32_t f = 0; f < header.Frames; ++f)
+    largestStep = std::max<uint64_t>(largestStep, VelmoEntryOffset(m.Index[f + 1]) -
+                                                      std::min(VelmoEntryOffset(m.Index[f + 1]),
+                                                               VelmoEntryOffset(m.Index[f])));
+  if (const char* wrong =
+          VelmoCheckFrameExtent(header, largestStep, VelmoEntryOffset(m.Index[header.Frames]), 0))
+    return m.Fail(wrong);
+  if (uint64_t(header.FileSizeLess8) + 8 > inputSize - std::min(inputSize, inputOffset))
+    return m.Fail(VelmoTextBadFrameSize);
 
   // The record list: the input's tracks in their order, matched against the caller's list by
   // id, then the caller's tracks that matched none.
