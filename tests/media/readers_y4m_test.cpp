@@ -184,6 +184,11 @@ TEST(Y4mReader, HeaderParameters) {
         << c.header;
     StreamReaderClose(r);
   }
+  // A rate with one side zero, or one that is not a ratio, is refused rather than guessed.
+  for (const char* header : {"YUV4MPEG2 W4 H2 F30:0", "YUV4MPEG2 W4 H2 F0:1", "YUV4MPEG2 W4 H2 F30"}) {
+    EXPECT_EQ(OpenText(Y4m(header, {p}), &error), nullptr) << header;
+    EXPECT_EQ(error.code, STREAM_ERROR_CORRUPT) << header;
+  }
 }
 
 TEST(Y4mReader, FrameHeadersWithParametersAndDamage) {

@@ -127,7 +127,9 @@ bool Y4mReader::ParseHeader(const std::string& line, StreamError* error) {
       case 'W': width = std::strtoull(value, nullptr, 10); break;
       case 'H': height = std::strtoull(value, nullptr, 10); break;
       case 'F':
-        if (!ParseRatio(value, &info.rate_num, &info.rate_den)) info.rate_num = info.rate_den = 0;
+        // "F0:0" says the rate is unknown; a rate with only one side zero cannot be true.
+        if (!ParseRatio(value, &info.rate_num, &info.rate_den) || (info.rate_num == 0) != (info.rate_den == 0))
+          return StreamFail(error, STREAM_ERROR_CORRUPT, "y4m: the frame rate %s cannot be true", token.c_str());
         break;
       case 'A':
         if (!ParseRatio(value, &info.aspect_num, &info.aspect_den)) info.aspect_num = info.aspect_den = 0;
