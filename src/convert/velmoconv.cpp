@@ -583,7 +583,10 @@ int VelmoConvMain(char* commandTail, ToolDialog* dialog) {
   if (s.sound_only) {
     SoundInput* sound = OpenSound(s, uint32_t(s.start_ms), uint32_t(s.end_ms), {Message, &job});
     if (!sound) {
-      if (!job.cancel) ToolFrameError("No audio could be read from the input file.");
+      if (!job.cancel) {
+        std::string text = std::string("No audio could be read from ") + s.input + ".";
+        ToolFrameError(text.c_str());
+      }
       code = job.cancel ? ToolExitCancelled : ToolExitInputError;
     } else if (VelmoConvSameFile(s.input, s.output)) {
       SoundClose(sound);

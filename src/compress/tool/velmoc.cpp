@@ -195,7 +195,7 @@ int MediaProgress(void* context, const char* text, int level) {
   }
   if (text[0] == '@') text++;
   // The read job calls this from its own thread: the status goes straight to the dialog.
-  if (level == MediaLevelWarning) ToolFrameTell(text, 0);
+  if (level == MediaLevelWarning) ToolFrameWarn(text);
   else ToolFrameSetText(ToolIdStatus, text);
   return r.cancel ? 1 : 0;
 }
@@ -603,6 +603,14 @@ uint32_t ReadSound(void* source, void* buffer, uint32_t bytes) {
   return SoundRead(static_cast<SoundInput*>(source), buffer, bytes);
 }
 
+// The sound layer's warnings (a track left out, sound that ends early) are told; a sound that
+// does not open leaves the run without a track, as below.
+int SoundWarnings(void* context, const char* text, int level) {
+  const Run& r = *static_cast<const Run*>(context);
+  if (text && *text && level == MediaLevelWarning) ToolFrameWarn(text[0] == '@' ? text + 1 : text);
+  return r.cancel ? 1 : 0;
+}
+
 // The input's sound over the run's span: from the time of the run's first input frame for as
 // long as the run's frames last, as 16-bit samples (the hundreds of /B still ask for
 // normalising). The sound codec takes one or two channels at up to 65535 Hz; a sound beyond
@@ -622,7 +630,8 @@ void OpenSound(Run& r, uint32_t rateNum, uint32_t rateDen) {
   if (bits >= 100) SetStatus(r, "Normalizing audio...");
   SoundInput* sound = nullptr;
   for (int attempt = 0; attempt < 2; ++attempt) {
-    sound = SoundOpen(name, rate, bits, channels, uint32_t(startMs), uint32_t(endMs), 0, 0, 0, {});
+    sound = SoundOpen(name, rate, bits, channels, uint32_t(startMs), uint32_t(endMs), 0, 0, 0,
+                      {SoundWarnings, &r});
     if (!sound) return;
     const bool rateOk = sound->rate >= 1 && sound->rate <= 65535;
     const bool channelsOk = sound->channels == 1 || sound->channels == 2;

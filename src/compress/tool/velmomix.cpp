@@ -132,7 +132,7 @@ int SoundProgress(void* context, const char* text, int level) {
     ToolFrameTell(text, 0);
     return 1;
   }
-  if (level == 4) ToolFrameTell(text, 0);
+  if (level == 4) ToolFrameWarn(text);
   else if (level == 1) ToolFrameSetText(ToolIdStatus, text);
   return job.cancel ? 1 : 0;
 }
