@@ -14,8 +14,8 @@ namespace hostile {
 enum class Expect {
   Valid,      // a good file: exit 0
   Reject,     // cannot be true (a frame or block is missing, a field lies): the input error
-  ShortLast,  // the format allows a short last frame or block: the input error, or 0 with
-              // exactly one warning
+  SaidOnce,   // the input error, or 0 with exactly one warning: a short last frame or block where
+              // the format allows one, or a damaged part (a sound track) left out of a good video
   Trailer,    // only a trailer after the last frame is missing: the input error, or 0 with at
               // most one warning
   Any,        // damage with no fixed answer (flipped bits): any of the tool's codes

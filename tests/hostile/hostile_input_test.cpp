@@ -144,7 +144,14 @@ TEST_F(HostileTest, CompressorOnEveryCase) {
 TEST_F(HostileTest, MixerOnEveryCase) {
   BuildCases();
   for (const Case& c : cases_) {
-    if (c.role == Role::Velmo) Run(Plan("VelmoMix", c, {c.file, seeds_.wave, "{out}", "/O"}, "out.vlm"));
+    if (c.role == Role::Velmo) {
+      // A Velmo file the mixer cannot take is its own failure (8004), not a sound it could not
+      // open; a lying sound table is rebuilt, since the mixer writes the tracks anew.
+      RunPlan p = Plan("VelmoMix", c, {c.file, seeds_.wave, "{out}", "/O"}, "out.vlm");
+      if (c.expect == Expect::Reject) p.codes = {8004};
+      if (c.expect == Expect::SaidOnce) p.codes = {0, 8004}, p.expect = Expect::Any;
+      Run(p);
+    }
     if (c.role == Role::Sound)
       Run(Plan("VelmoMix", c, With({seeds_.vlm, c.file, "{out}", "/O"}, c.mixSwitches), "out.vlm"));
   }

@@ -83,7 +83,7 @@ std::set<int> Allowed(const RunPlan& plan) {
   switch (plan.expect) {
     case Expect::Valid: return {0};
     case Expect::Reject: return {8002};
-    case Expect::ShortLast:
+    case Expect::SaidOnce:
     case Expect::Trailer: return {0, 8002};
     default: return ToolCodes(plan.tool);
   }
@@ -146,7 +146,7 @@ test_support::CappedOutcome Runner::Run(const RunPlan& plan, Tally* tally) {
     std::string wrong;
     if (!allowed.count(code))
       wrong = "got " + (code < 0 ? "status " + std::to_string(r.code) : std::to_string(code));
-    else if (code == 0 && plan.expect == Expect::ShortLast && warnings != 1)
+    else if (code == 0 && plan.expect == Expect::SaidOnce && warnings != 1)
       wrong = "got 0 with " + std::to_string(warnings) + " warnings";
     else if (code == 0 && plan.expect == Expect::Trailer && warnings > 1)
       wrong = "got 0 with " + std::to_string(warnings) + " warnings";

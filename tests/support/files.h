@@ -12,12 +12,14 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <cstdlib>
 #include <vector>
 
 namespace test_support {
 
-// A fresh folder under /tmp, removed when the object goes. A folder that cannot be made fails
-// the test and names a place where every file fails to open.
+// A fresh folder under /tmp, removed when the object goes (kept when ORN_TEST_KEEP is set, for a
+// look afterwards). A folder that cannot be made fails the test and names a place where every
+// file fails to open.
 class ScratchDir {
  public:
   ScratchDir() {
@@ -29,7 +31,7 @@ class ScratchDir {
   }
   ~ScratchDir() {
     std::error_code ignored;
-    if (made_) std::filesystem::remove_all(path, ignored);
+    if (made_ && !std::getenv("ORN_TEST_KEEP")) std::filesystem::remove_all(path, ignored);
   }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
