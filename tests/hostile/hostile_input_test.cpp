@@ -172,7 +172,9 @@ TEST_F(HostileTest, FullDiskIsADiskError) {
   } writers[] = {
       {"VelmoConv", "out.avi", {seeds_.bigY4m, "{out}", "/O", "/(640", "/)480"}, "Error writing to disk - probably out of disk space."},
       {"VelmoConv", "out.wav", {seeds_.longWave, "{out}", "/O"}, "Error writing to disk - probably out of disk space."},
-      {"Velmoc", "out.vlm", {seeds_.bigY4m, "{out}", "/O"}, "Error writing to disk - probably out of disk space."},
+      // A rate whose first frame alone passes the limit, so that the run fails at its first
+      // checkpoint rather than when the close flushes the last buffer.
+      {"Velmoc", "out.vlm", {seeds_.bigY4m, "{out}", "/O", "/D2000000"}, "Error writing to disk - probably out of disk space."},
       {"VelmoMix", "out.vlm", {seeds_.bigVlm, seeds_.longWave, "{out}", "/O"}, nullptr},
   };
   for (const Writer& w : writers) {

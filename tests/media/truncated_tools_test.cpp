@@ -20,11 +20,8 @@ using namespace test_support;
 
 constexpr int InputError = 8002 & 255;  // what a shell sees of the tools' input error
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool MemoryCap = false;  // the sanitizer's shadow memory needs the address space
-#else
-constexpr bool MemoryCap = true;
-#endif
+// The sanitizer's shadow memory needs the address space.
+constexpr bool MemoryCap = !kAddressSanitizer;
 
 constexpr int TimedOut = 124;  // what `timeout` gives a run that it stopped
 
