@@ -102,8 +102,9 @@ size_t Count(const std::string& text, const std::string& part) {
 }
 
 // A YUV4MPEG2 stream that ends inside its last frame, read from a file or from a pipe: the
-// whole frames are converted, with one warning. (A pipe's end is only met by a read that finds
-// nothing, which repeats the last frame: its count is not compared.)
+// whole frames are converted, with one warning; a whole stream through a pipe gives just its
+// frames. (A pipe that ends inside a frame is found out by the read of that frame, which
+// repeats the last whole one: that count is not compared.)
 TEST_F(TruncatedToolsTest, StreamEndingInsideAFrameWarnsOnceAndConverts) {
   std::string y4m = "YUV4MPEG2 W8 H4 F25:1 C444\n";
   for (int f = 0; f < 5; ++f) y4m += "FRAME\n" + std::string(8 * 4 * 3, char(40 + 20 * f));
@@ -118,6 +119,14 @@ TEST_F(TruncatedToolsTest, StreamEndingInsideAFrameWarnsOnceAndConverts) {
       EXPECT_TRUE(outcome.Says("4 total frames converted")) << outcome.output;
     }
   }
+  WriteText(dir / "whole.y4m", y4m);
+  const ToolOutcome whole = RunCapped("velmoconv - " + dir / "w.avi", dir / "whole.y4m");
+  EXPECT_EQ(whole.code, 0) << whole.output;
+  EXPECT_TRUE(whole.Says("5 total frames converted")) << whole.output;
+  // The compressor plans its frame index whole, so a pipe of unknown length is refused by name.
+  const ToolOutcome compressed = RunCapped("velmoc - " + dir / "w.vlm", dir / "whole.y4m");
+  EXPECT_EQ(compressed.code, InputError) << compressed.output;
+  EXPECT_TRUE(compressed.Says("The standard input has too many frames")) << compressed.output;
 }
 
 // Header fields that would size giant buffers or loops: each run ends with the input error

@@ -64,6 +64,14 @@ class PipeSource final : public ByteSource {
     return got;
   }
 
+  bool EndsAt(uint64_t offset) override {
+    if (offset != position_) return false;
+    const int c = std::fgetc(file_);
+    if (c == EOF) return true;
+    std::ungetc(c, file_);
+    return false;
+  }
+
  private:
   FILE* file_;
   uint64_t position_ = 0;

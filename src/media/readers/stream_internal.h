@@ -23,6 +23,10 @@ class ByteSource {
   // Reads up to `bytes` at `offset`; returns the count read (short at the end or on failure).
   virtual size_t ReadAt(uint64_t offset, void* dest, size_t bytes) = 0;
 
+  // True when nothing lies at `offset` or after it. A pipe can tell only at its current
+  // position (the next read's), by looking at one byte that it keeps for that read.
+  virtual bool EndsAt(uint64_t offset) { return offset >= Size(); }
+
   // True when all `bytes` could be read.
   bool ReadExact(uint64_t offset, void* dest, size_t bytes) { return ReadAt(offset, dest, bytes) == bytes; }
 };

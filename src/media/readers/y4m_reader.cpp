@@ -281,6 +281,9 @@ int Y4mReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
         }
         ++current_;
       }
+      // A pipe that ends right behind this frame has told its length: the reader's caller
+      // need not try for another frame to find the end.
+      if (source->EndsAt(pipe_position_)) info.frame_count = uint32_t(current_ + 1);
     }
     current_ = index;
   }
