@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "convert/output.h"
@@ -44,17 +43,6 @@ void MakeClip(const std::string& name, int frames, int width, int height) {
     ASSERT_EQ(OutputWriteFrame(out, pixels.data(), nullptr), 1);
   }
   ASSERT_GT(OutputClose(out), 0u);
-}
-
-std::vector<std::string> Words(const std::string& tail) {
-  std::vector<std::string> args;
-  std::istringstream words(tail);
-  for (std::string word; words >> word;) args.push_back(word);
-  return args;
-}
-
-ToolOutcome RunLimited(const std::string& tail, uint64_t limit) {
-  return RunProgram(ORN_PROGRAM_PATH, Words(tail), {}, limit);
 }
 
 // Starts the program, waits until `ready()` holds, sends `number` and collects it.
@@ -117,7 +105,7 @@ TEST_F(OutputSafety, AFileSizeLimitIsAFullDiskForEveryOutput) {
       old[f] = ReadFile(f);
       ASSERT_GT(old[f].size(), c.limit) << f;
     }
-    const ToolOutcome r = RunLimited(tail, c.limit);
+    const ToolOutcome r = RunTail(tail, c.limit);
     EXPECT_EQ(r.code, Shell(ToolExitDiskWriteError)) << r.output;
     EXPECT_TRUE(r.Says(DiskFull)) << r.output;
     ExpectUntouched(old);
@@ -131,7 +119,7 @@ TEST_F(OutputSafety, AFileSizeLimitIsAFullDiskForEveryOutput) {
   for (const std::string& tail : {"velmoc " + Series() + " " + vlm + " /v101 /o",
                                   "velmomix " + vlm + " " + dir + "/tone.wav " + mixed + " /o"}) {
     SCOPED_TRACE(tail);
-    const ToolOutcome r = RunLimited(tail, 2048);
+    const ToolOutcome r = RunTail(tail, 2048);
     EXPECT_EQ(r.code, Shell(ToolExitDiskWriteError)) << r.output;
     EXPECT_TRUE(r.Says(DiskFull)) << r.output;
     ExpectUntouched(old);
