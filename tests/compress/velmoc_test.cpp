@@ -175,19 +175,6 @@ TEST(VelmocSwitches, RefusedValuesAreNamed) {
   EXPECT_FALSE(ok.Errors.Failed());
 }
 
-// The compressor's contrast increase is 8 unless /{ gives one, 0 included.
-TEST(VelmocSwitches, ContrastDefaultIsEight) {
-  const struct {
-    const char* Line;
-    uint32_t Contrast;
-  } cases[] = {{"a b", 8}, {"a b /{0", 0}, {"a b /{20", 20}, {"a b /{8", 8}};
-  for (const auto& c : cases) {
-    VelmocSettings s;
-    ASSERT_TRUE(Parse(c.Line, &s)) << c.Line;
-    EXPECT_EQ(s.Media.contrast, c.Contrast) << c.Line;
-  }
-}
-
 TEST(VelmocSwitches, VersionArithmeticAndFlagWord) {
   VelmocSettings s;
   ASSERT_TRUE(Parse("a b /v200+8192+16384+131072 /i", &s));
@@ -870,8 +857,8 @@ TEST(VelmocMedia, CompressesAPngSeries) {
   ExpectShape(out, 2, 40, 24, 15);
 }
 
-// A picture compressed with the default contrast matches one with /{8 byte for byte, and
-// differs from one with /{0 (no contrast stage).
+// The compressor's contrast increase is 8 unless /{ gives one: a picture compressed with the
+// default matches one with /{8 byte for byte, and differs from one with /{0 (no contrast stage).
 TEST(VelmocMedia, DefaultContrastIsApplied) {
   const ScratchDir dir;
   const std::string png = dir / "in.png";
