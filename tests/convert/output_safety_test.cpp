@@ -81,6 +81,21 @@ class OutputSafety : public TempDirTest {
       EXPECT_FALSE(Exists(name + ".tmp")) << name << ".tmp was left";
     }
   }
+  // Stops `tail` once `ready` holds: SIGINT and SIGTERM are a cancel that asks nothing (not
+  // `question`) and leaves `old` untouched; SIGKILL, last, leaves the old files as they were.
+  template <typename Ready>
+  void ExpectStopsKeepTheOld(const std::string& tail, Ready ready, const char* question,
+                             const std::map<std::string, std::vector<uint8_t>>& old) {
+    for (const int number : {SIGINT, SIGTERM}) {
+      SCOPED_TRACE(number);
+      const ToolOutcome r = SignalMidway(tail, number, ready);
+      EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
+      EXPECT_FALSE(r.Says(question)) << r.output;
+      ExpectUntouched(old);
+    }
+    EXPECT_EQ(SignalMidway(tail, SIGKILL, ready).code, 128 + SIGKILL);
+    for (const auto& [name, bytes] : old) EXPECT_TRUE(ReadFile(name) == bytes) << name << " was changed";
+  }
 };
 
 TEST_F(OutputSafety, AFileSizeLimitIsAFullDiskForEveryOutput) {
@@ -132,16 +147,7 @@ TEST_F(OutputSafety, SigintAndSigtermCancelAndSigkillLeavesTheOldOutput) {
   ASSERT_EQ(RunTail(tail + " /e2").code, 0);
   const std::map<std::string, std::vector<uint8_t>> old = {{avi, ReadFile(avi)}};
   const auto grown = [&] { return SizeOf(avi + ".tmp") >= (2u << 20); };
-  for (const int number : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(number);
-    const ToolOutcome r = SignalMidway(tail, number, grown);
-    EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
-    EXPECT_FALSE(r.Says("Cancel the conversion?")) << r.output;
-    ExpectUntouched(old);
-  }
-  const ToolOutcome killed = SignalMidway(tail, SIGKILL, grown);
-  EXPECT_EQ(killed.code, 128 + SIGKILL);
-  EXPECT_TRUE(ReadFile(avi) == old.at(avi));
+  ExpectStopsKeepTheOld(tail, grown, "Cancel the conversion?", old);
 }
 
 TEST_F(OutputSafety, AKilledCompressorLeavesATemporaryFileThatPlays) {
@@ -152,18 +158,9 @@ TEST_F(OutputSafety, AKilledCompressorLeavesATemporaryFileThatPlays) {
   // The frame count in the temporary file's header: nonzero once the first checkpoint is on
   // the disk (until then the file's bytes wait in the writer's 128 KiB buffer).
   const auto checkpointed = [&] { return Le32(ReadFile(tmp), 8) >= 1; };
-  // SIGINT and SIGTERM: a cancel that keeps nothing.
-  for (const int number : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(number);
-    const ToolOutcome stopped = SignalMidway(tail, number, checkpointed);
-    EXPECT_EQ(stopped.code, Shell(ToolExitCancelled)) << stopped.output;
-    EXPECT_FALSE(stopped.Says("Keep the frames")) << stopped.output;
-    ExpectUntouched(old);
-  }
-  // SIGKILL as soon as the first frame is on the disk: the temporary file opens with it.
-  const ToolOutcome killed = SignalMidway(tail, SIGKILL, checkpointed);
-  EXPECT_EQ(killed.code, 128 + SIGKILL);
-  EXPECT_TRUE(ReadFile(vlm) == old.at(vlm));
+  // SIGINT and SIGTERM: a cancel that keeps nothing. SIGKILL as soon as the first frame is on
+  // the disk: the temporary file opens with it.
+  ExpectStopsKeepTheOld(tail, checkpointed, "Keep the frames", old);
   HVELMO h = VelmoOpen(tmp.c_str(), 0);
   ASSERT_NE(h, nullptr) << VelmoGetError();
   EXPECT_GE(h->Frames, 1u);
@@ -182,15 +179,7 @@ TEST_F(OutputSafety, TheMixerStoppedOrKilledLeavesTheOldOutput) {
   WriteText(out, "old mix");
   const std::map<std::string, std::vector<uint8_t>> old = {{out, ReadFile(out)}};
   const auto grown = [&] { return SizeOf(out + ".tmp") >= (4u << 20); };
-  for (const int number : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(number);
-    const ToolOutcome r = SignalMidway(tail, number, grown);
-    EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
-    EXPECT_FALSE(r.Says("Cancel the mixing?")) << r.output;
-    ExpectUntouched(old);
-  }
-  EXPECT_EQ(SignalMidway(tail, SIGKILL, grown).code, 128 + SIGKILL);
-  EXPECT_TRUE(ReadFile(out) == old.at(out));
+  ExpectStopsKeepTheOld(tail, grown, "Cancel the mixing?", old);
 }
 
 TEST_F(OutputSafety, AFolderThatTakesNoFileIsAnError) {

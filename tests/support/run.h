@@ -85,14 +85,14 @@ struct RunCaps {
   uint64_t memory_bytes = 1ull << 30;  // address space; 0 or an ASan build: none
   uint64_t file_bytes = 0;             // largest file the child may write; 0: no limit
   int time_ms = kAddressSanitizer ? 20000 : 5000;  // killed when it runs longer
+  std::string input = "/dev/null";     // the child's standard input
 };
 
-struct CappedOutcome {
-  int code = -1;         // exit status (its low 8 bits), -1 when killed by a signal
+// The code is the exit status (its low 8 bits), -1 when a signal ended the child.
+struct CappedOutcome : ToolOutcome {
   int signal = 0;        // the signal that ended it, 0 when it exited
   bool timed_out = false;
   long peak_kb = 0;      // largest resident size
-  std::string output;    // stdout and stderr together
   // The tool's exit code as a POSIX shell sees it (the low 8 bits).
   bool ExitedWith(int toolCode) const { return signal == 0 && code == (toolCode & 0xFF); }
 };
@@ -104,7 +104,7 @@ struct Child {
   std::string output;
 };
 
-// Starts `program` with `args` and no display, standard input from /dev/null, in the
+// Starts `program` with `args` and no display, standard input from `caps.input`, in the
 // environment of ProgramEnvironment(env) and its own process group, under `caps`' memory and
 // file-size limits; returns at once.
 inline Child StartCapped(const std::string& program, const std::vector<std::string>& args,
@@ -118,11 +118,12 @@ inline Child StartCapped(const std::string& program, const std::vector<std::stri
   int out[2];
   if (pipe(out) != 0) return child;
   const uint64_t memory = kAddressSanitizer ? 0 : caps.memory_bytes;
+  const char* const input = caps.input.c_str();
   const pid_t pid = fork();
   if (pid == 0) {
     // Only calls that are safe between fork and exec.
     setpgid(0, 0);
-    const int in = open("/dev/null", O_RDONLY);
+    const int in = open(input, O_RDONLY);
     dup2(in, 0);
     dup2(out[1], 1);
     dup2(out[1], 2);
