@@ -333,8 +333,8 @@ TEST_F(TruncatedInputTest, WaveFilesWithoutAllTheirSamples) {
   SoundClose(whole);
 }
 
-// A sound file cut after it was opened: the sound ends where the data does, with one warning
-// naming the file, also when it is read through again.
+// A sound file cut after it was opened (a short read): the sound ends where the data does, with
+// one warning naming the file, also when it is read through again.
 TEST_F(TruncatedInputTest, SoundThatGivesOutBeforeItsLengthWarnsOnce) {
   const std::vector<int16_t> samples = test_support::Noise(20000, 9);
   test_support::WriteWave16(dir / "s.wav", 8000, 1, samples);
@@ -347,6 +347,7 @@ TEST_F(TruncatedInputTest, SoundThatGivesOutBeforeItsLengthWarnsOnce) {
     uint64_t got = 0;
     while (uint32_t n = SoundRead(sound, block.data(), uint32_t(block.size()))) got += n;
     EXPECT_EQ(got, 10000u);
+    EXPECT_TRUE(sound->at_end);
     SoundRewind(sound);
   }
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
