@@ -22,6 +22,7 @@
 #include "compress_test_util.h"
 #include "host/bfile.h"
 #include "host/platform.h"
+#include "support/full_disk.h"
 #include "velmo.h"
 
 namespace {
@@ -198,12 +199,6 @@ TEST(VelmoReliability, PreviewFlushesWhileTheRunWrites) {
 
 // ---- Whole runs through the tool shell -----------------------------------------------------------
 
-// A disk with room for `g_room` bytes of the file: a write that reaches past it stops there.
-uint64_t g_room = 0;
-size_t FullDiskFilter(uint64_t position, size_t bytes) {
-  return position >= g_room ? 0 : size_t(std::min<uint64_t>(bytes, g_room - position));
-}
-
 TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
   const ScratchDir dir;
   const std::string out = dir / "full.vlm", old = dir / "old.vlm";
@@ -235,11 +230,9 @@ TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
     g_clipShape = {c.big ? 160u : 32u, c.big ? 120u : 24u, 24};
     for (const bool fresh : {true, false}) {
       if (!(fresh ? c.fresh : c.over)) continue;
-      g_room = c.room;
-      FileSetWriteFilter(FullDiskFilter);
+      const FullDisk full(c.room);
       const ToolOutcome r =
           RunVelmoc("clip " + (fresh ? out : old + " /o") + " /v101" + (c.big ? big : small));
-      FileSetWriteFilter(nullptr);
       EXPECT_EQ(r.code, ToolExitDiskWriteError) << (fresh ? "fresh name" : "over a file");
       EXPECT_TRUE(r.Says(disk)) << r.output;
       EXPECT_FALSE(r.Says("total frames compressed")) << r.output;

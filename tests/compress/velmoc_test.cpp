@@ -147,15 +147,12 @@ TEST(VelmocSwitches, RefusedValuesAreNamed) {
       {"a b /K-3", "/K-3: the key frame interval must be 0 frames or more."},
       {"a b /T-1", "/T-1: the track ID must be 0 or more."},
       {"a b /N-5", "/N-5: the key frame rate must be 0 bytes per second or more."},
+      // One each of the shared sound and video switches (their own tests go through them all).
       {"a b /B7", "/B7: the output bits must be 8 or 16."},
-      {"a b /C3", "/C3: the output channels must be 1 or 2."},
-      {"a b /R-1", "/R-1: the sound rate must be"},
+      {"a b /F0", "/F0: the frame rate must be above 0"},
       {"a b /V250", "/V250: the version must be"},
       {"a b /V99", "/V99: the version must be"},
       {"a b /V100+10240", "/V100+10240: the version must be"},  // five slices
-      {"a b /F0", "/F0: the frame rate must be above 0"},
-      {"a b /W100000", "/W100000: the crop width must be 0 (the whole width) to 16384."},
-      {"a b /{200", "/{200: the contrast increase must be 0 to 128."},
   };
   for (const auto& r : refused) {
     VelmocSettings s;
@@ -176,19 +173,6 @@ TEST(VelmocSwitches, RefusedValuesAreNamed) {
   EXPECT_TRUE(Parse("a b /v101+2048+16384+65536 /b116 /c2 /r22050 /l-1 /m10 /d200", &ok))
       << ok.Errors.text;
   EXPECT_FALSE(ok.Errors.Failed());
-}
-
-// The compressor's contrast increase is 8 unless /{ gives one, 0 included.
-TEST(VelmocSwitches, ContrastDefaultIsEight) {
-  const struct {
-    const char* Line;
-    uint32_t Contrast;
-  } cases[] = {{"a b", 8}, {"a b /{0", 0}, {"a b /{20", 20}, {"a b /{8", 8}};
-  for (const auto& c : cases) {
-    VelmocSettings s;
-    ASSERT_TRUE(Parse(c.Line, &s)) << c.Line;
-    EXPECT_EQ(s.Media.contrast, c.Contrast) << c.Line;
-  }
 }
 
 TEST(VelmocSwitches, VersionArithmeticAndFlagWord) {
@@ -873,8 +857,8 @@ TEST(VelmocMedia, CompressesAPngSeries) {
   ExpectShape(out, 2, 40, 24, 15);
 }
 
-// A picture compressed with the default contrast matches one with /{8 byte for byte, and
-// differs from one with /{0 (no contrast stage).
+// The compressor's contrast increase is 8 unless /{ gives one: a picture compressed with the
+// default matches one with /{8 byte for byte, and differs from one with /{0 (no contrast stage).
 TEST(VelmocMedia, DefaultContrastIsApplied) {
   const ScratchDir dir;
   const std::string png = dir / "in.png";

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include "convert/output.h"
@@ -44,17 +43,6 @@ void MakeClip(const std::string& name, int frames, int width, int height) {
     ASSERT_EQ(OutputWriteFrame(out, pixels.data(), nullptr), 1);
   }
   ASSERT_GT(OutputClose(out), 0u);
-}
-
-std::vector<std::string> Words(const std::string& tail) {
-  std::vector<std::string> args;
-  std::istringstream words(tail);
-  for (std::string word; words >> word;) args.push_back(word);
-  return args;
-}
-
-ToolOutcome RunLimited(const std::string& tail, uint64_t limit) {
-  return RunProgram(ORN_PROGRAM_PATH, Words(tail), {}, limit);
 }
 
 // Starts the program, waits until `ready()` holds, sends `number` and collects it.
@@ -93,6 +81,21 @@ class OutputSafety : public TempDirTest {
       EXPECT_FALSE(Exists(name + ".tmp")) << name << ".tmp was left";
     }
   }
+  // Stops `tail` once `ready` holds: SIGINT and SIGTERM are a cancel that asks nothing (not
+  // `question`) and leaves `old` untouched; SIGKILL, last, leaves the old files as they were.
+  template <typename Ready>
+  void ExpectStopsKeepTheOld(const std::string& tail, Ready ready, const char* question,
+                             const std::map<std::string, std::vector<uint8_t>>& old) {
+    for (const int number : {SIGINT, SIGTERM}) {
+      SCOPED_TRACE(number);
+      const ToolOutcome r = SignalMidway(tail, number, ready);
+      EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
+      EXPECT_FALSE(r.Says(question)) << r.output;
+      ExpectUntouched(old);
+    }
+    EXPECT_EQ(SignalMidway(tail, SIGKILL, ready).code, 128 + SIGKILL);
+    for (const auto& [name, bytes] : old) EXPECT_TRUE(ReadFile(name) == bytes) << name << " was changed";
+  }
 };
 
 TEST_F(OutputSafety, AFileSizeLimitIsAFullDiskForEveryOutput) {
@@ -117,7 +120,7 @@ TEST_F(OutputSafety, AFileSizeLimitIsAFullDiskForEveryOutput) {
       old[f] = ReadFile(f);
       ASSERT_GT(old[f].size(), c.limit) << f;
     }
-    const ToolOutcome r = RunLimited(tail, c.limit);
+    const ToolOutcome r = RunTail(tail, c.limit);
     EXPECT_EQ(r.code, Shell(ToolExitDiskWriteError)) << r.output;
     EXPECT_TRUE(r.Says(DiskFull)) << r.output;
     ExpectUntouched(old);
@@ -131,7 +134,7 @@ TEST_F(OutputSafety, AFileSizeLimitIsAFullDiskForEveryOutput) {
   for (const std::string& tail : {"velmoc " + Series() + " " + vlm + " /v101 /o",
                                   "velmomix " + vlm + " " + dir + "/tone.wav " + mixed + " /o"}) {
     SCOPED_TRACE(tail);
-    const ToolOutcome r = RunLimited(tail, 2048);
+    const ToolOutcome r = RunTail(tail, 2048);
     EXPECT_EQ(r.code, Shell(ToolExitDiskWriteError)) << r.output;
     EXPECT_TRUE(r.Says(DiskFull)) << r.output;
     ExpectUntouched(old);
@@ -144,16 +147,7 @@ TEST_F(OutputSafety, SigintAndSigtermCancelAndSigkillLeavesTheOldOutput) {
   ASSERT_EQ(RunTail(tail + " /e2").code, 0);
   const std::map<std::string, std::vector<uint8_t>> old = {{avi, ReadFile(avi)}};
   const auto grown = [&] { return SizeOf(avi + ".tmp") >= (2u << 20); };
-  for (const int number : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(number);
-    const ToolOutcome r = SignalMidway(tail, number, grown);
-    EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
-    EXPECT_FALSE(r.Says("Cancel the conversion?")) << r.output;
-    ExpectUntouched(old);
-  }
-  const ToolOutcome killed = SignalMidway(tail, SIGKILL, grown);
-  EXPECT_EQ(killed.code, 128 + SIGKILL);
-  EXPECT_TRUE(ReadFile(avi) == old.at(avi));
+  ExpectStopsKeepTheOld(tail, grown, "Cancel the conversion?", old);
 }
 
 TEST_F(OutputSafety, AKilledCompressorLeavesATemporaryFileThatPlays) {
@@ -164,18 +158,9 @@ TEST_F(OutputSafety, AKilledCompressorLeavesATemporaryFileThatPlays) {
   // The frame count in the temporary file's header: nonzero once the first checkpoint is on
   // the disk (until then the file's bytes wait in the writer's 128 KiB buffer).
   const auto checkpointed = [&] { return Le32(ReadFile(tmp), 8) >= 1; };
-  // SIGINT and SIGTERM: a cancel that keeps nothing.
-  for (const int number : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(number);
-    const ToolOutcome stopped = SignalMidway(tail, number, checkpointed);
-    EXPECT_EQ(stopped.code, Shell(ToolExitCancelled)) << stopped.output;
-    EXPECT_FALSE(stopped.Says("Keep the frames")) << stopped.output;
-    ExpectUntouched(old);
-  }
-  // SIGKILL as soon as the first frame is on the disk: the temporary file opens with it.
-  const ToolOutcome killed = SignalMidway(tail, SIGKILL, checkpointed);
-  EXPECT_EQ(killed.code, 128 + SIGKILL);
-  EXPECT_TRUE(ReadFile(vlm) == old.at(vlm));
+  // SIGINT and SIGTERM: a cancel that keeps nothing. SIGKILL as soon as the first frame is on
+  // the disk: the temporary file opens with it.
+  ExpectStopsKeepTheOld(tail, checkpointed, "Keep the frames", old);
   HVELMO h = VelmoOpen(tmp.c_str(), 0);
   ASSERT_NE(h, nullptr) << VelmoGetError();
   EXPECT_GE(h->Frames, 1u);
@@ -194,15 +179,7 @@ TEST_F(OutputSafety, TheMixerStoppedOrKilledLeavesTheOldOutput) {
   WriteText(out, "old mix");
   const std::map<std::string, std::vector<uint8_t>> old = {{out, ReadFile(out)}};
   const auto grown = [&] { return SizeOf(out + ".tmp") >= (4u << 20); };
-  for (const int number : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(number);
-    const ToolOutcome r = SignalMidway(tail, number, grown);
-    EXPECT_EQ(r.code, Shell(ToolExitCancelled)) << r.output;
-    EXPECT_FALSE(r.Says("Cancel the mixing?")) << r.output;
-    ExpectUntouched(old);
-  }
-  EXPECT_EQ(SignalMidway(tail, SIGKILL, grown).code, 128 + SIGKILL);
-  EXPECT_TRUE(ReadFile(out) == old.at(out));
+  ExpectStopsKeepTheOld(tail, grown, "Cancel the mixing?", old);
 }
 
 TEST_F(OutputSafety, AFolderThatTakesNoFileIsAnError) {

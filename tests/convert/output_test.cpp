@@ -7,14 +7,15 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "convert/output.h"
-#include "host/bfile.h"
 #include "imagefile/imagefile.h"
 #include "program_test_support.h"
+#include "support/full_disk.h"
 #include "support/progress_log.h"
 
 namespace fs = std::filesystem;
@@ -630,16 +631,6 @@ TEST_F(OutputTest, WaveHeaderLengthsAndData) {
 
 // ---- Whole or nothing ------------------------------------------------------------------------
 
-namespace {
-
-// A disk with room for g_room bytes of any one file.
-uint64_t g_room = 0;
-size_t FullDisk(uint64_t position, size_t bytes) {
-  return position >= g_room ? 0 : size_t(std::min<uint64_t>(bytes, g_room - position));
-}
-
-}  // namespace
-
 // Every kind of output, over files that are there: a full disk at any point (while frames go
 // out, or only when the headers and indexes are written at the close) and a cancel leave the
 // old files byte for byte and no temporary file; a run that goes well replaces them all.
@@ -679,10 +670,10 @@ TEST_F(OutputTest, OldFilesStayUntilARunEndsWell) {
     // buffers, so for them the failing writes are those of the close.
     for (const uint64_t room : {uint64_t(0), uint64_t(100)}) {
       SCOPED_TRACE(room);
-      g_room = room;
-      FileSetWriteFilter(FullDisk);
-      EXPECT_EQ(run(false, &result), 0u);
-      FileSetWriteFilter(nullptr);
+      {
+        const test_support::FullDisk full(room);
+        EXPECT_EQ(run(false, &result), 0u);
+      }
       EXPECT_EQ(result, uint32_t(OutFileWriteFailed));
       expectOld("full disk");
     }
@@ -700,14 +691,14 @@ TEST_F(OutputTest, OldFilesStayUntilARunEndsWell) {
   const std::vector<uint8_t> oldWave = ReadFile(Path("w.wav"));
   const std::vector<uint8_t> samples(40000, 7);
   for (const bool full : {true, false}) {
-    g_room = 1000;
-    if (full) FileSetWriteFilter(FullDisk);
+    std::optional<test_support::FullDisk> disk;
+    if (full) disk.emplace(1000);
     WaveFile* wave = WaveCreate(Path("w.wav").c_str(), 8000, 8, 1, false);
     ASSERT_NE(wave, nullptr);
     const bool written = WaveWrite(wave, samples.data(), samples.size());
     uint32_t result = OutFileDone;
     EXPECT_EQ(WaveClose(wave, full ? false : true, &result), 0u);
-    FileSetWriteFilter(nullptr);
+    disk.reset();
     EXPECT_EQ(result, full ? uint32_t(OutFileWriteFailed) : uint32_t(OutFileDone));
     EXPECT_EQ(written, !full);
     EXPECT_TRUE(ReadFile(Path("w.wav")) == oldWave);

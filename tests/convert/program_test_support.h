@@ -27,15 +27,21 @@ class TempDirTest : public ::testing::Test {
   const std::string dir = scratch.path;
 };
 
-#ifdef ORN_PROGRAM_PATH
-// Runs the program with the console front end (settings from the environment's folder); the
-// tail's words are its arguments.
-inline ToolOutcome RunTail(const std::string& tail) {
-  std::vector<std::string> args, env;
+// The words of a command tail, split at blanks.
+inline std::vector<std::string> Words(const std::string& tail) {
+  std::vector<std::string> args;
   std::istringstream words(tail);
   for (std::string word; words >> word;) args.push_back(word);
+  return args;
+}
+
+#ifdef ORN_PROGRAM_PATH
+// Runs the program with the console front end (settings from the environment's folder); the
+// tail's words are its arguments. With `fileSizeLimit` (bytes) it runs under that limit.
+inline ToolOutcome RunTail(const std::string& tail, uint64_t fileSizeLimit = 0) {
+  std::vector<std::string> env;
   if (const char* config = std::getenv("XDG_CONFIG_HOME")) env.push_back(std::string("XDG_CONFIG_HOME=") + config);
-  return RunProgram(ORN_PROGRAM_PATH, args, env);
+  return RunProgram(ORN_PROGRAM_PATH, Words(tail), env, fileSizeLimit);
 }
 #endif
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support/files.h"
+#include "support/full_disk.h"
 
 namespace {
 
@@ -24,15 +25,8 @@ std::vector<uint8_t> Pattern(size_t bytes, uint8_t seed) {
   return data;
 }
 
-// A disk with room for g_room bytes of any file.
-uint64_t g_room = 0;
-size_t FullDisk(uint64_t position, size_t bytes) {
-  return position >= g_room ? 0 : size_t(std::min<uint64_t>(bytes, g_room - position));
-}
-
 class OutFiles : public ::testing::Test {
  protected:
-  void TearDown() override { FileSetWriteFilter(nullptr); }
   // Writes `data` through an OutFile on `target` and commits it.
   OutFileResult Write(const std::string& target, const std::vector<uint8_t>& data) {
     OutFile out{};
@@ -75,21 +69,19 @@ TEST_F(OutFiles, AFullDiskOrADiscardLeavesTheOldFileAndNoTemporary) {
   // Full at once, within the buffer's first write, and past several buffers.
   for (const uint64_t room : {uint64_t(0), uint64_t(100), uint64_t(20000)}) {
     SCOPED_TRACE(room);
-    g_room = room;
-    FileSetWriteFilter(FullDisk);
+    const FullDisk full(room);
     EXPECT_EQ(Write(target, next), OutFileWriteFailed);
-    FileSetWriteFilter(nullptr);
     EXPECT_EQ(ReadFile(target), old);
     EXPECT_FALSE(Exists(target + ".tmp"));
   }
   // A short write that only the close would find (the data waits in the buffer).
-  g_room = 10;
   OutFile out{};
   ASSERT_EQ(OutFileCreate(&out, target.c_str(), 65536), OutFileDone);
   FileWrite(out.File, next.data(), 1000);
-  FileSetWriteFilter(FullDisk);
-  EXPECT_FALSE(OutFileClose(&out));
-  FileSetWriteFilter(nullptr);
+  {
+    const FullDisk full(10);
+    EXPECT_FALSE(OutFileClose(&out));
+  }
   EXPECT_FALSE(Exists(target + ".tmp"));
   // A discard, of an open file and of one closed for a later rename.
   for (const bool closeFirst : {false, true}) {
@@ -103,10 +95,8 @@ TEST_F(OutFiles, AFullDiskOrADiscardLeavesTheOldFileAndNoTemporary) {
     EXPECT_FALSE(Exists(target + ".tmp"));
   }
   // A fresh name that failed leaves nothing at all.
-  g_room = 0;
-  FileSetWriteFilter(FullDisk);
+  const FullDisk full(0);
   EXPECT_EQ(Write(scratch / "fresh.bin", next), OutFileWriteFailed);
-  FileSetWriteFilter(nullptr);
   EXPECT_FALSE(Exists(scratch / "fresh.bin"));
   EXPECT_FALSE(Exists(scratch / "fresh.bin.tmp"));
 }

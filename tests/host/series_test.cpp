@@ -12,17 +12,8 @@
 
 namespace {
 
-// A fake directory: the names it holds, and how many probes were made.
-struct FakeFiles {
-  std::set<std::string> names;
-  int probes = 0;
-};
-
-bool FakeExists(const char* path, void* context) {
-  auto* files = static_cast<FakeFiles*>(context);
-  ++files->probes;
-  return files->names.count(path) != 0;
-}
+using test_support::FakeExists;
+using test_support::FakeFiles;
 
 FakeFiles Numbered(const char* format, int first, int last) {
   FakeFiles files;

@@ -151,25 +151,25 @@ TEST(SwitchFraction, AbsentGivesDefaultsAndHugeValuesStayIn32Bits) {
   EXPECT_NEAR(static_cast<double>(n) / d, 3.14159265358979, 1e-9);
 }
 
-TEST(SwitchCancels, RemovesEarlierSwitchesOfTheLetter) {
-  Line line("/L3 a.avi /l /D5 /-L /L4");
-  SwitchCancels(line.text);
-  EXPECT_EQ(line.str(), " a.avi  /D5  /L4");
-  Line quoted("/O\"x y\" /-o /P1");
-  SwitchCancels(quoted.text);
-  EXPECT_EQ(quoted.str(), "  /P1");
-  Line two("/A1 /B2 /-A /-B /A3");
-  SwitchCancels(two.text);
-  EXPECT_EQ(two.str(), "    /A3");
+// The line after `edit` worked on it.
+std::string After(void (*edit)(char*), const char* text) {
+  Line line(text);
+  edit(line.text);
+  return line.str();
 }
 
-TEST(SwitchCancels, TrailingDashCutsTheLine) {
-  Line line("/L3 a.avi /- ");
-  SwitchCancels(line.text);
-  EXPECT_EQ(line.str(), "/L3 a.avi ");
-  Line inside("a.avi \"/-L\" /L2");
-  SwitchCancels(inside.text);
-  EXPECT_EQ(inside.str(), "a.avi \"/-L\" /L2");
+// "/-L" removes the /L switches before it (and itself); a trailing "/-" cuts the line there.
+TEST(SwitchCancels, RemovesEarlierSwitchesOfTheLetterOrTheRestOfTheLine) {
+  const struct {
+    const char *in, *out;
+  } cases[] = {
+      {"/L3 a.avi /l /D5 /-L /L4", " a.avi  /D5  /L4"},
+      {"/O\"x y\" /-o /P1", "  /P1"},
+      {"/A1 /B2 /-A /-B /A3", "    /A3"},
+      {"/L3 a.avi /- ", "/L3 a.avi "},
+      {"a.avi \"/-L\" /L2", "a.avi \"/-L\" /L2"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(After(SwitchCancels, c.in), c.out) << c.in;
 }
 
 TEST(TakeWord, WordsCommasAndTrimming) {
@@ -211,21 +211,11 @@ TEST(TakeName, QuotedNamesHoldBlanks) {
 }
 
 TEST(TrimLine, BlanksControlsAndQuotes) {
-  Line line("\t\r\n  a b \x01 ");
-  TrimLine(line.text);
-  EXPECT_EQ(line.str(), "a b");
-  Line high("\xe9t\xe9");  // bytes above 127 are not blanks
-  TrimLine(high.text);
-  EXPECT_EQ(high.str(), "\xe9t\xe9");
-  Line quoted("  \"x y\"  ");
-  TrimQuotes(quoted.text);
-  EXPECT_EQ(quoted.str(), "x y");
-  Line lone("\"");
-  TrimQuotes(lone.text);
-  EXPECT_EQ(lone.str(), "\"");
-  Line half("\"abc");
-  TrimQuotes(half.text);
-  EXPECT_EQ(half.str(), "\"abc");
+  EXPECT_EQ(After(TrimLine, "\t\r\n  a b \x01 "), "a b");
+  EXPECT_EQ(After(TrimLine, "\xe9t\xe9"), "\xe9t\xe9");  // bytes above 127 are not blanks
+  EXPECT_EQ(After(TrimQuotes, "  \"x y\"  "), "x y");
+  EXPECT_EQ(After(TrimQuotes, "\""), "\"");
+  EXPECT_EQ(After(TrimQuotes, "\"abc"), "\"abc");
 }
 
 TEST(EnsureTrailingSlash, AddsOnceAndRespectsSize) {

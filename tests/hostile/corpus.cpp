@@ -118,39 +118,6 @@ Bytes Y4m(int w, int h, int frames, uint32_t seed) {
   return out;
 }
 
-// A 4:2:0 y4m clip of a gradient moving across the picture: quick to code, slow to finish.
-Bytes SmoothY4m(int w, int h, int frames) {
-  const std::string head = "YUV4MPEG2 W" + std::to_string(w) + " H" + std::to_string(h) + " F30:1 C420jpeg\n";
-  Bytes out(head.begin(), head.end());
-  for (int f = 0; f < frames; ++f) {
-    const char tag[] = "FRAME\n";
-    out.insert(out.end(), tag, tag + 6);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) out.push_back(uint8_t(x + y / 4 + f * 3));
-    out.insert(out.end(), size_t(w) * h / 2, uint8_t(128 + f));
-  }
-  return out;
-}
-
-Bytes AnimatedGif(int frames) {
-  ImageGifWriter* w = ImageGifWriterOpen(kW, kH, 0, nullptr);
-  if (!w) return {};
-  std::vector<uint32_t> palette(256);
-  for (int i = 0; i < 256; ++i) palette[size_t(i)] = uint32_t(i) << 16 | uint32_t(255 - i) << 8 | uint32_t(i / 3);
-  for (int f = 0; f < frames; ++f) {
-    Bytes indices(size_t(kW) * kH);
-    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(i * 13 + f * 17);
-    ImageGifFrame frame{indices.data(), kW, palette.data(), 10, 1, -1, 0, 0, 0, 0, 0};
-    if (!ImageGifWriterAddFrame(w, &frame, nullptr)) return {};
-  }
-  void* data = nullptr;
-  size_t size = 0;
-  if (!ImageGifWriterFinish(w, nullptr, &data, &size, nullptr)) return {};
-  Bytes out(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
-  ImageFreeMemory(data);
-  return out;
-}
-
 // ---- Field locations ------------------------------------------------------------------------
 
 size_t FindTag(const Bytes& b, const char* tag, size_t from = 0) {
@@ -428,7 +395,7 @@ bool MakeSeed(const std::string& type, const std::string& program, const std::st
   if (type == "tif") ok = WritePicture(name, IMAGE_FORMAT_TIFF);
   if (type == "jpg") ok = WritePicture(name, IMAGE_FORMAT_JPEG);
   if (type == "exr") ok = WritePicture(name, IMAGE_FORMAT_EXR);
-  if (type == "gif") ok = Save(name, AnimatedGif(4));
+  if (type == "gif") ok = Save(name, test_support::GifAnimation(kW, kH, 4));
   if (type == "flc") ok = Save(name, Flic(6));
   if (type == "y4m") ok = Save(name, Y4m(kW, kH, kFrames, 99));
   if (type == "wav")
@@ -598,23 +565,6 @@ std::vector<Case> BuildCorpus(const std::string& program, const std::string& con
   AddLists(&cases, seeds->dir);
   AddNothings(&cases, seeds->dir);
   return cases;
-}
-
-bool BuildLongInputs(Seeds* seeds, std::string* error) {
-  seeds->bigY4m = seeds->dir + "/long.y4m";
-  seeds->bigVlm = seeds->dir + "/long.vlm";
-  seeds->longWave = seeds->dir + "/long.wav";
-  // The mixer copies video without decoding it: a long file of small stand-in frames, and a
-  // sound as long, keep it busy with sound coding alone.
-  velmo_test::FilePlan plan;
-  plan.Frames = 3000;
-  plan.KeyEvery = 30;
-  if (!Save(seeds->bigY4m, SmoothY4m(320, 240, 40)) || !Save(seeds->bigVlm, velmo_test::BuildFile(plan))) {
-    *error = "cannot write the long inputs in " + seeds->dir;
-    return false;
-  }
-  test_support::WriteWave16(seeds->longWave, 22050, 1, test_support::Noise(22050 * 100, 11));
-  return true;
 }
 
 }  // namespace hostile

@@ -42,9 +42,6 @@ struct Seeds {
   std::string vlm;        // a Velmo file without sound
   std::string soundVlm;   // a Velmo file with one sound track
   std::string wave;       // a wave file as long as the video
-  std::string bigY4m;     // a clip that takes a tool about a second (stopped midway)
-  std::string bigVlm;     // a Velmo file of many small frames, for the mixer
-  std::string longWave;   // 100 seconds of sound
 };
 
 // Makes every seed in `dir` and the cases derived from them. `program` is the built program,
@@ -52,8 +49,5 @@ struct Seeds {
 // be made.
 std::vector<Case> BuildCorpus(const std::string& program, const std::string& configDir,
                               Seeds* seeds, std::string* error);
-
-// Makes the long inputs of the stop and full-disk runs in `seeds->dir`; false with `error`.
-bool BuildLongInputs(Seeds* seeds, std::string* error);
 
 }  // namespace hostile

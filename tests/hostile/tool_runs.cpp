@@ -4,7 +4,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <sstream>
 
@@ -29,12 +28,6 @@ const std::set<int>& ToolCodes(const std::string& tool) {
   return compress;  // Velmoc, and VelmoMix, whose table is the compressor's
 }
 
-int CountWarnings(const std::string& output) {
-  int n = 0;
-  for (size_t at = output.find(" - Warning: "); at != std::string::npos; at = output.find(" - Warning: ", at + 1)) ++n;
-  return n;
-}
-
 const std::vector<uint8_t>& Runner::OldBytes() {
   static const std::vector<uint8_t> bytes = [] {
     const std::string text = "an older output that a failed run must leave as it is\n";
@@ -46,12 +39,7 @@ const std::vector<uint8_t>& Runner::OldBytes() {
 std::string Runner::PrepareFolder(const std::string& outputName) {
   const std::string folder = scratch_ + "/run" + std::to_string(++folders_);
   std::filesystem::create_directories(folder);
-  if (!outputName.empty()) {
-    if (FILE* f = std::fopen((folder + "/" + outputName).c_str(), "wb")) {
-      std::fwrite(OldBytes().data(), 1, OldBytes().size(), f);
-      std::fclose(f);
-    }
-  }
+  if (!outputName.empty()) test_support::WriteFile(folder + "/" + outputName, OldBytes());
   return folder;
 }
 
@@ -142,7 +130,7 @@ test_support::CappedOutcome Runner::Run(const RunPlan& plan, Tally* tally) {
     fail("expected " + Codes(Allowed(plan)) + ", got signal " + std::to_string(r.signal));
   } else {
     const std::set<int> allowed = Allowed(plan);
-    const int warnings = CountWarnings(r.output);
+    const int warnings = int(r.Times(" - Warning: "));
     std::string wrong;
     if (!allowed.count(code))
       wrong = "got " + (code < 0 ? "status " + std::to_string(r.code) : std::to_string(code));

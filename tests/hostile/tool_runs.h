@@ -49,9 +49,6 @@ constexpr long kPeakLimitKb = 256 * 1024;
 // The line that says most about a run: its error, else its first warning, else its last line.
 std::string TellingLine(const std::string& output);
 
-// Text that marks a warning on the console front end.
-int CountWarnings(const std::string& output);
-
 class Runner {
  public:
   Runner(std::string program, std::string scratch, std::string configDir)

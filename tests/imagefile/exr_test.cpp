@@ -307,17 +307,4 @@ TEST(OpenExr, ClaimsBeyondTheFileAreRefused) {
   EXPECT_NE(std::strstr(error.text, "chunks"), nullptr) << error.text;
 }
 
-// What this library writes still reads back, through the new reader.
-TEST(OpenExr, OwnFilesStillRoundTrip) {
-  Picture picture = Pattern(23, 70, true);
-  const std::vector<uint8_t> bytes = Write({IMAGE_FORMAT_EXR, 1, 0, 0}, picture);
-  ImageError error{};
-  const OpenFile file = Open(bytes, "x.exr", &error);
-  ASSERT_TRUE(file) << error.text;
-  Picture back(23, 70);
-  ImagePixels view = back.View();
-  ASSERT_EQ(ImageFileReadFrame(file.get(), 0, &view, &error), 1) << error.text;
-  EXPECT_EQ(back, picture);
-}
-
 }  // namespace

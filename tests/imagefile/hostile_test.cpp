@@ -5,6 +5,8 @@
 #include <cstring>
 #include <random>
 
+#include "support/picture.h"
+
 using namespace imagefile_test;
 
 namespace {
@@ -13,22 +15,6 @@ struct Sample {
   const char* label;
   std::vector<uint8_t> bytes;
 };
-
-std::vector<uint8_t> SingleFrameGif() {
-  ImageGifWriter* writer = ImageGifWriterOpen(16, 12, -1, nullptr);
-  uint32_t palette[256];
-  for (int i = 0; i < 256; ++i) palette[i] = uint32_t(i) * 0x010203u;
-  std::vector<uint8_t> indices(16 * 12);
-  for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(i * 7);
-  const ImageGifFrame frame{indices.data(), 16, palette, 0, 0, -1, 0, 0, 0, 0, 0};
-  ImageGifWriterAddFrame(writer, &frame, nullptr);
-  void* data = nullptr;
-  size_t size = 0;
-  ImageGifWriterFinish(writer, nullptr, &data, &size, nullptr);
-  std::vector<uint8_t> bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
-  ImageFreeMemory(data);
-  return bytes;
-}
 
 std::vector<Sample> Samples() {
   Picture picture = Pattern(37, 23, true);
@@ -39,7 +25,7 @@ std::vector<Sample> Samples() {
   samples.push_back({"jpg", Write({IMAGE_FORMAT_JPEG, 0, 80, 0}, picture)});
   samples.push_back({"tif", Write({IMAGE_FORMAT_TIFF, 1, 0, 0}, picture)});
   samples.push_back({"exr", Write({IMAGE_FORMAT_EXR, 1, 0, 1}, picture)});
-  samples.push_back({"gif", SingleFrameGif()});
+  samples.push_back({"gif", test_support::GifAnimation(16, 12, 1, 0, -1)});
   return samples;
 }
 

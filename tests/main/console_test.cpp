@@ -28,12 +28,6 @@ std::string WriteClip(const ScratchDir& dir) {
   return dir / "clip.y4m";
 }
 
-size_t Count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) n++;
-  return n;
-}
-
 TEST(ConsoleProgram, Y4mToStandardOutputIsRefusedOnATerminal) {
   const ScratchDir dir;
   const std::string clip = WriteClip(dir);
@@ -48,7 +42,7 @@ TEST(ConsoleProgram, Y4mToStandardOutputIsRefusedOnATerminal) {
                                                    " VelmoConv '" + clip + "' - 2>/dev/null");
   EXPECT_EQ(piped.code, 0);
   EXPECT_EQ(piped.output.rfind("YUV4MPEG2 W16 H16 F30:1", 0), 0u) << piped.output.substr(0, 80);
-  EXPECT_EQ(Count(piped.output, "FRAME\n"), size_t(Frames));
+  EXPECT_EQ(piped.Times("FRAME\n"), size_t(Frames));
 }
 
 // Redirected, the converter's facts and its summary are lines of their own, each value with

@@ -6,19 +6,12 @@
 #include <vector>
 
 #include "media/media_list.h"
+#include "support/files.h"
 
 namespace {
 
-struct Files {
-  std::set<std::string> names;
-  int probes = 0;
-};
-
-bool FakeExists(const char* path, void* context) {
-  Files* files = static_cast<Files*>(context);
-  ++files->probes;
-  return files->names.count(path) != 0;
-}
+using test_support::FakeExists;
+using Files = test_support::FakeFiles;
 
 // The entries a list gives: their names, with "[start,end]" behind those that have a range.
 std::vector<std::string> Walk(MediaList* list, Files* files, size_t limit = 100) {

@@ -14,6 +14,8 @@
 #include "avi_test_util.h"
 #include "media_test_util.h"
 #include "support/files.h"
+#include "support/picture.h"
+#include "support/stream_files.h"
 #include "support/velmo_file.h"
 #include "support/wave.h"
 
@@ -46,6 +48,31 @@ class TruncatedInputTest : public MediaTest {
     }
     return frames;
   }
+  // What a reading of a whole input came to.
+  struct Reading {
+    bool opened = false;
+    uint32_t frames = 0;
+    bool failed = false;        // a frame could not be read
+    uint32_t readFailed = 0;    // as the input counts it
+    int warnings = 0, errors = 0;
+    bool operator==(const Reading&) const = default;
+    friend std::ostream& operator<<(std::ostream& os, const Reading& r) {
+      return os << "opened " << r.opened << ", " << r.frames << " frames, failed " << r.failed << " (" << r.readFailed << "), "
+                << r.warnings << " warnings, " << r.errors << " errors";
+    }
+  };
+  // Opens `name` with a clear log and reads it through.
+  static Reading ReadThrough(const std::string& name) {
+    Log.Clear();
+    Reading r;
+    MediaInput* in = Open(name);
+    r.opened = in != nullptr;
+    if (in) r.frames = ReadAll(in, &r.failed), r.readFailed = in->read_failed;
+    MediaClose(in);
+    r.warnings = Log.CountLevel(MediaLevelWarning);
+    r.errors = Log.CountLevel(MediaLevelError);
+    return r;
+  }
 };
 
 // A still picture cut short either cannot be opened or fails at its frame with an error naming
@@ -60,15 +87,7 @@ TEST_F(TruncatedInputTest, CutStillPicturesAreInputErrors) {
   for (const auto& kind : kinds) {
     SCOPED_TRACE(kind.name);
     ASSERT_TRUE(WriteImage(dir / kind.name, kind.format, 64, 48, Pattern(64, 48, 7)));
-    // The whole file reads.
-    Log.Clear();
-    MediaInput* whole = Open(dir / kind.name);
-    ASSERT_NE(whole, nullptr);
-    bool failed = true;
-    EXPECT_EQ(ReadAll(whole, &failed), 1u);
-    EXPECT_FALSE(failed);
-    EXPECT_EQ(whole->read_failed, 0u);
-    MediaClose(whole);
+    EXPECT_EQ(ReadThrough(dir / kind.name), (Reading{true, 1, false, 0, 0, 0}));
     // Cut to two thirds of its length.
     const size_t size = ReadFile(dir / kind.name).size();
     const std::string cutName = std::string("cut_") + kind.name;
@@ -79,6 +98,7 @@ TEST_F(TruncatedInputTest, CutStillPicturesAreInputErrors) {
       EXPECT_TRUE(Log.Said(cut, MediaLevelError));
       continue;
     }
+    bool failed = false;
     EXPECT_EQ(ReadAll(in, &failed), 0u);
     EXPECT_TRUE(failed);
     EXPECT_EQ(in->read_failed, 1u);
@@ -91,48 +111,16 @@ TEST_F(TruncatedInputTest, CutStillPicturesAreInputErrors) {
   }
 }
 
-// A GIF animation of `frames` frames of 16 x 8, each a flat colour index.
-std::vector<uint8_t> GifAnimation(int frames) {
-  ImageError error{};
-  ImageGifWriter* writer = ImageGifWriterOpen(16, 8, 0, &error);
-  EXPECT_NE(writer, nullptr) << error.text;
-  uint32_t palette[256];
-  for (int i = 0; i < 256; ++i) palette[i] = uint32_t(i) << 16 | uint32_t(255 - i);
-  for (int f = 0; f < frames; ++f) {
-    std::vector<uint8_t> indices(16 * 8);
-    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(f * 40 + i % 7);
-    const ImageGifFrame frame{indices.data(), 16, palette, 10, 1, -1, 0, 0, 0, 0, 0};
-    EXPECT_EQ(ImageGifWriterAddFrame(writer, &frame, &error), 1) << error.text;
-  }
-  void* data = nullptr;
-  size_t size = 0;
-  EXPECT_EQ(ImageGifWriterFinish(writer, nullptr, &data, &size, &error), 1) << error.text;
-  std::vector<uint8_t> bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
-  ImageFreeMemory(data);
-  return bytes;
-}
-
 // An animation cut inside a frame keeps its whole frames with one warning naming the file; one
 // cut inside its first frame has nothing to show and is refused.
 TEST_F(TruncatedInputTest, CutGifAnimationKeepsItsWholeFrames) {
-  const std::vector<uint8_t> gif = GifAnimation(4);
+  const std::vector<uint8_t> gif = test_support::GifAnimation(16, 8, 4);
+  ASSERT_FALSE(gif.empty());
   WriteFile(dir / "whole.gif", gif);
-  MediaInput* whole = Open(dir / "whole.gif");
-  ASSERT_NE(whole, nullptr);
-  bool failed = true;
-  EXPECT_EQ(ReadAll(whole, &failed), 4u);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
-  MediaClose(whole);
-
+  EXPECT_EQ(ReadThrough(dir / "whole.gif"), (Reading{true, 4, false, 0, 0, 0}));
   const std::string cut = Cut("whole.gif", gif.size() - 10, "cut.gif");
-  Log.Clear();
-  MediaInput* in = Open(cut);
-  ASSERT_NE(in, nullptr);
-  EXPECT_EQ(ReadAll(in, &failed), 3u);
-  EXPECT_FALSE(failed);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_EQ(ReadThrough(cut), (Reading{true, 3, false, 0, 1, 0}));
   EXPECT_TRUE(Log.Said(cut, MediaLevelWarning));
-  MediaClose(in);
 
   const std::string head = Cut("whole.gif", 40, "head.gif");
   Log.Clear();
@@ -147,15 +135,8 @@ TEST_F(TruncatedInputTest, CutEntryOfAListFailsTheList) {
   const size_t size = ReadFile(dir / "f002.png").size();
   Cut("f002.png", size / 2, "half.png");
   WriteText(dir / "l.lst", "f001.png\nhalf.png\nf003.png\n");
-  MediaInput* in = Open(dir / "l.lst");
-  ASSERT_NE(in, nullptr);
-  bool failed = false;
-  EXPECT_EQ(ReadAll(in, &failed), 1u);
-  EXPECT_TRUE(failed);
-  EXPECT_EQ(in->read_failed, 1u);
+  EXPECT_EQ(ReadThrough(dir / "l.lst"), (Reading{true, 1, true, 1, 0, 1}));
   EXPECT_TRUE(Log.Said(dir / "half.png", MediaLevelError));
-  EXPECT_EQ(Log.CountLevel(MediaLevelError), 1);
-  MediaClose(in);
 }
 
 velmo_test::FilePlan SmallVelmo(uint32_t frames) {
@@ -174,25 +155,18 @@ TEST_F(TruncatedInputTest, CutVelmoFileFailsBeforeItsFirstMissingFrame) {
   velmo_test::ParsedFile parsed;
   ASSERT_TRUE(velmo_test::ParseFile(file, &parsed));
   WriteFile(dir / "whole.vlm", file);
-  MediaInput* whole = Open(dir / "whole.vlm");
-  ASSERT_NE(whole, nullptr);
-  bool failed = true;
-  EXPECT_EQ(ReadAll(whole, &failed), 12u);
-  EXPECT_FALSE(failed);
-  MediaClose(whole);
+  EXPECT_EQ(ReadThrough(dir / "whole.vlm"), (Reading{true, 12, false, 0, 0, 0}));
 
   // Cut inside frame 8: frames 1 to 7 stay whole.
   const uint64_t cutAt = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, 7)) + 3;
   const std::string cut = Cut("whole.vlm", size_t(cutAt), "cut.vlm");
-  Log.Clear();
-  MediaInput* in = Open(cut);
-  ASSERT_NE(in, nullptr);
   // The reader may find the damage at its first read of the file: never past the cut.
-  EXPECT_LE(ReadAll(in, &failed), 7u);
-  EXPECT_TRUE(failed);
+  const Reading reading = ReadThrough(cut);
+  EXPECT_TRUE(reading.opened);
+  EXPECT_LE(reading.frames, 7u);
+  EXPECT_TRUE(reading.failed);
   EXPECT_TRUE(Log.Said("Error reading: " + cut, MediaLevelError));
   EXPECT_TRUE(Log.Said("of 12 is missing from the file", MediaLevelError));
-  MediaClose(in);
 }
 
 // Header fields that cannot be true are refused at the open: a rate divisor that makes a frame
@@ -222,92 +196,53 @@ TEST_F(TruncatedInputTest, VelmoHeaderLiesAreRefusedAtTheOpen) {
     std::vector<uint8_t> bytes = file;
     VelmoStoreHeader(told, bytes.data());
     WriteFile(dir / lie.name, bytes);
-    Log.Clear();
-    MediaInput* in = Open(dir / lie.name);
-    EXPECT_EQ(in, nullptr);
+    EXPECT_FALSE(ReadThrough(dir / lie.name).opened);
     EXPECT_TRUE(Log.Said(dir / lie.name, MediaLevelError));
     EXPECT_TRUE(Log.Said(lie.reason, MediaLevelError));
-    MediaClose(in);
   }
   // The honest header opens.
   WriteFile(dir / "honest.vlm", file);
-  MediaInput* in = Open(dir / "honest.vlm");
-  EXPECT_NE(in, nullptr);
-  MediaClose(in);
+  EXPECT_TRUE(ReadThrough(dir / "honest.vlm").opened);
 }
 
-// A Flic file: the 128-byte header and frame chunks with one 256-colour palette chunk each.
+// A Flic of `realFrames` frames of 8 x 4 whose header claims `claimedFrames`.
 std::vector<uint8_t> Flic(uint16_t claimedFrames, uint32_t realFrames) {
-  std::vector<uint8_t> f(128, 0);
-  auto put16 = [&f](size_t at, uint32_t v) {
-    f[at] = uint8_t(v);
-    f[at + 1] = uint8_t(v >> 8);
-  };
-  auto put32 = [&](size_t at, uint32_t v) {
-    put16(at, v & 0xFFFF);
-    put16(at + 2, v >> 16);
-  };
-  put16(4, 0xAF12);  // FLC
-  put16(6, claimedFrames);
-  put16(8, 8);  // width
-  put16(10, 4);  // height
-  put16(12, 8);
-  put32(16, 40);  // milliseconds a frame
+  std::vector<test_support::FlicFrame> frames(realFrames);
   for (uint32_t i = 0; i < realFrames; ++i) {
-    // A COLOR_256 chunk: one packet, skip 0, count 0 (= 256 colours), grey level i.
-    std::vector<uint8_t> chunk = {0, 0, 0, 0, 4, 0, 1, 0, 0, 0};
-    for (int c = 0; c < 256 * 3; ++c) chunk.push_back(uint8_t(i * 10));
-    const uint32_t chunkSize = uint32_t(chunk.size());
-    chunk[0] = uint8_t(chunkSize), chunk[1] = uint8_t(chunkSize >> 8);
-    const size_t at = f.size();
-    f.resize(at + 16, 0);
-    put32(at, uint32_t(16 + chunk.size()));
-    put16(at + 4, 0xF1FA);
-    put16(at + 6, 1);
-    f.insert(f.end(), chunk.begin(), chunk.end());
+    frames[i].pixels.assign(8 * 4, uint8_t(i));
+    frames[i].palette.fill(uint8_t(i * 10));
   }
-  put32(0, uint32_t(f.size()));
-  return f;
+  std::vector<uint8_t> file = test_support::FlicFile(8, 4, frames, 40);
+  file[6] = uint8_t(claimedFrames), file[7] = uint8_t(claimedFrames >> 8);
+  return file;
 }
 
 // A Flic that claims far more frames than its bytes can hold is refused; one that is cut inside
 // a frame fails at that frame.
 TEST_F(TruncatedInputTest, FlicFrameCountsAndCutFrames) {
   WriteFile(dir / "good.flc", Flic(5, 5));
-  MediaInput* good = Open(dir / "good.flc");
-  ASSERT_NE(good, nullptr);
-  bool failed = true;
-  EXPECT_EQ(ReadAll(good, &failed), 5u);
-  EXPECT_FALSE(failed);
-  MediaClose(good);
+  EXPECT_EQ(ReadThrough(dir / "good.flc"), (Reading{true, 5, false, 0, 0, 0}));
 
   // More frames than the bytes can hold, and more than the chunks that are there.
   WriteFile(dir / "claims.flc", Flic(65535, 5));
-  Log.Clear();
-  EXPECT_EQ(Open(dir / "claims.flc"), nullptr);
+  EXPECT_FALSE(ReadThrough(dir / "claims.flc").opened);
   EXPECT_TRUE(Log.Said("65535 frames", MediaLevelError));
   WriteFile(dir / "count.flc", Flic(20, 5));
-  Log.Clear();
-  EXPECT_EQ(Open(dir / "count.flc"), nullptr);
+  EXPECT_FALSE(ReadThrough(dir / "count.flc").opened);
   EXPECT_TRUE(Log.Said("claims 20 frames; the file holds 5", MediaLevelError));
 
   const size_t size = ReadFile(dir / "good.flc").size();
   const std::string cut = Cut("good.flc", size - 100, "cut.flc");
-  Log.Clear();
-  MediaInput* in = Open(cut);
-  ASSERT_NE(in, nullptr);
-  EXPECT_EQ(ReadAll(in, &failed), 4u);
-  EXPECT_TRUE(failed);
+  EXPECT_EQ(ReadThrough(cut), (Reading{true, 4, true, 1, 0, 1}));
   EXPECT_TRUE(Log.Said("Error reading: " + cut, MediaLevelError));
   EXPECT_TRUE(Log.Said("frame 5 is cut short", MediaLevelError));
-  MediaClose(in);
 }
 
-std::string FlatY4m(int frames, int width = 8, int height = 4) {
-  std::string s = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) +
-                  " F25:1 C444\n";
-  for (int i = 0; i < frames; ++i) s += "FRAME\n" + std::string(size_t(width) * height * 3, char(16 + i));
-  return s;
+// A y4m stream of `frames` flat frames of 8 x 4.
+std::string FlatY4m(int frames) {
+  std::vector<std::vector<uint8_t>> planes;
+  for (int i = 0; i < frames; ++i) planes.emplace_back(8 * 4 * 3, uint8_t(16 + i));
+  return test_support::Y4mFile(8, 4, planes);
 }
 
 // A YUV4MPEG2 stream may end inside its last frame (a capture that was stopped): the whole
@@ -315,23 +250,11 @@ std::string FlatY4m(int frames, int width = 8, int height = 4) {
 TEST_F(TruncatedInputTest, CutLastFrameOfAStreamWarnsOnce) {
   const std::string y4m = FlatY4m(4);
   WriteText(dir / "cut.y4m", y4m.substr(0, y4m.size() - 20));
-  MediaInput* in = Open(dir / "cut.y4m");
-  ASSERT_NE(in, nullptr);
-  bool failed = true;
-  EXPECT_EQ(ReadAll(in, &failed), 3u);
-  EXPECT_FALSE(failed);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_EQ(ReadThrough(dir / "cut.y4m"), (Reading{true, 3, false, 0, 1, 0}));
   EXPECT_TRUE(Log.Said(dir / "cut.y4m", MediaLevelWarning));
-  EXPECT_EQ(Log.CountLevel(MediaLevelError), 0);
-  MediaClose(in);
   // A whole stream says nothing.
-  Log.Clear();
   WriteText(dir / "whole.y4m", y4m);
-  in = Open(dir / "whole.y4m");
-  ASSERT_NE(in, nullptr);
-  EXPECT_EQ(ReadAll(in, &failed), 4u);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
-  MediaClose(in);
+  EXPECT_EQ(ReadThrough(dir / "whole.y4m"), (Reading{true, 4, false, 0, 0, 0}));
 }
 
 // An AVI recording that was cut off: three frames of 6 x 4, each followed by 2000 bytes of
@@ -354,13 +277,7 @@ TEST_F(TruncatedInputTest, CutAviRecordingsWarnOnce) {
   ASSERT_EQ(avi.sound_at.size(), 3u);
   WriteFile(dir / "rec.avi", avi.file);
   const std::string soundCut = Cut("rec.avi", avi.sound_at[2] + 500, "sound_cut.avi");
-  MediaInput* in = Open(soundCut);
-  ASSERT_NE(in, nullptr);
-  bool failed = true;
-  EXPECT_EQ(ReadAll(in, &failed), 3u);
-  EXPECT_FALSE(failed);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
-  MediaClose(in);
+  EXPECT_EQ(ReadThrough(soundCut), (Reading{true, 3, false, 0, 0, 0}));
   Log.Clear();
   SoundInput* sound = SoundOpen(soundCut.c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
   ASSERT_NE(sound, nullptr);
@@ -371,27 +288,16 @@ TEST_F(TruncatedInputTest, CutAviRecordingsWarnOnce) {
 
   // Frame 3's chunk starts 8 bytes behind the second sound chunk's 2000 bytes.
   const std::string frameCut = Cut("rec.avi", avi.sound_at[1] + 2000 + 8 + 30, "frame_cut.avi");
-  Log.Clear();
-  in = Open(frameCut);
-  ASSERT_NE(in, nullptr);
-  EXPECT_EQ(ReadAll(in, &failed), 3u);
-  EXPECT_FALSE(failed);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
+  EXPECT_EQ(ReadThrough(frameCut), (Reading{true, 3, false, 0, 1, 0}));
   EXPECT_TRUE(Log.Said(frameCut, MediaLevelWarning));
-  EXPECT_EQ(Log.CountLevel(MediaLevelError), 0);
-  MediaClose(in);
 
   // The whole file says nothing.
-  Log.Clear();
-  in = Open(dir / "rec.avi");
-  ASSERT_NE(in, nullptr);
-  EXPECT_EQ(ReadAll(in, &failed), 3u);
+  EXPECT_EQ(ReadThrough(dir / "rec.avi"), (Reading{true, 3, false, 0, 0, 0}));
   sound = SoundOpen((dir / "rec.avi").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->total_bytes, 6000u);
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
   SoundClose(sound);
-  MediaClose(in);
 }
 
 // A wave file with its header and no samples is no input; one whose data chunk claims more
@@ -427,8 +333,8 @@ TEST_F(TruncatedInputTest, WaveFilesWithoutAllTheirSamples) {
   SoundClose(whole);
 }
 
-// A sound file cut after it was opened: the sound ends where the data does, with one warning
-// naming the file, also when it is read through again.
+// A sound file cut after it was opened (a short read): the sound ends where the data does, with
+// one warning naming the file, also when it is read through again.
 TEST_F(TruncatedInputTest, SoundThatGivesOutBeforeItsLengthWarnsOnce) {
   const std::vector<int16_t> samples = test_support::Noise(20000, 9);
   test_support::WriteWave16(dir / "s.wav", 8000, 1, samples);
@@ -441,6 +347,7 @@ TEST_F(TruncatedInputTest, SoundThatGivesOutBeforeItsLengthWarnsOnce) {
     uint64_t got = 0;
     while (uint32_t n = SoundRead(sound, block.data(), uint32_t(block.size()))) got += n;
     EXPECT_EQ(got, 10000u);
+    EXPECT_TRUE(sound->at_end);
     SoundRewind(sound);
   }
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);

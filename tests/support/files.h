@@ -1,5 +1,5 @@
-// Files for tests: a scratch folder that removes itself with everything in it, whole-file reads
-// and writes, and little-endian fields of byte strings.
+// Files for tests: a scratch folder that removes itself with everything in it, a fake folder of
+// names, whole-file reads and writes, and little-endian fields of byte strings.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <cstdlib>
 #include <vector>
@@ -41,6 +42,20 @@ class ScratchDir {
  private:
   bool made_ = false;
 };
+
+// A fake folder for code that asks whether names exist: the names it holds, and how many times
+// it was asked.
+struct FakeFiles {
+  std::set<std::string> names;
+  int probes = 0;
+};
+
+// The existence check over a FakeFiles (`context`).
+inline bool FakeExists(const char* path, void* context) {
+  auto* files = static_cast<FakeFiles*>(context);
+  ++files->probes;
+  return files->names.count(path) != 0;
+}
 
 // Makes folders inside `base`, one in another, until the path of the innermost is at least
 // `length` bytes long, and returns it; names stay under the system's 255 bytes a component.

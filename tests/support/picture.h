@@ -39,4 +39,28 @@ inline bool ReadPicture(const std::string& name, Picture* out) {
   return ok;
 }
 
+// A GIF file's bytes: `frames` frames of width × height over one ramp palette, each frame its
+// own index pattern, `delay` hundredths of a second each, `loop` as the writer takes it. Empty
+// when the writer refuses.
+inline std::vector<uint8_t> GifAnimation(int width, int height, int frames, int delay = 10,
+                                         int loop = 0) {
+  ImageGifWriter* writer = ImageGifWriterOpen(width, height, loop, nullptr);
+  if (!writer) return {};
+  uint32_t palette[256];
+  for (int i = 0; i < 256; ++i) palette[i] = uint32_t(i) << 16 | uint32_t(255 - i) << 8 | uint32_t(i / 3);
+  std::vector<uint8_t> indices(size_t(width) * height);
+  bool ok = true;
+  for (int f = 0; f < frames && ok; ++f) {
+    for (size_t i = 0; i < indices.size(); ++i) indices[i] = uint8_t(i * 7 + size_t(f) * 50);
+    const ImageGifFrame frame{indices.data(), width, palette, delay, 1, -1, 0, 0, 0, 0, 0};
+    ok = ImageGifWriterAddFrame(writer, &frame, nullptr) == 1;
+  }
+  void* data = nullptr;
+  size_t size = 0;
+  if (ImageGifWriterFinish(writer, nullptr, &data, &size, nullptr) != 1) return {};
+  std::vector<uint8_t> bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + size);
+  ImageFreeMemory(data);
+  return ok ? bytes : std::vector<uint8_t>{};
+}
+
 }  // namespace test_support

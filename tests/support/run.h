@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,99 +63,6 @@ inline std::vector<char*> CStrings(std::vector<std::string>& strings) {
   return out;
 }
 
-// A program started by StartProgram: its process and the read end of its output.
-struct RunningProgram {
-  pid_t pid = -1;
-  int output = -1;
-};
-
-// Starts `program` with `args` and no display, standard input from /dev/null, in the
-// environment of ProgramEnvironment(env); returns at once. With `fileSizeLimit` (bytes, a
-// multiple of 512) the program runs under that file size limit, as `ulimit -f` sets it.
-// FinishProgram collects it.
-inline RunningProgram StartProgram(const std::string& program, const std::vector<std::string>& args,
-                                   const std::vector<std::string>& env = {},
-                                   uint64_t fileSizeLimit = 0) {
-  std::vector<std::string> vars = ProgramEnvironment(env);
-  std::vector<char*> envp = CStrings(vars);
-  // The limit is set by the shell, which then becomes the program (same process).
-  std::vector<std::string> argStore = {program};
-  if (fileSizeLimit)
-    argStore = {"/bin/sh", "-c", "ulimit -f " + std::to_string(fileSizeLimit / 512) + " && exec \"$0\" \"$@\"",
-                program};
-  argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv = CStrings(argStore);
-
-  RunningProgram started;
-  int out[2];
-  if (pipe(out) != 0) return started;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-  posix_spawn_file_actions_addclose(&actions, out[0]);
-  pid_t pid;
-  const int rc = posix_spawn(&pid, argStore[0].c_str(), &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-  if (rc != 0) {
-    close(out[0]);
-    return started;
-  }
-  started.pid = pid;
-  started.output = out[0];
-  return started;
-}
-
-// Reads what the program prints until it ends, and waits for it. The code is its exit status,
-// or 128 plus the signal that ended it.
-inline ToolOutcome FinishProgram(RunningProgram& running) {
-  ToolOutcome result;
-  if (running.pid < 0) return result;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(running.output, buffer, sizeof buffer)) > 0) result.output.append(buffer, size_t(n));
-  close(running.output);
-  int status = 0;
-  waitpid(running.pid, &status, 0);
-  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  running = RunningProgram{};
-  return result;
-}
-
-// StartProgram and FinishProgram in one.
-inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
-                              const std::vector<std::string>& env = {}, uint64_t fileSizeLimit = 0) {
-  RunningProgram running = StartProgram(program, args, env, fileSizeLimit);
-  return FinishProgram(running);
-}
-
-// Runs a shell command line; its exit status, with its standard output in `output`.
-inline ToolOutcome RunShell(const std::string& command) {
-  ToolOutcome result;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return result;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
-  const int status = pclose(pipe);
-  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-// Runs a tool's main routine and command handler behind the tool shell in this process, on the
-// console front end; `output` is what the console printed. The dialog must be registered.
-inline ToolOutcome RunToolHere(ToolMainRoutine mainRoutine, ToolCommandHandler handler,
-                               const char* dialog, const std::string& tail) {
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  testing::internal::CaptureStderr();
-  ToolOutcome result;
-  result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, mainRoutine, handler, dialog);
-  result.output = testing::internal::GetCapturedStderr();
-  return result;
-}
-
 // ---- Runs under caps ---------------------------------------------------------------------------
 // A child process with limits on memory, written file size and time, its peak memory taken from
 // the kernel's account of it, and control of its life for tests that stop a tool midway.
@@ -179,14 +85,14 @@ struct RunCaps {
   uint64_t memory_bytes = 1ull << 30;  // address space; 0 or an ASan build: none
   uint64_t file_bytes = 0;             // largest file the child may write; 0: no limit
   int time_ms = kAddressSanitizer ? 20000 : 5000;  // killed when it runs longer
+  std::string input = "/dev/null";     // the child's standard input
 };
 
-struct CappedOutcome {
-  int code = -1;         // exit status (its low 8 bits), -1 when killed by a signal
+// The code is the exit status (its low 8 bits), -1 when a signal ended the child.
+struct CappedOutcome : ToolOutcome {
   int signal = 0;        // the signal that ended it, 0 when it exited
   bool timed_out = false;
   long peak_kb = 0;      // largest resident size
-  std::string output;    // stdout and stderr together
   // The tool's exit code as a POSIX shell sees it (the low 8 bits).
   bool ExitedWith(int toolCode) const { return signal == 0 && code == (toolCode & 0xFF); }
 };
@@ -198,8 +104,9 @@ struct Child {
   std::string output;
 };
 
-// Starts `program` with `args` like RunProgram (no display, stdin from /dev/null), in its own
-// process group, under `caps`' memory and file-size limits.
+// Starts `program` with `args` and no display, standard input from `caps.input`, in the
+// environment of ProgramEnvironment(env) and its own process group, under `caps`' memory and
+// file-size limits; returns at once.
 inline Child StartCapped(const std::string& program, const std::vector<std::string>& args,
                           const RunCaps& caps, const std::vector<std::string>& env = {}) {
   std::vector<std::string> vars = ProgramEnvironment(env);
@@ -211,11 +118,12 @@ inline Child StartCapped(const std::string& program, const std::vector<std::stri
   int out[2];
   if (pipe(out) != 0) return child;
   const uint64_t memory = kAddressSanitizer ? 0 : caps.memory_bytes;
+  const char* const input = caps.input.c_str();
   const pid_t pid = fork();
   if (pid == 0) {
     // Only calls that are safe between fork and exec.
     setpgid(0, 0);
-    const int in = open("/dev/null", O_RDONLY);
+    const int in = open(input, O_RDONLY);
     dup2(in, 0);
     dup2(out[1], 1);
     dup2(out[1], 2);
@@ -288,6 +196,62 @@ inline CappedOutcome RunCapped(const std::string& program, const std::vector<std
                                const RunCaps& caps = {}, const std::vector<std::string>& env = {}) {
   Child child = StartCapped(program, args, caps, env);
   return FinishChild(&child, caps.time_ms);
+}
+
+// ---- Runs without caps ------------------------------------------------------------------------
+
+// A program started by StartProgram: a child with no memory or time cap.
+using RunningProgram = Child;
+
+// Starts `program` like StartCapped but with no memory cap; with `fileSizeLimit` (bytes) it runs
+// under that file size limit. FinishProgram collects it.
+inline RunningProgram StartProgram(const std::string& program, const std::vector<std::string>& args,
+                                   const std::vector<std::string>& env = {},
+                                   uint64_t fileSizeLimit = 0) {
+  RunCaps caps;
+  caps.memory_bytes = 0;
+  caps.file_bytes = fileSizeLimit;
+  return StartCapped(program, args, caps, env);
+}
+
+// Reads what the program prints until it ends (ten minutes at most), and waits for it. The
+// code is its exit status, or 128 plus the signal that ended it.
+inline ToolOutcome FinishProgram(RunningProgram& running) {
+  if (running.pid < 0) return {};
+  const CappedOutcome r = FinishChild(&running, 600000);
+  return {r.signal ? 128 + r.signal : r.code, r.output};
+}
+
+// StartProgram and FinishProgram in one.
+inline ToolOutcome RunProgram(const std::string& program, const std::vector<std::string>& args,
+                              const std::vector<std::string>& env = {}, uint64_t fileSizeLimit = 0) {
+  RunningProgram running = StartProgram(program, args, env, fileSizeLimit);
+  return FinishProgram(running);
+}
+
+// Runs a shell command line; its exit status, with its standard output in `output`.
+inline ToolOutcome RunShell(const std::string& command) {
+  ToolOutcome result;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return result;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
+  const int status = pclose(pipe);
+  result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+// Runs a tool's main routine and command handler behind the tool shell in this process, on the
+// console front end; `output` is what the console printed. The dialog must be registered.
+inline ToolOutcome RunToolHere(ToolMainRoutine mainRoutine, ToolCommandHandler handler,
+                               const char* dialog, const std::string& tail) {
+  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+  testing::internal::CaptureStderr();
+  ToolOutcome result;
+  result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, mainRoutine, handler, dialog);
+  result.output = testing::internal::GetCapturedStderr();
+  return result;
 }
 
 }  // namespace test_support

@@ -749,6 +749,18 @@ int Compress(Run& r, char* commandTail) {
     return Finish(r, ToolExitInputError);
   }
   r.ops->info(r.source, &r.info);
+  // The frame index and the per-frame hints are planned whole at the start, so the length must
+  // be known and fit.
+  if (r.info.Frames >= VelmoMaxIndexFrames) {
+    char text[PathBytes + 200];
+    std::snprintf(text, sizeof text,
+                  "%s has too many frames for a Velmo file (at most %u), or does not say how many "
+                  "(a pipe): save it to a file, or give its last frame with /E.",
+                  std::strcmp(r.s.Input, "-") == 0 ? "The standard input" : r.s.Input,
+                  VelmoMaxIndexFrames - 1);
+    ToolFrameError(text);
+    return Finish(r, ToolExitInputError);
+  }
   if (r.ops->openWith) MediaSayAlphaDropped(&r.s.Media, r.info.HasAlpha, {MediaProgress, &r});
   r.runFrames = r.info.Frames;
   r.skipped = r.info.SkippedFrames;
@@ -791,18 +803,6 @@ int Compress(Run& r, char* commandTail) {
     return Finish(r, ToolExitNotHdr);
   }
   if (version >= 200) return Finish(r, SecondGenerationMissing());
-  // The frame index is planned whole at the start, so the length must be known and fit.
-  if (r.info.Frames >= VelmoMaxIndexFrames) {
-    char text[PathBytes + 200];
-    std::snprintf(text, sizeof text,
-                  "%s has too many frames for a Velmo file (at most %u), or does not say how many "
-                  "(a pipe): save it to a file, or give its last frame with /E.",
-                  std::strcmp(r.s.Input, "-") == 0 ? "The standard input" : r.s.Input,
-                  VelmoMaxIndexFrames - 1);
-    ToolFrameError(text);
-    return Finish(r, ToolExitInputError);
-  }
-
   // The writer.
   uint32_t rateNum = 0, rateDen = 0;
   OutputRate(r, &rateNum, &rateDen);
