@@ -285,6 +285,16 @@ SoundInput* OpenSound(const VelmoConvSettings& s, uint32_t startMs, uint32_t end
                    endMs, uint32_t(s.track), s.forced_input, uint32_t(s.skip_bytes), progress);
 }
 
+// A /J start at or past the end of the sound leaves nothing of it to convert: the text that
+// says so, or an empty string when some sound remains.
+std::string StartPastSound(const VelmoConvSettings& s, const SoundInput* sound) {
+  if (s.start_ms <= 0 || sound->total_bytes > 0) return "";
+  char text[PathBytes + 200];
+  std::snprintf(text, sizeof text, "/J%d: the sound of %s ends before that time.", s.start_ms,
+                s.input);
+  return text;
+}
+
 void ShowSoundFormat(const SoundInput* sound) {
   char text[200];
   std::snprintf(text, sizeof text, "%u hz, %u-bit, %s.", sound->rate, sound->bits,
@@ -396,6 +406,14 @@ int ConvertVideo(Job& job) {
                                   : FrameTimeMs(in, uint64_t(in->skip_frames) + in->output_frames);
   if (in->has_sound) run.sound = OpenSound(s, startMs, endMs, {SoundMessage, &job});
   if (job.cancel) return ToolExitCancelled;
+  if (run.sound) {
+    const std::string past = StartPastSound(s, run.sound);
+    if (!past.empty()) {
+      ToolFrameWarn((past + " The frames go out without sound.").c_str());
+      SoundClose(run.sound);
+      run.sound = nullptr;
+    }
+  }
 
   const bool wantAlpha = (s.video.open_flags & MediaOpenAlpha) != 0;
   const bool quietAlpha = (s.video.open_flags & MediaOpenNoAlphaWarning) != 0;
@@ -588,6 +606,10 @@ int VelmoConvMain(char* commandTail, ToolDialog* dialog) {
         ToolFrameError(text.c_str());
       }
       code = job.cancel ? ToolExitCancelled : ToolExitInputError;
+    } else if (const std::string past = StartPastSound(s, sound); !past.empty()) {
+      SoundClose(sound);
+      ToolFrameError(past.c_str());
+      code = ToolExitBadSwitches;
     } else if (VelmoConvSameFile(s.input, s.output)) {
       SoundClose(sound);
       ToolFrameError("The input and output files are the same file.");

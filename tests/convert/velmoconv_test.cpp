@@ -353,10 +353,12 @@ TEST_F(VelmoConvRun, ExitCodes) {
               {png + dir + "/s.png", 8003},
               {wav + dir + "/tone.avi", 8002},
               {png + dir + "/x.wav", 8002},
-              {wav + dir + "/y.wav /N-1", 8002}};
+              {wav + dir + "/y.wav /N-1", 8002},
+              {wav + dir + "/late.wav /J5000", 8005}};  // a start past the sound's end
   for (const auto& r : runs) EXPECT_EQ(ExitOf(r.command), r.code & 255) << r.command;
-  for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav"})
+  for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav", "/late.wav"})
     EXPECT_FALSE(Exists(dir + name));
+  EXPECT_TRUE(RunTail(wav + dir + "/late.wav /J5000").Says("/J5000: the sound of")) << "names /J";
 }
 
 // The converter run in this process through the tool shell, as the program runs it.
