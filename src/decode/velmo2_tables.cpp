@@ -3,9 +3,35 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 const uint8_t Velmo2InitialKindList[4] = {Velmo2Motion, Velmo2Residual, Velmo2Skipped,
                                           Velmo2Intra};
+
+uint32_t Velmo2TakeKind(uint8_t list[4], uint32_t peek, uint32_t* consumed) {
+  auto take = [&](uint32_t slot, uint32_t bits, uint32_t swapA, uint32_t swapB) {
+    const uint32_t kind = list[slot];
+    std::swap(list[swapA], list[swapB]);
+    *consumed = bits;
+    return kind;
+  };
+  if (peek & 1) return take(0, 1, 0, 0);  // "1": the most likely kind, no change
+  if (peek & 2) return take(1, 2, 0, 1);  // "01"
+  if (peek & 4) return take(3, 3, 2, 3);  // "001"
+  return take(2, 3, 1, 2);                // "000"
+}
+
+const Velmo2QuantiserCode Velmo2QuantiserCodes[Velmo2QuantiserCodeCount] = {
+    {0b1, 1, 0}, {0b10, 2, 1}, {0b100, 3, 2}, {0b01000, 5, 3}, {0b11000, 5, 4}, {0b0000, 4, 5},
+};
+
+uint32_t Velmo2QuantiserCodeOf(uint32_t peek) {
+  if (peek & 1) return 0;
+  if (peek & 2) return 1;
+  if (peek & 4) return 2;
+  if (peek & 8) return (peek & 16) ? 4 : 3;
+  return Velmo2QuantiserEscape;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Coefficients

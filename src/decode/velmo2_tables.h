@@ -1,7 +1,7 @@
 // Constants of the second-generation (Velmo 2) frame format that its decoder and its encoder
-// share: frame word flags, macroblock kinds, the block info word, the coefficient scan, the
-// dequantisation tables, the DC residual scales, the two AC run code tables, the tap mask of
-// the edge filters and the tapers of flat-block interpolation.
+// share: frame word flags, macroblock kinds and their adaptive list, the quantiser codes, the
+// block info word, the coefficient scan, the dequantisation tables, the DC residual scales, the
+// two AC run code tables, the tap mask of the edge filters and the tapers of flat blocks.
 #pragma once
 #include <cstdint>
 
@@ -32,6 +32,29 @@ enum : uint32_t {
 
 // The kind list at each row start, most likely first.
 extern const uint8_t Velmo2InitialKindList[4];
+
+// Reads a kind through the list, which adapts as it goes: `peek` holds the next 3 stream bits
+// (first read lowest). Returns the kind, sets *consumed to the bits it took (1 to 3) and swaps
+// the list entries the code asks for.
+uint32_t Velmo2TakeKind(uint8_t list[4], uint32_t peek, uint32_t* consumed);
+
+// Quantiser differences. The magnitude codes, first bit read first: 1, 01, 001, 00010, 00011,
+// and 0000 followed by 5 bits x for 5 + x. A non-zero magnitude is followed by a sign bit.
+struct Velmo2QuantiserCode {
+  uint8_t Bits;       // the code, first bit read in bit 0
+  uint8_t Length;     // in bits
+  uint8_t Magnitude;  // for the escape: the base that the 5 bits are added to
+};
+enum : uint32_t {
+  Velmo2QuantiserEscape = 5,  // index of the escape in Velmo2QuantiserCodes
+  Velmo2QuantiserCodeCount = 6,
+  Velmo2QuantiserEscapeBits = 5,
+  Velmo2QuantiserLongestCode = 5,
+};
+extern const Velmo2QuantiserCode Velmo2QuantiserCodes[Velmo2QuantiserCodeCount];
+
+// The index into Velmo2QuantiserCodes of the code that begins the 5 stream bits `peek`.
+uint32_t Velmo2QuantiserCodeOf(uint32_t peek);
 
 // Blocks of a macroblock stand in quadrant order: the index bits are, from high to low,
 // y1 x1 y0 x0 of the block's position on the 4x4 grid (2x2 for chroma, index bits y0 x0).

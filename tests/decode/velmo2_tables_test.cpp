@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <string>
@@ -160,14 +161,65 @@ TEST(Velmo2Blocks, ClassFollowsTheCoefficientCount) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Macroblock kinds and quantiser codes
+
+// `bits` (first read first) as the lowest bits of a peeked word.
+uint32_t Peek(const std::string& bits) {
+  uint32_t v = 0;
+  for (size_t i = 0; i < bits.size(); ++i)
+    if (bits[i] == '1') v |= 1u << i;
+  return v;
+}
+
+TEST(Velmo2Kinds, TheListAdaptsAsKindsAreRead) {
+  uint8_t list[4];
+  std::copy(Velmo2InitialKindList, Velmo2InitialKindList + 4, list);
+  struct Step {
+    const char* Bits;
+    uint32_t Consumed, Kind;
+    uint8_t After[4];
+  };
+  // The list starts as MOTION, RESIDUAL, SKIPPED, INTRA.
+  const Step steps[] = {
+      {"1", 1, Velmo2Motion, {2, 3, 1, 0}},    // list[0], no change
+      {"01", 2, Velmo2Residual, {3, 2, 1, 0}}, // list[1]; entries 0 and 1 swap
+      {"001", 3, Velmo2Intra, {3, 2, 0, 1}},   // list[3]; entries 2 and 3 swap
+      {"000", 3, Velmo2Intra, {3, 0, 2, 1}},   // list[2]; entries 1 and 2 swap
+      {"1", 1, Velmo2Residual, {3, 0, 2, 1}},
+  };
+  for (const Step& s : steps) {
+    uint32_t consumed = 0;
+    // Bits past the code do not matter.
+    EXPECT_EQ(Velmo2TakeKind(list, Peek(s.Bits) | 0b1000, &consumed), s.Kind) << s.Bits;
+    EXPECT_EQ(consumed, s.Consumed) << s.Bits;
+    EXPECT_TRUE(std::equal(list, list + 4, s.After)) << s.Bits;
+  }
+}
+
+TEST(Velmo2Quantiser, CodesFormACompletePrefixCodeAndDecodeAsPrinted) {
+  double kraft = 0;
+  for (const Velmo2QuantiserCode& c : Velmo2QuantiserCodes) kraft += std::ldexp(1.0, -c.Length);
+  EXPECT_DOUBLE_EQ(kraft, 1.0);
+  for (uint32_t peek = 0; peek < (1u << Velmo2QuantiserLongestCode); ++peek) {
+    const Velmo2QuantiserCode& c = Velmo2QuantiserCodes[Velmo2QuantiserCodeOf(peek)];
+    EXPECT_EQ(peek & ((1u << c.Length) - 1), c.Bits) << peek;
+  }
+  const std::pair<const char*, uint32_t> printed[] = {
+      {"1", 0}, {"01", 1}, {"001", 2}, {"00010", 3}, {"00011", 4}, {"00001", 5}, {"00000", 5}};
+  for (const auto& [bits, magnitude] : printed) {
+    const uint32_t index = Velmo2QuantiserCodeOf(Peek(bits));
+    EXPECT_EQ(Velmo2QuantiserCodes[index].Magnitude, magnitude) << bits;
+    EXPECT_EQ(index == Velmo2QuantiserEscape, magnitude == 5) << bits;
+  }
+  EXPECT_EQ(Velmo2QuantiserCodes[Velmo2QuantiserEscape].Length, 4);
+}
+
+// ---------------------------------------------------------------------------------------------
 // Run codes
 
 // The next symbol of `bits` (first read first) at `at`, through the decoder's lookup.
 uint32_t Decode(uint32_t table, const std::string& bits, size_t* at) {
-  uint32_t index = 0;
-  for (uint32_t i = 0; i < Velmo2RunLongestCode && *at + i < bits.size(); ++i)
-    if (bits[*at + i] == '1') index |= 1u << i;
-  const uint8_t entry = Velmo2RunLookup(table)[index];
+  const uint8_t entry = Velmo2RunLookup(table)[Peek(bits.substr(*at, Velmo2RunLongestCode))];
   *at += entry >> 4;
   return entry & 15;
 }
