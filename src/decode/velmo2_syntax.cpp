@@ -47,6 +47,8 @@ Velmo2SliceLayout Velmo2LayoutFor(std::string_view tag, uint32_t fileFlags, uint
   Velmo2SliceLayout l{};
   l.SeamRecordBytes = ((width + 31) / 8 & ~3u) + 4;
   const uint32_t a = (height + 31) & ~31u;
+  // Pictures of up to 127 lines are one slice whatever the rounded height.
+  const bool tall = height > 127;
   if (tag == "VM2f") {
     l.Slices = 2;
     l.Ends[0] = Down32((height + 32) / 2);
@@ -56,7 +58,7 @@ Velmo2SliceLayout Velmo2LayoutFor(std::string_view tag, uint32_t fileFlags, uint
       l.EndsSet = 2;
     }
   } else if (tag == "VM2g") {
-    if (a > 127) {
+    if (tall) {
       l.Slices = 2;
       l.EndsSet = 2;
       l.Ends[0] = Down32(a / 2);
@@ -67,7 +69,7 @@ Velmo2SliceLayout Velmo2LayoutFor(std::string_view tag, uint32_t fileFlags, uint
   } else if (tag == "VM2h" || tag == "VM2i" || tag == "VM2j" || tag == "VM2k" ||
              tag == "VM2m") {
     static constexpr uint32_t kCounts[4] = {2, 3, 4, 8};
-    SpreadEnds(l, a > 127 ? kCounts[fileFlags & 3] : 1, a);
+    SpreadEnds(l, tall ? kCounts[fileFlags & 3] : 1, a);
   } else {
     l.Slices = 2;
     l.SeamRecordBytes = 0;
