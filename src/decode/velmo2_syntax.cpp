@@ -291,6 +291,46 @@ Velmo2VectorDiffs Velmo2ReadVectorDiffs(Velmo1BitReader& r) {
   return d;
 }
 
+namespace {
+
+// Vector 0's prediction.
+int32_t PredictFirst(const Velmo2VectorNeighbours& n) {
+  const int32_t* t = n.Above;
+  const int32_t* l = n.Left;
+  if (t && l) return Velmo2Median(t[2], l[1], n.AboveLeft[3]);
+  if (t) return Velmo2Median(t[2], t[0], t[3]);
+  if (l) return Velmo2Median(l[1], l[0], l[3]);
+  return 0;
+}
+
+}  // namespace
+
+void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const int32_t diff[4],
+                          int32_t out[4]) {
+  int32_t* v = out;
+  v[0] = PredictFirst(n) + diff[0];
+  if (single) {
+    v[1] = v[2] = v[3] = v[0];
+    return;
+  }
+  const int32_t* t = n.Above;
+  const int32_t* l = n.Left;
+  if (t && l) {
+    v[1] = Velmo2Median(v[0], t[2], t[3]) + diff[1];
+    v[2] = Velmo2Median(v[0], l[1], l[3]) + diff[2];
+  } else if (t) {
+    v[1] = Velmo2Median(v[0], t[2], t[3]) + diff[1];
+    v[2] = Velmo2Median(v[0], v[1], t[2]) + diff[2];
+  } else if (l) {
+    v[2] = Velmo2Median(v[0], l[1], l[3]) + diff[2];  // vector 2 comes before vector 1 here
+    v[1] = Velmo2Median(v[0], v[2], l[1]) + diff[1];
+  } else {
+    v[1] = v[0] + diff[1];
+    v[2] = v[0] + diff[2];
+  }
+  v[3] = Velmo2Median(v[0], v[1], v[2]) + diff[3];
+}
+
 // ---- AC coefficients -----------------------------------------------------------------------
 
 namespace {

@@ -174,6 +174,20 @@ struct Velmo2VectorDiffs {
 // The count flag, then the x differences, then the y differences. Unread entries are 0.
 Velmo2VectorDiffs Velmo2ReadVectorDiffs(Velmo1BitReader& r);
 
+// One component (x or y) of the vectors of a macroblock's neighbours, four each in quadrant
+// order; null for a neighbour that is not there (outside the picture or the slice).
+struct Velmo2VectorNeighbours {
+  const int32_t* Above;
+  const int32_t* Left;
+  const int32_t* AboveLeft;  // read (its vector 3) only when above and left are both there
+};
+
+// Predicts one component of the four vectors from the neighbours and adds the differences, each
+// vector's before the next is predicted. With `single` the vector 0 prediction plus diff[0]
+// goes to all four. A non-key intra macroblock stores the result with all differences 0.
+void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const int32_t diff[4],
+                          int32_t out[4]);
+
 // ---- AC coefficients -----------------------------------------------------------------------
 
 // A run code: the coefficient position moves on by Skip, and Repeat coefficients follow

@@ -389,6 +389,36 @@ TEST(Velmo2VectorDiff, RandomDifferencesRoundTrip) {
 
 }  // namespace
 
+// Neighbours chosen so that each median picks a different one of its three inputs.
+TEST(Velmo2VectorPrediction, EachNeighbourCase) {
+  const int32_t above[4] = {10, 20, 30, 40};
+  const int32_t left[4] = {-5, 7, 1, 3};
+  const int32_t aboveLeft[4] = {0, 0, 0, 12};
+  const int32_t diff[4] = {1, 2, 3, 4};
+  const int32_t zero[4] = {0, 0, 0, 0};
+  const struct {
+    const char* What;
+    Velmo2VectorNeighbours N;
+    bool Single;
+    const int32_t* Diff;
+    std::vector<int32_t> Want;
+  } cases[] = {
+      {"left and above", {above, left, aboveLeft}, false, diff, {13, 32, 10, 17}},
+      {"above only", {above, nullptr, nullptr}, false, diff, {31, 33, 34, 37}},
+      {"left only, vector 2 first", {nullptr, left, nullptr}, false, diff, {4, 9, 7, 11}},
+      {"neither", {nullptr, nullptr, nullptr}, false, diff, {1, 3, 4, 7}},
+      {"single, left and above", {above, left, aboveLeft}, true, diff, {13, 13, 13, 13}},
+      {"single, left only", {nullptr, left, nullptr}, true, diff, {4, 4, 4, 4}},
+      {"single, neither", {nullptr, nullptr, nullptr}, true, diff, {1, 1, 1, 1}},
+      {"intra store", {above, left, aboveLeft}, false, zero, {12, 30, 7, 12}},
+  };
+  for (const auto& c : cases) {
+    int32_t out[4] = {-99, -99, -99, -99};
+    Velmo2PredictVectors(c.N, c.Single, c.Diff, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), c.Want) << c.What;
+  }
+}
+
 // ---- AC coefficients -----------------------------------------------------------------------
 
 namespace {
