@@ -1,6 +1,7 @@
 // Readers of the second-generation stream's syntax elements; see velmo2_syntax.h.
 #include "decode/velmo2_syntax.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <utility>
@@ -271,6 +272,55 @@ int32_t Velmo2ReadDcLevel(Velmo1BitReader& r) {
 void Velmo2ReadDcResiduals(Velmo1BitReader& r, int32_t scale, int32_t* out, uint32_t count) {
   const bool any = Velmo1ReadBit(r);
   for (uint32_t i = 0; i < count; ++i) out[i] = any ? Velmo2ScaleDc(Velmo2ReadDcLevel(r), scale) : 0;
+}
+
+// ---- DC prediction -----------------------------------------------------------------------
+
+namespace {
+
+int32_t Clamp(int32_t v, int32_t lo, int32_t hi) { return v < lo ? lo : v > hi ? hi : v; }
+
+// 2a - b held between a and b.
+int32_t Extend(int32_t a, int32_t b) {
+  return Clamp(2 * a - b, a < b ? a : b, a < b ? b : a);
+}
+
+// l + t - c held between the least and the greatest of the three.
+int32_t Gradient(int32_t l, int32_t t, int32_t c) {
+  const int32_t lo = std::min({l, t, c});
+  const int32_t hi = std::max({l, t, c});
+  return Clamp(l + t - c, lo, hi);
+}
+
+// Value of the block at (x, y), where -1 reaches into the left, upper or corner neighbour.
+int32_t DcAt(const Velmo2DcContext& c, const int32_t* own, int32_t x, int32_t y) {
+  const uint32_t last = c.Grid - 1;
+  if (x < 0 && y < 0) return c.AboveLeft[Velmo2BlockIndex(last, last)];
+  if (x < 0) return c.Left[Velmo2BlockIndex(last, uint32_t(y))];
+  if (y < 0) return c.Above[Velmo2BlockIndex(uint32_t(x), last)];
+  return own[Velmo2BlockIndex(uint32_t(x), uint32_t(y))];
+}
+
+int32_t PredictDcAt(const Velmo2DcContext& c, const int32_t* own, int32_t x, int32_t y) {
+  if (y == 0 && !c.Above) {
+    if (x == 0) return c.Left ? Extend(DcAt(c, own, -1, 0), DcAt(c, own, -1, 1)) : c.Start;
+    if (x == 2) return Extend(DcAt(c, own, 1, 0), DcAt(c, own, 1, 1));
+    return DcAt(c, own, x - 1, 0);
+  }
+  if (x == 0 && !c.Left) return Extend(DcAt(c, own, 0, y - 1), DcAt(c, own, 1, y - 1));
+  return Gradient(DcAt(c, own, x - 1, y), DcAt(c, own, x, y - 1), DcAt(c, own, x - 1, y - 1));
+}
+
+}  // namespace
+
+void Velmo2PredictDc(const Velmo2DcContext& c, const int32_t* residuals, int32_t* out) {
+  const uint32_t blocks = c.Grid * c.Grid;
+  for (uint32_t i = 0; i < blocks; ++i) {
+    // Block order to position: x from bits 0 and 2, y from bits 1 and 3.
+    const int32_t x = int32_t((i & 1) | (i >> 1 & 2));
+    const int32_t y = int32_t((i >> 1 & 1) | (i >> 2 & 2));
+    out[i] = Clamp(PredictDcAt(c, out, x, y) + residuals[i], c.Lo, c.Hi);
+  }
 }
 
 // ---- Motion vector differences -------------------------------------------------------------

@@ -160,6 +160,40 @@ inline int32_t Velmo2ScaleDc(int32_t level, int32_t scale) {
 // in block order: a 0 flag bit makes all of them 0.
 void Velmo2ReadDcResiduals(Velmo1BitReader& r, int32_t scale, int32_t* out, uint32_t count);
 
+// ---- DC prediction -----------------------------------------------------------------------
+
+// Index in block order of the block at (x, y) on a macroblock plane's grid (4x4 or 2x2): the
+// bits are, high to low, y1 x1 y0 x0, so the blocks go by quadrant.
+constexpr uint32_t Velmo2BlockIndex(uint32_t x, uint32_t y) {
+  return (y >> 1) << 3 | (x >> 1) << 2 | (y & 1) << 1 | (x & 1);
+}
+
+// What one plane of a macroblock predicts its DC values from. The neighbours' values are in
+// block order, null for a neighbour without them; with Left and Above, AboveLeft must be given.
+struct Velmo2DcContext {
+  uint32_t Grid;             // 4 for luma, alpha and HDR; 2 for chroma
+  const int32_t* Left;
+  const int32_t* Above;
+  const int32_t* AboveLeft;
+  int32_t Start;             // for the first block when neither left nor above is there
+  int32_t Lo, Hi;            // each value is held within these
+};
+
+// The context of an intra plane: full range, start 1024.
+inline Velmo2DcContext Velmo2IntraDc(uint32_t grid, const int32_t* left, const int32_t* above,
+                                     const int32_t* aboveLeft) {
+  return Velmo2DcContext{grid, left, above, aboveLeft, 1024, 0, 2047};
+}
+
+// The context of a residual plane: no neighbours, start 0, range by frame word bit 18.
+inline Velmo2DcContext Velmo2ResidualDc(uint32_t grid, Velmo2FrameWord word) {
+  const int32_t range = word.WideInterDc() ? 2047 : 1023;
+  return Velmo2DcContext{grid, nullptr, nullptr, nullptr, 0, -range, range};
+}
+
+// Predicts each DC value in block order, adds its residual and holds it in range.
+void Velmo2PredictDc(const Velmo2DcContext& c, const int32_t* residuals, int32_t* out);
+
 // ---- Motion vector differences -------------------------------------------------------------
 
 // One signed Exp-Golomb difference, with the escape of sixteen 0 bits.

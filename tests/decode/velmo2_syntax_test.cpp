@@ -318,6 +318,85 @@ TEST(Velmo2DcLevel, RandomLevelsRoundTrip) {
   EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
 }
 
+// ---- DC prediction -----------------------------------------------------------------------
+
+TEST(Velmo2BlockIndex, QuadrantOrder) {
+  EXPECT_EQ(Velmo2BlockIndex(0, 0), 0u);
+  EXPECT_EQ(Velmo2BlockIndex(1, 0), 1u);
+  EXPECT_EQ(Velmo2BlockIndex(0, 1), 2u);
+  EXPECT_EQ(Velmo2BlockIndex(1, 1), 3u);
+  EXPECT_EQ(Velmo2BlockIndex(2, 0), 4u);
+  EXPECT_EQ(Velmo2BlockIndex(0, 2), 8u);
+  EXPECT_EQ(Velmo2BlockIndex(3, 3), 15u);
+}
+
+// All neighbours there: every block from its left, upper and corner values. Neighbour entries
+// that must not be read hold a far-off value.
+TEST(Velmo2DcPrediction, IntraWithAllNeighbours) {
+  std::vector<int32_t> above(16, -777), left(16, -777), corner(16, -777);
+  const int32_t aboveRow[4] = {100, 200, 300, 400};
+  const int32_t leftColumn[4] = {50, 60, 70, 80};
+  for (uint32_t i = 0; i < 4; ++i) {
+    above[Velmo2BlockIndex(i, 3)] = aboveRow[i];
+    left[Velmo2BlockIndex(3, i)] = leftColumn[i];
+  }
+  corner[15] = 90;
+  const int32_t residuals[16] = {};
+  int32_t out[16];
+  Velmo2PredictDc(Velmo2IntraDc(4, left.data(), above.data(), corner.data()), residuals, out);
+  EXPECT_EQ(std::vector<int32_t>(out, out + 16),
+            (std::vector<int32_t>{60, 160, 60, 160, 260, 360, 260, 360, 70, 160, 80, 160, 260,
+                                  360, 260, 360}));
+}
+
+TEST(Velmo2DcPrediction, IntraChromaAtPictureEdges) {
+  {
+    const int32_t residuals[4] = {10, 5, -3, 7};
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, nullptr, nullptr, nullptr), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{1034, 1039, 1031, 1043}));
+  }
+  {
+    const int32_t left[4] = {-777, 500, -777, 520};
+    const int32_t residuals[4] = {4, 0, 0, 0};
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, left, nullptr, nullptr), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{504, 504, 520, 520}));
+  }
+  {
+    const int32_t above[4] = {-777, -777, 300, 340};
+    const int32_t residuals[4] = {0, 0, 0, 0};
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, nullptr, above, nullptr), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{300, 340, 300, 340}));
+  }
+  {
+    const int32_t residuals[4] = {-2000, 3000, 0, 0};  // held within 0 .. 2047
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, nullptr, nullptr, nullptr), residuals, out);
+    EXPECT_EQ(out[0], 0);
+    EXPECT_EQ(out[1], 2047);
+  }
+}
+
+TEST(Velmo2DcPrediction, ResidualPlanesStartAtZeroWithinTheirRange) {
+  int32_t residuals[16] = {};
+  residuals[0] = 1000;
+  residuals[1] = 100;
+  for (uint32_t wide = 0; wide < 2; ++wide) {
+    const int32_t m = wide ? 1100 : 1023;
+    int32_t out[16];
+    Velmo2PredictDc(Velmo2ResidualDc(4, Velmo2FrameWord{wide ? 0x40000u : 0u}), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 16),
+              (std::vector<int32_t>{1000, m, 1000, m, m, m, m, m, 1000, m, 1000, m, m, m, m, m}))
+        << wide;
+  }
+  const int32_t low[4] = {-3000, 0, 0, 0};
+  int32_t out[4];
+  Velmo2PredictDc(Velmo2ResidualDc(2, Velmo2FrameWord{0x40000}), low, out);
+  EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{-2047, -2047, -2047, -2047}));
+}
+
 // ---- Motion vector differences -------------------------------------------------------------
 
 TEST(Velmo2VectorDiff, ExpGolombCodesAndEscape) {
