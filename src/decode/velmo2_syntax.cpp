@@ -343,6 +343,9 @@ Velmo2VectorDiffs Velmo2ReadVectorDiffs(Velmo1BitReader& r) {
 
 namespace {
 
+// Sums of vector components wrap as 32-bit values, so hostile differences cannot overflow.
+int32_t Add(int32_t a, int32_t b) { return int32_t(uint32_t(a) + uint32_t(b)); }
+
 // Vector 0's prediction.
 int32_t PredictFirst(const Velmo2VectorNeighbours& n) {
   const int32_t* t = n.Above;
@@ -358,7 +361,7 @@ int32_t PredictFirst(const Velmo2VectorNeighbours& n) {
 void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const int32_t diff[4],
                           int32_t out[4]) {
   int32_t* v = out;
-  v[0] = PredictFirst(n) + diff[0];
+  v[0] = Add(PredictFirst(n), diff[0]);
   if (single) {
     v[1] = v[2] = v[3] = v[0];
     return;
@@ -366,19 +369,19 @@ void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const in
   const int32_t* t = n.Above;
   const int32_t* l = n.Left;
   if (t && l) {
-    v[1] = Velmo2Median(v[0], t[2], t[3]) + diff[1];
-    v[2] = Velmo2Median(v[0], l[1], l[3]) + diff[2];
+    v[1] = Add(Velmo2Median(v[0], t[2], t[3]), diff[1]);
+    v[2] = Add(Velmo2Median(v[0], l[1], l[3]), diff[2]);
   } else if (t) {
-    v[1] = Velmo2Median(v[0], t[2], t[3]) + diff[1];
-    v[2] = Velmo2Median(v[0], v[1], t[2]) + diff[2];
+    v[1] = Add(Velmo2Median(v[0], t[2], t[3]), diff[1]);
+    v[2] = Add(Velmo2Median(v[0], v[1], t[2]), diff[2]);
   } else if (l) {
-    v[2] = Velmo2Median(v[0], l[1], l[3]) + diff[2];  // vector 2 comes before vector 1 here
-    v[1] = Velmo2Median(v[0], v[2], l[1]) + diff[1];
+    v[2] = Add(Velmo2Median(v[0], l[1], l[3]), diff[2]);  // vector 2 comes before vector 1 here
+    v[1] = Add(Velmo2Median(v[0], v[2], l[1]), diff[1]);
   } else {
-    v[1] = v[0] + diff[1];
-    v[2] = v[0] + diff[2];
+    v[1] = Add(v[0], diff[1]);
+    v[2] = Add(v[0], diff[2]);
   }
-  v[3] = Velmo2Median(v[0], v[1], v[2]) + diff[3];
+  v[3] = Add(Velmo2Median(v[0], v[1], v[2]), diff[3]);
 }
 
 // ---- AC coefficients -----------------------------------------------------------------------

@@ -160,6 +160,18 @@ inline int32_t Velmo2ScaleDc(int32_t level, int32_t scale) {
 // in block order: a 0 flag bit makes all of them 0.
 void Velmo2ReadDcResiduals(Velmo1BitReader& r, int32_t scale, int32_t* out, uint32_t count);
 
+// ---- Block info words ----------------------------------------------------------------------
+
+// One 16-bit word per 8x8 block: bit 15 intra, bits 13-14 the coefficient class, bits 0-12
+// the DC value in two's complement.
+inline uint16_t Velmo2BlockInfo(bool intra, uint32_t coefficientClass, int32_t dc) {
+  return uint16_t((intra ? 0x8000u : 0u) | (coefficientClass & 3) << 13 | (uint32_t(dc) & 0x1FFF));
+}
+inline bool Velmo2InfoIntra(uint16_t info) { return info & 0x8000; }
+inline uint32_t Velmo2InfoClass(uint16_t info) { return info >> 13 & 3; }
+// The DC value as the row store gives it back: bits 0-11 as a signed 12-bit value.
+inline int32_t Velmo2InfoDc(uint16_t info) { return int32_t(uint32_t(info) << 20) >> 20; }
+
 // ---- DC prediction -----------------------------------------------------------------------
 
 // Index in block order of the block at (x, y) on a macroblock plane's grid (4x4 or 2x2): the

@@ -318,6 +318,23 @@ TEST(Velmo2DcLevel, RandomLevelsRoundTrip) {
   EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
 }
 
+// ---- Block info words ----------------------------------------------------------------------
+
+TEST(Velmo2BlockInfo, FieldsComeBackForEveryDcValue) {
+  for (int32_t dc = -2047; dc <= 2047; ++dc) {
+    for (uint32_t cls = 0; cls < 4; ++cls) {
+      const bool intra = (dc + int32_t(cls)) & 1;
+      const uint16_t info = Velmo2BlockInfo(intra, cls, dc);
+      ASSERT_EQ(Velmo2InfoDc(info), dc);
+      ASSERT_EQ(Velmo2InfoClass(info), cls);
+      ASSERT_EQ(Velmo2InfoIntra(info), intra);
+    }
+  }
+  EXPECT_EQ(Velmo2BlockInfo(true, 3, -1), 0xFFFF);
+  EXPECT_EQ(Velmo2BlockInfo(false, 1, 5), 0x2005);
+  EXPECT_EQ(Velmo2InfoDc(0x1800), -2048) << "bit 12 is not read back";
+}
+
 // ---- DC prediction -----------------------------------------------------------------------
 
 TEST(Velmo2BlockIndex, QuadrantOrder) {
