@@ -1,0 +1,858 @@
+// Second-generation macroblock syntax: kinds, quantisers, masks, DC residuals, vector
+// differences and AC coefficients, read from streams written bit by bit.
+#include "decode/velmo2_syntax.h"
+#include "velmo2_test_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t kMarker = 0x2D;  // six bits written after an element: it must read back
+
+void PutMarker(BitWriter& w) { w.Put(kMarker, 6); }
+
+// ---- Encoders written from the code tables, for the round trips ----------------------------
+
+void PutQuantiserDiff(BitWriter& w, int32_t d) {
+  const uint32_t mag = uint32_t(d < 0 ? -d : d);
+  static const char* kShort[5] = {"1", "01", "001", "00010", "00011"};
+  if (mag < 5) {
+    w.Code(kShort[mag]);
+  } else {
+    w.Code("0000").Put(mag - 5, 5);
+  }
+  if (mag != 0) w.PutBit(d < 0);
+}
+
+// Magnitude prefix: n ones, then a 0 unless n is 11.
+void PutOnes(BitWriter& w, uint32_t n) {
+  for (uint32_t i = 0; i < n; ++i) w.PutBit(1);
+  if (n < 11) w.PutBit(0);
+}
+
+void PutDcLevel(BitWriter& w, int32_t level) {
+  const uint32_t mag = uint32_t(level < 0 ? -level : level);
+  if (mag == 0) {
+    PutOnes(w, 0);
+    return;
+  }
+  if (mag <= 3) {
+    PutOnes(w, mag);
+  } else {
+    uint32_t n = 4;
+    while (mag > (2u << (n - 3)) + 1) ++n;  // n covers 2^(n-3) + 2 .. 2^(n-2) + 1
+    PutOnes(w, n);
+    w.Put(mag - (1u << (n - 3)) - 2, n - 3);
+  }
+  w.PutBit(level < 0);
+}
+
+void PutAcLevel(BitWriter& w, int32_t level) {
+  const uint32_t mag = uint32_t(level < 0 ? -level : level);
+  if (mag <= 3) {
+    PutOnes(w, mag - 1);
+  } else {
+    uint32_t n = 3;
+    while (mag > (2u << (n - 2)) + 1) ++n;
+    PutOnes(w, n);
+    w.Put(mag - (1u << (n - 2)) - 2, n - 2);
+  }
+  w.PutBit(level < 0);
+}
+
+void PutVectorDiff(BitWriter& w, int32_t v) {
+  const uint32_t i = v >= 0 ? uint32_t(2 * v) : uint32_t(-2 * int64_t(v) - 1);
+  if (i >= 65535) {
+    w.Put(0, 16).Put(i - 65535, 16);
+    return;
+  }
+  uint32_t z = 0;
+  while ((2u << z) - 1 <= i) ++z;  // z codes i in 2^z - 1 .. 2^(z+1) - 2
+  w.Put(0, z).PutBit(1).Put(i + 1 - (1u << z), z);
+}
+
+// ---- Kinds ---------------------------------------------------------------------------------
+
+TEST(Velmo2Kind, ListMovesKindsForward) {
+  BitWriter w;
+  // list 2 3 1 0
+  w.Code("1");    // 2
+  w.Code("01");   // 3, list 3 2 1 0
+  w.Code("01");   // 2, list 2 3 1 0
+  w.Code("001");  // 0, list 2 3 0 1
+  w.Code("000");  // 0, list 2 0 3 1
+  w.Code("1");    // 2
+  w.Code("01");   // 0, list 0 2 3 1
+  w.Code("001");  // 1, list 0 2 1 3
+  w.Code("000");  // 1, list 0 1 2 3
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  Velmo2KindList list = Velmo2KindListAtRowStart();
+  std::vector<int> kinds;
+  for (int i = 0; i < 9; ++i) kinds.push_back(Velmo2ReadKind(s.Reader, list));
+  EXPECT_EQ(kinds, (std::vector<int>{2, 3, 2, 0, 0, 2, 0, 1, 1}));
+  EXPECT_EQ(std::vector<int>(list.Kinds, list.Kinds + 4), (std::vector<int>{0, 1, 2, 3}));
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+
+  // A new row starts over from the fixed order: the same three codes give the same kinds.
+  BitWriter again;
+  again.Code("000 000 001");
+  Velmo2TestStream t(again);
+  list = Velmo2KindListAtRowStart();
+  EXPECT_EQ(Velmo2ReadKind(t.Reader, list), kVelmo2Skipped);
+  EXPECT_EQ(Velmo2ReadKind(t.Reader, list), kVelmo2Residual);
+  EXPECT_EQ(Velmo2ReadKind(t.Reader, list), kVelmo2Intra);
+}
+
+// ---- Quantisers ----------------------------------------------------------------------------
+
+TEST(Velmo2Quantiser, CodesAndSigns) {
+  const struct {
+    const char* Code;
+    int32_t Diff;
+  } cases[] = {
+      {"1", 0},          {"01 0", 1},         {"01 1", -1},         {"001 0", 2},
+      {"00010 1", -3},   {"00011 0", 4},      {"0000 00000 1", -5}, {"0000 10000 0", 6},
+      {"0000 11111 0", 36}, {"0000 11111 1", -36},
+  };
+  for (const auto& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadQuantiser(s.Reader, 20), 20 + c.Diff) << c.Code;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;  // zero reads no sign bit
+  }
+}
+
+TEST(Velmo2Quantiser, PredictionIsMedianBelowTheFirstRow) {
+  EXPECT_EQ(Velmo2PredictQuantiser(true, 12, 30, 2), 12);
+  EXPECT_EQ(Velmo2PredictQuantiser(false, 12, 30, 2), 12);
+  EXPECT_EQ(Velmo2PredictQuantiser(false, 40, 30, 2), 30);
+  EXPECT_EQ(Velmo2PredictQuantiser(false, 1, 30, 2), 2);
+  EXPECT_EQ(Velmo2PredictQuantiser(false, 9, 9, 2), 9);
+}
+
+TEST(Velmo2Quantiser, RandomDifferencesRoundTrip) {
+  std::mt19937 rng(11);
+  std::vector<int32_t> diffs(500);
+  BitWriter w;
+  for (int32_t& d : diffs) {
+    d = int32_t(rng() % 73) - 36;
+    PutQuantiserDiff(w, d);
+  }
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  for (int32_t d : diffs) ASSERT_EQ(Velmo2ReadQuantiserDiff(s.Reader), d);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+// ---- Masks ---------------------------------------------------------------------------------
+
+struct MaskCase {
+  const char* What;
+  uint32_t Previous;
+  uint32_t Frame;
+  std::string Code;
+  uint32_t Mask;
+};
+
+TEST(Velmo2LumaMask, FormsFlipAndClone) {
+  const MaskCase cases[] = {
+      {"zero", 0x0, 0, "1 0", 0x0},
+      {"zero cloned", 0x0, 0, "1 1", 0x0},
+      // Few bits before (z < 4): nibbles, each a flag (1 for zero) or four bits.
+      {"nibbles", 0x0007, 0, "0 1 0" "0101" "1 0" "1100" "0", 0x30A0},
+      {"nibbles cloned", 0x0, 0, "0 0" "1000" "1 1 1 1", 0x00010001},
+      // Four or more bits before: 16 plain bits.
+      {"plain", 0x000F, 0, "0 " "0100000000000001 0", 0x8002},
+      // Eight or more: inverted; 12 set gives z 4 (plain), 14 set gives z 2 (nibbles).
+      {"flipped plain", 0x0FFF, 0, "0 " "1111111100000000 0", 0xFF00},
+      {"flipped zero", 0x3FFF, 0, "1 0", 0xFFFF},
+      {"flipped nibbles", 0x3FFF, 0, "0 1 1" "0" "1111" "1 1", 0xF0FFF0FF},
+      // The high half of the previous word plays no part.
+      {"high half ignored", 0xFFFF0000, 0, "0 1 1 1 1 0", 0x0},
+  };
+  for (const MaskCase& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadLumaMask(s.Reader, c.Previous, Velmo2FrameWord{c.Frame}), c.Mask)
+        << c.What;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.What;
+  }
+}
+
+// With frame word bit 18 an all-zero mask reads no clone bit; a non-zero one still does.
+TEST(Velmo2LumaMask, WideDcFrameSkipsCloneBitOfZeroMask) {
+  const MaskCase cases[] = {
+      {"zero", 0x0, 0x40000, "1", 0x0},
+      {"zero by inversion", 0x0FFF, 0x40000, "0 " "1111111111111111", 0x0},
+      {"zero nibbles", 0x0, 0x40000, "0 1 1 1 1", 0x0},
+      {"non-zero", 0x0, 0x40000, "0 1 1 1 0 1000 1", 0x10001000},
+      {"flipped to all ones", 0xFFFF, 0x40000, "1 0", 0xFFFF},
+      {"without the bit", 0x0FFF, 0x0, "0 " "1111111111111111 1", 0x0},
+  };
+  for (const MaskCase& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadLumaMask(s.Reader, c.Previous, Velmo2FrameWord{c.Frame}), c.Mask)
+        << c.What;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.What;
+  }
+}
+
+TEST(Velmo2ChromaMask, DefaultKeepsHighBitsExplicitMayClone) {
+  const MaskCase cases[] = {
+      {"default of two set", 0xA0006, 0, "1", 0xA000F},
+      {"default of one set", 0x50004, 0, "1", 0x50000},
+      {"default of none", 0x0, 0, "1", 0x0},
+      {"explicit cloned", 0xF000F, 0, "0 1010 1", 0x50005},
+      {"explicit alone", 0xF000F, 0, "0 1010 0", 0x5},
+  };
+  for (const MaskCase& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadChromaMask(s.Reader, c.Previous), c.Mask) << c.What;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.What;
+  }
+}
+
+// ---- DC residuals --------------------------------------------------------------------------
+
+TEST(Velmo2DcLevel, CodesAndTheirBounds) {
+  const struct {
+    const char* Code;
+    int32_t Level;
+  } cases[] = {
+      {"0", 0},                        // no sign bit after a zero
+      {"10 0", 1},          {"110 1", -2},        {"1110 0", 3},
+      {"11110 0 0", 4},     {"11110 1 1", -5},    {"111110 00 0", 6},
+      {"111110 11 0", 9},   {"1111110 000 1", -10},
+      {"11111111110 1111111 0", 257},
+      {"11111111111 00000000 1", -258},  // eleven ones: no 0 after them
+      {"11111111111 11111111 0", 513},
+  };
+  for (const auto& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadDcLevel(s.Reader), c.Level) << c.Code;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;
+  }
+}
+
+TEST(Velmo2DcScale, PowersOfTwoByQuarterSteps) {
+  int32_t scale = 0;
+  for (int32_t q = 0; q <= 8; ++q) {
+    ASSERT_TRUE(Velmo2DcScale(q, &scale));
+    EXPECT_EQ(scale, 4096) << q;  // quantisers below 8 count as 8
+  }
+  const struct {
+    int32_t Q, Scale;
+  } cases[] = {{9, 4871}, {10, 5793}, {11, 6889}, {12, 8192}, {13, 9742},
+               {20, 32768}, {35, 440872}, {36, 524288}};
+  for (const auto& c : cases) {
+    ASSERT_TRUE(Velmo2DcScale(c.Q, &scale));
+    EXPECT_EQ(scale, c.Scale) << c.Q;
+  }
+  EXPECT_FALSE(Velmo2DcScale(-1, &scale));
+  EXPECT_FALSE(Velmo2DcScale(37, &scale));
+}
+
+TEST(Velmo2DcResidual, ScaledRoundedSignAfterShift) {
+  EXPECT_EQ(Velmo2ScaleDc(0, 4096), 0);
+  EXPECT_EQ(Velmo2ScaleDc(1, 4096), 4);
+  EXPECT_EQ(Velmo2ScaleDc(-3, 4871), -14);  // 14613 + 512 = 15125 -> 14
+  EXPECT_EQ(Velmo2ScaleDc(-1, 1536), -2);   // a half rounds away from zero on both sides
+  EXPECT_EQ(Velmo2ScaleDc(1, 1536), 2);
+  EXPECT_EQ(Velmo2ScaleDc(-513, 524288), -262656);
+}
+
+TEST(Velmo2DcResidual, FlagThenOneCodePerBlock) {
+  {
+    BitWriter w;
+    w.Code("0");
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    int32_t out[16];
+    std::fill(out, out + 16, 99);
+    Velmo2ReadDcResiduals(s.Reader, 4096, out, 16);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 16), std::vector<int32_t>(16, 0));
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  }
+  {
+    BitWriter w;
+    w.Code("1").Code("10 1").Code("0").Code("11110 1 0").Code("1110 0");
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    int32_t out[4];
+    Velmo2ReadDcResiduals(s.Reader, 8192, out, 4);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{-8, 0, 40, 24}));
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  }
+}
+
+TEST(Velmo2DcLevel, RandomLevelsRoundTrip) {
+  std::mt19937 rng(3);
+  std::vector<int32_t> levels(2000);
+  BitWriter w;
+  for (int32_t& l : levels) {
+    l = int32_t(rng() % 1027) - 513;
+    PutDcLevel(w, l);
+  }
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  for (int32_t l : levels) ASSERT_EQ(Velmo2ReadDcLevel(s.Reader), l);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+// ---- Block info words ----------------------------------------------------------------------
+
+TEST(Velmo2BlockInfo, FieldsComeBackForEveryDcValue) {
+  for (int32_t dc = -2047; dc <= 2047; ++dc) {
+    for (uint32_t cls = 0; cls < 4; ++cls) {
+      const bool intra = (dc + int32_t(cls)) & 1;
+      const uint16_t info = Velmo2BlockInfo(intra, cls, dc);
+      ASSERT_EQ(Velmo2InfoDc(info), dc);
+      ASSERT_EQ(Velmo2InfoClass(info), cls);
+      ASSERT_EQ(Velmo2InfoIntra(info), intra);
+    }
+  }
+  EXPECT_EQ(Velmo2BlockInfo(true, 3, -1), 0xFFFF);
+  EXPECT_EQ(Velmo2BlockInfo(false, 1, 5), 0x2005);
+  EXPECT_EQ(Velmo2InfoDc(0x1800), -2048) << "bit 12 is not read back";
+}
+
+// ---- DC prediction -----------------------------------------------------------------------
+
+TEST(Velmo2BlockIndex, QuadrantOrder) {
+  EXPECT_EQ(Velmo2BlockIndex(0, 0), 0u);
+  EXPECT_EQ(Velmo2BlockIndex(1, 0), 1u);
+  EXPECT_EQ(Velmo2BlockIndex(0, 1), 2u);
+  EXPECT_EQ(Velmo2BlockIndex(1, 1), 3u);
+  EXPECT_EQ(Velmo2BlockIndex(2, 0), 4u);
+  EXPECT_EQ(Velmo2BlockIndex(0, 2), 8u);
+  EXPECT_EQ(Velmo2BlockIndex(3, 3), 15u);
+}
+
+// All neighbours there: every block from its left, upper and corner values. Neighbour entries
+// that must not be read hold a far-off value.
+TEST(Velmo2DcPrediction, IntraWithAllNeighbours) {
+  std::vector<int32_t> above(16, -777), left(16, -777), corner(16, -777);
+  const int32_t aboveRow[4] = {100, 200, 300, 400};
+  const int32_t leftColumn[4] = {50, 60, 70, 80};
+  for (uint32_t i = 0; i < 4; ++i) {
+    above[Velmo2BlockIndex(i, 3)] = aboveRow[i];
+    left[Velmo2BlockIndex(3, i)] = leftColumn[i];
+  }
+  corner[15] = 90;
+  const int32_t residuals[16] = {};
+  int32_t out[16];
+  Velmo2PredictDc(Velmo2IntraDc(4, left.data(), above.data(), corner.data()), residuals, out);
+  EXPECT_EQ(std::vector<int32_t>(out, out + 16),
+            (std::vector<int32_t>{60, 160, 60, 160, 260, 360, 260, 360, 70, 160, 80, 160, 260,
+                                  360, 260, 360}));
+}
+
+TEST(Velmo2DcPrediction, IntraChromaAtPictureEdges) {
+  {
+    const int32_t residuals[4] = {10, 5, -3, 7};
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, nullptr, nullptr, nullptr), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{1034, 1039, 1031, 1043}));
+  }
+  {
+    const int32_t left[4] = {-777, 500, -777, 520};
+    const int32_t residuals[4] = {4, 0, 0, 0};
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, left, nullptr, nullptr), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{504, 504, 520, 520}));
+  }
+  {
+    const int32_t above[4] = {-777, -777, 300, 340};
+    const int32_t residuals[4] = {0, 0, 0, 0};
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, nullptr, above, nullptr), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{300, 340, 300, 340}));
+  }
+  {
+    const int32_t residuals[4] = {-2000, 3000, 0, 0};  // held within 0 .. 2047
+    int32_t out[4];
+    Velmo2PredictDc(Velmo2IntraDc(2, nullptr, nullptr, nullptr), residuals, out);
+    EXPECT_EQ(out[0], 0);
+    EXPECT_EQ(out[1], 2047);
+  }
+}
+
+TEST(Velmo2DcPrediction, ResidualPlanesStartAtZeroWithinTheirRange) {
+  int32_t residuals[16] = {};
+  residuals[0] = 1000;
+  residuals[1] = 100;
+  for (uint32_t wide = 0; wide < 2; ++wide) {
+    const int32_t m = wide ? 1100 : 1023;
+    int32_t out[16];
+    Velmo2PredictDc(Velmo2ResidualDc(4, Velmo2FrameWord{wide ? 0x40000u : 0u}), residuals, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 16),
+              (std::vector<int32_t>{1000, m, 1000, m, m, m, m, m, 1000, m, 1000, m, m, m, m, m}))
+        << wide;
+  }
+  const int32_t low[4] = {-3000, 0, 0, 0};
+  int32_t out[4];
+  Velmo2PredictDc(Velmo2ResidualDc(2, Velmo2FrameWord{0x40000}), low, out);
+  EXPECT_EQ(std::vector<int32_t>(out, out + 4), (std::vector<int32_t>{-2047, -2047, -2047, -2047}));
+}
+
+// ---- Motion vector differences -------------------------------------------------------------
+
+TEST(Velmo2VectorDiff, ExpGolombCodesAndEscape) {
+  const struct {
+    std::string Code;
+    int32_t Value;
+  } cases[] = {
+      {"1", 0},
+      {"010", -1},
+      {"011", 1},
+      {"00100", -2},
+      {"00111", 3},
+      {std::string(15, '0') + "1" + std::string(15, '1'), 32767},         // i = 65534
+      {std::string(16, '0') + std::string(16, '0'), -32768},              // i = 65535
+      {std::string(16, '0') + "1" + std::string(15, '0'), 32768},         // i = 65536
+      {std::string(16, '0') + std::string(16, '1'), 65535},               // i = 131070
+  };
+  for (const auto& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadVectorDiff(s.Reader), c.Value) << c.Code;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;
+  }
+}
+
+TEST(Velmo2VectorDiff, OneOrFourVectorsXFirst) {
+  {
+    BitWriter w;
+    w.Code("1 011 010");
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    const Velmo2VectorDiffs d = Velmo2ReadVectorDiffs(s.Reader);
+    EXPECT_TRUE(d.Single);
+    EXPECT_EQ(d.X[0], 1);
+    EXPECT_EQ(d.Y[0], -1);
+    EXPECT_EQ(d.X[3], 0);
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  }
+  {
+    BitWriter w;
+    w.Code("0 011 010 1 00111").Code("00100 1 1 011");
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    const Velmo2VectorDiffs d = Velmo2ReadVectorDiffs(s.Reader);
+    EXPECT_FALSE(d.Single);
+    EXPECT_EQ(std::vector<int32_t>(d.X, d.X + 4), (std::vector<int32_t>{1, -1, 0, 3}));
+    EXPECT_EQ(std::vector<int32_t>(d.Y, d.Y + 4), (std::vector<int32_t>{-2, 0, 0, 1}));
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  }
+}
+
+TEST(Velmo2VectorDiff, RandomDifferencesRoundTrip) {
+  std::mt19937 rng(5);
+  std::vector<int32_t> values;
+  BitWriter w;
+  for (int i = 0; i < 3000; ++i) {
+    const uint32_t range = i % 3 == 0 ? 40 : i % 3 == 1 ? 70000 : 131071;
+    const int32_t v = int32_t(rng() % range) - int32_t(range / 2);
+    values.push_back(v);
+    PutVectorDiff(w, v);
+  }
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  for (int32_t v : values) ASSERT_EQ(Velmo2ReadVectorDiff(s.Reader), v);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+}  // namespace
+
+// Neighbours chosen so that each median picks a different one of its three inputs.
+TEST(Velmo2VectorPrediction, EachNeighbourCase) {
+  const int32_t above[4] = {10, 20, 30, 40};
+  const int32_t left[4] = {-5, 7, 1, 3};
+  const int32_t aboveLeft[4] = {0, 0, 0, 12};
+  const int32_t diff[4] = {1, 2, 3, 4};
+  const int32_t zero[4] = {0, 0, 0, 0};
+  const struct {
+    const char* What;
+    Velmo2VectorNeighbours N;
+    bool Single;
+    const int32_t* Diff;
+    std::vector<int32_t> Want;
+  } cases[] = {
+      {"left and above", {above, left, aboveLeft}, false, diff, {13, 32, 10, 17}},
+      {"above only", {above, nullptr, nullptr}, false, diff, {31, 33, 34, 37}},
+      {"left only, vector 2 first", {nullptr, left, nullptr}, false, diff, {4, 9, 7, 11}},
+      {"neither", {nullptr, nullptr, nullptr}, false, diff, {1, 3, 4, 7}},
+      {"single, left and above", {above, left, aboveLeft}, true, diff, {13, 13, 13, 13}},
+      {"single, left only", {nullptr, left, nullptr}, true, diff, {4, 4, 4, 4}},
+      {"single, neither", {nullptr, nullptr, nullptr}, true, diff, {1, 1, 1, 1}},
+      {"intra store", {above, left, aboveLeft}, false, zero, {12, 30, 7, 12}},
+  };
+  for (const auto& c : cases) {
+    int32_t out[4] = {-99, -99, -99, -99};
+    Velmo2PredictVectors(c.N, c.Single, c.Diff, out);
+    EXPECT_EQ(std::vector<int32_t>(out, out + 4), c.Want) << c.What;
+  }
+}
+
+// ---- AC coefficients -----------------------------------------------------------------------
+
+namespace {
+
+struct RunSymbol {
+  const char* Code[2];  // tables 1 and 2
+  uint32_t Skip;
+  uint32_t Repeat;
+};
+
+// The run code tables as listed, escape left out.
+const RunSymbol kRunSymbols[] = {
+    {{"1", "1"}, 0, 0},
+    {{"000", "001"}, 1, 0},
+    {{"0010", "0000"}, 2, 0},
+    {{"001101000", "0001"}, 3, 0},
+    {{"001101100", "01000"}, 4, 0},
+    {{"0011000", "0100110"}, 5, 0},
+    {{"0011001", "01010"}, 6, 0},
+    {{"001101010", "010010"}, 7, 0},
+    {{"00110111", "0101110"}, 8, 0},
+    {{"001101001", "01011110"}, 9, 0},
+    {{"001101101", "01011111"}, 10, 0},
+    {{"01", "011"}, 64, 0},
+    {{"00111", "010110"}, 0, 7},
+};
+const char* kEscape[2] = {"001101011", "0100111"};
+
+void PutRun(BitWriter& w, int table, uint32_t skip) {
+  const int t = table - 1;
+  if (skip == 64) {
+    w.Code(t ? "011" : "01");
+  } else if (skip <= 10) {
+    w.Code(kRunSymbols[skip].Code[t]);
+  } else {
+    w.Code(kEscape[t]).Put(skip, 6);
+  }
+}
+
+void PutSeven(BitWriter& w, int table) { w.Code(table == 1 ? "00111" : "010110"); }
+
+// A flat dequantisation row: with 128 and q below 4 a coefficient equals its level.
+std::vector<uint16_t> Flat(uint16_t v) { return std::vector<uint16_t>(64, v); }
+
+}  // namespace
+
+TEST(Velmo2RunCode, EverySymbolOfBothTables) {
+  for (int table = 1; table <= 2; ++table) {
+    for (const RunSymbol& sym : kRunSymbols) {
+      BitWriter w;
+      w.Code(sym.Code[table - 1]);
+      PutMarker(w);
+      Velmo2TestStream s(w);
+      const Velmo2RunCode c = Velmo2ReadRunCode(s.Reader, table);
+      EXPECT_EQ(c.Skip, sym.Skip) << table << " " << sym.Code[table - 1];
+      EXPECT_EQ(c.Repeat, sym.Repeat) << table << " " << sym.Code[table - 1];
+      EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << table << " " << sym.Code[table - 1];
+    }
+    for (uint32_t skip : {0u, 11u, 42u, 63u}) {
+      BitWriter w;
+      w.Code(kEscape[table - 1]).Put(skip, 6);
+      PutMarker(w);
+      Velmo2TestStream s(w);
+      const Velmo2RunCode c = Velmo2ReadRunCode(s.Reader, table);
+      EXPECT_EQ(c.Skip, skip);
+      EXPECT_EQ(c.Repeat, 0u);
+      EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+    }
+  }
+}
+
+TEST(Velmo2AcLevel, CodesAndTheirBounds) {
+  const struct {
+    const char* Code;
+    int32_t Level;
+  } cases[] = {
+      {"0 0", 1},           {"0 1", -1},          {"10 0", 2},      {"110 1", -3},
+      {"1110 0 0", 4},      {"1110 1 1", -5},     {"11110 00 0", 6}, {"11110 11 0", 9},
+      {"11111111111 000000000 1", -514},  // eleven ones, no 0 after them
+      {"11111111111 111111111 0", 1025},
+  };
+  for (const auto& c : cases) {
+    BitWriter w;
+    w.Code(c.Code);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    EXPECT_EQ(Velmo2ReadAcLevel(s.Reader), c.Level) << c.Code;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;
+  }
+}
+
+TEST(Velmo2AcLevel, RandomLevelsRoundTrip) {
+  std::mt19937 rng(9);
+  std::vector<int32_t> levels;
+  BitWriter w;
+  for (int i = 0; i < 3000; ++i) {
+    int32_t l = int32_t(rng() % 2051) - 1025;
+    if (l == 0) l = 1;
+    levels.push_back(l);
+    PutAcLevel(w, l);
+  }
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  for (int32_t l : levels) ASSERT_EQ(Velmo2ReadAcLevel(s.Reader), l);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+TEST(Velmo2AcBlock, RunsPlaceLevelsAlongTheScan) {
+  BitWriter w;
+  w.Code("1").Code("0 0");        // skip 0: position 1 (raster 8), level 1
+  w.Code("000").Code("10 1");     // skip 1: position 3 (raster 2), level -2
+  w.Code("0010").Code("1110 1 0");  // skip 2: position 6 (raster 24), level 5
+  w.Code("01");                   // end
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  int16_t coef[64] = {};
+  coef[0] = 77;  // the DC position is not the AC reader's
+  const std::vector<uint16_t> dq = Flat(128);
+  const Velmo2AcBlock b = Velmo2ReadAcBlock(s.Reader, 1, dq.data(), 0, coef);
+  EXPECT_EQ(b.Count, 3u);
+  EXPECT_EQ(b.Last, 6u);
+  EXPECT_EQ(b.Class, 2u);
+  int16_t want[64] = {};
+  want[0] = 77;
+  want[8] = 1;
+  want[2] = -2;
+  want[24] = 5;
+  EXPECT_EQ(std::vector<int16_t>(coef, coef + 64), std::vector<int16_t>(want, want + 64));
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+TEST(Velmo2AcBlock, DequantisedWithShiftRoundingAndSixteenBits) {
+  const struct {
+    const char* Level;
+    uint16_t Dequant;
+    int32_t Q;
+    int16_t Coef;
+  } cases[] = {
+      {"1110 1 0", 1000, 9, 156},        // 5 * 1000 << 2 = 20000; (20000 + 64) >> 7 = 156
+      {"1110 1 1", 1000, 9, -156},       // -20000 + 64 = -19936; >> 7 floors -155.75 to -156
+      {"0 0", 200, 0, 2},                // (200 + 64) >> 7 = 2
+      {"0 1", 200, 0, -2},               // (-200 + 64) >> 7 = -136 >> 7 = -2
+      {"11111111111 111111111 0", 1024, 8, -32736},  // 1025 * 4096 / 128 = 32800 kept in 16 bits
+  };
+  for (const auto& c : cases) {
+    BitWriter w;
+    w.Code("1").Code(c.Level).Code("01");
+    Velmo2TestStream s(w);
+    int16_t coef[64] = {};
+    const std::vector<uint16_t> dq = Flat(c.Dequant);
+    Velmo2ReadAcBlock(s.Reader, 1, dq.data(), c.Q, coef);
+    EXPECT_EQ(coef[8], c.Coef) << c.Level << " q " << c.Q;
+  }
+  // The row is indexed by raster position, not scan position.
+  BitWriter w;
+  w.Code("000").Code("0 0").Code("01");  // position 2: raster 1
+  Velmo2TestStream s(w);
+  std::vector<uint16_t> dq = Flat(128);
+  dq[1] = 384;
+  int16_t coef[64] = {};
+  Velmo2ReadAcBlock(s.Reader, 1, dq.data(), 0, coef);
+  EXPECT_EQ(coef[1], 3);
+}
+
+// The seven symbol lets seven coefficients follow without run codes, the block ending when the
+// position reaches 64 even inside the seven.
+TEST(Velmo2AcBlock, SevenReachesTheLastPositionAndStops) {
+  BitWriter w;
+  PutRun(w, 1, 56);             // escape: position 57
+  PutAcLevel(w, 1);
+  PutSeven(w, 1);               // positions 58 .. 63, then the block ends
+  for (int32_t l : {2, -3, 4, -5, 6, 7}) PutAcLevel(w, l);
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  int16_t coef[64] = {};
+  const std::vector<uint16_t> dq = Flat(128);
+  const Velmo2AcBlock b = Velmo2ReadAcBlock(s.Reader, 1, dq.data(), 0, coef);
+  EXPECT_EQ(b.Count, 7u);
+  EXPECT_EQ(b.Last, 63u);
+  EXPECT_EQ(b.Class, 1u);
+  EXPECT_EQ(coef[kVelmo2Scan[57]], 1);
+  EXPECT_EQ(coef[63], 7);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+TEST(Velmo2AcBlock, SevenInTheMiddleThenRunCodesAgain) {
+  BitWriter w;
+  PutSeven(w, 2);
+  for (int i = 0; i < 7; ++i) PutAcLevel(w, i + 1);  // positions 1 .. 7
+  PutRun(w, 2, 3);                                   // position 11
+  PutAcLevel(w, -9);
+  PutRun(w, 2, 64);
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  int16_t coef[64] = {};
+  const std::vector<uint16_t> dq = Flat(128);
+  const Velmo2AcBlock b = Velmo2ReadAcBlock(s.Reader, 2, dq.data(), 0, coef);
+  EXPECT_EQ(b.Count, 8u);
+  EXPECT_EQ(b.Last, 11u);
+  EXPECT_EQ(b.Class, 0u);
+  for (int p = 1; p <= 7; ++p) EXPECT_EQ(coef[kVelmo2Scan[p]], p) << p;
+  EXPECT_EQ(coef[kVelmo2Scan[11]], -9);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
+TEST(Velmo2AcBlock, SkipPastTheEndReadsNothingMore) {
+  for (uint32_t skip : {63u, 62u}) {
+    BitWriter w;
+    PutRun(w, 1, 2);  // position 3
+    PutAcLevel(w, 4);
+    PutRun(w, 1, skip);  // 4 + skip is past 63
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    int16_t coef[64] = {};
+    const std::vector<uint16_t> dq = Flat(128);
+    const Velmo2AcBlock b = Velmo2ReadAcBlock(s.Reader, 1, dq.data(), 0, coef);
+    EXPECT_EQ(b.Count, 1u);
+    EXPECT_EQ(b.Last, 3u);
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << skip;
+  }
+}
+
+TEST(Velmo2AcBlock, ClassFollowsTheCount) {
+  const struct {
+    uint32_t Count, Class;
+  } cases[] = {{0, 3}, {1, 2}, {3, 2}, {4, 1}, {7, 1}, {8, 0}, {63, 0}};
+  for (const auto& c : cases) {
+    BitWriter w;
+    for (uint32_t i = 0; i < c.Count; ++i) {
+      PutRun(w, 1, 0);
+      PutAcLevel(w, 1);
+    }
+    if (c.Count < 63) PutRun(w, 1, 64);
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    int16_t coef[64] = {};
+    const std::vector<uint16_t> dq = Flat(128);
+    const Velmo2AcBlock b = Velmo2ReadAcBlock(s.Reader, 1, dq.data(), 0, coef);
+    EXPECT_EQ(b.Count, c.Count);
+    EXPECT_EQ(b.Class, c.Class) << c.Count;
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Count;
+  }
+}
+
+TEST(Velmo2AcQuadrant, MaskPicksBlocksAndTheCloneBitsPickTheTable) {
+  for (uint32_t mask : {0x5u, 0x10005u}) {
+    const int table = mask < 0x10000 ? 1 : 2;
+    BitWriter w;
+    for (int block = 0; block < 2; ++block) {  // blocks 0 and 2
+      PutRun(w, table, 1);                      // position 2: raster 1
+      PutAcLevel(w, block + 1);
+      PutRun(w, table, 64);
+    }
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    int16_t blocks[4][64] = {};
+    int16_t* coef[4] = {blocks[0], blocks[1], blocks[2], blocks[3]};
+    Velmo2AcBlock out[4];
+    const std::vector<uint16_t> dq = Flat(128);
+    Velmo2ReadAcQuadrant(s.Reader, mask, dq.data(), 0, coef, out);
+    EXPECT_EQ(blocks[0][1], 1) << mask;
+    EXPECT_EQ(blocks[2][1], 2) << mask;
+    EXPECT_EQ(blocks[1][1], 0) << mask;
+    EXPECT_EQ(out[0].Class, 2u);
+    EXPECT_EQ(out[1].Class, 3u);
+    EXPECT_EQ(out[2].Class, 2u);
+    EXPECT_EQ(out[3].Class, 3u);
+    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << mask;
+  }
+}
+
+// Random blocks: sparse positions and levels written with the run codes of both tables, read
+// back to the same coefficients.
+TEST(Velmo2AcBlock, RandomBlocksRoundTrip) {
+  std::mt19937 rng(13);
+  const std::vector<uint16_t> dq = Flat(128);
+  for (int round = 0; round < 500; ++round) {
+    const int table = 1 + round % 2;
+    int16_t want[64] = {};
+    BitWriter w;
+    uint32_t p = 1, count = 0;
+    while (true) {
+      const uint32_t skip = rng() % (round % 3 == 0 ? 4 : 20);
+      if (p + skip > 63 || rng() % 10 == 0) {
+        PutRun(w, table, 64);
+        break;
+      }
+      p += skip;
+      const int32_t level = int32_t(rng() % 201) - 100;
+      const int32_t l = level == 0 ? 1 : level;
+      PutRun(w, table, skip);
+      PutAcLevel(w, l);
+      want[kVelmo2Scan[p]] = int16_t(l);
+      ++count;
+      if (++p > 63) break;
+    }
+    PutMarker(w);
+    Velmo2TestStream s(w);
+    int16_t coef[64] = {};
+    const Velmo2AcBlock b = Velmo2ReadAcBlock(s.Reader, table, dq.data(), 0, coef);
+    ASSERT_EQ(b.Count, count) << round;
+    ASSERT_EQ(std::vector<int16_t>(coef, coef + 64), std::vector<int16_t>(want, want + 64)) << round;
+    ASSERT_EQ(Velmo1Read(s.Reader, 6), kMarker) << round;
+  }
+}
+
+// ---- Reads past the end --------------------------------------------------------------------
+
+// Streams cut short read zeros past their end from a buffer of exactly their size (the
+// sanitizer builds would flag any byte beyond it), and the overrun is reported.
+TEST(Velmo2Bounds, ShortStreamsStayInTheirBuffer) {
+  BitWriter w;
+  w.Put(0xFFFFFFFF, 32).Put(0x7, 3);  // two words; the second mostly zero
+  std::vector<uint8_t> bytes = w.Bytes();
+  bytes.resize(5);  // keep one byte of the second word
+  const std::vector<uint16_t> dq = Flat(128);
+  Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size());
+  for (int i = 0; i < 50; ++i) Velmo2ReadDcLevel(r);
+  for (int i = 0; i < 50; ++i) Velmo2ReadVectorDiff(r);  // all-zero bits: the escape path
+  int16_t coef[64] = {};
+  Velmo2ReadAcBlock(r, 1, dq.data(), 36, coef);
+  Velmo2ReadLumaMask(r, 0x00FF, Velmo2FrameWord{0});
+  uint32_t map[8];
+  EXPECT_FALSE(Velmo2ReadEdgeMap(r, 200, map, 8));
+  EXPECT_TRUE(Velmo2Overran(r));
+  EXPECT_TRUE(Velmo1AtLimit(r));
+}
+
+TEST(Velmo2Bounds, OverrunIsToldOnlyPastTheLimit) {
+  BitWriter w;
+  w.Put(0, 32).Put(0, 32);
+  const std::vector<uint8_t> bytes = w.Bytes();
+  Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size());
+  Velmo1Read(r, 32);
+  Velmo1Read(r, 31);
+  EXPECT_FALSE(Velmo2Overran(r));
+  Velmo1Read(r, 1);
+  EXPECT_FALSE(Velmo2Overran(r)) << "the last bit of the stream is still inside";
+  Velmo1Read(r, 1);
+  EXPECT_TRUE(Velmo2Overran(r));
+}
