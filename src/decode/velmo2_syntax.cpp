@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
-#include <utility>
 
 // ---- Frame layout and slice layout ---------------------------------------------------------
 
@@ -172,41 +170,35 @@ bool Velmo2ReadEdgeMaps(Velmo1BitReader& r, Velmo2FrameWord word, uint32_t width
   return true;
 }
 
+// ---- Peeking at codes ----------------------------------------------------------------------
+
+namespace {
+
+// The next n bits (n at most 32) without consuming them; a code's table lookup works on them.
+uint32_t Peek(Velmo1BitReader& r, uint32_t n) {
+  if (r.Count < n) Velmo1Fetch(r);
+  return uint32_t(r.Buffer & ((uint64_t(1) << n) - 1));
+}
+
+}  // namespace
+
 // ---- Macroblock kinds ----------------------------------------------------------------------
 
-Velmo2Kind Velmo2ReadKind(Velmo1BitReader& r, Velmo2KindList& list) {
-  uint8_t* k = list.Kinds;
-  uint8_t result;
-  if (Velmo1ReadBit(r)) {
-    result = k[0];
-  } else if (Velmo1ReadBit(r)) {
-    result = k[1];
-    std::swap(k[0], k[1]);
-  } else if (Velmo1ReadBit(r)) {
-    result = k[3];
-    std::swap(k[2], k[3]);
-  } else {
-    result = k[2];
-    std::swap(k[1], k[2]);
-  }
-  return Velmo2Kind(result);
+uint32_t Velmo2ReadKind(Velmo1BitReader& r, Velmo2KindList& list) {
+  uint32_t consumed = 0;
+  const uint32_t kind = Velmo2TakeKind(list.Kinds, Peek(r, 3), &consumed);
+  Velmo1Read(r, consumed);
+  return kind;
 }
 
 // ---- Quantisers ----------------------------------------------------------------------------
 
 int32_t Velmo2ReadQuantiserDiff(Velmo1BitReader& r) {
-  int32_t mag;
-  if (Velmo1ReadBit(r)) {
-    mag = 0;
-  } else if (Velmo1ReadBit(r)) {
-    mag = 1;
-  } else if (Velmo1ReadBit(r)) {
-    mag = 2;
-  } else if (Velmo1ReadBit(r)) {
-    mag = 3 + int32_t(Velmo1ReadBit(r));
-  } else {
-    mag = 5 + int32_t(Velmo1Read(r, 5));
-  }
+  const uint32_t index = Velmo2QuantiserCodeOf(Peek(r, Velmo2QuantiserLongestCode));
+  const Velmo2QuantiserCode& code = Velmo2QuantiserCodes[index];
+  Velmo1Read(r, code.Length);
+  int32_t mag = code.Magnitude;
+  if (index == Velmo2QuantiserEscape) mag += int32_t(Velmo1Read(r, Velmo2QuantiserEscapeBits));
   if (mag != 0 && Velmo1ReadBit(r)) return -mag;
   return mag;
 }
@@ -250,16 +242,6 @@ uint32_t Velmo2ReadOnesCount(Velmo1BitReader& r) {
 }
 
 // ---- DC residuals --------------------------------------------------------------------------
-
-bool Velmo2DcScale(int32_t q, int32_t* scale) {
-  if (q < 0 || q > kVelmo2MaxQuantiser) return false;
-  if (q < 8) q = 8;
-  // 2^(q/4) = 2^(q >> 2) * 2^((q & 3) / 4); the quarter steps are exact to the rounding.
-  static constexpr double kQuarter[4] = {1.0, 1.189207115002721, 1.4142135623730951,
-                                         1.681792830507429};
-  *scale = int32_t(std::lround(std::ldexp(kQuarter[q & 3], 10 + (q >> 2))));
-  return true;
-}
 
 int32_t Velmo2ReadDcLevel(Velmo1BitReader& r) {
   const uint32_t n = Velmo2ReadOnesCount(r);
@@ -316,9 +298,8 @@ int32_t PredictDcAt(const Velmo2DcContext& c, const int32_t* own, int32_t x, int
 void Velmo2PredictDc(const Velmo2DcContext& c, const int32_t* residuals, int32_t* out) {
   const uint32_t blocks = c.Grid * c.Grid;
   for (uint32_t i = 0; i < blocks; ++i) {
-    // Block order to position: x from bits 0 and 2, y from bits 1 and 3.
-    const int32_t x = int32_t((i & 1) | (i >> 1 & 2));
-    const int32_t y = int32_t((i >> 1 & 1) | (i >> 2 & 2));
+    const int32_t x = int32_t(Velmo2BlockColumn(i));
+    const int32_t y = int32_t(Velmo2BlockRow(i));
     out[i] = Clamp(PredictDcAt(c, out, x, y) + residuals[i], c.Lo, c.Hi);
   }
 }
@@ -386,55 +367,13 @@ void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const in
 
 // ---- AC coefficients -----------------------------------------------------------------------
 
-namespace {
-
-constexpr uint32_t kEscape = 100;  // skip value that stands for "6 bits follow"
-
-struct RunEntry {
-  const char* Code[2];  // first-read bit first, tables 1 and 2
-  uint32_t Skip;
-  uint32_t Repeat;
-};
-
-constexpr RunEntry kRunCodes[] = {
-    {{"1", "1"}, 0, 0},
-    {{"000", "001"}, 1, 0},
-    {{"0010", "0000"}, 2, 0},
-    {{"001101000", "0001"}, 3, 0},
-    {{"001101100", "01000"}, 4, 0},
-    {{"0011000", "0100110"}, 5, 0},
-    {{"0011001", "01010"}, 6, 0},
-    {{"001101010", "010010"}, 7, 0},
-    {{"00110111", "0101110"}, 8, 0},
-    {{"001101001", "01011110"}, 9, 0},
-    {{"001101101", "01011111"}, 10, 0},
-    {{"001101011", "0100111"}, kEscape, 0},
-    {{"01", "011"}, 64, 0},
-    {{"00111", "010110"}, 0, 7},
-};
-
-bool Matches(const char* code, const char* bits, uint32_t n) {
-  for (uint32_t i = 0; i < n; ++i) {
-    if (code[i] != bits[i]) return false;
-  }
-  return code[n] == 0;
-}
-
-}  // namespace
-
-Velmo2RunCode Velmo2ReadRunCode(Velmo1BitReader& r, int table) {
-  const int t = table == 2 ? 1 : 0;
-  char bits[10] = {};
-  // Both tables are complete prefix codes of at most 9 bits: a match always comes.
-  for (uint32_t n = 1; n <= 9; ++n) {
-    bits[n - 1] = Velmo1ReadBit(r) ? '1' : '0';
-    for (const RunEntry& e : kRunCodes) {
-      if (!Matches(e.Code[t], bits, n)) continue;
-      if (e.Skip == kEscape) return Velmo2RunCode{Velmo1Read(r, 6), 0};
-      return Velmo2RunCode{e.Skip, e.Repeat};
-    }
-  }
-  return Velmo2RunCode{64, 0};
+Velmo2Run Velmo2ReadRunCode(Velmo1BitReader& r, int table) {
+  const uint8_t entry = Velmo2RunLookup(table == 2 ? 1 : 0)[Peek(r, Velmo2RunLongestCode)];
+  const uint32_t symbol = entry & 15;
+  Velmo1Read(r, entry >> 4);
+  if (symbol == Velmo2RunEscape) return Velmo2Run{Velmo1Read(r, Velmo2RunEscapeBits), 0};
+  const Velmo2RunCode& code = Velmo2RunCodes[table == 2 ? 1 : 0][symbol];
+  return Velmo2Run{code.Skip, code.Repeat};
 }
 
 int32_t Velmo2ReadAcLevel(Velmo1BitReader& r) {
@@ -444,29 +383,21 @@ int32_t Velmo2ReadAcLevel(Velmo1BitReader& r) {
   return Velmo1ReadBit(r) ? -mag : mag;
 }
 
-const uint8_t kVelmo2Scan[64] = {
-    0,  8,  1,  2,  9,  16, 24, 17, 10, 3,  4,  11, 18, 25, 32, 40, 33, 26, 19, 12, 5,  6,
-    13, 20, 27, 34, 41, 48, 56, 49, 42, 35, 28, 21, 14, 7,  15, 22, 29, 36, 43, 50, 57, 58,
-    51, 44, 37, 30, 23, 31, 38, 45, 52, 59, 60, 53, 46, 39, 47, 54, 61, 62, 55, 63};
-
 Velmo2AcBlock Velmo2ReadAcBlock(Velmo1BitReader& r, int table, const uint16_t* dequant, int32_t q,
                                 int16_t* coef) {
   Velmo2AcBlock b{0, 0, 3};
-  const uint32_t shift = uint32_t(q < 0 ? 0 : q > kVelmo2MaxQuantiser ? kVelmo2MaxQuantiser : q) >> 2;
   uint32_t p = 1;
   int32_t repeat = 0;
   while (p < 64) {
     if (--repeat < 1) {
-      const Velmo2RunCode code = Velmo2ReadRunCode(r, table);
+      const Velmo2Run code = Velmo2ReadRunCode(r, table);
       p += code.Skip;
       repeat = int32_t(code.Repeat);
       if (p > 63) break;
     }
     const int32_t level = Velmo2ReadAcLevel(r);
-    const uint32_t k = kVelmo2Scan[p];
-    // 32-bit arithmetic as the stream defines it; the product wraps rather than overflows.
-    const uint32_t scaled = (uint32_t(level) * dequant[k]) << shift;
-    coef[k] = int16_t(int32_t(scaled + 64) >> 7);
+    const uint32_t k = Velmo2Scan[p];
+    coef[k] = Velmo2Dequantise(level, dequant[k], uint32_t(q));
     ++b.Count;
     b.Last = p;
     ++p;

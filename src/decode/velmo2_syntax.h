@@ -9,6 +9,7 @@
 // Velmo2Overran; readers that can meet an impossible value also return false for it.
 #pragma once
 #include "decode/velmo1_bits.h"
+#include "decode/velmo2_tables.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,17 +27,17 @@ struct Velmo2FrameWord {
   uint32_t Bits;
 
   // Two DC values count as close when they differ by less than FlatLimit() * 8.
-  uint32_t FlatLimit() const { return Bits & 0xFF; }
+  uint32_t FlatLimit() const { return Bits & Velmo2FlatLimitMask; }
   // Set: the current stream. Clear: the deprecated stream, which these readers do not cover.
-  bool CurrentStream() const { return Bits & 0x2000; }
-  bool NoVerticalEdgeFilter() const { return Bits & 0x4000; }
-  bool NoHorizontalEdgeFilter() const { return Bits & 0x8000; }
-  bool EdgeMapsPresent() const { return Bits & 0x10000; }
-  bool ClampKeepsParity() const { return Bits & 0x20000; }
+  bool CurrentStream() const { return Bits & Velmo2CurrentStream; }
+  bool NoVerticalEdgeFilter() const { return Bits & Velmo2NoVerticalEdges; }
+  bool NoHorizontalEdgeFilter() const { return Bits & Velmo2NoHorizontalEdges; }
+  bool EdgeMapsPresent() const { return Bits & Velmo2EdgeMapsPresent; }
+  bool ClampKeepsParity() const { return Bits & Velmo2ParityClamp; }
   // Wide inter DC range, and no clone bit after an all-zero luma mask.
-  bool WideInterDc() const { return Bits & 0x40000; }
-  bool ConstantAlpha() const { return Bits & 0x80000; }
-  uint32_t AlphaValue() const { return Bits >> 24; }
+  bool WideInterDc() const { return Bits & Velmo2WideInter; }
+  bool ConstantAlpha() const { return Bits & Velmo2ConstantAlpha; }
+  uint32_t AlphaValue() const { return Bits >> Velmo2ConstantAlphaShift; }
 
   // The row map (horizontal edges) and the column map (vertical edges) stand in the stream.
   bool HasRowMap() const { return EdgeMapsPresent() && !NoHorizontalEdgeFilter(); }
@@ -87,19 +88,20 @@ bool Velmo2ReadEdgeMaps(Velmo1BitReader& r, Velmo2FrameWord word, uint32_t width
 
 // ---- Macroblock kinds ----------------------------------------------------------------------
 
-enum Velmo2Kind : uint8_t { kVelmo2Intra = 0, kVelmo2Skipped = 1, kVelmo2Motion = 2, kVelmo2Residual = 3 };
-
-// Move-to-front list of kinds, most likely first; reset at every row start.
+// The adaptive list of kinds (Velmo2Intra .. Velmo2Residual), most likely first; reset at
+// every row start.
 struct Velmo2KindList {
   uint8_t Kinds[4];
 };
 
 inline Velmo2KindList Velmo2KindListAtRowStart() {
-  return Velmo2KindList{{kVelmo2Motion, kVelmo2Residual, kVelmo2Skipped, kVelmo2Intra}};
+  Velmo2KindList list;
+  for (int i = 0; i < 4; ++i) list.Kinds[i] = Velmo2InitialKindList[i];
+  return list;
 }
 
-// Reads a kind through the list and updates the list.
-Velmo2Kind Velmo2ReadKind(Velmo1BitReader& r, Velmo2KindList& list);
+// Reads a kind through the list (Velmo2TakeKind) and updates the list.
+uint32_t Velmo2ReadKind(Velmo1BitReader& r, Velmo2KindList& list);
 
 // ---- Quantisers ----------------------------------------------------------------------------
 
@@ -140,12 +142,6 @@ uint32_t Velmo2ReadOnesCount(Velmo1BitReader& r);
 
 // ---- DC residuals --------------------------------------------------------------------------
 
-constexpr int32_t kVelmo2MaxQuantiser = 36;
-
-// The DC scale for quantiser q: 2^(10 + q/4) to the nearest integer, q taken as at least 8.
-// False for q outside 0..36.
-bool Velmo2DcScale(int32_t q, int32_t* scale);
-
 // One residual's magnitude code (n, extra bits, sign), before scaling.
 int32_t Velmo2ReadDcLevel(Velmo1BitReader& r);
 
@@ -157,7 +153,7 @@ inline int32_t Velmo2ScaleDc(int32_t level, int32_t scale) {
 }
 
 // Reads the residuals of one plane of a macroblock (16 for luma-like planes, 4 for chroma),
-// in block order: a 0 flag bit makes all of them 0.
+// in block order: a 0 flag bit makes all of them 0. `scale` is Velmo2DcScale(q).
 void Velmo2ReadDcResiduals(Velmo1BitReader& r, int32_t scale, int32_t* out, uint32_t count);
 
 // ---- Block info words ----------------------------------------------------------------------
@@ -165,20 +161,18 @@ void Velmo2ReadDcResiduals(Velmo1BitReader& r, int32_t scale, int32_t* out, uint
 // One 16-bit word per 8x8 block: bit 15 intra, bits 13-14 the coefficient class, bits 0-12
 // the DC value in two's complement.
 inline uint16_t Velmo2BlockInfo(bool intra, uint32_t coefficientClass, int32_t dc) {
-  return uint16_t((intra ? 0x8000u : 0u) | (coefficientClass & 3) << 13 | (uint32_t(dc) & 0x1FFF));
+  return uint16_t((intra ? uint32_t(Velmo2InfoIntra) : 0u) |
+                  (coefficientClass << Velmo2InfoClassShift & Velmo2InfoClassMask) |
+                  (uint32_t(dc) & Velmo2InfoDcMask));
 }
-inline bool Velmo2InfoIntra(uint16_t info) { return info & 0x8000; }
-inline uint32_t Velmo2InfoClass(uint16_t info) { return info >> 13 & 3; }
+inline bool Velmo2InfoIsIntra(uint16_t info) { return info & Velmo2InfoIntra; }
+inline uint32_t Velmo2InfoClass(uint16_t info) {
+  return uint32_t(info & Velmo2InfoClassMask) >> Velmo2InfoClassShift;
+}
 // The DC value as the row store gives it back: bits 0-11 as a signed 12-bit value.
 inline int32_t Velmo2InfoDc(uint16_t info) { return int32_t(uint32_t(info) << 20) >> 20; }
 
 // ---- DC prediction -----------------------------------------------------------------------
-
-// Index in block order of the block at (x, y) on a macroblock plane's grid (4x4 or 2x2): the
-// bits are, high to low, y1 x1 y0 x0, so the blocks go by quadrant.
-constexpr uint32_t Velmo2BlockIndex(uint32_t x, uint32_t y) {
-  return (y >> 1) << 3 | (x >> 1) << 2 | (y & 1) << 1 | (x & 1);
-}
 
 // What one plane of a macroblock predicts its DC values from. The neighbours' values are in
 // block order, null for a neighbour without them; with Left and Above, AboveLeft must be given.
@@ -236,20 +230,19 @@ void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const in
 
 // ---- AC coefficients -----------------------------------------------------------------------
 
-// A run code: the coefficient position moves on by Skip, and Repeat coefficients follow
-// without a run code. Skip 64 ends the block.
-struct Velmo2RunCode {
+// A run code as read: the coefficient position moves on by Skip, and Repeat coefficients
+// follow without a run code. Skip 64 ends the block.
+struct Velmo2Run {
   uint32_t Skip;
   uint32_t Repeat;
 };
 
-// Reads a run code from run code table 1 or 2 (escape already resolved).
-Velmo2RunCode Velmo2ReadRunCode(Velmo1BitReader& r, int table);
+// Reads a run code from run code table 1 or 2 (Velmo2RunCodes[0] or [1]), with the escape's
+// 6-bit skip read.
+Velmo2Run Velmo2ReadRunCode(Velmo1BitReader& r, int table);
 
 // A magnitude code and its sign: the signed AC level.
 int32_t Velmo2ReadAcLevel(Velmo1BitReader& r);
-
-extern const uint8_t kVelmo2Scan[64];
 
 struct Velmo2AcBlock {
   uint32_t Count;    // coefficients written
@@ -257,14 +250,10 @@ struct Velmo2AcBlock {
   uint32_t Class;    // coefficient class of the block info word
 };
 
-// Coefficient class: 0 with 8 or more coefficients, 1 with 4-7, 2 with 1-3, 3 with none.
-inline uint32_t Velmo2CoefficientClass(uint32_t count) {
-  return count >= 8 ? 0 : count >= 4 ? 1 : count >= 1 ? 2 : 3;
-}
-
 // Reads one block's AC coefficients into coef (64 entries in raster order, written only at
 // the positions read). `dequant` is the row table[q & 3] of the plane's table, by raster
-// position; q is the macroblock quantiser (0..36).
+// position; q is the macroblock quantiser. Each coefficient is Velmo2Dequantise(level,
+// dequant[k], q).
 Velmo2AcBlock Velmo2ReadAcBlock(Velmo1BitReader& r, int table, const uint16_t* dequant, int32_t q,
                                 int16_t* coef);
 

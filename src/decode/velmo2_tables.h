@@ -60,6 +60,10 @@ uint32_t Velmo2QuantiserCodeOf(uint32_t peek);
 // y1 x1 y0 x0 of the block's position on the 4x4 grid (2x2 for chroma, index bits y0 x0).
 constexpr uint32_t Velmo2BlockColumn(uint32_t index) { return (index & 1) | ((index >> 1) & 2); }
 constexpr uint32_t Velmo2BlockRow(uint32_t index) { return ((index >> 1) & 1) | ((index >> 2) & 2); }
+// The index of the block at column x, row y: the inverse of the two above.
+constexpr uint32_t Velmo2BlockIndex(uint32_t x, uint32_t y) {
+  return (y >> 1) << 3 | (x >> 1) << 2 | (y & 1) << 1 | (x & 1);
+}
 
 // Block info word: one 16-bit word per 8x8 block.
 enum : uint16_t {
@@ -100,7 +104,13 @@ extern const uint16_t Velmo2DequantRow0[Velmo2DequantKindCount][64];
 using Velmo2DequantTable = uint16_t[4][64];
 const Velmo2DequantTable& Velmo2Dequant(Velmo2DequantKind kind);
 
-// The dequantised coefficient, in 32 bits and stored as 16: q is the quantiser (0 .. 63).
+// The dequantisation rule for one table entry: ((signed magnitude * entry) << (q >> 2) + 64)
+// >> 7 in wrapping 32-bit arithmetic, stored as 16 bits. The shift has no upper bound of its own
+// (only the DC scales stop at 36); it is taken modulo 32 so that a damaged quantiser stays
+// defined.
+int16_t Velmo2Dequantise(int32_t signedMagnitude, uint32_t entry, uint32_t q);
+
+// The same with the entry of `table` for q and position.
 int16_t Velmo2DequantCoefficient(int32_t signedMagnitude, const Velmo2DequantTable& table,
                                  uint32_t q, uint32_t position);
 

@@ -4,11 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -144,6 +141,10 @@ TEST(Velmo2Blocks, IndexBitsAreY1X1Y0X0) {
     EXPECT_EQ(x / 2, quadrant % 2) << i;
     EXPECT_EQ(y / 2, quadrant / 2) << i;
   }
+  // Velmo2BlockIndex is the inverse mapping.
+  for (uint32_t i = 0; i < 16; ++i)
+    EXPECT_EQ(Velmo2BlockIndex(Velmo2BlockColumn(i), Velmo2BlockRow(i)), i) << i;
+  EXPECT_EQ(Velmo2BlockIndex(3, 3), 15u);
   EXPECT_EQ(Velmo2BlockColumn(1), 1u);
   EXPECT_EQ(Velmo2BlockRow(1), 0u);
   EXPECT_EQ(Velmo2BlockColumn(2), 0u);
@@ -152,51 +153,10 @@ TEST(Velmo2Blocks, IndexBitsAreY1X1Y0X0) {
   EXPECT_EQ(Velmo2BlockRow(8), 2u);
 }
 
-TEST(Velmo2Blocks, ClassFollowsTheCoefficientCount) {
-  const uint32_t expected[] = {3, 2, 2, 2, 1, 1, 1, 1, 0, 0};
-  for (uint32_t n = 0; n < 10; ++n) EXPECT_EQ(Velmo2CoefficientClass(n), expected[n]) << n;
-  EXPECT_EQ(Velmo2CoefficientClass(63), 0u);
-  EXPECT_EQ(Velmo2InitialKindList[0], Velmo2Motion);
-  EXPECT_EQ(Velmo2InitialKindList[3], Velmo2Intra);
-}
-
 // ---------------------------------------------------------------------------------------------
-// Macroblock kinds and quantiser codes
+// Quantiser codes (read through the stream reader in velmo2_syntax_test)
 
-// `bits` (first read first) as the lowest bits of a peeked word.
-uint32_t Peek(const std::string& bits) {
-  uint32_t v = 0;
-  for (size_t i = 0; i < bits.size(); ++i)
-    if (bits[i] == '1') v |= 1u << i;
-  return v;
-}
-
-TEST(Velmo2Kinds, TheListAdaptsAsKindsAreRead) {
-  uint8_t list[4];
-  std::copy(Velmo2InitialKindList, Velmo2InitialKindList + 4, list);
-  struct Step {
-    const char* Bits;
-    uint32_t Consumed, Kind;
-    uint8_t After[4];
-  };
-  // The list starts as MOTION, RESIDUAL, SKIPPED, INTRA.
-  const Step steps[] = {
-      {"1", 1, Velmo2Motion, {2, 3, 1, 0}},    // list[0], no change
-      {"01", 2, Velmo2Residual, {3, 2, 1, 0}}, // list[1]; entries 0 and 1 swap
-      {"001", 3, Velmo2Intra, {3, 2, 0, 1}},   // list[3]; entries 2 and 3 swap
-      {"000", 3, Velmo2Intra, {3, 0, 2, 1}},   // list[2]; entries 1 and 2 swap
-      {"1", 1, Velmo2Residual, {3, 0, 2, 1}},
-  };
-  for (const Step& s : steps) {
-    uint32_t consumed = 0;
-    // Bits past the code do not matter.
-    EXPECT_EQ(Velmo2TakeKind(list, Peek(s.Bits) | 0b1000, &consumed), s.Kind) << s.Bits;
-    EXPECT_EQ(consumed, s.Consumed) << s.Bits;
-    EXPECT_TRUE(std::equal(list, list + 4, s.After)) << s.Bits;
-  }
-}
-
-TEST(Velmo2Quantiser, CodesFormACompletePrefixCodeAndDecodeAsPrinted) {
+TEST(Velmo2Quantiser, CodesFormACompletePrefixCodeThatTheLookupFollows) {
   double kraft = 0;
   for (const Velmo2QuantiserCode& c : Velmo2QuantiserCodes) kraft += std::ldexp(1.0, -c.Length);
   EXPECT_DOUBLE_EQ(kraft, 1.0);
@@ -204,25 +164,11 @@ TEST(Velmo2Quantiser, CodesFormACompletePrefixCodeAndDecodeAsPrinted) {
     const Velmo2QuantiserCode& c = Velmo2QuantiserCodes[Velmo2QuantiserCodeOf(peek)];
     EXPECT_EQ(peek & ((1u << c.Length) - 1), c.Bits) << peek;
   }
-  const std::pair<const char*, uint32_t> printed[] = {
-      {"1", 0}, {"01", 1}, {"001", 2}, {"00010", 3}, {"00011", 4}, {"00001", 5}, {"00000", 5}};
-  for (const auto& [bits, magnitude] : printed) {
-    const uint32_t index = Velmo2QuantiserCodeOf(Peek(bits));
-    EXPECT_EQ(Velmo2QuantiserCodes[index].Magnitude, magnitude) << bits;
-    EXPECT_EQ(index == Velmo2QuantiserEscape, magnitude == 5) << bits;
-  }
   EXPECT_EQ(Velmo2QuantiserCodes[Velmo2QuantiserEscape].Length, 4);
 }
 
 // ---------------------------------------------------------------------------------------------
-// Run codes
-
-// The next symbol of `bits` (first read first) at `at`, through the decoder's lookup.
-uint32_t Decode(uint32_t table, const std::string& bits, size_t* at) {
-  const uint8_t entry = Velmo2RunLookup(table)[Peek(bits.substr(*at, Velmo2RunLongestCode))];
-  *at += entry >> 4;
-  return entry & 15;
-}
+// Run codes (each symbol is read through the stream reader in velmo2_syntax_test)
 
 TEST(Velmo2RunCodes, BothTablesAreCompletePrefixCodes) {
   for (uint32_t t = 0; t < 2; ++t) {
@@ -239,46 +185,14 @@ TEST(Velmo2RunCodes, BothTablesAreCompletePrefixCodes) {
       }
     }
     EXPECT_DOUBLE_EQ(kraft, 1.0) << t;
-  }
-}
-
-TEST(Velmo2RunCodes, SymbolsSkipAndRepeatAsListed) {
-  for (uint32_t t = 0; t < 2; ++t) {
-    for (uint32_t s = 0; s <= 10; ++s) {
-      EXPECT_EQ(Velmo2RunCodes[t][s].Skip, s);
-      EXPECT_EQ(Velmo2RunCodes[t][s].Repeat, 0);
+    // Every 9-bit window of the stream starts with the code of the symbol the lookup gives.
+    for (uint32_t peek = 0; peek < (1u << Velmo2RunLongestCode); ++peek) {
+      const uint8_t entry = Velmo2RunLookup(t)[peek];
+      const Velmo2RunCode& c = Velmo2RunCodes[t][entry & 15];
+      ASSERT_EQ(uint32_t(entry >> 4), c.Length) << t << " " << peek;
+      EXPECT_EQ(peek & ((1u << c.Length) - 1), c.Bits) << t << " " << peek;
     }
-    EXPECT_EQ(Velmo2RunCodes[t][Velmo2RunEnd].Skip, 64);
-    EXPECT_EQ(Velmo2RunCodes[t][Velmo2RunSeven].Skip, 0);
-    EXPECT_EQ(Velmo2RunCodes[t][Velmo2RunSeven].Repeat, 7);
-    EXPECT_EQ(Velmo2RunCodes[t][Velmo2RunEscape].Repeat, 0);
   }
-}
-
-TEST(Velmo2RunCodes, LookupReadsPrintedCodesInStreamOrder) {
-  struct Printed {
-    uint32_t Table;
-    const char* Code;
-    uint32_t Symbol;
-  };
-  const Printed printed[] = {
-      {0, "1", 0},          {0, "000", 1},          {0, "0010", 2},      {0, "001101000", 3},
-      {0, "00110111", 8},   {0, "001101011", Velmo2RunEscape},           {0, "01", Velmo2RunEnd},
-      {0, "00111", Velmo2RunSeven},                 {1, "001", 1},       {1, "0000", 2},
-      {1, "0001", 3},       {1, "01011111", 10},    {1, "0100111", Velmo2RunEscape},
-      {1, "011", Velmo2RunEnd},                     {1, "010110", Velmo2RunSeven},
-  };
-  for (const Printed& p : printed) {
-    size_t at = 0;
-    EXPECT_EQ(Decode(p.Table, p.Code, &at), p.Symbol) << p.Code;
-    EXPECT_EQ(at, std::string(p.Code).size()) << p.Code;
-  }
-  // A run of codes one after another decodes symbol by symbol.
-  const std::string stream = std::string("0011001") + "1" + "00111" + "001101101" + "01";
-  size_t at = 0;
-  std::vector<uint32_t> symbols;
-  while (at < stream.size()) symbols.push_back(Decode(0, stream, &at));
-  EXPECT_EQ(symbols, (std::vector<uint32_t>{6, 0, Velmo2RunSeven, 10, Velmo2RunEnd}));
 }
 
 // ---------------------------------------------------------------------------------------------
