@@ -18,8 +18,10 @@
 int32_t Velmo2ClampPosition(int64_t value, int32_t lim, bool keepParity);
 
 // The four quadrants' absolute positions of the macroblock at (mbX, mbY) pixels with the
-// decoded vectors vx, vy (half pixels), clamped for a source plane of width x height luma
-// pixels; the frame word's parity flag picks the clamp. The vectors themselves are not changed.
+// decoded vectors vx, vy (half pixels), clamped to a width x height luma area; the frame
+// word's parity flag picks the clamp. Any area no larger than the source planes (the picture,
+// or the allocated planes) keeps every luma and chroma read inside them. The vectors
+// themselves are not changed.
 void Velmo2MotionPositions(uint32_t mbX, uint32_t mbY, const int32_t vx[4], const int32_t vy[4],
                            uint32_t width, uint32_t height, Velmo2FrameWord word, int32_t outX[4],
                            int32_t outY[4]);

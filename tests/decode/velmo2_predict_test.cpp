@@ -14,17 +14,17 @@
 
 namespace {
 
-constexpr int kGuard = 24;
-
-// A width x height plane with kGuard poisoned bytes on every side; the buffer is exactly that
-// size, so a read past the guard also goes past the allocation.
+// A width x height plane with `guard` poisoned bytes on every side; the buffer is exactly that
+// size, so a read past the guard (any read above or below a plane without one) also goes past
+// the allocation, which the address sanitizer reports.
 struct GuardedPlane {
-  int width, height;
+  int width, height, guard;
   ptrdiff_t pitch;
   std::vector<uint8_t> bytes;
 
-  GuardedPlane(int w, int h, std::mt19937& rng) : width(w), height(h), pitch(w + 2 * kGuard) {
-    bytes.assign(size_t(pitch) * (h + 2 * kGuard), 0);
+  GuardedPlane(int w, int h, std::mt19937& rng, int g = 24)
+      : width(w), height(h), guard(g), pitch(w + 2 * g) {
+    bytes.assign(size_t(pitch) * (h + 2 * guard), 0);
     Poison(0xA5);
     // Runs of extremes as well as noise, so that the filters' clamps are reached.
     std::uniform_int_distribution<int> any(0, 255), pick(0, 3);
@@ -34,26 +34,26 @@ struct GuardedPlane {
         Set(x, y, k == 0 ? 0 : k == 1 ? 255 : any(rng));
       }
   }
-  uint8_t* Origin() { return bytes.data() + kGuard * pitch + kGuard; }
+  uint8_t* Origin() { return bytes.data() + guard * pitch + guard; }
   bool Inside(int x, int y) const { return x >= 0 && y >= 0 && x < width && y < height; }
-  void Set(int x, int y, uint8_t v) { bytes[size_t((y + kGuard) * pitch + x + kGuard)] = v; }
+  void Set(int x, int y, uint8_t v) { bytes[size_t((y + guard) * pitch + x + guard)] = v; }
   // The reference's only way to read: fails the test for a sample outside the plane.
   int At(int x, int y) const {
     if (!Inside(x, y)) {
       ADD_FAILURE() << "reference read outside the plane at " << x << "," << y;
       return 0;
     }
-    return bytes[size_t((y + kGuard) * pitch + x + kGuard)];
+    return bytes[size_t((y + guard) * pitch + x + guard)];
   }
   void Poison(uint8_t v) {
-    for (int y = -kGuard; y < height + kGuard; ++y)
-      for (int x = -kGuard; x < width + kGuard; ++x)
-        if (!Inside(x, y)) bytes[size_t((y + kGuard) * pitch + x + kGuard)] = v;
+    for (int y = -guard; y < height + guard; ++y)
+      for (int x = -guard; x < width + guard; ++x)
+        if (!Inside(x, y)) bytes[size_t((y + guard) * pitch + x + guard)] = v;
   }
   bool GuardHolds(uint8_t v) const {
-    for (int y = -kGuard; y < height + kGuard; ++y)
-      for (int x = -kGuard; x < width + kGuard; ++x)
-        if (!Inside(x, y) && bytes[size_t((y + kGuard) * pitch + x + kGuard)] != v) return false;
+    for (int y = -guard; y < height + guard; ++y)
+      for (int x = -guard; x < width + guard; ++x)
+        if (!Inside(x, y) && bytes[size_t((y + guard) * pitch + x + guard)] != v) return false;
     return true;
   }
 };
@@ -281,12 +281,14 @@ TEST(Velmo2MotionPositions, ParityKeptOnlyWithTheFlag) {
 
 // ---- Fetches at any vector stay inside the plane -----------------------------------------------
 
-TEST(Velmo2Fetch, AnyVectorReadsOnlyThePlane) {
-  std::mt19937 rng(31);
-  const int w = 96, h = 64;
-  GuardedPlane luma(w, h, rng), chroma(w / 2, h / 2, rng);
-  std::uniform_int_distribution<int32_t> near(-80, 80), far(-100000, 100000), mbx(0, w / 32 - 1),
-      mby(0, h / 32 - 1);
+// Fetches at the clamped positions of random vectors, near and far, for a w x h luma plane and
+// its chroma plane of (w + 1) / 2 x (h + 1) / 2: each result must not depend on the guard
+// band, must leave it alone and must match the reference.
+void CheckFetchesStayInside(int w, int h, unsigned seed, int guard) {
+  std::mt19937 rng(seed);
+  GuardedPlane luma(w, h, rng, guard), chroma((w + 1) / 2, (h + 1) / 2, rng, guard);
+  std::uniform_int_distribution<int32_t> near(-80, 80), far(-100000, 100000),
+      mbx(0, (w - 1) / 32), mby(0, (h - 1) / 32);
   for (int i = 0; i < 400; ++i) {
     const bool wild = i % 3 == 0;
     int32_t vx[4], vy[4];
@@ -305,13 +307,22 @@ TEST(Velmo2Fetch, AnyVectorReadsOnlyThePlane) {
       luma.Poison(0xFF);
       chroma.Poison(0xFF);
       const Block16 l1 = FetchLuma(luma, x[q], y[q]), c1 = FetchChroma(chroma, x[q], y[q]);
-      ASSERT_EQ(l0, l1) << "luma at " << x[q] << "," << y[q];
+      ASSERT_EQ(l0, l1) << w << "x" << h << " " << "luma at " << x[q] << "," << y[q];
       ASSERT_EQ(c0, c1) << "chroma at " << x[q] << "," << y[q];
       ASSERT_TRUE(luma.GuardHolds(0xFF) && chroma.GuardHolds(0xFF));
       ASSERT_EQ(l1, ReferenceLuma(luma, x[q], y[q]));
       ASSERT_EQ(c1, ReferenceChroma(chroma, x[q], y[q]));
     }
   }
+}
+
+TEST(Velmo2Fetch, AnyVectorReadsOnlyThePlane) {
+  CheckFetchesStayInside(96, 64, 31, 24);
+  // A picture size off the macroblock grid, odd in both directions.
+  CheckFetchesStayInside(75, 45, 37, 24);
+  // Planes with nothing around them.
+  CheckFetchesStayInside(96, 64, 41, 0);
+  CheckFetchesStayInside(75, 45, 43, 0);
 }
 
 // ---- Stores ----------------------------------------------------------------------------------
