@@ -92,6 +92,50 @@ void Velmo2FilterHorizontalEdges(const Velmo2EdgeRules& rules, const Velmo2Plane
   }
 }
 
+namespace {
+
+int16_t Wrap16(int32_t v) { return int16_t(uint16_t(uint32_t(v))); }
+
+// Both sides flat with DC fields at most 32 apart: the offset-binary difference of the two
+// words, plus 32, is below 65 in unsigned arithmetic exactly then.
+bool FlatAndClose(uint16_t a, uint16_t b) {
+  return (a & b) >= Velmo2InfoClassMask &&
+         (uint32_t(a ^ 0x1000u) - uint32_t(b ^ 0x1000u) + 32u) < 65u;
+}
+
+}  // namespace
+
+void Velmo2ResidualSeamEdge(int16_t* q0, ptrdiff_t across, ptrdiff_t along, uint16_t a,
+                            uint16_t b) {
+  if (uint32_t(a | b) < 0x2000u || FlatAndClose(a, b)) return;
+  const uint8_t tapsP = Velmo2EdgeTaps[Velmo2InfoClass(a)];
+  const uint8_t tapsQ = Velmo2EdgeTaps[Velmo2InfoClass(b)];
+  for (uint32_t i = 0; i < 8; ++i, q0 += along) {
+    int16_t* p = q0;
+    const int16_t d = Wrap16(p[0] - p[-across]);
+    const int16_t da = Wrap16(Wrap16(d + 4) >> 3), db = Wrap16(Wrap16(d + 2) >> 2);
+    if (tapsP & Velmo2TapOuter) p[-2 * across] = Wrap16(p[-2 * across] + da);
+    if (tapsP & Velmo2TapInner) p[-across] = Wrap16(p[-across] + db);
+    if (tapsQ & Velmo2TapInner) p[0] = Wrap16(p[0] - db);
+    if (tapsQ & Velmo2TapOuter) p[across] = Wrap16(p[across] - da);
+  }
+}
+
+void Velmo2ResidualSeams(int16_t* residual, ptrdiff_t pitch, const uint16_t* info, uint32_t grid,
+                         Velmo2FrameWord word) {
+  const bool wide = word.WideInterDc();
+  if (!word.NoVerticalEdgeFilter() && !wide)
+    for (uint32_t y = 0; y < grid; ++y)
+      for (uint32_t x = 1; x < grid; ++x)
+        Velmo2ResidualSeamEdge(residual + ptrdiff_t(y) * 8 * pitch + x * 8, 1, pitch,
+                               info[Velmo2BlockIndex(x - 1, y)], info[Velmo2BlockIndex(x, y)]);
+  if (!word.NoHorizontalEdgeFilter() && !wide)
+    for (uint32_t y = 1; y < grid; ++y)
+      for (uint32_t x = 0; x < grid; ++x)
+        Velmo2ResidualSeamEdge(residual + ptrdiff_t(y) * 8 * pitch + x * 8, pitch, 1,
+                               info[Velmo2BlockIndex(x, y - 1)], info[Velmo2BlockIndex(x, y)]);
+}
+
 bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid, uint32_t limit,
                            uint32_t bx, uint32_t by) {
   uint16_t centre;

@@ -70,6 +70,23 @@ void Velmo2FilterHorizontalEdges(const Velmo2EdgeRules& rules, const Velmo2Plane
                                  const Velmo2InfoGrid& grid, bool chroma, uint32_t mbx,
                                  uint32_t mby);
 
+// ---- Residual seam filter -------------------------------------------------------------------
+
+// Smooths the residuals across the edge between two neighbouring blocks with block info words
+// a (left or upper) and b, before the prediction is added: 8 lines, `q0` at the first value on
+// b's side, `across` stepping over the edge and `along` along it (in values). Nothing happens
+// when neither side has class 1 or above, or when both are flat with DC values at most 32
+// apart. The arithmetic wraps in 16 bits as the vector form's does.
+void Velmo2ResidualSeamEdge(int16_t* q0, ptrdiff_t across, ptrdiff_t along, uint16_t a,
+                            uint16_t b);
+
+// The seams inside one macroblock plane's residual (grid 4: 32x32 values for luma, alpha and
+// HDR; grid 2: 16x16 for a chroma plane), `pitch` values a line: the vertical seams row by row
+// unless frame word bit 14 or 18 is set, then the horizontal ones unless bit 15 or 18 is.
+// `info` holds the plane's block words in macroblock block order (Velmo2BlockIndex).
+void Velmo2ResidualSeams(int16_t* residual, ptrdiff_t pitch, const uint16_t* info, uint32_t grid,
+                         Velmo2FrameWord word);
+
 // ---- Flat blocks ---------------------------------------------------------------------------
 
 // Settles block (bx, by) if it is an intra block of class 3: its 8x8 pixels are interpolated

@@ -451,4 +451,95 @@ TEST(Velmo2Seams, FinishSeamsRunsEachBoundaryOnce) {
   ExpectSamePixels(cb, wb);
 }
 
+// ---- Residual seam filter -----------------------------------------------------------------
+
+int Wrap(int v) { return ((v + 32768) & 0xFFFF) - 32768; }
+int SignedDc(uint16_t w) { return (w & 0x1000) ? (w & 0x1FFF) - 0x2000 : (w & 0x1FFF); }
+
+// One line of residuals across a seam, by the stated rule, with 16-bit wrapping.
+void ReferenceResidualLine(int16_t& p1, int16_t& p0, int16_t& q0, int16_t& q1, uint16_t wa,
+                           uint16_t wb) {
+  const int ca = ClassOf(wa), cb = ClassOf(wb);
+  if (ca == 0 && cb == 0) return;
+  if (ca == 3 && cb == 3 && std::abs(SignedDc(wa) - SignedDc(wb)) <= 32) return;
+  const int d = Wrap(q0 - p0), a = Wrap(d + 4) >> 3, b = Wrap(d + 2) >> 2;
+  const int np1 = p1 + a, np0 = p0 + b, nq0 = q0 - b, nq1 = q1 - a;
+  if (ca >= 2) p1 = int16_t(Wrap(np1));
+  if (ca >= 1) p0 = int16_t(Wrap(np0));
+  if (cb >= 1) q0 = int16_t(Wrap(nq0));
+  if (cb >= 2) q1 = int16_t(Wrap(nq1));
+}
+
+// A macroblock plane's residual by the reference: blocks given by column and row.
+void ReferenceResidual(std::vector<int16_t>& r, int n, const std::vector<uint16_t>& byPos,
+                       uint32_t word) {
+  const int size = n * 8;
+  auto at = [&](int x, int y) -> int16_t& { return r[size_t(y) * size + x]; };
+  const bool wide = word & 0x40000;
+  if (!(word & 0x4000) && !wide)
+    for (int by = 0; by < n; ++by)
+      for (int bx = 1; bx < n; ++bx)
+        for (int y = by * 8; y < by * 8 + 8; ++y)
+          ReferenceResidualLine(at(bx * 8 - 2, y), at(bx * 8 - 1, y), at(bx * 8, y),
+                                at(bx * 8 + 1, y), byPos[by * n + bx - 1], byPos[by * n + bx]);
+  if (!(word & 0x8000) && !wide)
+    for (int by = 1; by < n; ++by)
+      for (int bx = 0; bx < n; ++bx)
+        for (int x = bx * 8; x < bx * 8 + 8; ++x)
+          ReferenceResidualLine(at(x, by * 8 - 2), at(x, by * 8 - 1), at(x, by * 8),
+                                at(x, by * 8 + 1), byPos[(by - 1) * n + bx], byPos[by * n + bx]);
+}
+
+TEST(Velmo2ResidualSeams, MacroblockPlanesMatchTheReference) {
+  for (uint32_t word : {0x2000u, 0x6000u, 0xA000u, 0x42000u}) {
+    for (int n : {4, 2}) {
+      for (uint32_t seed = 1; seed <= 10; ++seed) {
+        std::mt19937 rng(seed * 31 + n);
+        std::vector<int16_t> got(size_t(n) * 8 * n * 8);
+        for (auto& v : got) v = int16_t(int(rng() % 1201) - 600);
+        // Values at the ends of the range, and differences near them, wrap as 16-bit values.
+        const int16_t extremes[8] = {-32768, -32767, 0, 1, 32764, 32765, 32766, 32767};
+        if (seed >= 9)
+          for (auto& v : got) v = extremes[rng() % 8];
+        std::vector<uint16_t> byPos(size_t(n) * n), blockOrder(byPos.size());
+        for (int i = 0; i < n * n; ++i) {
+          // Flat pairs get DC values near one another, so that both sides of the 32 limit occur.
+          byPos[i] = Word(false, int(rng() & 3), int(rng() % 70) - 35);
+          blockOrder[Velmo2BlockIndex(i % n, i / n)] = byPos[i];
+        }
+        std::vector<int16_t> want = got;
+        ReferenceResidual(want, n, byPos, word);
+        Velmo2ResidualSeams(got.data(), n * 8, blockOrder.data(), n, Velmo2FrameWord{word});
+        ASSERT_EQ(got, want) << "word " << std::hex << word << " grid " << n << " seed " << seed;
+      }
+    }
+  }
+}
+
+TEST(Velmo2ResidualSeams, FlatPairsAreLeftAloneUpTo32Apart) {
+  for (int diff : {-40, -33, -32, -1, 0, 31, 32, 33, 40}) {
+    for (int base : {-100, 0, 500}) {
+      int16_t line[4 * 8];
+      for (int i = 0; i < 32; ++i) line[i] = int16_t(i % 4 < 2 ? -50 : 70);
+      const int16_t before = line[2];
+      Velmo2ResidualSeamEdge(line + 2, 1, 4, Word(false, 3, base), Word(false, 3, base + diff));
+      EXPECT_EQ(line[2] == before, std::abs(diff) <= 32) << "DC " << base << " and " << base + diff;
+    }
+  }
+  // Class 0 against class 0 never changes; class 0 against class 1 changes the class 1 side's
+  // inner value only.
+  int16_t line[4 * 8];
+  for (int i = 0; i < 32; ++i) line[i] = int16_t(i % 4 < 2 ? -50 : 70);
+  Velmo2ResidualSeamEdge(line + 2, 1, 4, Word(false, 0, 0), Word(false, 0, 900));
+  EXPECT_EQ(line[0], -50);
+  EXPECT_EQ(line[1], -50);
+  EXPECT_EQ(line[2], 70);
+  EXPECT_EQ(line[3], 70);
+  Velmo2ResidualSeamEdge(line + 2, 1, 4, Word(false, 0, 0), Word(false, 1, 0));
+  EXPECT_EQ(line[0], -50);
+  EXPECT_EQ(line[1], -50);
+  EXPECT_EQ(line[2], 70 - ((120 + 2) >> 2));
+  EXPECT_EQ(line[3], 70);
+}
+
 }  // namespace
