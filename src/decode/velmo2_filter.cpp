@@ -203,9 +203,10 @@ void ApplyCodes(const Velmo2Plane& plane, uint32_t line, uint32_t x, uint32_t co
 
 }  // namespace
 
-void Velmo2WriteSeamCodes(uint8_t* record, const Velmo2EdgeRules& rules,
+bool Velmo2WriteSeamCodes(uint8_t* record, size_t bytes, const Velmo2EdgeRules& rules,
                           const Velmo2SeamGrids& grids, uint32_t height, uint32_t top,
                           uint32_t mbx) {
+  if (bytes < 4 || mbx >= (bytes - 4) / 4) return false;
   const uint32_t lumaRow = top / 8 + 2, chromaRow = top / 16 + 1;
   uint32_t luma = 0, chroma = 0;
   for (uint32_t k = 0; k < 4; ++k)
@@ -220,6 +221,7 @@ void Velmo2WriteSeamCodes(uint8_t* record, const Velmo2EdgeRules& rules,
   StoreCode(record, 2 * mbx, uint16_t(luma));
   StoreCode(record, 2 * mbx + 1, uint16_t(chroma));
   if (LoadCount(record) < mbx + 1) StoreCount(record, mbx + 1);
+  return true;
 }
 
 void Velmo2ApplySeam(uint8_t* record, size_t bytes, const Velmo2Plane& y, const Velmo2Plane& cr,

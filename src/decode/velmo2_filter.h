@@ -105,9 +105,10 @@ struct Velmo2SeamGrids {
   Velmo2InfoGrid Luma, Cr, Cb;
 };
 
-// Writes the codes of macroblock mbx whose row starts at luma line `top` into `record` and
-// raises the record's count to cover it. The record holds the layout's SeamRecordBytes.
-void Velmo2WriteSeamCodes(uint8_t* record, const Velmo2EdgeRules& rules,
+// Writes the codes of macroblock mbx whose row starts at luma line `top` into `record` (of
+// `bytes` bytes, the layout's SeamRecordBytes) and raises the record's count to cover it.
+// False, writing nothing, when the macroblock has no room in the record.
+bool Velmo2WriteSeamCodes(uint8_t* record, size_t bytes, const Velmo2EdgeRules& rules,
                           const Velmo2SeamGrids& grids, uint32_t height, uint32_t top,
                           uint32_t mbx);
 

@@ -62,7 +62,9 @@ struct Rules {
   std::vector<uint32_t> RowMap = std::vector<uint32_t>(4, 0);
   std::vector<uint32_t> ColumnMap = std::vector<uint32_t>(4, 0);
   void Mark(std::vector<uint32_t>& map, int k) { map[k / 32] |= 1u << (k % 32); }
-  bool Marked(const std::vector<uint32_t>& map, int k) const { return (map[k / 32] >> (k % 32)) & 1; }
+  bool Marked(const std::vector<uint32_t>& map, int k) const {
+    return (map[k / 32] >> (k % 32)) & 1;
+  }
   Velmo2EdgeRules View() const {
     return Velmo2EdgeRules{Velmo2FrameWord{Word}, RowMap.data(), RowMap.size(), ColumnMap.data(),
                            ColumnMap.size()};
@@ -392,7 +394,11 @@ TEST(Velmo2Seams, RecordAppliesTheHorizontalEdgeOnceAtTheSeamLines) {
   const Velmo2SeamGrids grids{gy.View(), gr.View(), gb.View()};
   std::vector<uint8_t> record(4 + 4 * ((w + 31) / 32), 0);
   for (uint32_t mbx = 0; mbx < 3; ++mbx)
-    Velmo2WriteSeamCodes(record.data(), r.View(), grids, h, boundary, mbx);
+    ASSERT_TRUE(Velmo2WriteSeamCodes(record.data(), record.size(), r.View(), grids, h, boundary,
+                                     mbx));
+  const std::vector<uint8_t> written = record;
+  EXPECT_FALSE(Velmo2WriteSeamCodes(record.data(), record.size(), r.View(), grids, h, boundary, 3));
+  EXPECT_EQ(record, written);
 
   // Reference: the horizontal edges of the seam line alone, from the full-plane reference run
   // on copies restricted to that edge by marking every other row edge.
@@ -435,8 +441,9 @@ TEST(Velmo2Seams, FinishSeamsRunsEachBoundaryOnce) {
   std::vector<uint8_t> records(layout.SeamRecordBytes * 2, 0);
   // Only the second boundary gets a record; the first stays at count 0 and is passed over.
   for (uint32_t mbx = 0; mbx < 2; ++mbx)
-    Velmo2WriteSeamCodes(records.data() + layout.SeamRecordBytes, r.View(), grids, h,
-                         layout.Ends[1], mbx);
+    ASSERT_TRUE(Velmo2WriteSeamCodes(records.data() + layout.SeamRecordBytes,
+                                     layout.SeamRecordBytes, r.View(), grids, h, layout.Ends[1],
+                                     mbx));
   Rules only = r;
   for (int k = 1; k < 16; ++k)
     if (k != int(layout.Ends[1] + 16) / 8) only.Mark(only.RowMap, k);
