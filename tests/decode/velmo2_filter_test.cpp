@@ -1,5 +1,5 @@
 // The second-generation in-loop filters against references written here straight from the
-// stated rules: a whole-plane edge filter (all vertical edges, then all horizontal ones) with
+// format rules: a whole-plane edge filter (all vertical edges, then all horizontal ones) with
 // its own tap and skip logic, and a flat-block interpolation with its own weight table.
 #include "decode/velmo2_filter.h"
 
@@ -73,7 +73,7 @@ struct Rules {
 
 bool PairSkipped(int ca, int cb) { return (ca == 0 && cb == 0) || (ca == 3 && cb == 3); }
 
-// The whole plane: every vertical edge, then every horizontal one, with the stated skips.
+// The whole plane: every vertical edge, then every horizontal one, with the format's skips.
 void ReferencePlane(TestPlane& p, TestGrid& g, const Rules& r, bool chroma) {
   const int scale = chroma ? 2 : 1;
   if (!(r.Word & 0x4000))
@@ -181,7 +181,7 @@ struct StepCase {
   void Run(const Rules& r) { Velmo2FilterVerticalEdges(r.View(), P.View(), G.View(), false, 0, 0); }
 };
 
-TEST(Velmo2EdgeFilterTaps, ClassPairsSwitchTheStatedPixels) {
+TEST(Velmo2EdgeFilterTaps, ClassPairsSwitchTheirPixels) {
   const Rules r;
   const std::vector<bool> none{false, false, false, false}, all{true, true, true, true};
   StepCase twoTwo(2, 2);
@@ -198,7 +198,7 @@ TEST(Velmo2EdgeFilterTaps, ClassPairsSwitchTheStatedPixels) {
   threeThree.Run(r);
   EXPECT_EQ(zeroZero.Changed(), none);
   EXPECT_EQ(threeThree.Changed(), none);
-  // The stated values for d = 160: a = 20, b = 40.
+  // The format's values for d = 160: a = 20, b = 40.
   EXPECT_EQ(twoTwo.P.At(6, 3), 60);
   EXPECT_EQ(twoTwo.P.At(7, 3), 80);
   EXPECT_EQ(twoTwo.P.At(8, 3), 160);
@@ -271,7 +271,7 @@ TEST(Velmo2EdgeFilterTaps, OneMacroblockWritesOnlyItsRegionAndTwoPixelsBeforeIt)
 
 // ---- Flat blocks --------------------------------------------------------------------------
 
-// f of the stated table, column i, near side l, far side r.
+// f of the format's table, column i, near side l, far side r.
 int ReferenceTaper(int i, int l, int r) {
   switch (i) {
     case 0: return (l * 26624) >> 16;
@@ -285,7 +285,7 @@ int ReferenceTaper(int i, int l, int r) {
   }
 }
 
-// The 8x8 pixels of flat block (bx, by) from the stated three steps.
+// The 8x8 pixels of flat block (bx, by) from the format's three steps.
 std::vector<int> ReferenceFlat(TestGrid& g, int bx, int by, int limit) {
   const int c = g.At(bx, by);
   int dc[3][3];
@@ -326,7 +326,7 @@ TestGrid FlatGrid(std::mt19937& rng) {
   return g;
 }
 
-TEST(Velmo2FlatBlocks, EveryPositionMatchesTheStatedInterpolation) {
+TEST(Velmo2FlatBlocks, EveryPositionMatchesTheInterpolationRule) {
   for (uint32_t seed = 1; seed <= 20; ++seed) {
     std::mt19937 rng(seed);
     TestGrid g = FlatGrid(rng);
@@ -463,7 +463,7 @@ TEST(Velmo2Seams, FinishSeamsRunsEachBoundaryOnce) {
 int Wrap(int v) { return ((v + 32768) & 0xFFFF) - 32768; }
 int SignedDc(uint16_t w) { return (w & 0x1000) ? (w & 0x1FFF) - 0x2000 : (w & 0x1FFF); }
 
-// One line of residuals across a seam, by the stated rule, with 16-bit wrapping.
+// One line of residuals across a seam, by the format's rule, with 16-bit wrapping.
 void ReferenceResidualLine(int16_t& p1, int16_t& p0, int16_t& q0, int16_t& q1, uint16_t wa,
                            uint16_t wb) {
   const int ca = ClassOf(wa), cb = ClassOf(wb);

@@ -1,5 +1,5 @@
 // Second-generation motion compensation: the position clamp, the luma and chroma fetches and
-// the stores, each against a reference written here from the stated formulas with plain loops
+// the stores, each against a reference written here from the format's formulas with plain loops
 // over a bounds-checked plane. Planes sit inside a poisoned guard band: a fetch must give the
 // same result whatever the guard holds and must leave it unchanged.
 #include "decode/velmo2_predict.h"
@@ -137,7 +137,7 @@ Block16 FetchChroma(GuardedPlane& plane, int x, int y) {
 
 // ---- Luma fetch ------------------------------------------------------------------------------
 
-TEST(Velmo2FetchLuma, EachParityCaseMatchesTheStatedFilter) {
+TEST(Velmo2FetchLuma, EachParityCaseMatchesTheFormatsFilter) {
   std::mt19937 rng(11);
   GuardedPlane plane(96, 64, rng);
   std::uniform_int_distribution<int> px(4, 2 * (96 - 20)), py(4, 2 * (64 - 20));

@@ -495,7 +495,7 @@ struct RunSymbol {
   uint32_t Repeat;
 };
 
-// The run code tables as listed, escape left out.
+// The run code tables, escape left out.
 const RunSymbol kRunSymbols[] = {
     {{"1", "1"}, 0, 0},
     {{"000", "001"}, 1, 0},

@@ -1,4 +1,4 @@
-// Constant tables of the second-generation format: entries printed in the format's description,
+// Constant tables of the second-generation format: known entries of the format's tables,
 // the rules the derived tables follow, and the structure of the scan and the run codes.
 #include "decode/velmo2_tables.h"
 
@@ -12,12 +12,12 @@ namespace {
 // ---------------------------------------------------------------------------------------------
 // Dequantisation
 
-TEST(Velmo2Dequant, RowZeroHoldsThePrintedEntries) {
+TEST(Velmo2Dequant, RowZeroHoldsTheFormatsEntries) {
   struct Entry {
     Velmo2DequantKind Kind;
     uint32_t Row, Column, Value;
   };
-  const Entry printed[] = {
+  const Entry known[] = {
       {Velmo2DequantIntraLuma, 0, 0, 1024},   {Velmo2DequantIntraLuma, 0, 1, 1432},
       {Velmo2DequantIntraLuma, 1, 0, 1313},   {Velmo2DequantIntraLuma, 0, 7, 8592},
       {Velmo2DequantIntraLuma, 1, 7, 12794},  {Velmo2DequantIntraLuma, 5, 1, 5704},
@@ -27,7 +27,7 @@ TEST(Velmo2Dequant, RowZeroHoldsThePrintedEntries) {
       {Velmo2DequantInter, 0, 1, 1193},       {Velmo2DequantInter, 3, 3, 811},
       {Velmo2DequantInter, 5, 7, 2486},       {Velmo2DequantInter, 7, 7, 5679},
   };
-  for (const Entry& e : printed) {
+  for (const Entry& e : known) {
     const uint32_t k = e.Row * 8 + e.Column;
     EXPECT_EQ(Velmo2DequantRow0[e.Kind][k], e.Value) << e.Kind << " " << k;
     EXPECT_EQ(Velmo2Dequant(e.Kind)[0][k], e.Value) << e.Kind << " " << k;

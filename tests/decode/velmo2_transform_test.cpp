@@ -1,5 +1,5 @@
 // The second-generation inverse transform: its full and corner forms against a reference built
-// straight from the stated steps in 32-bit arithmetic, reduced to 16 bits after every step.
+// straight from the format's steps in 32-bit arithmetic, reduced to 16 bits after every step.
 #include "decode/velmo2_tables.h"
 #include "decode/velmo2_transform.h"
 
@@ -74,7 +74,7 @@ Block RandomBlock(std::mt19937& rng, Dist& ac, bool cornerOnly, int acCount) {
   return b;
 }
 
-TEST(Velmo2Transform, FullFormMatchesTheStatedStepsOnTypicalBlocks) {
+TEST(Velmo2Transform, FullFormMatchesTheFormatsStepsOnTypicalBlocks) {
   std::mt19937 rng(1234);
   std::uniform_int_distribution<int> ac(-3000, 3000);
   for (int n = 0; n < 4000; ++n) {
