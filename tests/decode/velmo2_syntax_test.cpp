@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -15,6 +16,19 @@ namespace {
 constexpr uint32_t kMarker = 0x2D;  // six bits written after an element: it must read back
 
 void PutMarker(BitWriter& w) { w.Put(kMarker, 6); }
+
+// Reads one element with `read` from the stream `code`, and checks that the marker written
+// behind it comes next (no bit too many or too few); the element's value.
+template <typename Read>
+auto ReadAlone(std::string_view code, Read read) {
+  BitWriter w;
+  w.Code(code);
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  const auto value = read(s.Reader);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << code;
+  return value;
+}
 
 // ---- Encoders written from the code tables, for the round trips ----------------------------
 
@@ -121,12 +135,9 @@ TEST(Velmo2Quantiser, CodesAndSigns) {
       {"0000 11111 0", 36}, {"0000 11111 1", -36},
   };
   for (const auto& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadQuantiser(s.Reader, 20), 20 + c.Diff) << c.Code;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;  // zero reads no sign bit
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadQuantiser(r, 20); }),
+              20 + c.Diff)
+        << c.Code;  // zero reads no sign bit
   }
 }
 
@@ -179,13 +190,9 @@ TEST(Velmo2LumaMask, FormsFlipAndClone) {
       {"high half ignored", 0xFFFF0000, 0, "0 1 1 1 1 0", 0x0},
   };
   for (const MaskCase& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadLumaMask(s.Reader, c.Previous, Velmo2FrameWord{c.Frame}), c.Mask)
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadLumaMask(r, c.Previous, Velmo2FrameWord{c.Frame}); }),
+              c.Mask)
         << c.What;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.What;
   }
 }
 
@@ -200,13 +207,9 @@ TEST(Velmo2LumaMask, WideDcFrameSkipsCloneBitOfZeroMask) {
       {"without the bit", 0x0FFF, 0x0, "0 " "1111111111111111 1", 0x0},
   };
   for (const MaskCase& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadLumaMask(s.Reader, c.Previous, Velmo2FrameWord{c.Frame}), c.Mask)
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadLumaMask(r, c.Previous, Velmo2FrameWord{c.Frame}); }),
+              c.Mask)
         << c.What;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.What;
   }
 }
 
@@ -219,12 +222,9 @@ TEST(Velmo2ChromaMask, DefaultKeepsHighBitsExplicitMayClone) {
       {"explicit alone", 0xF000F, 0, "0 1010 0", 0x5},
   };
   for (const MaskCase& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadChromaMask(s.Reader, c.Previous), c.Mask) << c.What;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.What;
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadChromaMask(r, c.Previous); }),
+              c.Mask)
+        << c.What;
   }
 }
 
@@ -244,12 +244,9 @@ TEST(Velmo2DcLevel, CodesAndTheirBounds) {
       {"11111111111 11111111 0", 513},
   };
   for (const auto& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadDcLevel(s.Reader), c.Level) << c.Code;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadDcLevel(r); }),
+              c.Level)
+        << c.Code;
   }
 }
 
@@ -402,12 +399,9 @@ TEST(Velmo2VectorDiff, ExpGolombCodesAndEscape) {
       {std::string(16, '0') + std::string(16, '1'), 65535},               // i = 131070
   };
   for (const auto& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadVectorDiff(s.Reader), c.Value) << c.Code;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadVectorDiff(r); }),
+              c.Value)
+        << c.Code;
   }
 }
 
@@ -567,12 +561,9 @@ TEST(Velmo2AcLevel, CodesAndTheirBounds) {
       {"11111111111 111111111 0", 1025},
   };
   for (const auto& c : cases) {
-    BitWriter w;
-    w.Code(c.Code);
-    PutMarker(w);
-    Velmo2TestStream s(w);
-    EXPECT_EQ(Velmo2ReadAcLevel(s.Reader), c.Level) << c.Code;
-    EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker) << c.Code;
+    EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadAcLevel(r); }),
+              c.Level)
+        << c.Code;
   }
 }
 
