@@ -30,6 +30,17 @@ auto ReadAlone(std::string_view code, Read read) {
   return value;
 }
 
+// Writes every value with `put`, then the marker, and reads them all back in order with `read`.
+template <typename Put, typename Read>
+void ExpectReadsBack(const std::vector<int32_t>& values, Put put, Read read) {
+  BitWriter w;
+  for (int32_t v : values) put(w, v);
+  PutMarker(w);
+  Velmo2TestStream s(w);
+  for (int32_t v : values) ASSERT_EQ(read(s.Reader), v);
+  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+}
+
 // ---- Encoders written from the code tables, for the round trips ----------------------------
 
 void PutQuantiserDiff(BitWriter& w, int32_t d) {
@@ -152,15 +163,8 @@ TEST(Velmo2Quantiser, PredictionIsMedianBelowTheFirstRow) {
 TEST(Velmo2Quantiser, RandomDifferencesRoundTrip) {
   std::mt19937 rng(11);
   std::vector<int32_t> diffs(500);
-  BitWriter w;
-  for (int32_t& d : diffs) {
-    d = int32_t(rng() % 73) - 36;
-    PutQuantiserDiff(w, d);
-  }
-  PutMarker(w);
-  Velmo2TestStream s(w);
-  for (int32_t d : diffs) ASSERT_EQ(Velmo2ReadQuantiserDiff(s.Reader), d);
-  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  for (int32_t& d : diffs) d = int32_t(rng() % 73) - 36;
+  ExpectReadsBack(diffs, PutQuantiserDiff, Velmo2ReadQuantiserDiff);
 }
 
 // ---- Masks ---------------------------------------------------------------------------------
@@ -286,15 +290,8 @@ TEST(Velmo2DcResidual, FlagThenOneCodePerBlock) {
 TEST(Velmo2DcLevel, RandomLevelsRoundTrip) {
   std::mt19937 rng(3);
   std::vector<int32_t> levels(2000);
-  BitWriter w;
-  for (int32_t& l : levels) {
-    l = int32_t(rng() % 1027) - 513;
-    PutDcLevel(w, l);
-  }
-  PutMarker(w);
-  Velmo2TestStream s(w);
-  for (int32_t l : levels) ASSERT_EQ(Velmo2ReadDcLevel(s.Reader), l);
-  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  for (int32_t& l : levels) l = int32_t(rng() % 1027) - 513;
+  ExpectReadsBack(levels, PutDcLevel, Velmo2ReadDcLevel);
 }
 
 // ---- Block info words ----------------------------------------------------------------------
@@ -434,17 +431,11 @@ TEST(Velmo2VectorDiff, OneOrFourVectorsXFirst) {
 TEST(Velmo2VectorDiff, RandomDifferencesRoundTrip) {
   std::mt19937 rng(5);
   std::vector<int32_t> values;
-  BitWriter w;
   for (int i = 0; i < 3000; ++i) {
     const uint32_t range = i % 3 == 0 ? 40 : i % 3 == 1 ? 70000 : 131071;
-    const int32_t v = int32_t(rng() % range) - int32_t(range / 2);
-    values.push_back(v);
-    PutVectorDiff(w, v);
+    values.push_back(int32_t(rng() % range) - int32_t(range / 2));
   }
-  PutMarker(w);
-  Velmo2TestStream s(w);
-  for (int32_t v : values) ASSERT_EQ(Velmo2ReadVectorDiff(s.Reader), v);
-  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  ExpectReadsBack(values, PutVectorDiff, Velmo2ReadVectorDiff);
 }
 
 }  // namespace
@@ -570,17 +561,11 @@ TEST(Velmo2AcLevel, CodesAndTheirBounds) {
 TEST(Velmo2AcLevel, RandomLevelsRoundTrip) {
   std::mt19937 rng(9);
   std::vector<int32_t> levels;
-  BitWriter w;
   for (int i = 0; i < 3000; ++i) {
-    int32_t l = int32_t(rng() % 2051) - 1025;
-    if (l == 0) l = 1;
-    levels.push_back(l);
-    PutAcLevel(w, l);
+    const int32_t l = int32_t(rng() % 2051) - 1025;
+    levels.push_back(l == 0 ? 1 : l);
   }
-  PutMarker(w);
-  Velmo2TestStream s(w);
-  for (int32_t l : levels) ASSERT_EQ(Velmo2ReadAcLevel(s.Reader), l);
-  EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
+  ExpectReadsBack(levels, PutAcLevel, Velmo2ReadAcLevel);
 }
 
 TEST(Velmo2AcBlock, RunsPlaceLevelsAlongTheScan) {
