@@ -35,6 +35,16 @@ class TruncatedInputTest : public MediaTest {
     WriteFile(dir / cut, bytes);
     return dir / cut;
   }
+  // A sound cut short opens with what is there, `bytes` of it, and says so once, naming `path`.
+  void ExpectCutSoundWarnsOnce(const std::string& path, uint64_t bytes) {
+    Log.Clear();
+    SoundInput* sound = SoundOpen(path.c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
+    ASSERT_NE(sound, nullptr) << path;
+    EXPECT_EQ(sound->total_bytes, bytes) << path;
+    EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1) << path;
+    EXPECT_TRUE(Log.Said(path, MediaLevelWarning)) << path;
+    SoundClose(sound);
+  }
   // Reads every frame; the count of frames delivered before the first failure.
   static uint32_t ReadAll(MediaInput* in, bool* failed) {
     uint32_t frames = 0;
@@ -278,13 +288,7 @@ TEST_F(TruncatedInputTest, CutAviRecordingsWarnOnce) {
   WriteFile(dir / "rec.avi", avi.file);
   const std::string soundCut = Cut("rec.avi", avi.sound_at[2] + 500, "sound_cut.avi");
   EXPECT_EQ(ReadThrough(soundCut), (Reading{true, 3, false, 0, 0, 0}));
-  Log.Clear();
-  SoundInput* sound = SoundOpen(soundCut.c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
-  ASSERT_NE(sound, nullptr);
-  EXPECT_EQ(sound->total_bytes, 4500u);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
-  EXPECT_TRUE(Log.Said(soundCut, MediaLevelWarning));
-  SoundClose(sound);
+  ExpectCutSoundWarnsOnce(soundCut, 4500);
 
   // Frame 3's chunk starts 8 bytes behind the second sound chunk's 2000 bytes.
   const std::string frameCut = Cut("rec.avi", avi.sound_at[1] + 2000 + 8 + 30, "frame_cut.avi");
@@ -293,7 +297,7 @@ TEST_F(TruncatedInputTest, CutAviRecordingsWarnOnce) {
 
   // The whole file says nothing.
   EXPECT_EQ(ReadThrough(dir / "rec.avi"), (Reading{true, 3, false, 0, 0, 0}));
-  sound = SoundOpen((dir / "rec.avi").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
+  SoundInput* sound = SoundOpen((dir / "rec.avi").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
   ASSERT_NE(sound, nullptr);
   EXPECT_EQ(sound->total_bytes, 6000u);
   EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 0);
@@ -317,13 +321,7 @@ TEST_F(TruncatedInputTest, WaveFilesWithoutAllTheirSamples) {
   SoundClose(none);
 
   const std::string part = Cut("s.wav", header + 3000, "part.wav");
-  Log.Clear();
-  SoundInput* sound = SoundOpen(part.c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
-  ASSERT_NE(sound, nullptr);
-  EXPECT_EQ(sound->total_bytes, 3000u);
-  EXPECT_EQ(Log.CountLevel(MediaLevelWarning), 1);
-  EXPECT_TRUE(Log.Said(part, MediaLevelWarning));
-  SoundClose(sound);
+  ExpectCutSoundWarnsOnce(part, 3000);
 
   Log.Clear();
   SoundInput* whole = SoundOpen((dir / "s.wav").c_str(), 0, 0, 0, 0, 0, 0, 0, 0, Log.Sink());
