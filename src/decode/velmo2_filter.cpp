@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "decode/velmo2_kernels.h"
+
 namespace {
 
 uint8_t Clamp255(int32_t v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); }
@@ -153,21 +155,9 @@ bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid,
       dc[dy + 1][dx + 1] = Velmo2InfoDc(close ? n : centre);
     }
   }
-  // Step 2: each row of the neighbourhood tapered across its 8 columns.
-  int32_t rows[3][8];
-  for (int r = 0; r < 3; ++r) {
-    const int32_t c = dc[r][1], dl = dc[r][0] - c, dr = dc[r][2] - c;
-    for (uint32_t i = 0; i < 8; ++i) rows[r][i] = c + 4 + Velmo2FlatTaper(i, dl, dr);
-  }
-  // Step 3: down each column, the same taper between the top and bottom rows.
   const uint32_t lines = Remaining(plane.Height, by * 8), columns = Remaining(plane.Width, bx * 8);
-  uint8_t* out = plane.Pixels + ptrdiff_t(by) * 8 * plane.Pitch + ptrdiff_t(bx) * 8;
-  for (uint32_t j = 0; j < lines; ++j, out += plane.Pitch) {
-    for (uint32_t i = 0; i < columns; ++i) {
-      const int32_t m = rows[1][i], dt = rows[0][i] - m, db = rows[2][i] - m;
-      out[i] = Clamp255((m + Velmo2FlatTaper(j, dt, db)) >> 3);
-    }
-  }
+  Velmo2FlatBlockPlain(dc, plane.Pixels + ptrdiff_t(by) * 8 * plane.Pitch + ptrdiff_t(bx) * 8,
+                       plane.Pitch, columns, lines);
   return true;
 }
 

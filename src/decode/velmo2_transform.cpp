@@ -84,9 +84,3 @@ void Velmo2TransformCornerPlain(const int16_t coeffs[64], int16_t out[64]) {
 }
 
 int16_t Velmo2TransformDcOnly(int16_t dc) { return int16_t(Sar(DcInput(dc), 6)); }
-
-void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t /*features*/) {
-  // Only plain forms exist so far; vector forms will be chosen here by the feature word.
-  kernels->Transform = Velmo2TransformPlain;
-  kernels->TransformCorner = Velmo2TransformCornerPlain;
-}

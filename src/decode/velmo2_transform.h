@@ -22,12 +22,3 @@ void Velmo2TransformCornerPlain(const int16_t coeffs[64], int16_t out[64]);
 
 // The value of every pixel of a block with no AC coefficient: (DC + 4) * 8 >> 6.
 int16_t Velmo2TransformDcOnly(int16_t dc);
-
-// The decoder's kernel table; vector forms, where they exist, must give the plain forms' bits.
-struct Velmo2Kernels {
-  Velmo2TransformKernel Transform;
-  Velmo2TransformKernel TransformCorner;
-};
-
-// Fills `kernels` with the best forms the feature word (ProcessorFeatures()) allows.
-void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t features);

@@ -1,6 +1,7 @@
 // The second-generation inverse transform: its full and corner forms against a reference built
 // straight from the format's steps in 32-bit arithmetic, reduced to 16 bits after every step.
 #include "decode/velmo2_tables.h"
+#include "decode/velmo2_kernels.h"
 #include "decode/velmo2_transform.h"
 
 #include <gtest/gtest.h>
