@@ -46,8 +46,8 @@ Velmo2SliceLayout Velmo2LayoutFor(std::string_view tag, uint32_t fileFlags, uint
   Velmo2SliceLayout l{};
   l.SeamRecordBytes = ((width + 31) / 8 & ~3u) + 4;
   const uint32_t a = (height + 31) & ~31u;
-  // Pictures of up to 127 lines are one slice whatever the rounded height.
-  const bool tall = height > 127;
+  // The count follows the height rounded up to whole macroblock rows: one slice up to 96 lines.
+  const bool tall = a > 127;
   if (tag == "VM2f") {
     l.Slices = 2;
     l.Ends[0] = Down32((height + 32) / 2);

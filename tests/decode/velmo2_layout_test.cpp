@@ -71,16 +71,20 @@ TEST(Velmo2SliceLayout, EndsCountsAndSeamRecords) {
       {"VM2f", 0, 64, 64, {32, 64}, 2, 12},
       {"VM2f", 0, 64, 32, {32}, 2, 12},
       {"VM2f", 0, 64, 127, {64, 127}, 2, 12},
-      // 127 lines round up to 128 but a single slice; 128 lines give the file's count.
-      {"VM2g", 0, 64, 127, {128}, 1, 12},
+      // The count follows the height rounded up to 32: 96 lines are one slice, 97 and 127
+      // round up to 128 and have the file's count.
+      {"VM2g", 0, 64, 96, {96}, 1, 12},
+      {"VM2g", 0, 64, 97, {64, 128}, 2, 12},
+      {"VM2g", 0, 64, 127, {64, 128}, 2, 12},
       {"VM2g", 0, 64, 128, {64, 128}, 2, 12},
       {"VM2g", 3, 1280, 720, {352, 736}, 2, 164},
-      {"VM2h", 0, 64, 127, {128}, 1, 12},
+      {"VM2h", 0, 64, 96, {96}, 1, 12},
+      {"VM2h", 0, 64, 127, {64, 128}, 2, 12},
       {"VM2h", 0, 64, 128, {64, 128}, 2, 12},
       {"VM2i", 1, 64, 128, {64, 96, 128}, 3, 12},
       {"VM2j", 2, 64, 128, {32, 64, 96, 128}, 4, 12},
       {"VM2m", 3, 1920, 1080, {160, 320, 448, 576, 704, 832, 960, 1088}, 8, 244},
-      {"VM2k", 3, 8, 100, {128}, 1, 8},
+      {"VM2k", 3, 8, 100, {32, 64, 96, 128, 128, 128, 128, 128}, 8, 8},
       {"VM2k", 3, 8, 129, {32, 64, 96, 128, 160, 160, 160, 160}, 8, 8},
       // Unknown tags: two slices, no ends, no seam records.
       {"VM1x", 0, 1920, 1080, {}, 2, 0},
@@ -105,7 +109,7 @@ TEST(Velmo2SliceLayout, EndsAreRisingWholeRows) {
         const Velmo2SliceLayout l = Velmo2LayoutFor(tag, flags, 640, h);
         const uint32_t a = (h + 31) / 32 * 32;
         ASSERT_EQ(l.EndsSet, l.Slices);
-        EXPECT_EQ(l.Slices, h > 127 ? (flags == 3 ? 8u : flags + 2) : 1u);
+        EXPECT_EQ(l.Slices, a > 127 ? (flags == 3 ? 8u : flags + 2) : 1u);
         EXPECT_EQ(l.Ends[l.Slices - 1], a);
         for (uint32_t i = 0; i < l.Slices; ++i) {
           EXPECT_EQ(l.Ends[i] % 32, 0u) << tag << " " << h;
