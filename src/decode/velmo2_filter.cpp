@@ -14,8 +14,8 @@ bool MapBit(const uint32_t* map, size_t words, uint32_t k) {
 
 // The word of block (bx, by), or false when the grid has none there.
 bool InfoAt(const Velmo2InfoGrid& grid, int64_t bx, int64_t by, uint16_t* info) {
-  if (bx < 0 || by < 0 || bx >= grid.Columns || by >= grid.Rows) return false;
-  *info = grid.Info[size_t(by) * grid.Stride + size_t(bx)];
+  if (bx < 0 || by < grid.FirstRow || bx >= grid.Columns || by >= grid.Rows) return false;
+  *info = grid.Info[size_t(by - grid.FirstRow) * grid.Stride + size_t(bx)];
   return true;
 }
 
@@ -204,8 +204,10 @@ bool Velmo2WriteSeamCodes(uint8_t* record, size_t bytes, const Velmo2EdgeRules& 
             << (4 * k);
   for (uint32_t k = 0; k < 2; ++k) {
     const uint32_t bx = 2 * mbx + k;
-    chroma |= Velmo2HorizontalEdgeCode(rules, grids.Cr, true, height / 2, bx, chromaRow) << (4 * k);
-    chroma |= Velmo2HorizontalEdgeCode(rules, grids.Cb, true, height / 2, bx, chromaRow)
+    const uint32_t chromaHeight = (height + 1) / 2;
+    chroma |= Velmo2HorizontalEdgeCode(rules, grids.Cr, true, chromaHeight, bx, chromaRow)
+              << (4 * k);
+    chroma |= Velmo2HorizontalEdgeCode(rules, grids.Cb, true, chromaHeight, bx, chromaRow)
               << (4 * k + 8);
   }
   StoreCode(record, 2 * mbx, uint16_t(luma));

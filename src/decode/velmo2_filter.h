@@ -24,12 +24,14 @@ struct Velmo2Plane {
 };
 
 // The block info words of one plane, one per 8x8 block, row by row. Blocks outside Columns x
-// Rows count as absent (a picture edge, or a slice edge where no words are kept).
+// Rows, or above FirstRow, count as absent (a picture edge, or a slice edge where no words are
+// kept). Info holds the words from block row FirstRow on.
 struct Velmo2InfoGrid {
   const uint16_t* Info;
   size_t Stride;  // words from one block row to the next
   uint32_t Columns;
   uint32_t Rows;
+  uint32_t FirstRow = 0;
 };
 
 // What decides which edges are filtered: the frame word bits 14 and 15 and the two edge maps

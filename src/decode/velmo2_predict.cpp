@@ -42,13 +42,14 @@ int32_t Quarter(int32_t a, int32_t b, int32_t fraction) {
 }  // namespace
 
 int32_t Velmo2ClampPosition(int64_t value, int32_t lim, bool keepParity) {
-  int32_t lo = 0, hi = lim - 32;
-  if (value & 1) {
-    lo = keepParity ? 5 : 4;
-    hi = keepParity ? lo + lim - 42 : lim - 42;
-  }
+  const int32_t oddLo = keepParity ? 5 : 4;
+  const int32_t oddHi = keepParity ? oddLo + lim - 42 : lim - 42;
+  // A plane too narrow for the six taps around an odd position (under 21 pixels) has no
+  // room for one: the position is taken as the even one below it, which reads no neighbours.
+  if ((value & 1) && oddHi >= oddLo) return int32_t(std::clamp<int64_t>(value, oddLo, oddHi));
+  const int64_t even = value & ~int64_t(1);
   // A plane too small for the block leaves only the low bound.
-  return int32_t(std::clamp<int64_t>(value, lo, std::max(lo, hi)));
+  return int32_t(std::clamp<int64_t>(even, 0, std::max(0, lim - 32)));
 }
 
 void Velmo2MotionPositions(uint32_t mbX, uint32_t mbY, const int32_t vx[4], const int32_t vy[4],

@@ -14,7 +14,9 @@
 
 // One component of an absolute position held inside the plane. `lim` is twice the plane size
 // in that direction (in pixels). Even values stay within 0 .. lim - 32; odd ones within 4 ..
-// lim - 42, or, with `keepParity`, within 5 .. lim - 37 so that they stay odd.
+// lim - 42, or, with `keepParity`, within 5 .. lim - 37 so that they stay odd. In a plane
+// under 21 pixels, where no odd position has room for the filter taps, odd values become the
+// even value below them.
 int32_t Velmo2ClampPosition(int64_t value, int32_t lim, bool keepParity);
 
 // The four quadrants' absolute positions of the macroblock at (mbX, mbY) pixels with the

@@ -4,6 +4,8 @@
 #include <new>
 
 #include "decode/velmo1_decoder.h"
+#include "decode/velmo2_decoder.h"
+#include "host/cpu_features.h"
 #include "format/container.h"
 
 namespace {
@@ -38,7 +40,8 @@ uint32_t ShareFlags(uint32_t openFlags, uint32_t first, uint32_t count) {
 }
 
 bool Velmo1DecodeSlices(void* decoder, VelmoFrameBuffers* picture, const uint8_t* video,
-                        uint32_t videoSize, uint32_t first, uint32_t count, uint32_t* figure) {
+                        uint32_t videoSize, bool /*key*/, uint32_t first, uint32_t count,
+                        uint32_t* figure) {
   const Velmo1State* s = static_cast<const Velmo1State*>(decoder);
   const uint32_t flags = ShareFlags(s->Config.OpenFlags, first, count);
   if ((flags & Velmo1SkipLuma) && (flags & Velmo1SkipChroma)) return false;
@@ -54,7 +57,44 @@ void Velmo1Destroy(void* decoder) { delete static_cast<Velmo1State*>(decoder); }
 const VelmoVideoDecoder Velmo1VideoDecoder = {"Velmo 1", Velmo1Create, Velmo1DecodeSlices,
                                               nullptr, Velmo1Destroy};
 
+namespace {
+
+void* Velmo2Create(const VelmoDecoderConfig* config) {
+  Velmo2DecoderSetup setup{};
+  setup.Width = config->Width;
+  setup.Height = config->Height;
+  for (int i = 0; i < 4; ++i) setup.Tag[i] = char(config->FileTag >> (8 * i));
+  setup.FileFlags = config->FileFlags;
+  setup.Alpha = config->FileFlags & VelmoFlagAlpha;
+  setup.Hdr = config->FileFlags & VelmoFlagHdr;
+  setup.Features = ProcessorFeatures();
+  setup.SeamRecords = config->SliceScratch;
+  return Velmo2DecoderCreate(setup);
+}
+
+bool Velmo2DecodeSlices(void* decoder, VelmoFrameBuffers* picture, const uint8_t* video,
+                        uint32_t videoSize, bool key, uint32_t first, uint32_t count,
+                        uint32_t* figure) {
+  const Velmo2FrameResult result = Velmo2DecodeFrame(static_cast<Velmo2Decoder*>(decoder),
+                                                     picture, video, videoSize, key, first, count);
+  if (result == Velmo2FrameNoDecoder) return false;
+  *figure = result == Velmo2FrameOldStream ? Velmo2FigureOldStream : 0;
+  return true;
+}
+
+void Velmo2FinishFrame(void* decoder, VelmoFrameBuffers* picture) {
+  Velmo2DecoderFinishSeams(static_cast<Velmo2Decoder*>(decoder), picture);
+}
+
+void Velmo2Destroy(void* decoder) { Velmo2DecoderDestroy(static_cast<Velmo2Decoder*>(decoder)); }
+
+}  // namespace
+
+const VelmoVideoDecoder Velmo2VideoDecoder = {"Velmo 2", Velmo2Create, Velmo2DecodeSlices,
+                                              Velmo2FinishFrame, Velmo2Destroy};
+
 const VelmoVideoDecoder* VelmoDecoderForTag(uint32_t fileTag) {
   if (MagicIsFirstGeneration(fileTag)) return &Velmo1VideoDecoder;
+  if (MagicIsSecondGeneration(fileTag)) return &Velmo2VideoDecoder;
   return nullptr;
 }

@@ -52,3 +52,19 @@ uint32_t ProcessorFeatures() {
 void FeatureMask(uint32_t clear) {
   forcedOff.store(clear);
 }
+
+#if ORN_X86_KERNELS
+#include <xmmintrin.h>
+
+uint32_t FloatFlushToZero(bool denormalsAreZero) {
+  const uint32_t saved = _mm_getcsr();
+  constexpr uint32_t kFlushToZero = 0x8000, kDenormalsAreZero = 0x40;
+  _mm_setcsr(saved | kFlushToZero | (denormalsAreZero ? kDenormalsAreZero : 0));
+  return saved;
+}
+
+void FloatRestore(uint32_t state) { _mm_setcsr(state); }
+#else
+uint32_t FloatFlushToZero(bool) { return 0; }
+void FloatRestore(uint32_t) {}
+#endif

@@ -68,3 +68,10 @@ inline int ProcessorLevelOf(uint32_t features) {
     ++level;
   return level;
 }
+
+// ---------------------------------------------------------------------------------------------
+// Floating-point state of the calling thread. FloatFlushToZero turns flush-to-zero on, and
+// denormals-are-zero with `denormalsAreZero`, and returns the state to hand back to
+// FloatRestore. Elsewhere than x86 both do nothing.
+uint32_t FloatFlushToZero(bool denormalsAreZero);
+void FloatRestore(uint32_t state);

@@ -325,8 +325,10 @@ const char* PlanBlock(OpenJob& job) {
   job.ExtrasSize = VelmoExtrasSize(h->Magic, h->FileFlags);
   job.TablesSize = VelmoTablesSize(job.TrackCount, h->IndexFrames);
   const uint64_t ringBytes = uint64_t(VelmoRingCount) * h->RingSize * 4;
+  // One seam record per slice boundary, each a count word and two codes per macroblock.
+  const uint64_t seamRecordBytes = (((uint64_t(h->Width) + 31) / 8) & ~uint64_t(3)) + 4;
   const uint64_t scratchBytes =
-      second && slices.Count > 1 ? uint64_t(slices.Count - 1) * ((h->Width + 31) / 32) * 4 + 4 : 0;
+      second && slices.Count > 1 ? uint64_t(slices.Count - 1) * seamRecordBytes : 0;
   const uint64_t trackBytes = uint64_t(std::max(job.AskedTracks, 1u)) * 448;
   const uint64_t indexBytes = uint64_t(std::max(job.AskedTracks, 1u)) * 4;
   const uint64_t frameTableBytes = (uint64_t(h->IndexFrames) + 1) * 8;
@@ -497,7 +499,9 @@ const char* CreateDecoder(OpenJob& job) {
   if (!h->FrameBuffers) return nullptr;
   const VelmoVideoDecoder* decoder = VelmoDecoderForTag(h->Magic);
   if (!decoder) return nullptr;
-  const VelmoDecoderConfig config{h->Magic, h->FileFlags, h->Width, h->Height, h->OpenFlags};
+  const VelmoDecoderConfig config{h->Magic,     h->FileFlags, h->Width,
+                                  h->Height,    h->OpenFlags,
+                                  reinterpret_cast<uint8_t*>(h->SliceScratch)};
   h->DecoderState = decoder->Create(&config);
   if (!h->DecoderState) return "Out of memory.";
   h->Decoder = decoder;

@@ -75,7 +75,8 @@ bool DecodeVideo(VelmoState* h, const VelmoPacketLayout& layout, uint32_t first,
   if (!h->Decoder) return false;
   const uint8_t* video = h->FrameData + layout.VideoOffset;
   uint32_t result = 0;
-  if (!h->Decoder->DecodeSlices(h->DecoderState, h->FrameBuffers, video, layout.VideoSize, first,
+  if (!h->Decoder->DecodeSlices(h->DecoderState, h->FrameBuffers, video, layout.VideoSize,
+                                h->FrameIsKey != 0, first,
                                 count, &result))
     return false;
   KeepHighest(&h->DecodeResultShadow, result);

@@ -175,19 +175,21 @@ TEST(Velmo1Frame, SmallGivenBundleSizesAreRaised) {
 // whole decode; the luma share alone leaves chroma and alpha, and the alpha open bit decides.
 TEST(Velmo1Frame, DecoderRecordSharesAddUpToTheWholeFrame) {
   EXPECT_EQ(VelmoDecoderForTag(TagVLMi), &Velmo1VideoDecoder);
-  EXPECT_EQ(VelmoDecoderForTag(VelmoMagicVM2j), nullptr);
+  EXPECT_EQ(VelmoDecoderForTag(VelmoMagicVM2j), &Velmo2VideoDecoder);
+  EXPECT_EQ(VelmoDecoderForTag(0x41424344), nullptr);
   const std::vector<uint8_t> section = Section(true);
   FrameCase whole;
   whole.Decode(section, Velmo1AlphaPlane, Velmo1FileHasAlpha, TagVLMi);
 
-  const VelmoDecoderConfig config{TagVLMi, Velmo1FileHasAlpha, 32, 16, Velmo1AlphaPlane};
+  const VelmoDecoderConfig config{TagVLMi, Velmo1FileHasAlpha, 32, 16, Velmo1AlphaPlane, nullptr};
   void* decoder = Velmo1VideoDecoder.Create(&config);
   ASSERT_NE(decoder, nullptr);
   FrameCase shares;
   uint32_t figure = 0;
   const auto share = [&](uint32_t first, uint32_t count) {
     return Velmo1VideoDecoder.DecodeSlices(decoder, &shares.F.Fb, section.data(),
-                                           uint32_t(section.size()), first, count, &figure);
+                                           uint32_t(section.size()), false, first, count,
+                                           &figure);
   };
   ASSERT_TRUE(share(0, 1));
   EXPECT_EQ(shares.At(VelmoPlaneY, 0, 0), 10);
