@@ -12,6 +12,12 @@
 #include <cstddef>
 #include <cstdint>
 
+// Said once per handle when a second-generation file holds frames of the older stream, which
+// this library leaves undecoded.
+inline constexpr const char* VelmoOldStreamText =
+    "This file holds frames of the older Velmo 2 stream, which this player does not decode; "
+    "those frames keep the picture before them.";
+
 // The seven arrays of the timing ring, one slot per frame of one second.
 enum : uint32_t {
   VelmoRingTime = 0,    // timer value at the frame's end
@@ -79,6 +85,7 @@ struct VelmoState : VelmoHandle {
   uint32_t PauseOffset;
   uint32_t DecodeResultShadow;  // highest decoder result of the frame being decoded
   uint32_t VideoDecoded;        // a share of this frame decoded video into the next set
+  uint32_t OldStreamTold;       // the message about the older stream has been given
 
   // What the walk needs of the file.
   uint64_t FirstFrameOffset;    // position of frame 1's packet

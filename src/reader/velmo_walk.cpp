@@ -344,6 +344,10 @@ void VelmoEndFrame(HVELMO handle, uint32_t now) {
   h->LastFrameNum = h->FrameNum;
   h->LastFrameTime = Stamp(now);
   h->LastDecodeResult = h->DecodeResultShadow;
+  if ((h->LastDecodeResult & Velmo2FigureOldStream) && !h->OldStreamTold) {
+    h->OldStreamTold = 1;
+    VelmoSetError(VelmoOldStreamText);
+  }
   AtomicStore(&h->InFrame, 0);
   AtomicStore(&h->IOProvider.InCall, 0);
 }
