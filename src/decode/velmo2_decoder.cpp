@@ -313,7 +313,8 @@ void DecodeResidualPlane(Call& c, uint32_t p, uint32_t mbx, MbStore& m) {
   if (!c.Present[p]) return;
   const uint32_t n = GridOf(p);
   for (uint32_t i = 0; i < n * n; ++i) ResidualBlock(c, p, i, ac[i], c.W->Coef[i], dc[i]);
-  Velmo2ResidualSeams(c.W->Residual[p], n * 8, m.Info[p], n, c.Word);
+  Velmo2ResidualSeams(c.W->Residual[p], n * 8, m.Info[p], n, c.Word,
+                      c.D->Kernels.ResidualSeamEdge);
 }
 
 // Predicts every present plane from the previous picture at the vectors' positions, adding the
@@ -527,7 +528,7 @@ void FilterRow(Call& c, uint32_t row) {
     for (uint32_t j = 0; j < n; ++j) {
       if (8 * j < lo || 8 * j + 8 > hi) continue;
       for (uint32_t bx = 0; bx < c.D->MbColumns * n; ++bx)
-        Velmo2SettleFlatBlock(plane, grid, limit, bx, row * n + j);
+        Velmo2SettleFlatBlock(plane, grid, limit, bx, row * n + j, k.FlatBlock);
     }
     if (!edges) continue;
     for (uint32_t j = 0; j < n; ++j) {

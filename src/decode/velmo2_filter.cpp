@@ -124,22 +124,25 @@ void Velmo2ResidualSeamEdge(int16_t* q0, ptrdiff_t across, ptrdiff_t along, uint
 }
 
 void Velmo2ResidualSeams(int16_t* residual, ptrdiff_t pitch, const uint16_t* info, uint32_t grid,
-                         Velmo2FrameWord word) {
+                         Velmo2FrameWord word,
+                         void (*seam)(int16_t*, ptrdiff_t, ptrdiff_t, uint16_t, uint16_t)) {
   const bool wide = word.WideInterDc();
   if (!word.NoVerticalEdgeFilter() && !wide)
     for (uint32_t y = 0; y < grid; ++y)
       for (uint32_t x = 1; x < grid; ++x)
-        Velmo2ResidualSeamEdge(residual + ptrdiff_t(y) * 8 * pitch + x * 8, 1, pitch,
+        seam(residual + ptrdiff_t(y) * 8 * pitch + x * 8, 1, pitch,
                                info[Velmo2BlockIndex(x - 1, y)], info[Velmo2BlockIndex(x, y)]);
   if (!word.NoHorizontalEdgeFilter() && !wide)
     for (uint32_t y = 1; y < grid; ++y)
       for (uint32_t x = 0; x < grid; ++x)
-        Velmo2ResidualSeamEdge(residual + ptrdiff_t(y) * 8 * pitch + x * 8, pitch, 1,
+        seam(residual + ptrdiff_t(y) * 8 * pitch + x * 8, pitch, 1,
                                info[Velmo2BlockIndex(x, y - 1)], info[Velmo2BlockIndex(x, y)]);
 }
 
 bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid, uint32_t limit,
-                           uint32_t bx, uint32_t by) {
+                           uint32_t bx, uint32_t by,
+                           void (*flat)(const int32_t[3][3], uint8_t*, ptrdiff_t, uint32_t,
+                                        uint32_t)) {
   uint16_t centre;
   if (!InfoAt(grid, bx, by, &centre) || !Velmo2InfoIsIntra(centre) ||
       Velmo2InfoClass(centre) != 3)
@@ -156,7 +159,7 @@ bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid,
     }
   }
   const uint32_t lines = Remaining(plane.Height, by * 8), columns = Remaining(plane.Width, bx * 8);
-  Velmo2FlatBlockPlain(dc, plane.Pixels + ptrdiff_t(by) * 8 * plane.Pitch + ptrdiff_t(bx) * 8,
+  (flat ? flat : Velmo2FlatBlockPlain)(dc, plane.Pixels + ptrdiff_t(by) * 8 * plane.Pitch + ptrdiff_t(bx) * 8,
                        plane.Pitch, columns, lines);
   return true;
 }

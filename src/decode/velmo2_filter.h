@@ -86,16 +86,22 @@ void Velmo2ResidualSeamEdge(int16_t* q0, ptrdiff_t across, ptrdiff_t along, uint
 // HDR; grid 2: 16x16 for a chroma plane), `pitch` values a line: the vertical seams row by row
 // unless frame word bit 14 or 18 is set, then the horizontal ones unless bit 15 or 18 is.
 // `info` holds the plane's block words in macroblock block order (Velmo2BlockIndex).
+// `seam` is the per-edge kernel (the decoder's table entry).
 void Velmo2ResidualSeams(int16_t* residual, ptrdiff_t pitch, const uint16_t* info, uint32_t grid,
-                         Velmo2FrameWord word);
+                         Velmo2FrameWord word,
+                         void (*seam)(int16_t*, ptrdiff_t, ptrdiff_t, uint16_t,
+                                      uint16_t) = Velmo2ResidualSeamEdge);
 
 // ---- Flat blocks ---------------------------------------------------------------------------
 
 // Settles block (bx, by) if it is an intra block of class 3: its 8x8 pixels are interpolated
 // from the DC values of its 3x3 neighbourhood; a neighbour counts only when its word is within
 // limit * 8 of the block's own (limit: the frame word's T). Returns whether it wrote.
+// `flat` interpolates the pixels (the decoder's table entry; null: the plain form).
 bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid, uint32_t limit,
-                           uint32_t bx, uint32_t by);
+                           uint32_t bx, uint32_t by,
+                           void (*flat)(const int32_t[3][3], uint8_t*, ptrdiff_t, uint32_t,
+                                        uint32_t) = nullptr);
 
 // ---- Seams ---------------------------------------------------------------------------------
 
