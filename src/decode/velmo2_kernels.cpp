@@ -63,6 +63,8 @@ void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t features) {
   Velmo2KernelsSse2(kernels);
   if (level < ProcessorLevelSsse3) return;
   Velmo2KernelsSsse3(kernels);
+  if (level < ProcessorLevelAvx2) return;
+  Velmo2KernelsAvx2(kernels);
 #else
   (void)features;
 #endif

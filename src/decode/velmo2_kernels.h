@@ -70,6 +70,7 @@ constexpr int Velmo2LumaBothRows = 21;
 #if ORN_X86_KERNELS
 void Velmo2KernelsSse2(Velmo2Kernels* kernels);
 void Velmo2KernelsSsse3(Velmo2Kernels* kernels);
+void Velmo2KernelsAvx2(Velmo2Kernels* kernels);
 
 // The vertical pass of that fetch on its 16-bit rows (16 values a row, unclamped), held
 // between 0 and 255 into the 16x16 block at dst. SSE2; shared by the levels above.

@@ -19,10 +19,11 @@ inline void Store(void* p, V v) { _mm_storeu_si128(static_cast<V*>(p), v); }
 // The filter of 8 positions from the pairs (A, F), (B, E), (C, D) and their low bits, each
 // interleaved as bytes.
 inline V TapPairs(V af, V be, V cd, V lowBits) {
-  const V sum = _mm_add_epi16(
-      _mm_add_epi16(_mm_maddubs_epi16(af, _mm_set1_epi8(1)), _mm_maddubs_epi16(be, _mm_set1_epi8(-4))),
-      _mm_add_epi16(_mm_maddubs_epi16(cd, _mm_set1_epi8(19)),
-                    _mm_maddubs_epi16(lowBits, _mm_set1_epi8(-1))));
+  const V outer = _mm_maddubs_epi16(af, _mm_set1_epi8(1));
+  const V inner = _mm_maddubs_epi16(be, _mm_set1_epi8(-4));
+  const V centre = _mm_maddubs_epi16(cd, _mm_set1_epi8(19));
+  const V dropped = _mm_maddubs_epi16(lowBits, _mm_set1_epi8(-1));
+  const V sum = _mm_add_epi16(_mm_add_epi16(outer, inner), _mm_add_epi16(centre, dropped));
   return _mm_srai_epi16(_mm_add_epi16(sum, _mm_set1_epi16(16)), 5);
 }
 

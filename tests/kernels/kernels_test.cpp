@@ -30,7 +30,8 @@ static_assert(sizeof(VelmoCopyKernels) == 3 * sizeof(void (*)()), "copy-out entr
 static_assert(sizeof(ScalerKernels) == 4 * sizeof(void (*)()), "scaler entry unchecked");
 static_assert(sizeof(Velmo1Kernels) == 1 * sizeof(void (*)()), "decoder entry unchecked");
 static_assert(sizeof(AudioTransformKernels) == 2 * sizeof(void (*)()), "audio entry unchecked");
-static_assert(sizeof(Velmo2Kernels) == 26 * sizeof(void (*)()), "second-generation entry unchecked");
+static_assert(sizeof(Velmo2Kernels) == 26 * sizeof(void (*)()),
+              "second-generation entry unchecked");
 
 namespace {
 
