@@ -62,7 +62,9 @@ inline bool Velmo2SeamFilterActs(uint16_t a, uint16_t b) {
 
 // ---- Vector forms ----------------------------------------------------------------------------
 // Each level's source replaces the entries it has a form for; Velmo2KernelsInit calls them in
-// order of level.
+// order of level. SSE2 has a form of every entry (the luma fetches on 16-bit lanes); SSSE3
+// replaces the filtering luma fetches with byte-pair multiply-adds; AVX2 runs those on two
+// lines a vector.
 
 // The rows of the horizontal pass of a luma fetch at two odd fractions: lines -2 .. 18.
 constexpr int Velmo2LumaBothRows = 21;
