@@ -43,6 +43,14 @@ else()
   set(ORN_X86 OFF)
 endif()
 
+# orn_ssse3_sources(files...) - compile these files with SSSE3 enabled; callers pick them at run
+# time.
+function(orn_ssse3_sources)
+  if(ORN_X86)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-mssse3")
+  endif()
+endfunction()
+
 # orn_avx2_sources(files...) - compile these files with AVX2 enabled; callers pick them at run time.
 function(orn_avx2_sources)
   if(ORN_X86)

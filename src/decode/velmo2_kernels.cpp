@@ -45,7 +45,7 @@ void Velmo2FlatBlockPlain(const int32_t dc[3][3], uint8_t* out, ptrdiff_t pitch,
   }
 }
 
-void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t /*features*/) {
+void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t features) {
   kernels->Transform = Velmo2TransformPlain;
   kernels->TransformCorner = Velmo2TransformCornerPlain;
   kernels->FetchLuma[0] = FetchLumaPlain<0>;
@@ -57,5 +57,15 @@ void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t /*features*/) {
   kernels->FilterEdge = Velmo2FilterEdge;
   kernels->ResidualSeamEdge = Velmo2ResidualSeamEdge;
   kernels->FlatBlock = Velmo2FlatBlockPlain;
-  // Vector forms replace entries here, level by level, as the feature word allows.
+#if ORN_X86_KERNELS
+  const int level = ProcessorLevelOf(features);
+  if (level < ProcessorLevelSse2) return;
+  Velmo2KernelsSse2(kernels);
+  if (level < ProcessorLevelSsse3) return;
+  Velmo2KernelsSsse3(kernels);
+  if (level < ProcessorLevelAvx2) return;
+  Velmo2KernelsAvx2(kernels);
+#else
+  (void)features;
+#endif
 }

@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "decode/velmo2_tables.h"
 #include "decode/velmo2_transform.h"
+#include "host/cpu_features.h"
 
 // A motion fetch from `src`, which points at the whole-pixel position of the block; the
 // kernel's index holds the fractions. Luma: a 16x16 block, index (x & 1) | (y & 1) << 1 of the
@@ -48,3 +50,31 @@ void Velmo2KernelsInit(Velmo2Kernels* kernels, uint32_t features);
 // The plain flat-block interpolation.
 void Velmo2FlatBlockPlain(const int32_t dc[3][3], uint8_t* out, ptrdiff_t pitch,
                           uint32_t columns, uint32_t lines);
+
+// Whether the residual seam filter changes anything between blocks with words a and b: some
+// side has class 1 or above, and the two are not both flat with DC fields at most 32 apart
+// (the offset-binary difference plus 32 is below 65 in unsigned arithmetic exactly then).
+inline bool Velmo2SeamFilterActs(uint16_t a, uint16_t b) {
+  const bool flatAndClose = (a & b) >= Velmo2InfoClassMask &&
+                            (uint32_t(a ^ 0x1000u) - uint32_t(b ^ 0x1000u) + 32u) < 65u;
+  return uint32_t(a | b) >= 0x2000u && !flatAndClose;
+}
+
+// ---- Vector forms ----------------------------------------------------------------------------
+// Each level's source replaces the entries it has a form for; Velmo2KernelsInit calls them in
+// order of level. SSE2 has a form of every entry (the luma fetches on 16-bit lanes); SSSE3
+// replaces the filtering luma fetches with byte-pair multiply-adds; AVX2 runs those on two
+// lines a vector.
+
+// The rows of the horizontal pass of a luma fetch at two odd fractions: lines -2 .. 18.
+constexpr int Velmo2LumaBothRows = 21;
+
+#if ORN_X86_KERNELS
+void Velmo2KernelsSse2(Velmo2Kernels* kernels);
+void Velmo2KernelsSsse3(Velmo2Kernels* kernels);
+void Velmo2KernelsAvx2(Velmo2Kernels* kernels);
+
+// The vertical pass of that fetch on its 16-bit rows (16 values a row, unclamped), held
+// between 0 and 255 into the 16x16 block at dst. SSE2; shared by the levels above.
+void Velmo2LumaVerticalPass16(const int16_t* rows, uint8_t* dst, ptrdiff_t dstPitch);
+#endif

@@ -4,6 +4,8 @@
 // pitches, and infinities and NaN where a float kernel defines a result.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
@@ -14,6 +16,7 @@
 #include "audio/audio_transform.h"
 #include "copyout_frames.h"
 #include "decode/velmo1_tables.h"
+#include "decode/velmo2_kernels.h"
 #include "kernel_levels.h"
 #include "process/scaler_kernels.h"
 #include "reader/copyout.h"
@@ -27,6 +30,8 @@ static_assert(sizeof(VelmoCopyKernels) == 3 * sizeof(void (*)()), "copy-out entr
 static_assert(sizeof(ScalerKernels) == 4 * sizeof(void (*)()), "scaler entry unchecked");
 static_assert(sizeof(Velmo1Kernels) == 1 * sizeof(void (*)()), "decoder entry unchecked");
 static_assert(sizeof(AudioTransformKernels) == 2 * sizeof(void (*)()), "audio entry unchecked");
+static_assert(sizeof(Velmo2Kernels) == 26 * sizeof(void (*)()),
+              "second-generation entry unchecked");
 
 namespace {
 
@@ -387,6 +392,239 @@ TEST(KernelsVelmo1, Idct) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Second-generation decoder.
+
+// `lines` lines of `width` values `pitch` apart (negative: the first line last in memory; 0:
+// one line again and again), between `guard` values on each side; Line(k) is line k.
+template <typename T>
+struct Lines {
+  std::vector<T> Mem;
+  ptrdiff_t Pitch = 0;
+  size_t First = 0;
+  T* Line(ptrdiff_t k) { return Mem.data() + First + k * Pitch; }
+};
+
+template <typename T, typename Value>
+Lines<T> MakeLines(size_t lines, size_t width, ptrdiff_t pitch, size_t guard, Value value) {
+  Lines<T> l;
+  l.Pitch = pitch;
+  const size_t step = size_t(std::abs(pitch));
+  l.Mem.resize(step * (lines - 1) + width + 2 * guard);
+  for (T& v : l.Mem) v = T(value());
+  l.First = guard + (pitch < 0 ? step * (lines - 1) : 0);
+  return l;
+}
+
+// Destination lines in guard bytes, to be compared whole.
+Lines<uint8_t> Destination(std::mt19937& rng, size_t lines, size_t width, ptrdiff_t pitch,
+                           Fill fill) {
+  return MakeLines<uint8_t>(lines, width, pitch, Guard, [&] { return Byte(rng, fill); });
+}
+
+// A pitch of at least `width` values, of either sign.
+ptrdiff_t SignedPitch(std::mt19937& rng, size_t width) {
+  const ptrdiff_t pitch = ptrdiff_t(width + rng() % 9);
+  return rng() % 3 == 0 ? -pitch : pitch;
+}
+
+TEST(KernelsVelmo2, Transforms) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(8);
+    using Block = std::array<int16_t, 64>;
+    for (int i = 0; i < 4000; ++i) {
+      Block in;
+      for (int16_t& c : in) c = Word(rng, FillOf(i));
+      if (i % 16 == 0)  // coefficients of real blocks
+        for (int16_t& c : in) c = int16_t(int(rng() % 801) - 400);
+      if (i % 12 == 5)  // a DC-only block
+        for (int k = 1; k < 64; ++k) in[k] = 0;
+      Block want, got;
+      plain.Transform(in.data(), want.data());
+      t.Transform(in.data(), got.data());
+      ASSERT_EQ(got, want) << "full, case " << i;
+      // The corner form reads the top left 4x4 only, whatever lies outside it.
+      plain.TransformCorner(in.data(), want.data());
+      t.TransformCorner(in.data(), got.data());
+      ASSERT_EQ(got, want) << "corner, case " << i;
+    }
+  });
+}
+
+// A fetch of a size x size block from a source window that reaches `before` values above and
+// left of it and `after` below and right, in memory exactly that large, at source and
+// destination pitches of either sign.
+void CheckFetch(Velmo2FetchKernel plain, Velmo2FetchKernel kernel, size_t size, size_t before,
+                size_t after) {
+  std::mt19937 rng(9);
+  const size_t window = before + size + after;
+  for (int i = 0; i < 300; ++i) {
+    const Fill fill = FillOf(i);
+    const ptrdiff_t pitch = i % 10 == 9 ? 0 : SignedPitch(rng, window);
+    Lines<uint8_t> src =
+        MakeLines<uint8_t>(window, window, pitch, 0, [&] { return Byte(rng, fill); });
+    const uint8_t* block = src.Line(ptrdiff_t(before)) + before;
+    const ptrdiff_t dstPitch = SignedPitch(rng, size);
+    Lines<uint8_t> want = Destination(rng, size, size, dstPitch, FillRandom), got = want;
+    plain(block, pitch, want.Line(0), dstPitch);
+    kernel(block, pitch, got.Line(0), dstPitch);
+    ASSERT_EQ(got.Mem, want.Mem) << "case " << i << ", pitch " << pitch << ", to " << dstPitch;
+  }
+}
+
+TEST(KernelsVelmo2, FetchLumaEveryFraction) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    for (int f = 0; f < 4; ++f) {
+      SCOPED_TRACE(testing::Message() << "fraction " << f);
+      CheckFetch(plain.FetchLuma[f], t.FetchLuma[f], 16, 2, 3);
+    }
+  });
+}
+
+TEST(KernelsVelmo2, FetchChromaEveryFractionPair) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    for (int f = 0; f < 16; ++f) {
+      SCOPED_TRACE(testing::Message() << "fractions " << (f & 3) << ", " << (f >> 2));
+      CheckFetch(plain.FetchChroma[f], t.FetchChroma[f], 8, 0, 1);
+    }
+  });
+}
+
+// Widths around the vector sizes, residuals from small to the 16-bit extremes.
+TEST(KernelsVelmo2, AddResidual) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(10);
+    for (int i = 0; i < 2000; ++i) {
+      const Fill fill = FillOf(i);
+      const int w = i % 3 ? int(Pick<uint32_t>(rng, {8, 16, 32})) : 1 + int(rng() % 40);
+      const int h = 1 + int(rng() % 17);
+      const bool small = i % 5 == 4;
+      const Lines<int16_t> residual = MakeLines<int16_t>(
+          size_t(h), size_t(w), SignedPitch(rng, size_t(w)), 0,
+          [&] { return small ? int16_t(int(rng() % 601) - 300) : Word(rng, FillOf(i / 4)); });
+      const ptrdiff_t dstPitch = SignedPitch(rng, size_t(w));
+      Lines<uint8_t> want = Destination(rng, size_t(h), size_t(w), dstPitch, fill), got = want;
+      const int16_t* r = residual.Mem.data() + residual.First;
+      plain.AddResidual(want.Line(0), dstPitch, r, residual.Pitch, w, h);
+      t.AddResidual(got.Line(0), dstPitch, r, residual.Pitch, w, h);
+      ASSERT_EQ(got.Mem, want.Mem) << "case " << i << ": " << w << "x" << h;
+    }
+  });
+}
+
+// The three layouts of an edge: vertical (across 1, along a pitch), horizontal (across a
+// pitch, along 1), and one with neither step 1 (along backwards). Each gives the lines `lines`
+// x `width` around the edge and the pointer to q0.
+struct EdgeLayout {
+  size_t LineCount, Width;
+  ptrdiff_t Across, Along;
+  ptrdiff_t Q0Line, Q0Column;
+};
+
+EdgeLayout EdgeLayoutOf(int kind, ptrdiff_t pitch) {
+  switch (kind) {
+    case 0: return {8, 4, 1, pitch, 0, 2};
+    case 1: return {4, 8, pitch, 1, 2, 0};
+    default: return {4, 8, pitch, -1, 2, 7};
+  }
+}
+
+// Calls check(layout, pitch, kind, rep) for every filter code, count 1..8, layout, and `reps`
+// repetitions with pitches of either sign.
+template <typename Check>
+void ForEachEdge(std::mt19937& rng, int reps, Check check) {
+  for (int kind = 0; kind < 3; ++kind)
+    for (int rep = 0; rep < reps; ++rep) {
+      const EdgeLayout probe = EdgeLayoutOf(kind, 0);
+      const ptrdiff_t pitch = SignedPitch(rng, std::max<size_t>(probe.Width, 8));
+      check(EdgeLayoutOf(kind, pitch), pitch, rep);
+    }
+}
+
+TEST(KernelsVelmo2, FilterEdgeEveryCodeAndCount) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(11);
+    int changed = 0;
+    ForEachEdge(rng, 16, [&](const EdgeLayout& e, ptrdiff_t pitch, int rep) {
+      for (uint32_t code = 0; code < 16; ++code)
+        for (uint32_t count = 1; count <= 8; ++count) {
+          Lines<uint8_t> want = Destination(rng, e.LineCount, e.Width, pitch, FillOf(rep));
+          Lines<uint8_t> got = want;
+          const std::vector<uint8_t> before = want.Mem;
+          plain.FilterEdge(want.Line(e.Q0Line) + e.Q0Column, e.Across, e.Along, code, count);
+          t.FilterEdge(got.Line(e.Q0Line) + e.Q0Column, e.Across, e.Along, code, count);
+          changed += want.Mem != before;
+          ASSERT_EQ(got.Mem, want.Mem) << "across " << e.Across << ", along " << e.Along
+                                       << ", code " << code << ", count " << count;
+        }
+    });
+    EXPECT_GT(changed, 2000);  // most cases really filtered something
+  });
+}
+
+// A block word for the seam filter: mostly random, or a class 3 word whose DC lies near the
+// DC field's wrap, or next to another word's.
+uint16_t SeamWord(std::mt19937& rng, int kind, uint16_t other) {
+  const uint16_t intra = uint16_t(rng() % 2 ? Velmo2InfoIntra : 0);
+  switch (kind) {
+    case 0: return uint16_t(rng());
+    case 1: return uint16_t(intra | Velmo2InfoClassMask | ((0x1000 + rng() % 16 - 8) & 0x1FFF));
+    case 2: return uint16_t((other & ~Velmo2InfoDcMask) |
+                            ((other + int(rng() % 81) - 40) & Velmo2InfoDcMask));
+    default: return uint16_t(intra | (rng() % 4) << Velmo2InfoClassShift | (rng() & 0x1FFF));
+  }
+}
+
+TEST(KernelsVelmo2, ResidualSeamEdgeEveryPairOfClasses) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(12);
+    int changed = 0;
+    ForEachEdge(rng, 400, [&](const EdgeLayout& e, ptrdiff_t pitch, int rep) {
+      const Fill fill = FillOf(rep);
+      const bool small = rep % 5 == 4;
+      const uint16_t a = SeamWord(rng, rep % 4 == 2 ? 1 : int(rng() % 4), 0);
+      const uint16_t b = rep % 4 == 2 ? SeamWord(rng, 2, a) : SeamWord(rng, int(rng() % 4), a);
+      Lines<int16_t> want = MakeLines<int16_t>(e.LineCount, e.Width, pitch, Guard, [&] {
+        return small ? int16_t(int(rng() % 201) - 100) : Word(rng, fill);
+      });
+      Lines<int16_t> got = want;
+      const std::vector<int16_t> before = want.Mem;
+      plain.ResidualSeamEdge(want.Line(e.Q0Line) + e.Q0Column, e.Across, e.Along, a, b);
+      t.ResidualSeamEdge(got.Line(e.Q0Line) + e.Q0Column, e.Across, e.Along, a, b);
+      changed += want.Mem != before;
+      ASSERT_EQ(got.Mem, want.Mem) << "across " << e.Across << ", along " << e.Along << ", words "
+                                   << std::hex << a << " " << b;
+    });
+    EXPECT_GT(changed, 400);
+  });
+}
+
+// DC values over the whole 13-bit range: every mix of its two ends, random ones, close ones,
+// and a few beyond it; every count of columns and lines.
+TEST(KernelsVelmo2, FlatBlock) {
+  AgainstPlain(Velmo2KernelsInit, [](const auto& plain, const auto& t) {
+    std::mt19937 rng(13);
+    for (int i = 0; i < 4000; ++i) {
+      int32_t dc[3][3];
+      const int32_t base = int32_t(rng() % 8192) - 4096;
+      for (int k = 0; k < 9; ++k) {
+        int32_t& v = dc[k / 3][k % 3];
+        if (i < 512) v = (i >> k) & 1 ? 4095 : -4096;
+        else if (i % 4 == 0) v = std::clamp(base + int32_t(rng() % 201) - 100, -4096, 4095);
+        else if (i % 4 == 1) v = Pick<int32_t>(rng, {-4096, 4095, 0, -1, 1, 2047, -2048});
+        else v = int32_t(rng() % 8192) - 4096;
+      }
+      if (i % 50 == 49) dc[rng() % 3][rng() % 3] = Pick<int32_t>(rng, {-4097, 4096, 1000000});
+      const uint32_t columns = i % 3 ? 8 : 1 + rng() % 8, lines = i % 3 ? 8 : 1 + rng() % 8;
+      const ptrdiff_t pitch = SignedPitch(rng, 8);
+      Lines<uint8_t> want = Destination(rng, 8, 8, pitch, FillRandom), got = want;
+      plain.FlatBlock(dc, want.Line(0), pitch, columns, lines);
+      t.FlatBlock(dc, got.Line(0), pitch, columns, lines);
+      ASSERT_EQ(got.Mem, want.Mem) << "case " << i << ", " << columns << "x" << lines;
+    }
+  });
+}
+
+// ---------------------------------------------------------------------------------------------
 // Sound transforms.
 
 TEST(KernelsAudio, ComplexPasses) {
@@ -484,6 +722,7 @@ TEST(KernelTables, EveryEntrySetAndLevelsStopAtTheFirstGap) {
   ExpectLevelSteps(ScalerKernelsInit);
   ExpectLevelSteps(Velmo1KernelsInit);
   ExpectLevelSteps(AudioTransformKernelsInit);
+  ExpectLevelSteps(Velmo2KernelsInit);
 }
 
 }  // namespace
