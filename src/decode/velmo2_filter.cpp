@@ -98,18 +98,11 @@ namespace {
 
 int16_t Wrap16(int32_t v) { return int16_t(uint16_t(uint32_t(v))); }
 
-// Both sides flat with DC fields at most 32 apart: the offset-binary difference of the two
-// words, plus 32, is below 65 in unsigned arithmetic exactly then.
-bool FlatAndClose(uint16_t a, uint16_t b) {
-  return (a & b) >= Velmo2InfoClassMask &&
-         (uint32_t(a ^ 0x1000u) - uint32_t(b ^ 0x1000u) + 32u) < 65u;
-}
-
 }  // namespace
 
 void Velmo2ResidualSeamEdge(int16_t* q0, ptrdiff_t across, ptrdiff_t along, uint16_t a,
                             uint16_t b) {
-  if (uint32_t(a | b) < 0x2000u || FlatAndClose(a, b)) return;
+  if (!Velmo2SeamFilterActs(a, b)) return;
   const uint8_t tapsP = Velmo2EdgeTaps[Velmo2InfoClass(a)];
   const uint8_t tapsQ = Velmo2EdgeTaps[Velmo2InfoClass(b)];
   for (uint32_t i = 0; i < 8; ++i, q0 += along) {
