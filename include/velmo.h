@@ -197,6 +197,23 @@ VELMO_API void VelmoSetFileLoop(HVELMO handle, uint32_t on);
 VELMO_API void VelmoGetSummary(HVELMO handle, VelmoSummary* out);
 VELMO_API void VelmoGetRealtime(HVELMO handle, VelmoRealtime* out, uint32_t frames);
 
+/* ---- async decompression ----
+ * Worker threads, numbered 0 to 63 by the caller, decode a frame's slices while the caller goes
+ * on. VelmoDoFrameAsync replaces VelmoDoFrame: it gives the selected frame's slices to the
+ * listed threads (those with the emptiest queues first); VelmoDoFrameAsyncWait collects them and
+ * completes the frame. While a frame is out, VelmoNextFrame and VelmoGoto do nothing, and
+ * VelmoClose waits for its slices. Errors show in VelmoGetError. */
+VELMO_API uint32_t VelmoStartAsyncThread(uint32_t number);       /* nonzero when it runs */
+VELMO_API uint32_t VelmoRequestStopAsyncThread(uint32_t number); /* queued work is done first */
+VELMO_API uint32_t VelmoWaitStopAsyncThread(uint32_t number);    /* asks, if needed, and waits */
+/* Nonzero if slices went out; `count` thread numbers. */
+VELMO_API uint32_t VelmoDoFrameAsync(HVELMO handle, const uint32_t* threadNumbers,
+                                     uint32_t count);
+/* Nonzero when the frame is complete (or none was out). microseconds: -1 no limit, 0 only ask. */
+VELMO_API uint32_t VelmoDoFrameAsyncWait(HVELMO handle, int32_t microseconds);
+/* Free bytes in the queue to the thread (0 before its first start). */
+VELMO_API uint32_t VelmoAsyncQueueFree(uint32_t number);
+
 /* Copies the current frame (or a rectangle of it) into an interleaved surface: flags are a
  * VelmoSurface* format and VelmoCopy* bits (velmo_flags.h). A negative pitch stores bottom-up.
  * HDR frames are not copied. 1 if the frame was skipped or a skip was reported. */

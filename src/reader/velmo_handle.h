@@ -189,7 +189,7 @@ void VelmoSoundRestart(VelmoState* h);  // off, clear the clock, on
 uint32_t VelmoTakeShare(VelmoState* h, uint32_t parts);
 
 // Hooks for the services that come later. Null while not installed.
-// The async service's drain, called by VelmoClose while a slice is given away.
+// The async service's drain, called by VelmoClose: waits for the slices given away.
 typedef void (*VelmoAsyncDrain)(VelmoState* h);
 struct VelmoLaterServices {
   VelmoAsyncDrain DrainAsync;

@@ -787,9 +787,9 @@ void VelmoClose(HVELMO handle) {
   VelmoState* h = VelmoStateOf(handle);
   AtomicStore(&h->Closing, 1);
   VelmoPause(handle, 1);
-  bool slices = false;
-  for (uint32_t slot : h->AsyncSlots) slices = slices || slot != 0;
-  if (slices && VelmoServices.DrainAsync) VelmoServices.DrainAsync(h);
+  // Slices given to async workers are waited for (the drain looks at the slots itself: other
+  // threads collecting answers clear them).
+  if (VelmoServices.DrainAsync) VelmoServices.DrainAsync(h);
   const VelmoIOService* service = VelmoCurrentIOService();
   if (h->OnReaderList && service->Unregister) service->Unregister(h);
   h->OnReaderList = 0;

@@ -22,9 +22,10 @@ void WakeReader(const VelmoState* h, uint32_t count) {
   if (HasBackground(h) && service->Wake) service->Wake(count);
 }
 
+// Another thread collecting async answers may clear bits of the slots: read them whole.
 bool AsyncPending(const VelmoState* h) {
-  for (uint32_t slot : h->AsyncSlots)
-    if (slot) return true;
+  for (const uint32_t& slot : h->AsyncSlots)
+    if (AtomicRead(&slot)) return true;
   return false;
 }
 

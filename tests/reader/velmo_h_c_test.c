@@ -1,7 +1,7 @@
 /* The public header compiled as C, linked against libvelmo.so: a tiny first-generation file is
  * built by hand, opened from memory and from disk, and walked by reading the handle's public
- * fields and its frame buffers. The same program is built again from an installed copy with
- * pkg-config alone. */
+ * fields and its frame buffers, and through the async worker threads. The same program is built
+ * again from an installed copy with pkg-config alone. */
 #define _POSIX_C_SOURCE 200809L
 #include "velmo.h"
 
@@ -151,6 +151,35 @@ static void walk_from_disk(const unsigned char* file, size_t size) {
   remove(path);
 }
 
+/* Frames given to two async worker threads and collected: each frame completes (a second decode
+ * of it is refused), the walk moves on, and a close with slices out waits for them. */
+static void async_frames(const unsigned char* file, size_t size) {
+  VelmoOpenOptions options;
+  const uint32_t numbers[2] = {0, 1};
+  uint32_t frame;
+  HVELMO h;
+  memset(&options, 0, sizeof options);
+  options.ImageSize = size;
+  CHECK(VelmoStartAsyncThread(64) == 0);
+  CHECK(strcmp(VelmoGetError(), "Out of range thread number.") == 0);
+  CHECK(VelmoStartAsyncThread(0) == 1 && VelmoStartAsyncThread(1) == 1);
+  CHECK(VelmoAsyncQueueFree(0) == 256);
+  h = VelmoOpenWithOptions((const char*)file, &options, VelmoOpenImage);
+  CHECK(h != NULL);
+  if (!h) return;
+  for (frame = 1; frame <= 3; ++frame) {
+    CHECK(h->FrameNum == frame);
+    CHECK(VelmoDoFrameAsync(h, numbers, 2) == 1);
+    CHECK(VelmoDoFrameAsyncWait(h, -1) == 1);
+    CHECK(VelmoDoFrame(h) == 0);
+    VelmoNextFrame(h);
+  }
+  CHECK(h->FrameNum == 1);
+  CHECK(VelmoDoFrameAsync(h, numbers, 2) == 1);
+  VelmoClose(h);
+  CHECK(VelmoWaitStopAsyncThread(0) == 1 && VelmoWaitStopAsyncThread(1) == 1);
+}
+
 int main(void) {
   unsigned char file[128];
   const size_t size = build_file(file);
@@ -193,6 +222,7 @@ int main(void) {
   file[0] = 'V';
   check_frame_buffers(file, size);
   walk_from_disk(file, size);
+  async_frames(file, size);
 
   if (failures == 0) printf("velmo.h from C: all checks passed\n");
   return failures ? 1 : 0;
