@@ -70,9 +70,9 @@ TEST_F(VelmoConvSecondGeneration, PlainFramesToPngInOrderWithAlpha) {
 
 // The round trip of wide-range colours: linear RGB -> the compressor's conversion (written in
 // support/hdr_forward.h from its formulas) -> flat planes of even values -> a "VM2m" file ->
-// VelmoConv -> OpenEXR. A plane step of 2 / 255 moves a colour by up to about 3 % of its
-// largest channel at these levels (intensity steps move all channels together, chroma steps
-// single ones); OpenEXR's half floats add 0.1 %. Bound: 5 % of the largest channel plus 0.01.
+// VelmoConv -> OpenEXR. Each plane may be one unit of 255 off (even values only, and 254 at
+// most in Y); at these levels that moves a channel by under 6 % of the colour's largest
+// channel, and OpenEXR's half floats add 0.1 %. Bound: 6 % of the largest channel plus 0.01.
 TEST_F(VelmoConvSecondGeneration, WideRangeFileToOpenExrGivesItsLinearColours) {
   const double colours[][3] = {{1.0, 1.0, 1.0}, {0.3, 0.6, 0.15}, {5.0, 1.5, 0.5},
                                {11.0, 10.0, 9.0}, {0.1, 0.05, 0.4}, {0.0, 0.0, 0.0}};
@@ -100,7 +100,7 @@ TEST_F(VelmoConvSecondGeneration, WideRangeFileToOpenExrGivesItsLinearColours) {
     const double peak = std::max({rgb[0], rgb[1], rgb[2]});
     for (size_t at : {size_t(0), px.size() / 2 + 12, px.size() - 4})
       for (int c = 0; c < 3; ++c)
-        EXPECT_NEAR(px[at + c], rgb[c], 0.05 * peak + 0.01) << "colour " << i << " channel " << c;
+        EXPECT_NEAR(px[at + c], rgb[c], 0.06 * peak + 0.01) << "colour " << i << " channel " << c;
   }
 }
 

@@ -58,9 +58,11 @@ TEST_F(Velmo2Input, PlainFramesInOrderThroughTheColourTable) {
 }
 
 // Colours made into planes by the compressor's conversion come back as those colours. The
-// planes hold even values only (a step of 2 / 255): an intensity step moves a colour by up to
-// about 2.5 % at these levels, a chroma step moves single channels of a saturated colour by up
-// to 3 % of its largest channel; the bound is 5 % of the largest channel plus 0.01.
+// flat planes hold even values only, 0 to 254, so each plane may be one unit of 255 off (the
+// intensity of a colour beyond full scale also loses the unit of 255 that the Y plane cannot
+// hold). At these levels one unit of intensity moves all channels by about 1.5 %, one unit of
+// chroma single channels by up to 3 % of the largest; together they stay under 6 % of the
+// largest channel, plus 0.01 for the darkest colours.
 TEST_F(Velmo2Input, WideRangeFramesComeAsLinearFloats) {
   const double colours[][3] = {{1.0, 1.0, 1.0}, {0.2, 0.5, 0.1}, {4.0, 2.0, 1.0},
                                {10.0, 9.0, 11.0}, {0.05, 0.02, 0.3}};
@@ -93,7 +95,7 @@ TEST_F(Velmo2Input, WideRangeFramesComeAsLinearFloats) {
       for (uint32_t x : {0u, 63u}) {
         const float* px = FloatPixel(in, x, y);
         for (int c = 0; c < 3; ++c)
-          EXPECT_NEAR(px[c], rgb[c], 0.05 * peak + 0.01) << "channel " << c << " of " << rgb[0];
+          EXPECT_NEAR(px[c], rgb[c], 0.06 * peak + 0.01) << "channel " << c << " of " << rgb[0];
         EXPECT_NEAR(px[3], 200 / 255.0, 1e-6);
       }
   }
