@@ -1,5 +1,7 @@
 // Velmo files (.vlm, .vm2) as inputs, through the reader library: each frame is decoded on the
-// caller's thread and copied out as 32-bit ARGB with alpha.
+// caller's thread and copied out as 32-bit ARGB with alpha; a wide-range file's planes are
+// turned into four floats a pixel (linear light, 1.0 = 80 nits) instead.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,18 +9,24 @@
 #include "media/media_internal.h"
 
 #include "format/container.h"
+#include "process/hdr_colour.h"
 #include "reader/copyout.h"
+#include "reader/velmo_handle.h"
 #include "velmo.h"
 
 namespace {
 
-struct VelmoState {
+struct VelmoReaderState {
   HVELMO handle;
   uint8_t* pixels;
   size_t pixelBytes;
+  bool wideRange;       // the file is HDR: frames come as floats
+  bool oldStreamTold;   // the warning about frames of the older stream went out
 };
 
-VelmoState* StateOf(MediaInput* input) { return static_cast<VelmoState*>(input->reader_state); }
+VelmoReaderState* StateOf(MediaInput* input) {
+  return static_cast<VelmoReaderState*>(input->reader_state);
+}
 
 const char* VelmoTypeName(uint32_t magic) {
   switch (magic) {
@@ -67,7 +75,7 @@ bool ProbeVelmo(MediaInput* input) {
     VelmoClose(h);
     return false;
   }
-  VelmoState* state = static_cast<VelmoState*>(calloc(1, sizeof(VelmoState)));
+  VelmoReaderState* state = static_cast<VelmoReaderState*>(calloc(1, sizeof(VelmoReaderState)));
   if (!state) {
     VelmoClose(h);
     return false;
@@ -83,9 +91,16 @@ bool ProbeVelmo(MediaInput* input) {
   input->file_rate_den = h->FrameRate && h->FrameRateDiv ? h->FrameRateDiv : 1;
   input->has_alpha = (h->FileFlags & VelmoFlagAlpha) != 0;
   input->has_sound = h->TrackCount != 0;
-  // Wide-range files are delivered through the 32-bit copy-out as well, their colour mapped
-  // into the ordinary range by the file's table.
+  state->wideRange = (h->FileFlags & VelmoFlagHdr) != 0;
   input->input_depth = 32;
+  if (state->wideRange) {
+    // The HDR block took the colour table's place: its peak in nits stands behind the five
+    // coefficients.
+    input->input_depth = 128;
+    input->float_source = 1;
+    input->float_frames = 1;
+    input->peak_value = static_cast<uint32_t>(std::lround(h->ColourTable[HdrCoefficientCount]));
+  }
   return true;
 }
 
@@ -97,21 +112,56 @@ bool FrameMissing(MediaInput* input, HVELMO h) {
   return false;
 }
 
+// The decoded planes of a wide-range frame back to linear light.
+bool CopyWideRange(HVELMO h, float* out, size_t pitch) {
+  const VelmoFrameBuffers* fb = h->FrameBuffers;
+  if (!fb) return false;
+  const VelmoFrameBufferSet& set = fb->Sets[fb->Current];
+  if (!set.Planes[VelmoPlaneY] || !set.Planes[VelmoPlaneCr] || !set.Planes[VelmoPlaneCb])
+    return false;
+  HdrPlanes planes{};
+  planes.Y = set.Planes[VelmoPlaneY];
+  planes.Hdr = set.Planes[VelmoPlaneHdr];
+  planes.Ct = set.Planes[VelmoPlaneCr];
+  planes.Cp = set.Planes[VelmoPlaneCb];
+  planes.Alpha = (h->FileFlags & VelmoFlagAlpha) ? set.Planes[VelmoPlaneAlpha] : nullptr;
+  planes.LumaPitch = fb->LumaPitch;
+  planes.ChromaPitch = fb->ChromaPitch;
+  planes.Width = h->Width;
+  planes.Height = h->Height;
+  HdrPlanesToLinearRgba(planes, h->ColourTable, out, static_cast<ptrdiff_t>(pitch / sizeof(float)));
+  return true;
+}
+
+// The library leaves frames of the older second-generation stream undecoded and says so once
+// per handle; the user hears it once per input.
+void WarnOldStream(MediaInput* input, VelmoReaderState* state) {
+  if (state->oldStreamTold || !(state->handle->LastDecodeResult & Velmo2FigureOldStream)) return;
+  state->oldStreamTold = true;
+  MediaSay(input->progress, MediaLevelWarning, "%s", VelmoOldStreamText);
+}
+
 bool ReadVelmo(MediaInput* input) {
-  VelmoState* state = StateOf(input);
+  VelmoReaderState* state = StateOf(input);
   HVELMO h = state->handle;
-  const size_t pitch = static_cast<size_t>(h->Width) * 4;
+  const size_t pitch = static_cast<size_t>(h->Width) * (state->wideRange ? 16 : 4);
   if (!MediaEnsureBuffer(&state->pixels, &state->pixelBytes, pitch * h->Height)) {
     MediaSay(input->progress, MediaLevelError, "Out of memory");
     return false;
   }
   input->frame_base = state->pixels;
   input->frame_pitch = static_cast<ptrdiff_t>(pitch);
-  input->frame_depth = 32;
+  input->frame_depth = state->wideRange ? 128 : 32;
   input->frame_width = h->Width;
   input->frame_height = h->Height;
   if (!VelmoDoFrame(h)) return FrameMissing(input, h);
   input->frame_bytes = h->FrameSize;
+  WarnOldStream(input, state);
+  if (state->wideRange) {
+    if (!CopyWideRange(h, reinterpret_cast<float*>(state->pixels), pitch)) return FrameMissing(input, h);
+    VelmoNextFrame(h);
+    return true;
+  }
   VelmoCopyToBuffer(h, state->pixels, static_cast<int32_t>(pitch), static_cast<int32_t>(h->Height),
                     0, 0, uint32_t(VelmoSurfaceArgb32) | uint32_t(VelmoOpenNeverSkip));
   VelmoNextFrame(h);
@@ -123,6 +173,7 @@ bool SeekVelmo(MediaInput* input, uint32_t index) {
   HVELMO h = StateOf(input)->handle;
   for (uint32_t i = 0; i < index; ++i) {
     if (!VelmoDoFrame(h)) return FrameMissing(input, h);
+    WarnOldStream(input, StateOf(input));
     VelmoNextFrame(h);
   }
   return true;
@@ -134,7 +185,7 @@ bool RewindVelmo(MediaInput* input) {
 }
 
 void CloseVelmo(MediaInput* input) {
-  VelmoState* state = StateOf(input);
+  VelmoReaderState* state = StateOf(input);
   if (!state) return;
   VelmoClose(state->handle);
   free(state->pixels);

@@ -6,6 +6,8 @@
 #include "convert/output.h"
 #include "tools/orninfo.h"
 #include "../convert/program_test_support.h"
+#include "support/hdr_forward.h"
+#include "support/velmo2_flat_file.h"
 
 namespace {
 
@@ -229,6 +231,43 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
   EXPECT_EQ(both.Times("Video format: "), 1u) << both.output;
   EXPECT_EQ(both.Times("Extra text: hello"), 1u) << both.output;
   EXPECT_EQ(RunTail("orninfo").code, 8002 & 255);
+}
+
+// The report of a second-generation file alone on standard output.
+std::string InfoReport(const std::string& name) {
+  const ToolOutcome report = RunShell("ORN_CONSOLE=1 '" + std::string(ORN_PROGRAM_PATH) +
+                                      "' ORNInfo /#77 '" + name + "' </dev/null 2>/dev/null");
+  EXPECT_EQ(report.code, 0) << name;
+  return report.output;
+}
+
+TEST_F(OrnFileInfo, SecondGenerationFilesShowTypeSizeFramesAndColourSpace) {
+  velmo_test::FlatFilePlan plain;
+  plain.Width = 72;
+  plain.Height = 40;
+  plain.Frames.assign(3, velmo_test::FlatFrame{});
+  velmo_test::WriteFlatFile(dir + "/plain.vm2", plain);
+  const std::string out = InfoReport(dir + "/plain.vm2");
+  const char* const lines[] = {"    Video format: Velmo 2.5\n", "\n    Width: 72\n",
+                               "\n    Height: 40\n",           "\n    Frames: 3\n",
+                               "\n    Color depth: 32\n",      "\n    File type: VM2j\n",
+                               "\n    Uses old y-cr-cb colorspace.\n"};
+  ExpectInOrder(out, lines);
+  EXPECT_FALSE(Has(out, "Max HDR nits")) << out;
+
+  velmo_test::FlatFilePlan hdr;
+  hdr.Hdr = true;
+  hdr.Alpha = true;
+  test_support::MakeHdrBlock(4000, test_support::Tone1000, hdr.HdrBlock);
+  hdr.Frames.assign(2, velmo_test::FlatFrame{});
+  velmo_test::WriteFlatFile(dir + "/hdr.vm2", hdr);
+  const std::string wide = InfoReport(dir + "/hdr.vm2");
+  const char* const hdrLines[] = {"    Video format: Velmo 2.7\n", "\n    Width: 64\n",
+                                  "\n    Height: 32\n",          "\n    Frames: 2\n",
+                                  "\n    Color depth: HDR\n",    "\n    Alpha plane: Yes.\n",
+                                  "\n    File type: VM2m\n",     "\n    Uses HDR I-Ct-Cp colorspace.\n",
+                                  "\n    Max HDR nits: 4000\n"};
+  ExpectInOrder(wide, hdrLines);
 }
 
 TEST_F(OrnFileInfo, VelmoTracksAndTheirSound) {
