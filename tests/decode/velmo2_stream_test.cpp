@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -182,6 +183,89 @@ std::vector<StreamPlan> Plans() {
   return plans;
 }
 
+// ---- Element writers with state, against the readers --------------------------------------
+
+// Random kinds over several rows: the writer's list and the reader's stay in step.
+TEST(Velmo2StreamElements, KindListModelFollowsTheReader) {
+  std::mt19937 rng(21);
+  BitWriter w;
+  std::vector<uint32_t> kinds;
+  KindListModel model;
+  for (int row = 0; row < 20; ++row) {
+    model.Reset();
+    for (int i = 0; i < 30; ++i) {
+      kinds.push_back(rng() % (row % 3 == 0 ? 2 : 4));
+      model.Put(w, kinds.back());
+    }
+  }
+  const std::vector<uint8_t> bytes = w.Bytes();
+  Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size());
+  Velmo2KindList list;
+  for (size_t i = 0; i < kinds.size(); ++i) {
+    if (i % 30 == 0) list = Velmo2KindListAtRowStart();
+    ASSERT_EQ(Velmo2ReadKind(r, list), kinds[i]) << i;
+  }
+  EXPECT_EQ(r.Pos * 8 - r.Count, w.Size());
+}
+
+// Masks of every density against previous masks of every density (so both the nibble and the
+// plain form, flipped or not), with and without clone bits and the bit-18 rule.
+TEST(Velmo2StreamElements, MaskWritersFollowTheReaders) {
+  std::mt19937 rng(22);
+  for (uint32_t frameWord : {0u, 0x40000u}) {
+    BitWriter w;
+    std::vector<uint32_t> want;
+    uint32_t luma = 0, chroma = 0;
+    for (int i = 0; i < 3000; ++i) {
+      const uint32_t density = rng() % 17;
+      uint32_t blocks = 0;
+      for (int b = 0; b < 16; ++b) blocks |= uint32_t(rng() % 16 < density) << b;
+      want.push_back(PutLumaMask(w, &luma, blocks, rng() % 2, frameWord));
+      ChromaMaskChoice c;
+      c.UseDefault = rng() % 3 == 0;
+      c.Blocks = rng() % 16;
+      c.Clone = rng() % 2;
+      want.push_back(PutChromaMask(w, &chroma, c));
+    }
+    const std::vector<uint8_t> bytes = w.Bytes();
+    Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size());
+    uint32_t lumaPrev = 0, chromaPrev = 0;
+    for (size_t i = 0; i < want.size(); i += 2) {
+      lumaPrev = Velmo2ReadLumaMask(r, lumaPrev, Velmo2FrameWord{frameWord});
+      ASSERT_EQ(lumaPrev, want[i]) << i;
+      chromaPrev = Velmo2ReadChromaMask(r, chromaPrev);
+      ASSERT_EQ(chromaPrev, want[i + 1]) << i;
+    }
+    EXPECT_EQ(r.Pos * 8 - r.Count, w.Size());
+  }
+}
+
+// AC blocks with runs of levels (seven), long skips (escape), and either end: the levels come
+// back at their scan positions and the reading stops on the block's last bit.
+TEST(Velmo2StreamElements, AcBlockWriterFollowsTheReader) {
+  std::mt19937 rng(23);
+  const std::vector<uint16_t> flat(64, 128);  // with q 0 a coefficient equals its level
+  for (int round = 0; round < 1000; ++round) {
+    AcBlock b;
+    const uint32_t density = rng() % 10;
+    for (int p = 1; p < 64; ++p) {
+      const int level = int(rng() % 61) - 30;
+      if (rng() % 10 < density) b.Levels[p] = int16_t(level == 0 ? 1 : level);
+    }
+    b.EndByEscape = rng() % 2;
+    const int table = 1 + round % 2;
+    BitWriter w;
+    PutAcBlock(w, table, b);
+    const std::vector<uint8_t> bytes = w.Bytes();
+    Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size());
+    int16_t coef[64] = {};
+    const Velmo2AcBlock got = Velmo2ReadAcBlock(r, table, flat.data(), 0, coef);
+    ASSERT_EQ(got.Count, b.Count()) << round;
+    for (int p = 1; p < 64; ++p) ASSERT_EQ(coef[Velmo2Scan[p]], b.Levels[p]) << round << " " << p;
+    ASSERT_EQ(r.Pos * 8 - r.Count, w.Size()) << round;
+  }
+}
+
 TEST(Velmo2StreamLayout, SliceEndsAgreeWithTheDecoderLayout) {
   for (char tag : {'g', 'h', 'i', 'j', 'k', 'm'}) {
     for (uint32_t mode = 0; mode < 4; ++mode) {
@@ -289,6 +373,45 @@ TEST(Velmo2StreamSection, SameSeedSameSection) {
   EXPECT_EQ(GenerateSection(plan), a);
   plan.Seed = 78;
   EXPECT_NE(GenerateSection(plan), a);
+}
+
+// The decoder's buffers: whole 32x16 units, chroma half, pitches of whole 64-byte units, the
+// planes asked for; a write anywhere outside a plane's area is seen, none inside it.
+TEST(Velmo2StreamFrames, GeometryAndGuards) {
+  for (uint32_t height : {8u, 127u, 128u, 300u}) {
+    Frames f(100, height, height > 100, height == 300);
+    EXPECT_EQ(f.Fb.LumaWidth, 128u);
+    EXPECT_EQ(f.Fb.LumaHeight % 16, 0u);
+    EXPECT_GE(f.Fb.LumaHeight, height);
+    EXPECT_LT(f.Fb.LumaHeight, height + 16);
+    EXPECT_EQ(f.Fb.ChromaWidth * 2, f.Fb.LumaWidth);
+    EXPECT_EQ(f.Fb.ChromaHeight * 2, f.Fb.LumaHeight);
+    EXPECT_EQ(f.Fb.LumaPitch % 64, 0);
+    EXPECT_EQ(f.Fb.ChromaPitch % 64, 0);
+    EXPECT_GE(uint32_t(f.Fb.ChromaPitch), f.Fb.ChromaWidth);
+    EXPECT_EQ(f.Fb.Sets[1].Planes[VelmoPlaneAlpha] != nullptr, height > 100);
+    EXPECT_EQ(f.Fb.Sets[1].Planes[VelmoPlaneHdr] != nullptr, height == 300);
+    f.Fill(0, 0x11);
+    f.Fill(1, 0x22);
+    EXPECT_TRUE(f.GuardsIntact());
+    for (int s = 0; s < 2; ++s) {
+      for (int p = 0; p < VelmoPlaneCount; ++p) {
+        uint8_t* plane = f.Fb.Sets[s].Planes[p];
+        if (!plane) continue;
+        const ptrdiff_t pitch = f.Pitch(p);
+        const ptrdiff_t last = ptrdiff_t(f.Lines(p) - 1) * pitch;
+        for (ptrdiff_t at : {ptrdiff_t(-1), -pitch, ptrdiff_t(f.Bytes(p)), last + pitch,
+                             last + ptrdiff_t(f.Bytes(p))}) {
+          const uint8_t kept = plane[at];
+          plane[at] = 0;
+          EXPECT_FALSE(f.GuardsIntact()) << "set " << s << " plane " << p << " at " << at;
+          plane[at] = kept;
+        }
+        plane[last + f.Bytes(p) - 1] = 0;
+        EXPECT_TRUE(f.GuardsIntact()) << "set " << s << " plane " << p;
+      }
+    }
+  }
 }
 
 // Generated sections wrapped into files of each tag read back whole, with their key flags, and

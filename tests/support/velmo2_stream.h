@@ -720,10 +720,11 @@ struct Frames {
       for (int p = 0; p < VelmoPlaneCount; ++p) {
         const std::vector<uint8_t>& m = Memory[s][p];
         const size_t pitch = size_t(Pitch(p));
-        for (size_t i = 0; i < m.size(); ++i) {
-          const size_t line = i / pitch, column = i % pitch;
-          const bool inside = line >= GuardLines && line < GuardLines + Lines(p) && column < Bytes(p);
-          if (!inside && m[i] != Guard) return false;
+        for (size_t line = 0; line * pitch < m.size(); ++line) {
+          const bool inside = line >= GuardLines && line < GuardLines + Lines(p);
+          const uint8_t* from = m.data() + line * pitch + (inside ? Bytes(p) : 0);
+          const uint8_t* to = m.data() + (line + 1) * pitch;
+          if (std::find_if(from, to, [](uint8_t b) { return b != Guard; }) != to) return false;
         }
       }
     }
