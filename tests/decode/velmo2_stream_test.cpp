@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -86,15 +89,29 @@ Walk WalkSection(const std::vector<uint8_t>& section, const StreamPlan& plan) {
     }
     const uint32_t rowEnd = (layout.Ends[k] + 31) / 32;
     std::vector<int32_t> above[2], current[2];
+    std::vector<std::array<int32_t, 8>> vectorsAbove, vectors;  // x then y of each macroblock
     for (uint32_t row = start / 32; row < rowEnd; ++row) {
       const bool firstRow = row == start / 32;
       Velmo2KindList list = Velmo2KindListAtRowStart();
       uint32_t luma[3] = {}, chroma[2] = {};
       for (int i = 0; i < 2; ++i) current[i].assign(columns, firstRow ? 16 : above[i][0]);
+      vectors.assign(columns, {});
       for (uint32_t x = 0; x < columns; ++x) {
         int32_t& qi = current[0][x];
         int32_t& qr = current[1][x];
-        MacroblockTrace t{plan.Key ? uint32_t(Velmo2Intra) : Velmo2ReadKind(r, list), qi, 0, false, 0};
+        MacroblockTrace t{plan.Key ? uint32_t(Velmo2Intra) : Velmo2ReadKind(r, list), qi, 0, false, 0, {}, {}};
+        if (!plan.Key && t.Kind != Velmo2Skipped) {
+          Velmo2VectorDiffs d{};
+          if (t.Kind != Velmo2Intra) d = Velmo2ReadVectorDiffs(r);
+          for (int c = 0; c < 2; ++c) {
+            const Velmo2VectorNeighbours n{firstRow ? nullptr : &vectorsAbove[x][4 * c],
+                                           x > 0 ? &vectors[x - 1][4 * c] : nullptr,
+                                           !firstRow && x > 0 ? &vectorsAbove[x - 1][4 * c] : nullptr};
+            Velmo2PredictVectors(n, d.Single, c ? d.Y : d.X, &vectors[x][4 * c]);
+          }
+        }
+        std::copy(vectors[x].begin(), vectors[x].begin() + 4, t.X);
+        std::copy(vectors[x].begin() + 4, vectors[x].end(), t.Y);
         if (t.Kind == Velmo2Intra) {
           t.Quantiser = qi = Velmo2ReadQuantiser(r, qi);
           const uint16_t* lumaTable = Velmo2Dequant(Velmo2DequantIntraLuma)[qi & 3];
@@ -107,7 +124,6 @@ Walk WalkSection(const std::vector<uint8_t>& section, const StreamPlan& plan) {
           if (alpha) ReadLumaPlane(r, &luma[1], word, lumaTable, qi, &unused);
           if (plan.Hdr) ReadLumaPlane(r, &luma[2], word, lumaTable, qi, &unused);
         } else if (t.Kind == Velmo2Motion || t.Kind == Velmo2Residual) {
-          Velmo2ReadVectorDiffs(r);
           if (t.Kind == Velmo2Residual) {
             t.Quantiser = qr = Velmo2ReadQuantiser(r, qr);
             const uint16_t* table = Velmo2Dequant(Velmo2DequantInter)[qr & 3];
@@ -133,6 +149,7 @@ Walk WalkSection(const std::vector<uint8_t>& section, const StreamPlan& plan) {
       }
       above[0] = current[0];
       above[1] = current[1];
+      vectorsAbove = vectors;
     }
     walk.SliceBits.push_back(r.Pos * 8 - r.Count);
     walk.Overran |= Velmo2Overran(r);
@@ -150,6 +167,10 @@ void ExpectSameMacroblocks(const std::vector<MacroblockTrace>& got,
     ASSERT_EQ(got[i].LumaMask, want[i].LumaMask) << "macroblock " << i;
     ASSERT_EQ(got[i].Chroma, want[i].Chroma) << "macroblock " << i;
     ASSERT_EQ(got[i].LumaAcCount, want[i].LumaAcCount) << "macroblock " << i;
+    for (int q = 0; q < 4; ++q) {
+      ASSERT_EQ(got[i].X[q], want[i].X[q]) << "macroblock " << i << " vector " << q;
+      ASSERT_EQ(got[i].Y[q], want[i].Y[q]) << "macroblock " << i << " vector " << q;
+    }
   }
 }
 
@@ -332,6 +353,7 @@ TEST(Velmo2StreamSection, SharesShapeTheFrame) {
   plan.Shares.QMin = 10;
   plan.Shares.QMax = 14;
   plan.Shares.QChange = 0.9;
+  plan.Shares.VectorSpread = 8;
   StreamTrace mixed;
   WalkSection(GenerateSection(plan, &mixed), plan);
   uint32_t byKind[4] = {};
@@ -340,6 +362,13 @@ TEST(Velmo2StreamSection, SharesShapeTheFrame) {
     // Quantisers start at 16 and move into the range at the first coded one.
     if (t.Kind == Velmo2Intra || t.Kind == Velmo2Residual) {
       EXPECT_TRUE((t.Quantiser >= 10 && t.Quantiser <= 14) || t.Quantiser == 16) << t.Quantiser;
+    }
+    // Vectors stay within the spread of a frame-wide motion that is itself within the spread.
+    if (t.Kind == Velmo2Motion || t.Kind == Velmo2Residual) {
+      for (int q = 0; q < 4; ++q) {
+        EXPECT_LE(std::abs(t.X[q]), 16) << q;
+        EXPECT_LE(std::abs(t.Y[q]), 16) << q;
+      }
     }
   }
   for (uint32_t k = 0; k < 4; ++k) EXPECT_GT(byKind[k], 0u) << "kind " << k;

@@ -403,7 +403,8 @@ struct StreamShares {
   double AcDensity = 0.15;   // chance of a level at each scan index of such a block, near the
                              // start; it falls off linearly towards index 63
   uint32_t LevelSpread = 6;  // AC and DC levels mostly within this; now and then far larger
-  uint32_t VectorSpread = 8; // vector differences within this many half pixels
+  uint32_t VectorSpread = 8; // half pixels: a frame-wide motion within this, and each vector
+                             // within this of that motion
   int32_t QMin = 4, QMax = 28;  // quantisers stay within, inside 0 .. 36
   double QChange = 0.3;      // chance that a macroblock codes a new quantiser
   double ChromaResidual = 0.6;  // chance that a residual macroblock codes Cr and Cb
@@ -430,6 +431,7 @@ struct MacroblockTrace {
   uint32_t LumaMask;     // the Y mask word as the reader makes it; 0 without Y data
   bool Chroma;           // Cr and Cb data were written
   uint32_t LumaAcCount;  // Y AC levels written
+  int32_t X[4], Y[4];    // the vectors the reader keeps, quadrant order; 0 in key frames
 };
 
 struct StreamTrace {
@@ -440,11 +442,61 @@ struct StreamTrace {
   std::vector<MacroblockTrace> Macroblocks;  // in stream order
 };
 
+// ---- Motion vectors -------------------------------------------------------------------------
+
+inline int32_t Median3(int32_t a, int32_t b, int32_t c) {
+  return std::max(std::min(a, b), std::min(std::max(a, b), c));
+}
+
+// One component of a macroblock's four vectors, coded against the prediction from the
+// neighbours (four values each, quadrant order; null where a neighbour is missing; aboveLeft
+// is used only with both above and left). Each vector is predicted after the ones before it
+// have their values, in the order 0 1 2 3, or 0 2 1 3 with only a left neighbour. `want`
+// holds the values to reach (with `single`, want[0] for all four); with `zero` each vector
+// takes its prediction instead, as a non-key intra macroblock's. Gives the differences to write
+// and the values the reader ends with.
+inline void CodeVectorComponent(const int32_t* above, const int32_t* left,
+                                const int32_t* aboveLeft, bool single, bool zero,
+                                const int32_t want[4], int32_t diff[4], int32_t out[4]) {
+  const auto predict = [&](int i) -> int32_t {
+    if (i == 3) return Median3(out[0], out[1], out[2]);
+    if (above && left) {
+      if (i == 0) return Median3(above[2], left[1], aboveLeft[3]);
+      return i == 1 ? Median3(out[0], above[2], above[3]) : Median3(out[0], left[1], left[3]);
+    }
+    if (above) {
+      if (i == 0) return Median3(above[2], above[0], above[3]);
+      return i == 1 ? Median3(out[0], above[2], above[3]) : Median3(out[0], out[1], above[2]);
+    }
+    if (left) {
+      if (i == 0) return Median3(left[1], left[0], left[3]);
+      return i == 1 ? Median3(out[0], out[2], left[1]) : Median3(out[0], left[1], left[3]);
+    }
+    return i == 0 ? 0 : out[0];
+  };
+  static const int kOrder[2][4] = {{0, 1, 2, 3}, {0, 2, 1, 3}};
+  const int* order = kOrder[!above && left];
+  for (int k = 0; k < 4; ++k) {
+    const int i = order[k];
+    const int32_t predicted = predict(i);
+    out[i] = zero ? predicted : want[single ? 0 : i];
+    diff[i] = out[i] - predicted;
+    if (single && i == 0) {
+      out[1] = out[2] = out[3] = out[0];
+      diff[1] = diff[2] = diff[3] = 0;
+      return;
+    }
+  }
+}
+
 class StreamGenerator {
  public:
   explicit StreamGenerator(const StreamPlan& plan) : P(plan), Rng(plan.Seed) {
     Word = P.FrameWord | 0x2000;
     Columns = (P.Width + 31) / 32;
+    const int32_t s = int32_t(P.Shares.VectorSpread);
+    MotionX = Between(-s, s);
+    MotionY = Between(-s, s);
   }
 
   std::vector<uint8_t> Section(StreamTrace* trace) {
@@ -477,6 +529,9 @@ class StreamGenerator {
   struct Quantisers {
     int32_t Q[2];  // intra, residual
   };
+  struct Vectors {
+    int32_t X[4], Y[4];
+  };
 
   StreamPlan P;
   std::mt19937_64 Rng;
@@ -487,6 +542,8 @@ class StreamGenerator {
   uint32_t LumaPrev[3] = {};    // Y, alpha, HDR
   uint32_t ChromaPrev[2] = {};  // Cr, Cb
   std::vector<Quantisers> Above, Current;
+  std::vector<Vectors> VectorsAbove, VectorsNow;
+  int32_t MotionX = 0, MotionY = 0;  // the frame-wide motion
 
   double Uniform() { return std::uniform_real_distribution<double>(0.0, 1.0)(Rng); }
   int32_t Between(int32_t lo, int32_t hi) {
@@ -534,33 +591,39 @@ class StreamGenerator {
     if (firstRowOfSlice) Above.clear();
     Current.assign(Columns, Quantisers{{16, 16}});
     if (!firstRowOfSlice) Current[0] = Above[0];
+    VectorsNow.assign(Columns, Vectors{});
     for (uint32_t x = 0; x < Columns; ++x) {
-      WriteMacroblock(w, Current[x]);
+      WriteMacroblock(w, Current[x], x, firstRowOfSlice);
       if (x + 1 < Columns) {
         for (int i = 0; i < 2; ++i) {
           const int32_t cur = Current[x].Q[i];
           Current[x + 1].Q[i] = firstRowOfSlice
                                     ? cur
-                                    : Median(cur, Above[x + 1].Q[i], Above[x].Q[i]);
+                                    : Median3(cur, Above[x + 1].Q[i], Above[x].Q[i]);
         }
       }
     }
     Above = Current;
+    VectorsAbove = VectorsNow;
   }
 
-  static int32_t Median(int32_t a, int32_t b, int32_t c) {
-    return std::max(std::min(a, b), std::min(std::max(a, b), c));
-  }
-
-  void WriteMacroblock(BitWriter& w, Quantisers& q) {
+  void WriteMacroblock(BitWriter& w, Quantisers& q, uint32_t x, bool firstRowOfSlice) {
     const uint32_t kind = PickKind();
-    MacroblockTrace t{kind, q.Q[0], 0, false, 0};
+    MacroblockTrace t{kind, q.Q[0], 0, false, 0, {}, {}};
     if (!P.Key) Kinds.Put(w, kind);
+    Vectors& v = VectorsNow[x];
+    if (!P.Key && kind != 1) {
+      const Vectors* above = firstRowOfSlice ? nullptr : &VectorsAbove[x];
+      const Vectors* left = x > 0 ? &VectorsNow[x - 1] : nullptr;
+      const Vectors* aboveLeft = above && left ? &VectorsAbove[x - 1] : nullptr;
+      WriteVectors(w, kind == 0, above, left, aboveLeft, &v);
+    }
+    std::copy(v.X, v.X + 4, t.X);
+    std::copy(v.Y, v.Y + 4, t.Y);
     if (kind == 0) {
       t.Quantiser = q.Q[0] = WriteQuantiser(w, q.Q[0]);
       WritePlanes(w, true, &t);
     } else if (kind == 2 || kind == 3) {
-      WriteVectors(w);
       if (kind == 3) {
         t.Quantiser = q.Q[1] = WriteQuantiser(w, q.Q[1]);
         WritePlanes(w, false, &t);
@@ -576,15 +639,22 @@ class StreamGenerator {
     return q;
   }
 
-  void WriteVectors(BitWriter& w) {
-    const bool single = Uniform() < 0.6;
-    int32_t x[4] = {}, y[4] = {};
+  // The vectors of a motion or residual macroblock around the frame's motion, coded against
+  // their prediction; an intra one (`zero`) writes nothing and keeps the prediction.
+  void WriteVectors(BitWriter& w, bool zero, const Vectors* above, const Vectors* left,
+                    const Vectors* aboveLeft, Vectors* out) {
+    const bool single = !zero && Uniform() < 0.6;
     const int32_t s = int32_t(P.Shares.VectorSpread);
+    int32_t wantX[4], wantY[4], dx[4], dy[4];
     for (int i = 0; i < 4; ++i) {
-      if (Uniform() < 0.6) x[i] = Between(-s, s);
-      if (Uniform() < 0.6) y[i] = Between(-s, s);
+      wantX[i] = MotionX + Between(-s, s);
+      wantY[i] = MotionY + Between(-s, s);
     }
-    PutVectorDiffs(w, single, x, y);
+    CodeVectorComponent(above ? above->X : nullptr, left ? left->X : nullptr,
+                        aboveLeft ? aboveLeft->X : nullptr, single, zero, wantX, dx, out->X);
+    CodeVectorComponent(above ? above->Y : nullptr, left ? left->Y : nullptr,
+                        aboveLeft ? aboveLeft->Y : nullptr, single, zero, wantY, dy, out->Y);
+    if (!zero) PutVectorDiffs(w, single, dx, dy);
   }
 
   // Y, then Cr and Cb (behind a flag bit in a residual macroblock), then alpha and HDR.
