@@ -1,9 +1,9 @@
 // Fuzzes the second-generation frame decoder with a key frame and then an inter frame of the
 // same picture, decoded in one share or in several shares one after another, then the seams.
 //
-// Input: byte 0 picks the picture size (8x8, 40x127, 72x128, 100x64, 48x32, 200x160, 136x264,
-// 24x300: single 8x8 blocks, one line short of and at the slice threshold, widths that are
-// not whole macroblocks). Byte 1: bits 0-1 the slice mode of the file flags, bits 2-3 the tag
+// Input: byte 0 picks the picture size (8x8, 40x127, 72x128, 100x97, 48x96, 200x160, 136x264,
+// 24x300: single 8x8 blocks; heights that round up to 128 lines and have the file's slice
+// count, and 96 lines that are one slice; widths that are not whole macroblocks). Byte 1: bits 0-1 the slice mode of the file flags, bits 2-3 the tag
 // ("VM2g", "VM2h", "VM2j", "VM2m"), bit 4 an alpha plane, bit 5 an HDR plane, bits 6-7 the
 // split into shares (0: one share of all slices; 1: a share per slice; 2: shares of two
 // slices; 3: a new share before slice k + 1 where byte 2 has bit k set). Byte 2 bit 7 decodes
@@ -28,8 +28,8 @@ namespace {
 struct Size {
   uint32_t Width, Height;
 };
-constexpr Size kSizes[8] = {{8, 8},   {40, 127},  {72, 128},  {100, 64},
-                            {48, 32}, {200, 160}, {136, 264}, {24, 300}};
+constexpr Size kSizes[8] = {{8, 8},   {40, 127},  {72, 128},  {100, 97},
+                            {48, 96}, {200, 160}, {136, 264}, {24, 300}};
 constexpr char kTags[4] = {'g', 'h', 'j', 'm'};
 
 struct Share {

@@ -25,9 +25,10 @@ constexpr char kTags[4] = {'g', 'h', 'j', 'm'};
 
 const Seed kSeeds[] = {
     {"one_block", 0, 8, 8, 2, 0, false, false, 0, 0, 0x10000 | 4},
-    {"short_of_slices_alpha", 1, 40, 127, 1, 1, true, false, 1, 0, 0x10000 | 0x20000 | 6},
+    {"rounded_up_to_three_slices_alpha", 1, 40, 127, 1, 1, true, false, 1, 0, 0x10000 | 0x20000 | 6},
     {"eight_slices_at_128", 2, 72, 128, 2, 3, false, false, 1, 0, 0x10000 | 0x40000 | 5},
-    {"old_tag_two_slices", 3, 100, 64, 0, 0, false, false, 0, 0, 0x4000 | 0x10000 | 2},
+    {"old_tag_two_slices", 3, 100, 97, 0, 0, false, false, 0, 0, 0x4000 | 0x10000 | 2},
+    {"one_slice_at_96", 4, 48, 96, 3, 3, true, true, 1, 0, 0x10000 | 0x40000 | 0x20000 | 1},
     {"hdr_const_alpha_pairs", 5, 200, 160, 3, 2, true, true, 2, 0,
      0x10000 | 0x80000 | 0xC0000000u | 3},
     {"cut_shares_reversed", 6, 136, 264, 2, 3, false, false, 3, 0x80 | 0x15, 0x18000 | 0x40000 | 7},

@@ -377,7 +377,7 @@ inline std::vector<uint32_t> SliceEnds(char letter, uint32_t fileFlags, uint32_t
     return first >= height ? std::vector<uint32_t>{height} : std::vector<uint32_t>{first, height};
   }
   uint32_t n = 1;
-  if (height > 127) {  // up to 127 lines one slice, whatever the rounded height
+  if (a > 127) {  // by the rounded height: one slice up to 96 lines
     static const uint32_t kByMode[4] = {2, 3, 4, 8};
     n = letter == 'g' ? 2 : kByMode[fileFlags & 3];
   }
