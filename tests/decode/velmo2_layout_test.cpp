@@ -1,6 +1,7 @@
 // Second-generation frame word, slice offsets, slice layouts and edge maps.
 #include "decode/velmo2_syntax.h"
 #include "velmo2_test_stream.h"
+#include "support/velmo2_stream.h"
 
 #include <gtest/gtest.h>
 
@@ -248,41 +249,6 @@ TEST(Velmo2EdgeMaps, FrameWordPicksTheMaps) {
   EXPECT_EQ(cols[0], 0u);
 }
 
-// A run coder written from the coding rules: a run wherever one of the least length fits,
-// else a literal group. It keeps the decoder's state to know which values the stream may
-// leave out.
-void PutRunCoded(BitWriter& w, const std::vector<int>& entries) {
-  w.Code("1");
-  const uint32_t n = uint32_t(entries.size());
-  uint32_t i = 0, state = 0;
-  while (i < n) {
-    const uint32_t rem = n - i;
-    uint32_t same = 1;
-    while (i + same < n && entries[i + same] == entries[i]) ++same;
-    const uint32_t b = rem < 4 ? 2 : rem < 16 ? 4 : 5;
-    const uint32_t least = state == 3 ? b + 1 : b + 2;
-    if (same >= least) {
-      w.Code("1");
-      if (state != 3) w.PutBit(entries[i]);
-      uint32_t m = least;
-      if (rem > m) {
-        const uint32_t e = std::min(same - m, (1u << b) - 1);
-        w.Put(e, b);
-        state = e == (1u << b) - 1 ? 1 : 3;
-        m += e;
-      }
-      i += m;
-    } else {
-      w.Code("0");
-      if (state != 3) w.PutBit(entries[i]);
-      state = 2;
-      const uint32_t more = rem <= 4 ? rem - 1 : 4;
-      for (uint32_t k = 1; k <= more; ++k) w.PutBit(entries[i + k]);
-      i += more + 1;
-    }
-  }
-}
-
 // Random maps, with runs of random lengths, written raw and run coded, read back.
 TEST(Velmo2EdgeMap, RandomMapsRoundTrip) {
   std::mt19937 rng(7);
@@ -298,7 +264,7 @@ TEST(Velmo2EdgeMap, RandomMapsRoundTrip) {
     for (int coded = 0; coded < 2; ++coded) {
       BitWriter w;
       if (coded) {
-        PutRunCoded(w, entries);
+        velmo2_test::PutEdgeMapRunCoded(w, entries);
       } else {
         w.Code("0");
         for (int e : entries) w.PutBit(e);

@@ -2,6 +2,7 @@
 // differences and AC coefficients, read from streams written bit by bit.
 #include "decode/velmo2_syntax.h"
 #include "velmo2_test_stream.h"
+#include "support/velmo2_stream.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+using namespace velmo2_test;
 
 namespace {
 
@@ -39,66 +42,6 @@ void ExpectReadsBack(const std::vector<int32_t>& values, Put put, Read read) {
   Velmo2TestStream s(w);
   for (int32_t v : values) ASSERT_EQ(read(s.Reader), v);
   EXPECT_EQ(Velmo1Read(s.Reader, 6), kMarker);
-}
-
-// ---- Encoders written from the code tables, for the round trips ----------------------------
-
-void PutQuantiserDiff(BitWriter& w, int32_t d) {
-  const uint32_t mag = uint32_t(d < 0 ? -d : d);
-  static const char* kShort[5] = {"1", "01", "001", "00010", "00011"};
-  if (mag < 5) {
-    w.Code(kShort[mag]);
-  } else {
-    w.Code("0000").Put(mag - 5, 5);
-  }
-  if (mag != 0) w.PutBit(d < 0);
-}
-
-// Magnitude prefix: n ones, then a 0 unless n is 11.
-void PutOnes(BitWriter& w, uint32_t n) {
-  for (uint32_t i = 0; i < n; ++i) w.PutBit(1);
-  if (n < 11) w.PutBit(0);
-}
-
-void PutDcLevel(BitWriter& w, int32_t level) {
-  const uint32_t mag = uint32_t(level < 0 ? -level : level);
-  if (mag == 0) {
-    PutOnes(w, 0);
-    return;
-  }
-  if (mag <= 3) {
-    PutOnes(w, mag);
-  } else {
-    uint32_t n = 4;
-    while (mag > (2u << (n - 3)) + 1) ++n;  // n covers 2^(n-3) + 2 .. 2^(n-2) + 1
-    PutOnes(w, n);
-    w.Put(mag - (1u << (n - 3)) - 2, n - 3);
-  }
-  w.PutBit(level < 0);
-}
-
-void PutAcLevel(BitWriter& w, int32_t level) {
-  const uint32_t mag = uint32_t(level < 0 ? -level : level);
-  if (mag <= 3) {
-    PutOnes(w, mag - 1);
-  } else {
-    uint32_t n = 3;
-    while (mag > (2u << (n - 2)) + 1) ++n;
-    PutOnes(w, n);
-    w.Put(mag - (1u << (n - 2)) - 2, n - 2);
-  }
-  w.PutBit(level < 0);
-}
-
-void PutVectorDiff(BitWriter& w, int32_t v) {
-  const uint32_t i = v >= 0 ? uint32_t(2 * v) : uint32_t(-2 * int64_t(v) - 1);
-  if (i >= 65535) {
-    w.Put(0, 16).Put(i - 65535, 16);
-    return;
-  }
-  uint32_t z = 0;
-  while ((2u << z) - 1 <= i) ++z;  // z codes i in 2^z - 1 .. 2^(z+1) - 2
-  w.Put(0, z).PutBit(1).Put(i + 1 - (1u << z), z);
 }
 
 // ---- Kinds ---------------------------------------------------------------------------------
@@ -474,43 +417,6 @@ TEST(Velmo2VectorPrediction, EachNeighbourCase) {
 
 namespace {
 
-struct RunSymbol {
-  const char* Code[2];  // tables 1 and 2
-  uint32_t Skip;
-  uint32_t Repeat;
-};
-
-// The run code tables, escape left out.
-const RunSymbol kRunSymbols[] = {
-    {{"1", "1"}, 0, 0},
-    {{"000", "001"}, 1, 0},
-    {{"0010", "0000"}, 2, 0},
-    {{"001101000", "0001"}, 3, 0},
-    {{"001101100", "01000"}, 4, 0},
-    {{"0011000", "0100110"}, 5, 0},
-    {{"0011001", "01010"}, 6, 0},
-    {{"001101010", "010010"}, 7, 0},
-    {{"00110111", "0101110"}, 8, 0},
-    {{"001101001", "01011110"}, 9, 0},
-    {{"001101101", "01011111"}, 10, 0},
-    {{"01", "011"}, 64, 0},
-    {{"00111", "010110"}, 0, 7},
-};
-const char* kEscape[2] = {"001101011", "0100111"};
-
-void PutRun(BitWriter& w, int table, uint32_t skip) {
-  const int t = table - 1;
-  if (skip == 64) {
-    w.Code(t ? "011" : "01");
-  } else if (skip <= 10) {
-    w.Code(kRunSymbols[skip].Code[t]);
-  } else {
-    w.Code(kEscape[t]).Put(skip, 6);
-  }
-}
-
-void PutSeven(BitWriter& w, int table) { w.Code(table == 1 ? "00111" : "010110"); }
-
 // A flat dequantisation row: with 128 and q below 4 a coefficient equals its level.
 std::vector<uint16_t> Flat(uint16_t v) { return std::vector<uint16_t>(64, v); }
 
@@ -530,7 +436,7 @@ TEST(Velmo2RunCode, EverySymbolOfBothTables) {
     }
     for (uint32_t skip : {0u, 11u, 42u, 63u}) {
       BitWriter w;
-      w.Code(kEscape[table - 1]).Put(skip, 6);
+      w.Code(kRunEscape[table - 1]).Put(skip, 6);
       PutMarker(w);
       Velmo2TestStream s(w);
       const Velmo2Run c = Velmo2ReadRunCode(s.Reader, table);
