@@ -5,6 +5,7 @@
 // gate the test opens, so nothing depends on timing.
 #include "reader/velmo_async.h"
 #include "support/velmo1_mixed_file.h"
+#include "support/velmo2_file.h"
 #include "velmo_test_files.h"
 
 #include <gtest/gtest.h>
@@ -122,15 +123,37 @@ class VelmoAsyncTest : public VelmoTest {
 // ---------------------------------------------------------------------------------------------
 // Pictures
 
-// Thread numbers, and the wait's limit in microseconds (-1 none, 0 ask until done, else a limit).
-using Plan = std::tuple<std::vector<uint32_t>, int32_t>;
+// A second-generation file of four slices: key frames 1 and 5, generated inter frames between.
+std::vector<uint8_t> SecondGenerationFile() {
+  velmo2_test::FileFrames f;
+  f.Width = 96;
+  f.Height = 160;
+  f.SliceMode = 2;
+  velmo2_test::StreamPlan plan;
+  plan.Width = f.Width;
+  plan.Height = f.Height;
+  plan.FileFlags = f.SliceMode;
+  plan.Shares.CodedBlocks = 0.6;
+  for (uint32_t i = 0; i < 7; ++i) {
+    plan.Key = i % 4 == 0;
+    plan.Seed = 77 + i;
+    f.Sections.push_back(velmo2_test::GenerateSection(plan));
+    f.Key.push_back(plan.Key);
+  }
+  return velmo2_test::BuildFile(f);
+}
+
+// Thread numbers, the wait's limit in microseconds (-1 none, 0 ask until done, else a limit),
+// and whether the file is of the second generation (slices of rows, joined by seams) rather
+// than the first (a luma and a chroma slice).
+using Plan = std::tuple<std::vector<uint32_t>, int32_t, bool>;
 class VelmoAsyncPictures : public VelmoAsyncTest, public ::testing::WithParamInterface<Plan> {};
 
 TEST_P(VelmoAsyncPictures, SameAsDoFrameFrameByFrame) {
-  const auto& [numbers, limit] = GetParam();
+  const auto& [numbers, limit, second] = GetParam();
   for (uint32_t n : numbers)
     if (std::find(Started.begin(), Started.end(), n) == Started.end()) Start({n});
-  File = BuildFile(MixedFirstGenerationPlan(64, 48, 7, 3));
+  File = second ? SecondGenerationFile() : BuildFile(MixedFirstGenerationPlan(64, 48, 7, 3));
   HVELMO ref = OpenImage(File);
   HVELMO h = OpenImage(File);
   ASSERT_TRUE(ref && h);
@@ -165,9 +188,11 @@ TEST_P(VelmoAsyncPictures, SameAsDoFrameFrameByFrame) {
 
 INSTANTIATE_TEST_SUITE_P(
     Threads, VelmoAsyncPictures,
-    ::testing::Values(Plan{{0}, -1}, Plan{{0, 1}, -1}, Plan{{4, 5, 6, 7}, -1}, Plan{{1}, 0},
-                      Plan{{2, 3}, 0}, Plan{{0, 1, 2, 3}, 5000}, Plan{{9, 9}, -1},
-                      Plan{{63, 10}, -1}));
+    ::testing::Values(Plan{{0}, -1, false}, Plan{{0, 1}, -1, false},
+                      Plan{{4, 5, 6, 7}, -1, false}, Plan{{1}, 0, false}, Plan{{2, 3}, 0, false},
+                      Plan{{0, 1, 2, 3}, 5000, false}, Plan{{9, 9}, -1, false},
+                      Plan{{63, 10}, -1, false}, Plan{{0}, -1, true}, Plan{{0, 1}, -1, true},
+                      Plan{{2, 3, 4}, 0, true}, Plan{{4, 5, 6, 7}, 5000, true}));
 
 // ---------------------------------------------------------------------------------------------
 // Refusals
