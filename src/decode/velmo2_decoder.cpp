@@ -26,6 +26,7 @@
 namespace {
 
 constexpr uint32_t kPlanes = VelmoPlaneCount;
+constexpr uint16_t kFlatIntra = Velmo2InfoIntra | Velmo2InfoClassMask;
 
 bool IsChroma(uint32_t p) { return p == VelmoPlaneCr || p == VelmoPlaneCb; }
 // Blocks per macroblock side in a plane, and the plane's scale against luma.
@@ -287,7 +288,9 @@ void ReadPlane(Call& c, uint32_t p, uint32_t mbx, bool intra, int32_t q, MbStore
                                   : IsChroma(p) ? Velmo2DequantIntraChroma
                                                 : Velmo2DequantIntraLuma;
   const uint16_t* dequant = DequantRow(table, q);
-  std::memset(c.W->Coef, 0, blocks * sizeof(c.W->Coef[0]));
+  // Only blocks with AC data are read into; the others use their DC value alone.
+  for (uint32_t i = 0; i < blocks; ++i)
+    if (mask >> i & 1) std::memset(c.W->Coef[i], 0, sizeof(c.W->Coef[i]));
   for (uint32_t quadrant = 0; quadrant < blocks / 4; ++quadrant) {
     int16_t* coef[4];
     for (uint32_t i = 0; i < 4; ++i) coef[i] = c.W->Coef[4 * quadrant + i];
@@ -527,8 +530,11 @@ void FilterRow(Call& c, uint32_t row) {
     const bool edges = p <= VelmoPlaneCb;
     for (uint32_t j = 0; j < n; ++j) {
       if (8 * j < lo || 8 * j + 8 > hi) continue;
-      for (uint32_t bx = 0; bx < c.D->MbColumns * n; ++bx)
-        Velmo2SettleFlatBlock(plane, grid, limit, bx, row * n + j, k.FlatBlock);
+      for (uint32_t bx = 0; bx < c.D->MbColumns * n; ++bx) {
+        uint16_t info;  // only intra blocks of class 3 are flat
+        if (Velmo2InfoAt(grid, bx, row * n + j, &info) && (info & kFlatIntra) == kFlatIntra)
+          Velmo2SettleFlatBlock(plane, grid, limit, bx, row * n + j, k.FlatBlock);
+      }
     }
     if (!edges) continue;
     for (uint32_t j = 0; j < n; ++j) {

@@ -8,26 +8,6 @@ namespace {
 
 uint8_t Clamp255(int32_t v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); }
 
-bool MapBit(const uint32_t* map, size_t words, uint32_t k) {
-  return map && k / 32 < words && ((map[k / 32] >> (k % 32)) & 1);
-}
-
-// The word of block (bx, by), or false when the grid has none there.
-bool InfoAt(const Velmo2InfoGrid& grid, int64_t bx, int64_t by, uint16_t* info) {
-  if (bx < 0 || by < grid.FirstRow || bx >= grid.Columns || by >= grid.Rows) return false;
-  *info = grid.Info[size_t(by - grid.FirstRow) * grid.Stride + size_t(bx)];
-  return true;
-}
-
-// The code of the edge between blocks a (left or upper) and b, 0 when one is missing or the
-// pair of classes leaves the edge alone.
-uint32_t PairCode(const Velmo2InfoGrid& grid, int64_t ax, int64_t ay, int64_t bx, int64_t by) {
-  uint16_t a, b;
-  if (!InfoAt(grid, ax, ay, &a) || !InfoAt(grid, bx, by, &b)) return 0;
-  const uint32_t code = Velmo2FilterCode(Velmo2InfoClass(a), Velmo2InfoClass(b));
-  return Velmo2FilterCodeActs(code) ? code : 0;
-}
-
 uint32_t Remaining(uint32_t size, uint32_t start) {
   return start >= size ? 0 : size - start < 8 ? size - start : 8;
 }
@@ -46,20 +26,6 @@ void Velmo2FilterEdge(uint8_t* q0, ptrdiff_t across, ptrdiff_t along, uint32_t c
     if (tapsQ & Velmo2TapInner) p[0] = Clamp255(q0v - b);
     if (tapsQ & Velmo2TapOuter) p[across] = Clamp255(q1 - a);
   }
-}
-
-uint32_t Velmo2VerticalEdgeCode(const Velmo2EdgeRules& rules, const Velmo2InfoGrid& grid,
-                                bool chroma, uint32_t width, uint32_t bx, uint32_t by) {
-  if (bx == 0 || uint64_t(bx) * 8 >= width || rules.Word.NoVerticalEdgeFilter()) return 0;
-  if (MapBit(rules.ColumnMap, rules.ColumnWords, chroma ? 2 * bx : bx)) return 0;
-  return PairCode(grid, int64_t(bx) - 1, by, bx, by);
-}
-
-uint32_t Velmo2HorizontalEdgeCode(const Velmo2EdgeRules& rules, const Velmo2InfoGrid& grid,
-                                  bool chroma, uint32_t height, uint32_t bx, uint32_t by) {
-  if (by == 0 || uint64_t(by) * 8 >= height || rules.Word.NoHorizontalEdgeFilter()) return 0;
-  if (MapBit(rules.RowMap, rules.RowWords, chroma ? 2 * by : by)) return 0;
-  return PairCode(grid, bx, int64_t(by) - 1, bx, by);
 }
 
 void Velmo2FilterVerticalEdges(const Velmo2EdgeRules& rules, const Velmo2Plane& plane,
@@ -137,7 +103,7 @@ bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid,
                            void (*flat)(const int32_t[3][3], uint8_t*, ptrdiff_t, uint32_t,
                                         uint32_t)) {
   uint16_t centre;
-  if (!InfoAt(grid, bx, by, &centre) || !Velmo2InfoIsIntra(centre) ||
+  if (!Velmo2InfoAt(grid, bx, by, &centre) || !Velmo2InfoIsIntra(centre) ||
       Velmo2InfoClass(centre) != 3)
     return false;
   // Step 1: the 3x3 DC values, a neighbour's own only when its word is close to the centre's.
@@ -145,7 +111,7 @@ bool Velmo2SettleFlatBlock(const Velmo2Plane& plane, const Velmo2InfoGrid& grid,
   for (int dy = -1; dy <= 1; ++dy) {
     for (int dx = -1; dx <= 1; ++dx) {
       uint16_t n;
-      const bool present = InfoAt(grid, int64_t(bx) + dx, int64_t(by) + dy, &n);
+      const bool present = Velmo2InfoAt(grid, int64_t(bx) + dx, int64_t(by) + dy, &n);
       const int32_t diff = int32_t(centre) - int32_t(n);
       const bool close = present && (diff < 0 ? -diff : diff) < int32_t(limit * 8);
       dc[dy + 1][dx + 1] = Velmo2InfoDc(close ? n : centre);

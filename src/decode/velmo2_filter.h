@@ -53,14 +53,46 @@ struct Velmo2EdgeRules {
 void Velmo2FilterEdge(uint8_t* q0, ptrdiff_t across, ptrdiff_t along, uint32_t code,
                       uint32_t count = 8);
 
+// The word of block (bx, by), or false when the grid has none there.
+inline bool Velmo2InfoAt(const Velmo2InfoGrid& grid, int64_t bx, int64_t by, uint16_t* info) {
+  if (bx < 0 || by < grid.FirstRow || bx >= grid.Columns || by >= grid.Rows) return false;
+  *info = grid.Info[size_t(by - grid.FirstRow) * grid.Stride + size_t(bx)];
+  return true;
+}
+
+// Entry k of an edge map (null: all zero).
+inline bool Velmo2EdgeMapBit(const uint32_t* map, size_t words, uint32_t k) {
+  return map && k / 32 < words && ((map[k / 32] >> (k % 32)) & 1);
+}
+
+// The code of the edge between blocks a (left or upper) and b, 0 when one is missing or the
+// pair of classes leaves the edge alone.
+inline uint32_t Velmo2PairCode(const Velmo2InfoGrid& grid, int64_t ax, int64_t ay, int64_t bx,
+                               int64_t by) {
+  uint16_t a, b;
+  if (!Velmo2InfoAt(grid, ax, ay, &a) || !Velmo2InfoAt(grid, bx, by, &b)) return 0;
+  const uint32_t code = Velmo2FilterCode(Velmo2InfoClass(a), Velmo2InfoClass(b));
+  return Velmo2FilterCodeActs(code) ? code : 0;
+}
+
 // The filter code of the vertical edge on the left of block (bx, by) of a plane, or 0 when
 // that edge is not filtered. `chroma` reads the maps at half size: one chroma edge per two
-// luma edges.
-uint32_t Velmo2VerticalEdgeCode(const Velmo2EdgeRules& rules, const Velmo2InfoGrid& grid,
-                                bool chroma, uint32_t width, uint32_t bx, uint32_t by);
+// luma edges. (Inline: the walk asks it for every block edge.)
+inline uint32_t Velmo2VerticalEdgeCode(const Velmo2EdgeRules& rules, const Velmo2InfoGrid& grid,
+                                       bool chroma, uint32_t width, uint32_t bx, uint32_t by) {
+  if (bx == 0 || uint64_t(bx) * 8 >= width || rules.Word.NoVerticalEdgeFilter()) return 0;
+  if (Velmo2EdgeMapBit(rules.ColumnMap, rules.ColumnWords, chroma ? 2 * bx : bx)) return 0;
+  return Velmo2PairCode(grid, int64_t(bx) - 1, by, bx, by);
+}
+
 // The same for the horizontal edge above block (bx, by).
-uint32_t Velmo2HorizontalEdgeCode(const Velmo2EdgeRules& rules, const Velmo2InfoGrid& grid,
-                                  bool chroma, uint32_t height, uint32_t bx, uint32_t by);
+inline uint32_t Velmo2HorizontalEdgeCode(const Velmo2EdgeRules& rules,
+                                         const Velmo2InfoGrid& grid, bool chroma, uint32_t height,
+                                         uint32_t bx, uint32_t by) {
+  if (by == 0 || uint64_t(by) * 8 >= height || rules.Word.NoHorizontalEdgeFilter()) return 0;
+  if (Velmo2EdgeMapBit(rules.RowMap, rules.RowWords, chroma ? 2 * by : by)) return 0;
+  return Velmo2PairCode(grid, bx, int64_t(by) - 1, bx, by);
+}
 
 // The vertical edges on the left of each block of a macroblock (4x4 blocks in luma, 2x2 in
 // chroma) at macroblock (mbx, mby). Each block row is filtered only where it lies in the plane.

@@ -236,8 +236,11 @@ uint32_t Velmo2ReadChromaMask(Velmo1BitReader& r, uint32_t previous) {
 // ---- Shared magnitude prefix ---------------------------------------------------------------
 
 uint32_t Velmo2ReadOnesCount(Velmo1BitReader& r) {
-  uint32_t n = 0;
-  while (n < 11 && Velmo1ReadBit(r)) ++n;
+  // The 12 bits ahead: n is the count of 1 bits below the lowest 0, at most 11, and the bit
+  // after them is consumed too, a 0 or, behind eleven 1 bits, whatever it is.
+  const uint32_t ahead = Peek(r, 12);
+  const uint32_t n = std::min<uint32_t>(uint32_t(__builtin_ctz(~ahead)), 11);
+  Velmo1Read(r, n + 1);
   return n;
 }
 

@@ -136,8 +136,8 @@ uint32_t Velmo2ReadChromaMask(Velmo1BitReader& r, uint32_t previous);
 
 // ---- Shared magnitude prefix ---------------------------------------------------------------
 
-// The count n of 1 bits before the next 0 bit, at most 11. The 0 is consumed; a code of
-// eleven 1 bits has no 0 after it.
+// The count n of 1 bits before the next 0 bit, at most 11. The 0 is consumed; behind eleven
+// 1 bits the twelfth bit is consumed in its place, whatever it is.
 uint32_t Velmo2ReadOnesCount(Velmo1BitReader& r);
 
 // ---- DC residuals --------------------------------------------------------------------------

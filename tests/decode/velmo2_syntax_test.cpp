@@ -187,8 +187,9 @@ TEST(Velmo2DcLevel, CodesAndTheirBounds) {
       {"11110 0 0", 4},     {"11110 1 1", -5},    {"111110 00 0", 6},
       {"111110 11 0", 9},   {"1111110 000 1", -10},
       {"11111111110 1111111 0", 257},
-      {"11111111111 00000000 1", -258},  // eleven ones: no 0 after them
-      {"11111111111 11111111 0", 513},
+      // Eleven ones: the twelfth bit ends the prefix whatever it is.
+      {"11111111111 0 00000000 1", -258},
+      {"11111111111 1 11111111 0", 513},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadDcLevel(r); }),
@@ -454,8 +455,8 @@ TEST(Velmo2AcLevel, CodesAndTheirBounds) {
   } cases[] = {
       {"0 0", 1},           {"0 1", -1},          {"10 0", 2},      {"110 1", -3},
       {"1110 0 0", 4},      {"1110 1 1", -5},     {"11110 00 0", 6}, {"11110 11 0", 9},
-      {"11111111111 000000000 1", -514},  // eleven ones, no 0 after them
-      {"11111111111 111111111 0", 1025},
+      {"11111111111 0 000000000 1", -514},  // eleven ones and one more bit
+      {"11111111111 1 111111111 0", 1025},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(ReadAlone(c.Code, [&](Velmo1BitReader& r) { return Velmo2ReadAcLevel(r); }),

@@ -36,7 +36,7 @@ inline void PutQuantiserDiff(BitWriter& w, int32_t d) {
 // Magnitude prefix: n ones, then a 0 unless n is 11.
 inline void PutOnes(BitWriter& w, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i) w.PutBit(1);
-  if (n < 11) w.PutBit(0);
+  w.PutBit(0);  // behind eleven 1 bits, the twelfth bit is read as the end all the same
 }
 
 // A DC residual level, |level| <= 513: the prefix n, n - 3 extra bits from n = 4, a sign bit
