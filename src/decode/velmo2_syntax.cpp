@@ -235,19 +235,25 @@ uint32_t Velmo2ReadChromaMask(Velmo1BitReader& r, uint32_t previous) {
 
 // ---- Shared magnitude prefix ---------------------------------------------------------------
 
-uint32_t Velmo2ReadOnesCount(Velmo1BitReader& r) {
-  // The 12 bits ahead: n is the count of 1 bits below the lowest 0, at most 11, and the bit
-  // after them is consumed too, a 0 or, behind eleven 1 bits, whatever it is.
+namespace {
+
+// The 12 bits ahead: n is the count of 1 bits below the lowest 0, at most 11, and the bit
+// after them is consumed too, a 0 or, behind eleven 1 bits, whatever it is.
+inline uint32_t OnesCount(Velmo1BitReader& r) {
   const uint32_t ahead = Peek(r, 12);
   const uint32_t n = std::min<uint32_t>(uint32_t(__builtin_ctz(~ahead)), 11);
   Velmo1Read(r, n + 1);
   return n;
 }
 
+}  // namespace
+
+uint32_t Velmo2ReadOnesCount(Velmo1BitReader& r) { return OnesCount(r); }
+
 // ---- DC residuals --------------------------------------------------------------------------
 
 int32_t Velmo2ReadDcLevel(Velmo1BitReader& r) {
-  const uint32_t n = Velmo2ReadOnesCount(r);
+  const uint32_t n = OnesCount(r);
   if (n == 0) return 0;
   int32_t mag = int32_t(n);
   if (n >= 4) mag = int32_t(Velmo1Read(r, n - 3) + (1u << (n - 3)) + 2);
@@ -370,35 +376,49 @@ void Velmo2PredictVectors(const Velmo2VectorNeighbours& n, bool single, const in
 
 // ---- AC coefficients -----------------------------------------------------------------------
 
-Velmo2Run Velmo2ReadRunCode(Velmo1BitReader& r, int table) {
-  const uint8_t entry = Velmo2RunLookup(table == 2 ? 1 : 0)[Peek(r, Velmo2RunLongestCode)];
+namespace {
+
+// A run code through a table's lookup (Velmo2RunLookup) and its symbols.
+inline Velmo2Run RunCode(Velmo1BitReader& r, const uint8_t* lookup, const Velmo2RunCode* codes) {
+  const uint8_t entry = lookup[Peek(r, Velmo2RunLongestCode)];
   const uint32_t symbol = entry & 15;
   Velmo1Read(r, entry >> 4);
   if (symbol == Velmo2RunEscape) return Velmo2Run{Velmo1Read(r, Velmo2RunEscapeBits), 0};
-  const Velmo2RunCode& code = Velmo2RunCodes[table == 2 ? 1 : 0][symbol];
-  return Velmo2Run{code.Skip, code.Repeat};
+  return Velmo2Run{codes[symbol].Skip, codes[symbol].Repeat};
 }
 
-int32_t Velmo2ReadAcLevel(Velmo1BitReader& r) {
-  const uint32_t n = Velmo2ReadOnesCount(r);
+inline int32_t AcLevel(Velmo1BitReader& r) {
+  const uint32_t n = OnesCount(r);
   const int32_t mag =
       n < 3 ? int32_t(n + 1) : int32_t(Velmo1Read(r, n - 2) + (1u << (n - 2)) + 2);
   return Velmo1ReadBit(r) ? -mag : mag;
 }
 
+}  // namespace
+
+Velmo2Run Velmo2ReadRunCode(Velmo1BitReader& r, int table) {
+  const uint32_t t = table == 2 ? 1 : 0;
+  return RunCode(r, Velmo2RunLookup(t), Velmo2RunCodes[t]);
+}
+
+int32_t Velmo2ReadAcLevel(Velmo1BitReader& r) { return AcLevel(r); }
+
 Velmo2AcBlock Velmo2ReadAcBlock(Velmo1BitReader& r, int table, const uint16_t* dequant, int32_t q,
                                 int16_t* coef) {
   Velmo2AcBlock b{0, 0, 3};
+  const uint32_t t = table == 2 ? 1 : 0;
+  const uint8_t* lookup = Velmo2RunLookup(t);
+  const Velmo2RunCode* codes = Velmo2RunCodes[t];
   uint32_t p = 1;
   int32_t repeat = 0;
   while (p < 64) {
     if (--repeat < 1) {
-      const Velmo2Run code = Velmo2ReadRunCode(r, table);
+      const Velmo2Run code = RunCode(r, lookup, codes);
       p += code.Skip;
       repeat = int32_t(code.Repeat);
       if (p > 63) break;
     }
-    const int32_t level = Velmo2ReadAcLevel(r);
+    const int32_t level = AcLevel(r);
     const uint32_t k = Velmo2Scan[p];
     coef[k] = Velmo2Dequantise(level, dequant[k], uint32_t(q));
     ++b.Count;

@@ -98,13 +98,6 @@ const Velmo2DequantTable& Velmo2Dequant(Velmo2DequantKind kind) {
   return tables.Tables[kind < Velmo2DequantKindCount ? kind : Velmo2DequantInter];
 }
 
-int16_t Velmo2Dequantise(int32_t signedMagnitude, uint32_t entry, uint32_t q) {
-  // 32-bit wrapping arithmetic done unsigned; the shift is kept below 32 for damaged input.
-  const uint32_t product = uint32_t(signedMagnitude) * entry;
-  const uint32_t scaled = (product << ((q >> 2) & 31)) + 64u;
-  return int16_t(int32_t(scaled) >> 7);
-}
-
 int16_t Velmo2DequantCoefficient(int32_t signedMagnitude, const Velmo2DequantTable& table,
                                  uint32_t q, uint32_t position) {
   return Velmo2Dequantise(signedMagnitude, table[q & 3][position & 63], q);

@@ -108,7 +108,12 @@ const Velmo2DequantTable& Velmo2Dequant(Velmo2DequantKind kind);
 // >> 7 in wrapping 32-bit arithmetic, stored as 16 bits. The shift has no upper bound of its own
 // (only the DC scales stop at 36); it is taken modulo 32 so that a damaged quantiser stays
 // defined.
-int16_t Velmo2Dequantise(int32_t signedMagnitude, uint32_t entry, uint32_t q);
+inline int16_t Velmo2Dequantise(int32_t signedMagnitude, uint32_t entry, uint32_t q) {
+  // 32-bit wrapping arithmetic done unsigned.
+  const uint32_t product = uint32_t(signedMagnitude) * entry;
+  const uint32_t scaled = (product << ((q >> 2) & 31)) + 64u;
+  return int16_t(int32_t(scaled) >> 7);
+}
 
 // The same with the entry of `table` for q and position.
 int16_t Velmo2DequantCoefficient(int32_t signedMagnitude, const Velmo2DequantTable& table,
