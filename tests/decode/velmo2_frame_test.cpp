@@ -267,6 +267,57 @@ TEST(Velmo2Frame, SkippedCopiesAndMotionFetchesClamped) {
   EXPECT_TRUE(f.GuardsIntact());
 }
 
+// A residual macroblock adds its residual to the prediction at its vectors. A DC level of 1 on
+// block 0 (a residual of 16) is predicted into every other block of its macroblock, which all
+// rise by 2; the next macroblock's prediction starts at 0 again. A chroma flag of 0 leaves Cr
+// and Cb predicted only.
+TEST(Velmo2Frame, ResidualAddsToThePredictionBlockByBlock) {
+  Decoder d(64, 32, "VM2j", 0, false);
+  Frames f(64, 32, false);
+  for (uint32_t p = 0; p < VelmoPlaneAlpha; ++p) f.SetPrevious(p, [](uint32_t x, uint32_t y) {
+    return Pattern(x, y);
+  });
+  BitWriter w;
+  for (int mb = 0; mb < 2; ++mb) {
+    w.Code(mb == 0 ? "01" : "1");  // residual: second in the list, then first
+    w.Code("1 1 1");                // one vector, differences 0 and 0
+    w.Code("1");                    // quantiser unchanged
+    PutFlatPlane(w, false, mb == 0 ? Levels({{0, 1}}) : Levels({}));
+    w.Code("0");  // no chroma residual
+  }
+  const auto section = Section(kCurrent, {w});
+  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), false, 0, 1),
+            Velmo2FrameDecoded);
+  for (uint32_t p = 0; p < VelmoPlaneAlpha; ++p)
+    for (uint32_t y = 0; y < f.Height(p); ++y)
+      for (uint32_t x = 0; x < f.Width(p); ++x) {
+        const bool raised = p == VelmoPlaneY && x < 32;
+        ASSERT_EQ(f.Out(p, x, y), Pattern(x, y) + (raised ? 2 : 0)) << p << " " << x << "," << y;
+      }
+}
+
+// An intra macroblock beside a skipped one predicts its DC values from the block means of the
+// skipped pixels (eight times their level), not from the start value.
+TEST(Velmo2Frame, IntraBesideInterPredictsFromBlockMeans) {
+  Decoder d(64, 32, "VM2j", 0, false);
+  Frames f(64, 32, false);
+  f.SetPrevious(VelmoPlaneY, [](uint32_t, uint32_t) { return uint8_t(100); });
+  f.SetPrevious(VelmoPlaneCr, [](uint32_t, uint32_t) { return uint8_t(60); });
+  f.SetPrevious(VelmoPlaneCb, [](uint32_t, uint32_t) { return uint8_t(200); });
+  BitWriter w;
+  w.Code("000");  // skipped: third in the list
+  w.Code("001");  // intra: fourth in the list
+  PutFlatIntra(w, Levels({}));
+  const auto section = Section(kNoEdges, {w});
+  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), false, 0, 1),
+            Velmo2FrameDecoded);
+  ExpectBlock(f, VelmoPlaneY, 0, 0, 32, 100);
+  ExpectBlock(f, VelmoPlaneY, 32, 0, 32, FlatPixel(8 * 100));
+  ExpectBlock(f, VelmoPlaneCr, 16, 0, 16, FlatPixel(8 * 60));
+  ExpectBlock(f, VelmoPlaneCb, 16, 0, 16, FlatPixel(8 * 200));
+  EXPECT_EQ(FlatPixel(8 * 100), 100);
+}
+
 // A frame of the older stream is left undecoded: the previous picture is carried over.
 TEST(Velmo2Frame, OlderStreamKeepsThePreviousPicture) {
   Decoder d(64, 32, "VM2j", 0, false);
