@@ -28,37 +28,10 @@ double BitsPerPixel(const std::vector<uint8_t>& section, const Picture& p) {
   return double(section.size()) * 8 / (double(p.Width) * p.Height);
 }
 
-// The plan of a frame with mixed kinds, its block and coefficient densities scaled so that the
-// section comes close to `bitsPerPixel`.
+// Key frames of about 1.5 bits per pixel, inter frames of about 0.3.
 velmo2_test::StreamPlan PlanFor(const Picture& p, bool key, uint32_t slices) {
-  velmo2_test::StreamPlan plan;
-  plan.Width = p.Width;
-  plan.Height = p.Height;
-  plan.Tag = 'j';
-  plan.FileFlags = ModeFor(slices);
-  plan.Key = key;
-  plan.FrameWord = 0x10000 | 0x20000 | 6;
-  plan.Seed = key ? 11 : 12;
-  plan.Shares.Intra = 0.04;
-  plan.Shares.Skipped = 0.36;
-  plan.Shares.Motion = 0.3;
-  plan.Shares.Residual = 0.3;
-  plan.Shares.LevelSpread = 4;
-  plan.Shares.QMin = 8;
-  plan.Shares.QMax = 24;
-  const double target = key ? 1.5 : 0.3;
-  const double blocks = key ? 0.6 : 0.3, density = key ? 0.12 : 0.08;
-  double lo = 0.01, hi = 1.5;
-  for (int step = 0; step < 10; ++step) {
-    const double f = (lo + hi) / 2;
-    plan.Shares.CodedBlocks = std::min(1.0, blocks * f);
-    plan.Shares.AcDensity = density * f;
-    const double bpp = BitsPerPixel(velmo2_test::GenerateSection(plan), p);
-    (bpp < target ? lo : hi) = f;
-  }
-  plan.Shares.CodedBlocks = std::min(1.0, blocks * lo);
-  plan.Shares.AcDensity = density * lo;
-  return plan;
+  return velmo2_test::RealisticPlan(p.Width, p.Height, key, ModeFor(slices), key ? 1.5 : 0.3,
+                                    key ? 11 : 12);
 }
 
 // The key and inter sections of a picture and slice count, generated once.

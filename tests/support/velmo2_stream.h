@@ -734,6 +734,40 @@ inline std::vector<uint8_t> GenerateSection(const StreamPlan& plan, StreamTrace*
   return StreamGenerator(plan).Section(trace);
 }
 
+// A frame of mixed kinds at a realistic density for speed measurements: the block and
+// coefficient shares are scaled until the section comes close under `bitsPerPixel`.
+inline StreamPlan RealisticPlan(uint32_t width, uint32_t height, bool key, uint32_t fileFlags,
+                                double bitsPerPixel, uint64_t seed) {
+  StreamPlan plan;
+  plan.Width = width;
+  plan.Height = height;
+  plan.Tag = 'j';
+  plan.FileFlags = fileFlags;
+  plan.Key = key;
+  plan.FrameWord = 0x10000 | 0x20000 | 6;
+  plan.Seed = seed;
+  plan.Shares.Intra = 0.04;
+  plan.Shares.Skipped = 0.36;
+  plan.Shares.Motion = 0.3;
+  plan.Shares.Residual = 0.3;
+  plan.Shares.LevelSpread = 4;
+  plan.Shares.QMin = 8;
+  plan.Shares.QMax = 24;
+  const double blocks = key ? 0.6 : 0.3, density = key ? 0.12 : 0.08;
+  const auto bpp = [&](double f) {
+    plan.Shares.CodedBlocks = std::min(1.0, blocks * f);
+    plan.Shares.AcDensity = density * f;
+    return double(GenerateSection(plan).size()) * 8 / (double(width) * height);
+  };
+  double lo = 0.01, hi = 1.5;
+  for (int step = 0; step < 10; ++step) {
+    const double f = (lo + hi) / 2;
+    (bpp(f) < bitsPerPixel ? lo : hi) = f;
+  }
+  bpp(lo);
+  return plan;
+}
+
 // ---- Frame buffers --------------------------------------------------------------------------
 
 // Two sets of planes with the second generation's geometry (luma in 32-wide, 16-high units,
