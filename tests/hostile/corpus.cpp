@@ -15,6 +15,7 @@
 #include "support/files.h"
 #include "support/picture.h"
 #include "support/run.h"
+#include "support/velmo2_file.h"
 #include "support/velmo_file.h"
 #include "support/wave.h"
 
@@ -363,6 +364,7 @@ std::vector<SeedType> Types() {
       // Raw samples have no header that could claim a length: any cut is a shorter sound.
       {"raw", Role::Sound, [](const Bytes&) { return size_t(0); }, [](const Bytes&) { return Expect::Any; },
        Expect::Any, [](const Bytes&) { return std::vector<Field>(); }, {"/L3", "/G22050"}, {"/Y3", "/D22050"}},
+      {"vm2", Role::Velmo, [](const Bytes& b) { return Fixed(b, 44); }, reject, Expect::Reject, VelmoFields, {}, {}},
   };
 }
 
@@ -378,6 +380,23 @@ bool RunTool(const std::string& program, const std::string& configDir,
   if (r.ExitedWith(0)) return true;
   *error = "making a seed: " + args[0] + " " + args[1] + " gave " + std::to_string(r.code) + ": " + r.output;
   return false;
+}
+
+// A second-generation file of two slices: a key frame, then generated inter frames.
+Bytes SecondGeneration() {
+  velmo2_test::FileFrames f;
+  f.Width = 40;
+  f.Height = 136;
+  velmo2_test::StreamPlan plan;
+  plan.Width = f.Width;
+  plan.Height = f.Height;
+  for (uint32_t i = 0; i < 6; ++i) {
+    plan.Key = i == 0;
+    plan.Seed = 300 + i;
+    f.Sections.push_back(velmo2_test::GenerateSection(plan));
+    f.Key.push_back(plan.Key);
+  }
+  return velmo2_test::BuildFile(f);
 }
 
 bool WritePicture(const std::string& name, int format) {
@@ -408,6 +427,7 @@ bool MakeSeed(const std::string& type, const std::string& program, const std::st
     seeds->vlm = name;
     seeds->soundVlm = seeds->dir + "/sound.vlm";
   }
+  if (type == "vm2") ok = Save(name, SecondGeneration());
   if (type == "wav") seeds->wave = name;
   if (!ok && error->empty()) *error = "making a seed: " + name;
   return ok;
