@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 # What each layer may use, bottom-up. A nested folder (host/gui, compress/tool, media/readers
 # belongs to media) is a layer of its own only when it is listed here.
-LAYERS=(host host/gui format audio imagefile process decode reader compress media
+LAYERS=(host host/gui format audio imagefile process decode encode2 reader compress media
         compress/tool convert tools main)
 declare -A USES=(
   [host]=""
@@ -18,13 +18,14 @@ declare -A USES=(
   [imagefile]="host"
   [process]="host"
   [decode]="host format"
+  [encode2]="host format decode"
   [reader]="host format audio decode"
-  [compress]="host format audio decode"
+  [compress]="host format audio decode encode2"
   [media]="host format audio imagefile process decode reader"
-  [compress/tool]="host format audio imagefile process decode reader compress media"
+  [compress/tool]="host format audio imagefile process decode encode2 reader compress media"
   [convert]="host format audio imagefile process decode reader media"
   [tools]="host host/gui format audio imagefile process decode reader media"
-  [main]="host host/gui format audio imagefile process decode reader compress media
+  [main]="host host/gui format audio imagefile process decode encode2 reader compress media
           compress/tool convert tools"
 )
 
