@@ -2,6 +2,7 @@
 #include "compress/frame_loop.h"
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 
 #include "compress/frame_planes.h"
@@ -226,12 +227,25 @@ void VelmoFrameLoopPump(VelmoFrameLoop* l, bool drainAll) {
       break;
     }
     const uint32_t used = VelmoWriterWriteFrame(w, coded.Data, coded.Size, coded.KeyResult);
+    for (int p = 0; p < 3; ++p) {
+      l->QualityErrors[p] += coded.PictureErrors[p];
+      l->QualitySamples[p] += coded.PictureSamples[p];
+    }
     VelmoPumpUsed(state, l->CarryBytes, slots[i], i, used);
     handled++;
   }
   VelmoPumpEnd(state, l->CarryBytes);
   l->QueueStart = (l->QueueStart + handled) % RingSize(l);
   l->QueuedFrames -= handled;
+}
+
+bool VelmoFrameLoopQuality(const VelmoFrameLoop* l, double psnr[3]) {
+  if (!l || l->QualitySamples[0] == 0) return false;
+  for (int p = 0; p < 3; ++p) {
+    const uint64_t n = l->QualitySamples[p], e = l->QualityErrors[p];
+    psnr[p] = n == 0 || e == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * double(n) / double(e));
+  }
+  return true;
 }
 
 void VelmoFrameLoopFree(VelmoFrameLoop* l) {

@@ -31,7 +31,14 @@ struct VelmoFrameLoop {
   uint32_t QueueStart, QueuedFrames;
   uint32_t PreviousSlot;  // ring index of the last frame added, or ~0 before the first
   int64_t CarryBytes;
+  // Squared error and samples of Y, Cr and Cb over the frames encoded so far.
+  uint64_t QualityErrors[3];
+  uint64_t QualitySamples[3];
 };
+
+// PSNR in dB of Y, Cr and Cb of the frames encoded so far against their input (99 for a plane
+// without error); false before the first frame.
+bool VelmoFrameLoopQuality(const VelmoFrameLoop* loop, double psnr[3]);
 
 // A loop over an open writer, with the encoder of the writer's version. `previewFrames` is held
 // to 2..64, `keyInterval` 0 means none, `keyRate` is the /N rate in bytes per second (0 none).

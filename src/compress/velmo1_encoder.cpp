@@ -970,6 +970,13 @@ uint64_t PlaneError(const uint8_t* a, const uint8_t* b, size_t n) {
   return s;
 }
 
+// The squared error of the top-left w x h of two planes of `pitch` bytes a line.
+uint64_t PictureError(const uint8_t* a, const uint8_t* b, size_t pitch, uint32_t w, uint32_t h) {
+  uint64_t s = 0;
+  for (uint32_t y = 0; y < h; ++y) s += PlaneError(a + y * pitch, b + y * pitch, w);
+  return s;
+}
+
 }  // namespace
 
 namespace {
@@ -1068,7 +1075,12 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   e->Ring.Current ^= 1;
   e->HaveReference = true;
   const VelmoFrameBufferSet& now = VelmoCurrentSet(e->Ring);
-  for (uint32_t i = 0; i < 4; ++i)
-    result->Errors[i] = e->Present[i] ? PlaneError(now.Planes[i], e->Source[i].data(), e->Source[i].size()) : 0;
+  for (uint32_t i = 0; i < 4; ++i) {
+    const bool present = e->Present[i];
+    result->Errors[i] = present ? PlaneError(now.Planes[i], e->Source[i].data(), e->Source[i].size()) : 0;
+    result->PictureErrors[i] =
+        present ? PictureError(now.Planes[i], e->Source[i].data(), e->PlaneWidth[i], inW[i], inH[i]) : 0;
+    result->PictureSamples[i] = present ? uint64_t(inW[i]) * inH[i] : 0;
+  }
   return true;
 }

@@ -31,6 +31,9 @@ struct VelmoEncodeResult {
   std::vector<uint8_t> Section;  // the frame's video section
   uint32_t Sizes[4];             // plane bytes: Y, Cr, Cb, alpha
   uint64_t Errors[4];            // squared error of each reconstructed plane against the input
+  // The same over the picture alone (no padding), and the samples it counts.
+  uint64_t PictureErrors[4];
+  uint64_t PictureSamples[4];
   uint64_t PlannedError;         // the sum of the chosen points' errors
   // Blocks written, by block kind (a 16x16 block counts once, as DOUBLED, at its head), and
   // the sub-kinds of the DOUBLED blocks. All planes together.

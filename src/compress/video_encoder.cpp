@@ -36,6 +36,10 @@ bool Velmo1Encode(void* state, const VelmoEncodeInput* input, uint32_t budgetByt
   out->Size = uint32_t(r.Section.size());
   out->KeyResult = input->Key ? VelmoCodedKey : VelmoCodedInter;
   out->Error = r.Errors[0] + r.Errors[1] + r.Errors[2] + r.Errors[3];
+  for (int i = 0; i < 3; ++i) {
+    out->PictureErrors[i] = r.PictureErrors[i];
+    out->PictureSamples[i] = r.PictureSamples[i];
+  }
   return true;
 }
 

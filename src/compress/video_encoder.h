@@ -38,6 +38,10 @@ struct VelmoCodedFrame {
   uint32_t Size;
   uint32_t KeyResult;   // VelmoCoded*
   uint64_t Error;       // squared error of the reconstruction against the input, all planes
+  // Squared error of the reconstructed Y, Cr and Cb against the input over the picture, and
+  // the samples counted: the encoder's own reconstruction, no extra decode.
+  uint64_t PictureErrors[3];
+  uint64_t PictureSamples[3];
 };
 
 // The aligned plane sizes an encoder takes its input in (pitch = width).

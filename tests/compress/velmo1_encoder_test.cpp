@@ -115,6 +115,21 @@ void ExpectSamePicture(const VelmoFrameBuffers& a, const VelmoFrameBuffers& b) {
   }
 }
 
+// Squared error of a decoded picture's plane against the input plane, over the picture alone.
+uint64_t DecodedPictureError(const VelmoFrameBuffers& ring, int plane, const Picture& pic) {
+  const bool luma = plane == 0 || plane == 3;
+  const uint32_t w = luma ? pic.W : (pic.W + 1) / 2, h = luma ? pic.H : (pic.H + 1) / 2;
+  const uint32_t pitch = luma ? ring.LumaWidth : ring.ChromaWidth;
+  const uint8_t* decoded = ring.Sets[ring.Current].Planes[plane];
+  uint64_t sum = 0;
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x) {
+      const int d = int(decoded[size_t(y) * pitch + x]) - pic.P[plane][size_t(y) * w + x];
+      sum += uint64_t(d * d);
+    }
+  return sum;
+}
+
 double Psnr(uint64_t error, size_t samples) {
   if (error == 0) return 99.0;
   return 10 * std::log10(255.0 * 255.0 * double(samples) / double(error));
@@ -231,6 +246,12 @@ TEST(Velmo1Encoder, DecoderRebuildsTheEncodersPictureForEveryContentBudgetAndSiz
       const VelmoEncodeResult r = run.Frame(pic, t == 0, k.Budget);
       // The planned error is exactly what the decoder's picture has.
       EXPECT_EQ(r.PlannedError, r.Errors[0] + r.Errors[1] + r.Errors[2]);
+      // The picture's own error, as the quality line reports it, is the decoded picture's.
+      for (int p = 0; p < 3; ++p) {
+        EXPECT_EQ(r.PictureErrors[p], DecodedPictureError(run.R.Ring, p, pic)) << "plane " << p;
+        EXPECT_EQ(r.PictureSamples[p], p == 0 ? uint64_t(k.W) * k.H
+                                              : uint64_t((k.W + 1) / 2) * ((k.H + 1) / 2));
+      }
     }
   }
 }

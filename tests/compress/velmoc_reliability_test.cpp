@@ -212,6 +212,7 @@ TEST(VelmoReliability, FullDiskEndsWith8007AndLeavesTheOutputNameAlone) {
   const std::vector<uint8_t> good = ReadFile(old);
   EXPECT_TRUE(done.Says("3 total frames compressed.")) << done.output;
   EXPECT_TRUE(done.Says("Final: " + std::to_string(good.size()) + " bytes ("));
+  EXPECT_TRUE(done.Says(" to 1), PSNR Y ")) << done.output;  // the quality line
   ASSERT_GT(good.size(), 1000u);
   // Each case runs on a fresh name, or with /O over the good file, or both.
   struct Case {

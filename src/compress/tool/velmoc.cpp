@@ -847,6 +847,8 @@ int Compress(Run& r, char* commandTail) {
   r.liveWriter = nullptr;
   const bool discard = r.cancel == VelmoCancelDiscard;
   if (!discard && !r.writer->Failed) VelmoFrameLoopPump(r.loop, true);
+  double psnr[3];
+  const bool measured = VelmoFrameLoopQuality(r.loop, psnr);
   VelmoFrameLoopFree(r.loop);
   uint32_t closed = OutFileDone;
   const uint64_t size = VelmoWriterClose(r.writer, discard, &closed);
@@ -870,6 +872,12 @@ int Compress(Run& r, char* commandTail) {
   const uint64_t ratio10 = size ? input * 10 / size : 0;
   std::snprintf(text, sizeof text, "Final: %llu bytes (%llu.%01llu to 1)", (unsigned long long)size,
                 (unsigned long long)(ratio10 / 10), (unsigned long long)(ratio10 % 10));
+  // The quality against the input, from the encoder's own reconstructions.
+  if (measured) {
+    const size_t used = std::strlen(text);
+    std::snprintf(text + used, sizeof text - used, ", PSNR Y %.2f dB, Cr %.2f dB, Cb %.2f dB",
+                  psnr[0], psnr[1], psnr[2]);
+  }
   ToolFrameSetText(VelmocIdProjected, text);
   ToolFrameSetProgress(ToolIdProgress, int(r.info.Frames >> r.progressShift));
   // The status line keeps the count of frames: "Done!" stands where the time left stood.
