@@ -145,20 +145,6 @@ const uint16_t* DequantRow(Velmo2DequantKind kind, int32_t q) {
 
 // ---- Pixels ---------------------------------------------------------------------------------
 
-// The mean of an 8x8 block on the scale of a DC value: rows folded in pairs three times, each
-// fold rounding up, then the eight columns added.
-int32_t BlockMean(const uint8_t* p, ptrdiff_t pitch) {
-  int32_t col[8][8];
-  for (int r = 0; r < 8; ++r)
-    for (int x = 0; x < 8; ++x) col[r][x] = p[r * pitch + x];
-  for (int step = 1; step < 8; step *= 2)
-    for (int r = 0; r < 8; r += 2 * step)
-      for (int x = 0; x < 8; ++x) col[r][x] = (col[r][x] + col[r + step][x] + 1) >> 1;
-  int32_t sum = 0;
-  for (int x = 0; x < 8; ++x) sum += col[0][x];
-  return sum;
-}
-
 // Writes a block's transform output (or its one value) at block (bx, by) of the target.
 void StoreBlock(Call& c, uint32_t p, uint32_t mbx, uint32_t index, const Velmo2AcBlock& ac,
                 int16_t* coef, int32_t dc) {
@@ -228,21 +214,24 @@ IntraNeighbours IntraNeighboursOf(Call& c, uint32_t p, uint32_t mbx) {
     if (!above->Intra)
       for (uint32_t i = 0; i < n; ++i)
         nb.Above[Velmo2BlockIndex(i, last)] =
-            pixels ? BlockMean(c.Dst[p] + ptrdiff_t(top - 8) * c.Pitch[p] + x0 + 8 * i, c.Pitch[p])
+            pixels ? Velmo2BlockMean(c.Dst[p] + ptrdiff_t(top - 8) * c.Pitch[p] + x0 + 8 * i,
+                                     c.Pitch[p])
                    : 0;
   }
   if (corner) {
     FillFromStore(*corner, p, nb.Corner);
     if (!corner->Intra)
       nb.Corner[Velmo2BlockIndex(last, last)] =
-          pixels ? BlockMean(c.Dst[p] + ptrdiff_t(top - 8) * c.Pitch[p] + x0 - 8, c.Pitch[p]) : 0;
+          pixels
+              ? Velmo2BlockMean(c.Dst[p] + ptrdiff_t(top - 8) * c.Pitch[p] + x0 - 8, c.Pitch[p])
+              : 0;
   }
   if (left) {
     FillFromStore(*left, p, nb.Left);
     if (!left->Intra)
       for (uint32_t j = 0; j < n; ++j)
         nb.Left[Velmo2BlockIndex(last, j)] =
-            pixels ? BlockMean(c.Target[p].Line0 + ptrdiff_t(8 * j) * c.Target[p].Pitch + x0 - 8,
+            pixels ? Velmo2BlockMean(c.Target[p].Line0 + ptrdiff_t(8 * j) * c.Target[p].Pitch + x0 - 8,
                                c.Target[p].Pitch)
                    : 0;
   }

@@ -112,3 +112,15 @@ void Velmo2StoreIntra(const int16_t out[64], uint8_t* dst, ptrdiff_t dstPitch) {
   for (int r = 0; r < 8; ++r)
     for (int c = 0; c < 8; ++c) dst[r * dstPitch + c] = ToPixel(out[r * 8 + c]);
 }
+
+int32_t Velmo2BlockMean(const uint8_t* p, ptrdiff_t pitch) {
+  int32_t col[8][8];
+  for (int r = 0; r < 8; ++r)
+    for (int x = 0; x < 8; ++x) col[r][x] = p[r * pitch + x];
+  for (int step = 1; step < 8; step *= 2)
+    for (int r = 0; r < 8; r += 2 * step)
+      for (int x = 0; x < 8; ++x) col[r][x] = (col[r][x] + col[r + step][x] + 1) >> 1;
+  int32_t sum = 0;
+  for (int x = 0; x < 8; ++x) sum += col[0][x];
+  return sum;
+}

@@ -44,5 +44,10 @@ void Velmo2FetchChroma(const uint8_t* src, ptrdiff_t pitch, int32_t x, int32_t y
 void Velmo2AddResidual(uint8_t* dst, ptrdiff_t dstPitch, const int16_t* residual,
                        ptrdiff_t residualPitch, int w, int h);
 
+// The mean of an 8x8 block on the scale of a DC value (eight times the mean): rows folded in
+// pairs three times, each fold rounding up, then the eight columns added. An intra macroblock
+// predicts from it where a neighbour is not intra.
+int32_t Velmo2BlockMean(const uint8_t* p, ptrdiff_t pitch);
+
 // Stores an intra block's transform output (64 values by position) held between 0 and 255.
 void Velmo2StoreIntra(const int16_t out[64], uint8_t* dst, ptrdiff_t dstPitch);
