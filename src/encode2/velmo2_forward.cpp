@@ -2,6 +2,7 @@
 #include "encode2/velmo2_forward.h"
 
 #include "decode/velmo2_tables.h"
+#include "host/cpu_features.h"
 
 #include <cmath>
 #include <utility>
@@ -85,7 +86,9 @@ inline float Square(float v) { return v * v; }
 
 // ---- Transform -----------------------------------------------------------------------------
 
-void Velmo2Forward(const int16_t in[64], float out[64]) {
+const float* Velmo2ForwardMatrix() { return &Tables().F[0][0]; }
+
+void Velmo2ForwardPlain(const int16_t in[64], float out[64]) {
   const ForwardTables& t = Tables();
   // Rows: tmp = in F^T, then columns: out = F tmp.
   float tmp[64];
@@ -103,6 +106,18 @@ void Velmo2Forward(const int16_t in[64], float out[64]) {
       out[k * 8 + c] = sum;
     }
   }
+}
+
+Velmo2ForwardKernel Velmo2ForwardFor(uint32_t features) {
+#if ORN_X86_KERNELS
+  if ((features & CpuSSE2) == CpuSSE2) return Velmo2ForwardSse2;
+#endif
+  return Velmo2ForwardPlain;
+}
+
+void Velmo2Forward(const int16_t in[64], float out[64]) {
+  static const Velmo2ForwardKernel kernel = Velmo2ForwardFor(ProcessorFeatures());
+  kernel(in, out);
 }
 
 int32_t Velmo2DcValue(float coefficient0) { return int32_t(std::lround(coefficient0 / 8)); }
@@ -201,6 +216,14 @@ void Recount(Velmo2AcLevels& ac) {
   }
 }
 
+// Count and Last after the level at p was set to 0.
+void Drop(Velmo2AcLevels& ac, uint32_t p) {
+  --ac.Count;
+  if (p != ac.Last) return;
+  while (p > 0 && ac.Levels[p] == 0) --p;
+  ac.Last = p;
+}
+
 }  // namespace
 
 void Velmo2QuantiseBlock(const float coef[64], const Velmo2AcQuantiser& quantiser,
@@ -242,16 +265,20 @@ void Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quant
       }
     }
     // Dropping it changes the runs around it: the block is costed again.
+    const uint32_t keptCount = out.Ac.Count, keptLast = out.Ac.Last;
     SetLevel(out, quantiser, p, 0);
-    Recount(out.Ac);
+    Drop(out.Ac, p);
     const uint32_t dropBits = Velmo2AcBlockBits(out.Ac, table);
     const double dropDelta = lambda * (weight[k] * Square(coef[k]) - now) + double(dropBits) - bits;
     if (dropDelta < bestDelta) {
       bestLevel = 0;
       bestBits = dropBits;
     }
-    SetLevel(out, quantiser, p, bestLevel);
-    if (bestLevel != 0) Recount(out.Ac);
+    if (bestLevel != 0) {
+      out.Ac.Count = keptCount;
+      out.Ac.Last = keptLast;
+      SetLevel(out, quantiser, p, bestLevel);
+    }
     bits = bestBits;
   }
   // One level at a time cannot see that dropping several together pays (a level at 63 saves

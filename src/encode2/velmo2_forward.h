@@ -13,13 +13,26 @@
 // is the price of a unit of squared error in bits, as in the macroblock cost J = D * q + bits.
 #pragma once
 #include "encode2/velmo2_writers.h"
+#include "host/cpu_features.h"
 
 #include <cstdint>
 
 // ---- Transform -----------------------------------------------------------------------------
 
-// Forward transform of 64 samples (pixels or residuals) by position.
+// Forward transform of 64 samples (pixels or residuals) by position: out = F in F^T, each sum
+// taken in the order of its index so that every form gives the same bits.
+using Velmo2ForwardKernel = void (*)(const int16_t in[64], float out[64]);
+void Velmo2ForwardPlain(const int16_t in[64], float out[64]);
+#if ORN_X86_KERNELS
+void Velmo2ForwardSse2(const int16_t in[64], float out[64]);
+#endif
+
+// The form for a processor feature word, and the transform in the form this processor runs.
+Velmo2ForwardKernel Velmo2ForwardFor(uint32_t features);
 void Velmo2Forward(const int16_t in[64], float out[64]);
+
+// F, row by row: 8 times the inverse of the matrix of the inverse transform's pass.
+const float* Velmo2ForwardMatrix();
 
 // The DC value of a block from its coefficient 0: coefficient / 8, rounded to nearest.
 int32_t Velmo2DcValue(float coefficient0);

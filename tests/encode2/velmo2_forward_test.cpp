@@ -7,11 +7,13 @@
 #include "decode/velmo2_tables.h"
 #include "decode/velmo2_transform.h"
 #include "encode2/velmo2_writers.h"
+#include "host/cpu_features.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -85,6 +87,24 @@ TEST(Velmo2Forward, RandomBlocksComeBackExactly) {
     // come back exactly, as far as these blocks tell.
     EXPECT_EQ(worst, 0) << noise;
     EXPECT_EQ(sumSquares, 0) << noise;
+  }
+}
+
+TEST(Velmo2Forward, EveryFormGivesThePlainFormsBits) {
+  std::mt19937 rng(27);
+  const Velmo2ForwardKernel vector = Velmo2ForwardFor(ProcessorFeatures());
+  EXPECT_EQ(Velmo2ForwardFor(0), &Velmo2ForwardPlain);
+  for (int round = 0; round < 5000; ++round) {
+    int16_t in[64];
+    if (round % 3 == 0) {
+      for (int16_t& s : in) s = int16_t(int(rng() % 65536) - 32768);  // any 16-bit input
+    } else {
+      RandomBlock(rng, round % 3 == 1, in);
+    }
+    float plain[64], other[64];
+    Velmo2ForwardPlain(in, plain);
+    vector(in, other);
+    for (int k = 0; k < 64; ++k) ASSERT_EQ(std::memcmp(&plain[k], &other[k], 4), 0) << k;
   }
 }
 
