@@ -90,8 +90,10 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
                              uint32_t trackCount, VelmoWriterTrack* tracks, uint32_t inputNits,
                              const int16_t* colourBlock, VelmoWriterProgressFn progress,
                              void* userData) {
-  // The second generation's header (slices, HDR block) comes with its encoder.
-  if (!path || version < 100 || version >= 200 || !width || !height || !frames ||
+  // The second generation's HDR block comes with its conversion; HDR files are not written yet.
+  const bool second = version >= 200;
+  if (!path || version < 100 || version >= 300 || (second && (flags & VelmoWriterHdr)) ||
+      !width || !height || !frames ||
       !rateNumerator || !rateDenominator || trackCount > VelmoMaxTracks ||
       (trackCount && !tracks) || colourBlock ||
       textLength > VelmoWriterMaxText || frames >= VelmoMaxIndexFrames)
@@ -117,9 +119,11 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   w->FrameRateNumerator = rateNumerator / g;
   w->FrameRateDenominator = rateDenominator / g;
 
-  // 3. Sizes and figures. The first generation keeps no slice, deblocking or HDR bits.
+  // 3. Sizes and figures. The first generation keeps no slice, deblocking or HDR bits; the
+  // second keeps its slice mode and deblocking switches.
   flags &= VelmoWriterKeptFlags;
-  flags &= ~(0x7u | VelmoWriterDeblockBits | VelmoWriterQuantBits);
+  const uint32_t sliceMode = second ? flags & VelmoWriterSliceBits : 0;
+  if (!second) flags &= ~(0x7u | VelmoWriterDeblockBits | VelmoWriterQuantBits);
   if (version > 100) flags |= VelmoWriterFullRange;
   else flags &= ~VelmoWriterFullRange;
   if (!(flags & VelmoWriterAlpha)) flags &= ~VelmoWriterZeroAlphaWeight;
@@ -147,7 +151,7 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   params.FrameRateDiv = w->FrameRateDenominator;
   params.IndexFrames = frames;
   params.Flags = flags;
-  params.SliceMode = 0;
+  params.SliceMode = sliceMode;
   params.Text = w->ExtraTextLength ? w->ExtraText : nullptr;
   params.TextLength = w->ExtraTextLength;
   const std::vector<VelmoTrackInfo> trackTable = TrackTable(w);

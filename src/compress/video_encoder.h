@@ -65,3 +65,4 @@ struct VelmoVideoEncoder {
 const VelmoVideoEncoder* VelmoEncoderForVersion(uint32_t version);
 
 extern const VelmoVideoEncoder Velmo1VideoEncoder;
+extern const VelmoVideoEncoder Velmo2VideoEncoder;

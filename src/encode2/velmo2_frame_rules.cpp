@@ -58,7 +58,6 @@ void Velmo2DistortionSummary(const double* distortion, size_t n, double* mean, d
 // the crossings are left out of both sums and each entry is judged on the pixels only its own
 // filter moves.
 
-uint32_t Velmo2EdgeMapEntries(uint32_t size) { return size >= 8 ? size / 8 - 1 : 0; }
 
 namespace {
 

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "encode2/velmo2_writers.h"
+
 // What the frame word of a pass is made from.
 struct Velmo2FrameWordInput {
   uint32_t Options;          // the compressor's option number: 16384 forbids filtering across
@@ -39,10 +41,7 @@ void Velmo2DistortionSummary(const double* distortion, size_t n, double* mean, d
 
 // ---- Edge maps -----------------------------------------------------------------------------
 
-// Entries of a map over a picture side of `size` pixels: one per block edge inside the
-// picture, (size / 8) - 1, and none below 8 pixels. The row map is over the height, the column
-// map over the width; entry i stands at bit i + 1 (Velmo2EdgeMapWords gives the words).
-uint32_t Velmo2EdgeMapEntries(uint32_t size);
+// The entries of each map are Velmo2EdgeMapEntries (velmo2_writers.h) of the picture side.
 
 // One plane as the rule sees it: the source, the decoded picture with every map entry 0
 // (filtered wherever the decoder filters) and the same decode with no edge filtering (every

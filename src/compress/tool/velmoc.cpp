@@ -316,9 +316,9 @@ struct Registrar {
   Registrar() { VelmocRegisterDialog(); }
 } g_registrar;
 
-int SecondGenerationMissing() {
-  ToolFrameError("Velmo 2 compression (version 200 and up) is not part of this build yet. "
-                 "Use /v100 or /v101 for a Velmo 1 file.");
+int HdrMissing() {
+  ToolFrameError("Velmo 2 HDR compression (version 270) is not part of this build yet. "
+                 "Use /v200 for a Velmo 2 file of the ordinary range.");
   return ToolExitOutputError;
 }
 
@@ -720,9 +720,7 @@ int Compress(Run& r, char* commandTail) {
   VelmocDefaultExtension(r.s.Output, sizeof r.s.Output, VelmocVersion(r.s));
   if (const int refused = ToolRefuseLongNames(r.s.Input, r.s.Output)) return refused;
   if (const int refused = ToolRefuseLongNames(r.s.HintFile, nullptr)) return refused;
-  // The second generation's encoder is not in this build; an HDR request still gets its input
-  // checked first, so that a non-HDR input hears why.
-  if (VelmocVersion(r.s) >= 200 && !VelmocWantsHdr(r.s)) return SecondGenerationMissing();
+
   if (r.s.Cpus) PoolSetThreads(r.s.Cpus);
   PoolStart();
 
@@ -802,7 +800,7 @@ int Compress(Run& r, char* commandTail) {
                    "itself. Just use normal Velmo 2 compression with non-HDR input files.");
     return Finish(r, ToolExitNotHdr);
   }
-  if (version >= 200) return Finish(r, SecondGenerationMissing());
+  if (VelmocWantsHdr(r.s)) return Finish(r, HdrMissing());
   // The writer.
   uint32_t rateNum = 0, rateDen = 0;
   OutputRate(r, &rateNum, &rateDen);
