@@ -172,6 +172,8 @@ int32_t Velmo2MaxAcLevelFor(uint32_t entry, uint32_t q) {
 int32_t Velmo2QuantiseAc(float c, uint32_t entry, uint32_t q, float rounding) {
   const int32_t s = c < 0 ? -1 : 1;
   const double a = std::fabs(double(c));
+  // Most coefficients fall short of level 1 by far: half its value at most for any rounding.
+  if (a < 0.5 * Magnitude(1, s, entry, q)) return 0;
   const int32_t most = Velmo2MaxAcLevelFor(entry, q);
   const double step = double(StepOf(entry, q)) / 128;
   if (most == 0 || step <= 0) return 0;
@@ -264,20 +266,16 @@ void Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quant
         bestBits = newBits;
       }
     }
-    // Dropping it changes the runs around it: the block is costed again.
-    const uint32_t keptCount = out.Ac.Count, keptLast = out.Ac.Last;
-    SetLevel(out, quantiser, p, 0);
-    Drop(out.Ac, p);
-    const uint32_t dropBits = Velmo2AcBlockBits(out.Ac, table);
+    // Dropping it changes the runs around it.
+    const uint32_t dropBits = uint32_t(int32_t(bits) + Velmo2AcDropBits(out.Ac, p, table));
     const double dropDelta = lambda * (weight[k] * Square(coef[k]) - now) + double(dropBits) - bits;
     if (dropDelta < bestDelta) {
       bestLevel = 0;
       bestBits = dropBits;
     }
-    if (bestLevel != 0) {
-      out.Ac.Count = keptCount;
-      out.Ac.Last = keptLast;
+    if (bestLevel != level) {
       SetLevel(out, quantiser, p, bestLevel);
+      if (bestLevel == 0) Drop(out.Ac, p);
     }
     bits = bestBits;
   }

@@ -327,6 +327,26 @@ TEST(Velmo2Writers, AcBlocksReadBackUnderBothTablesWithExactCosts) {
   }
 }
 
+TEST(Velmo2Writers, DroppingALevelChangesTheLengthAsTold) {
+  std::mt19937 rng(13);
+  for (int round = 0; round < 3000; ++round) {
+    const Velmo2AcLevels b = RandomAcBlock(rng);
+    for (int table = 1; table <= 2; ++table) {
+      const uint32_t whole = Velmo2AcBlockBits(b, table);
+      for (uint32_t p = 1; p <= b.Last; ++p) {
+        if (b.Levels[p] == 0) continue;
+        Velmo2AcLevels dropped = b;
+        dropped.Levels[p] = 0;
+        --dropped.Count;
+        while (dropped.Last > 0 && dropped.Levels[dropped.Last] == 0) --dropped.Last;
+        ASSERT_EQ(int64_t(whole) + Velmo2AcDropBits(b, p, table),
+                  int64_t(Velmo2AcBlockBits(dropped, table)))
+            << table << " " << p;
+      }
+    }
+  }
+}
+
 TEST(Velmo2Writers, SevenConsecutiveLevelsTakeTheSevenSymbol) {
   // Seven levels in a row that need no run code in front: at the block's start, or behind a
   // level reached by a skip.
