@@ -172,6 +172,7 @@ int32_t Velmo2MaxAcLevelFor(uint32_t entry, uint32_t q) {
 int32_t Velmo2QuantiseAc(float c, uint32_t entry, uint32_t q, float rounding) {
   const int32_t s = c < 0 ? -1 : 1;
   const double a = std::fabs(double(c));
+  if (std::isnan(a)) return 0;
   // Most coefficients fall short of level 1 by far: half its value at most for any rounding.
   if (a < 0.5 * Magnitude(1, s, entry, q)) return 0;
   const int32_t most = Velmo2MaxAcLevelFor(entry, q);
