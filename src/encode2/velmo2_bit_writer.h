@@ -57,7 +57,7 @@ class Velmo2BitSink {
   // Appends a string of `bits` bits held in words (as another sink leaves them after Flush).
   void Append(const uint32_t* words, uint64_t bits) {
     const size_t whole = size_t(bits / 32);
-    if (Fill_ == 0 && Pos_ + whole <= Capacity_) {
+    if (whole > 0 && Fill_ == 0 && Pos_ + whole <= Capacity_) {
       std::memcpy(Words_ + Pos_, words, whole * 4);  // word aligned: a plain copy
       Pos_ += whole;
     } else {

@@ -172,20 +172,25 @@ int32_t Velmo2MaxAcLevelFor(uint32_t entry, uint32_t q) {
 int32_t Velmo2QuantiseAc(float c, uint32_t entry, uint32_t q, float rounding) {
   const int32_t s = c < 0 ? -1 : 1;
   const double a = std::fabs(double(c));
-  const int32_t most = Velmo2MaxAcLevelFor(entry, q);
-  const double step = double(StepOf(entry, q)) / 128;
-  if (most == 0 || step <= 0) return 0;
-  double guess = std::floor(a / step + rounding);
-  int32_t l = guess < 0 ? 0 : guess > most ? most : int32_t(guess);
+  const double pass = 1.0 - rounding;
+  const uint64_t step = StepOf(entry, q);
+  // A level fits while its dequantised value stays a positive 16-bit value.
+  auto fits = [&](int64_t level) {
+    return level <= Velmo2MaxAcLevel && uint64_t(level) * step <= kDequantLimit;
+  };
+  // Most coefficients fall short of level 1: this is the test between 0 and 1 below.
+  if (!(a >= pass * Magnitude(1, s, entry, q)) || !fits(1)) return 0;
+  const double guess = std::floor(a * 128 / double(step) + rounding);
+  int32_t l = guess < 1 ? 1 : fits(int64_t(std::fmin(guess, 1e6))) ? int32_t(guess)
+                                                                    : Velmo2MaxAcLevelFor(entry, q);
   // Settle on the exact dequantised values: a level l holds when c has passed the fraction
   // 1 - rounding of the way from l - 1 to l, and not that of the way from l to l + 1.
-  const double pass = 1.0 - rounding;
   auto below = [&](int32_t level) {  // c is short of the threshold between level - 1 and level
     const double lo = Magnitude(level - 1, s, entry, q), hi = Magnitude(level, s, entry, q);
     return a < lo + pass * (hi - lo);
   };
-  while (l > 0 && below(l)) --l;
-  while (l < most && !below(l + 1)) ++l;
+  while (l > 1 && below(l)) --l;
+  while (fits(l + 1) && !below(l + 1)) ++l;
   return s * l;
 }
 
@@ -264,20 +269,16 @@ void Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quant
         bestBits = newBits;
       }
     }
-    // Dropping it changes the runs around it: the block is costed again.
-    const uint32_t keptCount = out.Ac.Count, keptLast = out.Ac.Last;
-    SetLevel(out, quantiser, p, 0);
-    Drop(out.Ac, p);
-    const uint32_t dropBits = Velmo2AcBlockBits(out.Ac, table);
+    // Dropping it changes the runs around it.
+    const uint32_t dropBits = uint32_t(int32_t(bits) + Velmo2AcDropBits(out.Ac, p, table));
     const double dropDelta = lambda * (weight[k] * Square(coef[k]) - now) + double(dropBits) - bits;
     if (dropDelta < bestDelta) {
       bestLevel = 0;
       bestBits = dropBits;
     }
-    if (bestLevel != 0) {
-      out.Ac.Count = keptCount;
-      out.Ac.Last = keptLast;
+    if (bestLevel != level) {
       SetLevel(out, quantiser, p, bestLevel);
+      if (bestLevel == 0) Drop(out.Ac, p);
     }
     bits = bestBits;
   }

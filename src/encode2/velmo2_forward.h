@@ -9,7 +9,8 @@
 //
 // Distortion. D of a block is the weighted squared error of its AC coefficients, the weight of
 // each position (Velmo2CoefficientWeight) making it the squared pixel error the difference
-// causes after the inverse transform. The cost of a choice is J = lambda * D + bits: lambda
+// causes after the inverse transform (the pass's basis vectors are orthogonal, so the errors of
+// all positions add up). The cost of a choice is J = lambda * D + bits: lambda
 // is the price of a unit of squared error in bits, as in the macroblock cost J = D * q + bits.
 #pragma once
 #include "encode2/velmo2_writers.h"

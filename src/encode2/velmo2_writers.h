@@ -216,6 +216,10 @@ void Velmo2WriteAcBlock(Sink& s, const Velmo2AcLevels& b, int table) {
 // Exact length in bits of a block's code under run code table 1 or 2.
 uint32_t Velmo2AcBlockBits(const Velmo2AcLevels& b, int table);
 
+// Exactly what the block's code length changes by when the level at scan position p (not 0)
+// is dropped; only the run of levels around p and the code behind it are looked at.
+int32_t Velmo2AcDropBits(const Velmo2AcLevels& b, uint32_t p, int table);
+
 // Writes one quadrant: `maskWord` has this quadrant's block bits lowest (and the clone bits from
 // bit 16 up), and picks the run code table as the reader does; blocks whose bit is clear are
 // not written.

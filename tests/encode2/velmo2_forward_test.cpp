@@ -122,6 +122,22 @@ TEST(Velmo2Forward, WeightsGiveThePixelErrorOfACoefficientError) {
     const double predicted = Velmo2CoefficientWeight(k) * double(delta) * delta;
     EXPECT_NEAR(pixel / predicted, 1.0, 0.08) << k;
   }
+  // The pass's basis is orthogonal: errors in many positions at once add up as well.
+  for (int round = 0; round < 200; ++round) {
+    int16_t base[64] = {}, changed[64] = {}, a[64], b[64];
+    base[0] = changed[0] = 1024;
+    double predicted = 0;
+    for (uint32_t k = 1; k < 64; ++k) {
+      if (rng() % 3) continue;
+      changed[k] = int16_t(int(rng() % 1025) - 512);
+      predicted += Velmo2CoefficientWeight(k) * double(changed[k]) * changed[k];
+    }
+    Velmo2TransformPlain(base, a);
+    Velmo2TransformPlain(changed, b);
+    double pixel = 0;
+    for (int i = 0; i < 64; ++i) pixel += double(b[i] - a[i]) * double(b[i] - a[i]);
+    EXPECT_NEAR(pixel / predicted, 1.0, 0.05) << round;
+  }
 }
 
 // ---- DC ------------------------------------------------------------------------------------

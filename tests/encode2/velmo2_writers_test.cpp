@@ -327,6 +327,26 @@ TEST(Velmo2Writers, AcBlocksReadBackUnderBothTablesWithExactCosts) {
   }
 }
 
+TEST(Velmo2Writers, DroppingALevelChangesTheLengthAsTold) {
+  std::mt19937 rng(13);
+  for (int round = 0; round < 3000; ++round) {
+    const Velmo2AcLevels b = RandomAcBlock(rng);
+    for (int table = 1; table <= 2; ++table) {
+      const uint32_t whole = Velmo2AcBlockBits(b, table);
+      for (uint32_t p = 1; p <= b.Last; ++p) {
+        if (b.Levels[p] == 0) continue;
+        Velmo2AcLevels dropped = b;
+        dropped.Levels[p] = 0;
+        --dropped.Count;
+        while (dropped.Last > 0 && dropped.Levels[dropped.Last] == 0) --dropped.Last;
+        ASSERT_EQ(int64_t(whole) + Velmo2AcDropBits(b, p, table),
+                  int64_t(Velmo2AcBlockBits(dropped, table)))
+            << table << " " << p;
+      }
+    }
+  }
+}
+
 TEST(Velmo2Writers, SevenConsecutiveLevelsTakeTheSevenSymbol) {
   // Seven levels in a row that need no run code in front: at the block's start, or behind a
   // level reached by a skip.
@@ -381,6 +401,43 @@ TEST(Velmo2Writers, QuadrantsReadBackWithTheTableTheirMaskPicks) {
       }
       EXPECT_EQ(out[i].Count, blocks[i].Count);
       for (uint32_t p = 1; p < 64; ++p) ASSERT_EQ(coef[i][Velmo2Scan[p]], blocks[i].Levels[p]);
+    }
+    ExpectMarker(r);
+  }
+}
+
+TEST(Velmo2Writers, LumaPlanesReadBackQuadrantByQuadrant) {
+  std::mt19937 rng(14);
+  for (int round = 0; round < 500; ++round) {
+    const Velmo2FrameWord word{Velmo2CurrentStream | (rng() % 2 ? Velmo2WideInter : 0u)};
+    Velmo2AcLevels blocks[16];
+    for (Velmo2AcLevels& b : blocks) b = RandomAcBlock(rng);
+    const uint32_t previous = RandomMask16(rng);
+    const uint32_t bits = rng() % 4 == 0 ? 0 : RandomMask16(rng);
+    const bool clone = rng() % 2;
+    Written w = WriteBoth([&](auto& sink) {
+      const uint32_t mask = Velmo2WriteLumaMask(sink, previous, bits, clone, word);
+      for (uint32_t q = 0; q < 4; ++q) {
+        const Velmo2AcLevels* quadrant[4] = {&blocks[4 * q], &blocks[4 * q + 1],
+                                             &blocks[4 * q + 2], &blocks[4 * q + 3]};
+        Velmo2WriteAcQuadrant(sink, mask >> (4 * q), quadrant);
+      }
+    });
+    Velmo1BitReader r = w.Reader();
+    const uint32_t mask = Velmo2ReadLumaMask(r, previous, word);
+    uint16_t unit[64];
+    for (uint16_t& e : unit) e = 128;
+    for (uint32_t q = 0; q < 4; ++q) {
+      int16_t coef[4][64] = {};
+      int16_t* coefs[4] = {coef[0], coef[1], coef[2], coef[3]};
+      Velmo2AcBlock out[4];
+      Velmo2ReadAcQuadrant(r, mask >> (4 * q), unit, 0, coefs, out);
+      for (uint32_t i = 0; i < 4; ++i) {
+        const Velmo2AcLevels& b = blocks[4 * q + i];
+        if (!(bits >> (4 * q + i) & 1)) continue;
+        EXPECT_EQ(out[i].Count, b.Count);
+        for (uint32_t p = 1; p < 64; ++p) ASSERT_EQ(coef[i][Velmo2Scan[p]], b.Levels[p]);
+      }
     }
     ExpectMarker(r);
   }
