@@ -35,8 +35,8 @@ std::string Joined(const std::vector<std::string>& args) {
 }
 
 // Each word, in any case, reaches its tool (or the message that the tool is missing), and the
-// exit status tells which: 1 for a refusal, 8005 & 255 for a tool's syntax help, 8006 & 255 for
-// the missing second-generation compressor.
+// exit status tells which: 1 for a refusal, 8005 & 255 for a tool's syntax help, 8002 & 255 for
+// an input the second-generation compressor cannot open.
 TEST(Dispatch, WordsPickTheirToolWithItsExitCode) {
   const std::string missing = " is not part of this build yet.";
   const std::string velmoSyntax = "Syntax:  Velmo <Input Graphics File>";
@@ -44,7 +44,6 @@ TEST(Dispatch, WordsPickTheirToolWithItsExitCode) {
   const std::string mixSyntax =
       "Syntax:  VelmoMix <Input Velmo File>[.VLM] <Input Sound File> <Output Velmo "
       "File>[.VLM] [/Switches]";
-  const std::string velmo2 = "Velmo 2 compression (version 200 and up)" + missing;
   struct Case {
     std::vector<std::string> words, tail;
     int code;
@@ -59,7 +58,8 @@ TEST(Dispatch, WordsPickTheirToolWithItsExitCode) {
       {{"ornana"}, {"in.avi"}, 1, "ORNAna" + missing, false},
       {{"tarvplay"}, {"a.trv"}, 1, "TarvPlw", false},
       {{"Velmo", "VELMOC"}, {"in.avi"}, 8005 & 255, velmoSyntax, false},
-      {{"velmo2c", "Velmo2C64"}, {"in.avi", "out.vm2"}, 8006 & 255, velmo2, false},
+      {{"velmo2c", "Velmo2C64"}, {"in.avi", "out.vm2"}, 8002 & 255,
+       "Couldn't open the input file 'in.avi'", true},
       {{"VelmoConv", "VELMOCONV"}, {"in.avi"}, 8005 & 255, convSyntax, true},
       {{"velmomix", "VELMOMIX"}, {"in.vlm"}, 8005 & 255, mixSyntax, true},
       {{"ORNINFO"}, {"/tmp"}, 0, "Information on /tmp", true},
