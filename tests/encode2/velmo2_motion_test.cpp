@@ -273,6 +273,33 @@ TEST(Velmo2MotionSearch, OutsideMaskOfPictureEdges) {
   EXPECT_EQ(Velmo2OutsideMask(40, 50, 64, 0), 15u);
 }
 
+// The kernels of every processor level give the same vectors and costs as the plain ones, on
+// noisy frames where many candidates tie closely.
+TEST(Velmo2MotionSearch, SameResultAtEveryKernelLevel) {
+  const MotionFrames f = ShiftedFrames(192, 128, 13, -7, true, 12, 4);
+  const auto searchAt = [&](int level, uint32_t mbX, uint32_t mbY, Velmo2MotionResult* r) {
+    Velmo2Kernels fetch;
+    Velmo2EncodeKernels diff;
+    Velmo2KernelsInit(&fetch, ProcessorLevels[level].Features | CpuValid);
+    Velmo2EncodeKernelsInit(&diff, ProcessorLevels[level].Features | CpuValid);
+    const Velmo2MotionInput in = MotionInputFor(f, mbX, mbY, &fetch, &diff, 2.0);
+    return Velmo2MotionSearch(in, r);
+  };
+  for (int level = 1; level < ProcessorLevelCount; ++level) {
+    if (!ProcessorHas(ProcessorLevels[level].Features)) continue;
+    for (uint32_t mb = 0; mb < 6; ++mb) {
+      Velmo2MotionResult want, got;
+      ASSERT_TRUE(searchAt(ProcessorLevelPlain, mb * 32, (mb % 4) * 32, &want));
+      ASSERT_TRUE(searchAt(level, mb * 32, (mb % 4) * 32, &got));
+      EXPECT_EQ(got.Cost, want.Cost) << ProcessorLevels[level].Name << " mb " << mb;
+      for (int q = 0; q < 4; ++q) {
+        EXPECT_EQ(got.Vx[q], want.Vx[q]);
+        EXPECT_EQ(got.Vy[q], want.Vy[q]);
+      }
+    }
+  }
+}
+
 // The vector bits are the length of the decoder's difference codes for the pair.
 TEST(Velmo2MotionSearch, VectorBitsMatchTheDecoderCodes) {
   const auto code = [](BitWriter& w, int32_t d) {
