@@ -117,6 +117,10 @@ class Quadrant {
   double Best = kNoCost;
 
  private:
+  // The difference of one plane's block at the absolute position. A whole-pixel luma block
+  // is compared in place; anything else is fetched first with the decoder's own kernels, so
+  // the chroma of a whole-pixel luma vector, which may fall between chroma pixels, is costed
+  // as it will be reconstructed.
   uint32_t Distortion(uint32_t p, int64_t px, int64_t py) const {
     const Velmo2MotionPlaneRef& r = In.Reference[p];
     const bool chroma = p == Velmo2MotionCr || p == Velmo2MotionCb;

@@ -265,6 +265,25 @@ TEST(Velmo2MotionSearch, OutsideMaskLeavesOnlyVectorBits) {
   }
 }
 
+// With only a left neighbour, vector 1 is predicted from vector 2, so vector 2 must be chosen
+// first: a quadrant 1 chosen by its bits alone then takes the median of the vectors 0 and 2
+// found (both the motion) and the left one, the motion, not the left vector.
+TEST(Velmo2MotionSearch, LeftNeighbourOnlySearchesVectorTwoFirst) {
+  const MotionFrames f = ShiftedFrames(192, 128, 8, -6);
+  const Neighbours n = Neighbours::All(-20, 14);
+  // A macroblock below the top, as in the first row of a slice, where there is none above.
+  Velmo2MotionInput in = Input(f, 64, 32);
+  n.Set(in, false, true);
+  in.OutsideMask = 2;
+  Velmo2MotionResult r;
+  ASSERT_TRUE(Velmo2MotionSearch(in, &r));
+  for (int q = 0; q < 4; ++q) {
+    EXPECT_EQ(r.Vx[q], 8) << q;
+    EXPECT_EQ(r.Vy[q], -6) << q;
+  }
+  EXPECT_NEAR(r.Cost, VectorCost(in, r), 1e-6);
+}
+
 TEST(Velmo2MotionSearch, OutsideMaskOfPictureEdges) {
   EXPECT_EQ(Velmo2OutsideMask(64, 64, 32, 32), 0u);
   EXPECT_EQ(Velmo2OutsideMask(40, 40, 32, 32), 14u);
