@@ -3,6 +3,7 @@
 // the vectors already chosen above and to the left as neighbours, as the encoder does.
 #include <benchmark/benchmark.h>
 
+#include <string>
 #include <vector>
 
 #include "encode2/velmo2_motion.h"

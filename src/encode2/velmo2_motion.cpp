@@ -16,9 +16,10 @@ constexpr double kNoCost = 1e300;
 
 // The early-out limit of the whole-pixel stage, in units of luma distortion per pixel: a start
 // whose cost is at most a mean squared error of 1 per luma pixel (plus the cheapest vector)
-// is already as good as rounding noise in the reference, and the long search (several hundred
-// candidates) cannot improve it by more than the bits it would spend; only a short cross
-// refinement runs then. Static backgrounds and smooth global motion mostly end here.
+// is already within the rounding noise of the reference, so the long search (several hundred
+// candidates) could gain little, and what it gained would mostly go to longer vector codes;
+// only a short cross refinement runs then. Static backgrounds and motion that the neighbours
+// already predict mostly end here.
 constexpr double kEarlyOutPerPixel = 1.0;
 
 // Bounds of one coordinate's absolute position (half pixels) for each parity, as the
