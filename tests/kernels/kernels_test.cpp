@@ -17,6 +17,7 @@
 #include "copyout_frames.h"
 #include "decode/velmo1_tables.h"
 #include "decode/velmo2_kernels.h"
+#include "encode2/velmo2_encode_kernels.h"
 #include "kernel_levels.h"
 #include "process/scaler_kernels.h"
 #include "reader/copyout.h"
@@ -32,6 +33,8 @@ static_assert(sizeof(Velmo1Kernels) == 1 * sizeof(void (*)()), "decoder entry un
 static_assert(sizeof(AudioTransformKernels) == 2 * sizeof(void (*)()), "audio entry unchecked");
 static_assert(sizeof(Velmo2Kernels) == 26 * sizeof(void (*)()),
               "second-generation entry unchecked");
+static_assert(sizeof(Velmo2EncodeKernels) == 2 * sizeof(void (*)()),
+              "second-generation encoder entry unchecked");
 
 namespace {
 
@@ -625,6 +628,58 @@ TEST(KernelsVelmo2, FlatBlock) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Second-generation encoder.
+
+// Block differences between two windows of `size` x `size` bytes at pitches of either sign
+// (and 0, one line again and again): random blocks, blocks near each other as predictions
+// are, and the extremes, where every difference is 255 and the sums are largest.
+void CheckDiff(Velmo2DiffKernel plain, Velmo2DiffKernel kernel, size_t size) {
+  std::mt19937 rng(11);
+  for (int i = 0; i < 3000; ++i) {
+    const Fill fill = FillOf(i);
+    const ptrdiff_t pa = i % 10 == 9 ? 0 : SignedPitch(rng, size);
+    const ptrdiff_t pb = i % 7 == 6 ? 0 : SignedPitch(rng, size);
+    Lines<uint8_t> a = MakeLines<uint8_t>(size, size, pa, 0, [&] { return Byte(rng, fill); });
+    const bool near = i % 3 == 1;
+    const Fill other = fill == FillLow ? FillHigh : fill == FillHigh ? FillLow : fill;
+    size_t k = 0;
+    Lines<uint8_t> b = MakeLines<uint8_t>(size, size, pb, 0, [&] {
+      if (!near) return Byte(rng, other);
+      const uint8_t v = a.Mem[k++ % a.Mem.size()];
+      return uint8_t(std::clamp(int(v) + int(rng() % 9) - 4, 0, 255));
+    });
+    const uint32_t want = plain(a.Line(0), pa, b.Line(0), pb);
+    ASSERT_EQ(kernel(a.Line(0), pa, b.Line(0), pb), want)
+        << "case " << i << ", pitches " << pa << ", " << pb;
+  }
+}
+
+TEST(KernelsVelmo2Encode, BlockDifferences) {
+  AgainstPlain(Velmo2EncodeKernelsInit, [](const auto& plain, const auto& t) {
+    CheckDiff(plain.Diff16, t.Diff16, 16);
+    CheckDiff(plain.Diff8, t.Diff8, 8);
+  });
+}
+
+// The plain forms are the sums of squared differences, the largest of them included.
+TEST(KernelsVelmo2Encode, PlainIsTheSumOfSquares) {
+  std::mt19937 rng(12);
+  for (size_t size : {size_t(8), size_t(16)}) {
+    const Velmo2DiffKernel diff = size == 16 ? Velmo2Diff16Plain : Velmo2Diff8Plain;
+    std::vector<uint8_t> a(size * size), b(size * size);
+    for (int i = 0; i < 50; ++i) {
+      uint64_t want = 0;
+      for (size_t k = 0; k < a.size(); ++k) {
+        a[k] = i == 0 ? 0 : uint8_t(rng());
+        b[k] = i == 0 ? 255 : uint8_t(rng());
+        want += uint64_t((int(a[k]) - b[k]) * (int(a[k]) - b[k]));
+      }
+      EXPECT_EQ(diff(a.data(), ptrdiff_t(size), b.data(), ptrdiff_t(size)), want);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Sound transforms.
 
 TEST(KernelsAudio, ComplexPasses) {
@@ -723,6 +778,7 @@ TEST(KernelTables, EveryEntrySetAndLevelsStopAtTheFirstGap) {
   ExpectLevelSteps(Velmo1KernelsInit);
   ExpectLevelSteps(AudioTransformKernelsInit);
   ExpectLevelSteps(Velmo2KernelsInit);
+  ExpectLevelSteps(Velmo2EncodeKernelsInit);
 }
 
 }  // namespace
