@@ -50,7 +50,10 @@ struct Velmo2Encoder {
   uint32_t SliceMode;
   uint32_t Columns, Rows;   // macroblocks
   uint32_t LumaWidth, LumaHeight;  // whole macroblocks
-  bool Coded[kVelmo2EncPlanes];
+  bool Coded[kVelmo2EncPlanes];       // the planes the file has
+  bool FrameCoded[kVelmo2EncPlanes];  // the planes this frame codes (not a constant alpha)
+  bool ConstantAlpha;                 // this frame's alpha is one value, AlphaValue
+  uint8_t AlphaValue;
   Velmo2VaqLevel Vaq;
   Velmo2Kernels Kernels;
   Velmo2EncodeKernels Diff;
@@ -83,10 +86,28 @@ void PadPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t*
   }
 }
 
+// Whether a plane of w x h holds one value throughout, and which.
+bool ConstantPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t* value) {
+  *value = in[0];
+  for (uint32_t y = 0; y < h; ++y)
+    for (uint32_t x = 0; x < w; ++x)
+      if (in[ptrdiff_t(y) * pitch + x] != *value) return false;
+  return true;
+}
+
 bool TakeInput(Velmo2Encoder* e, const Velmo2EncoderFrame& f) {
   const uint32_t w = e->Setup.Width, h = e->Setup.Height;
+  std::memcpy(e->FrameCoded, e->Coded, sizeof e->FrameCoded);
+  e->ConstantAlpha = false;
+  // An alpha plane of one value is not coded: the frame word carries the value.
+  if (e->Coded[VelmoPlaneAlpha]) {
+    if (!f.Planes[VelmoPlaneAlpha] || f.Pitches[VelmoPlaneAlpha] < int32_t(w)) return false;
+    e->ConstantAlpha = ConstantPlane(f.Planes[VelmoPlaneAlpha], f.Pitches[VelmoPlaneAlpha], w, h,
+                                     &e->AlphaValue);
+    e->FrameCoded[VelmoPlaneAlpha] = !e->ConstantAlpha;
+  }
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
-    if (!e->Coded[p]) continue;
+    if (!e->FrameCoded[p]) continue;
     const uint32_t pw = IsChroma(p) ? (w + 1) / 2 : w, ph = IsChroma(p) ? (h + 1) / 2 : h;
     if (!f.Planes[p] || f.Pitches[p] < int32_t(pw)) return false;
     const uint32_t ow = IsChroma(p) ? e->LumaWidth / 2 : e->LumaWidth;
@@ -127,7 +148,7 @@ void CodeRow(PassJob& job, Velmo2MbWork* work, uint32_t row) {
   in.Height = e->Setup.Height;
   in.MbY = row;
   in.Key = job.Key || !e->HaveReference;
-  std::memcpy(in.Coded, e->Coded, sizeof in.Coded);
+  std::memcpy(in.Coded, e->FrameCoded, sizeof in.Coded);
   in.Word = job.Word;
   in.Quality = job.Quality;
   in.Vaq = e->Vaq;
@@ -270,6 +291,8 @@ uint32_t WordOf(const Velmo2Encoder* e, double quality) {
   Velmo2FrameWordInput in{};
   in.Options = e->Setup.Options;
   in.Quality = quality;
+  in.ConstantAlpha = e->ConstantAlpha;
+  in.Alpha = e->AlphaValue;
   Velmo2DistortionSummary(d.data(), d.size(), &in.MeanDistortion, &in.LargestDistortion);
   return Velmo2PassFrameWord(in, false);
 }
@@ -370,7 +393,11 @@ Velmo2FrameOutcome Velmo2EncodeFrame(Velmo2Encoder* e, const Velmo2EncoderFrame&
   double budget = budgetBytes;
   double tolerance = std::max(budget / 10, 10.0);
   // The word the passes code for: the bits that change the stream; T and the maps come after.
-  const Velmo2FrameWord passWord{Velmo2CurrentStream | Velmo2ParityClamp | Velmo2WideInter};
+  const uint32_t alphaBits =
+      e->ConstantAlpha ? Velmo2ConstantAlpha | uint32_t(e->AlphaValue) << Velmo2ConstantAlphaShift
+                       : 0;
+  const Velmo2FrameWord passWord{Velmo2CurrentStream | Velmo2ParityClamp | Velmo2WideInter |
+                                 alphaBits};
   double quality = 0;
   uint32_t passes = 0;
   double keptQuality = double(e->States.size()) * 1e36, keptSize = 0x7FFFFFFF;

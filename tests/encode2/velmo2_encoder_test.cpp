@@ -21,7 +21,7 @@ namespace {
 // A picture of moving waves and a moving disc; `cut` gives an unrelated picture of noise.
 struct Picture {
   uint32_t W, H;
-  std::vector<uint8_t> P[3];
+  std::vector<uint8_t> P[4];  // Y, Cr, Cb, alpha
   Picture(uint32_t w, uint32_t h, int t, bool cut = false) : W(w), H(h) {
     const uint32_t cw = (w + 1) / 2, ch = (h + 1) / 2;
     P[0].resize(size_t(w) * h);
@@ -41,12 +41,18 @@ struct Picture {
         P[1][size_t(y) * cw + x] = uint8_t(cut ? noise() : 100 + (x * 2 + t * 3) % 40);
         P[2][size_t(y) * cw + x] = uint8_t(cut ? noise() : 150 - (y * 2) % 30);
       }
+    P[3].assign(size_t(w) * h, 255);
+  }
+  // An alpha plane that fades across the picture and moves with t.
+  void FadeAlpha(int t) {
+    for (uint32_t y = 0; y < H; ++y)
+      for (uint32_t x = 0; x < W; ++x) P[3][size_t(y) * W + x] = uint8_t((x * 4 + y + 9 * t) & 255);
   }
   Velmo2EncoderFrame Frame(bool key) const {
     Velmo2EncoderFrame f{};
     const int32_t cw = int32_t((W + 1) / 2);
-    for (int p = 0; p < 3; ++p) f.Planes[p] = P[p].data();
-    f.Pitches[0] = int32_t(W);
+    for (int p = 0; p < 4; ++p) f.Planes[p] = P[p].data();
+    f.Pitches[0] = f.Pitches[3] = int32_t(W);
     f.Pitches[1] = f.Pitches[2] = cw;
     f.Key = key;
     return f;
@@ -57,12 +63,13 @@ struct Picture {
 struct Player {
   Velmo2Decoder* D = nullptr;
   velmo2_test::Frames F;
-  Player(uint32_t w, uint32_t h, uint32_t sliceMode) : F(w, h, false, false) {
+  Player(uint32_t w, uint32_t h, uint32_t sliceMode, bool alpha = false) : F(w, h, alpha, false) {
     Velmo2DecoderSetup s{};
     s.Width = w;
     s.Height = h;
     std::memcpy(s.Tag, "VM2j", 4);
     s.FileFlags = sliceMode;
+    s.Alpha = alpha;
     s.Features = ProcessorFeatures();
     D = Velmo2DecoderCreate(s);
   }
@@ -76,8 +83,9 @@ struct Player {
   }
   uint64_t Error(const Picture& pic, int p) {
     const VelmoFrameBuffers& b = F.Fb;
-    const uint32_t w = p ? (pic.W + 1) / 2 : pic.W, h = p ? (pic.H + 1) / 2 : pic.H;
-    const int32_t pitch = p ? b.ChromaPitch : b.LumaPitch;
+    const bool chroma = p == VelmoPlaneCr || p == VelmoPlaneCb;
+    const uint32_t w = chroma ? (pic.W + 1) / 2 : pic.W, h = chroma ? (pic.H + 1) / 2 : pic.H;
+    const int32_t pitch = chroma ? b.ChromaPitch : b.LumaPitch;
     const uint8_t* plane = b.Sets[b.Current].Planes[p];
     uint64_t sum = 0;
     for (uint32_t y = 0; y < h; ++y)
@@ -157,6 +165,40 @@ TEST(Velmo2Encoder, FramesComeNearTheirBudgetAndQualityFollows) {
     lastPsnr = psnr;
     Velmo2EncoderDestroy(e);
   }
+}
+
+// Alpha: a frame whose alpha is one value codes none and decodes to that value exactly; a
+// varying alpha plane is coded like luma.
+TEST(Velmo2Encoder, ConstantAlphaIsCarriedByTheFrameWordOtherAlphaIsCoded) {
+  PoolStart();
+  Velmo2EncoderSetup setup{96, 64, 0, true, false, ProcessorFeatures()};
+  Velmo2Encoder* e = Velmo2EncoderCreate(setup);
+  ASSERT_NE(e, nullptr);
+  Player player(96, 64, Velmo2EncoderSliceMode(e), true);
+  size_t constantSize = 0;
+  for (int t = 0; t < 4; ++t) {
+    SCOPED_TRACE(t);
+    Picture pic(96, 64, t);
+    if (t >= 2) pic.FadeAlpha(t);
+    Velmo2EncodedFrame out;
+    const Velmo2FrameOutcome r = Velmo2EncodeFrame(e, pic.Frame(t == 0), 2500, &out);
+    ASSERT_NE(r, Velmo2Failed);
+    uint32_t word;
+    std::memcpy(&word, out.Section.data(), 4);
+    player.Play(out.Section, r == Velmo2CodedKey);
+    EXPECT_EQ(out.PictureErrors[0], player.Error(pic, 0));
+    if (t < 2) {
+      EXPECT_EQ(word >> 19 & 1, 1u);
+      EXPECT_EQ(word >> 24, 255u);
+      EXPECT_EQ(player.Error(pic, VelmoPlaneAlpha), 0u);
+      constantSize = out.Section.size();
+    } else {
+      EXPECT_EQ(word >> 19 & 1, 0u);
+      EXPECT_GT(Psnr(player.Error(pic, VelmoPlaneAlpha), 96 * 64), 28.0);
+    }
+  }
+  EXPECT_GT(constantSize, 0u);
+  Velmo2EncoderDestroy(e);
 }
 
 // A frame whose run is cancelled gives nothing and leaves the reference as it was.
