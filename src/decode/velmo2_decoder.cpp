@@ -167,7 +167,8 @@ void StoreBlock(Call& c, uint32_t p, uint32_t mbx, uint32_t index, const Velmo2A
 void ResidualBlock(Call& c, uint32_t p, uint32_t index, const Velmo2AcBlock& ac, int16_t* coef,
                    int32_t dc) {
   const uint32_t n = GridOf(p), pitch = n * 8;
-  int16_t* dst = c.W->Residual[p] + Velmo2BlockRow(index) * 8 * pitch + Velmo2BlockColumn(index) * 8;
+  int16_t* dst =
+      c.W->Residual[p] + Velmo2BlockRow(index) * 8 * pitch + Velmo2BlockColumn(index) * 8;
   if (ac.Count == 0) {
     const int16_t v = Velmo2TransformDcOnly(int16_t(dc));
     for (int r = 0; r < 8; ++r) std::fill(dst + r * pitch, dst + r * pitch + 8, v);
@@ -231,8 +232,9 @@ IntraNeighbours IntraNeighboursOf(Call& c, uint32_t p, uint32_t mbx) {
     if (!left->Intra)
       for (uint32_t j = 0; j < n; ++j)
         nb.Left[Velmo2BlockIndex(last, j)] =
-            pixels ? Velmo2BlockMean(c.Target[p].Line0 + ptrdiff_t(8 * j) * c.Target[p].Pitch + x0 - 8,
-                               c.Target[p].Pitch)
+            pixels ? Velmo2BlockMean(
+                         c.Target[p].Line0 + ptrdiff_t(8 * j) * c.Target[p].Pitch + x0 - 8,
+                         c.Target[p].Pitch)
                    : 0;
   }
   return nb;
@@ -293,7 +295,8 @@ void DecodeIntraPlane(Call& c, uint32_t p, uint32_t mbx, MbStore& m) {
   int32_t dc[16];
   ReadPlane(c, p, mbx, true, m.QIntra, m, ac, dc);
   if (!c.Present[p]) return;
-  for (uint32_t i = 0; i < GridOf(p) * GridOf(p); ++i) StoreBlock(c, p, mbx, i, ac[i], c.W->Coef[i], dc[i]);
+  for (uint32_t i = 0; i < GridOf(p) * GridOf(p); ++i)
+    StoreBlock(c, p, mbx, i, ac[i], c.W->Coef[i], dc[i]);
 }
 
 // Reads a residual plane and turns it into the plane's 16-bit residual, seams smoothed.
@@ -424,7 +427,8 @@ void StoreGrid(Call& c, uint32_t mbx, const MbStore& m) {
 // The lines of row `row` (relative to its top) that this share keeps in the picture.
 void KeptLines(const Call& c, uint32_t row, uint32_t* from, uint32_t* to) {
   const uint32_t top = row * 32;
-  const uint32_t lo = std::max(c.KeepFrom, top), hi = std::min({c.KeepTo, top + 32, c.Buffers->LumaHeight});
+  const uint32_t lo = std::max(c.KeepFrom, top);
+  const uint32_t hi = std::min({c.KeepTo, top + 32, c.Buffers->LumaHeight});
   *from = lo - top;
   *to = hi > lo ? hi - top : lo - top;
 }
@@ -582,7 +586,8 @@ bool SplitAt(const Velmo2Decoder* d, uint32_t line) { return line > 0 && line < 
 bool Geometry(const Velmo2Decoder* d, const VelmoFrameBuffers* b) {
   if (!b || b->Count == 0 || b->Count > 2) return false;
   const uint32_t width = d->MbColumns * 32, height = (d->Setup.Height + 15) & ~15u;
-  if (b->LumaWidth < width || b->LumaHeight < height || b->LumaHeight % 16 != 0 || b->ChromaWidth < width / 2 || b->ChromaHeight < b->LumaHeight / 2 ||
+  if (b->LumaWidth < width || b->LumaHeight < height || b->LumaHeight % 16 != 0 ||
+      b->ChromaWidth < width / 2 || b->ChromaHeight < b->LumaHeight / 2 ||
       b->LumaPitch < int32_t(b->LumaWidth) || b->ChromaPitch < int32_t(b->ChromaWidth))
     return false;
   for (uint32_t i = 0; i < b->Count; ++i)
@@ -596,7 +601,8 @@ void SetUpPlanes(Call& c) {
   const VelmoFrameBufferSet& src = b->Sets[b->Current % b->Count];
   const VelmoFrameBufferSet& dst = b->Sets[(b->Current + 1) % b->Count];
   for (uint32_t p = 0; p < kPlanes; ++p) {
-    c.Coded[p] = p <= VelmoPlaneCb || (p == VelmoPlaneAlpha && s.Alpha && !c.Word.ConstantAlpha()) ||
+    c.Coded[p] = p <= VelmoPlaneCb ||
+                 (p == VelmoPlaneAlpha && s.Alpha && !c.Word.ConstantAlpha()) ||
                  (p == VelmoPlaneHdr && s.Hdr);
     c.Src[p] = src.Planes[p];
     c.Dst[p] = dst.Planes[p];
@@ -613,7 +619,8 @@ void KeepPreviousLines(Call& c) {
     const uint32_t to = std::min(c.KeepTo, c.Buffers->LumaHeight) >> s;
     const uint32_t bytes = (IsChroma(p) ? c.Buffers->ChromaWidth : c.Buffers->LumaWidth);
     for (uint32_t r = c.KeepFrom >> s; r < to; ++r)
-      std::memcpy(c.Dst[p] + ptrdiff_t(r) * c.Pitch[p], c.Src[p] + ptrdiff_t(r) * c.Pitch[p], bytes);
+      std::memcpy(c.Dst[p] + ptrdiff_t(r) * c.Pitch[p], c.Src[p] + ptrdiff_t(r) * c.Pitch[p],
+                  bytes);
   }
 }
 
