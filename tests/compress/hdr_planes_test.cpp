@@ -11,9 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "compress/frame_loop.h"
 #include "compress/hdr_planes.h"
 #include "process/hdr_colour.h"
+#include "support/files.h"
 #include "support/hdr_forward.h"
+#include "velmo_frame.h"
 
 namespace {
 
@@ -224,6 +227,71 @@ TEST(HdrConvert, ReaderTurnsThePlanesBackIntoTheColours) {
         EXPECT_NEAR(got[3], pic.Pixels[(size_t(y) * pic.W + x) * 4 + 3], 0.5 / 255 + 1e-6);
       }
   }
+}
+
+// ---- The frame loop --------------------------------------------------------------------------
+
+// A wide-range writer's frame loop converts its frames into the I-Ct-Cp planes and the HDR
+// plane, integer pixels as floats of 1.0 at 255, raises the writer's greatest HDR code, and
+// writes a "VM2m" file.
+TEST(HdrFrameLoop, FramesGoThroughTheWideRangeConversion) {
+  const test_support::ScratchDir dir;
+  const std::string out = dir.path + "/w.vm2";
+  const uint32_t w = 34, h = 18, nits = 1000;
+  VelmoWriter* writer = VelmoWriterOpen(out.c_str(), VelmoWriterHdr, 200, w, h, 2, 0, nullptr, 25,
+                                        1, 0, nullptr, nits, nullptr, nullptr, nullptr);
+  ASSERT_NE(writer, nullptr);
+  ASSERT_TRUE(writer->Flags & VelmoWriterHdr);
+  VelmoFrameLoop* loop = VelmoFrameLoopOpen(writer, 2, 0, 0);
+  ASSERT_NE(loop, nullptr);
+  ASSERT_EQ(loop->Ring[0].Planes[VelmoPlaneHdr].size(), size_t(loop->PlaneWidth) * loop->PlaneHeight);
+
+  // Frame 0: ARGB words.
+  std::vector<uint32_t> argb(size_t(w) * h);
+  std::vector<float> asFloats(argb.size() * 4);
+  for (size_t i = 0; i < argb.size(); ++i) {
+    argb[i] = 0xFF000000u | uint32_t(i * 7 % 256) << 16 | uint32_t(i * 13 % 256) << 8 | uint32_t(i % 256);
+    for (int c = 0; c < 4; ++c)
+      asFloats[i * 4 + c] = float((argb[i] >> (c == 3 ? 24 : 16 - 8 * c)) & 255) / 255.0f;
+  }
+  ASSERT_TRUE(VelmoFrameLoopAdd(loop, 100000, 300000, false, argb.data(), int32_t(w * 4), false));
+  Planes want(w, h);
+  VelmoConvertHdrPixels(asFloats.data(), int32_t(w * 16), w, h, writer->Hdr, want.Targets());
+  const VelmoQueueSlot& slot = loop->Ring[loop->QueueStart];
+  for (uint32_t y = 0; y < h; ++y) {
+    for (uint32_t x = 0; x < w; ++x) {
+      const size_t at = size_t(y) * loop->PlaneWidth + x;
+      ASSERT_EQ(slot.Planes[VelmoPlaneY][at], want.Y[y * w + x]) << x << "," << y;
+      ASSERT_EQ(slot.Planes[VelmoPlaneHdr][at], want.Hdr[y * w + x]) << x << "," << y;
+    }
+    for (uint32_t x = 0; y < want.CH && x < want.CW; ++x) {
+      ASSERT_EQ(slot.Planes[VelmoPlaneCr][size_t(y) * loop->ChromaWidth + x], want.Ct[y * want.CW + x]);
+      ASSERT_EQ(slot.Planes[VelmoPlaneCb][size_t(y) * loop->ChromaWidth + x], want.Cp[y * want.CW + x]);
+    }
+  }
+  const uint8_t first = *std::max_element(want.Hdr.begin(), want.Hdr.end());
+  EXPECT_EQ(writer->HdrMaxCode, first);
+  VelmoFrameLoopCommit(loop);
+
+  // Frame 1: floats, one pixel far past the peak.
+  std::vector<float> floats(asFloats);
+  floats[(5 * w + 9) * 4] = floats[(5 * w + 9) * 4 + 1] = floats[(5 * w + 9) * 4 + 2] = 40.0f;
+  ASSERT_TRUE(VelmoFrameLoopAdd(loop, 100000, 300000, false, floats.data(), int32_t(w * 16), true));
+  Planes bright(w, h);
+  VelmoConvertHdrPixels(floats.data(), int32_t(w * 16), w, h, writer->Hdr, bright.Targets());
+  const uint8_t top = *std::max_element(bright.Hdr.begin(), bright.Hdr.end());
+  EXPECT_GT(top, first);
+  EXPECT_EQ(writer->HdrMaxCode, top);
+  VelmoFrameLoopCommit(loop);
+  VelmoFrameLoopPump(loop, true);
+  VelmoFrameLoopFree(loop);
+  EXPECT_GT(VelmoWriterClose(writer, false), 0u);
+  const std::vector<uint8_t> file = test_support::ReadFile(out);
+  ASSERT_GT(file.size(), 56u);
+  EXPECT_EQ(std::string(file.begin(), file.begin() + 4), "VM2m");
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(int16_t(file[44 + 2 * i] | file[45 + 2 * i] << 8), VelmoHdrSetupFor(nits).Block[i])
+        << "HDR value " << i;
 }
 
 // ---- The peak found ----------------------------------------------------------------------------
