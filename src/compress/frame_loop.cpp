@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <new>
 
 #include "compress/frame_planes.h"
+#include "compress/hdr_planes.h"
 #include "compress/rate_plan.h"
 #include "format/frame_buffers.h"
 
@@ -22,6 +24,7 @@ VelmoQueueSlot& QueueSlot(VelmoFrameLoop* l, uint32_t i) {
 
 bool HasAlpha(const VelmoFrameLoop* l) { return (l->Writer->Flags & VelmoWriterAlpha) != 0; }
 bool IsGray(const VelmoFrameLoop* l) { return (l->Writer->Flags & VelmoWriterGrayscale) != 0; }
+bool IsHdr(const VelmoFrameLoop* l) { return (l->Writer->Flags & VelmoWriterHdr) != 0; }
 
 uint32_t FullKeyCountdown(const VelmoFrameLoop* l) {
   return std::min<uint32_t>(l->KeyInterval, 0x7fffffff);
@@ -49,6 +52,7 @@ bool AllocateRing(VelmoFrameLoop* l) {
       s.Planes[VelmoPlaneCr].assign(chroma, 128);
       s.Planes[VelmoPlaneCb].assign(chroma, 128);
       if (HasAlpha(l)) s.Planes[VelmoPlaneAlpha].assign(luma, 255);
+      if (IsHdr(l)) s.Planes[VelmoPlaneHdr].assign(luma, 0);
     }
   } catch (const std::bad_alloc&) {
     return false;
@@ -66,10 +70,10 @@ void StageLabel(void* context, const char* label) {
 
 VelmoEncodeInput InputOf(VelmoFrameLoop* l, VelmoQueueSlot& s) {
   VelmoEncodeInput input{};
-  for (uint32_t p = 0; p < 4; ++p) {
-    if (s.Planes[p].empty() || (p != VelmoPlaneY && p != VelmoPlaneAlpha && IsGray(l))) continue;
-    input.Planes[p] = s.Planes[p].data();
+  for (uint32_t p = 0; p < VelmoPlaneCount; ++p) {
     const bool chroma = p == VelmoPlaneCr || p == VelmoPlaneCb;
+    if (s.Planes[p].empty() || (chroma && IsGray(l))) continue;
+    input.Planes[p] = s.Planes[p].data();
     input.Pitches[p] = int32_t(chroma ? l->ChromaWidth : l->PlaneWidth);
   }
   input.Key = s.IsKey != 0;
@@ -107,6 +111,33 @@ VelmoPlaneTargets TargetsOf(const VelmoFrameLoop* l, VelmoQueueSlot& slot) {
 
 bool OutputFullRange(const VelmoFrameLoop* l) {
   return (l->Writer->Flags & VelmoWriterFullRange) != 0;
+}
+
+// A wide-range frame into the slot's I-Ct-Cp planes; integer pixels are taken as floats of
+// 1.0 at 255 first. The HDR plane's greatest value goes to the writer's HdrMaxCode.
+void ConvertHdr(VelmoFrameLoop* l, VelmoQueueSlot& slot, const void* pixels, int32_t pitch,
+                bool isFloat) {
+  VelmoWriter* w = l->Writer;
+  if (!isFloat) {
+    l->HdrScratch.resize(size_t(w->Width) * w->Height * 4);
+    const uint8_t* base = static_cast<const uint8_t*>(pixels);
+    float* f = l->HdrScratch.data();
+    for (uint32_t y = 0; y < w->Height; ++y)
+      for (uint32_t x = 0; x < w->Width; ++x, f += 4) {
+        uint32_t p;
+        std::memcpy(&p, base + int64_t(pitch) * y + size_t(x) * 4, 4);
+        for (int c = 0; c < 4; ++c) f[c] = float((p >> (c == 3 ? 24 : 16 - 8 * c)) & 255) / 255.0f;
+      }
+    pixels = l->HdrScratch.data();
+    pitch = int32_t(w->Width * 16);
+  }
+  const VelmoHdrTargets targets{slot.Planes[VelmoPlaneY].data(), slot.Planes[VelmoPlaneCr].data(),
+                                slot.Planes[VelmoPlaneCb].data(),
+                                HasAlpha(l) ? slot.Planes[VelmoPlaneAlpha].data() : nullptr,
+                                slot.Planes[VelmoPlaneHdr].data(), l->PlaneWidth, l->ChromaWidth};
+  VelmoConvertHdrPixels(pixels, pitch, w->Width, w->Height, w->Hdr, targets);
+  w->HdrMaxCode = VelmoHdrPlaneMax(targets.Hdr, l->PlaneWidth, w->Width, w->Height,
+                                   uint8_t(std::min<uint32_t>(w->HdrMaxCode, 255)));
 }
 
 // The rate figures of a filled slot, and the key frames the run forces.
@@ -158,8 +189,10 @@ bool VelmoFrameLoopAdd(VelmoFrameLoop* l, uint32_t targetBytes, uint32_t peakByt
                        const void* pixels, int32_t pitch, bool isFloat) {
   VelmoQueueSlot* slot = l ? FreeSlot(l) : nullptr;
   if (!slot) return false;
-  VelmoConvertPixels(pixels, pitch, isFloat, l->Writer->Width, l->Writer->Height,
-                     OutputFullRange(l), TargetsOf(l, *slot));
+  if (IsHdr(l)) ConvertHdr(l, *slot, pixels, pitch, isFloat);
+  else
+    VelmoConvertPixels(pixels, pitch, isFloat, l->Writer->Width, l->Writer->Height,
+                       OutputFullRange(l), TargetsOf(l, *slot));
   FillSlot(l, *slot, targetBytes, peakBytes, isKey);
   return true;
 }
@@ -188,7 +221,8 @@ void VelmoFrameLoopCommit(VelmoFrameLoop* l) {
       gray ? none : PlaneOf(slot, previous, VelmoPlaneCr, l->ChromaWidth, l->ChromaHeight),
       gray ? none : PlaneOf(slot, previous, VelmoPlaneCb, l->ChromaWidth, l->ChromaHeight),
       HasAlpha(l) ? PlaneOf(slot, previous, VelmoPlaneAlpha, l->PlaneWidth, l->PlaneHeight) : none,
-      none, key);
+      IsHdr(l) ? PlaneOf(slot, previous, VelmoPlaneHdr, l->PlaneWidth, l->PlaneHeight) : none,
+      key);
   l->PreviousSlot = (l->QueueStart + l->QueuedFrames) % RingSize(l);
   l->QueuedFrames++;
   // At the end of the input the whole queue drains in one pump, full or not.

@@ -12,7 +12,7 @@
 
 // One queued frame: its planes (aligned sizes, pitch = aligned width) and rate figures.
 struct VelmoQueueSlot {
-  std::vector<uint8_t> Planes[4];  // Y, Cr, Cb, alpha
+  std::vector<uint8_t> Planes[5];  // Y, Cr, Cb, alpha, HDR (VelmoPlane*); absent ones empty
   uint32_t TargetBytes, PeakBytes, IsKey, Complexity;
 };
 
@@ -34,6 +34,7 @@ struct VelmoFrameLoop {
   // Squared error and samples of Y, Cr and Cb over the frames encoded so far.
   uint64_t QualityErrors[3];
   uint64_t QualitySamples[3];
+  std::vector<float> HdrScratch;  // integer pixels of a wide-range run, as floats
 };
 
 // PSNR in dB of Y, Cr and Cb of the frames encoded so far against their input (99 for a plane
@@ -47,7 +48,10 @@ bool VelmoFrameLoopQuality(const VelmoFrameLoop* loop, double psnr[3]);
 VelmoFrameLoop* VelmoFrameLoopOpen(VelmoWriter* writer, uint32_t previewFrames,
                                    uint32_t keyInterval, uint32_t keyRate);
 // Converts one frame (ARGB words, or four floats a pixel with `isFloat`) into the next queue
-// slot. `pitch` is signed bytes between display rows. False when the queue has no room.
+// slot. `pitch` is signed bytes between display rows. False when the queue has no room. A
+// wide-range writer (VelmoWriterHdr) takes its frames through the I-Ct-Cp conversion into Y,
+// Cr, Cb and the HDR plane, and the writer's HdrMaxCode is raised to the HDR plane's greatest
+// value.
 bool VelmoFrameLoopAdd(VelmoFrameLoop* loop, uint32_t targetBytes, uint32_t peakBytes,
                        bool isKey, const void* pixels, int32_t pitch, bool isFloat);
 // The same for a frame given as BT.601 planes: they go into the slot without a trip through RGB.

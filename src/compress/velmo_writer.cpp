@@ -90,10 +90,8 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
                              uint32_t trackCount, VelmoWriterTrack* tracks, uint32_t inputNits,
                              const int16_t* colourBlock, VelmoWriterProgressFn progress,
                              void* userData) {
-  // The second generation's HDR block comes with its conversion; HDR files are not written yet.
   const bool second = version >= 200;
-  if (!path || version < 100 || version >= 300 || (second && (flags & VelmoWriterHdr)) ||
-      !width || !height || !frames ||
+  if (!path || version < 100 || version >= 300 || !width || !height || !frames ||
       !rateNumerator || !rateDenominator || trackCount > VelmoMaxTracks ||
       (trackCount && !tracks) || colourBlock ||
       textLength > VelmoWriterMaxText || frames >= VelmoMaxIndexFrames)
@@ -133,6 +131,7 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   w->Height = height;
   w->TotalFrames = frames;
   w->InputNits = std::clamp<uint32_t>(inputNits, VelmoMinNits, VelmoMaxNits);
+  if (flags & VelmoWriterHdr) w->Hdr = VelmoHdrSetupFor(w->InputNits);
   w->CheckpointBytes = VelmoWriterCheckpointBytes;
   w->CheckpointMs = VelmoWriterCheckpointMs;
   if (text && textLength) {
@@ -152,6 +151,7 @@ VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version,
   params.IndexFrames = frames;
   params.Flags = flags;
   params.SliceMode = sliceMode;
+  params.HdrBlock = (flags & VelmoWriterHdr) ? w->Hdr.Block : nullptr;
   params.Text = w->ExtraTextLength ? w->ExtraText : nullptr;
   params.TextLength = w->ExtraTextLength;
   const std::vector<VelmoTrackInfo> trackTable = TrackTable(w);
@@ -279,6 +279,10 @@ uint64_t VelmoWriterClose(VelmoWriter* w, bool discard, uint32_t* result) {
   w->File = nullptr;
   LeaveWrites(w);
   if (result) *result = done;
+  char remark[300];
+  if (!discard && (w->Flags & VelmoWriterHdr) &&
+      VelmoHdrPeakRemark(w->HdrMaxCode, w->InputNits, remark, sizeof remark))
+    Tell(w, VelmoProgressMessage, remark);
   delete w;
   return done == OutFileDone ? size : 0;
 }

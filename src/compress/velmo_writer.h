@@ -4,11 +4,13 @@
 // last checkpoint while the run goes on; the close renames the temporary file to the output name
 // (or deletes it on discard).
 //
-// This build writes the first generation's header (versions 100 to 199).
+// The header is either generation's; a second-generation file of wide range carries the HDR
+// block its conversion was set up with.
 #pragma once
 #include <cstdint>
 #include <vector>
 
+#include "compress/hdr_planes.h"
 #include "format/container.h"
 #include "host/bfile.h"
 #include "host/outfile.h"
@@ -86,14 +88,18 @@ struct VelmoWriter {
   uint64_t NextCheckpointBytes;
   uint32_t NextCheckpointTime;
   uint32_t CheckpointBytes, CheckpointMs;  // spacing (2,000,000 bytes, 60 s)
-  uint32_t InputNits;
+  uint32_t InputNits;  // the peak in nits, held to 80 .. 10000
+  // With VelmoWriterHdr: the conversion's figures and the HDR block from InputNits, and the
+  // greatest value the frames' HDR planes have held so far (the frame loop raises it).
+  VelmoHdrSetup Hdr;
+  uint32_t HdrMaxCode;
   VelmoHeaderImage Image;
   volatile uint32_t WriteGate, CheckpointGate;
 };
 
 // Opens "<path>.tmp", writes the header and empty tables. Null on failure (after telling it
-// through `progress`, kind 3). `version` 100 to 199; the second generation is refused. `text` may be
-// null. `colourBlock` must be null. `tracks` (trackCount records, at most 256) are started by
+// through `progress`, kind 3). `version` 100 to 299; VelmoWriterHdr is kept from 200 on, and
+// then `inputNits` sets the HDR block. `text` may be null. `colourBlock` must be null. `tracks` (trackCount records, at most 256) are started by
 // VelmoWriterTrackStart and stay the caller's memory until the close; the writer frees their
 // encoders at its close, and leaves them to the caller when the open fails.
 VelmoWriter* VelmoWriterOpen(const char* path, uint32_t flags, uint32_t version, uint32_t width,

@@ -71,12 +71,13 @@ uint32_t Velmo2Options(uint32_t flags) {
 }
 
 void* Velmo2Create(const VelmoEncoderOptions* options) {
-  if (options->Version < 200 || (options->Flags & VelmoFlagHdr)) return nullptr;
+  if (options->Version < 200) return nullptr;
   Velmo2EncoderSetup setup{};
   setup.Width = options->Width;
   setup.Height = options->Height;
   setup.Options = Velmo2Options(options->Flags);
   setup.Alpha = (options->Flags & VelmoFlagAlpha) != 0;
+  setup.Hdr = (options->Flags & VelmoFlagHdr) != 0;
   setup.Features = ProcessorFeatures();
   Velmo2Encoder* encoder = Velmo2EncoderCreate(setup);
   if (!encoder) return nullptr;
@@ -89,7 +90,7 @@ bool Velmo2Encode(void* state, const VelmoEncodeInput* input, uint32_t budgetByt
                   VelmoCodedFrame* out) {
   Velmo2Job* job = static_cast<Velmo2Job*>(state);
   Velmo2EncoderFrame frame{};
-  for (int p = 0; p < 4; ++p) {
+  for (int p = 0; p < 5; ++p) {
     frame.Planes[p] = input->Planes[p];
     frame.Pitches[p] = input->Pitches[p];
   }

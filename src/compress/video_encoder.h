@@ -11,10 +11,11 @@ struct VelmoEncoderOptions {
   uint32_t Flags;          // the writer's flag word (grayscale, alpha, and the generation's bits)
 };
 
-// One input frame at picture size: Y, Cr, Cb (at half size, rounded up), alpha.
+// One input frame at picture size: Y, Cr, Cb (at half size, rounded up), alpha, and the HDR
+// plane of a wide-range frame (second generation only).
 struct VelmoEncodeInput {
-  const uint8_t* Planes[4];  // indexed by VelmoPlaneY, Cr, Cb, Alpha; unused planes null
-  int32_t Pitches[4];
+  const uint8_t* Planes[5];  // indexed by VelmoPlaneY, Cr, Cb, Alpha, Hdr; unused planes null
+  int32_t Pitches[5];
   bool Key;                  // code without reference to the previous frame
   // The run's cancel state, or null: reading 2 (stop now) before a stage ends the frame
   // unwritten, and the encode returns false with the encoder's reference as it was.

@@ -758,7 +758,8 @@ TEST(VelmocRun, ExitCodes) {
   EXPECT_EQ(RunTool("clip " + out + " /v270"), ToolExitNotHdr);
   EXPECT_EQ(RunTool("missing " + out + " /v200"), ToolExitInputError);
   EXPECT_TRUE(NoOutput(out));
-  // The second generation: a file that plays; its HDR form is not in this build.
+  // The second generation: a file that plays. Its HDR form is refused above for an input of
+  // the ordinary range.
   const std::string vm2 = dir / "y.vm2";
   EXPECT_EQ(RunTool("clip " + vm2 + " /v200 /e3"), ToolExitDone);
   HVELMO h = VelmoOpen(vm2.c_str(), VelmoOpenNeverSkip);

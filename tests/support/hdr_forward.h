@@ -14,8 +14,10 @@ namespace test_support {
 struct ToneRow {
   double T1, T2, C1, C2;
 };
-// The row for 1000 nits.
+// The rows for 80, 1000 and 10000 nits.
+inline constexpr ToneRow Tone80 = {1.488177, 1.724351, 0.570104, 0.366857};
 inline constexpr ToneRow Tone1000 = {1.253794, 1.390863, 0.576103, 0.383459};
+inline constexpr ToneRow Tone10000 = {1.220332, 1.317389, 0.579106, 0.395149};
 
 // The ST 2084 curve value of a peak of `nits`.
 inline double PeakCurveValue(uint32_t nits) {

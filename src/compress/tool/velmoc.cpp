@@ -316,12 +316,6 @@ struct Registrar {
   Registrar() { VelmocRegisterDialog(); }
 } g_registrar;
 
-int HdrMissing() {
-  ToolFrameError("Velmo 2 HDR compression (version 270) is not part of this build yet. "
-                 "Use /v200 for a Velmo 2 file of the ordinary range.");
-  return ToolExitOutputError;
-}
-
 // A value that a switch does not take is named alone; anything else shows the syntax.
 int SyntaxError(const SwitchErrors& errors) {
   if (errors.Failed()) {
@@ -800,13 +794,13 @@ int Compress(Run& r, char* commandTail) {
                    "itself. Just use normal Velmo 2 compression with non-HDR input files.");
     return Finish(r, ToolExitNotHdr);
   }
-  if (VelmocWantsHdr(r.s)) return Finish(r, HdrMissing());
-  // The writer.
+  // The writer. The input's own peak, when it names one, stands for the nits unless /$ is lower.
   uint32_t rateNum = 0, rateDen = 0;
   OutputRate(r, &rateNum, &rateDen);
+  const uint32_t nits = r.info.PeakNits ? std::min(r.info.PeakNits, r.s.Nits) : r.s.Nits;
   r.writer = VelmoWriterOpen(r.s.Output, flags, version, r.info.Width, r.info.Height,
                              r.info.Frames, r.s.ExtraTextLength, r.s.ExtraText, rateNum, rateDen,
-                             r.trackCount, r.trackCount ? &r.track : nullptr, r.s.Nits, nullptr,
+                             r.trackCount, r.trackCount ? &r.track : nullptr, nits, nullptr,
                              WriterProgress, &r);
   if (!r.writer) return Finish(r, ToolExitOutputError);
   r.loop = VelmoFrameLoopOpen(r.writer, r.s.PreviewFrames, r.s.KeyInterval, r.s.KeyRate);

@@ -65,6 +65,7 @@ void Info(const VelmocSource* source, VelmocSourceInfo* out) {
   out->HasSound = in->has_sound != 0;
   out->IsHdr = in->float_source != 0;
   out->FloatFrames = in->float_frames != 0;
+  out->PeakNits = in->float_source ? in->peak_value : 0;
   out->IsImage = in->type < 32 && in->total_frames <= 1;
   std::snprintf(out->TypeName, sizeof out->TypeName, "%.63s", in->type_name);
   out->InputRateNumerator = in->input_rate_num;

@@ -17,6 +17,7 @@ struct VelmocSourceInfo {
   uint32_t InputFrames;                     // all frames of the input
   bool HasAlpha, HasSound, IsHdr, IsImage;
   bool FloatFrames;  // frames come as four floats a pixel (R, G, B, A), not ARGB words
+  uint32_t PeakNits;  // a wide-range input's peak in nits; 0 when it names none
   char TypeName[64];
   // The input's own frame rate (after /F, before /A), which times the skipped frames, and the
   // name the input was found under (a name without extension gets the one that opened), which
