@@ -39,8 +39,13 @@ struct Velmo2MbWork {
   uint32_t BestWords[kVelmo2MacroblockWords];
   uint8_t TrialPixels[kVelmo2EncPlanes][32 * 32];
   uint8_t BestPixels[kVelmo2EncPlanes][32 * 32];
-  // The motion-compensated prediction of the last motion trial, and residuals.
+  // The motion-compensated prediction at the vectors PredictedVx/Vy, the forward transforms
+  // of the residual against it (made once, used by every quantiser of a residual trial), and
+  // the residuals as reconstructed.
   uint8_t Prediction[kVelmo2EncPlanes][32 * 32];
+  float ResidualCoef[kVelmo2EncPlanes][16][64];
+  int32_t PredictedVx[4], PredictedVy[4];
+  bool HavePrediction;
   int16_t Residual[kVelmo2EncPlanes][32 * 32];
   uint32_t ChromaWords[kVelmo2MacroblockWords];
   bool HaveBest;
@@ -51,6 +56,13 @@ void Velmo2MbWorkDestroy(Velmo2MbWork* work) { delete work; }
 const uint32_t* Velmo2MbBestWords(const Velmo2MbWork* work) { return work->BestWords; }
 
 namespace {
+
+// True when a trial that has spent `bits` and made `distortion` so far cannot beat the best
+// any more: both only grow as the trial goes on, and a trial must cost strictly less to win.
+bool CannotWin(const Velmo2MbWork* w, double distortion, uint64_t bits, double quality,
+               const Velmo2MbState* best) {
+  return w->HaveBest && distortion * quality + double(bits) >= best->Cost;
+}
 
 // ---- Pixels ---------------------------------------------------------------------------------
 
@@ -209,21 +221,7 @@ double CodePlane(const PlaneTrial& t, Sink& s) {
   const uint32_t p = t.Plane, n = GridOf(p), blocks = n * n, size = SizeOf(p);
   Velmo2MbWork* w = t.W;
   // The coefficients: the source's, or the residual's.
-  float residualCoef[16][64];
-  const float (*coef)[64] = w->SourceCoef[p];
-  if (!t.Intra) {
-    const uint8_t* src = SourceAt(in, p);
-    for (uint32_t i = 0; i < blocks; ++i) {
-      int16_t block[64];
-      const uint32_t bx = Velmo2BlockColumn(i) * 8, by = Velmo2BlockRow(i) * 8;
-      for (uint32_t y = 0; y < 8; ++y)
-        for (uint32_t x = 0; x < 8; ++x)
-          block[y * 8 + x] = int16_t(src[(by + y) * in.Source->Pitch[p] + bx + x] -
-                                     t.Prediction[(by + y) * 32 + bx + x]);
-      Velmo2Forward(block, residualCoef[i]);
-    }
-    coef = residualCoef;
-  }
+  const float (*coef)[64] = t.Intra ? w->SourceCoef[p] : w->ResidualCoef[p];
 
   // DC values.
   int32_t levels[16], dc[16];
@@ -370,9 +368,34 @@ void WriteVectors(const Velmo2MbInput& in, const int32_t vx[4], const int32_t vy
   Velmo2WriteVectorDiffs(s, single, dx, dy);
 }
 
-// The motion prediction of every coded plane at the trial's vectors, 32 a line.
+// The forward transforms of the residuals against the prediction.
+void AnalyseResidual(const Velmo2MbInput& in, Velmo2MbWork* w) {
+  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
+    if (!in.Coded[p]) continue;
+    const uint8_t* src = SourceAt(in, p);
+    const uint8_t* prediction = w->Prediction[p];
+    for (uint32_t i = 0, n = GridOf(p); i < n * n; ++i) {
+      int16_t block[64];
+      const uint32_t bx = Velmo2BlockColumn(i) * 8, by = Velmo2BlockRow(i) * 8;
+      for (uint32_t y = 0; y < 8; ++y)
+        for (uint32_t x = 0; x < 8; ++x)
+          block[y * 8 + x] = int16_t(src[(by + y) * in.Source->Pitch[p] + bx + x] -
+                                     prediction[(by + y) * 32 + bx + x]);
+      Velmo2Forward(block, w->ResidualCoef[p][i]);
+    }
+  }
+}
+
+// The motion prediction of every coded plane at the trial's vectors, 32 a line, and the
+// residual's transforms; nothing to do when the last prediction had the same vectors.
 void Predict(const Velmo2MbInput& in, const int32_t vx[4], const int32_t vy[4],
              Velmo2MbWork* w) {
+  if (w->HavePrediction && std::equal(vx, vx + 4, w->PredictedVx) &&
+      std::equal(vy, vy + 4, w->PredictedVy))
+    return;
+  std::copy(vx, vx + 4, w->PredictedVx);
+  std::copy(vy, vy + 4, w->PredictedVy);
+  w->HavePrediction = true;
   int32_t px[4], py[4];
   Velmo2MotionPositions(in.MbX * 32, in.MbY * 32, vx, vy, in.Width, in.Height, in.Word, px, py);
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
@@ -391,15 +414,14 @@ void Predict(const Velmo2MbInput& in, const int32_t vx[4], const int32_t vy[4],
       }
     }
   }
+  AnalyseResidual(in, w);
 }
 
-double PredictionSse(const Velmo2MbInput& in, Velmo2MbWork* w) {
+// The squared error of the trial's pixels, all planes.
+double TrialSse(const Velmo2MbInput& in, Velmo2MbWork* w) {
   double d = 0;
-  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
-    if (!in.Coded[p]) continue;
-    std::memcpy(w->TrialPixels[p], w->Prediction[p], sizeof w->TrialPixels[p]);
-    d += PlaneSse(in, p, w->TrialPixels[p]);
-  }
+  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p)
+    if (in.Coded[p]) d += PlaneSse(in, p, w->TrialPixels[p]);
   return d;
 }
 
@@ -415,9 +437,9 @@ void SkipTrial(const Velmo2MbInput& in, Velmo2MbWork* w, double quality, Velmo2M
     const ptrdiff_t pitch = in.Reference->Pitch[p];
     const uint8_t* from = in.Reference->Line0[p] + ptrdiff_t(in.MbY * size) * pitch + in.MbX * size;
     for (uint32_t y = 0; y < size; ++y)
-      std::memcpy(w->Prediction[p] + y * 32, from + y * pitch, size);
+      std::memcpy(w->TrialPixels[p] + y * 32, from + y * pitch, size);
   }
-  Consider(w, PredictionSse(in, w), quality, best);
+  Consider(w, TrialSse(in, w), quality, best);
 }
 
 void MotionTrial(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
@@ -430,7 +452,9 @@ void MotionTrial(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   WriteVectors(in, vx, vy, s);
   FinishString(w, s);
   Predict(in, vx, vy, w);
-  Consider(w, PredictionSse(in, w), quality, best);
+  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p)
+    if (in.Coded[p]) std::memcpy(w->TrialPixels[p], w->Prediction[p], sizeof w->TrialPixels[p]);
+  Consider(w, TrialSse(in, w), quality, best);
 }
 
 // One intra trial at quantiser q.
@@ -446,6 +470,7 @@ void IntraAt(const Velmo2MbInput& in, Velmo2MbWork* w, int32_t q, double quality
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
     if (!in.Coded[p]) continue;
     d += CodePlane(PlaneTrial{&in, w, &t, p, true, q, quality, nullptr}, s);
+    if (CannotWin(w, d, s.Bits(), quality, best)) return;
   }
   // A non-key intra macroblock hands on the vectors the decoder predicts with no differences.
   if (!in.Key) {
@@ -470,6 +495,7 @@ void ResidualAt(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   if (!Velmo2WriteQuantiserDiff(s, q - t.QResidual)) return;
   t.QResidual = q;
   double d = CodePlane(PlaneTrial{&in, w, &t, VelmoPlaneY, false, q, quality, w->Prediction[0]}, s);
+  if (CannotWin(w, d, s.Bits(), quality, best)) return;
   // Chroma coded, or left at its prediction: whichever costs less.
   uint32_t masks[2] = {t.Masks[VelmoPlaneCr], t.Masks[VelmoPlaneCb]};
   Velmo2BitSink chroma(w->ChromaWords, kVelmo2MacroblockWords);
@@ -537,26 +563,14 @@ void CodeInter(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
 
 // Sums of absolute coefficient values, luma weighted 2: the source's (A) and, with the
 // prediction in place, the residual's (R).
-double CoefficientSum(const Velmo2MbInput& in, Velmo2MbWork* w, bool residual) {
+double CoefficientSum(const Velmo2MbInput& in, const Velmo2MbWork* w, bool residual) {
   double sum = 0;
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
     if (!in.Coded[p]) continue;
     const double weight = IsChroma(p) ? 1.0 : 2.0;
     const uint32_t n = GridOf(p);
-    const uint8_t* src = SourceAt(in, p);
     for (uint32_t i = 0; i < n * n; ++i) {
-      float coef[64];
-      if (residual) {
-        int16_t block[64];
-        const uint32_t bx = Velmo2BlockColumn(i) * 8, by = Velmo2BlockRow(i) * 8;
-        for (uint32_t y = 0; y < 8; ++y)
-          for (uint32_t x = 0; x < 8; ++x)
-            block[y * 8 + x] = int16_t(src[(by + y) * in.Source->Pitch[p] + bx + x] -
-                                       w->Prediction[p][(by + y) * 32 + bx + x]);
-        Velmo2Forward(block, coef);
-      } else {
-        std::memcpy(coef, w->SourceCoef[p][i], sizeof coef);
-      }
+      const float* coef = residual ? w->ResidualCoef[p][i] : w->SourceCoef[p][i];
       for (int k = 0; k < 64; ++k) sum += weight * std::fabs(coef[k]);
     }
   }
@@ -617,6 +631,7 @@ void Velmo2PredictQuantisers(const Velmo2MbInput& in, int32_t* intra, int32_t* r
 
 bool Velmo2DecideMacroblock(const Velmo2MbInput& in, Velmo2MbWork* w, Velmo2MbState* out) {
   w->HaveBest = false;
+  w->HavePrediction = false;
   AnalyseSource(in, w);
   const double quality = MacroblockQuality(in, w);
   int tryIntra = 3, tryInter = 0;
