@@ -194,6 +194,18 @@ int32_t Velmo2QuantiseAc(float c, uint32_t entry, uint32_t q, float rounding) {
   return s * l;
 }
 
+Velmo2AcQuantiser::Velmo2AcQuantiser(const uint16_t* dequant, uint32_t q, float rounding)
+    : Dequant(dequant), Q(q), Rounding(rounding) {
+  // The first test of Velmo2QuantiseAc, level 0 against level 1, worked out once.
+  const double pass = 1.0 - rounding;
+  for (uint32_t k = 0; k < 64; ++k) {
+    const bool fits = Velmo2MaxAcLevelFor(dequant[k], q) >= 1;
+    for (int32_t negative = 0; negative < 2; ++negative)
+      ZeroBelow[negative][k] = fits ? pass * Magnitude(1, negative ? -1 : 1, dequant[k], q)
+                                    : HUGE_VAL;
+  }
+}
+
 double Velmo2AcDistortion(const float coef[64], const int16_t recon[64]) {
   double d = 0;
   for (uint32_t k = 1; k < 64; ++k) d += Tables().Weight[k] * Square(coef[k] - float(recon[k]));
@@ -237,8 +249,14 @@ void Velmo2QuantiseBlock(const float coef[64], const Velmo2AcQuantiser& quantise
   out.Recon[0] = 0;
   for (uint32_t p = 1; p < 64; ++p) {
     const uint32_t k = Velmo2Scan[p];
+    const float c = coef[k];
+    if (!(std::fabs(double(c)) >= quantiser.ZeroBelow[c < 0][k])) {
+      out.Ac.Levels[p] = 0;
+      out.Recon[k] = 0;
+      continue;
+    }
     SetLevel(out, quantiser, p,
-             Velmo2QuantiseAc(coef[k], quantiser.Dequant[k], quantiser.Q, quantiser.Rounding));
+             Velmo2QuantiseAc(c, quantiser.Dequant[k], quantiser.Q, quantiser.Rounding));
   }
   Recount(out.Ac);
 }

@@ -67,11 +67,17 @@ struct Velmo2QuantisedBlock {
                       // (position 0 too: the DC value is coded apart)
 };
 
-// What quantises the AC coefficients of a block.
+// What quantises the AC coefficients of a block. Built once for a plane's table row and
+// quantiser and then used for each of its blocks: it holds, by position and sign, the
+// magnitude under which a coefficient quantises to 0, so that the common case costs one
+// comparison.
 struct Velmo2AcQuantiser {
+  Velmo2AcQuantiser(const uint16_t* dequant, uint32_t q, float rounding);
+
   const uint16_t* Dequant;  // row Q & 3 of the plane's dequantisation table, by position
   uint32_t Q;               // the macroblock quantiser
   float Rounding;           // as Velmo2QuantiseAc
+  double ZeroBelow[2][64];  // [c < 0][position]: |c| below this gives level 0
 };
 
 // Plain quantisation of positions 1..63 of `coef` (Velmo2Forward's output or a residual's).

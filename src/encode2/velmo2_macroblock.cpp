@@ -26,6 +26,13 @@ constexpr double kGoodDistortion = 4000.0;
 constexpr uint32_t kGoodBits = 2500;
 constexpr int32_t kMaxQuantiser = 36;
 
+// The distortion measure: squared pixel error, a chroma pixel's weighted by kChromaWeight.
+// Chroma error is less visible than luma error, and at equal weights the chroma planes came
+// out some 5 dB above luma; half weight moves those bits to luma (about +0.1 dB luma at equal
+// size on camera footage).
+constexpr double kChromaWeight = 0.5;
+double PlaneWeight(uint32_t p) { return IsChroma(p) ? kChromaWeight : 1.0; }
+
 uint8_t ToPixel(int32_t v) { return uint8_t(std::clamp(v, 0, 255)); }
 
 }  // namespace
@@ -39,8 +46,13 @@ struct Velmo2MbWork {
   uint32_t BestWords[kVelmo2MacroblockWords];
   uint8_t TrialPixels[kVelmo2EncPlanes][32 * 32];
   uint8_t BestPixels[kVelmo2EncPlanes][32 * 32];
-  // The motion-compensated prediction of the last motion trial, and residuals.
+  // The motion-compensated prediction at the vectors PredictedVx/Vy, the forward transforms
+  // of the residual against it (made once, used by every quantiser of a residual trial), and
+  // the residuals as reconstructed.
   uint8_t Prediction[kVelmo2EncPlanes][32 * 32];
+  float ResidualCoef[kVelmo2EncPlanes][16][64];
+  int32_t PredictedVx[4], PredictedVy[4];
+  bool HavePrediction;
   int16_t Residual[kVelmo2EncPlanes][32 * 32];
   uint32_t ChromaWords[kVelmo2MacroblockWords];
   bool HaveBest;
@@ -51,6 +63,13 @@ void Velmo2MbWorkDestroy(Velmo2MbWork* work) { delete work; }
 const uint32_t* Velmo2MbBestWords(const Velmo2MbWork* work) { return work->BestWords; }
 
 namespace {
+
+// True when a trial that has spent `bits` and made `distortion` so far cannot beat the best
+// any more: both only grow as the trial goes on, and a trial must cost strictly less to win.
+bool CannotWin(const Velmo2MbWork* w, double distortion, uint64_t bits, double quality,
+               const Velmo2MbState* best) {
+  return w->HaveBest && distortion * quality + double(bits) >= best->Cost;
+}
 
 // ---- Pixels ---------------------------------------------------------------------------------
 
@@ -71,7 +90,7 @@ double Sse(const uint8_t* a, ptrdiff_t ap, const uint8_t* b, ptrdiff_t bp, uint3
 
 // The squared error of a trial's pixels of plane p against the source.
 double PlaneSse(const Velmo2MbInput& in, uint32_t p, const uint8_t* pixels) {
-  return Sse(SourceAt(in, p), in.Source->Pitch[p], pixels, 32, SizeOf(p));
+  return PlaneWeight(p) * Sse(SourceAt(in, p), in.Source->Pitch[p], pixels, 32, SizeOf(p));
 }
 
 // The forward transforms of the source blocks.
@@ -209,21 +228,7 @@ double CodePlane(const PlaneTrial& t, Sink& s) {
   const uint32_t p = t.Plane, n = GridOf(p), blocks = n * n, size = SizeOf(p);
   Velmo2MbWork* w = t.W;
   // The coefficients: the source's, or the residual's.
-  float residualCoef[16][64];
-  const float (*coef)[64] = w->SourceCoef[p];
-  if (!t.Intra) {
-    const uint8_t* src = SourceAt(in, p);
-    for (uint32_t i = 0; i < blocks; ++i) {
-      int16_t block[64];
-      const uint32_t bx = Velmo2BlockColumn(i) * 8, by = Velmo2BlockRow(i) * 8;
-      for (uint32_t y = 0; y < 8; ++y)
-        for (uint32_t x = 0; x < 8; ++x)
-          block[y * 8 + x] = int16_t(src[(by + y) * in.Source->Pitch[p] + bx + x] -
-                                     t.Prediction[(by + y) * 32 + bx + x]);
-      Velmo2Forward(block, residualCoef[i]);
-    }
-    coef = residualCoef;
-  }
+  const float (*coef)[64] = t.Intra ? w->SourceCoef[p] : w->ResidualCoef[p];
 
   // DC values.
   int32_t levels[16], dc[16];
@@ -244,7 +249,7 @@ double CodePlane(const PlaneTrial& t, Sink& s) {
   Velmo2QuantisedBlock q[16];
   uint32_t mask = 0, bits1 = 0, bits2 = 0;
   for (uint32_t i = 0; i < blocks; ++i) {
-    Velmo2QuantiseBlockRdo(coef[i], quantiser, t.Lambda, 1, q[i]);
+    Velmo2QuantiseBlockRdo(coef[i], quantiser, t.Lambda * PlaneWeight(p), 1, q[i]);
     if (q[i].Ac.Count) {
       mask |= 1u << i;
       bits1 += Velmo2AcBlockBits(q[i].Ac, 1);
@@ -370,9 +375,34 @@ void WriteVectors(const Velmo2MbInput& in, const int32_t vx[4], const int32_t vy
   Velmo2WriteVectorDiffs(s, single, dx, dy);
 }
 
-// The motion prediction of every coded plane at the trial's vectors, 32 a line.
+// The forward transforms of the residuals against the prediction.
+void AnalyseResidual(const Velmo2MbInput& in, Velmo2MbWork* w) {
+  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
+    if (!in.Coded[p]) continue;
+    const uint8_t* src = SourceAt(in, p);
+    const uint8_t* prediction = w->Prediction[p];
+    for (uint32_t i = 0, n = GridOf(p); i < n * n; ++i) {
+      int16_t block[64];
+      const uint32_t bx = Velmo2BlockColumn(i) * 8, by = Velmo2BlockRow(i) * 8;
+      for (uint32_t y = 0; y < 8; ++y)
+        for (uint32_t x = 0; x < 8; ++x)
+          block[y * 8 + x] = int16_t(src[(by + y) * in.Source->Pitch[p] + bx + x] -
+                                     prediction[(by + y) * 32 + bx + x]);
+      Velmo2Forward(block, w->ResidualCoef[p][i]);
+    }
+  }
+}
+
+// The motion prediction of every coded plane at the trial's vectors, 32 a line, and the
+// residual's transforms; nothing to do when the last prediction had the same vectors.
 void Predict(const Velmo2MbInput& in, const int32_t vx[4], const int32_t vy[4],
              Velmo2MbWork* w) {
+  if (w->HavePrediction && std::equal(vx, vx + 4, w->PredictedVx) &&
+      std::equal(vy, vy + 4, w->PredictedVy))
+    return;
+  std::copy(vx, vx + 4, w->PredictedVx);
+  std::copy(vy, vy + 4, w->PredictedVy);
+  w->HavePrediction = true;
   int32_t px[4], py[4];
   Velmo2MotionPositions(in.MbX * 32, in.MbY * 32, vx, vy, in.Width, in.Height, in.Word, px, py);
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
@@ -391,15 +421,14 @@ void Predict(const Velmo2MbInput& in, const int32_t vx[4], const int32_t vy[4],
       }
     }
   }
+  AnalyseResidual(in, w);
 }
 
-double PredictionSse(const Velmo2MbInput& in, Velmo2MbWork* w) {
+// The squared error of the trial's pixels, all planes.
+double TrialSse(const Velmo2MbInput& in, Velmo2MbWork* w) {
   double d = 0;
-  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
-    if (!in.Coded[p]) continue;
-    std::memcpy(w->TrialPixels[p], w->Prediction[p], sizeof w->TrialPixels[p]);
-    d += PlaneSse(in, p, w->TrialPixels[p]);
-  }
+  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p)
+    if (in.Coded[p]) d += PlaneSse(in, p, w->TrialPixels[p]);
   return d;
 }
 
@@ -415,9 +444,9 @@ void SkipTrial(const Velmo2MbInput& in, Velmo2MbWork* w, double quality, Velmo2M
     const ptrdiff_t pitch = in.Reference->Pitch[p];
     const uint8_t* from = in.Reference->Line0[p] + ptrdiff_t(in.MbY * size) * pitch + in.MbX * size;
     for (uint32_t y = 0; y < size; ++y)
-      std::memcpy(w->Prediction[p] + y * 32, from + y * pitch, size);
+      std::memcpy(w->TrialPixels[p] + y * 32, from + y * pitch, size);
   }
-  Consider(w, PredictionSse(in, w), quality, best);
+  Consider(w, TrialSse(in, w), quality, best);
 }
 
 void MotionTrial(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
@@ -430,7 +459,9 @@ void MotionTrial(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   WriteVectors(in, vx, vy, s);
   FinishString(w, s);
   Predict(in, vx, vy, w);
-  Consider(w, PredictionSse(in, w), quality, best);
+  for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p)
+    if (in.Coded[p]) std::memcpy(w->TrialPixels[p], w->Prediction[p], sizeof w->TrialPixels[p]);
+  Consider(w, TrialSse(in, w), quality, best);
 }
 
 // One intra trial at quantiser q.
@@ -446,6 +477,7 @@ void IntraAt(const Velmo2MbInput& in, Velmo2MbWork* w, int32_t q, double quality
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
     if (!in.Coded[p]) continue;
     d += CodePlane(PlaneTrial{&in, w, &t, p, true, q, quality, nullptr}, s);
+    if (CannotWin(w, d, s.Bits(), quality, best)) return;
   }
   // A non-key intra macroblock hands on the vectors the decoder predicts with no differences.
   if (!in.Key) {
@@ -470,6 +502,7 @@ void ResidualAt(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   if (!Velmo2WriteQuantiserDiff(s, q - t.QResidual)) return;
   t.QResidual = q;
   double d = CodePlane(PlaneTrial{&in, w, &t, VelmoPlaneY, false, q, quality, w->Prediction[0]}, s);
+  if (CannotWin(w, d, s.Bits(), quality, best)) return;
   // Chroma coded, or left at its prediction: whichever costs less.
   uint32_t masks[2] = {t.Masks[VelmoPlaneCr], t.Masks[VelmoPlaneCb]};
   Velmo2BitSink chroma(w->ChromaWords, kVelmo2MacroblockWords);
@@ -478,7 +511,7 @@ void ResidualAt(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
     coded += CodePlane(PlaneTrial{&in, w, &t, p, false, q, quality, w->Prediction[p]}, chroma);
   double predicted = 0;
   for (uint32_t p : {uint32_t(VelmoPlaneCr), uint32_t(VelmoPlaneCb)})
-    predicted += Sse(SourceAt(in, p), in.Source->Pitch[p], w->Prediction[p], 32, 16);
+    predicted += PlaneSse(in, p, w->Prediction[p]);
   chroma.Flush();
   if (coded * quality + double(chroma.Bits()) < predicted * quality && !chroma.Overflowed()) {
     s.Put(1, 1);
@@ -501,13 +534,22 @@ void ResidualAt(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   Consider(w, d, quality, best);
 }
 
-// The quantiser search: from the predicted value, steps of 8, 4, 2, 1 around the best so far,
-// within 0 .. 36. Each round is a full trial; the best of all is kept.
+// The quantiser search: the predicted value (cheapest to code) and the value that usually wins
+// at this macroblock quality (a fit over real footage, `estimate`) are tried first; the search
+// then moves from the better one in steps of 2 and 1, within 0 .. 36. Each round is a full
+// trial; the best of all is kept.
 template <class Trial>
-void SearchQuantiser(int32_t start, Velmo2MbWork* w, Velmo2MbState* best, Trial trial) {
+void SearchQuantiser(int32_t start, int32_t estimate, Velmo2MbWork* w, Velmo2MbState* best,
+                     Trial trial) {
   int32_t centre = std::clamp(start, 0, kMaxQuantiser);
   trial(centre);
-  for (int32_t step = 8; step >= 1; step /= 2) {
+  estimate = std::clamp(estimate, 0, kMaxQuantiser);
+  if (std::abs(estimate - centre) > 1) {
+    const double was = w->HaveBest ? best->Cost : 1e300;
+    trial(estimate);
+    if (w->HaveBest && best->Cost < was) centre = estimate;
+  }
+  for (int32_t step = 2; step >= 1; step /= 2) {
     const double before = w->HaveBest ? best->Cost : 1e300;
     int32_t chosen = centre;
     for (int32_t q : {centre - step, centre + step}) {
@@ -520,10 +562,14 @@ void SearchQuantiser(int32_t start, Velmo2MbWork* w, Velmo2MbState* best, Trial 
   }
 }
 
+// The quantisers that most often win at a macroblock quality, intra and residual.
+int32_t IntraEstimate(double quality) { return int32_t(std::lround(3.6 - 1.83 * std::log2(quality))); }
+int32_t ResidualEstimate(double quality) { return int32_t(std::lround(7.3 - 1.29 * std::log2(quality))); }
+
 void CodeIntra(const Velmo2MbInput& in, Velmo2MbWork* w, double quality, Velmo2MbState* best) {
   int32_t qIntra, qResidual;
   Velmo2PredictQuantisers(in, &qIntra, &qResidual);
-  SearchQuantiser(qIntra, w, best, [&](int32_t q) { IntraAt(in, w, q, quality, best); });
+  SearchQuantiser(qIntra, IntraEstimate(quality), w, best, [&](int32_t q) { IntraAt(in, w, q, quality, best); });
 }
 
 void CodeInter(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
@@ -531,32 +577,20 @@ void CodeInter(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   int32_t qIntra, qResidual;
   Velmo2PredictQuantisers(in, &qIntra, &qResidual);
   Predict(in, vx, vy, w);
-  SearchQuantiser(qResidual, w, best,
+  SearchQuantiser(qResidual, ResidualEstimate(quality), w, best,
                   [&](int32_t q) { ResidualAt(in, w, vx, vy, q, quality, best); });
 }
 
 // Sums of absolute coefficient values, luma weighted 2: the source's (A) and, with the
 // prediction in place, the residual's (R).
-double CoefficientSum(const Velmo2MbInput& in, Velmo2MbWork* w, bool residual) {
+double CoefficientSum(const Velmo2MbInput& in, const Velmo2MbWork* w, bool residual) {
   double sum = 0;
   for (uint32_t p = 0; p < kVelmo2EncPlanes; ++p) {
     if (!in.Coded[p]) continue;
     const double weight = IsChroma(p) ? 1.0 : 2.0;
     const uint32_t n = GridOf(p);
-    const uint8_t* src = SourceAt(in, p);
     for (uint32_t i = 0; i < n * n; ++i) {
-      float coef[64];
-      if (residual) {
-        int16_t block[64];
-        const uint32_t bx = Velmo2BlockColumn(i) * 8, by = Velmo2BlockRow(i) * 8;
-        for (uint32_t y = 0; y < 8; ++y)
-          for (uint32_t x = 0; x < 8; ++x)
-            block[y * 8 + x] = int16_t(src[(by + y) * in.Source->Pitch[p] + bx + x] -
-                                       w->Prediction[p][(by + y) * 32 + bx + x]);
-        Velmo2Forward(block, coef);
-      } else {
-        std::memcpy(coef, w->SourceCoef[p][i], sizeof coef);
-      }
+      const float* coef = residual ? w->ResidualCoef[p][i] : w->SourceCoef[p][i];
       for (int k = 0; k < 64; ++k) sum += weight * std::fabs(coef[k]);
     }
   }
@@ -577,7 +611,8 @@ bool SearchMotion(const Velmo2MbInput& in, double quality, int32_t vx[4], int32_
   m.NeighbourX = Neighbours(in, false);
   m.NeighbourY = Neighbours(in, true);
   m.InverseLambda = 1.0 / quality;
-  m.LumaWeight = m.AlphaWeight = m.HdrWeight = m.ChromaWeight = 1.0;
+  m.LumaWeight = m.AlphaWeight = m.HdrWeight = 1.0;
+  m.ChromaWeight = kChromaWeight;
   m.OutsideMask = Velmo2OutsideMask(in.Width, in.Height, m.MbX, m.MbY);
   m.Fetch = in.Kernels;
   m.Diff = in.Diff;
@@ -617,6 +652,7 @@ void Velmo2PredictQuantisers(const Velmo2MbInput& in, int32_t* intra, int32_t* r
 
 bool Velmo2DecideMacroblock(const Velmo2MbInput& in, Velmo2MbWork* w, Velmo2MbState* out) {
   w->HaveBest = false;
+  w->HavePrediction = false;
   AnalyseSource(in, w);
   const double quality = MacroblockQuality(in, w);
   int tryIntra = 3, tryInter = 0;

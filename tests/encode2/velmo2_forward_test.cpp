@@ -204,10 +204,10 @@ void RandomCoefficients(std::mt19937& rng, float coef[64]) {
   Velmo2Forward(in, coef);
 }
 
-Velmo2AcQuantiser RandomQuantiser(std::mt19937& rng) {
+Velmo2AcQuantiser RandomQuantiser(std::mt19937& rng, bool nearest = false) {
   const auto kind = Velmo2DequantKind(rng() % Velmo2DequantKindCount);
   const uint32_t q = rng() % 37;
-  const float rounding = rng() % 2 ? 0.5f : 0.3f;
+  const float rounding = rng() % 2 || nearest ? 0.5f : 0.3f;
   return Velmo2AcQuantiser{Velmo2Dequant(kind)[q & 3], q, rounding};
 }
 
@@ -294,8 +294,7 @@ TEST(Velmo2Quantise, RateDistortionOptimisationFollowsLambdaToItsEnds) {
   for (int round = 0; round < 300; ++round) {
     float coef[64];
     RandomCoefficients(rng, coef);
-    Velmo2AcQuantiser quantiser = RandomQuantiser(rng);
-    quantiser.Rounding = 0.5f;
+    const Velmo2AcQuantiser quantiser = RandomQuantiser(rng, true);
     Velmo2QuantisedBlock plain, rdo;
     Velmo2QuantiseBlock(coef, quantiser, plain);
     // Error priced beyond any bits: no error is added (a level moves only between two values
