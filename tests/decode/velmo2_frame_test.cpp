@@ -11,11 +11,15 @@
 #include <vector>
 
 #include "bit_writer.h"
+#include "support/velmo2_stream.h"
 #include "host/cpu_features.h"
 #include "velmo1_test_frames.h"
 #include "velmo_flags.h"
 
 namespace {
+
+using velmo2_test::PutDcLevel;
+using velmo2_test::PutVectorDiff;
 
 constexpr uint32_t kCurrent = 0x2000, kNoVertical = 0x4000, kNoHorizontal = 0x8000;
 constexpr uint32_t kConstantAlpha = 0x80000;
@@ -70,26 +74,6 @@ struct Decoder {
 
 // ---- Codes ------------------------------------------------------------------------------------
 
-// A DC residual level's code: n ones, a zero, extra bits for long codes, then the sign.
-void PutDcLevel(BitWriter& w, int32_t level) {
-  const uint32_t mag = uint32_t(level < 0 ? -level : level);
-  if (mag == 0) {
-    w.Code("0");
-    return;
-  }
-  if (mag <= 3) {
-    for (uint32_t i = 0; i < mag; ++i) w.Code("1");
-    w.Code("0");
-  } else {
-    uint32_t n = 4;
-    while (mag - 2 >= (2u << (n - 3))) ++n;
-    for (uint32_t i = 0; i < n; ++i) w.Code("1");
-    w.Code("0");
-    w.Put(mag - 2 - (1u << (n - 3)), n - 3);
-  }
-  w.PutBit(level < 0);
-}
-
 // An intra plane with no AC data, after a plane whose previous mask was 0: the mask (luma: 0
 // and the clone bit 0; chroma: the default), then the DC residual levels by block.
 void PutFlatPlane(BitWriter& w, bool chroma, const std::vector<int32_t>& levels) {
@@ -109,16 +93,6 @@ void PutFlatIntra(BitWriter& w, const std::vector<int32_t>& luma, bool alpha = f
   PutFlatPlane(w, true, {0, 0, 0, 0});
   PutFlatPlane(w, true, {0, 0, 0, 0});
   if (alpha) PutFlatPlane(w, false, std::vector<int32_t>(16, 0));
-}
-
-// A signed Exp-Golomb vector difference.
-void PutVectorDiff(BitWriter& w, int32_t v) {
-  const uint32_t index = v >= 0 ? uint32_t(2 * v) : uint32_t(-2 * int64_t(v) - 1);
-  uint32_t z = 0;
-  while (index + 1 >= (2u << z)) ++z;
-  for (uint32_t k = 0; k < z; ++k) w.Code("0");
-  w.Code("1");
-  w.Put(index + 1 - (1u << z), z);
 }
 
 std::vector<int32_t> Levels(std::initializer_list<std::pair<int, int32_t>> set) {

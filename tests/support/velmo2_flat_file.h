@@ -10,6 +10,7 @@
 #pragma once
 #include "support/bit_writer.h"
 #include "support/files.h"
+#include "support/velmo2_stream.h"
 #include "support/velmo_file.h"
 
 #include <gtest/gtest.h>
@@ -49,27 +50,6 @@ struct FlatFilePlan {
 
 // Stream pieces --------------------------------------------------------------------------------
 
-// A DC residual level: n ones and a zero (n up to 3 is the magnitude; from 4 on, n - 3 extra
-// bits follow), then the sign bit.
-inline void PutFlatDcLevel(BitWriter& w, int32_t level) {
-  const uint32_t mag = uint32_t(level < 0 ? -level : level);
-  if (mag == 0) {
-    w.Code("0");
-    return;
-  }
-  if (mag <= 3) {
-    for (uint32_t i = 0; i < mag; ++i) w.Code("1");
-    w.Code("0");
-  } else {
-    uint32_t n = 4;
-    while (mag - 2 >= (2u << (n - 3))) ++n;
-    for (uint32_t i = 0; i < n; ++i) w.Code("1");
-    w.Code("0");
-    w.Put(mag - 2 - (1u << (n - 3)), n - 3);
-  }
-  w.PutBit(level < 0);
-}
-
 // One intra plane without AC data after a plane whose previous mask was 0: the mask code
 // (luma-like planes: mask 0 and the clone bit 0; chroma: the default mask), the "any DC" bit,
 // and, if any, the levels by block with `first` on block 0.
@@ -78,7 +58,7 @@ inline void PutFlatIntraPlane(BitWriter& w, bool chroma, int32_t first) {
   w.PutBit(first != 0);
   if (first == 0) return;
   const uint32_t blocks = chroma ? 4 : 16;
-  for (uint32_t b = 0; b < blocks; ++b) PutFlatDcLevel(w, b == 0 ? first : 0);
+  for (uint32_t b = 0; b < blocks; ++b) velmo2_test::PutDcLevel(w, b == 0 ? first : 0);
 }
 
 // The level that gives a pixel value (even, 0..254).
