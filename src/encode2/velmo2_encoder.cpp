@@ -400,7 +400,6 @@ Velmo2FrameOutcome Velmo2EncodeFrame(Velmo2Encoder* e, const Velmo2EncoderFrame&
                                  alphaBits};
   double quality = 0;
   uint32_t passes = 0;
-  double keptQuality = double(e->States.size()) * 1e36, keptSize = 0x7FFFFFFF;
   int more = Velmo2RateSearchStart(e->Search, key ? Velmo2FloorKey : Velmo2FloorInter, budget);
   PassResult pass{};
   double size = 0;
@@ -419,13 +418,6 @@ Velmo2FrameOutcome Velmo2EncodeFrame(Velmo2Encoder* e, const Velmo2EncoderFrame&
     }
     size = double((pass.Bits + 7) / 8);
     more = Velmo2RateSearchAdd(e->Search, quality, size, pass.Distortion);
-    // The best pass of a frame that may still turn key: a lower quality, and either far lower
-    // and under the key floor, or smaller.
-    if (!key && quality < keptQuality &&
-        ((keptQuality - quality >= 100000 && size < keyFloor + keyTolerance) || size < keptSize)) {
-      keptQuality = quality;
-      keptSize = size;
-    }
     // Nearly all intra: the frame becomes a key frame, with at least the key floor's budget.
     if (!key && !promoted && pass.Intra * 10 > e->States.size() * 9 &&
         std::fabs(size - budget) > tolerance && size < keyFloor + keyTolerance) {

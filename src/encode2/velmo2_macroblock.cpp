@@ -504,7 +504,6 @@ void ResidualAt(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
   double d = CodePlane(PlaneTrial{&in, w, &t, VelmoPlaneY, false, q, quality, w->Prediction[0]}, s);
   if (CannotWin(w, d, s.Bits(), quality, best)) return;
   // Chroma coded, or left at its prediction: whichever costs less.
-  uint32_t masks[2] = {t.Masks[VelmoPlaneCr], t.Masks[VelmoPlaneCb]};
   Velmo2BitSink chroma(w->ChromaWords, kVelmo2MacroblockWords);
   double coded = 0;
   for (uint32_t p : {uint32_t(VelmoPlaneCr), uint32_t(VelmoPlaneCb)})
@@ -524,7 +523,6 @@ void ResidualAt(const Velmo2MbInput& in, Velmo2MbWork* w, const int32_t vx[4],
       std::memset(t.Info[p], 0, sizeof t.Info[p]);
       t.Masks[p] = 0;
     }
-    (void)masks;
     d += predicted;
   }
   for (uint32_t p : {uint32_t(VelmoPlaneAlpha), uint32_t(VelmoPlaneHdr)})
