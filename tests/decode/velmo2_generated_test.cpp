@@ -77,31 +77,13 @@ Decoded DecodeKeyAndInter(StreamPlan plan, uint32_t features, bool sharePerSlice
 // Sizes around whole macroblocks and the slice thresholds, every tag and slice mode, frame
 // words with and without edge maps, the wide-DC rule, parity clamping and constant alpha.
 std::vector<StreamPlan> Plans() {
-  std::vector<StreamPlan> plans;
-  const struct {
-    uint32_t W, H;
-  } sizes[] = {{8, 8}, {100, 96}, {72, 97}, {40, 128}, {200, 300}, {328, 64}};
-  const uint32_t words[] = {0x10000 | 4, 0x10000 | 0x40000 | 0x20000 | 9, 0x1C000 | 2,
-                            0x10000 | 0x80000 | 0x55000000, 0x0};
-  uint64_t seed = 500;
-  for (const auto& s : sizes) {
-    for (char tag : {'g', 'h', 'j', 'm'}) {
-      for (uint32_t mode = 0; mode < 4; ++mode) {
-        StreamPlan p;
-        p.Width = s.W;
-        p.Height = s.H;
-        p.Tag = tag;
-        p.FileFlags = mode;
-        p.Alpha = seed % 2 == 0;
-        p.Hdr = tag == 'm';
-        p.FrameWord = words[seed % 5];
-        p.Shares.VectorSpread = seed % 3 == 0 ? 200 : 8;  // far outside the picture now and then
-        p.Seed = seed++;
-        plans.push_back(p);
-      }
-    }
-  }
-  return plans;
+  return PlanGrid({{8, 8}, {100, 96}, {72, 97}, {40, 128}, {200, 300}, {328, 64}},
+                  {0x10000 | 4, 0x10000 | 0x40000 | 0x20000 | 9, 0x1C000 | 2,
+                   0x10000 | 0x80000 | 0x55000000, 0x0},
+                  500, [](StreamPlan& p) {
+                    // Vectors far outside the picture now and then.
+                    p.Shares.VectorSpread = p.Seed % 3 == 0 ? 200 : 8;
+                  });
 }
 
 #define PLAN_TRACE(p)                                                                    \

@@ -178,31 +178,10 @@ void ExpectSameMacroblocks(const std::vector<MacroblockTrace>& got,
 // A spread of plans: sizes that are not whole macroblocks, every slice count, key and inter,
 // alpha and HDR planes, constant alpha, the wide-DC mask rule, maps present or not.
 std::vector<StreamPlan> Plans() {
-  std::vector<StreamPlan> plans;
-  const struct {
-    uint32_t W, H;
-  } sizes[] = {{8, 8}, {100, 127}, {72, 128}, {200, 300}, {328, 96}, {64, 264}};
-  const uint32_t words[] = {0x10000 | 9, 0x10000 | 0x40000 | 3, 0x14000 | 0x20000,
-                            0x18000 | 0x80000 | 0x7F000000, 0x0, 0x1C000 | 0x40000};
-  uint64_t seed = 100;
-  for (const auto& s : sizes) {
-    for (char tag : {'g', 'h', 'j', 'm'}) {
-      for (uint32_t mode = 0; mode < 4; ++mode) {
-        StreamPlan p;
-        p.Width = s.W;
-        p.Height = s.H;
-        p.Tag = tag;
-        p.FileFlags = mode;
-        p.Key = seed % 3 == 0;
-        p.Alpha = seed % 2 == 0;
-        p.Hdr = tag == 'm';
-        p.FrameWord = words[seed % 6];
-        p.Seed = seed++;
-        plans.push_back(p);
-      }
-    }
-  }
-  return plans;
+  return PlanGrid({{8, 8}, {100, 127}, {72, 128}, {200, 300}, {328, 96}, {64, 264}},
+                  {0x10000 | 9, 0x10000 | 0x40000 | 3, 0x14000 | 0x20000,
+                   0x18000 | 0x80000 | 0x7F000000, 0x0, 0x1C000 | 0x40000},
+                  100, [](StreamPlan& p) { p.Key = p.Seed % 3 == 0; });
 }
 
 // ---- Element writers with state, against the readers --------------------------------------

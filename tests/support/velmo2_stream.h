@@ -15,6 +15,7 @@
 #include <cstring>
 #include <random>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace velmo2_test {
@@ -732,6 +733,34 @@ class StreamGenerator {
 // A complete valid video section for `plan`; with `trace`, what was written.
 inline std::vector<uint8_t> GenerateSection(const StreamPlan& plan, StreamTrace* trace = nullptr) {
   return StreamGenerator(plan).Section(trace);
+}
+
+// Plans over a grid of picture sizes, every tag and every slice mode, with frame words taken
+// in turn from `words` and a fresh seed for each; alpha on every second plan, HDR with "VM2m".
+// `adjust` changes each plan further (its key flag, its vector spread).
+template <class Adjust>
+std::vector<StreamPlan> PlanGrid(const std::vector<std::pair<uint32_t, uint32_t>>& sizes,
+                                 const std::vector<uint32_t>& words, uint64_t seed,
+                                 Adjust adjust) {
+  std::vector<StreamPlan> plans;
+  for (const auto& [w, h] : sizes) {
+    for (char tag : {'g', 'h', 'j', 'm'}) {
+      for (uint32_t mode = 0; mode < 4; ++mode) {
+        StreamPlan p;
+        p.Width = w;
+        p.Height = h;
+        p.Tag = tag;
+        p.FileFlags = mode;
+        p.Alpha = seed % 2 == 0;
+        p.Hdr = tag == 'm';
+        p.FrameWord = words[seed % words.size()];
+        p.Seed = seed++;
+        adjust(p);
+        plans.push_back(p);
+      }
+    }
+  }
+  return plans;
 }
 
 // A frame of mixed kinds at a realistic density for speed measurements: the block and
