@@ -5,6 +5,7 @@
 #include "compress/rate_plan.h"
 #include "compress/velmo1_stream.h"
 #include "decode/velmo1_decoder.h"
+#include "format/frame_buffers.h"
 #include "host/platform.h"
 
 #include <algorithm>
@@ -841,16 +842,6 @@ uint32_t VelmoEncoderDecodeFlags(const VelmoEncoder* e) {
 
 namespace {
 
-// Copies a picture-size plane into the padded source, repeating the last column and row.
-void PadPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t* out, uint32_t pw, uint32_t ph) {
-  for (uint32_t y = 0; y < ph; ++y) {
-    const uint8_t* row = in + int64_t(std::min(y, h - 1)) * pitch;
-    uint8_t* o = out + size_t(y) * pw;
-    std::memcpy(o, row, w);
-    std::memset(o + w, row[w - 1], pw - w);
-  }
-}
-
 // The stream block of a point of a kind that needs no reference (RUN, DCT_INTRA, ONE, TWO,
 // BANG), from the 8x8 samples it was planned on.
 Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
@@ -1009,7 +1000,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   bool constantAlpha = false;
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i]) continue;
-    PadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(), e->PlaneWidth[i], e->PlaneHeight[i]);
+    VelmoPadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(),
+                  e->PlaneWidth[i], e->PlaneWidth[i], e->PlaneHeight[i]);
     planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
                  e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};

@@ -15,6 +15,7 @@
 #include "encode2/velmo2_rate_search.h"
 #include "encode2/velmo2_vaq.h"
 #include "encode2/velmo2_writers.h"
+#include "format/frame_buffers.h"
 #include "host/cpu_features.h"
 #include "host/platform.h"
 
@@ -74,18 +75,6 @@ namespace {
 
 // ---- Input ------------------------------------------------------------------------------------
 
-// Copies a plane of picture size into the macroblock-sized source, repeating the last column
-// and line into the padding.
-void PadPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t* out,
-              ptrdiff_t outPitch, uint32_t outW, uint32_t outH) {
-  for (uint32_t y = 0; y < outH; ++y) {
-    const uint8_t* line = in + ptrdiff_t(std::min(y, h - 1)) * pitch;
-    uint8_t* dst = out + ptrdiff_t(y) * outPitch;
-    std::memcpy(dst, line, w);
-    std::memset(dst + w, line[w - 1], outW - w);
-  }
-}
-
 // Whether a plane of w x h holds one value throughout, and which.
 bool ConstantPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uint8_t* value) {
   *value = in[0];
@@ -112,8 +101,8 @@ bool TakeInput(Velmo2Encoder* e, const Velmo2EncoderFrame& f) {
     if (!f.Planes[p] || f.Pitches[p] < int32_t(pw)) return false;
     const uint32_t ow = IsChroma(p) ? e->LumaWidth / 2 : e->LumaWidth;
     const uint32_t oh = IsChroma(p) ? e->LumaHeight / 2 : e->LumaHeight;
-    PadPlane(f.Planes[p], f.Pitches[p], pw, ph, e->Source.View.Line0[p], e->Source.View.Pitch[p],
-             ow, oh);
+    VelmoPadPlane(f.Planes[p], f.Pitches[p], pw, ph, e->Source.View.Line0[p],
+                  e->Source.View.Pitch[p], ow, oh);
   }
   return true;
 }
