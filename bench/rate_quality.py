@@ -11,9 +11,10 @@ against the first generation (cubic fit of log rate against PSNR-Y over the comm
 Velmo files are decoded through the reader library by bench/reader/velmo_decode_speed, which
 also writes the pictures out. Every decoded picture is compared with the source in the source's
 own sample range: the Velmo generations code full-range samples, so their output is brought
-back to the source's range (without rounding) before the comparison.
+back to the source's range (without rounding) before the comparison. The compressor's contrast
+stretch (on by default) is switched off with /{0, so that it codes the source's own picture.
 
-  bench/rate_quality.py --clip in.y4m [--frames 30] [--rates 0.05,0.1,0.2,0.5]
+  bench/rate_quality.py --clip in.y4m [--frames 30] [--skip 0] [--switches "/M10"] [--rates 0.05,0.1,0.2,0.5]
                         [--peers [vp8,vp9,theora]] [--install-peers] [--build build]
   bench/rate_quality.py --selftest
 """
@@ -49,7 +50,8 @@ class BenchError(Exception):
 class Clip:
     """A 4:2:0 Y4M file: its header fields and the byte offsets of its frames."""
 
-    def __init__(self, path):
+    def __init__(self, path, skip=0):
+        self.skip = skip
         if not os.path.isfile(path):
             raise BenchError("clip not found: %s" % path)
         self.path = path
@@ -74,8 +76,12 @@ class Clip:
         self.frame_bytes = frame_bytes(self.width, self.height)
 
     def frames(self, limit=None):
-        """Yields each frame's bytes (Y, Cb, Cr), at most `limit` of them."""
-        yield from read_frames(self.path, self.width, self.height, limit)
+        """Yields each frame's bytes (Y, Cb, Cr) after the skipped ones, at most `limit`."""
+        frames = read_frames(self.path, self.width, self.height,
+                             None if limit is None else limit + self.skip)
+        for n, data in enumerate(frames):
+            if n >= self.skip:
+                yield data
 
 
 def frame_bytes(width, height):
@@ -84,14 +90,21 @@ def frame_bytes(width, height):
 
 
 def read_frames(path, width, height, limit=None):
-    """Frames of a Y4M file, or of a raw I420 file when it has no Y4M header."""
-    size = frame_bytes(width, height)
+    """Frames of a Y4M file, or of a raw I420 file when it has no Y4M header. A Y4M file whose
+    frames are larger (a peer that pads to its block size) gives the centred picture, as the
+    peers place it (offsets rounded down to even)."""
     count = 0
     with open(path, "rb") as f:
         y4m = f.read(9) == b"YUV4MPEG2"
         f.seek(0)
+        stored_w, stored_h = width, height
         if y4m:
-            f.readline()
+            fields = {t[:1]: t[1:] for t in f.readline().decode("ascii", "replace").split()[1:]}
+            stored_w, stored_h = int(fields.get("W", width)), int(fields.get("H", height))
+            if stored_w < width or stored_h < height:
+                raise BenchError("%s holds %dx%d pictures, not %dx%d" % (path, stored_w, stored_h,
+                                                                        width, height))
+        size = frame_bytes(stored_w, stored_h)
         while limit is None or count < limit:
             if y4m:
                 marker = f.readline()
@@ -102,8 +115,27 @@ def read_frames(path, width, height, limit=None):
             data = f.read(size)
             if len(data) < size:
                 return  # a cut-short last frame is left out, as the compressor does
+            if (stored_w, stored_h) != (width, height):
+                data = crop_frame(data, stored_w, stored_h, width, height)
             yield data
             count += 1
+
+
+def crop_frame(data, stored_w, stored_h, width, height):
+    """The centred width x height picture of a larger 4:2:0 frame."""
+    x, y = (stored_w - width) // 2 & ~1, (stored_h - height) // 2 & ~1
+    out = bytearray()
+    planes = ((stored_w, stored_h, width, height, x, y, 0),)
+    scw, sch = (stored_w + 1) // 2, (stored_h + 1) // 2
+    cw, ch = (width + 1) // 2, (height + 1) // 2
+    luma = stored_w * stored_h
+    planes += ((scw, sch, cw, ch, x // 2, y // 2, luma), (scw, sch, cw, ch, x // 2, y // 2,
+                                                        luma + scw * sch))
+    for sw, _, w, h, px, py, start in planes:
+        for row in range(py, py + h):
+            at = start + row * sw + px
+            out += data[at:at + w]
+    return bytes(out)
 
 
 def write_clip(clip, path, frames):
@@ -249,8 +281,9 @@ def best_time(cmd, log, passes=3):
 class Velmo:
     """One generation of the compressor, measured through the reader library."""
 
-    def __init__(self, name, version, suffix, build):
+    def __init__(self, name, version, suffix, build, switches=()):
         self.name, self.version, self.suffix = name, version, suffix
+        self.switches = list(switches)
         self.program = os.path.join(build, "src", "main", "ORNVideo64")
         self.decoder = os.path.join(build, "bench", "reader", "velmo_decode_speed")
         for tool, target in ((self.program, "ORNVideo64"), (self.decoder, "velmo_decode_speed")):
@@ -261,7 +294,8 @@ class Velmo:
         out = os.path.join(work, "%s_%d%s" % (self.name, rate, self.suffix))
         env = dict(os.environ, XDG_CONFIG_HOME=os.path.join(work, "config"), ORN_CONSOLE="1")
         log = out + ".log"
-        encode = run([self.program, "Velmoc", source, out, "/v%d" % self.version, "/D%d" % rate],
+        encode = run([self.program, "Velmoc", source, out, "/v%d" % self.version, "/D%d" % rate,
+                      "/{0"] + self.switches,
                      log, env=env)
         with open(log, "rb") as f:
             own = parse_final(f.read().decode("utf-8", "replace"))
@@ -355,10 +389,11 @@ def install_peers():
 # The benchmark
 
 
-def benchmark(clip_path, frames, rates, peers, build, out=sys.stdout):
+def benchmark(clip_path, frames, rates, peers, build, out=sys.stdout, skip=0, switches=()):
     """Measures every encoder at every rate and prints the table; returns {name: [points]}."""
-    clip = Clip(clip_path)
-    encoders = [Velmo("velmo1", 101, ".vlm", build), Velmo("velmo2", 200, ".vm2", build)]
+    clip = Clip(clip_path, skip)
+    encoders = [Velmo("velmo1", 101, ".vlm", build, switches),
+                Velmo("velmo2", 200, ".vm2", build, switches)]
     encoders += [Peer(name) for name in peers]
     work = tempfile.mkdtemp(prefix="rate_quality.")
     try:
@@ -367,8 +402,8 @@ def benchmark(clip_path, frames, rates, peers, build, out=sys.stdout):
         if frames == 0:
             raise BenchError("%s holds no complete frame" % clip_path)
         pixels = clip.width * clip.height
-        print("Clip: %s, %dx%d, %d frames at %.3f frames per second (%s range)" % (
-            clip_path, clip.width, clip.height, frames, clip.fps,
+        print("Clip: %s, %dx%d, %d frames from frame %d at %.3f frames per second (%s range)" % (
+            clip_path, clip.width, clip.height, frames, skip, clip.fps,
             "full" if clip.full_range else "limited"), file=out)
         print("Machine: %d cores, %s" % (os.cpu_count() or 1, os.uname().machine), file=out)
         print(file=out)
@@ -445,6 +480,8 @@ def parse_args(argv):
     p = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     p.add_argument("--clip", help="a 4:2:0 Y4M clip")
     p.add_argument("--frames", type=int, default=30, help="frames from the clip's start (30)")
+    p.add_argument("--switches", default="", help="more compressor switches for both generations")
+    p.add_argument("--skip", type=int, default=0, help="frames left out at the clip's start (0)")
     p.add_argument("--rates", default="0.05,0.1,0.2,0.5",
                    help="bits per pixel, comma-separated (0.05,0.1,0.2,0.5)")
     p.add_argument("--peers", nargs="?", const=",".join(PEERS), default="",
@@ -481,7 +518,8 @@ def main(argv):
             install_peers()
         if numpy is None:
             print("note: numpy is missing; plain Python computes PSNR (slowly)", file=sys.stderr)
-        benchmark(args.clip, args.frames, args.rates, args.peers, args.build)
+        benchmark(args.clip, args.frames, args.rates, args.peers, args.build, skip=args.skip,
+                  switches=args.switches.split())
         return 0
     except BenchError as e:
         print("rate_quality: %s" % e, file=sys.stderr)
