@@ -242,8 +242,7 @@ bool SwitchFlag(char* line, char letter) {
   for (size_t at; (at = scan.Next()) != NotFound;) {
     if (!SameLetter(line[at + 1], letter)) continue;
     const char next = line[at + 2];
-    if (static_cast<unsigned char>(next) >= '0') continue;
-    if (next == '-' && IsDigit(line[at + 3])) continue;  // "/X-5" is a number, not a flag
+    if (static_cast<unsigned char>(next) >= '0') continue;  // "-" counts too: "/X-5" is a flag here
     Cut(line, at, 2);
     return true;
   }

@@ -79,9 +79,13 @@ TEST(SwitchFlag, NextByteBelowZeroCounts) {
   EXPECT_TRUE(SwitchFlag(line.text, 'B'));
   EXPECT_TRUE(SwitchFlag(line.text, 'C'));
   EXPECT_TRUE(SwitchFlag(line.text, 'D'));
-  EXPECT_FALSE(SwitchFlag(line.text, 'E'));  // "-5" is a number
+  EXPECT_TRUE(SwitchFlag(line.text, 'E'));  // a "-" ends the letter even before a digit
   EXPECT_FALSE(SwitchFlag(line.text, 'F'));
-  EXPECT_EQ(line.str(), ", . + -x /e-5 /f0");
+  EXPECT_EQ(line.str(), ", . + -x -5 /f0");
+  // The order of the questions decides: asked as a number first, "/X-5" is -5.
+  Line number("/x-5");
+  EXPECT_EQ(SwitchNumber(number.text, 'X', 0), -5);
+  EXPECT_FALSE(SwitchFlag(number.text, 'X'));
   Line hash("/# /#12345");
   EXPECT_TRUE(SwitchFlag(hash.text, '#'));
   EXPECT_EQ(SwitchNumber(hash.text, '#', 0), 12345);
