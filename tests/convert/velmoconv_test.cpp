@@ -329,6 +329,16 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
   ASSERT_TRUE(ReadAviSound(dir + "/late.avi", &late));
   EXPECT_EQ(late.pcm.size(), 2u * (11025 * 1200 / 1000 - 11025));
   EXPECT_EQ(late.frames, 45u);
+  // Frames 16 to 45 of the 30-a-second input, taken to 15 a second: the 15 frames skipped
+  // are half a second of the source, and the 15 frames that go out last one second.
+  ASSERT_EQ(ExitOf(conv + "/halved.avi /s16 /a15"), 0);
+  AviSound halved;
+  ASSERT_TRUE(ReadAviSound(dir + "/halved.avi", &halved));
+  EXPECT_EQ(halved.frames, 15u);
+  const size_t from = 2 * (11025 / 2);
+  ASSERT_EQ(halved.pcm.size(), std::min<size_t>(22050u, wave.size() - 44 - from));
+  EXPECT_TRUE(halved.pcm == wave.substr(44 + from, halved.pcm.size()))
+      << "the sound does not start at the first frame that goes out";
 }
 
 TEST_F(VelmoConvRun, ExitCodes) {
