@@ -110,6 +110,30 @@ TEST_F(VelmoConvRun, RefusedValueAndDroppedAlphaAreTold) {
   EXPECT_FALSE(kept.Says(MediaTextAlphaDropped)) << kept.output;
 }
 
+// Alpha asked of an exporter that cannot store it (an AVI, a BMP) is asked about; the console's
+// default answer goes on without alpha, and 10000 in /Z goes on without asking. PNG keeps it.
+TEST_F(VelmoConvRun, ExportersWithoutAlphaAskBeforeDroppingIt) {
+  MakeSeries(dir + "/in", 1, 8, 8, true);
+  const std::string png = "velmoconv " + dir + "/in1.png " + dir;
+  const std::string question = "the output file exporter doesn't support alpha";
+  for (const char* out : {"/a.avi /Z1000", "/b.bmp /Z1000"}) {
+    const ToolOutcome asked = RunTail(png + out);
+    EXPECT_EQ(asked.code, 0) << out;
+    EXPECT_EQ(asked.Times(question), 1u) << out << asked.output;
+  }
+  const ToolOutcome quiet = RunTail(png + "/q.avi /Z11000");
+  EXPECT_EQ(quiet.code, 0);
+  EXPECT_FALSE(quiet.Says(question)) << quiet.output;
+  const ToolOutcome keeps = RunTail(png + "/k.png /Z1000");
+  EXPECT_EQ(keeps.code, 0);
+  EXPECT_FALSE(keeps.Says(question)) << keeps.output;
+  // The AVI holds 24-bit frames.
+  const std::string avi = ReadText(dir + "/a.avi");
+  const size_t strf = avi.find("strf");
+  ASSERT_NE(strf, std::string::npos);
+  EXPECT_EQ(Le16(avi, strf + 8 + 14), 24u);
+}
+
 TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {
   MakeSeries(dir + "/in", 3, 32, 16, true);
   const std::string in = "velmoconv " + dir + "/in?.png*1-3 ";
