@@ -553,6 +553,8 @@ const SwitchRule Rules[] = {
 }  // namespace
 
 bool VelmoConvParseSwitches(char* line, VelmoConvSettings* s) {
+  static const std::string letters = std::string("NOLGMJKRBCPV") + MediaSwitchLetters;
+  const SwitchLetters known(letters.c_str());
   *s = VelmoConvSettings{};
   SwitchErrors* errors = &s->errors;
   SwitchCancels(line);

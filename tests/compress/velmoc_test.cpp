@@ -32,6 +32,21 @@ bool Parse(const char* text, VelmocSettings* s) {
 
 // ---- Switches --------------------------------------------------------------------------------
 
+TEST(VelmocSwitches, JoinedSwitchesAreReadAsSwitches) {
+  VelmocSettings s;
+  ASSERT_TRUE(Parse("in.y4m out.vlm/L3 /v200/d5000/{0", &s));
+  EXPECT_STREQ(s.Output, "out.vlm");
+  EXPECT_EQ(s.SoundLevel, 3);
+  EXPECT_EQ(s.VersionSwitch, 200u);
+  EXPECT_EQ(s.DataRate, 5000);
+  EXPECT_EQ(s.Media.contrast, 0u);
+  // A letter that neither the compressor nor the media layer knows keeps the word a path.
+  VelmocSettings unknown;
+  ASSERT_TRUE(Parse("in.y4m out.vlm/%3", &unknown));
+  EXPECT_STREQ(unknown.Output, "out.vlm/%3");
+  EXPECT_EQ(unknown.SoundLevel, 4);
+}
+
 TEST(VelmocSwitches, DefaultsAndExtensions) {
   VelmocSettings s;
   ASSERT_TRUE(Parse("in.y4m out /v100", &s));

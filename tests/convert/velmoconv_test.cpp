@@ -48,6 +48,8 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
     uint32_t forced;
   } cases[] = {
       {"in.png out /p444 /o /n-1", "out.avi", false, 0},
+      {"in.png out/o/n-1", "out.avi", false, 0},  // joined switches
+      {"in.png out.wav/v", "out.wav", true, 0},
       {"in.png out /v", "out.wav", true, 0},
       {"in.WAV dir.x/take.RAW", "dir.x/take.RAW", true, 0},
       {"clip.wav out", "out.wav", true, 0},

@@ -373,6 +373,8 @@ const SwitchFractionRule PeakRule = {
 }  // namespace
 
 bool VelmocParseSwitches(char* line, VelmocSettings* s) {
+  static const std::string letters = std::string("DMJKPTLRBCINZUV$O") + MediaSwitchLetters;
+  const SwitchLetters known(letters.c_str());
   char scratch[1024];
   SwitchErrors* errors = &s->Errors;
   SwitchText(line, '+', scratch, sizeof scratch, "");
