@@ -402,12 +402,8 @@ int ConvertVideo(Job& job) {
   args.progress = {Message, &job};
   run.input = MediaOpenWith(s.input, &args);
   if (!run.input) return ToolExitInputError;  // the layer has said why
-  if (run.input->type == MediaTypeSoundOnly) {
-    // No frames to write: the sound of such an input goes to a wave or raw output only.
-    ToolFrameError("The input file has no video. Name a .wav or .raw output file to convert "
-                   "its sound.");
-    return ToolExitInputError;
-  }
+  // A sound-only input goes on as the media layer delivers it: black 4 x 4 frames at 15 a
+  // second for as long as the sound lasts, with the sound beside them.
   MediaInput* in = run.input;
   // The sound covers the frames that go out unless a range was asked for.
   uint32_t startMs = 0, endMs = 0;

@@ -367,6 +367,35 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
       << "the sound does not start at the first frame that goes out";
 }
 
+// A wave file into an AVI: black 4 x 4 frames at 15 a second, as many as cover the sound, with
+// the sound beside them.
+TEST_F(VelmoConvRun, SoundOnlyInputGivesBlackFramesWithTheSound) {
+  std::vector<int16_t> samples(8000);
+  for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 37 - 9000);
+  WriteWave16(dir + "/speech.wav", 8000, 1, samples);
+  ASSERT_EQ(ExitOf("velmoconv " + dir + "/speech.wav " + dir + "/speech.avi"), 0);
+  AviSound avi;
+  ASSERT_TRUE(ReadAviSound(dir + "/speech.avi", &avi));
+  EXPECT_EQ(avi.frames, 16u);  // 16000 bytes × 15 ÷ (2 × 8000) + 1
+  EXPECT_EQ(uint64_t(avi.rate_num), uint64_t(avi.rate_den) * 15);
+  ASSERT_EQ(avi.pcm.size(), 2 * samples.size());
+  for (size_t i = 0; i < samples.size(); ++i)
+    ASSERT_EQ(int16_t(Le16(avi.pcm, 2 * i)), samples[i]) << i;
+  // Each frame is 4 × 4 black: 48 zero bytes of 24-bit rows.
+  const std::string file = ReadText(dir + "/speech.avi");
+  const size_t strf = file.find("strf");
+  ASSERT_NE(strf, std::string::npos);
+  EXPECT_EQ(Le32(file, strf + 8 + 4), 4u);
+  EXPECT_EQ(Le32(file, strf + 8 + 8), 4u);
+  size_t frames = 0;
+  for (size_t at = file.find("00db"); at != std::string::npos; at = file.find("00db", at + 4)) {
+    if (Le32(file, at + 4) != 48) continue;  // the index's entries
+    EXPECT_EQ(file.substr(at + 8, 48), std::string(48, '\0')) << frames;
+    ++frames;
+  }
+  EXPECT_EQ(frames, 16u);
+}
+
 TEST_F(VelmoConvRun, ExitCodes) {
   MakeSeries(dir + "/in", 1, 8, 8, false);
   WriteWave16(dir + "/tone.wav", 8000, 1, std::vector<int16_t>(100, 5));
@@ -387,12 +416,12 @@ TEST_F(VelmoConvRun, ExitCodes) {
               {png + dir + "/o.avi /o", 0},
               {png + dir + "/s.png", 0},
               {png + dir + "/s.png", 8003},
-              {wav + dir + "/tone.avi", 8002},
+              {wav + dir + "/tone.avi", 0},                 // black frames with the sound
               {png + dir + "/x.wav", 8002},
               {wav + dir + "/y.wav /N-1", 8002},
               {wav + dir + "/late.wav /J5000", 8005}};  // a start past the sound's end
   for (const auto& r : runs) EXPECT_EQ(ExitOf(r.command), r.code & 255) << r.command;
-  for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav", "/late.wav"})
+  for (const char* name : {"/m.avi", "/x.wav", "/y.wav", "/late.wav"})
     EXPECT_FALSE(Exists(dir + name));
   EXPECT_TRUE(RunTail(wav + dir + "/late.wav /J5000").Says("/J5000: the sound of")) << "names /J";
 }
