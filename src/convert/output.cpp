@@ -227,10 +227,11 @@ int WriteStill(OutputWriter* w, const void* pixels) {
 
 // ---- AVI -----------------------------------------------------------------------------------
 
-int AviDepth(const OutputWriter* w) { return w->keep_alpha ? 32 : 24; }
+// Frames go out as 24-bit rows: an AVI keeps no alpha (only TGA, PNG and OpenEXR do).
+constexpr int AviDepth = 24;
 
 uint32_t AviRowBytes(const OutputWriter* w) {
-  return ((uint32_t(AviDepth(w)) * w->width + 31) / 32) * 4;
+  return ((uint32_t(AviDepth) * w->width + 31) / 32) * 4;
 }
 
 int WriteAviFrame(OutputWriter* w, const void* pixels) {
@@ -249,18 +250,16 @@ int WriteAviFrame(OutputWriter* w, const void* pixels) {
          AviWriteVideo(w->avi, jpeg, uint32_t(size));
     ImageFreeMemory(jpeg);
   } else {
-    // Bottom-up DIB rows: B, G, R (and A).
+    // Bottom-up DIB rows: B, G, R.
     const uint32_t rowBytes = AviRowBytes(w);
-    const int bytesPerPixel = AviDepth(w) / 8;
     for (int y = 0; y < w->height; ++y) {
       const uint32_t* src = argb + (w->height - 1 - y) * pitch;
       uint8_t* out = w->frame_bytes + size_t(y) * rowBytes;
-      for (int x = 0; x < w->width; ++x, out += bytesPerPixel) {
+      for (int x = 0; x < w->width; ++x, out += 3) {
         const uint32_t p = src[x];
         out[0] = uint8_t(p);
         out[1] = uint8_t(p >> 8);
         out[2] = uint8_t(p >> 16);
-        if (bytesPerPixel == 4) out[3] = uint8_t(p >> 24);
       }
     }
     ok = AviWriteVideo(w->avi, w->frame_bytes, rowBytes * uint32_t(w->height));
@@ -281,7 +280,7 @@ bool OpenAvi(OutputWriter* w, const char* name) {
   format.rate_num = w->rate_num;
   format.rate_den = w->rate_den;
   format.mjpeg = w->options.codec == OutputCodecMjpeg;
-  format.bits = AviDepth(w);
+  format.bits = AviDepth;
   format.riff_limit = w->options.riff_limit;
   format.index_capacity = w->options.index_capacity;
   w->avi = AviCreate(name, &format);
@@ -510,8 +509,6 @@ OutputWriter* OutputOpen(const char* name, int frames, uint32_t rate_num, uint32
   const bool ask = !(flags & OutputFlagPromptDone);
   bool ok = true;
   if (w->kind == OutputKindAvi) {
-    w->supports_alpha = w->options.codec == OutputCodecRaw;
-    w->keep_alpha = (flags & OutputFlagAlpha) && w->supports_alpha;
     ok = (!ask || MayWrite(w, name, FileExists(name))) && OpenAvi(w, name);
   } else if (w->kind == OutputKindY4m) {
     w->y4m_stdout = stdoutStream;

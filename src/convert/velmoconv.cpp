@@ -378,11 +378,20 @@ struct VideoRun {
   }
 };
 
-// The time of frame `frames` (from 0, at the output rate) in milliseconds.
-uint32_t FrameTimeMs(const MediaInput* in, uint64_t frames) {
-  if (!in->output_rate_num) return 0;
-  const uint64_t ms = frames * in->output_rate_den * 1000 / in->output_rate_num;
-  return uint32_t(std::min<uint64_t>(ms, 0xFFFFFFFFu));
+// Milliseconds of `frames` frames at the rate num / den.
+uint32_t FramesMs(uint64_t frames, uint32_t num, uint32_t den) {
+  if (!num) return 0;
+  return uint32_t(std::min<uint64_t>(frames * den * 1000 / num, 0xFFFFFFFFu));
+}
+
+// The sound that covers the frames that go out: the skipped frames are the source's, so the
+// start is at the input rate; the frames delivered last `output_frames` at the output rate
+// (the two differ only under /A, where frames are added or dropped).
+void CoveredSpan(const MediaInput* in, uint32_t* startMs, uint32_t* endMs) {
+  *startMs = FramesMs(in->skip_frames, in->input_rate_num, in->input_rate_den);
+  const uint64_t end =
+      uint64_t(*startMs) + FramesMs(in->output_frames, in->output_rate_num, in->output_rate_den);
+  *endMs = uint32_t(std::min<uint64_t>(end, 0xFFFFFFFFu));
 }
 
 int ConvertVideo(Job& job) {
@@ -393,17 +402,14 @@ int ConvertVideo(Job& job) {
   args.progress = {Message, &job};
   run.input = MediaOpenWith(s.input, &args);
   if (!run.input) return ToolExitInputError;  // the layer has said why
-  if (run.input->type == MediaTypeSoundOnly) {
-    // No frames to write: the sound of such an input goes to a wave or raw output only.
-    ToolFrameError("The input file has no video. Name a .wav or .raw output file to convert "
-                   "its sound.");
-    return ToolExitInputError;
-  }
+  // A sound-only input goes on as the media layer delivers it: black 4 x 4 frames at 15 a
+  // second for as long as the sound lasts, with the sound beside them.
   MediaInput* in = run.input;
   // The sound covers the frames that go out unless a range was asked for.
-  const uint32_t startMs = s.start_ms ? uint32_t(s.start_ms) : FrameTimeMs(in, in->skip_frames);
-  const uint32_t endMs = s.end_ms ? uint32_t(s.end_ms)
-                                  : FrameTimeMs(in, uint64_t(in->skip_frames) + in->output_frames);
+  uint32_t startMs = 0, endMs = 0;
+  CoveredSpan(in, &startMs, &endMs);
+  if (s.start_ms) startMs = uint32_t(s.start_ms);
+  if (s.end_ms) endMs = uint32_t(s.end_ms);
   if (in->has_sound) run.sound = OpenSound(s, startMs, endMs, {SoundMessage, &job});
   if (job.cancel) return ToolExitCancelled;
   if (run.sound) {
@@ -431,8 +437,10 @@ int ConvertVideo(Job& job) {
     ToolFrameError("The input and output files are the same file.");
     return ToolExitOutputError;
   }
-  uint32_t flags = 0;
-  if (s.overwrite) flags |= OutputFlagPromptDone;
+  // The question names the output as given; the writer then asks nothing more, also for the
+  // numbered names of a series.
+  if (!MayOverwrite(s)) return ToolExitNoOverwrite;
+  uint32_t flags = OutputFlagPromptDone;
   if (in->float_frames) flags |= OutputFlagFloat;
   if (alpha) flags |= OutputFlagAlpha;
   if (!in->true_colour) flags |= OutputFlagPalette;
@@ -541,6 +549,8 @@ const SwitchRule Rules[] = {
 }  // namespace
 
 bool VelmoConvParseSwitches(char* line, VelmoConvSettings* s) {
+  static const std::string letters = std::string("NOLGMJKRBCPV") + MediaSwitchLetters;
+  const SwitchLetters known(letters.c_str());
   *s = VelmoConvSettings{};
   SwitchErrors* errors = &s->errors;
   SwitchCancels(line);

@@ -290,11 +290,11 @@ uint64_t FileTell(const BufferedFile* file) {
 uint64_t FileSeek(BufferedFile* file, uint64_t position) {
   const uint64_t old = FileTell(file);
   if (position == old) return old;
+  // Bits still waiting are dropped, not padded out: a seek leaves the partial byte unwritten.
+  DropBits(file);
   if (file->Writing) {
-    PadBits(file);
     WriteOut(file);
   } else {
-    DropBits(file);
     if (file->FilePos != FilePosInvalid && position >= file->FilePos &&
         position - file->FilePos <= file->BufferFill) {
       file->BufferPos = static_cast<uint32_t>(position - file->FilePos);

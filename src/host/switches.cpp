@@ -1,7 +1,10 @@
 #include "host/switches.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "host/textformat.h"
 
@@ -29,6 +32,47 @@ bool IsPathWord(const char* word) {
   return false;
 }
 
+// The letters of the tool whose line this thread is reading (see SwitchLetters).
+thread_local const char* t_knownLetters = nullptr;
+
+bool KnownLetter(char c) {
+  return t_knownLetters && c && strchr(t_knownLetters, Upper(c)) != nullptr;
+}
+
+// A value that splits cleanly: nothing (a flag) or the bytes of a number, sum or fraction.
+bool NumberText(const std::string& text) {
+  return text.find_first_not_of("0123456789+-.;") == std::string::npos;
+}
+
+bool Exists(const std::string& path, bool folderOnly) {
+  struct stat info;
+  return !path.empty() && stat(path.c_str(), &info) == 0 && (!folderOnly || S_ISDIR(info.st_mode));
+}
+
+// Whether the word holds switches joined to each other or to a name ("/v200/d5000",
+// "out.vlm/L3"): it names nothing that exists, its head before the first "/" is no folder,
+// and every part behind a "/" is a known letter with a number or nothing behind it.
+bool IsJoinedWord(const std::string& word) {
+  const size_t first = word.find('/');
+  if (first == std::string::npos || word.find('"') != std::string::npos) return false;
+  for (size_t at = first; at != std::string::npos;) {
+    const size_t next = word.find('/', at + 1);
+    const std::string part = word.substr(at + 1, next == std::string::npos ? next : next - at - 1);
+    if (part.empty() || !KnownLetter(part[0]) || !NumberText(part.substr(1))) return false;
+    at = next;
+  }
+  return !Exists(word, false) && !Exists(word.substr(0, first), true);
+}
+
+// Whether the "/" at `at` lies in a word of joined switches.
+bool InJoinedWord(const char* line, size_t at) {
+  if (!t_knownLetters) return false;
+  size_t start = at, end = at;
+  while (start > 0 && !IsBlank(line[start - 1])) --start;
+  while (!IsBlank(line[end])) ++end;
+  return IsJoinedWord(std::string(line + start, end - start));
+}
+
 // Index one past the end of the word at `at`: the next blank outside double quotes.
 size_t WordEnd(const char* line, size_t at) {
   bool quoted = false;
@@ -54,10 +98,9 @@ struct SwitchScan {
         quoted = !quoted;
         continue;
       }
-      if (c != '/' || quoted) continue;
-      if (pos > 0 && !IsBlank(line[pos - 1])) continue;
-      if (IsBlank(line[pos + 1]) || IsPathWord(line + pos)) continue;
-      return pos++;
+      if (c != '/' || quoted || IsBlank(line[pos + 1])) continue;
+      const bool wordStart = pos == 0 || IsBlank(line[pos - 1]);
+      if ((wordStart && !IsPathWord(line + pos)) || InJoinedWord(line, pos)) return pos++;
     }
     return NotFound;
   }
@@ -242,8 +285,7 @@ bool SwitchFlag(char* line, char letter) {
   for (size_t at; (at = scan.Next()) != NotFound;) {
     if (!SameLetter(line[at + 1], letter)) continue;
     const char next = line[at + 2];
-    if (static_cast<unsigned char>(next) >= '0') continue;
-    if (next == '-' && IsDigit(line[at + 3])) continue;  // "/X-5" is a number, not a flag
+    if (static_cast<unsigned char>(next) >= '0') continue;  // "-" counts too: "/X-5" is a flag here
     Cut(line, at, 2);
     return true;
   }
@@ -325,6 +367,12 @@ void SwitchCancels(char* line) {
     }
   }
 }
+
+SwitchLetters::SwitchLetters(const char* letters) : previous_(t_knownLetters) {
+  t_knownLetters = letters;
+}
+
+SwitchLetters::~SwitchLetters() { t_knownLetters = previous_; }
 
 bool SwitchesLeft(const char* line) {
   SwitchScan scan(line);

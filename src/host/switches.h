@@ -5,9 +5,28 @@
 // quotes) followed by one letter; a word that starts with "/" and holds a second "/" is a
 // path, not a switch, unless the letter is one of "@&*+", whose text may be a path: their
 // text runs to the next blank, slashes and all. Letters compare without regard to case; callers pass them upper case.
+//
+// While a tool reads its line it names its letters with a SwitchLetters scope. A word that
+// names no existing file or folder (nor starts with an existing folder's name and a "/") and
+// splits cleanly at its slashes into switches of those letters, each with a number or nothing
+// behind it, is then read as those switches: "/v200/d5000" is /v200 and /d5000, "out.vlm/L3"
+// is out.vlm and /L3. Everything else keeps the rule above.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+
+// The switch letters of the tool reading a line on this thread, for the scope's lifetime
+// (`letters` upper case, held by the caller). Scopes nest.
+class SwitchLetters {
+ public:
+  explicit SwitchLetters(const char* letters);
+  ~SwitchLetters();
+  SwitchLetters(const SwitchLetters&) = delete;
+  SwitchLetters& operator=(const SwitchLetters&) = delete;
+
+ private:
+  const char* previous_;
+};
 
 // First switch `letter` with a number behind it ("-" and a digit counts); "a+b+c" sums.
 // Removes it and returns the number, or returns `defaultValue`.

@@ -282,6 +282,8 @@ struct MediaSwitches {
 // A value that the switch does not take is noted in `errors` (when given; see
 // host/switches.h) and leaves the switch's default.
 void MediaParseSwitches(char* line, MediaSwitches* out, SwitchErrors* errors = nullptr);
+// The letters MediaParseSwitches asks for, for a tool's SwitchLetters.
+inline constexpr char MediaSwitchLetters[] = "Z;FA~:{[]}()XYWHSEUIQ$DT&";
 // An input with an alpha channel loses it unless /Z asks for alpha: says so once, as a
 // warning through `progress`, unless /Z asked for no alpha warnings.
 void MediaSayAlphaDropped(const MediaSwitches* switches, bool inputHasAlpha, ProgressSink progress);

@@ -85,5 +85,7 @@ struct SoundSwitches {
 // Returns false with a syntax error, which `errors` (when given; see host/switches.h) names;
 // `line` keeps what it did not consume.
 bool SoundParseSwitches(char* line, SoundSwitches* out, SwitchErrors* errors = nullptr);
+// The letters SoundParseSwitches asks for, for a tool's SwitchLetters.
+inline constexpr char SoundSwitchLetters[] = "RBCSETKYD";
 // The rules of /R, /B and /C, for the tools that read them on their own.
 extern const SwitchRule SoundRateRule, SoundBitsRule, SoundChannelsRule;

@@ -32,6 +32,21 @@ bool Parse(const char* text, VelmocSettings* s) {
 
 // ---- Switches --------------------------------------------------------------------------------
 
+TEST(VelmocSwitches, JoinedSwitchesAreReadAsSwitches) {
+  VelmocSettings s;
+  ASSERT_TRUE(Parse("in.y4m out.vlm/L3 /v200/d5000/{0", &s));
+  EXPECT_STREQ(s.Output, "out.vlm");
+  EXPECT_EQ(s.SoundLevel, 3);
+  EXPECT_EQ(s.VersionSwitch, 200u);
+  EXPECT_EQ(s.DataRate, 5000);
+  EXPECT_EQ(s.Media.contrast, 0u);
+  // A letter that neither the compressor nor the media layer knows keeps the word a path.
+  VelmocSettings unknown;
+  ASSERT_TRUE(Parse("in.y4m out.vlm/%3", &unknown));
+  EXPECT_STREQ(unknown.Output, "out.vlm/%3");
+  EXPECT_EQ(unknown.SoundLevel, 4);
+}
+
 TEST(VelmocSwitches, DefaultsAndExtensions) {
   VelmocSettings s;
   ASSERT_TRUE(Parse("in.y4m out /v100", &s));
@@ -227,7 +242,7 @@ TEST(VelmocSwitches, ExtraTextAndHintName) {
 
 VelmocHints EmptyHints(uint32_t frames) {
   VelmocHints h;
-  VelmocLoadHints(nullptr, 0, frames, 0, &h);
+  VelmocLoadHints(nullptr, 0, frames, 0, nullptr, &h);
   return h;
 }
 
@@ -283,11 +298,40 @@ TEST(VelmocHintFile, ReadFromFile) {
   const std::string path = dir / "hints.txt";
   WriteText(path, "2 3 7000\n\n5 * 8000 * 1\n");
   VelmocHints h;
-  ASSERT_TRUE(VelmocLoadHints(path.c_str(), 0, 6, 0, &h));
+  ASSERT_TRUE(VelmocLoadHints(path.c_str(), 0, 6, 0, nullptr, &h));
   EXPECT_EQ(h.Rate[1], 7000u);
   EXPECT_EQ(h.Rate[2], 7000u);
   EXPECT_EQ(h.Rate[4], 0xffffffffu);  // "*" as the end: the line is dropped (no number)
-  EXPECT_FALSE(VelmocLoadHints((dir / "none.txt").c_str(), 0, 6, 0, &h));
+  EXPECT_FALSE(VelmocLoadHints((dir / "none.txt").c_str(), 0, 6, 0, nullptr, &h));
+}
+
+TEST(VelmocHintFile, AZeroColumnTurnsTheSwitchedFilterOff) {
+  VelmocSettings s;
+  ASSERT_TRUE(Parse("a b /~1 /:2 /{9 /}4 /[120", &s));
+  VelmocHints h;
+  ASSERT_TRUE(VelmocLoadHints(nullptr, 0, 12, 0, &s.Media, &h));
+  // Frames 1 to 8: contrast, smooth, black clamp, brightness and denoise all set to 0.
+  VelmocApplyHintLine("1 8 * * * 0 0 0 0 * 0", 0, 12, 0, &h);
+  const MediaFrameArgs off = VelmocFrameFilters(s.Media, h, 0);
+  EXPECT_EQ(off.contrast, 0u);
+  EXPECT_EQ(off.smooth, 0u);
+  EXPECT_EQ(off.black_clamp, 0u);
+  EXPECT_EQ(off.brightness, 0u);
+  EXPECT_EQ(off.denoise, 0u);
+  // The byte-filled columns reach two words of eight; the word columns reach all eight.
+  const MediaFrameArgs mixed = VelmocFrameFilters(s.Media, h, 7);
+  EXPECT_EQ(mixed.contrast, 9u);
+  EXPECT_EQ(mixed.smooth, 2u * 0x1000100u);
+  EXPECT_EQ(mixed.black_clamp, 4u);
+  EXPECT_EQ(mixed.brightness, 0u);
+  EXPECT_EQ(mixed.denoise, 0u);
+  // Outside the line's range the switches stand.
+  const MediaFrameArgs outside = VelmocFrameFilters(s.Media, h, 8);
+  EXPECT_EQ(outside.contrast, 9u);
+  EXPECT_EQ(outside.smooth, 2u * 0x1000100u);
+  EXPECT_EQ(outside.black_clamp, 4u);
+  EXPECT_EQ(outside.brightness, 120u);
+  EXPECT_EQ(outside.denoise, 1u);
 }
 
 // ---- The writer ------------------------------------------------------------------------------

@@ -285,20 +285,25 @@ TEST_F(OutputSafety, AnInputPastAKilobyteKeepsItsWholeName) {
   VelmoClose(h);
 }
 
-TEST_F(OutputSafety, ASeriesAsksWhenALaterNameIsTaken) {
-  // The first name is free, the fifth is taken: the question comes on the first name, and the
+TEST_F(OutputSafety, TheOverwriteQuestionNamesTheOutputAsGiven) {
+  // The name given exists: the question names it (not the series' first file), and the
   // console's default answer (No) leaves everything as it was.
-  WriteText(dir + "/s4.png", "keep me");
+  WriteText(dir + "/s.png", "given");
   const ToolOutcome refused = RunTail("velmoconv " + Series() + " " + dir + "/s.png");
   EXPECT_EQ(refused.code, Shell(ToolExitNoOverwrite)) << refused.output;
-  EXPECT_TRUE(refused.Says("File " + dir + "/s0.png exists, overwrite?")) << refused.output;
-  EXPECT_EQ(ReadText(dir + "/s4.png"), "keep me");
+  EXPECT_TRUE(refused.Says("File " + dir + "/s.png exists, overwrite?")) << refused.output;
+  EXPECT_FALSE(refused.Says("/s0.png exists")) << refused.output;
+  EXPECT_EQ(ReadText(dir + "/s.png"), "given");
   for (int f : {0, 1, 7}) EXPECT_FALSE(Exists(dir + "/s" + std::to_string(f) + ".png")) << f;
-  // /O writes the whole series.
-  ASSERT_EQ(RunTail("velmoconv " + Series() + " " + dir + "/s.png /o").code, 0);
+  // With the name given free, the question is settled: the numbered files are written, a
+  // taken one among them included.
+  WriteText(dir + "/t4.png", "old");
+  const ToolOutcome written = RunTail("velmoconv " + Series() + " " + dir + "/t.png");
+  ASSERT_EQ(written.code, 0) << written.output;
+  EXPECT_FALSE(written.Says("exists, overwrite?")) << written.output;
   Picture p;
-  EXPECT_TRUE(ReadPicture(dir + "/s4.png", &p));
-  EXPECT_TRUE(ReadPicture(dir + "/s7.png", &p));
+  EXPECT_TRUE(ReadPicture(dir + "/t4.png", &p));
+  EXPECT_TRUE(ReadPicture(dir + "/t7.png", &p));
 }
 
 }  // namespace

@@ -48,6 +48,8 @@ TEST(VelmoConvSwitches, NamesAndOwnSwitches) {
     uint32_t forced;
   } cases[] = {
       {"in.png out /p444 /o /n-1", "out.avi", false, 0},
+      {"in.png out/o/n-1", "out.avi", false, 0},  // joined switches
+      {"in.png out.wav/v", "out.wav", true, 0},
       {"in.png out /v", "out.wav", true, 0},
       {"in.WAV dir.x/take.RAW", "dir.x/take.RAW", true, 0},
       {"clip.wav out", "out.wav", true, 0},
@@ -108,6 +110,30 @@ TEST_F(VelmoConvRun, RefusedValueAndDroppedAlphaAreTold) {
   const ToolOutcome kept = RunTail("velmoconv " + dir + "/in1.png " + dir + "/k.png /Z1000");
   EXPECT_EQ(kept.code, 0);
   EXPECT_FALSE(kept.Says(MediaTextAlphaDropped)) << kept.output;
+}
+
+// Alpha asked of an exporter that cannot store it (an AVI, a BMP) is asked about; the console's
+// default answer goes on without alpha, and 10000 in /Z goes on without asking. PNG keeps it.
+TEST_F(VelmoConvRun, ExportersWithoutAlphaAskBeforeDroppingIt) {
+  MakeSeries(dir + "/in", 1, 8, 8, true);
+  const std::string png = "velmoconv " + dir + "/in1.png " + dir;
+  const std::string question = "the output file exporter doesn't support alpha";
+  for (const char* out : {"/a.avi /Z1000", "/b.bmp /Z1000"}) {
+    const ToolOutcome asked = RunTail(png + out);
+    EXPECT_EQ(asked.code, 0) << out;
+    EXPECT_EQ(asked.Times(question), 1u) << out << asked.output;
+  }
+  const ToolOutcome quiet = RunTail(png + "/q.avi /Z11000");
+  EXPECT_EQ(quiet.code, 0);
+  EXPECT_FALSE(quiet.Says(question)) << quiet.output;
+  const ToolOutcome keeps = RunTail(png + "/k.png /Z1000");
+  EXPECT_EQ(keeps.code, 0);
+  EXPECT_FALSE(keeps.Says(question)) << keeps.output;
+  // The AVI holds 24-bit frames.
+  const std::string avi = ReadText(dir + "/a.avi");
+  const size_t strf = avi.find("strf");
+  ASSERT_NE(strf, std::string::npos);
+  EXPECT_EQ(Le16(avi, strf + 8 + 14), 24u);
 }
 
 TEST_F(VelmoConvRun, SeriesToPngAviAndY4m) {
@@ -329,6 +355,45 @@ TEST_F(VelmoConvRun, VelmoTrackGoesIntoAviAheadOfItsFrames) {
   ASSERT_TRUE(ReadAviSound(dir + "/late.avi", &late));
   EXPECT_EQ(late.pcm.size(), 2u * (11025 * 1200 / 1000 - 11025));
   EXPECT_EQ(late.frames, 45u);
+  // Frames 16 to 45 of the 30-a-second input, taken to 15 a second: the 15 frames skipped
+  // are half a second of the source, and the 15 frames that go out last one second.
+  ASSERT_EQ(ExitOf(conv + "/halved.avi /s16 /a15"), 0);
+  AviSound halved;
+  ASSERT_TRUE(ReadAviSound(dir + "/halved.avi", &halved));
+  EXPECT_EQ(halved.frames, 15u);
+  const size_t from = 2 * (11025 / 2);
+  ASSERT_EQ(halved.pcm.size(), std::min<size_t>(22050u, wave.size() - 44 - from));
+  EXPECT_TRUE(halved.pcm == wave.substr(44 + from, halved.pcm.size()))
+      << "the sound does not start at the first frame that goes out";
+}
+
+// A wave file into an AVI: black 4 x 4 frames at 15 a second, as many as cover the sound, with
+// the sound beside them.
+TEST_F(VelmoConvRun, SoundOnlyInputGivesBlackFramesWithTheSound) {
+  std::vector<int16_t> samples(8000);
+  for (size_t i = 0; i < samples.size(); ++i) samples[i] = int16_t(i * 37 - 9000);
+  WriteWave16(dir + "/speech.wav", 8000, 1, samples);
+  ASSERT_EQ(ExitOf("velmoconv " + dir + "/speech.wav " + dir + "/speech.avi"), 0);
+  AviSound avi;
+  ASSERT_TRUE(ReadAviSound(dir + "/speech.avi", &avi));
+  EXPECT_EQ(avi.frames, 16u);  // 16000 bytes × 15 ÷ (2 × 8000) + 1
+  EXPECT_EQ(uint64_t(avi.rate_num), uint64_t(avi.rate_den) * 15);
+  ASSERT_EQ(avi.pcm.size(), 2 * samples.size());
+  for (size_t i = 0; i < samples.size(); ++i)
+    ASSERT_EQ(int16_t(Le16(avi.pcm, 2 * i)), samples[i]) << i;
+  // Each frame is 4 × 4 black: 48 zero bytes of 24-bit rows.
+  const std::string file = ReadText(dir + "/speech.avi");
+  const size_t strf = file.find("strf");
+  ASSERT_NE(strf, std::string::npos);
+  EXPECT_EQ(Le32(file, strf + 8 + 4), 4u);
+  EXPECT_EQ(Le32(file, strf + 8 + 8), 4u);
+  size_t frames = 0;
+  for (size_t at = file.find("00db"); at != std::string::npos; at = file.find("00db", at + 4)) {
+    if (Le32(file, at + 4) != 48) continue;  // the index's entries
+    EXPECT_EQ(file.substr(at + 8, 48), std::string(48, '\0')) << frames;
+    ++frames;
+  }
+  EXPECT_EQ(frames, 16u);
 }
 
 TEST_F(VelmoConvRun, ExitCodes) {
@@ -351,12 +416,12 @@ TEST_F(VelmoConvRun, ExitCodes) {
               {png + dir + "/o.avi /o", 0},
               {png + dir + "/s.png", 0},
               {png + dir + "/s.png", 8003},
-              {wav + dir + "/tone.avi", 8002},
+              {wav + dir + "/tone.avi", 0},                 // black frames with the sound
               {png + dir + "/x.wav", 8002},
               {wav + dir + "/y.wav /N-1", 8002},
               {wav + dir + "/late.wav /J5000", 8005}};  // a start past the sound's end
   for (const auto& r : runs) EXPECT_EQ(ExitOf(r.command), r.code & 255) << r.command;
-  for (const char* name : {"/m.avi", "/tone.avi", "/x.wav", "/y.wav", "/late.wav"})
+  for (const char* name : {"/m.avi", "/x.wav", "/y.wav", "/late.wav"})
     EXPECT_FALSE(Exists(dir + name));
   EXPECT_TRUE(RunTail(wav + dir + "/late.wav /J5000").Says("/J5000: the sound of")) << "names /J";
 }

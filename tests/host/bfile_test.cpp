@@ -307,6 +307,27 @@ TEST_F(BufferedFiles, TellCountsThePartialByteAndFlushPadsWithZeros) {
   EXPECT_EQ(ReadFile(Path("bits")), (std::vector<uint8_t>{0x07, 0xFF, 0x01}));
 }
 
+TEST_F(BufferedFiles, SeekInWriteStateDropsWaitingBits) {
+  BufferedFile* file = FileCreate(0, Path("seekbits").c_str(), 0);
+  ASSERT_NE(file, nullptr);
+  FileWrite(file, "\x01\x02\x03", 3);
+  FileWriteBits(file, 0x5, 3);
+  EXPECT_EQ(FileSeek(file, 1), 4u);  // the partial byte counted in the old position
+  FileWriteByte(file, 0xAA);
+  FileSeek(file, 3);
+  FileWriteBits(file, 0x3, 2);  // a fresh bit field at the byte the dropped bits were in
+  FileClose(file);
+  EXPECT_EQ(ReadFile(Path("seekbits")), (std::vector<uint8_t>{0x01, 0xAA, 0x03, 0x03}));
+
+  BufferedFile* plain = FileCreate(0, Path("seekonly").c_str(), 0);
+  ASSERT_NE(plain, nullptr);
+  FileWrite(plain, "\x01\x02", 2);
+  FileWriteBits(plain, 0x7, 3);
+  FileSeek(plain, 0);
+  FileClose(plain);
+  EXPECT_EQ(ReadFile(Path("seekonly")), (std::vector<uint8_t>{0x01, 0x02}));
+}
+
 TEST_F(BufferedFiles, ThirtyTwoBitsAreOneLong) {
   BufferedFile* bits = FileCreate(0, Path("a").c_str(), 0);
   BufferedFile* longs = FileCreate(0, Path("b").c_str(), 0);
@@ -330,6 +351,7 @@ TEST_F(BufferedFiles, BytesWrittenAtABitOffsetReadBackAtTheSameOffset) {
   FileWriteLong(file, 0xCAFEF00Du);
   FileWriteBits(file, 2, 2);
   EXPECT_EQ(FileTell(file), 9005u);
+  FileFlushBits(file);  // a seek alone would drop the last two bits
   FileSeek(file, 0);
   EXPECT_EQ(FileReadBits(file, 3), 5u);
   std::vector<uint8_t> back(data.size());

@@ -1,9 +1,13 @@
 #include "host/switches.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
+
+#include "support/files.h"
 
 namespace {
 
@@ -73,15 +77,67 @@ TEST(SwitchLine, OnlyWordStartsOutsideQuotesAndPathsAreNoSwitches) {
   EXPECT_TRUE(SwitchesLeft(other.text));
 }
 
+TEST(SwitchLetters, JoinedSwitchesSplitIntoTheToolsLetters) {
+  const SwitchLetters known("VDLO");
+  Line line("in.avi /v200/d5000 out.vlm/L3/o");
+  EXPECT_EQ(SwitchNumber(line.text, 'V', -1), 200);
+  EXPECT_EQ(SwitchNumber(line.text, 'D', -1), 5000);
+  EXPECT_EQ(SwitchNumber(line.text, 'L', -1), 3);
+  EXPECT_TRUE(SwitchFlag(line.text, 'O'));
+  EXPECT_FALSE(SwitchesLeft(line.text));
+  char name[64];
+  TakeName(name, sizeof name, line.text);
+  EXPECT_STREQ(name, "in.avi");
+  TakeName(name, sizeof name, line.text);
+  EXPECT_STREQ(name, "out.vlm");
+  // A joined switch that no question took is left over, as a switch of its own is.
+  Line left("out.vlm/v2");
+  EXPECT_TRUE(SwitchesLeft(left.text));
+}
+
+TEST(SwitchLetters, PathsStayPaths) {
+  {
+    const SwitchLetters known("VDHO");
+    // A letter the tool does not know, a part that is no number, an absolute path.
+    Line line("out.vlm/Q9 dir/out.vlm /home/v6.avi");
+    EXPECT_EQ(SwitchNumber(line.text, 'V', -1), -1);
+    EXPECT_FALSE(SwitchFlag(line.text, 'O'));
+    EXPECT_FALSE(SwitchesLeft(line.text));
+    EXPECT_EQ(line.str(), "out.vlm/Q9 dir/out.vlm /home/v6.avi");
+  }
+  // Without a tool's letters the old rule holds: a word with two slashes is a path.
+  Line plain("/v200/d5000");
+  EXPECT_EQ(SwitchNumber(plain.text, 'V', -1), -1);
+  EXPECT_FALSE(SwitchesLeft(plain.text));
+
+  // A word into an existing folder is a path, though its parts would split.
+  const test_support::ScratchDir scratch;
+  std::filesystem::create_directory(scratch / "v1");
+  const std::filesystem::path was = std::filesystem::current_path();
+  ASSERT_EQ(chdir(scratch.path.c_str()), 0);
+  {
+    const SwitchLetters known("VD");
+    Line folder("v1/d2 x/d2");
+    EXPECT_EQ(SwitchNumber(folder.text, 'D', -1), 2);  // the one in "x/d2": no folder x
+    EXPECT_EQ(SwitchNumber(folder.text, 'D', -1), -1);
+    EXPECT_EQ(folder.str(), "v1/d2 x");
+  }
+  std::filesystem::current_path(was);
+}
+
 TEST(SwitchFlag, NextByteBelowZeroCounts) {
   Line line("/a, /b. /c+ /d-x /e-5 /f0");
   EXPECT_TRUE(SwitchFlag(line.text, 'A'));
   EXPECT_TRUE(SwitchFlag(line.text, 'B'));
   EXPECT_TRUE(SwitchFlag(line.text, 'C'));
   EXPECT_TRUE(SwitchFlag(line.text, 'D'));
-  EXPECT_FALSE(SwitchFlag(line.text, 'E'));  // "-5" is a number
+  EXPECT_TRUE(SwitchFlag(line.text, 'E'));  // a "-" ends the letter even before a digit
   EXPECT_FALSE(SwitchFlag(line.text, 'F'));
-  EXPECT_EQ(line.str(), ", . + -x /e-5 /f0");
+  EXPECT_EQ(line.str(), ", . + -x -5 /f0");
+  // The order of the questions decides: asked as a number first, "/X-5" is -5.
+  Line number("/x-5");
+  EXPECT_EQ(SwitchNumber(number.text, 'X', 0), -5);
+  EXPECT_FALSE(SwitchFlag(number.text, 'X'));
   Line hash("/# /#12345");
   EXPECT_TRUE(SwitchFlag(hash.text, '#'));
   EXPECT_EQ(SwitchNumber(hash.text, '#', 0), 12345);

@@ -373,6 +373,8 @@ const SwitchFractionRule PeakRule = {
 }  // namespace
 
 bool VelmocParseSwitches(char* line, VelmocSettings* s) {
+  static const std::string letters = std::string("DMJKPTLRBCINZUV$O") + MediaSwitchLetters;
+  const SwitchLetters known(letters.c_str());
   char scratch[1024];
   SwitchErrors* errors = &s->Errors;
   SwitchText(line, '+', scratch, sizeof scratch, "");
@@ -529,24 +531,43 @@ void VelmocApplyHintLine(const char* line, uint32_t runStart, uint32_t runFrames
 }
 
 bool VelmocLoadHints(const char* path, uint32_t runStart, uint32_t runFrames, uint32_t inputRate,
-                     VelmocHints* h) {
+                     const MediaSwitches* filters, VelmocHints* h) {
+  const MediaSwitches none{};
+  const MediaSwitches& m = filters ? *filters : none;
   h->Rate.assign(runFrames, VelmoRateUnset);
   h->Peak.assign(runFrames, VelmoRateUnset);
-  h->Bright.assign(runFrames, 0);
-  h->Contrast.assign(runFrames, 0);
-  h->Smooth.assign(runFrames, 0);
-  h->BlackClamp.assign(runFrames, 0);
+  h->Bright.assign(runFrames, m.brightness);
+  h->Contrast.assign(runFrames, m.contrast);
+  h->Smooth.assign(runFrames, m.smooth);
+  h->BlackClamp.assign(runFrames, m.black_clamp);
   h->Gamma.assign(runFrames, -1.0f);
   h->Key.assign(runFrames, 0);
-  h->Denoise.assign(runFrames, 0);
+  h->Denoise.assign(runFrames, uint8_t(m.denoise));
   if (!path || !path[0]) return true;
   const char* name = path[0] == '*' ? path + 1 : path;
   BufferedFile* f = FileOpenRead(-0x10000, name, FileModeReadOnly);
   if (!f) return false;
   char line[128];
-  while (FileReadLine(f, line, sizeof line)) VelmocApplyHintLine(line, runStart, runFrames, inputRate, h);
+  while (FileReadLine(f, line, sizeof line))
+    VelmocApplyHintLine(line, runStart, runFrames, inputRate, h);
   FileClose(f);
   return true;
+}
+
+// Smoothing goes to both directions (vertical in the high half, horizontal in the low).
+MediaFrameArgs VelmocFrameFilters(const MediaSwitches& m, const VelmocHints& h, uint32_t f) {
+  auto at = [f](const auto& table, uint32_t outside) {
+    return f < table.size() ? uint32_t(table[f]) : outside;
+  };
+  MediaFrameArgs a{};
+  a.denoise = at(h.Denoise, m.denoise);
+  a.smooth = at(h.Smooth, m.smooth) * 0x1000100u;
+  a.contrast = at(h.Contrast, m.contrast);
+  a.brightness = at(h.Bright, m.brightness);
+  a.black_clamp = at(h.BlackClamp, m.black_clamp);
+  a.gamma = m.gamma;
+  if (f < h.Gamma.size() && h.Gamma[f] > 0.0001f) a.gamma = 1.0 / double(h.Gamma[f]);
+  return a;
 }
 
 // ---- The run ------------------------------------------------------------------------------------
@@ -574,23 +595,8 @@ void OutputRate(const Run& r, uint32_t* num, uint32_t* den) {
   }
 }
 
-// The filter values of frame f: the hint file's, where it gives one, else the switches'.
-// Smoothing goes to both directions (vertical in the high half, horizontal in the low).
 MediaFrameArgs FrameFilters(const Run& r, uint32_t f) {
-  const MediaSwitches& m = r.s.Media;
-  const VelmocHints& h = r.hints;
-  auto pick = [f](const auto& table, uint32_t fallback) {
-    return f < table.size() && table[f] ? uint32_t(table[f]) : fallback;
-  };
-  MediaFrameArgs a{};
-  a.denoise = pick(h.Denoise, m.denoise);
-  a.smooth = pick(h.Smooth, m.smooth) * 0x1000100u;
-  a.contrast = pick(h.Contrast, m.contrast);
-  a.brightness = pick(h.Bright, m.brightness);
-  a.black_clamp = pick(h.BlackClamp, m.black_clamp);
-  a.gamma = m.gamma;
-  if (f < h.Gamma.size() && h.Gamma[f] > 0.0001f) a.gamma = 1.0 / double(h.Gamma[f]);
-  return a;
+  return VelmocFrameFilters(r.s.Media, r.hints, f);
 }
 
 uint32_t ReadSound(void* source, void* buffer, uint32_t bytes) {
@@ -759,7 +765,7 @@ int Compress(Run& r, char* commandTail) {
   const uint32_t inputRate = VelmoInputRate(r.info.RateNumerator, r.info.RateDenominator,
                                             r.info.InputBytes, r.info.InputFrames, 100);
   if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, r.skipped,
-                       r.info.Frames, inputRate, &r.hints)) {
+                       r.info.Frames, inputRate, &r.s.Media, &r.hints)) {
     char text[1200];
     std::snprintf(text, sizeof text, "Couldn't read the hint file '%s'.", r.s.HintFile);
     ToolFrameError(text);

@@ -59,13 +59,18 @@ struct VelmocHints {
   std::vector<uint8_t> Key, Denoise;
 };
 // Reads a hint file for a run of `runFrames` frames starting at input frame `runStart` (from
-// 0). `inputRate` is the input's bytes per second, for percentage rates. False when the file
-// cannot be read.
+// 0). `inputRate` is the input's bytes per second, for percentage rates. The filter tables
+// start at the values of `filters` (the switches; null gives zeros), so that a hint column
+// replaces the switch for its frames, 0 included. False when the file cannot be read.
 bool VelmocLoadHints(const char* path, uint32_t runStart, uint32_t runFrames, uint32_t inputRate,
-                     VelmocHints* hints);
+                     const MediaSwitches* filters, VelmocHints* hints);
 // Parses one hint line into the tables (exposed for tests).
 void VelmocApplyHintLine(const char* line, uint32_t runStart, uint32_t runFrames,
                          uint32_t inputRate, VelmocHints* hints);
+// The filter values that frame `frame` of the run is read with: the tables' (which start at
+// the switches' values), with gamma from the switches unless the hint file gives one.
+MediaFrameArgs VelmocFrameFilters(const MediaSwitches& switches, const VelmocHints& hints,
+                                  uint32_t frame);
 
 // The tool's routines for the tool shell.
 int VelmocMain(char* commandTail, ToolDialog* dialog);

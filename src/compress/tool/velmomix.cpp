@@ -271,6 +271,8 @@ const SwitchFractionRule RateRule = {'F', FrameRate, "the frame rate must be abo
 }  // namespace
 
 bool VelmoMixParseSwitches(char* line, VelmoMixSettings* s) {
+  static const std::string letters = std::string("LTINPFO") + SoundSwitchLetters;
+  const SwitchLetters known(letters.c_str());
   bool ok = true;
   SwitchErrors* errors = &s->Errors;
   s->Level = SwitchNumberIn(line, Rules, 'L', 4, errors);
