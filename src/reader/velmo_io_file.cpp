@@ -87,6 +87,12 @@ bool Closing(const IOProvider* io) { return io->Owner && AtomicRead(&io->Owner->
 bool WrapWanted(const IOProvider* io) {
   return io->Owner && (AtomicRead(&io->Owner->OpenFlags) & VelmoOpenFileLoop);
 }
+// The loop flag is a request for one touch: taking it up clears it, and a player that loops
+// again sets it again.
+void ClearWrapWanted(IOProvider* io) {
+  if (io->Owner)
+    __atomic_fetch_and(&io->Owner->OpenFlags, ~uint32_t(VelmoOpenFileLoop), __ATOMIC_SEQ_CST);
+}
 // The file position of frame 1's packet, where a looping file starts again.
 uint64_t LoopPoint(const IOProvider* io) {
   const VelmoHandle* h = io->Owner;
@@ -177,6 +183,7 @@ void ResetRing(IOProvider* io, uint64_t position) {
 // The touch at the loop point: once per pass, move the heads to where the player starts again.
 void TouchLoopPoint(IOProvider* io) {
   if (io->WrapRead || !WrapWanted(io)) return;
+  ClearWrapWanted(io);
   io->WrapRead = 1;
   const uint64_t loop = LoopPoint(io);
   const uint64_t at = loop > VelmoIOLoopTouch ? loop - VelmoIOLoopTouch : 0;
@@ -197,7 +204,10 @@ uint32_t ReadUnit(IOProvider* io, uint64_t remaining) {
     AddCounter(io, &io->RingRead, int64_t(head));
     size -= head;
   }
-  io->WrapRead = 0;
+  if (io->WrapRead) {
+    io->WrapRead = 0;
+    ClearWrapWanted(io);
+  }
   const uint64_t ringOffset = uint64_t(io->RingWrite - io->RingStart) + head;
   uint64_t got = 0;
   AtomicStore(&io->Reading, 1);
