@@ -141,10 +141,10 @@ uint64_t ReadMedium(IOProvider* io, void* dest, uint64_t size) {
 // hold its locks for long while an open or a close waits for them: then the rest is carried
 // over to the next read (and dropped for a handle that is being closed).
 void SimulateAfterRead(IOProvider* io, uint64_t bytes, uint32_t start) {
-  const uint32_t rate = io->SimulateRate;
+  const uint32_t rate = io->Simulate.Rate;
   if (rate == 0 || rate == 0xFFFFFFFFu || !io->SimulateWait) return;
   constexpr int64_t SliceMs = 50;
-  int64_t& debt = io->SimulateDebt;
+  int64_t& debt = io->Simulate.Owed;
   debt += int64_t(std::min<uint64_t>(bytes * 1000 / rate, 0xFFFFFFFFu));
   debt -= int64_t(uint32_t(Now(io) - start));
   while (debt > 0) {
@@ -154,9 +154,9 @@ void SimulateAfterRead(IOProvider* io, uint64_t bytes, uint32_t start) {
     }
     if (VelmoIOServiceWanted()) break;
     const int64_t slice = std::min(debt, SliceMs);
-    int64_t left = slice;
-    io->SimulateWait(&left, 0, Now(io), rate);
-    debt -= slice - left;  // `left` ends at 0 or below: what was slept beyond the slice
+    VelmoSimulateCounter left = {slice, rate};
+    io->SimulateWait(&left, 0, Now(io));
+    debt -= slice - left.Owed;  // ends at 0 or below: what was slept beyond the slice
   }
 }
 
@@ -398,8 +398,8 @@ void FileSetInfo(IOProvider* io, void* buffer, uint64_t size, uint64_t fileSize,
   io->RingEnd = start ? start + usable : nullptr;
   io->BufferSize = usable;
   io->FileTotal = fileSize;
-  io->SimulateRate = simulateRate == 0xFFFFFFFFu ? 0 : simulateRate;
-  io->SimulateDebt = 0;
+  io->Simulate.Rate = simulateRate == 0xFFFFFFFFu ? 0 : simulateRate;
+  io->Simulate.Owed = 0;
   SetCounter(io, &io->RingFree, usable);
   SetCounter(io, &io->BufferUsed, 0);
   SetCounter(io, &io->RingRead, 0);

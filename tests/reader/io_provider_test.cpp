@@ -303,7 +303,7 @@ TEST_F(FileProviderTest, ReadTimeIsBookedByWhetherALibraryCallRuns) {
 TEST_F(FileProviderTest, ASimulatedRateMakesReadsTakeTheirTime) {
   // 1310720 bytes per second: one unit costs 100 ms. The clock moves 5 ms at each look.
   auto r = Start(6 * Unit, 4 * Unit, 0x2000, 0, 1310720);
-  EXPECT_EQ(r->Io->SimulateRate, 1310720u);
+  EXPECT_EQ(r->Io->Simulate.Rate, 1310720u);
   ClockStep = 5;
   r->Idle();  // the first unit is shorter by the head
   // A unit at the full rate; on a medium slower than the simulated one, nothing more than the
@@ -317,6 +317,43 @@ TEST_F(FileProviderTest, ASimulatedRateMakesReadsTakeTheirTime) {
     EXPECT_GE(ClockNow - before, least) << cost;
     EXPECT_LE(ClockNow - before, most) << cost;
   }
+}
+
+// The library's service as a provider of a program's own calls it, with its own account:
+// what the bytes cost at the account's rate, less the time the read took, is slept off; credit
+// from a slow read is carried to the next one.
+TEST_F(FileProviderTest, TheSimulateServiceKeepsAProvidersOwnAccount) {
+  Rig rig;
+  VelmoInstallProviderServices(rig.H);
+  IOProvider* io = rig.Io;
+  ClockStep = 1;
+  VelmoSimulateCounter account = {0, 2000};  // 2000 bytes per second: 100 bytes cost 50 ms
+  uint32_t before = ClockNow;
+  io->SimulateWait(&account, 100, io->Timer());
+  EXPECT_GE(ClockNow - before, 50u);
+  EXPECT_LE(ClockNow - before, 54u);
+  EXPECT_LE(account.Owed, 0);
+  EXPECT_GT(account.Owed, -2);
+
+  // A read that took 80 ms for 50 ms worth: no wait, 30 ms of credit.
+  account.Owed = 0;
+  before = ClockNow;
+  io->SimulateWait(&account, 100, before - 80);
+  EXPECT_LE(ClockNow - before, 2u);
+  EXPECT_LE(account.Owed, -29);
+  EXPECT_GE(account.Owed, -31);
+  // The next 50 ms worth, read at once, waits only what the credit leaves.
+  before = ClockNow;
+  io->SimulateWait(&account, 100, io->Timer());
+  EXPECT_GE(ClockNow - before, 19u);
+  EXPECT_LE(ClockNow - before, 24u);
+
+  // No rate: nothing is owed for the bytes.
+  VelmoSimulateCounter none = {0, 0};
+  before = ClockNow;
+  io->SimulateWait(&none, 1 << 20, io->Timer());
+  EXPECT_LE(ClockNow - before, 2u);
+  EXPECT_LE(none.Owed, 0);
 }
 
 TEST_F(FileProviderTest, SuspendStopsReadingAheadButNotFrameReads) {
