@@ -102,15 +102,61 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
 // How a block's groups are laid out beyond the plain rule.
 struct GroupLayout {
   uint32_t WidenBy = 0;      // the last channel's first group with room: alone, this much wider
-  uint32_t SplitFrom = ~0u;  // from this coefficient on, groups with coded bits stand alone
+  uint32_t SplitFrom = ~0u;  // from this coefficient on, groups stand alone
 };
 
-// Writes the coefficients from index 2 in groups of eight, runs of equal width joined.
-// With `widenBy`, the first group whose width can take it is written alone and that much
-// wider than it needs: the same values in more bits, which moves the end of the block.
-// Groups of nonzero width starting at or after `splitFrom` are not joined into runs.
+// Bits that surely follow a channel's groups in its block: at the end of the last channel the
+// padding that one of the widenings leaves (at least 24 bits), before another channel its two
+// leading floats and band indices as well.
+size_t BitsAfterChannel(bool lastChannel, uint32_t bandCount) {
+  constexpr size_t SurePadding = 24;
+  return lastChannel ? SurePadding : SurePadding + 2 * 29 + 8 * size_t{bandCount};
+}
+
+// Plans the runs of the trailing groups of width 0 (from `from` to the end), from the end
+// backwards: a reader judges a run of n zero coefficients at 9 + n bits, and only the runs
+// behind it (and `after`) lie between it and the end, so each run may cover about as many
+// coefficients as there are bits behind it. runAt[g] gets the groups of the run that starts
+// at g.
+void PlanZeroTail(uint32_t from, uint32_t groups, uint32_t length, size_t after,
+                  uint8_t* runAt) {
+  size_t behind = after;
+  uint32_t end = groups;
+  while (end > from) {
+    const uint32_t most = std::min(end - from, 64u);
+    uint32_t run = 1;
+    for (uint32_t r = most; r > 1; --r) {
+      // A run that ends the channel may be of any length (the longest code, cut by the end);
+      // others must be a length of the run list.
+      bool codable = end == groups;
+      for (uint32_t k = 0; k < 16 && !codable; ++k) codable = VelmoAudioRunGroups[k] == r;
+      const size_t coefficients = std::min(length, 2 + 8 * end) - (2 + 8 * (end - r));
+      if (codable && 9 + coefficients <= 9 + behind) {
+        run = r;
+        break;
+      }
+    }
+    runAt[end - run] = static_cast<uint8_t>(run);
+    behind += run == 1 ? 5 : 9;
+    end -= run;
+  }
+}
+
+// The run code for `run` groups from g, `remaining` groups being left.
+uint32_t RunCode(uint32_t run, uint32_t remaining) {
+  if (run == remaining) return 15;  // the longest run, cut by the end
+  uint32_t code = 15;
+  while (VelmoAudioRunGroups[code] > run) --code;
+  return code;
+}
+
+// Writes the coefficients from index 2 in groups of eight, runs of equal width joined; the
+// trailing groups of width 0 in runs planned to stay within the bits behind them (`after` is
+// what surely follows the channel). With `widenBy`, the first group whose width can take it is
+// written alone and that much wider than it needs: the same values in more bits, which moves
+// the end of the block. Groups starting at or after `splitFrom` are not joined into runs.
 void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length,
-                 uint32_t channel, uint32_t widenBy, uint32_t splitFrom,
+                 uint32_t channel, uint32_t widenBy, uint32_t splitFrom, size_t after,
                  std::vector<VelmoAudioGroupReach>& reach) {
   const uint32_t groups = (length - 2 + 7) / 8;
   uint8_t widths[VelmoAudioMaxLength / 8];
@@ -129,23 +175,29 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
       widths[g] = static_cast<uint8_t>(widths[g] + widenBy);
       break;
     }
+  uint32_t tail = groups;
+  while (tail > 0 && widths[tail - 1] == 0) --tail;
+  uint8_t runAt[VelmoAudioMaxLength / 8] = {};
+  PlanZeroTail(tail, groups, length, after, runAt);
+
   uint32_t g = 0;
   while (g < groups) {
     const size_t start = out.BitCount();
     const uint32_t width = widths[g];
     const uint32_t remaining = groups - g;
     uint32_t same = 1;
-    if (g != widen)
-      while (same < 64 && g + same < groups && widths[g + same] == width && g + same != widen &&
-             (width == 0 || 2 + 8 * (g + same) < splitFrom))
+    if (g >= tail) {
+      same = runAt[g];
+    } else if (g != widen) {
+      while (same < 64 && g + same < tail && widths[g + same] == width && g + same != widen &&
+             2 + 8 * (g + same) < splitFrom)
         ++same;
+    }
     uint32_t covered = 1;
     if (same == 1) {
       out.Write(0, 1);
     } else {
-      uint32_t code = 15;  // all that remain match: the longest run, cut by the end
-      if (same < remaining)
-        while (VelmoAudioRunGroups[code] > same) --code;
+      const uint32_t code = RunCode(same, remaining);
       out.Write(1, 1);
       out.Write(code, 4);
       covered = std::min(VelmoAudioRunGroups[code], remaining);
@@ -153,8 +205,9 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
     out.Write(width, 4);
     const uint32_t first = 2 + 8 * g;
     const uint32_t end = std::min(length, 2 + 8 * (g + covered));
+    // The reader judges every group at 9 bits and w + 1 bits a coefficient, zero runs too.
+    reach.push_back({start, 9 + size_t{end - first} * (width + 1), channel, first});
     if (width) {
-      reach.push_back({start, 9 + size_t{end - first} * (width + 1), channel, first});
       for (uint32_t i = first; i < end; ++i) {
         const int32_t m = magnitudes[i];
         out.Write(static_cast<uint32_t>(std::abs(m)), width);
@@ -229,7 +282,8 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
     out.Write(e->Leading[2 * c + 1], 29);
     for (uint32_t b = 0; b < e->BandCount; ++b) out.Write(e->Indices[c * VelmoAudioMaxBands + b], 8);
     WriteGroups(out, e->Magnitudes.data() + size_t{c} * e->Length, e->Length, c,
-                c == last ? layout.WidenBy : 0, layout.SplitFrom, reach);
+                c == last ? layout.WidenBy : 0, layout.SplitFrom,
+                BitsAfterChannel(c == last, e->BandCount), reach);
   }
   out.PadToWord();
   const size_t end = out.BitCount();
@@ -242,9 +296,9 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
 }
 
 // A packet may end right after any block, and a reader ends a channel at a group that could
-// run past the packet, judging it at 9 + (w + 1) bits a coefficient. A group with zero
-// magnitudes takes less than that, so near the end of a block its reach may pass the last
-// word. Then the block is written again: with a group of its last channel (the first with
+// run past the packet, judging it at 9 + (w + 1) bits a coefficient, a width of 0 included.
+// A group with zero magnitudes takes less than that (a run of zero width only its head), so
+// near the end of a block its reach may pass the last word. Then the block is written again: with a group of its last channel (the first with
 // room) one, two or three bits wider (8 to 24 bits more, which moves the padding, so that one
 // of the four tries leaves at least 24 bits of it); then also with the groups
 // from the one that reaches too far on standing alone, so that no long run of mostly zero
@@ -263,12 +317,15 @@ void CodeBlock(VelmoAudioEncoder* e, AudioBitWriter& out) {
       if (pass == 1) layout.SplitFrom = splitFrom;
     }
   }
-  layout.WidenBy = 0;
-  for (;;) {
+  // Each round drops at least the failing group's coefficients, so the rounds are bounded by
+  // the groups; the widenings are tried again each time, as the end of the block moves.
+  for (uint32_t round = 0; round <= e->Length / 8; ++round) {
     int32_t* magnitudes = e->Magnitudes.data() + size_t{failing.Channel} * e->Length;
     std::fill(magnitudes + failing.First, magnitudes + e->Length, 0);
-    out.Restart();
-    if (WriteBlock(e, out, layout, &failing)) return;
+    for (layout.WidenBy = 0; layout.WidenBy <= 3; ++layout.WidenBy) {
+      out.Restart();
+      if (WriteBlock(e, out, layout, &failing)) return;
+    }
   }
 }
 
