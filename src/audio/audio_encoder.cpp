@@ -105,19 +105,19 @@ struct GroupLayout {
   uint32_t SplitFrom = ~0u;  // from this coefficient on, groups stand alone
 };
 
-// Bits that surely follow a channel's groups in its block: at the end of the last channel the
-// padding that one of the widenings leaves (at least 24 bits), before another channel its two
-// leading floats and band indices as well.
+// Bits that surely follow a channel's groups in its block: none after the last channel (its
+// padding may be none), the next channel's two leading floats and band indices otherwise.
 size_t BitsAfterChannel(bool lastChannel, uint32_t bandCount) {
-  constexpr size_t SurePadding = 24;
-  return lastChannel ? SurePadding : SurePadding + 2 * 29 + 8 * size_t{bandCount};
+  return lastChannel ? 0 : 2 * 29 + 8 * size_t{bandCount};
 }
 
 // Plans the runs of the trailing groups of width 0 (from `from` to the end), from the end
 // backwards: a reader judges a run of n zero coefficients at 9 + n bits, and only the runs
 // behind it (and `after`) lie between it and the end, so each run may cover about as many
-// coefficients as there are bits behind it. runAt[g] gets the groups of the run that starts
-// at g.
+// coefficients as there are bits behind it. With nothing after it the last group stands alone:
+// either the block's padding holds its reach, or a reader gives it up in the word where it
+// starts, which ends the channel as the encoder did (see BlockAgrees). runAt[g] gets the
+// groups of the run that starts at g.
 void PlanZeroTail(uint32_t from, uint32_t groups, uint32_t length, size_t after,
                   uint8_t* runAt) {
   size_t behind = after;
@@ -269,6 +269,17 @@ void PrepareChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data,
                                  e->Magnitudes.data() + size_t{channel} * length);
 }
 
+// A reader that gives up group `r` of a block ending at bit `end` goes back to the group's
+// start, takes the rest of the channel as zeros and moves on to the next word. When that is
+// the last channel, its coefficients from the group on are zeros anyway and the group starts
+// in the block's last word, the reader ends the block just as it was written.
+bool GivingUpIsHarmless(const VelmoAudioEncoder* e, const VelmoAudioGroupReach& r, size_t end) {
+  if (r.Channel != e->ChannelsCoded - 1 || (r.Start + 31) / 32 * 32 != end) return false;
+  const int32_t* magnitudes = e->Magnitudes.data() + size_t{r.Channel} * e->Length;
+  return std::all_of(magnitudes + r.First, magnitudes + e->Length,
+                     [](int32_t m) { return m == 0; });
+}
+
 // Writes the prepared channels as one block; returns whether every group's longest reach
 // stays within the block, and if not, the first group that passes it.
 bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& layout,
@@ -289,6 +300,7 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
   const size_t end = out.BitCount();
   for (const VelmoAudioGroupReach& r : reach)
     if (r.Start + r.Longest > end) {
+      if (GivingUpIsHarmless(e, r, end)) return true;
       *failing = r;
       return false;
     }
@@ -297,13 +309,14 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
 
 // A packet may end right after any block, and a reader ends a channel at a group that could
 // run past the packet, judging it at 9 + (w + 1) bits a coefficient, a width of 0 included.
-// A group with zero magnitudes takes less than that (a run of zero width only its head), so
-// near the end of a block its reach may pass the last word. Then the block is written again: with a group of its last channel (the first with
-// room) one, two or three bits wider (8 to 24 bits more, which moves the padding, so that one
-// of the four tries leaves at least 24 bits of it); then also with the groups
-// from the one that reaches too far on standing alone, so that no long run of mostly zero
-// magnitudes reaches far; failing all that, the channel's coefficients from the group that
-// reaches too far on are dropped, as the reader would drop them.
+// Trailing zero runs are planned for that (WriteGroups); a group with zeros among coded
+// magnitudes takes less than its reach too, so near the end of a block its reach may pass the
+// last word. Then the block is written again: with a group of its last channel (the first
+// with room) one, two or three bits wider (8 to 24 bits more, which moves the padding); then
+// also with the groups from the one that reaches too far on standing alone, so that no long
+// run of mostly zero magnitudes reaches far; failing all that, the channel's coefficients from
+// the group that reaches too far on are dropped, as the reader would drop them, until the
+// block ends in zero runs that always agree.
 void CodeBlock(VelmoAudioEncoder* e, AudioBitWriter& out) {
   VelmoAudioGroupReach failing{};
   GroupLayout layout;
