@@ -26,21 +26,15 @@ double QuietCurve(double f) {
 void BuildQuietTables(VelmoAudioEncoder* e, uint32_t bandRate) {
   const uint64_t nyquist = VelmoAudioNyquist(bandRate);
   const uint32_t length = e->Length;
-  // In the older form the interleaved samples of a stereo pair make one signal at twice the
-  // rate. Its lower half of the spectrum holds what the channels share, at the true
-  // frequency; the upper half holds what sets them apart, mirrored: content at f appears at
-  // rate - f. Taking the threshold at the true frequency keeps that difference, which a plain
-  // halving of the frequency would put up near 22 kHz and drop, folding stereo to mono.
-  const bool interleaved = !e->IsCurrentForm && e->Channels == 2;
+  // The frequency of coefficient k in whole Hz; in the older form the interleaved channels
+  // make one signal at channels times the rate, so the frequency is divided back by them.
+  const double perChannel = e->IsCurrentForm ? 1.0 : static_cast<double>(e->Channels);
   e->QuietThreshold.resize(length);
   e->QuietPower.resize(length);
   for (uint32_t k = 0; k < length; ++k) {
-    uint64_t hz = k * nyquist / length;
-    if (interleaved && 2 * hz > nyquist) hz = nyquist - hz;
-    // The curve is held at 130 dB, past the loudest coefficient 16-bit samples can give
-    // (about 117 dB): above that it only says "never heard", and holding it keeps it finite
-    // at 0 Hz and lets the low levels' lowering reach the top of fast rates' spectra.
-    const double threshold = std::min(QuietCurve(static_cast<double>(hz) * 0.001), 130.0);
+    const uint64_t hz = k * nyquist / length;
+    // At 0 Hz the curve is infinite: that coefficient is the leading float, never judged.
+    const double threshold = QuietCurve(static_cast<double>(hz) * 0.001 / perChannel);
     e->QuietThreshold[k] = static_cast<float>(threshold);
     e->QuietPower[k] = std::pow(10.0, static_cast<double>(e->QuietThreshold[k]) / 10.0);
   }
@@ -80,17 +74,12 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
     const float s = std::fabs(rp) + r;
     float c = 0.5f;
     if (s >= 2.5f) {
-      // The phase error is an angle: taken modulo a turn, into -pi .. pi.
-      const float turn = 6.28318531f;
-      float dp = pp - phase[k];
-      dp -= turn * std::nearbyint(dp / turn);
+      // Magnitude and phase errors go into one root, the phase as it comes, unwrapped. The
+      // unpredictability counts between 0.05 and 0.5; outside that range (a prediction that
+      // is very good or very bad) it is taken as 0.5, noise.
+      const float dp = pp - phase[k];
       c = std::sqrt((rp - r) * (rp - r) + dp * dp) / s;
-      // The unpredictability is held within 0.05 .. 0.5, the range over which the measure
-      // below runs from 1 (tonal) to 0 (noise). A prediction better than 0.05 is as tonal as
-      // one can be; sending it to 0.5 would call every steady tone noise and starve it of
-      // bits. Only a figure that is not a number counts as noise.
-      if (c > 0.5f || std::isnan(c)) c = 0.5f;
-      else if (c < 0.05f) c = 0.05f;
+      if (c > 0.5f || !(c >= 0.05f)) c = 0.5f;
     }
     sumW += r;
     sumV += r * (-0.43f * std::log(c) - 0.29f);
@@ -412,15 +401,7 @@ void VelmoAudioChooseBandQuantisers(const VelmoAudioEncoder* e, const float* coe
         top = i;
         break;
       }
-    // The finest step is useless once magnitudes pass 32767: they are capped, and the cap's
-    // error is far above any allowance. The search starts from the finest step that holds
-    // the largest magnitude, which is then also the answer when no step meets the limit.
-    uint32_t fits = 0;
-    while (fits < VelmoAudioMaxIndex &&
-           std::trunc(largest / VelmoAudioQuantStep(fits) + 0.5f) > VelmoAudioMaxMagnitude)
-      ++fits;
-    if (top < fits) top = fits;
-    uint32_t high = top + 2, low = fits, mid = (high + low) / 2, result = fits;
+    uint32_t high = top + 2, low = 0, mid = high / 2, result = 0;
     double best = 0;
     const double limit = energy / std::pow(10.0, allowance[b] / 10.0) * (1.0 + 1e-7);
     for (;;) {
@@ -452,47 +433,35 @@ void VelmoAudioChooseBandQuantisers(const VelmoAudioEncoder* e, const float* coe
 VelmoAudioLevelShape VelmoAudioShapeOfQuality(float quality) {
   quality = ClampQuality(quality);
   VelmoAudioLevelShape shape;
-  // Levels 0 to 4 run from lossless to the model's own allowances: 12 dB a level, so that
-  // level 0 asks some 66 dB or more of every band, which the finest steps give.
-  // Above 4 the allowances loosen with the square root of the distance, so that each
-  // level still counts at 99 (some 24 dB less) and none silences the sound outright. (A
-  // straight 2 dB a level would take the noise-like bands' 18 dB to nothing by level 9 and
-  // the most tonal band's 51 dB by level 26, leaving the rest of the range silent.)
-  if (quality < 4.0f) shape.AllowanceShift = 12.0f * (4.0f - quality);
-  else shape.AllowanceShift = -2.4f * std::sqrt(quality - 4.0f);
-  // The threshold in quiet rises by half a dB a level from 4 on (10 dB a level would drop
-  // all but the loudest partials above 920 Hz by level 10). Below 4 it sinks fast, 75 dB a
-  // level, so that level 0 drops nothing and puts no floor under any step: even where the
-  // curve is held at its 130 dB, a coefficient is kept.
-  shape.QuietRaise = quality < 4.0f ? 2.0f - 75.0f * (4.0f - quality) : quality * 0.5f;
+  shape.AllowanceShift = -2.0f * quality;  // 2 dB less allowance a level
+  shape.FloorRaise = quality;              // the quiet floor under the steps: 1 dB a level
+  shape.HighBandRaise = 10.0f * quality;   // the threshold of bands 8 and up: 10 dB a level
   return shape;
 }
 
 void VelmoAudioFloorByQuiet(const VelmoAudioEncoder* e, float quality, uint32_t* indices) {
   // A band's step need not be finer than what its threshold in quiet (raised by the level)
-  // lets pass unheard. The threshold is a power in dB and a step is an amplitude, so index i,
-  // a step of 0.664 i dB, squares to 1.328 i dB: the floor is the step whose square meets the
-  // threshold, which leaves its rounding noise (a twelfth of the square) 10.8 dB below.
-  const float raise = VelmoAudioShapeOfQuality(quality).QuietRaise;
+  // lets pass unheard: the index whose step, 0.664 dB an index, reaches that level.
+  const float raise = VelmoAudioShapeOfQuality(quality).FloorRaise;
   for (uint32_t b = 0; b < e->BandCount; ++b) {
     if (indices[b] >= 255) continue;
     const float v = raise + e->BandQuiet[b];
-    if (v > indices[b] * 1.328f)
-      indices[b] = std::min<uint32_t>(255, static_cast<uint32_t>(v * 0.75301205f));
+    if (v > indices[b] * 0.664f)
+      indices[b] = std::min<uint32_t>(255, static_cast<uint32_t>((v + 0.3319f) * 1.5060241f));
   }
 }
 
 void VelmoAudioQuantiseCoefficients(const VelmoAudioEncoder* e, const float* coefficients,
                                     const uint32_t* indices, float quality, int32_t* magnitudes) {
+  // The level raises the threshold in quiet of the bands from 8 on: 10 dB a level is a factor
+  // of 10 in power.
   const double raised =
-      std::pow(10.0, static_cast<double>(VelmoAudioShapeOfQuality(quality).QuietRaise) / 10.0);
+      std::pow(10.0, static_cast<double>(VelmoAudioShapeOfQuality(quality).HighBandRaise) / 10.0);
   for (uint32_t i = 2; i < e->Length; ++i) {
     const uint32_t band = e->CoefficientBand[i];
     const float x = coefficients[i];
-    // The level raises the threshold in the bands from 8 on only; a lowering (levels below
-    // 4) applies to all.
     double threshold = e->QuietPower[i];
-    if (band >= 8 || raised < 1.0) threshold *= raised;
+    if (band >= 8) threshold *= raised;
     int32_t magnitude = 0;
     if (e->BandCount && double{x} * x >= threshold) {
       const float step = VelmoAudioQuantStep(indices[band]);
