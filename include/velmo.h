@@ -215,8 +215,10 @@ VELMO_API uint32_t VelmoDoFrameAsyncWait(HVELMO handle, int32_t microseconds);
 VELMO_API uint32_t VelmoAsyncQueueFree(uint32_t number);
 
 /* Copies the current frame (or a rectangle of it) into an interleaved surface: flags are a
- * VelmoSurface* format and VelmoCopy* bits (velmo_flags.h). A negative pitch stores bottom-up.
- * HDR frames are not copied. 1 if the frame was skipped or a skip was reported. */
+ * VelmoSurface* format and VelmoCopy* bits (velmo_flags.h). The rectangle is limited to the
+ * frame only: the surface must have room for it at (destX, destY). A negative pitch stores
+ * bottom-up, `dest` being the lowest line and destY counting up from it. HDR frames are not
+ * copied. 1 if the frame was skipped or a skip was reported. */
 VELMO_API uint32_t VelmoCopyToBuffer(HVELMO handle, void* dest, int32_t pitch,
                                      int32_t destHeight, int32_t destX, int32_t destY,
                                      uint32_t flags);

@@ -24,7 +24,8 @@ enum {
   VelmoOpenFullRange = VelmoFlagFullRange,   /* from the file's flags */
   VelmoOpenFileOffset = 0x20,         /* use FileOffset */
   VelmoOpenKeepThreads = 0x40,        /* keep the background threads when the last file closes */
-  VelmoOpenFileLoop = 0x80,           /* the read-ahead wraps at the end of the file */
+  VelmoOpenFileLoop = 0x80,           /* at the end of the file, touch the loop point once; the
+                                         read-ahead clears the flag when it does */
   VelmoOpenOwnBuffers = 0x100,        /* the caller brings its frame buffers: becomes 0x400 */
   VelmoOpenNoBuffers = 0x400,         /* allocate no frame buffers; no decoding */
   VelmoOpenForceRate = 0x1000,        /* use ForcedRate */

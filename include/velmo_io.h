@@ -23,6 +23,13 @@ typedef struct IOProvider IOProvider;
 #define VELMO_IO_CONTINUE UINT64_C(0xFFFFFFFFFFFFFFFF)
 #define VELMO_IO_BUSY 0xFFFFFFFFu
 
+/* The account of a simulated slow medium, kept by the provider and handed to the library's
+ * SimulateWait: the ms owed (below 0, credit for the next read) and the medium's rate. */
+typedef struct VelmoSimulateCounter {
+  int64_t Owed;
+  uint32_t Rate; /* bytes per second; 0 = no simulation */
+} VelmoSimulateCounter;
+
 /* `BackgroundControl` bits. */
 enum {
   VelmoIOSuspend = 0x1,          /* suspend reading ahead */
@@ -56,9 +63,10 @@ struct IOProvider {
   uint32_t (*TryLock)(IOProvider* io); /* nonzero if locked; always so without background */
   void (*Unlock)(IOProvider* io);
   void (*UnlockIfHeld)(IOProvider* io); /* try-lock with a long wait and unlock: a flush */
-  /* Adds bytes * 1000 / rate ms to *debt, takes off the time since startTime, and sleeps off a
-   * positive debt 1 ms at a time. */
-  void (*SimulateWait)(int64_t* debt, uint64_t bytes, uint32_t startTime, uint32_t rate);
+  /* Adds bytes * 1000 / the counter's rate ms to what the counter owes, takes off the time
+   * since startTime, and sleeps off a positive debt 1 ms at a time; what is left (at most 0)
+   * stays in the counter for the next read. */
+  void (*SimulateWait)(VelmoSimulateCounter* counter, uint64_t bytes, uint32_t startTime);
   uint32_t (*Timer)(void);
   void (*AfterRead)(void* dest, uint64_t bytes);
   void (*AddCounter)(volatile uint64_t* address, int64_t delta); /* atomic 64-bit add */
@@ -92,8 +100,7 @@ struct IOProvider {
   uint32_t OwnsHandle;           /* 0 if the file handle was passed in */
 
   /* Provider-owned extras. */
-  uint32_t SimulateRate;         /* bytes per second; 0 = no simulation */
-  int64_t SimulateDebt;          /* ms owed to the simulated medium */
+  VelmoSimulateCounter Simulate; /* the simulated medium: its rate and what is owed to it */
   void* Context;                 /* a custom provider's own data */
   uint64_t MediumPos;            /* the medium's place (without BaseOffset); all ones unknown */
   uint64_t RingBase;             /* while the ring holds the whole file: the file position of

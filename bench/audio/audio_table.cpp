@@ -1,6 +1,7 @@
-// Measures the sound codec on WAV files: for each file and level, bits per second, SNR and
-// segmental SNR of the decode against the source, and encode and decode speed as multiples
-// of real time (processor time of one thread). Prints a Markdown table.
+// Measures the sound codec on WAV files: for each file and level, the bytes of the sound
+// stream and bits per second, SNR and segmental SNR of the decode against the source, and
+// encode and decode speed as multiples of real time (processor time of one thread). Prints a
+// Markdown table. Levels are a list of numbers and ranges: -levels 0-99,104.
 //   audio_table file.wav [file.wav...] [-levels 0,4,10,30,60,99]
 #include "audio/velmo_audio.h"
 
@@ -58,6 +59,7 @@ bool ReadWave(const char* path, Wave* wave) {
 }
 
 struct Result {
+  size_t Bytes;
   double BitsPerSecond, Snr, SegmentalSnr, EncodeSpeed, DecodeSpeed;
 };
 
@@ -140,6 +142,7 @@ Result Measure(const Wave& wave, int level) {
     ++segments;
   }
   Result result;
+  result.Bytes = stream.size();
   result.BitsPerSecond = stream.size() * 8.0 / duration;
   result.Snr = noise > 0 ? 10 * std::log10(signal / noise) : 200;
   result.SegmentalSnr = segments ? segmentSum / segments : 35;
@@ -151,7 +154,12 @@ Result Measure(const Wave& wave, int level) {
 std::vector<int> ParseLevels(const char* text) {
   std::vector<int> levels;
   for (const char* p = text; *p;) {
-    levels.push_back(std::atoi(p));
+    char* next;
+    const long first = std::strtol(p, &next, 10);
+    long last = first;
+    if (*next == '-') last = std::strtol(next + 1, &next, 10);
+    for (long level = first; level <= last; ++level) levels.push_back(static_cast<int>(level));
+    p = next;
     while (*p && *p != ',') ++p;
     if (*p == ',') ++p;
   }
@@ -171,8 +179,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: audio_table file.wav [...] [-levels 0,4,10]\n");
     return 2;
   }
-  std::printf("| clip | rate, ch | level | bits/s | SNR dB | seg. SNR dB | encode x RT | decode x RT |\n");
-  std::printf("|---|---|---:|---:|---:|---:|---:|---:|\n");
+  std::printf("| clip | rate, ch | level | bytes | bits/s | SNR dB | seg. SNR dB | encode x RT | decode x RT |\n");
+  std::printf("|---|---|---:|---:|---:|---:|---:|---:|---:|\n");
   for (const char* path : files) {
     Wave wave;
     if (!ReadWave(path, &wave)) {
@@ -184,9 +192,10 @@ int main(int argc, char** argv) {
     for (int level : levels) {
       if (!VelmoAudioLevelValid(level)) continue;
       const Result r = Measure(wave, level);
-      std::printf("| %s | %u, %u | %d | %.0f | %.2f | %.2f | %.0f | %.0f |\n", name.c_str(),
-                  wave.Rate, wave.Channels, level, r.BitsPerSecond, r.Snr, r.SegmentalSnr,
-                  r.EncodeSpeed, r.DecodeSpeed);
+      std::printf("| %s | %u, %u | %d | %zu | %.0f | %.2f | %.2f | %.0f | %.0f |\n", name.c_str(),
+                  wave.Rate, wave.Channels, level, r.Bytes, r.BitsPerSecond, r.Snr,
+                  r.SegmentalSnr, r.EncodeSpeed, r.DecodeSpeed);
+      std::fflush(stdout);
     }
   }
   return 0;

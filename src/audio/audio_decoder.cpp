@@ -109,11 +109,10 @@ void ReadChannel(const VelmoAudioDecoder* decoder, AudioBitReader& reader, size_
     const uint32_t width = reader.Read(4);
     // A group whose bits could run past the packet ends the channel: the reader goes back to
     // the group's start and everything from there on is silence. The group is judged before
-    // it is read, at its longest: 9 bits of head and w + 1 bits a coefficient. A width of 0
-    // codes no coefficient bits at all (a run of 512 zeros takes its 9 bits and no more), so
-    // such a group counts its 9 bits only; counting a bit for each of its zeros would end
-    // valid channels early and move the next channel's start.
-    const size_t longest = 9 + (width ? size_t{end - i} * (width + 1) : 0);
+    // it is read, at its longest: 9 bits of head and w + 1 bits a coefficient, a width of 0
+    // included (such a group then reads only its head). The encoder lays its blocks out so
+    // that no group of its own fails this test at the end of the block.
+    const size_t longest = 9 + size_t{end - i} * (width + 1);
     if (groupStart + longest > total) {
       reader.Seek(groupStart);
       break;

@@ -26,21 +26,15 @@ double QuietCurve(double f) {
 void BuildQuietTables(VelmoAudioEncoder* e, uint32_t bandRate) {
   const uint64_t nyquist = VelmoAudioNyquist(bandRate);
   const uint32_t length = e->Length;
-  // In the older form the interleaved samples of a stereo pair make one signal at twice the
-  // rate. Its lower half of the spectrum holds what the channels share, at the true
-  // frequency; the upper half holds what sets them apart, mirrored: content at f appears at
-  // rate - f. Taking the threshold at the true frequency keeps that difference, which a plain
-  // halving of the frequency would put up near 22 kHz and drop, folding stereo to mono.
-  const bool interleaved = !e->IsCurrentForm && e->Channels == 2;
+  // The frequency of coefficient k in whole Hz; in the older form the interleaved channels
+  // make one signal at channels times the rate, so the frequency is divided back by them.
+  const double perChannel = e->IsCurrentForm ? 1.0 : static_cast<double>(e->Channels);
   e->QuietThreshold.resize(length);
   e->QuietPower.resize(length);
   for (uint32_t k = 0; k < length; ++k) {
-    uint64_t hz = k * nyquist / length;
-    if (interleaved && 2 * hz > nyquist) hz = nyquist - hz;
-    // The curve is held at 130 dB, past the loudest coefficient 16-bit samples can give
-    // (about 117 dB): above that it only says "never heard", and holding it keeps it finite
-    // at 0 Hz and lets the low levels' lowering reach the top of fast rates' spectra.
-    const double threshold = std::min(QuietCurve(static_cast<double>(hz) * 0.001), 130.0);
+    const uint64_t hz = k * nyquist / length;
+    // At 0 Hz the curve is infinite: that coefficient is the leading float, never judged.
+    const double threshold = QuietCurve(static_cast<double>(hz) * 0.001 / perChannel);
     e->QuietThreshold[k] = static_cast<float>(threshold);
     e->QuietPower[k] = std::pow(10.0, static_cast<double>(e->QuietThreshold[k]) / 10.0);
   }
@@ -80,17 +74,12 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
     const float s = std::fabs(rp) + r;
     float c = 0.5f;
     if (s >= 2.5f) {
-      // The phase error is an angle: taken modulo a turn, into -pi .. pi.
-      const float turn = 6.28318531f;
-      float dp = pp - phase[k];
-      dp -= turn * std::nearbyint(dp / turn);
+      // Magnitude and phase errors go into one root, the phase as it comes, unwrapped. The
+      // unpredictability counts between 0.05 and 0.5; outside that range (a prediction that
+      // is very good or very bad) it is taken as 0.5, noise.
+      const float dp = pp - phase[k];
       c = std::sqrt((rp - r) * (rp - r) + dp * dp) / s;
-      // The unpredictability is held within 0.05 .. 0.5, the range over which the measure
-      // below runs from 1 (tonal) to 0 (noise). A prediction better than 0.05 is as tonal as
-      // one can be; sending it to 0.5 would call every steady tone noise and starve it of
-      // bits. Only a figure that is not a number counts as noise.
-      if (c > 0.5f || std::isnan(c)) c = 0.5f;
-      else if (c < 0.05f) c = 0.05f;
+      if (c > 0.5f || !(c >= 0.05f)) c = 0.5f;
     }
     sumW += r;
     sumV += r * (-0.43f * std::log(c) - 0.29f);
@@ -102,15 +91,61 @@ float Tonality(float* history, uint32_t half, uint32_t from, uint32_t to, const 
 // How a block's groups are laid out beyond the plain rule.
 struct GroupLayout {
   uint32_t WidenBy = 0;      // the last channel's first group with room: alone, this much wider
-  uint32_t SplitFrom = ~0u;  // from this coefficient on, groups with coded bits stand alone
+  uint32_t SplitFrom = ~0u;  // from this coefficient on, groups stand alone
 };
 
-// Writes the coefficients from index 2 in groups of eight, runs of equal width joined.
-// With `widenBy`, the first group whose width can take it is written alone and that much
-// wider than it needs: the same values in more bits, which moves the end of the block.
-// Groups of nonzero width starting at or after `splitFrom` are not joined into runs.
+// Bits that surely follow a channel's groups in its block: none after the last channel (its
+// padding may be none), the next channel's two leading floats and band indices otherwise.
+size_t BitsAfterChannel(bool lastChannel, uint32_t bandCount) {
+  return lastChannel ? 0 : 2 * 29 + 8 * size_t{bandCount};
+}
+
+// Plans the runs of the trailing groups of width 0 (from `from` to the end), from the end
+// backwards: a reader judges a run of n zero coefficients at 9 + n bits, and only the runs
+// behind it (and `after`) lie between it and the end, so each run may cover about as many
+// coefficients as there are bits behind it. With nothing after it the last group stands alone:
+// either the block's padding holds its reach, or a reader gives it up in the word where it
+// starts, which ends the channel as the encoder did (see BlockAgrees). runAt[g] gets the
+// groups of the run that starts at g.
+void PlanZeroTail(uint32_t from, uint32_t groups, uint32_t length, size_t after,
+                  uint8_t* runAt) {
+  size_t behind = after;
+  uint32_t end = groups;
+  while (end > from) {
+    const uint32_t most = std::min(end - from, 64u);
+    uint32_t run = 1;
+    for (uint32_t r = most; r > 1; --r) {
+      // A run that ends the channel may be of any length (the longest code, cut by the end);
+      // others must be a length of the run list.
+      bool codable = end == groups;
+      for (uint32_t k = 0; k < 16 && !codable; ++k) codable = VelmoAudioRunGroups[k] == r;
+      const size_t coefficients = std::min(length, 2 + 8 * end) - (2 + 8 * (end - r));
+      if (codable && 9 + coefficients <= 9 + behind) {
+        run = r;
+        break;
+      }
+    }
+    runAt[end - run] = static_cast<uint8_t>(run);
+    behind += run == 1 ? 5 : 9;
+    end -= run;
+  }
+}
+
+// The run code for `run` groups from g, `remaining` groups being left.
+uint32_t RunCode(uint32_t run, uint32_t remaining) {
+  if (run == remaining) return 15;  // the longest run, cut by the end
+  uint32_t code = 15;
+  while (VelmoAudioRunGroups[code] > run) --code;
+  return code;
+}
+
+// Writes the coefficients from index 2 in groups of eight, runs of equal width joined; the
+// trailing groups of width 0 in runs planned to stay within the bits behind them (`after` is
+// what surely follows the channel). With `widenBy`, the first group whose width can take it is
+// written alone and that much wider than it needs: the same values in more bits, which moves
+// the end of the block. Groups starting at or after `splitFrom` are not joined into runs.
 void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length,
-                 uint32_t channel, uint32_t widenBy, uint32_t splitFrom,
+                 uint32_t channel, uint32_t widenBy, uint32_t splitFrom, size_t after,
                  std::vector<VelmoAudioGroupReach>& reach) {
   const uint32_t groups = (length - 2 + 7) / 8;
   uint8_t widths[VelmoAudioMaxLength / 8];
@@ -129,23 +164,29 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
       widths[g] = static_cast<uint8_t>(widths[g] + widenBy);
       break;
     }
+  uint32_t tail = groups;
+  while (tail > 0 && widths[tail - 1] == 0) --tail;
+  uint8_t runAt[VelmoAudioMaxLength / 8] = {};
+  PlanZeroTail(tail, groups, length, after, runAt);
+
   uint32_t g = 0;
   while (g < groups) {
     const size_t start = out.BitCount();
     const uint32_t width = widths[g];
     const uint32_t remaining = groups - g;
     uint32_t same = 1;
-    if (g != widen)
-      while (same < 64 && g + same < groups && widths[g + same] == width && g + same != widen &&
-             (width == 0 || 2 + 8 * (g + same) < splitFrom))
+    if (g >= tail) {
+      same = runAt[g];
+    } else if (g != widen) {
+      while (same < 64 && g + same < tail && widths[g + same] == width && g + same != widen &&
+             2 + 8 * (g + same) < splitFrom)
         ++same;
+    }
     uint32_t covered = 1;
     if (same == 1) {
       out.Write(0, 1);
     } else {
-      uint32_t code = 15;  // all that remain match: the longest run, cut by the end
-      if (same < remaining)
-        while (VelmoAudioRunGroups[code] > same) --code;
+      const uint32_t code = RunCode(same, remaining);
       out.Write(1, 1);
       out.Write(code, 4);
       covered = std::min(VelmoAudioRunGroups[code], remaining);
@@ -153,8 +194,9 @@ void WriteGroups(AudioBitWriter& out, const int32_t* magnitudes, uint32_t length
     out.Write(width, 4);
     const uint32_t first = 2 + 8 * g;
     const uint32_t end = std::min(length, 2 + 8 * (g + covered));
+    // The reader judges every group at 9 bits and w + 1 bits a coefficient, zero runs too.
+    reach.push_back({start, 9 + size_t{end - first} * (width + 1), channel, first});
     if (width) {
-      reach.push_back({start, 9 + size_t{end - first} * (width + 1), channel, first});
       for (uint32_t i = first; i < end; ++i) {
         const int32_t m = magnitudes[i];
         out.Write(static_cast<uint32_t>(std::abs(m)), width);
@@ -216,6 +258,17 @@ void PrepareChannel(VelmoAudioEncoder* e, uint32_t channel, const uint8_t* data,
                                  e->Magnitudes.data() + size_t{channel} * length);
 }
 
+// A reader that gives up group `r` of a block ending at bit `end` goes back to the group's
+// start, takes the rest of the channel as zeros and moves on to the next word. When that is
+// the last channel, its coefficients from the group on are zeros anyway and the group starts
+// in the block's last word, the reader ends the block just as it was written.
+bool GivingUpIsHarmless(const VelmoAudioEncoder* e, const VelmoAudioGroupReach& r, size_t end) {
+  if (r.Channel != e->ChannelsCoded - 1 || (r.Start + 31) / 32 * 32 != end) return false;
+  const int32_t* magnitudes = e->Magnitudes.data() + size_t{r.Channel} * e->Length;
+  return std::all_of(magnitudes + r.First, magnitudes + e->Length,
+                     [](int32_t m) { return m == 0; });
+}
+
 // Writes the prepared channels as one block; returns whether every group's longest reach
 // stays within the block, and if not, the first group that passes it.
 bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& layout,
@@ -229,12 +282,14 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
     out.Write(e->Leading[2 * c + 1], 29);
     for (uint32_t b = 0; b < e->BandCount; ++b) out.Write(e->Indices[c * VelmoAudioMaxBands + b], 8);
     WriteGroups(out, e->Magnitudes.data() + size_t{c} * e->Length, e->Length, c,
-                c == last ? layout.WidenBy : 0, layout.SplitFrom, reach);
+                c == last ? layout.WidenBy : 0, layout.SplitFrom,
+                BitsAfterChannel(c == last, e->BandCount), reach);
   }
   out.PadToWord();
   const size_t end = out.BitCount();
   for (const VelmoAudioGroupReach& r : reach)
     if (r.Start + r.Longest > end) {
+      if (GivingUpIsHarmless(e, r, end)) return true;
       *failing = r;
       return false;
     }
@@ -242,14 +297,15 @@ bool WriteBlock(VelmoAudioEncoder* e, AudioBitWriter& out, const GroupLayout& la
 }
 
 // A packet may end right after any block, and a reader ends a channel at a group that could
-// run past the packet, judging it at 9 + (w + 1) bits a coefficient. A group with zero
-// magnitudes takes less than that, so near the end of a block its reach may pass the last
-// word. Then the block is written again: with a group of its last channel (the first with
-// room) one, two or three bits wider (8 to 24 bits more, which moves the padding, so that one
-// of the four tries leaves at least 24 bits of it); then also with the groups
-// from the one that reaches too far on standing alone, so that no long run of mostly zero
-// magnitudes reaches far; failing all that, the channel's coefficients from the group that
-// reaches too far on are dropped, as the reader would drop them.
+// run past the packet, judging it at 9 + (w + 1) bits a coefficient, a width of 0 included.
+// Trailing zero runs are planned for that (WriteGroups); a group with zeros among coded
+// magnitudes takes less than its reach too, so near the end of a block its reach may pass the
+// last word. Then the block is written again: with a group of its last channel (the first
+// with room) one, two or three bits wider (8 to 24 bits more, which moves the padding); then
+// also with the groups from the one that reaches too far on standing alone, so that no long
+// run of mostly zero magnitudes reaches far; failing all that, the channel's coefficients from
+// the group that reaches too far on are dropped, as the reader would drop them, until the
+// block ends in zero runs that always agree.
 void CodeBlock(VelmoAudioEncoder* e, AudioBitWriter& out) {
   VelmoAudioGroupReach failing{};
   GroupLayout layout;
@@ -263,12 +319,15 @@ void CodeBlock(VelmoAudioEncoder* e, AudioBitWriter& out) {
       if (pass == 1) layout.SplitFrom = splitFrom;
     }
   }
-  layout.WidenBy = 0;
-  for (;;) {
+  // Each round drops at least the failing group's coefficients, so the rounds are bounded by
+  // the groups; the widenings are tried again each time, as the end of the block moves.
+  for (uint32_t round = 0; round <= e->Length / 8; ++round) {
     int32_t* magnitudes = e->Magnitudes.data() + size_t{failing.Channel} * e->Length;
     std::fill(magnitudes + failing.First, magnitudes + e->Length, 0);
-    out.Restart();
-    if (WriteBlock(e, out, layout, &failing)) return;
+    for (layout.WidenBy = 0; layout.WidenBy <= 3; ++layout.WidenBy) {
+      out.Restart();
+      if (WriteBlock(e, out, layout, &failing)) return;
+    }
   }
 }
 
@@ -342,15 +401,7 @@ void VelmoAudioChooseBandQuantisers(const VelmoAudioEncoder* e, const float* coe
         top = i;
         break;
       }
-    // The finest step is useless once magnitudes pass 32767: they are capped, and the cap's
-    // error is far above any allowance. The search starts from the finest step that holds
-    // the largest magnitude, which is then also the answer when no step meets the limit.
-    uint32_t fits = 0;
-    while (fits < VelmoAudioMaxIndex &&
-           std::trunc(largest / VelmoAudioQuantStep(fits) + 0.5f) > VelmoAudioMaxMagnitude)
-      ++fits;
-    if (top < fits) top = fits;
-    uint32_t high = top + 2, low = fits, mid = (high + low) / 2, result = fits;
+    uint32_t high = top + 2, low = 0, mid = high / 2, result = 0;
     double best = 0;
     const double limit = energy / std::pow(10.0, allowance[b] / 10.0) * (1.0 + 1e-7);
     for (;;) {
@@ -382,47 +433,35 @@ void VelmoAudioChooseBandQuantisers(const VelmoAudioEncoder* e, const float* coe
 VelmoAudioLevelShape VelmoAudioShapeOfQuality(float quality) {
   quality = ClampQuality(quality);
   VelmoAudioLevelShape shape;
-  // Levels 0 to 4 run from lossless to the model's own allowances: 12 dB a level, so that
-  // level 0 asks some 66 dB or more of every band, which the finest steps give.
-  // Above 4 the allowances loosen with the square root of the distance, so that each
-  // level still counts at 99 (some 24 dB less) and none silences the sound outright. (A
-  // straight 2 dB a level would take the noise-like bands' 18 dB to nothing by level 9 and
-  // the most tonal band's 51 dB by level 26, leaving the rest of the range silent.)
-  if (quality < 4.0f) shape.AllowanceShift = 12.0f * (4.0f - quality);
-  else shape.AllowanceShift = -2.4f * std::sqrt(quality - 4.0f);
-  // The threshold in quiet rises by half a dB a level from 4 on (10 dB a level would drop
-  // all but the loudest partials above 920 Hz by level 10). Below 4 it sinks fast, 75 dB a
-  // level, so that level 0 drops nothing and puts no floor under any step: even where the
-  // curve is held at its 130 dB, a coefficient is kept.
-  shape.QuietRaise = quality < 4.0f ? 2.0f - 75.0f * (4.0f - quality) : quality * 0.5f;
+  shape.AllowanceShift = -2.0f * quality;  // 2 dB less allowance a level
+  shape.FloorRaise = quality;              // the quiet floor under the steps: 1 dB a level
+  shape.HighBandRaise = 10.0f * quality;   // the threshold of bands 8 and up: 10 dB a level
   return shape;
 }
 
 void VelmoAudioFloorByQuiet(const VelmoAudioEncoder* e, float quality, uint32_t* indices) {
   // A band's step need not be finer than what its threshold in quiet (raised by the level)
-  // lets pass unheard. The threshold is a power in dB and a step is an amplitude, so index i,
-  // a step of 0.664 i dB, squares to 1.328 i dB: the floor is the step whose square meets the
-  // threshold, which leaves its rounding noise (a twelfth of the square) 10.8 dB below.
-  const float raise = VelmoAudioShapeOfQuality(quality).QuietRaise;
+  // lets pass unheard: the index whose step, 0.664 dB an index, reaches that level.
+  const float raise = VelmoAudioShapeOfQuality(quality).FloorRaise;
   for (uint32_t b = 0; b < e->BandCount; ++b) {
     if (indices[b] >= 255) continue;
     const float v = raise + e->BandQuiet[b];
-    if (v > indices[b] * 1.328f)
-      indices[b] = std::min<uint32_t>(255, static_cast<uint32_t>(v * 0.75301205f));
+    if (v > indices[b] * 0.664f)
+      indices[b] = std::min<uint32_t>(255, static_cast<uint32_t>((v + 0.3319f) * 1.5060241f));
   }
 }
 
 void VelmoAudioQuantiseCoefficients(const VelmoAudioEncoder* e, const float* coefficients,
                                     const uint32_t* indices, float quality, int32_t* magnitudes) {
+  // The level raises the threshold in quiet of the bands from 8 on: 10 dB a level is a factor
+  // of 10 in power.
   const double raised =
-      std::pow(10.0, static_cast<double>(VelmoAudioShapeOfQuality(quality).QuietRaise) / 10.0);
+      std::pow(10.0, static_cast<double>(VelmoAudioShapeOfQuality(quality).HighBandRaise) / 10.0);
   for (uint32_t i = 2; i < e->Length; ++i) {
     const uint32_t band = e->CoefficientBand[i];
     const float x = coefficients[i];
-    // The level raises the threshold in the bands from 8 on only; a lowering (levels below
-    // 4) applies to all.
     double threshold = e->QuietPower[i];
-    if (band >= 8 || raised < 1.0) threshold *= raised;
+    if (band >= 8) threshold *= raised;
     int32_t magnitude = 0;
     if (e->BandCount && double{x} * x >= threshold) {
       const float step = VelmoAudioQuantStep(indices[band]);

@@ -54,12 +54,14 @@ struct VelmoAudioEncoder {
   const AudioTransformPlan* Plan = nullptr;
 };
 
-// What a level (the quality, 0 to 99) does to the coding: a shift of every band's noise
-// allowance in dB, and a rise of the threshold in quiet in dB, below which coefficients are
-// dropped and under which a band's step is not made finer.
+// What a level (the quality, 0 to 99) does to the coding, in dB: a shift of every band's
+// noise allowance, a rise of the threshold in quiet under which a band's step is not made
+// finer, and a rise of the threshold below which the coefficients of bands 8 and up are
+// dropped.
 struct VelmoAudioLevelShape {
   float AllowanceShift = 0;
-  float QuietRaise = 0;
+  float FloorRaise = 0;
+  float HighBandRaise = 0;
 };
 VelmoAudioLevelShape VelmoAudioShapeOfQuality(float quality);
 

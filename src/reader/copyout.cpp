@@ -103,7 +103,11 @@ bool VelmoBuildConversionState(const float t[16], uint32_t format, uint32_t copy
     offR = t[8], offG = t[9], offB = t[10];
     copyFlags ^= VelmoCopySwapChroma;
   }
-  // Any other shape shows plain Y: no chroma weights, no offsets.
+  else {
+    // Any other shape shows plain Y, with the weights of the chroma at 0 and a full red
+    // offset: a picture in that tint tells at a glance that the table was not understood.
+    offR = 1.0f;
+  }
 
   // 2. Channel order: the kernels write in their natural order; exchange the red and blue
   // roles (and with them the planes) when the wanted order is the other one.
@@ -396,17 +400,16 @@ int VelmoCopyPlanesRectWith(const VelmoCopyKernels* kernels, const VelmoCopySour
   const SurfaceFormat* format = FindFormat(flags);
   if (format == nullptr) return 0;
 
-  // Limit the rectangle to the frame and to the destination.
+  // Limit the rectangle to the frame. The destination is the caller's: its offsets and pitch
+  // are taken as they come, and it must have room for the rectangle.
+  (void)destHeight;
   const int64_t frameW = src->Width, frameH = src->Height;
   const int64_t left = std::clamp<int64_t>(srcX, 0, frameW);
   const int64_t top = std::clamp<int64_t>(srcY, 0, frameH);
-  int64_t width = std::min<int64_t>(srcWidth, frameW - left);
-  int64_t height = std::min<int64_t>(srcHeight, frameH - top);
-  if (destX < 0 || destY < 0) return 0;
-  const int64_t lineBytes = pitch < 0 ? -int64_t(pitch) : int64_t(pitch);
-  width = std::min<int64_t>(width, lineBytes / format->Bytes - destX);
-  height = std::min<int64_t>(height, int64_t(destHeight) - destY);
+  const int64_t width = std::min<int64_t>(srcWidth, frameW - left);
+  const int64_t height = std::min<int64_t>(srcHeight, frameH - top);
   if (width <= 0 || height <= 0) return 0;
+  const int64_t lineBytes = pitch < 0 ? -int64_t(pitch) : int64_t(pitch);
 
   const VelmoCopyHooks* hooks = src->Hooks;
   if (hooks && hooks->Begin) hooks->Begin(hooks->Context);
@@ -436,10 +439,10 @@ int VelmoCopyPlanesRectWith(const VelmoCopyKernels* kernels, const VelmoCopySour
     if (format->WidthA == 0 || src->Alpha == nullptr) alpha = nullptr;
     const bool gray = (state.CopyFlags & VelmoCopyGray) != 0;
 
-    // A negative pitch stores the rectangle's first line at the bottom.
-    uint8_t* row = pitch < 0 ? dest + (int64_t(destHeight) - 1 - destY) * lineBytes
-                             : dest + int64_t(destY) * lineBytes;
-    row += int64_t(destX) * format->Bytes;
+    // A negative pitch stores bottom-up: lines count up from `dest`, and the rectangle's first
+    // line goes to its bottom line, destY + height - 1, from where the lines go down.
+    const int64_t firstLine = pitch < 0 ? int64_t(destY) + height - 1 : int64_t(destY);
+    uint8_t* row = dest + firstLine * lineBytes + int64_t(destX) * format->Bytes;
 
     RowJob job;
     job.State = &state;

@@ -116,11 +116,12 @@ void VelmoCopySourceFromBuffers(const VelmoFrameBuffers& buffers, const float co
                                 uint32_t openFlags, bool isHdr, VelmoCopySource* out);
 
 // Converts the source rectangle (srcX, srcY, srcWidth, srcHeight), limited to the frame, to
-// `dest` at (destX, destY). `pitch` is the byte distance between lines; a negative pitch
-// stores bottom-up, with `dest` the lowest address of a surface of `destHeight` lines. Lines
-// past `destHeight` and pixels past |pitch| are not written. Returns 1 when the skip check
-// skipped or reported the frame, else 0; a bad format, an HDR frame or an empty rectangle
-// copy nothing and return 0.
+// `dest` at (destX, destY). `pitch` is the byte distance between lines. A negative pitch
+// stores bottom-up: `dest` is the lowest address, destY counts lines up from it, and the
+// rectangle's first line goes to line destY + height - 1. Only the frame limits the rectangle:
+// offsets (negative ones too) and the pitch are the caller's, who gives room for the rectangle;
+// `destHeight` is not consulted. Returns 1 when the skip check skipped or reported the frame,
+// else 0; a bad format, an HDR frame or an empty rectangle copy nothing and return 0.
 int VelmoCopyPlanesRect(const VelmoCopySource* source, uint8_t* dest, int32_t pitch,
                         int32_t destHeight, int32_t destX, int32_t destY, int32_t srcX,
                         int32_t srcY, int32_t srcWidth, int32_t srcHeight, uint32_t flags);

@@ -87,6 +87,12 @@ bool Closing(const IOProvider* io) { return io->Owner && AtomicRead(&io->Owner->
 bool WrapWanted(const IOProvider* io) {
   return io->Owner && (AtomicRead(&io->Owner->OpenFlags) & VelmoOpenFileLoop);
 }
+// The loop flag is a request for one touch: taking it up clears it, and a player that loops
+// again sets it again.
+void ClearWrapWanted(IOProvider* io) {
+  if (io->Owner)
+    __atomic_fetch_and(&io->Owner->OpenFlags, ~uint32_t(VelmoOpenFileLoop), __ATOMIC_SEQ_CST);
+}
 // The file position of frame 1's packet, where a looping file starts again.
 uint64_t LoopPoint(const IOProvider* io) {
   const VelmoHandle* h = io->Owner;
@@ -135,10 +141,10 @@ uint64_t ReadMedium(IOProvider* io, void* dest, uint64_t size) {
 // hold its locks for long while an open or a close waits for them: then the rest is carried
 // over to the next read (and dropped for a handle that is being closed).
 void SimulateAfterRead(IOProvider* io, uint64_t bytes, uint32_t start) {
-  const uint32_t rate = io->SimulateRate;
+  const uint32_t rate = io->Simulate.Rate;
   if (rate == 0 || rate == 0xFFFFFFFFu || !io->SimulateWait) return;
   constexpr int64_t SliceMs = 50;
-  int64_t& debt = io->SimulateDebt;
+  int64_t& debt = io->Simulate.Owed;
   debt += int64_t(std::min<uint64_t>(bytes * 1000 / rate, 0xFFFFFFFFu));
   debt -= int64_t(uint32_t(Now(io) - start));
   while (debt > 0) {
@@ -148,9 +154,9 @@ void SimulateAfterRead(IOProvider* io, uint64_t bytes, uint32_t start) {
     }
     if (VelmoIOServiceWanted()) break;
     const int64_t slice = std::min(debt, SliceMs);
-    int64_t left = slice;
-    io->SimulateWait(&left, 0, Now(io), rate);
-    debt -= slice - left;  // `left` ends at 0 or below: what was slept beyond the slice
+    VelmoSimulateCounter left = {slice, rate};
+    io->SimulateWait(&left, 0, Now(io));
+    debt -= slice - left.Owed;  // ends at 0 or below: what was slept beyond the slice
   }
 }
 
@@ -177,6 +183,7 @@ void ResetRing(IOProvider* io, uint64_t position) {
 // The touch at the loop point: once per pass, move the heads to where the player starts again.
 void TouchLoopPoint(IOProvider* io) {
   if (io->WrapRead || !WrapWanted(io)) return;
+  ClearWrapWanted(io);
   io->WrapRead = 1;
   const uint64_t loop = LoopPoint(io);
   const uint64_t at = loop > VelmoIOLoopTouch ? loop - VelmoIOLoopTouch : 0;
@@ -197,7 +204,10 @@ uint32_t ReadUnit(IOProvider* io, uint64_t remaining) {
     AddCounter(io, &io->RingRead, int64_t(head));
     size -= head;
   }
-  io->WrapRead = 0;
+  if (io->WrapRead) {
+    io->WrapRead = 0;
+    ClearWrapWanted(io);
+  }
   const uint64_t ringOffset = uint64_t(io->RingWrite - io->RingStart) + head;
   uint64_t got = 0;
   AtomicStore(&io->Reading, 1);
@@ -388,8 +398,8 @@ void FileSetInfo(IOProvider* io, void* buffer, uint64_t size, uint64_t fileSize,
   io->RingEnd = start ? start + usable : nullptr;
   io->BufferSize = usable;
   io->FileTotal = fileSize;
-  io->SimulateRate = simulateRate == 0xFFFFFFFFu ? 0 : simulateRate;
-  io->SimulateDebt = 0;
+  io->Simulate.Rate = simulateRate == 0xFFFFFFFFu ? 0 : simulateRate;
+  io->Simulate.Owed = 0;
   SetCounter(io, &io->RingFree, usable);
   SetCounter(io, &io->BufferUsed, 0);
   SetCounter(io, &io->RingRead, 0);

@@ -106,15 +106,17 @@ void ServiceUnlockIfHeld(IOProvider* io) {
   if (HasBackground(h) && LockTry(&h->ProviderLock, 10000)) LockLeave(&h->ProviderLock);
 }
 uint32_t ServiceTimer() { return VelmoCurrentClock()(); }
-void ServiceSimulateWait(int64_t* debt, uint64_t bytes, uint32_t startTime, uint32_t rate) {
-  if (rate == 0 || rate == 0xFFFFFFFFu) return;
-  const uint64_t owed = std::min<uint64_t>(bytes * 1000 / rate, 0xFFFFFFFFu);
+void ServiceSimulateWait(VelmoSimulateCounter* counter, uint64_t bytes, uint32_t startTime) {
+  if (!counter) return;
+  const uint32_t rate = counter->Rate;
+  const bool simulated = rate != 0 && rate != 0xFFFFFFFFu;
+  const uint64_t owed = simulated ? std::min<uint64_t>(bytes * 1000 / rate, 0xFFFFFFFFu) : 0;
   uint32_t last = ServiceTimer();
-  *debt += int64_t(owed) - int64_t(uint32_t(last - startTime));
-  while (*debt > 0) {
+  counter->Owed += int64_t(owed) - int64_t(uint32_t(last - startTime));
+  while (counter->Owed > 0) {
     ThreadSleep(1);
     const uint32_t now = ServiceTimer();
-    *debt -= int64_t(uint32_t(now - last));
+    counter->Owed -= int64_t(uint32_t(now - last));
     last = now;
   }
 }

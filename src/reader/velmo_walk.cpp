@@ -295,8 +295,9 @@ void VelmoEndFrame(HVELMO handle, uint32_t now) {
   VelmoState* h = VelmoStateOf(handle);
   if (h->Decoder && h->Decoder->FinishFrame && h->VideoOn && h->VideoDecoded)
     h->Decoder->FinishFrame(h->DecoderState, h->FrameBuffers);
-  // The picture moves on only when a decoder wrote the next set.
-  if (h->FrameBuffers && h->VideoDecoded && h->FrameBuffers->Count)
+  // The ring moves on every frame, decoded or not: the set shown now is always the one the
+  // decoder was to write for this frame.
+  if (h->FrameBuffers && h->FrameBuffers->Count)
     h->FrameBuffers->Current = (h->FrameBuffers->Current + 1) % h->FrameBuffers->Count;
   h->RingPosition = h->RingPosition == 0 ? h->RingSize - 1 : h->RingPosition - 1;
 

@@ -323,7 +323,9 @@ TEST(AudioDecoder, RunsCoverTheirCountOrTheRest) {
   out.PadToWord();
   bytes.resize(out.ByteCount());
   const size_t size = bytes.size();
-  bytes.resize(size + 40, 0xFF);  // the next block's bytes must not be touched
+  // The next block's bytes must not be touched; there are enough of them for the zero run's
+  // 494 coefficients at a bit each.
+  bytes.resize(size + 64, 0xFF);
   std::vector<double> c(layout.Length, 0.0);
   c[0] = 3000.0;
   c[2 + 5] = -3.0;
@@ -335,18 +337,71 @@ TEST(AudioDecoder, RunsCoverTheirCountOrTheRest) {
 }
 
 // The first group (each written alone here) that a reader must give up in a packet of
-// `bits`: the first whose 9 bits of head and w + 1 bits a coefficient (none for w = 0) pass
+// `bits`: the first whose 9 bits of head and w + 1 bits a coefficient (one bit for w = 0) pass
 // the end.
 size_t FirstGroupLost(const Layout& layout, const ChannelData& data,
                       const std::vector<size_t>& starts, size_t bits) {
   for (size_t g = 0; g < starts.size(); ++g) {
     const uint32_t from = 2 + 8 * static_cast<uint32_t>(g);
     const uint32_t width = GroupWidth(layout, data, from);
-    if (starts[g] + 9 + (width ? (std::min(layout.Length, from + 8) - from) * (width + 1) : 0) >
-        bits)
+    if (starts[g] + 9 + (std::min(layout.Length, from + 8) - from) * (width + 1) > bits)
       return g;
   }
   return starts.size();
+}
+
+// A run of zero width is judged like any group, at 9 bits and a bit a coefficient: at the end
+// of a packet that is too short for that, the channel ends at the run and the reader stays at
+// its start; with room behind it, the run takes its 9 bits only. Either way its coefficients
+// are zero. (The run is placed to straddle a word, so the two read positions differ.)
+TEST(AudioDecoder, ZeroRunIsJudgedAtABitACoefficient) {
+  const Layout layout = LayoutFor(11025, 1, true);  // L = 512
+  const size_t head = 2 + 2 * 29 + 8 * size_t{layout.BandCount};
+  // One group of width w with `nonzero` values of 1 (the rest 0), chosen so that the run after
+  // it starts 2 bits before a word.
+  uint32_t width = 0, nonzero = 0;
+  for (uint32_t w = 1; w <= 15 && !width; ++w)
+    for (uint32_t n = 0; n <= 8 && !width; ++n)
+      if ((head + 5 + 8 * w + n) % 32 == 30) width = w, nonzero = n;
+  ASSERT_NE(width, 0u);
+  uint32_t kept = 0, ended = 0;
+  for (uint32_t extraWords : {0u, 14u, 15u, 40u}) {
+    SCOPED_TRACE(extraWords);
+    std::vector<uint8_t> bytes(512);
+    AudioBitWriter out(bytes.data(), bytes.size());
+    out.Write(0, 2);
+    out.Write(VelmoAudioPackFloat(1000.0f), 29);
+    out.Write(0, 29);
+    for (uint32_t b = 0; b < layout.BandCount; ++b) out.Write(0, 8);
+    out.Write(0, 1);
+    out.Write(width, 4);
+    std::vector<double> c(layout.Length, 0.0);
+    c[0] = 1000.0;
+    for (uint32_t i = 0; i < 8; ++i) {
+      out.Write(i < nonzero ? 1 : 0, width);
+      if (i < nonzero) out.Write(0, 1);
+      c[2 + i] = i < nonzero ? 1.0 : 0.0;
+    }
+    const size_t runStart = out.BitCount();
+    out.Write(1, 1);
+    out.Write(15, 4);  // the rest: 63 groups, 502 coefficients
+    out.Write(0, 4);
+    out.PadToWord();
+    bytes.resize(out.ByteCount());
+    const size_t blockBytes = bytes.size();
+    bytes.resize(blockBytes + 4 * extraWords, 0xFF);
+    // 9 + 502 bits from the run's start must lie in the packet.
+    const bool keeps = runStart + 9 + 502 <= bytes.size() * 8;
+    (keeps ? kept : ended) += 1;
+    Decoder decoder(11025, 1, VelmoAudioCurrentForm);
+    size_t position = 0;
+    const std::vector<int16_t> samples = decoder.Block(bytes, &position);
+    EXPECT_EQ(position, keeps ? blockBytes : (runStart + 31) / 32 * 4);
+    EXPECT_NE(blockBytes, (runStart + 31) / 32 * 4);
+    ExpectSamplesNear(samples, DirectInverse(layout, c));
+  }
+  EXPECT_EQ(kept, 2u);  // 15 words and more hold the run's 511 bits
+  EXPECT_EQ(ended, 2u);
 }
 
 // A packet that ends inside a block: silent from the first group whose longest reach passes

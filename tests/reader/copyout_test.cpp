@@ -243,11 +243,14 @@ TEST(CopyOutRect, PartsMatchTheFullCopyAndStayInside) {
     const int32_t pitch = sign * (int32_t(w) + 4) * bytes;
     Surface part(pitch, int32_t(h) + 3);
     Copy(Plain, src, part, dx, dy, sx, sy, rw, rh, format);
+    // Bottom-up, dy counts lines up from the lowest address: seen from the top, the rectangle
+    // ends dy lines above the surface's last line.
+    const int32_t top = sign > 0 ? dy : part.Lines - dy - rh;
     for (int32_t y = 0; y < part.Lines; ++y) {
       for (int32_t x = 0; x < std::abs(pitch) / bytes; ++x) {
-        const bool inside = x >= dx && x < dx + rw && y >= dy && y < dy + rh;
+        const bool inside = x >= dx && x < dx + rw && y >= top && y < top + rh;
         if (inside) {
-          ASSERT_EQ(part.Pixel(x, y, bytes), full.Pixel(x - dx + sx, y - dy + sy, bytes))
+          ASSERT_EQ(part.Pixel(x, y, bytes), full.Pixel(x - dx + sx, y - top + sy, bytes))
               << "rect " << sx << "," << sy << " " << rw << "x" << rh;
         } else {
           const uint32_t guard = bytes == 4 ? 0xA5A5A5A5u : 0xA5A5u;
@@ -284,7 +287,7 @@ TEST(CopyOutRect, TightPlanesAreNotReadPastTheirEnd) {
   });
 }
 
-TEST(CopyOutRect, LimitsToFrameAndDestination) {
+TEST(CopyOutRect, OnlyTheFrameLimitsTheRectangle) {
   const Frame frame = RandomFrame(20, 10, false, 5);
   const VelmoCopySource src = frame.Source();
   const Surface full = CopyWhole(src, 3);
@@ -296,21 +299,37 @@ TEST(CopyOutRect, LimitsToFrameAndDestination) {
     for (int32_t x = 0; x < 20; ++x)
       EXPECT_EQ(cut.Pixel(x, y, 4), x < 5 && y < 3 ? full.Pixel(x + 15, y + 7, 4) : 0xA5A5A5A5u);
 
-  // The destination's height and line length limit the copy too.
-  Surface small(8 * 4, 4);
-  VelmoCopyPlanesRect(&src, small.Base(), small.Pitch, 4, 3, 1, 0, 0, 20, 10, 3);
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 8; ++x)
-      EXPECT_EQ(small.Pixel(x, y, 4), x >= 3 && y >= 1 ? full.Pixel(x - 3, y - 1, 4) : 0xA5A5A5A5u);
-  EXPECT_EQ(small.Mem[small.Mem.size() - Guard], GuardByte);
+  // The destination's height does not limit the copy: all ten lines arrive though it says 4.
+  Surface tall(20 * 4, 12);
+  VelmoCopyPlanesRect(&src, tall.Base(), tall.Pitch, 4, 0, 1, 0, 0, 20, 10, 3);
+  for (int32_t y = 0; y < 12; ++y)
+    for (int32_t x = 0; x < 20; ++x)
+      EXPECT_EQ(tall.Pixel(x, y, 4), y >= 1 && y < 11 ? full.Pixel(x, y - 1, 4) : 0xA5A5A5A5u);
 
-  // Nothing for empty rectangles, a left edge past the frame or a negative destination.
+  // Nor does the pitch: one line of 20 pixels at x 3 of 8-pixel lines runs on into the next
+  // line of memory.
+  Surface narrow(8 * 4, 4);
+  VelmoCopyPlanesRect(&src, narrow.Base(), narrow.Pitch, 4, 3, 0, 0, 2, 20, 1, 3);
+  for (int32_t i = 0; i < 32; ++i)
+    EXPECT_EQ(narrow.Pixel(i % 8, i / 8, 4), i >= 3 && i < 23 ? full.Pixel(i - 3, 2, 4) : 0xA5A5A5A5u)
+        << i;
+
+  // Negative offsets address pixels before `dest`: here one line up and two pixels to the left.
+  Surface around(20 * 4, 6);
+  uint8_t* dest = around.Base() + 2 * around.Pitch + 4 * 4;  // (4, 2)
+  VelmoCopyPlanesRect(&src, dest, around.Pitch, 4, -2, -1, 0, 0, 5, 2, 3);
+  for (int32_t y = 0; y < 6; ++y)
+    for (int32_t x = 0; x < 20; ++x)
+      EXPECT_EQ(around.Pixel(x, y, 4),
+                x >= 2 && x < 7 && y >= 1 && y < 3 ? full.Pixel(x - 2, y - 1, 4) : 0xA5A5A5A5u);
+
+  // Nothing for empty rectangles or a left edge past the frame.
   Surface none(20 * 4, 10);
   const std::vector<uint8_t> untouched = none.Mem;
   VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 20, 0, 5, 5, 3);
   VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 0, 0, 0, 5, 3);
   VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 0, 0, 5, -1, 3);
-  VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, -1, 0, 0, 0, 5, 5, 3);
+  VelmoCopyPlanesRect(&src, none.Base(), none.Pitch, 10, 0, 0, 0, 10, 5, 5, 3);
   EXPECT_EQ(none.Mem, untouched);
 }
 
@@ -325,6 +344,23 @@ TEST(CopyOutRect, NegativePitchStoresBottomUp) {
     for (int32_t y = 0; y < 7; ++y)
       for (int32_t x = 0; x < 29; ++x)
         ASSERT_EQ(up.Pixel(x, y, bytes), down.Pixel(x, y, bytes)) << format;
+
+    // A rectangle of 3 lines at destY 2 in memory of 10 lines (whatever the destination height
+    // says): its first line is memory line 4, its last memory line 2; nothing else is written.
+    const int32_t lineBytes = 29 * bytes;
+    std::vector<uint8_t> mem(size_t(lineBytes) * 10, GuardByte);
+    VelmoCopyPlanesRect(&src, mem.data(), -lineBytes, 10, 0, 2, 0, 1, 29, 3, format);
+    for (int32_t line = 0; line < 10; ++line) {
+      const uint8_t* got = mem.data() + size_t(line) * lineBytes;
+      if (line >= 2 && line <= 4) {
+        const int32_t picture = 1 + (4 - line);  // frame line shown there
+        ASSERT_EQ(0, std::memcmp(got, down.Base() + size_t(picture) * lineBytes, lineBytes))
+            << format << " line " << line;
+      } else {
+        ASSERT_TRUE(std::all_of(got, got + lineBytes, [](uint8_t b) { return b == GuardByte; }))
+            << format << " line " << line;
+      }
+    }
   }
 }
 
@@ -419,15 +455,28 @@ TEST(CopyOutFlags, GrayscaleAndTableShapes) {
   EXPECT_EQ(CopyWhole(frame.Source(VideoTable), 3).Mem,
             CopyWhole(exchanged.Source(SwappedChroma(VideoTable).V), 3).Mem);
 
-  // Any other shape shows plain Y: the chroma planes make no difference.
+  // Any other shape shows plain Y with a full red offset: the chroma planes and the table's
+  // own offsets make no difference, red is full, green and blue are Y by the first weight.
   float oddTable[16];
   std::memcpy(oddTable, FullTable, sizeof oddTable);
   oddTable[12] = 0.5f;
+  oddTable[9] = 0.25f;  // an offset of the table, not used
   const Surface odd = CopyWhole(frame.Source(oddTable), 3);
   EXPECT_EQ(odd.Mem, CopyWhole(exchanged.Source(oddTable), 3).Mem);
-  for (int32_t y = 0; y < 6; y += 2)  // where the dither is 0: half of Y, nothing else
-    for (int32_t x = 0; x < 26; x += 2)
-      ASSERT_NEAR(Decode(3, odd.Pixel(x, y, 4)).R, lumaAt(x, y) / 2.0, 1.0);
+  for (int32_t y = 0; y < 6; y += 2) {  // where the dither is 0: half of Y, nothing else
+    for (int32_t x = 0; x < 26; x += 2) {
+      const Rgba px = Decode(3, odd.Pixel(x, y, 4));
+      ASSERT_EQ(px.R, 255);
+      ASSERT_NEAR(px.G, lumaAt(x, y) / 2.0, 1.0);
+      ASSERT_NEAR(px.B, lumaAt(x, y) / 2.0, 1.0);
+    }
+  }
+  // The red offset stays with red in the formats that store it at the other end.
+  const Surface oddReversed = CopyWhole(frame.Source(oddTable), 4);
+  for (int32_t x = 0; x < 26; x += 2) {
+    const Rgba a = Decode(3, odd.Pixel(x, 0, 4)), b = Decode(4, oddReversed.Pixel(x, 0, 4));
+    ASSERT_EQ(std::vector<int>({a.R, a.G, a.B}), std::vector<int>({b.R, b.G, b.B}));
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -247,11 +247,11 @@ TEST_F(ReadAheadOpenTest, ASimulatedSlowMediumTakesItsTime) {
   HVELMO h = VelmoOpen(path.c_str(), VelmoOpenNoBuffers | VelmoOpenNoBackground);
   ASSERT_NE(h, nullptr) << VelmoGetError();
   const IOProvider& io = h->IOProvider;
-  EXPECT_EQ(io.SimulateRate, rate);
+  EXPECT_EQ(io.Simulate.Rate, rate);
   // A read that took longer than the medium's rate (a busy machine) leaves credit, a debt
   // below 0, which the walk's reads use up before they sleep.
-  EXPECT_LE(io.SimulateDebt, 0);
-  const int64_t creditFromOpen = -io.SimulateDebt;
+  EXPECT_LE(io.Simulate.Owed, 0);
+  const int64_t creditFromOpen = -io.Simulate.Owed;
   const uint64_t readAtOpen = io.BytesRead;
   const uint32_t start = TimerMs();
   ASSERT_TRUE(WalkAll(h, file, 20));

@@ -417,13 +417,26 @@ TEST_F(VelmoWalkTest, SlicesSplitLumaFromChroma) {
   EXPECT_EQ(Samples(h), (std::vector<int>{10, 20, 30, 40, 100, 200}));
   EXPECT_EQ(st->FramesPlayed, 1u);
 
-  // With video off the frame counts as played but the picture stays.
+  // With video off the frame counts as played and the ring still moves on: the set shown
+  // now is the one the decoder did not write, so frame 1's picture is not what is shown.
   VelmoNextFrame(h);
   VelmoSetVideoOn(h, 0);
+  const std::vector<uint8_t> untouched(fb->Sets[0].Planes[VelmoPlaneY],
+                                       fb->Sets[0].Planes[VelmoPlaneY] + 16);
   EXPECT_EQ(VelmoDoFrame(h), 1u);
-  EXPECT_EQ(fb->Current, 1u);
-  EXPECT_EQ(Samples(h)[1], 20);
+  EXPECT_EQ(fb->Current, 0u);
   EXPECT_EQ(st->FramesPlayed, 2u);
+  EXPECT_EQ(std::vector<uint8_t>(fb->Sets[0].Planes[VelmoPlaneY],
+                                 fb->Sets[0].Planes[VelmoPlaneY] + 16),
+            untouched);  // nothing was decoded into it
+  EXPECT_NE(Samples(h)[1], 20);
+  // A copy shows that set too.
+  std::vector<uint32_t> shown(16 * 16, 0), decoded(16 * 16, 0);
+  EXPECT_EQ(VelmoCopyToBuffer(h, shown.data(), 64, 16, 0, 0, 3), 0u);
+  h->FrameBuffers->Current = 1;
+  EXPECT_EQ(VelmoCopyToBuffer(h, decoded.data(), 64, 16, 0, 0, 3), 0u);
+  h->FrameBuffers->Current = 0;
+  EXPECT_NE(shown, decoded);
   VelmoClose(h);
 }
 
