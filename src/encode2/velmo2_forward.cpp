@@ -4,7 +4,10 @@
 #include "decode/velmo2_tables.h"
 #include "host/cpu_features.h"
 
+#include <algorithm>
+#include <cfloat>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
 namespace {
@@ -29,6 +32,7 @@ void LinearPass(const double x[8], double y[8]) {
 struct ForwardTables {
   float F[8][8];       // 8 times the inverse of the pass's matrix: out = F in F^T
   float Weight[64];    // squared pixel error per squared coefficient error, by position
+  uint8_t ScanPosition[64];  // the scan position of each coefficient position
 };
 
 ForwardTables BuildTables() {
@@ -72,6 +76,7 @@ ForwardTables BuildTables() {
   }
   for (int i = 0; i < 8; ++i)
     for (int j = 0; j < 8; ++j) t.Weight[i * 8 + j] = float(norm[i] * norm[j] / 4096);
+  for (uint32_t p = 0; p < 64; ++p) t.ScanPosition[Velmo2Scan[p]] = uint8_t(p);
   return t;
 }
 
@@ -194,6 +199,18 @@ int32_t Velmo2QuantiseAc(float c, uint32_t entry, uint32_t q, float rounding) {
   return s * l;
 }
 
+namespace {
+
+// The smallest float f with double(f) >= t: |c| >= f as floats exactly when |c| >= t.
+float FloatAtLeast(double t) {
+  if (!(t < double(FLT_MAX))) return HUGE_VALF;
+  float f = float(t);
+  if (double(f) < t) f = std::nextafter(f, HUGE_VALF);
+  return f;
+}
+
+}  // namespace
+
 Velmo2AcQuantiser::Velmo2AcQuantiser(const uint16_t* dequant, uint32_t q, float rounding)
     : Dequant(dequant), Q(q), Rounding(rounding) {
   // The first test of Velmo2QuantiseAc, level 0 against level 1, worked out once.
@@ -201,9 +218,25 @@ Velmo2AcQuantiser::Velmo2AcQuantiser(const uint16_t* dequant, uint32_t q, float 
   for (uint32_t k = 0; k < 64; ++k) {
     const bool fits = Velmo2MaxAcLevelFor(dequant[k], q) >= 1;
     for (int32_t negative = 0; negative < 2; ++negative)
-      ZeroBelow[negative][k] = fits ? pass * Magnitude(1, negative ? -1 : 1, dequant[k], q)
-                                    : HUGE_VAL;
+      ZeroBelow[negative][k] =
+          fits ? FloatAtLeast(pass * Magnitude(1, negative ? -1 : 1, dequant[k], q)) : HUGE_VALF;
   }
+}
+
+uint64_t Velmo2LevelMaskPlain(const float coef[64], const float zeroBelow[2][64]) {
+  uint64_t mask = 0;
+  for (uint32_t k = 1; k < 64; ++k) {
+    const float c = coef[k];
+    mask |= uint64_t(std::fabs(c) >= zeroBelow[c < 0][k]) << k;
+  }
+  return mask;
+}
+
+Velmo2LevelMaskKernel Velmo2LevelMaskFor(uint32_t features) {
+#if ORN_X86_KERNELS
+  if ((features & CpuSSE2) == CpuSSE2) return Velmo2LevelMaskSse2;
+#endif
+  return Velmo2LevelMaskPlain;
 }
 
 double Velmo2AcDistortion(const float coef[64], const int16_t recon[64]) {
@@ -221,18 +254,6 @@ void SetLevel(Velmo2QuantisedBlock& out, const Velmo2AcQuantiser& quantiser, uin
   out.Recon[k] = level ? Velmo2Dequantise(level, quantiser.Dequant[k], quantiser.Q) : 0;
 }
 
-// Count and Last from the levels.
-void Recount(Velmo2AcLevels& ac) {
-  ac.Count = 0;
-  ac.Last = 0;
-  for (uint32_t p = 1; p < 64; ++p) {
-    if (ac.Levels[p]) {
-      ++ac.Count;
-      ac.Last = p;
-    }
-  }
-}
-
 // Count and Last after the level at p was set to 0.
 void Drop(Velmo2AcLevels& ac, uint32_t p) {
   --ac.Count;
@@ -245,24 +266,26 @@ void Drop(Velmo2AcLevels& ac, uint32_t p) {
 
 void Velmo2QuantiseBlock(const float coef[64], const Velmo2AcQuantiser& quantiser,
                          Velmo2QuantisedBlock& out) {
-  out.Ac.Levels[0] = 0;
-  out.Recon[0] = 0;
-  for (uint32_t p = 1; p < 64; ++p) {
-    const uint32_t k = Velmo2Scan[p];
-    const float c = coef[k];
-    if (!(std::fabs(double(c)) >= quantiser.ZeroBelow[c < 0][k])) {
-      out.Ac.Levels[p] = 0;
-      out.Recon[k] = 0;
-      continue;
-    }
-    SetLevel(out, quantiser, p,
-             Velmo2QuantiseAc(c, quantiser.Dequant[k], quantiser.Q, quantiser.Rounding));
+  static const Velmo2LevelMaskKernel levelMask = Velmo2LevelMaskFor(ProcessorFeatures());
+  std::memset(out.Ac.Levels, 0, sizeof out.Ac.Levels);
+  std::memset(out.Recon, 0, sizeof out.Recon);
+  out.Ac.Count = 0;
+  out.Ac.Last = 0;
+  // Most coefficients quantise to 0: only those that pass the threshold are worked out.
+  for (uint64_t mask = levelMask(coef, quantiser.ZeroBelow); mask; mask &= mask - 1) {
+    const uint32_t k = uint32_t(__builtin_ctzll(mask));
+    const uint32_t p = Tables().ScanPosition[k];
+    const int32_t level = Velmo2QuantiseAc(coef[k], quantiser.Dequant[k], quantiser.Q,
+                                           quantiser.Rounding);
+    if (level == 0) continue;
+    SetLevel(out, quantiser, p, level);
+    ++out.Ac.Count;
+    out.Ac.Last = std::max(out.Ac.Last, p);
   }
-  Recount(out.Ac);
 }
 
-void Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quantiser,
-                            double lambda, int table, Velmo2QuantisedBlock& out) {
+uint32_t Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quantiser,
+                                double lambda, int table, Velmo2QuantisedBlock& out) {
   Velmo2QuantiseBlock(coef, quantiser, out);
   const float* weight = Tables().Weight;
   uint32_t bits = Velmo2AcBlockBits(out.Ac, table);
@@ -302,10 +325,19 @@ void Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quant
   }
   // One level at a time cannot see that dropping several together pays (a level at 63 saves
   // the end code, a group under the seven symbol its single codes): last, the empty block.
-  if (out.Ac.Count == 0) return;
-  Velmo2QuantisedBlock empty{};
-  const int16_t none[64] = {};
-  const double emptyCost =
-      lambda * Velmo2AcDistortion(coef, none) + double(Velmo2AcBlockBits(empty.Ac, table));
-  if (emptyCost < lambda * Velmo2AcDistortion(coef, out.Recon) + double(bits)) out = empty;
+  // Positions at level 0 add the same error to both, so only the coded ones are compared.
+  if (out.Ac.Count == 0) return bits;
+  double added = 0;  // the error the empty block adds over this one
+  for (uint32_t p = 1; p <= out.Ac.Last; ++p) {
+    if (out.Ac.Levels[p] == 0) continue;
+    const uint32_t k = Velmo2Scan[p];
+    added += weight[k] * (Square(coef[k]) - Square(coef[k] - float(out.Recon[k])));
+  }
+  const Velmo2AcLevels none{};
+  const uint32_t emptyBits = Velmo2AcBlockBits(none, table);
+  if (lambda * added + double(emptyBits) < double(bits)) {
+    out = Velmo2QuantisedBlock{};
+    return emptyBits;
+  }
+  return bits;
 }

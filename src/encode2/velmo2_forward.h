@@ -77,8 +77,19 @@ struct Velmo2AcQuantiser {
   const uint16_t* Dequant;  // row Q & 3 of the plane's dequantisation table, by position
   uint32_t Q;               // the macroblock quantiser
   float Rounding;           // as Velmo2QuantiseAc
-  double ZeroBelow[2][64];  // [c < 0][position]: |c| below this gives level 0
+  // [c < 0][position]: |c| below this gives level 0. It is the smallest float whose value
+  // reaches the exact threshold, so a float comparison decides as the exact one would.
+  float ZeroBelow[2][64];
 };
+
+// The positions (bit k for position k) whose coefficient passes the quantiser's ZeroBelow
+// threshold, position 0 left out: the coefficients that quantise to a level other than 0.
+using Velmo2LevelMaskKernel = uint64_t (*)(const float coef[64], const float zeroBelow[2][64]);
+uint64_t Velmo2LevelMaskPlain(const float coef[64], const float zeroBelow[2][64]);
+#if ORN_X86_KERNELS
+uint64_t Velmo2LevelMaskSse2(const float coef[64], const float zeroBelow[2][64]);
+#endif
+Velmo2LevelMaskKernel Velmo2LevelMaskFor(uint32_t features);
 
 // Plain quantisation of positions 1..63 of `coef` (Velmo2Forward's output or a residual's).
 void Velmo2QuantiseBlock(const float coef[64], const Velmo2AcQuantiser& quantiser,
@@ -91,6 +102,6 @@ double Velmo2AcDistortion(const float coef[64], const int16_t recon[64]);
 // the first, each level is lowered by one or dropped when that lowers J = lambda * D + bits,
 // the bits being the block's exact code length under run code table `table` (1 or 2); last,
 // the empty block is taken if it costs less still. The result's J is never above that of plain
-// quantisation.
-void Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quantiser,
+// quantisation. Returns the result's code length under `table`.
+uint32_t Velmo2QuantiseBlockRdo(const float coef[64], const Velmo2AcQuantiser& quantiser,
                             double lambda, int table, Velmo2QuantisedBlock& out);

@@ -54,4 +54,21 @@ void Velmo2ForwardSse2(const int16_t in[64], float out[64]) {
   }
 }
 
+// Four coefficients to a vector: |c| (the sign bit cleared) against the threshold of its sign,
+// chosen by the mask of c < 0; the comparisons' sign bits give four bits of the result.
+uint64_t Velmo2LevelMaskSse2(const float coef[64], const float zeroBelow[2][64]) {
+  const __m128 signBit = _mm_set1_ps(-0.0f);
+  const __m128 zero = _mm_setzero_ps();
+  uint64_t mask = 0;
+  for (uint32_t k = 0; k < 64; k += 4) {
+    const __m128 c = _mm_loadu_ps(coef + k);
+    const __m128 negative = _mm_cmplt_ps(c, zero);
+    const __m128 threshold = _mm_or_ps(_mm_and_ps(negative, _mm_loadu_ps(zeroBelow[1] + k)),
+                                       _mm_andnot_ps(negative, _mm_loadu_ps(zeroBelow[0] + k)));
+    const __m128 passes = _mm_cmpge_ps(_mm_andnot_ps(signBit, c), threshold);
+    mask |= uint64_t(_mm_movemask_ps(passes)) << k;
+  }
+  return mask & ~uint64_t(1);
+}
+
 #endif

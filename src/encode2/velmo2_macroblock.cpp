@@ -249,10 +249,10 @@ double CodePlane(const PlaneTrial& t, Sink& s) {
   Velmo2QuantisedBlock q[16];
   uint32_t mask = 0, bits1 = 0, bits2 = 0;
   for (uint32_t i = 0; i < blocks; ++i) {
-    Velmo2QuantiseBlockRdo(coef[i], quantiser, t.Lambda * PlaneWeight(p), 1, q[i]);
+    const uint32_t bits = Velmo2QuantiseBlockRdo(coef[i], quantiser, t.Lambda * PlaneWeight(p), 1, q[i]);
     if (q[i].Ac.Count) {
       mask |= 1u << i;
-      bits1 += Velmo2AcBlockBits(q[i].Ac, 1);
+      bits1 += bits;
       bits2 += Velmo2AcBlockBits(q[i].Ac, 2);
     }
   }

@@ -256,6 +256,50 @@ TEST(Velmo2Quantise, BlocksReconstructExactlyAsTheDecoderDequantises) {
   }
 }
 
+// Coefficients just below, at and just above the level-1 threshold of every position (floats
+// next to it): the block quantiser's quick zero test must decide exactly as the level search.
+TEST(Velmo2Quantise, CoefficientsAtTheZeroThresholdDecideAsTheLevelSearch) {
+  for (const float rounding : {0.5f, 0.3f, 0.17f}) {
+    for (uint32_t q = 0; q < 37; ++q) {
+      const Velmo2AcQuantiser quantiser{Velmo2Dequant(Velmo2DequantIntraLuma)[q & 3], q, rounding};
+      for (int step = -2; step <= 2; ++step) {
+        for (const float sign : {1.0f, -1.0f}) {
+          float coef[64] = {};
+          for (uint32_t k = 1; k < 64; ++k) {
+            float c = quantiser.ZeroBelow[sign < 0][k];
+            if (std::isinf(c)) continue;
+            for (int i = 0; i < std::abs(step); ++i)
+              c = std::nextafter(c, step < 0 ? 0.0f : HUGE_VALF);
+            coef[k] = sign * c;
+          }
+          Velmo2QuantisedBlock b;
+          Velmo2QuantiseBlock(coef, quantiser, b);
+          for (uint32_t p = 1; p < 64; ++p) {
+            const uint32_t k = Velmo2Scan[p];
+            ASSERT_EQ(b.Ac.Levels[p], Velmo2QuantiseAc(coef[k], quantiser.Dequant[k], q, rounding))
+                << "q " << q << " position " << k << " step " << step << " sign " << sign;
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(Velmo2Quantise, EveryLevelMaskFormGivesThePlainMask) {
+  std::mt19937 rng(28);
+  const Velmo2LevelMaskKernel vector = Velmo2LevelMaskFor(ProcessorFeatures());
+  EXPECT_EQ(Velmo2LevelMaskFor(0), &Velmo2LevelMaskPlain);
+  for (int round = 0; round < 5000; ++round) {
+    float coef[64];
+    RandomCoefficients(rng, coef);
+    if (round % 5 == 0) coef[rng() % 64] = -0.0f;
+    if (round % 7 == 0) coef[rng() % 64] = std::nanf("");
+    const Velmo2AcQuantiser quantiser = RandomQuantiser(rng);
+    ASSERT_EQ(vector(coef, quantiser.ZeroBelow), Velmo2LevelMaskPlain(coef, quantiser.ZeroBelow))
+        << round;
+  }
+}
+
 // J = lambda * D + bits, the bits counted by writing the block.
 double Cost(const float coef[64], const Velmo2QuantisedBlock& b, double lambda, int table) {
   Velmo2BitCounter counter;
