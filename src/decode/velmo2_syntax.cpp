@@ -304,13 +304,14 @@ int32_t PredictDcAt(const Velmo2DcContext& c, const int32_t* own, int32_t x, int
 
 }  // namespace
 
+int32_t Velmo2PredictDcBlock(const Velmo2DcContext& c, const int32_t* values, uint32_t i) {
+  return PredictDcAt(c, values, int32_t(Velmo2BlockColumn(i)), int32_t(Velmo2BlockRow(i)));
+}
+
 void Velmo2PredictDc(const Velmo2DcContext& c, const int32_t* residuals, int32_t* out) {
   const uint32_t blocks = c.Grid * c.Grid;
-  for (uint32_t i = 0; i < blocks; ++i) {
-    const int32_t x = int32_t(Velmo2BlockColumn(i));
-    const int32_t y = int32_t(Velmo2BlockRow(i));
-    out[i] = Clamp(PredictDcAt(c, out, x, y) + residuals[i], c.Lo, c.Hi);
-  }
+  for (uint32_t i = 0; i < blocks; ++i)
+    out[i] = Clamp(Velmo2PredictDcBlock(c, out, i) + residuals[i], c.Lo, c.Hi);
 }
 
 // ---- Motion vector differences -------------------------------------------------------------

@@ -200,6 +200,10 @@ inline Velmo2DcContext Velmo2ResidualDc(uint32_t grid, Velmo2FrameWord word) {
 // Predicts each DC value in block order, adds its residual and holds it in range.
 void Velmo2PredictDc(const Velmo2DcContext& c, const int32_t* residuals, int32_t* out);
 
+// The prediction of block i's value alone, from the values of the blocks before it in `values`
+// (as Velmo2PredictDc has them when it reaches block i).
+int32_t Velmo2PredictDcBlock(const Velmo2DcContext& c, const int32_t* values, uint32_t i);
+
 // ---- Motion vector differences -------------------------------------------------------------
 
 // One signed Exp-Golomb difference, with the escape of sixteen 0 bits.

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -221,6 +222,20 @@ Velmo2AcQuantiser::Velmo2AcQuantiser(const uint16_t* dequant, uint32_t q, float 
       ZeroBelow[negative][k] =
           fits ? FloatAtLeast(pass * Magnitude(1, negative ? -1 : 1, dequant[k], q)) : HUGE_VALF;
   }
+}
+
+const Velmo2AcQuantiser& Velmo2NearestQuantiser(uint32_t kind, uint32_t q) {
+  constexpr uint32_t kQuantisers = 37;
+  static const std::vector<Velmo2AcQuantiser> all = [] {
+    std::vector<Velmo2AcQuantiser> v;
+    v.reserve(Velmo2DequantKindCount * kQuantisers);
+    for (uint32_t k = 0; k < Velmo2DequantKindCount; ++k)
+      for (uint32_t n = 0; n < kQuantisers; ++n)
+        v.emplace_back(Velmo2Dequant(Velmo2DequantKind(k))[n & 3], n, 0.5f);
+    return v;
+  }();
+  return all[std::min(kind, uint32_t(Velmo2DequantKindCount) - 1) * kQuantisers +
+             std::min(q, kQuantisers - 1)];
 }
 
 uint64_t Velmo2LevelMaskPlain(const float coef[64], const float zeroBelow[2][64]) {

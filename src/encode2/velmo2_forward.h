@@ -82,6 +82,10 @@ struct Velmo2AcQuantiser {
   float ZeroBelow[2][64];
 };
 
+// The quantiser of table `kind` at q (0 to 36) that rounds to the nearest value (rounding 0.5),
+// built once for every table and quantiser.
+const Velmo2AcQuantiser& Velmo2NearestQuantiser(uint32_t kind, uint32_t q);
+
 // The positions (bit k for position k) whose coefficient passes the quantiser's ZeroBelow
 // threshold, position 0 left out: the coefficients that quantise to a level other than 0.
 using Velmo2LevelMaskKernel = uint64_t (*)(const float coef[64], const float zeroBelow[2][64]);

@@ -196,16 +196,13 @@ void ChooseDc(const PlaneTrial& t, const Velmo2DcContext& ctx, const float (*coe
               int32_t levels[16], int32_t dc[16]) {
   const uint32_t n = GridOf(t.Plane), blocks = n * n;
   const uint32_t scale = Velmo2DcScale(t.Q);
-  int32_t residuals[16] = {};
   for (uint32_t i = 0; i < blocks; ++i) {
-    int32_t predicted[16];
-    residuals[i] = 0;
-    Velmo2PredictDc(ctx, residuals, predicted);
-    const int32_t wanted = Velmo2DcValue(coef[i][0]) - predicted[i];
+    // The value is the prediction plus the residual, held in range, as the decoder makes it.
+    const int32_t predicted = Velmo2PredictDcBlock(ctx, dc, i);
+    const int32_t wanted = Velmo2DcValue(coef[i][0]) - std::clamp(predicted, ctx.Lo, ctx.Hi);
     levels[i] = Velmo2DcLevelFor(wanted, scale);
-    residuals[i] = Velmo2ScaleDc(levels[i], int32_t(scale));
+    dc[i] = std::clamp(predicted + Velmo2ScaleDc(levels[i], int32_t(scale)), ctx.Lo, ctx.Hi);
   }
-  Velmo2PredictDc(ctx, residuals, dc);
 }
 
 // Inverse transform of one block as the decoder does it.
@@ -245,7 +242,7 @@ double CodePlane(const PlaneTrial& t, Sink& s) {
   const Velmo2DequantKind table = !t.Intra ? Velmo2DequantInter
                                   : IsChroma(p) ? Velmo2DequantIntraChroma
                                                 : Velmo2DequantIntraLuma;
-  const Velmo2AcQuantiser quantiser{Velmo2Dequant(table)[uint32_t(t.Q) & 3], uint32_t(t.Q), 0.5f};
+  const Velmo2AcQuantiser& quantiser = Velmo2NearestQuantiser(table, uint32_t(t.Q));
   Velmo2QuantisedBlock q[16];
   uint32_t mask = 0, bits1 = 0, bits2 = 0;
   for (uint32_t i = 0; i < blocks; ++i) {
