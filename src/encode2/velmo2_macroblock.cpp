@@ -110,8 +110,8 @@ void AnalyseSource(const Velmo2MbInput& in, Velmo2MbWork* w) {
   }
 }
 
-// The macroblock's quality: the pass's divided by the VAQ factor of its activity.
-double MacroblockQuality(const Velmo2MbInput& in, const Velmo2MbWork* w) {
+// The VAQ factor of the macroblock's activity.
+double VaqFactor(const Velmo2MbInput& in, const Velmo2MbWork* w) {
   int16_t coef[kVelmo2EncPlanes][16 * 64];
   Velmo2ActivityPlane planes[kVelmo2EncPlanes];
   size_t count = 0;
@@ -122,7 +122,14 @@ double MacroblockQuality(const Velmo2MbInput& in, const Velmo2MbWork* w) {
       coef[p][i] = int16_t(std::clamp(std::lround(w->SourceCoef[p][i / 64][i % 64]), -32768L, 32767L));
     planes[count++] = Velmo2ActivityPlane{coef[p], blocks, IsChroma(p)};
   }
-  return in.Quality / Velmo2VaqFactor(Velmo2MacroblockActivity(planes, count), in.Vaq);
+  return Velmo2VaqFactor(Velmo2MacroblockActivity(planes, count), in.Vaq);
+}
+
+// The macroblock's quality: the pass's divided by the VAQ factor.
+double MacroblockQuality(const Velmo2MbInput& in, const Velmo2MbWork* w) {
+  if (!in.VaqFactor) return in.Quality / VaqFactor(in, w);
+  if (*in.VaqFactor == 0) *in.VaqFactor = VaqFactor(in, w);
+  return in.Quality / *in.VaqFactor;
 }
 
 // ---- Neighbour state ------------------------------------------------------------------------

@@ -53,6 +53,9 @@ struct Velmo2MbInput {
   Velmo2FrameWord Word;               // the frame word the pass codes for
   double Quality;                     // the pass's quality, before the macroblock's VAQ
   Velmo2VaqLevel Vaq;
+  // The macroblock's VAQ factor, the same in every pass of a frame: 0 until the first pass
+  // works it out and stores it here (may be null: then it is worked out each time).
+  double* VaqFactor;
   const Velmo2MbState* Left;
   const Velmo2MbState* Above;
   const Velmo2MbState* AboveLeft;
