@@ -65,7 +65,7 @@ struct Velmo2Encoder {
   bool HaveReference;
   OwnedPicture Source, Recon, Scratch;
   std::vector<Velmo2MbState> States;          // by row, then column
-  std::vector<double> VaqFactors;             // by macroblock, 0 until a pass works it out
+  std::vector<Velmo2MbMemo> Memos;            // by macroblock, zeroed as each frame starts
   std::vector<std::vector<uint32_t>> Strings;  // each macroblock's bit string
   std::vector<Velmo2MbWork*> Works;           // one per pool thread
   Velmo2RateSearch Search;
@@ -88,7 +88,7 @@ bool ConstantPlane(const uint8_t* in, int32_t pitch, uint32_t w, uint32_t h, uin
 bool TakeInput(Velmo2Encoder* e, const Velmo2EncoderFrame& f) {
   const uint32_t w = e->Setup.Width, h = e->Setup.Height;
   std::memcpy(e->FrameCoded, e->Coded, sizeof e->FrameCoded);
-  std::fill(e->VaqFactors.begin(), e->VaqFactors.end(), 0.0);
+  std::fill(e->Memos.begin(), e->Memos.end(), Velmo2MbMemo{});
   e->ConstantAlpha = false;
   // An alpha plane of one value is not coded: the frame word carries the value.
   if (e->Coded[VelmoPlaneAlpha]) {
@@ -153,7 +153,7 @@ void CodeRow(PassJob& job, Velmo2MbWork* work, uint32_t row) {
         ThreadPause();
     Velmo2MbState* here = &e->States[size_t(row) * e->Columns + x];
     in.MbX = x;
-    in.VaqFactor = &e->VaqFactors[size_t(row) * e->Columns + x];
+    in.Memo = &e->Memos[size_t(row) * e->Columns + x];
     in.Left = x > 0 ? here - 1 : nullptr;
     in.Above = sliceStart ? nullptr : here - e->Columns;
     in.AboveLeft = sliceStart || x == 0 ? nullptr : here - e->Columns - 1;
@@ -327,7 +327,7 @@ Velmo2Encoder* Velmo2EncoderCreate(const Velmo2EncoderSetup& setup) {
     e->Recon.Allocate(e->LumaWidth, e->LumaHeight, e->Coded);
     e->Scratch.Allocate(e->LumaWidth, e->LumaHeight, e->Coded);
     e->States.assign(size_t(e->Columns) * e->Rows, Velmo2MbState{});
-    e->VaqFactors.assign(e->States.size(), 0.0);
+    e->Memos.assign(e->States.size(), Velmo2MbMemo{});
     e->Strings.assign(e->States.size(), {});
     e->RowMap.assign(Velmo2EdgeMapWords(setup.Height / 8), 0);
     e->ColumnMap.assign(Velmo2EdgeMapWords(setup.Width / 8), 0);

@@ -53,14 +53,22 @@ struct Velmo2MbInput {
   Velmo2FrameWord Word;               // the frame word the pass codes for
   double Quality;                     // the pass's quality, before the macroblock's VAQ
   Velmo2VaqLevel Vaq;
-  // The macroblock's VAQ factor, the same in every pass of a frame: 0 until the first pass
-  // works it out and stores it here (may be null: then it is worked out each time).
-  double* VaqFactor;
+  // What the passes of one frame share about the macroblock (may be null: then each pass
+  // works everything out afresh).
+  struct Velmo2MbMemo* Memo;
   const Velmo2MbState* Left;
   const Velmo2MbState* Above;
   const Velmo2MbState* AboveLeft;
   const Velmo2Kernels* Kernels;
   const Velmo2EncodeKernels* Diff;
+};
+
+// Per-frame memory of a macroblock: zeroed when a frame starts; the first pass fills it.
+struct Velmo2MbMemo {
+  double VaqFactor;  // 0 until worked out
+  bool Searched;     // the motion search has run in this frame
+  bool Found;        // and found vectors (Vx, Vy)
+  int32_t Vx[4], Vy[4];
 };
 
 // Per-worker scratch of the decisions; large, so kept by the caller and reused.
