@@ -450,8 +450,9 @@ size_t Y4mFrames(const std::string& name) {
 TEST_F(VelmoConvRun, ANumberedPictureWithNeighboursAsksWhetherToTakeTheSeries) {
   MakeSeries(dir + "/s", 4, 16, 8, false);  // s1.png to s4.png
   MakeSeries(dir + "/lone", 1, 16, 8, false);
-  const std::string text = "File, \"" + dir + "/s3.png\", appears to be part of a sequence of "
-                           "files (1 to 4).\nDo you want to treat the sequence as a single animation?";
+  const std::string text = "File, \"" + dir +
+                           "/s3.png\", appears to be part of a sequence of files (1 to 4).\n"
+                           "Do you want to treat the sequence as a single animation?";
   AnswerScript& script = Answers();
   testing::internal::CaptureStderr();
   for (const int answer : {ToolButtonYes, ToolButtonNo}) {

@@ -717,7 +717,8 @@ class WindowShell : public ::testing::Test {
  protected:
   void SetUp() override {
     xvfb = StartXvfb(&display, &xvfbPipe);
-    if (xvfb < 0) GTEST_SKIP() << "Xvfb could not be started here; the window front end is untested";
+    if (xvfb < 0)
+      GTEST_SKIP() << "Xvfb could not be started here; the window front end is untested";
     const std::string name = ":" + std::to_string(display);
     const char* oldDisplay = std::getenv("DISPLAY");
     hadDisplay = oldDisplay != nullptr;
@@ -736,7 +737,8 @@ class WindowShell : public ::testing::Test {
       connected = SDL_InitSubSystem(SDL_INIT_VIDEO) == 0;
       if (!connected) std::this_thread::sleep_for(50ms);
     }
-    ASSERT_TRUE(connected) << "Xvfb " << name << " started but takes no clients: " << SDL_GetError();
+    ASSERT_TRUE(connected) << "Xvfb " << name
+                           << " started but takes no clients: " << SDL_GetError();
     Reset(&seen);
   }
   void TearDown() override {
