@@ -228,10 +228,10 @@ VELMO_API uint32_t VelmoCopyToBufferRect(HVELMO handle, void* dest, int32_t pitc
                                          int32_t srcHeight, uint32_t flags);
 
 /* ---- sound tracks ----
- * A file's sound plays through a back end: a table of nine operations that the program
- * registers once, before opening files. Each open track has a 448-byte record; the back end
- * fills ServiceMode, DeviceBlock, Latency, ClockScale (optional) and the operations, and may
- * keep its own state in BackEndArea.
+ * A file's sound plays through a back end: a table of nine operations (and, for back ends
+ * that serve themselves, a tick) that the program registers once, before opening files. Each
+ * open track has a 448-byte record; the back end fills ServiceMode, DeviceBlock, Latency,
+ * ClockScale (optional) and the operations, and may keep its own state in BackEndArea.
  *
  * The library calls Ready, Lock and Unlock while it feeds, and OnOff, Pause and SetMix, with
  * the handle's sound lock held, except in service mode 1, where everything happens on the
@@ -249,6 +249,10 @@ typedef struct VelmoTrackOps {
   void (*Close)(VelmoTrack* track);
   void (*SetMix)(VelmoTrack* track, const float* volumes, uint32_t count, uint32_t stereo,
                  float volume);                                         /* optional */
+  /* For a negative ServiceMode: the back end's own service. The sound thread calls it after
+   * each walk over the files, holding the sound service lock (the lock that the back end's
+   * open and Close run under), and does not feed such tracks itself. */
+  void (*Tick)(void);
 } VelmoTrackOps;
 
 struct VelmoTrack {
@@ -266,10 +270,11 @@ struct VelmoTrack {
   uint32_t ClockScale;   /* 16.16; 0x10000 nominal */
   uint32_t EndFrame;     /* from here on less than 3/4 s of sound is left */
   uint32_t Prefill;
-  int32_t ServiceMode;   /* <0: thread, that many ms; 0: thread, 13 ms; 1: frame walk; 2: host ticks */
+  int32_t ServiceMode;   /* <0: thread, that many ms, calls Ops.Tick; 0: thread, 13 ms;
+                            1: frame walk; 2: host ticks */
   uint32_t Underrun;
   VelmoTrackOps Ops;
-  uint8_t BackEndArea[280]; /* the back end's own; the record is 448 bytes */
+  uint8_t BackEndArea[272]; /* the back end's own; the record is 448 bytes */
 };
 
 /* The back end's open: fills the record's back-end fields. Nonzero on success. */

@@ -143,7 +143,7 @@ int Message(void* context, const char* text, int level) {
       if (text && *text) ToolFrameWarn(text);
       break;
     case MediaLevelQuestion:
-      return text && ToolFrameAsk(text, ToolBoxDefaultSecond) == 1;
+      return text && ToolFrameAskQuestion(text, ToolBoxDefaultSecond) == 1;
     default:
       if (text && *text && *text != '@') ToolFrameSetText(VelmoConvIdStatus, text);
   }
@@ -398,6 +398,7 @@ int ConvertVideo(Job& job) {
   const VelmoConvSettings& s = job.settings;
   VideoRun run;
   MediaOpenArgs args = MediaArgsFromSwitches(&s.video);
+  args.flags |= MediaOpenAskSequence;  // a numbered still with neighbours: asked
   args.title = "Converting";
   args.progress = {Message, &job};
   run.input = MediaOpenWith(s.input, &args);

@@ -288,10 +288,22 @@ bool FindFolderSequence(char* dest, size_t destSize, const char* folder) {
   return false;
 }
 
+namespace {
+// The prompt's fixed parts, around the name and the two numbers.
+constexpr char PromptHead[] = "File, \"";
+constexpr char PromptMiddle[] = "\", appears to be part of a sequence of files (";
+constexpr char PromptTail[] = ").\nDo you want to treat the sequence as a single animation?";
+}  // namespace
+
 size_t SequencePromptText(char* dest, size_t destSize, const char* name, int32_t first, int32_t last) {
-  const int n = snprintf(dest, destSize,
-                         "File, \"%s\", appears to be part of a sequence of files (%i to %i).\n"
-                         "Do you want to treat the sequence as a single animation?",
-                         name, first, last);
+  const int n = snprintf(dest, destSize, "%s%s%s%i to %i%s", PromptHead, name, PromptMiddle, first,
+                         last, PromptTail);
   return n < 0 ? 0 : static_cast<size_t>(n);
+}
+
+bool IsSequencePrompt(const char* text) {
+  if (!text || strncmp(text, PromptHead, sizeof PromptHead - 1) != 0) return false;
+  const size_t length = strlen(text), tail = sizeof PromptTail - 1;
+  if (length < tail || strcmp(text + length - tail, PromptTail) != 0) return false;
+  return strstr(text, PromptMiddle) != nullptr;
 }

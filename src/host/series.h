@@ -46,3 +46,6 @@ bool FindFolderSequence(char* dest, size_t destSize, const char* folder);
 // The question a dialog asks before it replaces a single name by its series.
 inline constexpr const char* SequencePromptTitle = "Treat as sequence?";
 size_t SequencePromptText(char* dest, size_t destSize, const char* name, int32_t first, int32_t last);
+// True when `text` is a question that SequencePromptText wrote, so that whoever shows questions
+// can give it its own box.
+bool IsSequencePrompt(const char* text);

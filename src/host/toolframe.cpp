@@ -2,6 +2,7 @@
 // the main loop that the front ends step.
 #include "host/toolframe.h"
 
+#include "host/series.h"
 #include "host/signals.h"
 
 #include <pthread.h>
@@ -636,9 +637,18 @@ bool ToolFrameWorkerRunning() { return g_frame.running && !g_frame.workerFinishe
 
 // ---- Boxes -------------------------------------------------------------------------------------
 
-int ToolFrameAsk(const char* text, int style) {
+int ToolFrameAsk(const char* text, int style) { return ToolFrameAskTitled(nullptr, text, style); }
+
+int ToolFrameAskQuestion(const char* text, int style) {
+  if (IsSequencePrompt(text))
+    return ToolFrameAskTitled(SequencePromptTitle, text, ToolBoxDefaultFirst);
+  return ToolFrameAsk(text, style);
+}
+
+int ToolFrameAskTitled(const char* caption, const char* text, int style) {
   ToolBox box{};
   FillBox(&box, text, ToolIconQuestion);
+  if (caption) box.caption = caption;
   bool three = (style & ~31) == ToolBoxThreeButtons;
   box.buttonCount = three ? 3 : 2;
   box.buttons[0] = ToolButtonYes;

@@ -153,6 +153,12 @@ enum ToolBoxStyle {
 
 // Yes-or-no question; returns 1 Yes, 0 No, 2 anything else.
 int ToolFrameAsk(const char* text, int style);
+// The same in a box captioned `caption` (null: the tool's title).
+int ToolFrameAskTitled(const char* caption, const char* text, int style);
+// A question that a tool's message sink received (from the media layer, for one): the
+// sequence question ("Treat as sequence?") gets its own box with Yes the default, any other
+// is asked as ToolFrameAsk(text, style).
+int ToolFrameAskQuestion(const char* text, int style);
 // Information box; returns 0 for OK, 2 otherwise.
 int ToolFrameTell(const char* text, int style);
 // A stop box with one OK button: how tools report failures before they return non-zero.

@@ -28,6 +28,11 @@ static_assert(sizeof(NullDevice) <= sizeof(VelmoTrack::BackEndArea));
 
 VelmoNullSoundConfig* Selected = nullptr;
 
+// The devices open now, for the tick of a device that serves itself. Changed by open and close
+// and read by the tick, all of them under the library's sound service lock.
+constexpr uint32_t MaxOpenDevices = 64;
+VelmoTrack* OpenDevices[MaxOpenDevices] = {};
+
 NullDevice* DeviceOf(VelmoTrack* t) { return reinterpret_cast<NullDevice*>(t->BackEndArea); }
 
 uint32_t Now(const NullDevice* d) { return d->Config->Clock ? d->Config->Clock() : TimerMs(); }
@@ -126,6 +131,8 @@ uint32_t NullOnOff(VelmoTrack* t, uint32_t on) {
 }
 
 void NullClose(VelmoTrack* t) {
+  for (VelmoTrack*& open : OpenDevices)
+    if (open == t) open = nullptr;
   NullDevice* d = DeviceOf(t);
   delete[] d->Buffer;
   d->Buffer = nullptr;
@@ -139,6 +146,17 @@ void NullSetMix(VelmoTrack* t, const float* volumes, uint32_t count, uint32_t st
   log->MixCount = count;
   log->MixStereo = stereo;
   log->MixVolume = volume;
+}
+
+// Service mode below 0: the device's own service. It plays each open device on to its clock's
+// present; it is fed by nobody (a device like this would fetch its sound itself).
+void NullTick() {
+  for (VelmoTrack* t : OpenDevices) {
+    if (!t) continue;
+    NullDevice* d = DeviceOf(t);
+    Play(t, d);
+    AtomicAdd(&d->Config->Ticks, 1);
+  }
 }
 
 uint32_t NullOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVELMO handle) {
@@ -156,6 +174,11 @@ uint32_t NullOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVE
       std::max<uint64_t>({latencyBytes, uint64_t(c->DeviceBlock) * 2, 64}), 1u << 26));
   d->Buffer = new (std::nothrow) uint8_t[d->Capacity];
   if (!d->Buffer) return 0;
+  for (VelmoTrack*& open : OpenDevices) {
+    if (open) continue;
+    open = t;
+    break;
+  }
   d->LastTime = Now(d);
   if (c->TracksOpened < VelmoNullSoundMaxLogs) ++c->TracksOpened;
   ++d->Log->Opened;
@@ -168,7 +191,7 @@ uint32_t NullOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVE
       c->ReportScale ? uint32_t(std::min<uint64_t>((uint64_t(1) << 32) / c->RateScale, 0xFFFFFFFFu))
                      : 0x10000;
   t->Ops = VelmoTrackOps{NullReady, NullLock,  NullUnlock, NullSetVolume, NullSetPan,
-                         NullPause, NullOnOff, NullClose,  NullSetMix};
+                         NullPause, NullOnOff, NullClose,  NullSetMix, NullTick};
   return 1;
 }
 

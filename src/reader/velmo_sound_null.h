@@ -45,6 +45,7 @@ struct VelmoNullSoundConfig {
   uint32_t RefuseOpen = 0;       // the back end's open fails
   uint32_t (*Clock)() = nullptr; // null: TimerMs
   uint32_t TracksOpened = 0;     // logs in use
+  volatile uint32_t Ticks = 0;   // devices played on by the back end's own tick (negative modes)
   VelmoNullSoundLog Logs[VelmoNullSoundMaxLogs] = {};
 };
 

@@ -1,6 +1,8 @@
 // The sound service: the registered back end, the list of handles open for sound, and the
 // process-wide "Velmo Snd" thread that feeds their tracks every 13 ms (2 ms after it met a
 // busy handle), or the host's VelmoSoundTick for back ends that want to be fed from outside.
+// A back end that asks for a negative service mode serves its devices itself: the walk does
+// not feed its tracks but calls its Tick once afterwards, under the sound service lock.
 //
 // Locks. The thread walks the list under the list lock and only tries a handle's sound lock;
 // it lets the list lock go while it feeds, and takes it back with a try only, beginning the
@@ -45,9 +47,32 @@ void EnsureService() {
   });
 }
 
-// One walk over the handles: each that is open for sound and whose lock is free is fed.
+// Serves one handle whose lock the walk holds: feeds its tracks, or for a back end that serves
+// itself notes its tick in `tick`.
+void Serve(VelmoState* h, void (**tick)(void)) {
+  const VelmoTrack& first = h->Tracks[0];
+  if (first.ServiceMode < 0) {
+    if (first.Ops.Tick) *tick = first.Ops.Tick;
+  } else {
+    VelmoFeedSound(h);
+  }
+}
+
+// Calls a back end's own tick under the sound service lock, which its open and close take, so
+// the tick never meets a device in the middle of either. A busy lock shortens the next sleep.
+void CallTick(void (*tick)(void), uint32_t* sleep) {
+  if (!tick) return;
+  if (!LockTry(VelmoSoundServiceLock(), 0)) {
+    *sleep = std::min(*sleep, BusySleepMs);
+    return;
+  }
+  tick();
+  LockLeave(VelmoSoundServiceLock());
+}
+
+// One walk over the handles: each that is open for sound and whose lock is free is served.
 // `sleep` receives the time the thread should sleep next.
-void FeedAll(uint32_t* sleep) {
+void WalkHandles(uint32_t* sleep, void (**tick)(void)) {
   for (uint32_t pass = 0; pass < WalkRestarts; ++pass) {
     bool again = false;
     LockEnter(&Service.ListLock);
@@ -62,7 +87,7 @@ void FeedAll(uint32_t* sleep) {
         continue;
       }
       LockLeave(&Service.ListLock);
-      VelmoFeedSound(h);
+      Serve(h, tick);
       *sleep = std::min(*sleep, h->SoundSleep);
       const bool back = LockTry(&Service.ListLock, 0);
       const bool listed = back && AtomicRead(&h->OnSoundList);
@@ -82,12 +107,19 @@ void FeedAll(uint32_t* sleep) {
   }
 }
 
+// A walk, then the tick that a back end serving itself asked for.
+void ServeAll(uint32_t* sleep) {
+  void (*tick)(void) = nullptr;
+  WalkHandles(sleep, &tick);
+  CallTick(tick, sleep);
+}
+
 uint32_t SoundThread(void*) {
   for (;;) {
     SemaphoreWait(&Service.Worker.Wake, AtomicRead(&Service.SleepMs));
     if (!AtomicRead(&Service.Worker.Run)) return 0;
     uint32_t sleep = DefaultSleepMs;
-    FeedAll(&sleep);
+    ServeAll(&sleep);
     AtomicStore(&Service.SleepMs, sleep);
   }
 }
@@ -220,7 +252,7 @@ uint32_t VelmoSetSoundSystem2(VelmoSoundSelect2 select, uintptr_t parameter,
 void VelmoSoundTick(void) {
   EnsureService();
   uint32_t sleep = DefaultSleepMs;
-  FeedAll(&sleep);
+  ServeAll(&sleep);
 }
 
 }  // extern "C"

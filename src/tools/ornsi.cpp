@@ -144,25 +144,46 @@ std::string Disk() {
          " MB Available: " + Grouped(st.f_bavail * unit >> 20) + " MB";
 }
 
-// "/proc/asound/cards": " 0 [PCH            ]: HDA-Intel - HDA Intel PCH" and a second line.
-std::string AudioDevices() {
-  std::ifstream in("/proc/asound/cards");
-  std::string line, out;
-  while (std::getline(in, line)) {
-    const size_t bracket = line.find("]:");
-    if (bracket == std::string::npos) continue;
-    std::string name = Trim(line.substr(bracket + 2));
-    const size_t dash = name.find(" - ");
-    if (dash != std::string::npos) name = Trim(name.substr(dash + 3));
-    if (!out.empty()) out += "\n";
-    out += "Audio device: " + name;
-  }
-  return out;
+// The sound driver's version, "major.minor", from "<root>/asound/version"
+// ("Advanced Linux Sound Architecture Driver Version k6.1.0."); "" when it cannot be read.
+std::string SoundDriverVersion(const std::string& procRoot) {
+  const std::string line = FirstLine((procRoot + "/asound/version").c_str());
+  const size_t word = line.find("Version");
+  if (word == std::string::npos) return "";
+  const size_t digits = line.find_first_of("0123456789", word);
+  if (digits == std::string::npos) return "";
+  unsigned major = 0, minor = 0;
+  if (std::sscanf(line.c_str() + digits, "%u.%u", &major, &minor) != 2) return "";
+  return std::to_string(major) + "." + std::to_string(minor);
 }
 
 bool ConsoleInUse() { return ToolFrameFrontEnd() == ToolConsoleFrontEnd(); }
 
 }  // namespace
+
+// "<root>/asound/cards" lists each card on two lines, the first
+// " 0 [PCH            ]: HDA-Intel - HDA Intel PCH": its number, id, driver and name. The first
+// card listed, the lowest number, is the default device. Without a card the list says
+// "--- no soundcards ---", and there is no line.
+std::string OrnAudioDeviceLine(const std::string& procRoot) {
+  std::ifstream in(procRoot + "/asound/cards");
+  std::string line;
+  while (std::getline(in, line)) {
+    const size_t bracket = line.find("]:"), open = line.find('[');
+    if (bracket == std::string::npos || open == std::string::npos || open > bracket) continue;
+    const std::string rest = line.substr(bracket + 2);
+    const size_t dash = rest.find(" - ");
+    if (dash == std::string::npos) continue;
+    const std::string driver = Trim(rest.substr(0, dash)), name = Trim(rest.substr(dash + 3));
+    if (name.empty()) continue;
+    std::string out = "Audio device: " + name;
+    if (!driver.empty()) out += " " + driver;
+    const std::string version = SoundDriverVersion(procRoot);
+    if (!version.empty()) out += " " + version;
+    return out;
+  }
+  return "";
+}
 
 std::string OrnSystemInfoText() {
   std::string text;
@@ -173,7 +194,7 @@ std::string OrnSystemInfoText() {
   AddLine(text, Memory());
   AddLine(text, Disk());
   AddLine(text, GuiDisplayDescription());
-  AddLine(text, AudioDevices());
+  AddLine(text, OrnAudioDeviceLine("/proc"));
   return text;
 }
 

@@ -17,6 +17,7 @@
 #include "host/platform.h"
 #include "format/container.h"
 #include "support/picture.h"
+#include "support/scripted_answers.h"
 #include "velmo.h"
 
 namespace {
@@ -912,6 +913,44 @@ TEST(VelmocMedia, CompressesAPngSeries) {
   ASSERT_EQ(RunMedia(first + " " + out + " /v101 /o /s2 /e5 /f30 /a15 /x2 /y2 /w40 /h24"),
             ToolExitDone);
   ExpectShape(out, 2, 40, 24, 15);
+}
+
+uint32_t FramesOf(const std::string& name) {
+  const std::vector<uint8_t> bytes = ReadFile(name);
+  VelmoHeader header{};
+  if (VelmoReadHeader(bytes.data(), bytes.size(), &header) != nullptr) return 0;
+  return header.Frames;
+}
+
+// A single numbered picture with neighbours is asked about in a box of its own, captioned
+// "Treat as sequence?": Yes compresses the series, No the picture alone. A numbered picture
+// without neighbours is not asked about.
+TEST(VelmocMedia, ANumberedPictureWithNeighboursAsksWhetherToTakeTheSeries) {
+  const ScratchDir dir;
+  ASSERT_TRUE(WriteInput(dir / "f.png", 4, 48, 32, 30));  // f0.png to f3.png
+  AnswerScript& script = Answers();
+  for (const int answer : {ToolButtonYes, ToolButtonNo}) {
+    SCOPED_TRACE(answer == ToolButtonYes ? "yes" : "no");
+    script.Reset(answer);
+    const std::string out = dir / (answer == ToolButtonYes ? "all.vlm" : "one.vlm");
+    ASSERT_EQ(RunVelmoc(dir / "f2.png" + " " + out + " /v101", nullptr, ScriptedFrontEnd()).code,
+              ToolExitDone);
+    EXPECT_EQ(FramesOf(out), answer == ToolButtonYes ? 4u : 1u);
+    const std::vector<ShownBox> asked = script.Questions();
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_EQ(asked[0].caption, "Treat as sequence?");
+    EXPECT_EQ(asked[0].icon, ToolIconQuestion);
+    EXPECT_EQ(asked[0].text, "File, \"" + dir / "f2.png" +
+                                 "\", appears to be part of a sequence of files (0 to 3).\n"
+                                 "Do you want to treat the sequence as a single animation?");
+  }
+  ASSERT_TRUE(WriteImage(dir / "lone7.png", IMAGE_FORMAT_PNG, 48, 32,
+                         compress_test::Picture(48, 32, 1)));
+  script.Reset(ToolButtonYes);
+  ASSERT_EQ(RunVelmoc(dir / "lone7.png" + " " + dir / "lone.vlm /v101", nullptr,
+                      ScriptedFrontEnd()).code, ToolExitDone);
+  EXPECT_TRUE(script.Questions().empty());
+  EXPECT_EQ(FramesOf(dir / "lone.vlm"), 1u);
 }
 
 // The compressor's contrast increase is 8 unless /{ gives one: a picture compressed with the

@@ -11,6 +11,7 @@
 #include "host/toolframe.h"
 #include "media/readers/stream_readers.h"
 #include "program_test_support.h"
+#include "support/scripted_answers.h"
 
 namespace {
 
@@ -427,11 +428,55 @@ TEST_F(VelmoConvRun, ExitCodes) {
 }
 
 // The converter run in this process through the tool shell, as the program runs it.
-int RunHere(const std::string& tail) {
+int RunHere(const std::string& tail, const ToolFrontEnd* front = ToolConsoleFrontEnd()) {
   VelmoConvRegisterDialog();
+  ToolFrameSetFrontEnd(front);
+  const int code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, false, VelmoConvMain,
+                                VelmoConvCommand, "velmoconv");
   ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  return ToolFrameRun(nullptr, 0, tail.c_str(), 1, false, VelmoConvMain, VelmoConvCommand,
-                      "velmoconv");
+  return code;
+}
+
+size_t Y4mFrames(const std::string& name) {
+  const std::string y4m = ReadText(name);
+  size_t n = 0;
+  for (size_t at = y4m.find("FRAME"); at != std::string::npos; at = y4m.find("FRAME", at + 1)) n++;
+  return n;
+}
+
+// A single numbered picture with neighbours is asked about in a box of its own, captioned
+// "Treat as sequence?": Yes converts the series, No the picture alone; the program on a
+// console takes Yes. A numbered picture without neighbours is not asked about.
+TEST_F(VelmoConvRun, ANumberedPictureWithNeighboursAsksWhetherToTakeTheSeries) {
+  MakeSeries(dir + "/s", 4, 16, 8, false);  // s1.png to s4.png
+  MakeSeries(dir + "/lone", 1, 16, 8, false);
+  const std::string text = "File, \"" + dir +
+                           "/s3.png\", appears to be part of a sequence of files (1 to 4).\n"
+                           "Do you want to treat the sequence as a single animation?";
+  AnswerScript& script = Answers();
+  testing::internal::CaptureStderr();
+  for (const int answer : {ToolButtonYes, ToolButtonNo}) {
+    SCOPED_TRACE(answer == ToolButtonYes ? "yes" : "no");
+    script.Reset(answer);
+    const std::string out = dir + (answer == ToolButtonYes ? "/all.y4m" : "/one.y4m");
+    EXPECT_EQ(RunHere(dir + "/s3.png " + out, ScriptedFrontEnd()), ToolExitDone);
+    EXPECT_EQ(Y4mFrames(out), answer == ToolButtonYes ? 4u : 1u);
+    const std::vector<ShownBox> asked = script.Questions();
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_EQ(asked[0].caption, "Treat as sequence?");
+    EXPECT_EQ(asked[0].icon, ToolIconQuestion);
+    EXPECT_EQ(asked[0].text, text);
+  }
+  script.Reset(ToolButtonYes);
+  EXPECT_EQ(RunHere(dir + "/lone1.png " + dir + "/lone.y4m", ScriptedFrontEnd()), ToolExitDone);
+  testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(script.Questions().empty());
+  EXPECT_EQ(Y4mFrames(dir + "/lone.y4m"), 1u);
+
+  const ToolOutcome console = RunTail("velmoconv " + dir + "/s3.png " + dir + "/console.y4m");
+  EXPECT_EQ(console.code, 0);
+  EXPECT_TRUE(console.Says("Treat as sequence? - Question: " + text)) << console.output;
+  EXPECT_EQ(Y4mFrames(dir + "/console.y4m"), 4u);
 }
 
 // Conversions one after another in one process, as a batch makes them: the first ends at a

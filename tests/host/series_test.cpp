@@ -208,4 +208,18 @@ TEST(SequencePrompt, Text) {
   EXPECT_STREQ(SequencePromptTitle, "Treat as sequence?");
 }
 
+// Whoever shows questions tells the prompt from the others by its text alone.
+TEST(SequencePrompt, IsToldFromOtherQuestions) {
+  char text[512];
+  SequencePromptText(text, sizeof text, "a b/shot2_0041.tga", 7, 12000);
+  EXPECT_TRUE(IsSequencePrompt(text));
+  const std::string whole = text;
+  EXPECT_FALSE(IsSequencePrompt(whole.substr(0, whole.size() - 1).c_str()));  // cut short
+  EXPECT_FALSE(IsSequencePrompt(("x" + whole).c_str()));
+  EXPECT_FALSE(IsSequencePrompt("File, \"x\" exists, overwrite?"));
+  EXPECT_FALSE(IsSequencePrompt("File x.avi exists, overwrite?"));
+  EXPECT_FALSE(IsSequencePrompt(""));
+  EXPECT_FALSE(IsSequencePrompt(nullptr));
+}
+
 }  // namespace

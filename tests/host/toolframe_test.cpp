@@ -711,54 +711,71 @@ int GuiTool(char* tail, ToolDialog*) {
   return 0;
 }
 
-TEST(WindowShell, RunsAToolHeadlessUnderXvfb) {
-  int display = -1, xvfbPipe = -1;
-  pid_t xvfb = StartXvfb(&display, &xvfbPipe);
-  if (xvfb < 0) GTEST_SKIP() << "Xvfb could not be started here; the window front end is untested";
-  std::string name = ":" + std::to_string(display);
-  const char* oldDisplay = std::getenv("DISPLAY");
-  std::string saved = oldDisplay ? oldDisplay : "";
-  setenv("DISPLAY", name.c_str(), 1);
-  unsetenv("WAYLAND_DISPLAY");
-  setenv("SDL_VIDEODRIVER", "x11", 1);
+// A private X server for the window front end: started before each test (which is skipped
+// where there is none), with DISPLAY pointing at it and SDL's video up; all undone after.
+class WindowShell : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    xvfb = StartXvfb(&display, &xvfbPipe);
+    if (xvfb < 0)
+      GTEST_SKIP() << "Xvfb could not be started here; the window front end is untested";
+    const std::string name = ":" + std::to_string(display);
+    const char* oldDisplay = std::getenv("DISPLAY");
+    hadDisplay = oldDisplay != nullptr;
+    savedDisplay = oldDisplay ? oldDisplay : "";
+    setenv("DISPLAY", name.c_str(), 1);
+    unsetenv("WAYLAND_DISPLAY");
+    setenv("SDL_VIDEODRIVER", "x11", 1);
 #ifdef ORN_TEST_LSAN
-  // X, GL drivers and D-Bus keep process-lifetime allocations that the leak checker would
-  // report; the same frame code is leak-checked by the console tests.
-  __lsan_disable();
+    // X, GL drivers and D-Bus keep process-lifetime allocations that the leak checker would
+    // report; the same frame code is leak-checked by the console tests.
+    __lsan_disable();
 #endif
-  // The server may take a moment before it accepts clients.
-  bool connected = false;
-  for (int i = 0; i < 100 && !connected; i++) {
-    connected = SDL_InitSubSystem(SDL_INIT_VIDEO) == 0;
-    if (!connected) std::this_thread::sleep_for(50ms);
+    // The server may take a moment before it accepts clients.
+    bool connected = false;
+    for (int i = 0; i < 100 && !connected; i++) {
+      connected = SDL_InitSubSystem(SDL_INIT_VIDEO) == 0;
+      if (!connected) std::this_thread::sleep_for(50ms);
+    }
+    ASSERT_TRUE(connected) << "Xvfb " << name
+                           << " started but takes no clients: " << SDL_GetError();
+    Reset(&seen);
   }
-  if (!connected) {
+  void TearDown() override {
+    if (xvfb < 0) return;
+    ToolFrameSetHook(nullptr);
+    ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
+    SDL_Quit();
 #ifdef ORN_TEST_LSAN
     __lsan_enable();
 #endif
     StopXvfb(xvfb, xvfbPipe);
-    FAIL() << "Xvfb " << name << " started but takes no clients: " << SDL_GetError();
+    if (hadDisplay) setenv("DISPLAY", savedDisplay.c_str(), 1); else unsetenv("DISPLAY");
   }
-
+  // Runs `tool` of `dialog` in the window, driven by `hook`.
+  int Run(const ToolDialogDesc* dialog, ToolMainRoutine tool, ToolMessageHook hook,
+          const char* tail) {
+    ToolDialogRegister(dialog);
+    ToolFrameSetFrontEnd(ToolGuiFrontEnd());
+    ToolFrameSetHook(hook);
+    const int code = ToolFrameRun(nullptr, 0, tail, 1, false, tool, CancelHandler, dialog->name);
+    ToolFrameSetHook(nullptr);
+    return code;
+  }
+  pid_t xvfb = -1;
+  int display = -1, xvfbPipe = -1;
+  bool hadDisplay = false;
+  std::string savedDisplay;
   Seen seen;
-  Reset(&seen);
+};
+
+TEST_F(WindowShell, RunsAToolHeadlessUnderXvfb) {
   GuiSeen gui;
   g_gui = &gui;
   // Left in the test's working folder (the build tree) for a person to look at.
   gui.screenshot = "toolframe_window.png";
   ::unlink(gui.screenshot.c_str());
-  ToolDialogRegister(&TestDialog);
-  ToolFrameSetFrontEnd(ToolGuiFrontEnd());
-  ToolFrameSetHook(GuiDriver);
-  int code = ToolFrameRun(nullptr, 0, "window.avi", 1, false, GuiTool, CancelHandler, "shelltest");
-  ToolFrameSetHook(nullptr);
-  ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
-  SDL_Quit();
-#ifdef ORN_TEST_LSAN
-  __lsan_enable();
-#endif
-  StopXvfb(xvfb, xvfbPipe);
-  if (oldDisplay) setenv("DISPLAY", saved.c_str(), 1); else unsetenv("DISPLAY");
+  const int code = Run(&TestDialog, GuiTool, GuiDriver, "window.avi");
 
   EXPECT_EQ(code, 0);
   EXPECT_EQ(seen.answers[0], 2);  // Enter took the default: the third button, Cancel
@@ -776,6 +793,84 @@ TEST(WindowShell, RunsAToolHeadlessUnderXvfb) {
   struct stat st {};
   EXPECT_EQ(stat(gui.screenshot.c_str(), &st), 0) << gui.screenshot;
   EXPECT_GT(st.st_size, 1000);
+}
+
+
+// ---- Edit fields in the window ----------------------------------------------------------------
+
+// The log text "line 1\n" to "line N\n".
+std::string LogLines(int lines) {
+  std::string log;
+  for (int i = 1; i <= lines; i++) log += "line " + std::to_string(i) + "\n";
+  return log;
+}
+
+// The field's model: a text that the tool sets moves the caret and the view to its end for the
+// next draws; the same text handed again each frame does not, so a user who scrolled up stays.
+TEST(WindowEditField, ATextTheToolSetsIsShownFromItsEnd) {
+  ToolGuiEditField field;
+  EXPECT_FALSE(ToolGuiEditDrawsAtEnd(&field));
+  EXPECT_TRUE(ToolGuiTakeEditText(&field, LogLines(3).c_str()));
+  EXPECT_EQ(field.text, LogLines(3));
+  for (int draw = 0; draw < ToolGuiEndDraws; draw++) EXPECT_TRUE(ToolGuiEditDrawsAtEnd(&field));
+  EXPECT_FALSE(ToolGuiEditDrawsAtEnd(&field));
+  EXPECT_FALSE(ToolGuiTakeEditText(&field, LogLines(3).c_str()));
+  EXPECT_FALSE(ToolGuiEditDrawsAtEnd(&field));
+  // What the user typed stays until the tool sets a text of its own.
+  field.text += "typed";
+  EXPECT_FALSE(ToolGuiTakeEditText(&field, LogLines(3).c_str()));
+  EXPECT_EQ(field.text, LogLines(3) + "typed");
+  EXPECT_TRUE(ToolGuiTakeEditText(&field, LogLines(4).c_str()));
+  EXPECT_EQ(field.text, LogLines(4));
+  EXPECT_TRUE(ToolGuiEditDrawsAtEnd(&field));
+  EXPECT_TRUE(ToolGuiTakeEditText(&field, nullptr));  // no text is an empty one
+  EXPECT_EQ(field.text, "");
+}
+
+constexpr int LogId = 400;
+const ToolControlDesc LogControls[] = {
+    {ToolIdStatus, ToolControlText, "Starting..."},
+    {LogId, ToolControlEdit, ""},
+    {ToolIdCancel, ToolControlButton, "&Cancel"},
+};
+const ToolDialogDesc LogDialog = {"logtest", "Log Tool", LogControls, 3};
+
+// Where the log field's view stood: after the tool's log, and after a longer one.
+struct LogSeen {
+  int paints = -1;
+  float scroll[2] = {-1, -1}, scrollMax[2] = {-1, -1};
+} g_log;
+
+int LogTool(char*, ToolDialog*) {
+  ToolFrameSetText(LogId, LogLines(200).c_str());
+  ToolFrameSetText(ToolIdStatus, "Finished.");
+  return 0;
+}
+
+// Some frames after the end: notes the view, sets a longer log, notes again, presses Done.
+int LogDriver(ToolDialog* dialog, const ToolMessage* m) {
+  RecordFinish(dialog, m);
+  if (m->code == ToolMsgFinished) g_log.paints = 0;
+  if (m->code != ToolMsgPaint || g_log.paints < 0) return 0;
+  const int n = ++g_log.paints;
+  if (n == 5 || n == 10) {
+    const int i = n == 5 ? 0 : 1;
+    ToolGuiEditScroll(LogId, &g_log.scroll[i], &g_log.scrollMax[i]);
+    ToolFrameSetText(LogId, LogLines(400).c_str());
+  }
+  if (n == 11) ToolFramePostCommand(ToolIdCancel);  // press Done
+  return 0;
+}
+
+TEST_F(WindowShell, ALogTheToolSetsShowsItsLastLine) {
+  g_log = LogSeen{};
+  EXPECT_EQ(Run(&LogDialog, LogTool, LogDriver, ""), 0);
+  ASSERT_EQ(g_log.paints, 11);
+  // 200 lines do not fit the field: the view stands at its end, and again after 400.
+  EXPECT_GT(g_log.scrollMax[0], 0.0f);
+  EXPECT_EQ(g_log.scroll[0], g_log.scrollMax[0]);
+  EXPECT_GT(g_log.scrollMax[1], g_log.scrollMax[0]);
+  EXPECT_EQ(g_log.scroll[1], g_log.scrollMax[1]);
 }
 
 }  // namespace

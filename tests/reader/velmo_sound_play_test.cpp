@@ -639,6 +639,38 @@ TEST_F(SoundThreadTest, KeepThreadsLeavesTheThreadRunning) {
   EXPECT_FALSE(VelmoSoundThreadRunning());
 }
 
+// Waits up to two seconds for the null back end's tick count to pass `count`.
+bool TicksPass(const VelmoNullSoundConfig& config, uint32_t count) {
+  for (uint32_t start = TimerMs(); TimerMs() - start < 2000; ThreadSleep(1))
+    if (AtomicRead(&config.Ticks) > count) return true;
+  return false;
+}
+
+// A back end that serves itself (a negative mode): the thread leaves its tracks unfed and calls
+// the back end's tick instead, always holding the sound service lock.
+TEST_F(SoundThreadTest, ANegativeModeCallsTheBackEndsTickUnderTheServiceLock) {
+  const SoundFile sf = BuildSoundFile(20, 30, 1, {{22050, 1, false, 0, 2, 0}});
+  Config.ServiceMode = -4;
+  HVELMO h = Open(sf.File, {0});
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(VelmoStateOf(h)->SoundSleep, 4u);
+  EXPECT_TRUE(VelmoSoundThreadRunning());
+  PlayInRealTime(h, 6);
+  EXPECT_TRUE(TicksPass(Config, 0));
+  EXPECT_EQ(Config.Logs[0].Received, 0u);  // the library fed the device nothing
+  EXPECT_EQ(Config.Logs[0].Unlocks, 0u);
+  // While another holds the service lock the tick waits.
+  LockEnter(VelmoSoundServiceLock());
+  const uint32_t held = AtomicRead(&Config.Ticks);
+  ThreadSleep(60);
+  EXPECT_EQ(AtomicRead(&Config.Ticks), held);
+  LockLeave(VelmoSoundServiceLock());
+  EXPECT_TRUE(TicksPass(Config, held));
+  VelmoClose(h);
+  EXPECT_FALSE(VelmoSoundThreadRunning());
+  EXPECT_EQ(Config.Logs[0].Closed, 1u);
+}
+
 TEST_F(SoundThreadTest, FilesComeAndGoWhileTheThreadFeeds) {
   const SoundFile sf = BuildSoundFile(6, 100, 1, {{22050, 2, false, 0, 2, 0}});
   Config.Latency = 60;

@@ -1,6 +1,9 @@
 // ORNSI: the report's lines, and the program run with the console front end.
+#include <sys/stat.h>
+
 #include <regex>
 
+#include "support/files.h"
 #include "support/run.h"
 #include "tools/ornsi.h"
 
@@ -31,6 +34,46 @@ TEST(OrnSystemInfoTest, LinesInOrderAndWellFormed) {
   EXPECT_LE(cores, logical);
   EXPECT_EQ(cores + extra, logical);
   EXPECT_NE(text.find("SSE2"), std::string::npos);  // every x86-64 processor has it
+}
+
+// A stand-in for the system's folder of sound cards: "<dir>/asound/cards" and, when given,
+// "<dir>/asound/version".
+void FakeSoundCards(const test_support::ScratchDir& dir, const std::string& cards,
+                    const std::string& version) {
+  mkdir((dir / "asound").c_str(), 0755);
+  test_support::WriteText(dir / "asound/cards", cards);
+  if (!version.empty()) test_support::WriteText(dir / "asound/version", version);
+}
+
+// The sound line names the default card (the first listed), its driver and the sound driver's
+// version; without a card, or without the list, the line is left out.
+TEST(OrnSystemInfoTest, AudioLineNamesTheDefaultCardAndItsDriver) {
+  const std::string twoCards =
+      " 0 [PCH            ]: HDA-Intel - HDA Intel PCH\n"
+      "                      HDA Intel PCH at 0xf7f10000 irq 32\n"
+      " 1 [Device         ]: USB-Audio - USB Audio Device\n"
+      "                      Generic USB Audio Device at usb-0000:00:14.0-2, full speed\n";
+  const struct {
+    std::string cards, version, line;
+  } cases[] = {
+      {twoCards, "Advanced Linux Sound Architecture Driver Version k6.1.0.\n",
+       "Audio device: HDA Intel PCH HDA-Intel 6.1"},
+      {twoCards, "Advanced Linux Sound Architecture Driver Version 1.0.25.\n",
+       "Audio device: HDA Intel PCH HDA-Intel 1.0"},
+      {twoCards, "", "Audio device: HDA Intel PCH HDA-Intel"},  // no version to be read
+      {" 3 [Dummy          ]: Dummy - Dummy\n                      Dummy 1\n",
+       "Advanced Linux Sound Architecture Driver Version k5.10.2.\n",
+       "Audio device: Dummy Dummy 5.10"},
+      {"--- no soundcards ---\n", "Advanced Linux Sound Architecture Driver Version k6.1.0.\n", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.cards + c.version);
+    const test_support::ScratchDir dir;
+    FakeSoundCards(dir, c.cards, c.version);
+    EXPECT_EQ(OrnAudioDeviceLine(dir.path), c.line);
+  }
+  const test_support::ScratchDir empty;
+  EXPECT_EQ(OrnAudioDeviceLine(empty.path), "");  // no sound system at all
 }
 
 TEST(OrnSystemInfoTest, ProgramPrintsTheReportAndTheBox) {

@@ -188,7 +188,7 @@ int MediaProgress(void* context, const char* text, int level) {
   Run& r = *static_cast<Run*>(context);
   if (level == MediaLevelCancel) return 1;
   if (!text) return r.cancel ? 1 : 0;
-  if (level == MediaLevelQuestion) return ToolFrameAsk(text, ToolBoxDefaultFirst) == 1 ? 1 : 0;
+  if (level == MediaLevelQuestion) return ToolFrameAskQuestion(text, ToolBoxDefaultFirst) == 1;
   if (level == MediaLevelError) {
     std::snprintf(r.mediaError, sizeof r.mediaError, "%s", text);
     return 1;

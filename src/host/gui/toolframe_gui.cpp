@@ -10,6 +10,7 @@
 #include <backends/imgui_impl_opengl3.h>
 #include <backends/imgui_impl_sdl.h>
 #include <imgui.h>
+#include <imgui_internal.h>
 #include <imgui_stdlib.h>
 #include <stb_image_write.h>
 
@@ -20,11 +21,14 @@
 namespace {
 
 constexpr int WindowWidth = 520;
+constexpr float FarDown = 1.0e9f;  // a scroll past the end of any text
 
-struct EditField {
+using EditField = ToolGuiEditField;
+
+// Where an edit field's view stood after the last frame.
+struct EditScroll {
   int id;
-  std::string text;    // what the field shows and the user edits
-  std::string synced;  // the frame's text when it was last copied in
+  float scroll, scrollMax;
 };
 
 struct GuiState {
@@ -35,6 +39,7 @@ struct GuiState {
   ImGuiContext* imgui = nullptr;
   std::string shownCaption;
   std::vector<EditField> edits;
+  std::vector<EditScroll> editScrolls;
   std::string screenshotPath;
   int frames = 0;
   std::vector<std::string> drawnLines;  // the heading and text lines of the last frame
@@ -146,13 +151,50 @@ void TakeEvents(ToolDialog* d, int waitMs) {
 EditField* EditFor(int id) {
   for (EditField& e : g_gui.edits)
     if (e.id == id) return &e;
-  g_gui.edits.push_back(EditField{id, std::string(), std::string()});
+  g_gui.edits.push_back(EditField{id, std::string(), std::string(), 0});
   return &g_gui.edits.back();
+}
+
+// With the caret in the field (the user clicked into it), the caret itself goes to the end,
+// and the field keeps it in view.
+int CaretToEnd(ImGuiInputTextCallbackData* data) {
+  if (*static_cast<const bool*>(data->UserData))
+    data->CursorPos = data->SelectionStart = data->SelectionEnd = data->BufTextLen;
+  return 0;
+}
+
+// The field's inner window, which InputTextMultiline makes as a child of the current window.
+ImGuiWindow* EditWindow(const char* label) {
+  ImGuiWindow* parent = ImGui::GetCurrentWindow();
+  char name[512];
+  std::snprintf(name, sizeof name, "%s/%s_%08X", parent->Name, label, parent->GetID(label));
+  return ImGui::FindWindowByName(name);
+}
+
+void DrawEdit(ToolDialog* d, const ToolControlView& c) {
+  EditField* e = EditFor(c.id);
+  ToolGuiTakeEditText(e, c.text);
+  bool atEnd = ToolGuiEditDrawsAtEnd(e);
+  ImGui::PushID(c.id);
+  ImGui::BeginDisabled(!c.enabled);
+  // Not in the field: its view goes to the end. The scroll is clamped to how far it reaches;
+  // FLT_MAX itself would read as "no scroll asked".
+  if (atEnd) ImGui::SetNextWindowScroll(ImVec2(-1.0f, FarDown));
+  if (ImGui::InputTextMultiline("##edit", &e->text, ImVec2(-1, 220),
+                                ImGuiInputTextFlags_CallbackAlways, CaretToEnd, &atEnd)) {
+    ToolDialogUserEdit(d, c.id, e->text.c_str());
+    e->synced = e->text;
+  }
+  if (ImGuiWindow* w = EditWindow("##edit"))
+    g_gui.editScrolls.push_back(EditScroll{c.id, w->Scroll.y, w->ScrollMax.y});
+  ImGui::EndDisabled();
+  ImGui::PopID();
 }
 
 void DrawControls(ToolDialog* d) {
   std::vector<int> buttons;
   g_gui.drawnLines.assign(1, ToolDialogCaption(d));
+  g_gui.editScrolls.clear();
   ImGui::TextUnformatted(ToolDialogCaption(d));
   ImGui::Separator();
   for (int i = 0; i < ToolDialogControlCount(d); i++) {
@@ -169,19 +211,9 @@ void DrawControls(ToolDialog* d) {
         ImGui::ProgressBar(fraction, ImVec2(-1, 0));
         break;
       }
-      case ToolControlEdit: {
-        EditField* e = EditFor(c.id);
-        if (e->synced != c.text) e->text = e->synced = c.text;
-        ImGui::PushID(c.id);
-        ImGui::BeginDisabled(!c.enabled);
-        if (ImGui::InputTextMultiline("##edit", &e->text, ImVec2(-1, 220))) {
-          ToolDialogUserEdit(d, c.id, e->text.c_str());
-          e->synced = e->text;
-        }
-        ImGui::EndDisabled();
-        ImGui::PopID();
+      case ToolControlEdit:
+        DrawEdit(d, c);
         break;
-      }
       case ToolControlButton:
         buttons.push_back(i);
         break;
@@ -334,3 +366,33 @@ const ToolFrontEnd* ToolGuiFrontEnd() { return &GuiFrontEnd; }
 void ToolGuiRequestScreenshot(const char* path) { g_gui.screenshotPath = path ? path : ""; }
 int ToolGuiFramesDrawn() { return g_gui.frames; }
 std::vector<std::string> ToolGuiDrawnLines() { return g_gui.drawnLines; }
+
+bool ToolGuiTakeEditText(ToolGuiEditField* field, const char* toolText) {
+  const char* text = toolText ? toolText : "";
+  if (field->synced == text) return false;
+  field->text = field->synced = text;
+  field->toEnd = ToolGuiEndDraws;
+  return true;
+}
+
+bool ToolGuiEditDrawsAtEnd(ToolGuiEditField* field) {
+  if (field->toEnd <= 0) return false;
+  field->toEnd--;
+  return true;
+}
+
+const ToolGuiEditField* ToolGuiEdit(int id) {
+  for (const ToolGuiEditField& e : g_gui.edits)
+    if (e.id == id) return &e;
+  return nullptr;
+}
+
+bool ToolGuiEditScroll(int id, float* scroll, float* scrollMax) {
+  for (const EditScroll& e : g_gui.editScrolls) {
+    if (e.id != id) continue;
+    *scroll = e.scroll;
+    *scrollMax = e.scrollMax;
+    return true;
+  }
+  return false;
+}
