@@ -35,6 +35,7 @@ except ImportError:  # plain Python does the sums, slowly
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 PEERS = ("vp8", "vp9", "theora")
+SATURATED = 0.8  # achieved/asked below this leaves the point out of the rate difference
 PEER_PACKAGES = ("vpx-tools", "libtheora-bin")
 FORBIDDEN_PACKAGES = re.compile(r"^(ffmpeg|libav|libsw|libpostproc|gstreamer|libgstreamer)")
 
@@ -243,7 +244,8 @@ def bd_rate(reference, test):
     """Average rate difference (per cent) of `test` against `reference` at equal PSNR; each is
     a list of (rate, psnr). Cubic fit of log rate against PSNR over the common PSNR range."""
     if len(reference) < 4 or len(test) < 4:
-        raise BenchError("the Bjontegaard difference needs four points per curve")
+        raise BenchError("the Bjontegaard difference needs four points per curve that met "
+                         "their rate")
     fits = []
     for curve in (reference, test):
         psnr = [p for _, p in curve]
@@ -426,7 +428,10 @@ def benchmark(clip_path, frames, rates, peers, build, out=sys.stdout, skip=0, sw
                     enc.name, bpp, asked, achieved, achieved / asked, r.psnr[0], r.psnr[1],
                     r.psnr[2], fmt3(r.own) if r.own else "-", frames / r.encode_seconds,
                     r.decode_fps), file=out)
-                curves.setdefault(enc.name, []).append((achieved, r.psnr[0]))
+                # An encoder that stopped well short of the asked rate had reached its best
+                # picture: the point repeats the one below it and would bend the fit.
+                if achieved >= SATURATED * asked:
+                    curves.setdefault(enc.name, []).append((achieved, r.psnr[0]))
                 out.flush()
         print(file=out)
         for name, points in curves.items():
