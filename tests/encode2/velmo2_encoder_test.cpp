@@ -219,3 +219,37 @@ TEST(Velmo2Encoder, CancelledFrameGivesNothing) {
 }
 
 }  // namespace
+
+// A cut to a new picture that intra coding predicts almost for free (a flat grey for a flat
+// level with striped chroma: each intra macroblock's values come from its neighbours, while
+// each residual macroblock codes the step again) comes out nearly all intra and small: the
+// frame becomes a key frame, which the decoder takes as one. The same picture again stays an
+// inter frame.
+TEST(Velmo2Encoder, ACutToAPictureIntraCodesCheaplyIsPromotedToAKeyFrame) {
+  PoolStart();
+  const uint32_t w = 640, h = 480;
+  Velmo2EncoderSetup setup{w, h, 0, false, false, ProcessorFeatures()};
+  Velmo2Encoder* e = Velmo2EncoderCreate(setup);
+  ASSERT_NE(e, nullptr);
+  Player player(w, h, Velmo2EncoderSliceMode(e));
+  Picture before(w, h, 0), after(w, h, 0);
+  std::fill(before.P[0].begin(), before.P[0].end(), 60);
+  std::fill(after.P[0].begin(), after.P[0].end(), 230);
+  for (int p = 1; p < 3; ++p) std::fill(before.P[p].begin(), before.P[p].end(), 128);
+  const struct {
+    const Picture* Pic;
+    bool Key;
+    Velmo2FrameOutcome Wanted;
+  } frames[] = {{&before, true, Velmo2CodedKey},
+                {&after, false, Velmo2CodedKey},
+                {&after, false, Velmo2CodedInter}};
+  for (const auto& f : frames) {
+    Velmo2EncodedFrame out;
+    const Velmo2FrameOutcome r = Velmo2EncodeFrame(e, f.Pic->Frame(f.Key), 300, &out);
+    ASSERT_EQ(r, f.Wanted);
+    EXPECT_EQ(out.Promoted, !f.Key && r == Velmo2CodedKey);
+    player.Play(out.Section, r == Velmo2CodedKey);
+    for (int p = 0; p < 3; ++p) EXPECT_EQ(out.PictureErrors[p], player.Error(*f.Pic, p)) << p;
+  }
+  Velmo2EncoderDestroy(e);
+}
