@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 # What each layer may use, bottom-up. A nested folder (host/gui, compress/tool, media/readers
 # belongs to media) is a layer of its own only when it is listed here.
 LAYERS=(host host/gui format audio imagefile process decode encode2 reader compress media
-        compress/tool convert tools main)
+        compress/tool convert tools player main)
 declare -A USES=(
   [host]=""
   [host/gui]="host"
@@ -25,8 +25,9 @@ declare -A USES=(
   [compress/tool]="host format audio imagefile process decode encode2 reader compress media"
   [convert]="host format audio imagefile process decode reader media"
   [tools]="host host/gui format audio imagefile process decode reader media"
+  [player]="host host/gui format audio imagefile process decode reader media"
   [main]="host host/gui format audio imagefile process decode encode2 reader compress media
-          compress/tool convert tools"
+          compress/tool convert tools player"
 )
 
 failures=0

@@ -21,6 +21,7 @@
 #include "tools/orninfo.h"
 #include "tools/ornsi.h"
 #include "convert/velmoconv.h"
+#include "player/velmoplay.h"
 
 extern char** environ;
 
@@ -79,7 +80,7 @@ int DispatchPalettePlayer(const ToolEntryArgs* args) {
 
 // The tool words in the order they are tested.
 const ToolWordRow Table[] = {
-    {{"velmoplay", "velmopl64"}, "VelmoPlay", DispatchWindowTool, nullptr, nullptr, nullptr, nullptr, nullptr,
+    {{"velmoplay", "velmopl64"}, "VelmoPlay", DispatchWindowTool, nullptr, nullptr, nullptr, VelmoPlayMain, nullptr,
      "play a Velmo file"},
     {{"ornbatch"}, "ORNBatch", DispatchShellTool, "ornbatch", nullptr, nullptr, nullptr, nullptr,
      "run a list of tool lines one after another"},

@@ -1,0 +1,279 @@
+// The SDL window of the player and the 2-D presentation into it.
+#include "player/player_window.h"
+
+#include <SDL.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "host/platform.h"
+#include "player/player_text.h"
+
+namespace {
+
+constexpr uint32_t Yellow = 0xFFFFFF00u;
+constexpr const char* HdrNeedsGpu = "You need to use Direct3D 11 for viewing Velmo HDR videos.";
+
+}  // namespace
+
+struct PlayerWindow {
+  PlayerOptions Options;
+  SDL_Window* Window = nullptr;
+  SDL_Renderer* Renderer = nullptr;
+  SDL_Texture* Texture = nullptr;
+  SDL_Texture* Strip = nullptr;
+  PlayerPicture Picture;
+  PlayerPicture StripPicture;
+  PlayerWindowPlan Plan;
+  PlayerShownRect Shown;
+  bool Capture = false;  // read the pixels back before each flip
+  std::vector<uint32_t> Captured;
+  int32_t CapturedWidth = 0, CapturedHeight = 0;
+  int32_t ScreenWidth = 0, ScreenHeight = 0;
+};
+
+namespace {
+
+PlayerWindow* Of(void* context) { return static_cast<PlayerWindow*>(context); }
+
+bool SliderShows(const PlayerWindow* w, const PlayerState* s, uint32_t now) {
+  if (!s->Handle) return false;
+  PlayerSliderView view;
+  view.Frames = s->Handle->Frames;
+  view.Disabled = (s->Options.DisabledControls & PlayerDisableSlider) != 0;
+  view.MouseRecent = s->MouseMoved && now - s->MouseTime < 1000;
+  view.Paused = s->Paused;
+  return PlayerSliderShows(view, w->Picture.Width, w->Picture.Height);
+}
+
+int32_t KeyOf(const SDL_KeyboardEvent& key) {
+  switch (key.keysym.sym) {
+    case SDLK_SPACE: return PlayerKeySpace;
+    case SDLK_RETURN: case SDLK_KP_ENTER: return PlayerKeyEnter;
+    case SDLK_ESCAPE: return PlayerKeyEscape;
+    case SDLK_HOME: return PlayerKeyHome;
+    case SDLK_END: return PlayerKeyEnd;
+    case SDLK_LEFT: return PlayerKeyLeft;
+    case SDLK_RIGHT: return PlayerKeyRight;
+    case SDLK_UP: return PlayerKeyUp;
+    case SDLK_DOWN: return PlayerKeyDown;
+    case SDLK_PERIOD: case SDLK_KP_PERIOD: return PlayerKeyDot;
+    case SDLK_b: return PlayerKeyBackground;
+    default: return PlayerKeyOther;
+  }
+}
+
+bool NextEvent(void*, PlayerEvent* out) {
+  SDL_Event e;
+  while (SDL_PollEvent(&e)) {
+    *out = PlayerEvent{};
+    switch (e.type) {
+      case SDL_QUIT: out->Type = PlayerEventClose; return true;
+      case SDL_KEYDOWN:
+        out->Type = PlayerEventKey;
+        out->Value = KeyOf(e.key);
+        return true;
+      case SDL_MOUSEBUTTONDOWN:
+        out->Type = PlayerEventClick;
+        out->X = e.button.x;
+        out->Y = e.button.y;
+        return true;
+      case SDL_MOUSEMOTION: out->Type = PlayerEventMouseMove; return true;
+      case SDL_WINDOWEVENT:
+        if (e.window.event == SDL_WINDOWEVENT_FOCUS_GAINED ||
+            e.window.event == SDL_WINDOWEVENT_FOCUS_LOST) {
+          out->Type = PlayerEventFocus;
+          out->Value = e.window.event == SDL_WINDOWEVENT_FOCUS_GAINED;
+          return true;
+        }
+        break;
+      default: break;
+    }
+  }
+  return false;
+}
+
+SDL_Texture* MakeTexture(SDL_Renderer* r, SDL_Texture* old, int32_t w, int32_t h) {
+  if (old) SDL_DestroyTexture(old);
+  SDL_Texture* t = SDL_CreateTexture(r, SDL_PIXELFORMAT_ARGB8888, SDL_TEXTUREACCESS_STREAMING, w, h);
+  // A plain copy of the source: alpha has been dealt with in the picture.
+  if (t) SDL_SetTextureBlendMode(t, SDL_BLENDMODE_NONE);
+  return t;
+}
+
+// A renderer made for the window's present size: one made before a resize may keep drawing at
+// the old size until the display server's event comes, so each new size gets a new renderer.
+bool MakeRenderer(PlayerWindow* w) {
+  for (SDL_Texture** t : {&w->Texture, &w->Strip})
+    if (*t) SDL_DestroyTexture(*t), *t = nullptr;
+  if (w->Renderer) SDL_DestroyRenderer(w->Renderer);
+  w->Renderer = SDL_CreateRenderer(w->Window, -1, 0);
+  if (!w->Renderer) w->Renderer = SDL_CreateRenderer(w->Window, -1, SDL_RENDERER_SOFTWARE);
+  return w->Renderer != nullptr;
+}
+
+bool Setup(void* context, PlayerState* s) {
+  PlayerWindow* w = Of(context);
+  HVELMO h = s->Handle;
+  const bool hdr = (h->FileFlags & VelmoFlagHdr) != 0;
+  // Only the GPU path shows HDR frames, and this program presents on the 2-D path.
+  if (hdr) {
+    s->Error = HdrNeedsGpu;
+    return false;
+  }
+  if (!w->Picture.Make(int32_t(h->Width), int32_t(h->Height))) {
+    s->Error = "Unable to create DIBSection.";
+    return false;
+  }
+  w->Plan = PlayerPlanWindow(s->Options, w->Picture.Width, w->Picture.Height, w->ScreenWidth,
+                             w->ScreenHeight);
+  int32_t width = 0, height = 0;
+  SDL_GetWindowSize(w->Window, &width, &height);
+  if (width != w->Plan.Width || height != w->Plan.Height || !w->Renderer) {
+    SDL_SetWindowSize(w->Window, w->Plan.Width, w->Plan.Height);
+    SDL_PumpEvents();
+    if (!MakeRenderer(w)) {
+      s->Error = "Error creating window.";
+      return false;
+    }
+  }
+  w->Texture = MakeTexture(w->Renderer, w->Texture, w->Picture.Width, w->Picture.Height);
+  if (!w->Texture) {
+    s->Error = "Unable to create DIBSection.";
+    return false;
+  }
+  if (w->Plan.StripHeight) {
+    w->StripPicture.Make(w->Plan.Width, w->Plan.StripHeight);
+    w->Strip = MakeTexture(w->Renderer, w->Strip, w->Plan.Width, w->Plan.StripHeight);
+  }
+  w->Shown = {(w->Plan.Width - w->Plan.VideoWidth) / 2, w->Plan.StripHeight, w->Plan.VideoWidth,
+              w->Plan.VideoHeight};
+  const std::string title = s->FileTitle + " - Velmo Video Player";
+  SDL_SetWindowTitle(w->Window, title.c_str());
+  SDL_SetWindowPosition(w->Window, w->Plan.X, w->Plan.Y);
+  SDL_ShowWindow(w->Window);
+  s->ScreenWidth = w->ScreenWidth;
+  s->ScreenHeight = w->ScreenHeight;
+  return true;
+}
+
+void DrawStrip(PlayerWindow* w, const PlayerState* s) {
+  PlayerPicture& p = w->StripPicture;
+  for (int32_t y = 0; y < p.Height; ++y) std::fill_n(p.Row(y), p.Width, 0xFF000000u);
+  HVELMO h = s->Handle;
+  const uint32_t ring = h->FrameRateDiv ? std::max<uint32_t>(1, h->FrameRate / h->FrameRateDiv) : 1;
+  VelmoRealtime realtime{};
+  VelmoGetRealtime(h, &realtime, ring);
+  const std::string line =
+      PlayerStatisticsLine(realtime, (h->FileFlags & VelmoFlagHdr) != 0, s->Exposure);
+  PlayerDrawText(p.Bits, p.Pitch, p.Width, p.Height, 16, 4, line.c_str(), Yellow);
+  SDL_UpdateTexture(w->Strip, nullptr, p.Bits, p.Pitch);
+  SDL_Rect top{0, 0, p.Width, p.Height};
+  SDL_RenderCopy(w->Renderer, w->Strip, nullptr, &top);
+}
+
+// The frame as drawn, before the flip leaves the back buffer undefined.
+void ReadBack(PlayerWindow* w) {
+  int32_t width = 0, height = 0;
+  w->Captured.clear();
+  if (SDL_GetRendererOutputSize(w->Renderer, &width, &height) != 0) return;
+  w->Captured.assign(size_t(width) * size_t(height), 0);
+  if (SDL_RenderReadPixels(w->Renderer, nullptr, SDL_PIXELFORMAT_ARGB8888, w->Captured.data(),
+                           width * 4) != 0) {
+    w->Captured.clear();
+    return;
+  }
+  w->CapturedWidth = width;
+  w->CapturedHeight = height;
+}
+
+void Present(void* context, PlayerState* s) {
+  PlayerWindow* w = Of(context);
+  const bool slider = SliderShows(w, s, TimerMs());
+  if (!PlayerCompose2D(s, &w->Picture, slider)) ++s->SkippedBlits;
+  SDL_UpdateTexture(w->Texture, nullptr, w->Picture.Bits, w->Picture.Pitch);
+  // The borders around the picture are black.
+  SDL_SetRenderDrawColor(w->Renderer, 0, 0, 0, 255);
+  SDL_RenderClear(w->Renderer);
+  SDL_Rect shown{w->Shown.X, w->Shown.Y, w->Shown.Width, w->Shown.Height};
+  SDL_RenderCopy(w->Renderer, w->Texture, nullptr, &shown);
+  if (w->Plan.StripHeight && w->Strip) DrawStrip(w, s);
+  if (w->Capture) ReadBack(w);
+  SDL_RenderPresent(w->Renderer);
+}
+
+uint32_t SliderFrame(void* context, const PlayerState* s, int32_t x, int32_t y) {
+  PlayerWindow* w = Of(context);
+  if (!SliderShows(w, s, TimerMs())) return 0;
+  return PlayerSliderClick(x, y, w->Shown, w->Picture.Width, w->Picture.Height, s->Handle->Frames);
+}
+
+}  // namespace
+
+bool PlayerCompose2D(PlayerState* s, PlayerPicture* p, bool sliderShows) {
+  HVELMO h = s->Handle;
+  bool shown = true;
+  if (!s->Seeking) {
+    const uint32_t flags = VelmoSurfaceArgb32 | (s->Options.OpenFlags & VelmoCopyFlipAlpha);
+    shown = VelmoCopyToBuffer(h, p->Bits, p->Pitch, p->Height, 0, 0, flags) == 0;
+    if ((h->OpenFlags & VelmoOpenAlpha) && !(h->OpenFlags & VelmoCopyFlipAlpha))
+      PlayerAlphaOverChecker(p, s->LightBackground);
+  }
+  if (sliderShows) PlayerDrawSlider(p, s->ShownFrame, h->Frames, s->Seeking != 0);
+  return shown;
+}
+
+PlayerWindow* PlayerWindowCreate(const PlayerOptions& options) {
+  if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) return nullptr;
+  PlayerWindow* w = new PlayerWindow;
+  w->Options = options;
+  SDL_DisplayMode mode;
+  if (SDL_GetCurrentDisplayMode(0, &mode) == 0) {
+    w->ScreenWidth = mode.w;
+    w->ScreenHeight = mode.h;
+  }
+  uint32_t flags = SDL_WINDOW_HIDDEN;
+  if (options.WindowStyle >= 1) flags |= SDL_WINDOW_BORDERLESS;
+  if (options.AlwaysOnTop) flags |= SDL_WINDOW_ALWAYS_ON_TOP;
+  w->Window = SDL_CreateWindow("Velmo Video Player", 0, 0, 64, 64, flags);
+  if (!w->Window || !MakeRenderer(w)) {
+    PlayerWindowDestroy(w);
+    return nullptr;
+  }
+  if (options.HideCursor) SDL_ShowCursor(SDL_DISABLE);
+  return w;
+}
+
+void PlayerWindowDestroy(PlayerWindow* w) {
+  if (!w) return;
+  if (w->Texture) SDL_DestroyTexture(w->Texture);
+  if (w->Strip) SDL_DestroyTexture(w->Strip);
+  if (w->Renderer) SDL_DestroyRenderer(w->Renderer);
+  if (w->Window) SDL_DestroyWindow(w->Window);
+  delete w;
+}
+
+PlayerHost PlayerWindowHost(PlayerWindow* w) {
+  PlayerHost host;
+  host.Context = w;
+  host.Now = [](void*) { return TimerMs(); };
+  host.Sleep = [](void*, uint32_t ms) { ThreadSleep(ms); };
+  host.NextEvent = NextEvent;
+  host.Setup = Setup;
+  host.Present = Present;
+  host.SliderFrame = SliderFrame;
+  return host;
+}
+
+const PlayerPicture* PlayerWindowPicture(const PlayerWindow* w) { return &w->Picture; }
+
+void PlayerWindowCapture(PlayerWindow* w, bool on) { w->Capture = on; }
+
+bool PlayerWindowReadPixels(PlayerWindow* w, std::vector<uint32_t>* out, int32_t* width,
+                            int32_t* height) {
+  if (w->Captured.empty()) return false;
+  *out = w->Captured;
+  *width = w->CapturedWidth;
+  *height = w->CapturedHeight;
+  return true;
+}

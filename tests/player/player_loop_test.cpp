@@ -1,0 +1,293 @@
+// The player's loop run headless: a clock that moves only when the loop sleeps, events from a
+// script keyed by that clock, and a presentation that records which frame each present showed.
+// Files are first-generation clips of mixed content written to a scratch folder.
+#include "player/player_loop.h"
+#include "player/player_options.h"
+#include "reader/velmo_handle.h"
+#include "support/files.h"
+#include "support/velmo1_mixed_file.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+uint32_t FakeMs = 1000;
+uint32_t FakeClock() { return FakeMs; }
+
+struct Shown {
+  uint32_t Frame;
+  bool Seeking;
+  bool Paused;
+  uint32_t At;
+};
+
+struct ScriptedEvent {
+  uint32_t At;  // ms after the start
+  PlayerEvent Event;
+};
+
+struct FakeHost {
+  uint32_t Start = FakeMs;
+  std::vector<ScriptedEvent> Script;
+  size_t NextEvent = 0;
+  std::vector<Shown> Presents;
+  std::vector<std::string> Setups;
+  uint32_t SliderAnswer = 0;
+  uint32_t SleepCalls = 0;
+
+  static FakeHost* Of(void* c) { return static_cast<FakeHost*>(c); }
+  PlayerHost Host() {
+    PlayerHost h;
+    h.Context = this;
+    h.Now = [](void*) { return FakeMs; };
+    h.Sleep = [](void* c, uint32_t ms) {
+      ++Of(c)->SleepCalls;
+      FakeMs += ms;
+    };
+    h.NextEvent = [](void* c, PlayerEvent* e) {
+      FakeHost* f = Of(c);
+      if (f->NextEvent >= f->Script.size() || FakeMs - f->Start < f->Script[f->NextEvent].At)
+        return false;
+      *e = f->Script[f->NextEvent++].Event;
+      return true;
+    };
+    h.Setup = [](void* c, PlayerState* s) {
+      Of(c)->Setups.push_back(s->FileTitle);
+      return true;
+    };
+    h.Present = [](void* c, PlayerState* s) {
+      Of(c)->Presents.push_back({s->ShownFrame, s->Seeking != 0, s->Paused, FakeMs - Of(c)->Start});
+    };
+    h.SliderFrame = [](void* c, const PlayerState*, int32_t, int32_t) { return Of(c)->SliderAnswer; };
+    h.AsyncThreadCount = 2;
+    return h;
+  }
+  void At(uint32_t ms, PlayerEventType type, int32_t value = 0) {
+    PlayerEvent e;
+    e.Type = type;
+    e.Value = value;
+    Script.push_back({ms, e});
+  }
+  void Key(uint32_t ms, PlayerKey key) { At(ms, PlayerEventKey, key); }
+  // The frames shown when no seek was passing over them.
+  std::vector<uint32_t> Frames() const {
+    std::vector<uint32_t> out;
+    for (const Shown& s : Presents)
+      if (!s.Seeking) out.push_back(s.Frame);
+    return out;
+  }
+};
+
+std::vector<uint32_t> Span(uint32_t first, uint32_t last) {
+  std::vector<uint32_t> v;
+  for (uint32_t i = first; i <= last; ++i) v.push_back(i);
+  return v;
+}
+
+std::vector<uint32_t> Joined(std::vector<std::vector<uint32_t>> parts) {
+  std::vector<uint32_t> v;
+  for (auto& p : parts) v.insert(v.end(), p.begin(), p.end());
+  return v;
+}
+
+class PlayerLoopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    FakeMs = 1000;
+    VelmoSetClockForTest(FakeClock);
+  }
+  void TearDown() override { VelmoSetClockForTest(nullptr); }
+
+  std::string Clip(const std::string& name, uint32_t frames, uint32_t keyEvery = 4) {
+    const std::string path = dir / name;
+    velmo_test::FilePlan plan = velmo_test::MixedFirstGenerationPlan(64, 48, frames, keyEvery);
+    test_support::WriteFile(path, velmo_test::BuildFile(plan));
+    return path;
+  }
+  // Reads `line` as the command line, with reads on the loop's thread so that no frame waits
+  // for the read-ahead thread while the fake clock stands.
+  int Play(const std::string& line, FakeHost* host) {
+    std::vector<char> text(line.begin(), line.end());
+    text.resize(line.size() + 256, 0);
+    EXPECT_TRUE(PlayerReadLine(text.data(), text.size(), "", &state.Options, &state.Names));
+    state.Options.OpenFlags |= VelmoOpenNoBackground;
+    return PlayerRun(&state, host->Host());
+  }
+
+  test_support::ScratchDir dir;
+  PlayerState state;
+};
+
+TEST_F(PlayerLoopTest, PlaysEachFrameOnceInTimeAndEnds) {
+  const std::string clip = Clip("a.vlm", 12);
+  FakeHost host;
+  EXPECT_EQ(Play(clip, &host), 0) << state.Error;
+  EXPECT_EQ(host.Frames(), Span(1, 12));
+  EXPECT_EQ(host.Setups, std::vector<std::string>{"a.vlm"});
+  // At 30 frames a second, frame n is due (n - 1) / 30 s after the first: the loop sleeps
+  // through the gaps instead of presenting early.
+  for (const Shown& s : host.Presents) EXPECT_GE(s.At + 1, (s.Frame - 1) * 1000 / 30) << s.Frame;
+  EXPECT_LE(host.Presents.back().At, 12 * 1000 / 30 + 50);
+  EXPECT_GT(host.SleepCalls, 100u);
+  EXPECT_EQ(state.Handle, nullptr);
+}
+
+TEST_F(PlayerLoopTest, NamesWithoutExtensionAndLoopsThenTheNextFile) {
+  Clip("one.vlm", 5);
+  Clip("two.vm2", 3);
+  FakeHost host;
+  EXPECT_EQ(Play(dir / "one" + " " + dir / "two" + " /L2", &host), 0) << state.Error;
+  EXPECT_EQ(host.Frames(), Joined({Span(1, 5), Span(1, 5), Span(1, 3), Span(1, 3)}));
+  EXPECT_EQ(host.Setups, (std::vector<std::string>{"one.vlm", "two.vm2"}));
+}
+
+TEST_F(PlayerLoopTest, RepeatAllStartsTheListAnew) {
+  const std::string a = Clip("a.vlm", 2), b = Clip("b.vlm", 3);
+  FakeHost host;
+  state.RepeatAll = 2;
+  EXPECT_EQ(Play(a + " " + b, &host), 0);
+  EXPECT_EQ(host.Frames(), Joined({Span(1, 2), Span(1, 3), Span(1, 2), Span(1, 3)}));
+}
+
+TEST_F(PlayerLoopTest, OneFrameFileShowsItAndEnds) {
+  FakeHost host;
+  EXPECT_EQ(Play(Clip("one.vlm", 1), &host), 0);
+  EXPECT_EQ(host.Frames(), std::vector<uint32_t>{1});
+}
+
+TEST_F(PlayerLoopTest, OpenFailureEndsWithTheLibrarysText) {
+  FakeHost host;
+  EXPECT_EQ(Play(dir / "missing", &host), 1);
+  EXPECT_FALSE(state.Error.empty());
+  EXPECT_TRUE(host.Presents.empty());
+}
+
+TEST_F(PlayerLoopTest, PauseStopsFramesAndSleepsMore) {
+  const std::string clip = Clip("a.vlm", 12);
+  FakeHost host;
+  host.Key(100, PlayerKeySpace);
+  host.Key(1100, PlayerKeySpace);
+  EXPECT_EQ(Play(clip, &host), 0);
+  EXPECT_EQ(host.Frames(), Span(1, 12));
+  for (const Shown& s : host.Presents) EXPECT_TRUE(s.At < 140 || s.At >= 1100) << s.At;
+  // Paused turns sleep 5 ms more each: about 200 sleeps cover the second, not 1000.
+  EXPECT_LT(host.SleepCalls, 700u);
+  EXPECT_GE(host.Presents.back().At, 1100u);
+}
+
+TEST_F(PlayerLoopTest, SeekingByKeysLandsOnTheTargets) {
+  const std::string clip = Clip("a.vlm", 12, 4);
+  FakeHost host;
+  host.Key(50, PlayerKeyEnd);
+  host.Key(200, PlayerKeyHome);
+  host.Key(300, PlayerKeyRight);
+  host.Key(400, PlayerKeyRight);
+  host.Key(500, PlayerKeyRight);
+  host.Key(600, PlayerKeyLeft);
+  host.Key(700, PlayerKeyEscape);
+  EXPECT_EQ(Play(clip, &host), 0);
+  std::vector<uint32_t> shown = host.Frames();
+  ASSERT_GE(shown.size(), 7u);
+  // The frames played before the first key, then each seek's target once.
+  EXPECT_EQ(std::vector<uint32_t>(shown.end() - 6, shown.end()),
+            (std::vector<uint32_t>{12, 1, 2, 3, 4, 3}));
+  // Back from 4 to 3 goes through the key frame: frames 1 and 2 pass while seeking; back from 3
+  // to 2 passes frame 1.
+  uint32_t passed = 0;
+  for (const Shown& s : host.Presents) passed += s.Seeking;
+  EXPECT_GT(passed, 0u);
+  EXPECT_TRUE(state.Paused);
+}
+
+TEST_F(PlayerLoopTest, SliderClickSeeksAndOtherClicksPause) {
+  const std::string clip = Clip("a.vlm", 12);
+  FakeHost host;
+  host.SliderAnswer = 9;
+  host.At(50, PlayerEventClick);
+  host.Key(100, PlayerKeyEscape);
+  EXPECT_EQ(Play(clip, &host), 0);
+  EXPECT_EQ(host.Frames().back(), 9u);
+  EXPECT_TRUE(state.Paused);
+
+  PlayerState second;
+  state = second;
+  FakeHost plain;
+  plain.At(50, PlayerEventClick);
+  plain.Key(100, PlayerKeyEscape);
+  EXPECT_EQ(Play(clip, &plain), 0);
+  EXPECT_TRUE(state.Paused);
+  EXPECT_LE(plain.Frames().back(), 4u);
+}
+
+TEST_F(PlayerLoopTest, DisabledControls) {
+  const std::string a = Clip("a.vlm", 6), b = Clip("b.vlm", 6);
+  {
+    FakeHost host;  // /U2: "." does not skip
+    host.Key(20, PlayerKeyDot);
+    EXPECT_EQ(Play(a + " " + b + " /U2", &host), 0);
+    EXPECT_EQ(host.Frames(), Joined({Span(1, 6), Span(1, 6)}));
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // "." goes to the next file at once
+    host.Key(20, PlayerKeyDot);
+    EXPECT_EQ(Play(a + " " + b, &host), 0);
+    EXPECT_LT(host.Frames().size(), 12u);
+    EXPECT_EQ(host.Setups.size(), 2u);
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // /U4: Escape does not quit
+    host.Key(20, PlayerKeyEscape);
+    EXPECT_EQ(Play(a + " /U4", &host), 0);
+    EXPECT_EQ(host.Frames(), Span(1, 6));
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // /U1: Escape is a click, which pauses; a second one goes on
+    host.Key(20, PlayerKeyEscape);
+    host.Key(500, PlayerKeyEscape);
+    EXPECT_EQ(Play(a + " /U1", &host), 0);
+    EXPECT_EQ(host.Frames(), Span(1, 6));
+    EXPECT_GE(host.Presents.back().At, 500u);
+  }
+}
+
+TEST_F(PlayerLoopTest, ExposureAndBackgroundKeys) {
+  const std::string clip = Clip("a.vlm", 3);
+  FakeHost host;
+  for (int i = 0; i < 7; ++i) host.Key(1, PlayerKeyUp);
+  host.Key(1, PlayerKeyBackground);
+  EXPECT_EQ(Play(clip, &host), 0);
+  EXPECT_EQ(state.Exposure, PlayerExposureHigh);
+  EXPECT_TRUE(state.LightBackground);
+  state = PlayerState{};
+  FakeHost down;
+  for (int i = 0; i < 45; ++i) down.Key(1, PlayerKeyDown);
+  EXPECT_EQ(Play(clip, &down), 0);
+  EXPECT_EQ(state.Exposure, PlayerExposureLow);
+}
+
+TEST_F(PlayerLoopTest, SummaryIsFormedBeforeTheClose) {
+  FakeHost host;
+  EXPECT_EQ(Play(Clip("a.vlm", 8) + " /S", &host), 0);
+  EXPECT_NE(state.Summary.find("Video: 64 x 48 at 30.0 frames/sec\nTotal frames: 8\n"),
+            std::string::npos)
+      << state.Summary;
+  EXPECT_NE(state.Summary.find("Total frames played: 8\n"), std::string::npos) << state.Summary;
+}
+
+TEST_F(PlayerLoopTest, FocusLossPausesWithJ) {
+  const std::string clip = Clip("a.vlm", 12);
+  FakeHost host;
+  host.At(60, PlayerEventFocus, 0);
+  host.At(900, PlayerEventFocus, 1);
+  EXPECT_EQ(Play(clip + " /J", &host), 0);
+  EXPECT_EQ(host.Frames(), Span(1, 12));
+  for (const Shown& s : host.Presents) EXPECT_TRUE(s.At < 100 || s.At >= 900) << s.At;
+}
+
+}  // namespace
