@@ -200,11 +200,11 @@ void AlsaClose(VelmoTrack* t) {
   if (!o) return;
   if (o->Pcm) snd_pcm_close(o->Pcm);
   delete o;
-  SoundOutputAttach<AlsaOutput>(t, nullptr);
+  SoundOutputAttach(t, nullptr);
 }
 
 uint32_t AlsaOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVELMO handle) {
-  SoundOutputAttach<AlsaOutput>(t, nullptr);
+  SoundOutputAttach(t, nullptr);
   if (rate == 0) rate = 44100;
   AlsaOutput* o = new (std::nothrow) AlsaOutput;
   if (!o) return 0;

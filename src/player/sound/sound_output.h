@@ -53,16 +53,15 @@ void SoundOutputUpdateMatrix(SoundOutput* o);
 // `deviceBytes` receives their size.
 const uint8_t* SoundOutputConvert(SoundOutput* o, uint32_t bytes, uint32_t* deviceBytes);
 
-// The SoundOutput-derived record of a track.
-template <class T>
+// The record of a track (a SoundOutput or a record derived from it), kept in its back-end area.
+template <class T = SoundOutput>
 T* SoundOutputOf(VelmoTrack* t) {
-  T* p;
+  SoundOutput* p;
   static_assert(sizeof p <= sizeof t->BackEndArea);
   __builtin_memcpy(&p, t->BackEndArea, sizeof p);
-  return p;
+  return static_cast<T*>(p);
 }
-template <class T>
-void SoundOutputAttach(VelmoTrack* t, T* p) {
+inline void SoundOutputAttach(VelmoTrack* t, SoundOutput* p) {
   __builtin_memcpy(t->BackEndArea, &p, sizeof p);
 }
 

@@ -163,7 +163,7 @@ void SdlClose(VelmoTrack* t) {
   if (!o) return;
   if (o->Device) SDL_CloseAudioDevice(o->Device);
   delete o;
-  SoundOutputAttach<SdlOutput>(t, nullptr);
+  SoundOutputAttach(t, nullptr);
 }
 
 void SdlSetMix(VelmoTrack* t, const float* volumes, uint32_t count, uint32_t stereo,
@@ -175,7 +175,7 @@ void SdlSetMix(VelmoTrack* t, const float* volumes, uint32_t count, uint32_t ste
 }
 
 uint32_t OpenDevice(VelmoTrack* t, uint32_t rate, uint32_t channels, HVELMO handle, bool multi) {
-  SoundOutputAttach<SdlOutput>(t, nullptr);
+  SoundOutputAttach(t, nullptr);
   if (rate == 0) rate = 44100;
   SDL_AudioSpec want{}, have{};
   want.freq = int(rate);
