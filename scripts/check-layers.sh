@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 # What each layer may use, bottom-up. A nested folder (host/gui, compress/tool, media/readers
 # belongs to media) is a layer of its own only when it is listed here.
 LAYERS=(host host/gui format audio imagefile process decode encode2 reader compress media
-        compress/tool convert tools player main)
+        compress/tool convert tools player/sound player main)
 declare -A USES=(
   [host]=""
   [host/gui]="host"
@@ -25,7 +25,8 @@ declare -A USES=(
   [compress/tool]="host format audio imagefile process decode encode2 reader compress media"
   [convert]="host format audio imagefile process decode reader media"
   [tools]="host host/gui format audio imagefile process decode reader media"
-  [player]="host host/gui format audio imagefile process decode reader media"
+  [player/sound]="host reader"
+  [player]="host host/gui format audio imagefile process decode reader media player/sound"
   [main]="host host/gui format audio imagefile process decode encode2 reader compress media
           compress/tool convert tools player"
 )
@@ -83,6 +84,7 @@ target_layer() {
   case $1 in
     orn_host_gui) echo host/gui ;;
     orn_compress_tool) echo compress/tool ;;
+    orn_player_sound) echo player/sound ;;
     orn_*) echo "${1#orn_}" ;;
   esac
 }

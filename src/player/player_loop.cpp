@@ -60,6 +60,7 @@ bool OpenNext(PlayerState* s, const PlayerHost& host) {
   s->Seeking = 0;
   s->ShownFrame = 0;
   s->GoNextFile = false;
+  if (host.Opened) host.Opened(s->Handle);
   if (host.Setup && !host.Setup(host.Context, s)) return false;
   if (s->Paused) VelmoPause(s->Handle, 1);
   StartDecode(s);

@@ -97,9 +97,12 @@ struct PlayerHost {
   uint32_t (*SliderFrame)(void* context, const PlayerState* state, int32_t x, int32_t y) = nullptr;
   // Called once when leaving, with the handle still open.
   void (*Leave)(void* context, PlayerState* state) = nullptr;
-  // The sound back end: registered once before the first open; a null select plays silently.
+  // The sound back end: registered once before the first open; a null select plays silently
+  // (or the caller registered one itself).
   VelmoSoundSelect SoundSelect = nullptr;
   uintptr_t SoundParameter = 0;
+  // Called with each file just opened, before Setup (several speakers route its tracks here).
+  void (*Opened)(HVELMO handle) = nullptr;
   // Async threads to start (0: one per processor, at most 8).
   uint32_t AsyncThreadCount = 0;
 };

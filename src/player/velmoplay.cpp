@@ -7,8 +7,8 @@
 #include "host/settings.h"
 #include "host/toolframe.h"
 #include "player/player_loop.h"
-#include "player/player_sound.h"
 #include "player/player_window.h"
+#include "player/sound/player_sound.h"
 
 int VelmoPlayMain(void*, void*, char* commandTail, int) {
   QuietFrameInit(nullptr, 0, 0);
@@ -28,9 +28,9 @@ int VelmoPlayMain(void*, void*, char* commandTail, int) {
     return 1;
   }
   PlayerHost host = PlayerWindowHost(window);
-  const PlayerSoundChoice sound = PlayerSoundBackEnd(state.Options.SoundOutput);
-  host.SoundSelect = sound.Select;
-  host.SoundParameter = sound.Parameter;
+  // The device the /Z switch names; one that cannot start leaves the player silent.
+  PlayerSoundRegister(PlayerSoundBackEnd(state.Options.SoundOutput));
+  if (state.Options.SoundOutput == 2) host.Opened = PlayerSoundRouteTracks;
   const int code = PlayerRun(&state, host);
   PlayerWindowDestroy(window);
   if (code != 0) {
