@@ -28,11 +28,14 @@ bool Affordable(const std::vector<uint8_t>& input, uint32_t* flags) {
 void Walk(HVELMO h) {
   if (h->Frames == 0 || h->FrameNum != 1) std::abort();
   const uint32_t steps = h->Frames < 48 ? h->Frames + 1 : 48;
-  std::vector<uint32_t> pixels(64 * 64);
+  // The copy fills the whole frame (only the frame limits it): a buffer of the frame's size,
+  // which the open keeps to 256 x 256 when it has frame buffers.
+  const uint32_t width = h->Width ? h->Width : 1, height = h->Height ? h->Height : 1;
+  std::vector<uint32_t> pixels(size_t(width) * height);
   for (uint32_t i = 0; i < steps; ++i) {
     VelmoWait(h);
     VelmoDoFrame(h);
-    VelmoCopyToBuffer(h, pixels.data(), 64 * 4, 64, 0, 0, 3);
+    VelmoCopyToBuffer(h, pixels.data(), int32_t(width * 4), int32_t(height), 0, 0, 3);
     VelmoNextFrame(h);
     if (!h->ReadError && (h->FrameNum < 1 || h->FrameNum > h->Frames)) std::abort();
   }

@@ -23,20 +23,10 @@
 
 #include "host/gui/toolframe_gui.h"
 #include "host/quietframe.h"
+#include "support/leak_check.h"
 #include "support/run.h"
 #include "support/terminal.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ORN_TEST_LSAN 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define ORN_TEST_LSAN 1
-#endif
-#ifdef ORN_TEST_LSAN
-#include <sanitizer/lsan_interface.h>
-#endif
 
 namespace {
 
@@ -726,11 +716,8 @@ class WindowShell : public ::testing::Test {
     setenv("DISPLAY", name.c_str(), 1);
     unsetenv("WAYLAND_DISPLAY");
     setenv("SDL_VIDEODRIVER", "x11", 1);
-#ifdef ORN_TEST_LSAN
-    // X, GL drivers and D-Bus keep process-lifetime allocations that the leak checker would
-    // report; the same frame code is leak-checked by the console tests.
-    __lsan_disable();
-#endif
+    // The same frame code is leak-checked by the console tests.
+    LeakCheckPause();
     // The server may take a moment before it accepts clients.
     bool connected = false;
     for (int i = 0; i < 100 && !connected; i++) {
@@ -746,9 +733,7 @@ class WindowShell : public ::testing::Test {
     ToolFrameSetHook(nullptr);
     ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
     SDL_Quit();
-#ifdef ORN_TEST_LSAN
-    __lsan_enable();
-#endif
+    LeakCheckResume();
     StopXvfb(xvfb, xvfbPipe);
     if (hadDisplay) setenv("DISPLAY", savedDisplay.c_str(), 1); else unsetenv("DISPLAY");
   }

@@ -4,6 +4,7 @@
 #include "player/player_loop.h"
 #include "player/player_window.h"
 #include "support/files.h"
+#include "support/leak_check.h"
 #include "support/velmo1_mixed_file.h"
 
 #include <SDL.h>
@@ -55,7 +56,10 @@ class PlayerWindowTest : public ::testing::Test {
     if (!std::getenv("DISPLAY") || !*std::getenv("DISPLAY"))
       GTEST_SKIP() << "no display: the window tests run under xvfb-run (ctest runs them so)";
     G = Check{};
+    // The loop itself is leak-checked by the headless loop tests.
+    LeakCheckPause();
   }
+  void TearDown() override { LeakCheckResume(); }
   int Play(const std::string& name, PlayerState* state) {
     state->Names = {name};
     G.Handle = PlayerWindowCreate(state->Options);
