@@ -41,10 +41,11 @@ test-sanitize:
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
 # clang with ThreadSanitizer, for the reader's threads only: the read-ahead thread, opens and
-# closes while it reads, the sound service thread and the async slice workers. Only those test
-# programs are built, and only their tests (label "threads") run.
+# closes while it reads, the sound service thread, the async slice workers and the player loop
+# that drives them. Only those test programs are built, and only their tests (label "threads")
+# run.
 TSAN_TESTS = reader_io_thread_test reader_io_open_test reader_velmo_sound_play_test \
-             reader_velmo_async_test
+             reader_velmo_async_test player_loop_test
 test-thread:
 	CC=clang CXX=clang++ cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORN_TSAN=ON -DORN_TESTS=ON -DORN_FUZZ=OFF -DORN_BENCH=OFF $(CMAKE_FLAGS)
 	ninja -C $(TSAN_BUILD) -j $(JOBS) $(TSAN_TESTS)

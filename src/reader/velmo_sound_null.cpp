@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 namespace {
@@ -32,6 +33,11 @@ VelmoNullSoundConfig* Selected = nullptr;
 // and read by the tick, all of them under the library's sound service lock.
 constexpr uint32_t MaxOpenDevices = 64;
 VelmoTrack* OpenDevices[MaxOpenDevices] = {};
+
+// A device that serves itself is played on by its tick on the sound thread while the program's
+// own calls (pause, switching off, closing) reach it from theirs: every entry that moves a
+// device's state takes this lock.
+std::mutex DeviceLock;
 
 NullDevice* DeviceOf(VelmoTrack* t) { return reinterpret_cast<NullDevice*>(t->BackEndArea); }
 
@@ -66,12 +72,14 @@ void Play(VelmoTrack* t, NullDevice* d) {
 uint32_t Room(const NullDevice* d) { return d->Capacity - d->Held; }
 
 uint32_t NullReady(VelmoTrack* t) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   NullDevice* d = DeviceOf(t);
   Play(t, d);
   return d->Log->State && !d->Log->Paused && Room(d) >= std::max(t->DeviceBlock, 4u);
 }
 
 uint32_t NullLock(VelmoTrack* t, void** address, uint32_t* bytes) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   NullDevice* d = DeviceOf(t);
   Play(t, d);
   if (!d->Log->State || Room(d) == 0) return 0;
@@ -81,6 +89,7 @@ uint32_t NullLock(VelmoTrack* t, void** address, uint32_t* bytes) {
 }
 
 void NullUnlock(VelmoTrack* t, uint32_t bytes) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   NullDevice* d = DeviceOf(t);
   VelmoNullSoundLog* log = d->Log;
   bytes = std::min(bytes, Room(d));
@@ -111,6 +120,7 @@ void NullSetVolume(VelmoTrack* t, uint32_t volume) { DeviceOf(t)->Log->Volume = 
 void NullSetPan(VelmoTrack* t, uint32_t pan) { DeviceOf(t)->Log->Pan = pan; }
 
 uint32_t NullPause(VelmoTrack* t, uint32_t pause) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   NullDevice* d = DeviceOf(t);
   Play(t, d);
   d->Log->Paused = pause ? 1 : 0;
@@ -119,6 +129,7 @@ uint32_t NullPause(VelmoTrack* t, uint32_t pause) {
 }
 
 uint32_t NullOnOff(VelmoTrack* t, uint32_t on) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   NullDevice* d = DeviceOf(t);
   Play(t, d);
   ++d->Log->OnOffCalls;
@@ -131,6 +142,7 @@ uint32_t NullOnOff(VelmoTrack* t, uint32_t on) {
 }
 
 void NullClose(VelmoTrack* t) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   for (VelmoTrack*& open : OpenDevices)
     if (open == t) open = nullptr;
   NullDevice* d = DeviceOf(t);
@@ -151,6 +163,7 @@ void NullSetMix(VelmoTrack* t, const float* volumes, uint32_t count, uint32_t st
 // Service mode below 0: the device's own service. It plays each open device on to its clock's
 // present; it is fed by nobody (a device like this would fetch its sound itself).
 void NullTick() {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   for (VelmoTrack* t : OpenDevices) {
     if (!t) continue;
     NullDevice* d = DeviceOf(t);
@@ -174,8 +187,10 @@ uint32_t NullOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVE
       std::max<uint64_t>({latencyBytes, uint64_t(c->DeviceBlock) * 2, 64}), 1u << 26));
   d->Buffer = new (std::nothrow) uint8_t[d->Capacity];
   if (!d->Buffer) return 0;
+  // Only a device that serves itself is ticked; the others are played on by their own calls.
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   for (VelmoTrack*& open : OpenDevices) {
-    if (open) continue;
+    if (c->ServiceMode >= 0 || open) continue;
     open = t;
     break;
   }
@@ -203,5 +218,6 @@ VelmoOpenBackEnd VelmoNullSoundSelect(uintptr_t parameter) {
 }
 
 void VelmoNullSoundAdvance(VelmoTrack* track) {
+  const std::lock_guard<std::mutex> hold(DeviceLock);
   if (track) Play(track, DeviceOf(track));
 }

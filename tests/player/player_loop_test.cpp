@@ -9,13 +9,16 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
 namespace {
 
-uint32_t FakeMs = 1000;
-uint32_t FakeClock() { return FakeMs; }
+// The test's time: moved by the loop's sleeps on the main thread, read by the library's async
+// workers as well.
+std::atomic<uint32_t> FakeMs{1000};
+uint32_t FakeClock() { return FakeMs.load(); }
 
 struct Shown {
   uint32_t Frame;
@@ -42,7 +45,7 @@ struct FakeHost {
   PlayerHost Host() {
     PlayerHost h;
     h.Context = this;
-    h.Now = [](void*) { return FakeMs; };
+    h.Now = [](void*) { return FakeMs.load(); };
     h.Sleep = [](void* c, uint32_t ms) {
       ++Of(c)->SleepCalls;
       FakeMs += ms;
