@@ -131,12 +131,7 @@ bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeff
   return any;
 }
 
-uint32_t CoefficientBits(const int16_t coeffs[64]) {
-  const Velmo1EncBits bits = Velmo1EncCoefficientBits(coeffs);
-  uint32_t n = 0;
-  for (const auto& f : bits.Fields) n += f.second;
-  return n;
-}
+uint32_t CoefficientBits(const int16_t coeffs[64]) { return Velmo1EncCoefficientBitCount(coeffs); }
 
 // ---------------------------------------------------------------------------------------------
 // Blocks and their operating points
@@ -417,12 +412,6 @@ void ApplyResidue(const uint8_t m[64], const int8_t residue[64], uint8_t out[64]
   for (int i = 0; i < 64; ++i) out[Velmo1CoefficientOrder[i]] += uint8_t(residue[i]);
 }
 
-size_t FieldBits(const Velmo1EncBits& bits) {
-  size_t n = 0;
-  for (const auto& f : bits.Fields) n += f.second;
-  return n;
-}
-
 // Builds the candidate list of one 8x8 block.
 void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
@@ -496,7 +485,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
       const uint32_t events = MakeResidue(c, m, shift, residue);
       if (events == 0 || events > 128) continue;
       ApplyResidue(m, residue, rebuilt);
-      const size_t bits = FieldBits(Velmo1EncResidueBits(residue, events - 1));
+      const size_t bits = Velmo1EncResidueBitCount(residue, events - 1);
       pts[n++] = {uint32_t(bits << 8) + e[CostMotion], Sse(c, rebuilt), Velmo1Motz, uint16_t(shift)};
     }
   }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <initializer_list>
 #include <random>
 
 namespace {
@@ -158,26 +159,43 @@ Velmo1EncBits Velmo1EncDescribeCode(uint32_t table, const uint8_t map[16], int f
 namespace {
 
 struct Entry {
-  uint32_t Index, Kind;  // kind 4: used up
+  uint8_t Index, Kind;  // kind 4: used up
 };
 
-struct List {
-  std::vector<Entry> E;  // front insertions go to the beginning
-  size_t Walk = 0;
+// The coder's work list, kept for all planes of a block. Single indices go to the front and
+// groups to the back; the list never holds more than the three groups of 20, their splits and
+// the 64 indices, so it lives in a fixed array with room on both sides of where it starts.
+struct WorkList {
+  static constexpr uint32_t Room = 80;  // each side: 64 front insertions, 15 at the back
+  Entry E[2 * Room];
+  uint32_t Head = Room, Tail = Room;
+
+  WorkList(std::initializer_list<Entry> start) {
+    for (const Entry& e : start) E[Tail++] = e;
+  }
+  void PushFront(Entry e) {
+    Require(Head > 0);
+    E[--Head] = e;
+  }
+  void PushBack(Entry e) {
+    Require(Tail < 2 * Room);
+    E[Tail++] = e;
+  }
 };
 
-// Walks one bit plane. `magnitude(j)` is the value's size at list index j; a group's flag is
-// whether any member reaches `top`. `significant(j)` writes what follows for a single index
-// that is significant now and returns false to stop.
-template <typename Significant>
-bool WalkPlane(Velmo1EncBits& bits, std::vector<Entry>& list, const uint32_t mag[64],
-               uint32_t top, Significant significant) {
+// Walks one bit plane. `mag[j]` is the value's size at list index j; a group's flag is whether
+// any member reaches `top`. `significant(j)` writes what follows for a single index that is
+// significant now and returns false to stop.
+template <typename Sink, typename Significant>
+bool WalkPlane(Sink& bits, WorkList& list, const uint32_t mag[64], uint32_t top,
+               Significant significant) {
   auto any = [&](uint32_t i, uint32_t n) {
     for (uint32_t j = i; j < i + n; ++j)
       if (mag[j] >= top) return true;
     return false;
   };
-  size_t at = 0;
+  // Front insertions move the head, not the walk: `at` stays on the same entry.
+  uint32_t at = list.Head;
   auto children = [&](uint32_t i) {
     for (uint32_t j = i; j < i + 4; ++j) {
       if (mag[j] >= top) {
@@ -185,14 +203,13 @@ bool WalkPlane(Velmo1EncBits& bits, std::vector<Entry>& list, const uint32_t mag
         if (!significant(j)) return false;
       } else {
         bits.Put(1, 1);
-        list.insert(list.begin(), Entry{j, 3});
-        ++at;  // the walk's place moves with the list
+        list.PushFront(Entry{uint8_t(j), 3});
       }
     }
     return true;
   };
-  while (at < list.size()) {
-    Entry e = list[at];
+  while (at < list.Tail) {
+    Entry e = list.E[at];
     if (e.Kind == 4) {
       ++at;
       continue;
@@ -205,27 +222,26 @@ bool WalkPlane(Velmo1EncBits& bits, std::vector<Entry>& list, const uint32_t mag
       continue;
     }
     if (e.Kind == 3) {
-      list[at++].Kind = 4;
+      list.E[at++].Kind = 4;
       if (!significant(e.Index)) return false;
     } else if (e.Kind == 2) {
-      list[at++].Kind = 4;
+      list.E[at++].Kind = 4;
       if (!children(e.Index)) return false;
     } else if (e.Kind == 0) {
-      list[at] = {e.Index + 4, 1};
+      list.E[at] = {uint8_t(e.Index + 4), 1};
       if (!children(e.Index)) return false;
     } else {
-      list[at].Kind = 2;
-      list.push_back({e.Index + 4, 2});
-      list.push_back({e.Index + 8, 2});
-      list.push_back({e.Index + 12, 2});
+      list.E[at].Kind = 2;
+      list.PushBack({uint8_t(e.Index + 4), 2});
+      list.PushBack({uint8_t(e.Index + 8), 2});
+      list.PushBack({uint8_t(e.Index + 12), 2});
     }
   }
   return true;
 }
 
-}  // namespace
-
-Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]) {
+template <typename Sink>
+void CoefficientCoder(Sink& bits, const int16_t coeffs[64]) {
   uint32_t mag[64] = {}, largest = 0;
   bool negative[64] = {};
   for (uint32_t i = 1; i < 64; ++i) {
@@ -235,11 +251,10 @@ Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]) {
     negative[i] = c < 0;
     largest = std::max(largest, mag[i]);
   }
-  Velmo1EncBits bits;
   const uint32_t planes = Velmo1BitLength(largest);
   bits.Put(planes, 4);
-  if (planes == 0) return bits;
-  std::vector<Entry> list = {{4, 0}, {24, 0}, {44, 0}, {1, 3}, {2, 3}, {3, 3}};
+  if (planes == 0) return;
+  WorkList list = {{4, 0}, {24, 0}, {44, 0}, {1, 3}, {2, 3}, {3, 3}};
   for (uint32_t n = planes; n >= 1; --n) {
     const uint32_t top = 1u << (n - 1);
     WalkPlane(bits, list, mag, top, [&](uint32_t j) {
@@ -250,21 +265,21 @@ Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]) {
     for (uint32_t j = 0; j < 64; ++j)
       if (mag[j] >= top) mag[j] = 0;
   }
-  return bits;
 }
 
-Velmo1EncBits Velmo1EncResidueBits(const int8_t residue[64], uint32_t limit) {
+template <typename Sink>
+void ResidueCoder(Sink& bits, const int8_t residue[64], uint32_t limit) {
   uint32_t mag[64], largest = 0;
   for (int i = 0; i < 64; ++i) {
     mag[i] = uint32_t(std::abs(int(residue[i])));
     largest = std::max(largest, mag[i]);
   }
   const uint32_t v = largest ? Velmo1BitLength(largest) - 1 : 0;
-  Velmo1EncBits bits;
   bits.Put(limit, 7);
   bits.Put(v, 3);
-  std::vector<Entry> list = {{4, 0}, {24, 0}, {44, 0}, {0, 2}};
-  std::vector<uint32_t> significant;
+  WorkList list = {{4, 0}, {24, 0}, {44, 0}, {0, 2}};
+  uint8_t significant[64];
+  uint32_t significantCount = 0;
   uint32_t events = 0;
   bool coded[64] = {};
   auto event = [&] {
@@ -273,22 +288,47 @@ Velmo1EncBits Velmo1EncResidueBits(const int8_t residue[64], uint32_t limit) {
     return true;
   };
   for (uint32_t top = 1u << v; top >= 1; top >>= 1) {
-    for (uint32_t j : significant) {
-      const bool one = (mag[j] & top) != 0;
+    for (uint32_t k = 0; k < significantCount; ++k) {
+      const bool one = (mag[significant[k]] & top) != 0;
       bits.Put(one, 1);
-      if (one && !event()) return bits;
+      if (one && !event()) return;
     }
     uint32_t uncoded[64];
     for (int j = 0; j < 64; ++j) uncoded[j] = coded[j] ? 0 : mag[j];
     const bool going = WalkPlane(bits, list, uncoded, top, [&](uint32_t j) {
-      significant.push_back(j);
+      significant[significantCount++] = uint8_t(j);
       coded[j] = true;
       bits.Put(residue[j] < 0, 1);
       return event();
     });
     if (!going) break;
   }
+}
+
+}  // namespace
+
+Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]) {
+  Velmo1EncBits bits;
+  CoefficientCoder(bits, coeffs);
   return bits;
+}
+
+uint32_t Velmo1EncCoefficientBitCount(const int16_t coeffs[64]) {
+  Velmo1EncBitCount count;
+  CoefficientCoder(count, coeffs);
+  return count.Bits;
+}
+
+Velmo1EncBits Velmo1EncResidueBits(const int8_t residue[64], uint32_t limit) {
+  Velmo1EncBits bits;
+  ResidueCoder(bits, residue, limit);
+  return bits;
+}
+
+uint32_t Velmo1EncResidueBitCount(const int8_t residue[64], uint32_t limit) {
+  Velmo1EncBitCount count;
+  ResidueCoder(count, residue, limit);
+  return count.Bits;
 }
 
 // ---------------------------------------------------------------------------------------------
