@@ -183,22 +183,18 @@ struct WorkList {
   }
 };
 
-// Walks one bit plane. `mag[j]` is the value's size at list index j; a group's flag is whether
-// any member reaches `top`. `significant(j)` writes what follows for a single index that is
-// significant now and returns false to stop.
+// Walks one bit plane. Bit j of `live` tells whether the value at list index j is significant
+// in this plane; a group's flag is whether any member is. `significant(j)` writes what follows
+// for a single index that is significant now and returns false to stop.
 template <typename Sink, typename Significant>
-bool WalkPlane(Sink& bits, WorkList& list, const uint32_t mag[64], uint32_t top,
-               Significant significant) {
-  auto any = [&](uint32_t i, uint32_t n) {
-    for (uint32_t j = i; j < i + n; ++j)
-      if (mag[j] >= top) return true;
-    return false;
-  };
+bool WalkPlane(Sink& bits, WorkList& list, uint64_t live, Significant significant) {
+  auto any = [&](uint32_t i, uint32_t n) { return ((live >> i) & ((uint64_t(1) << n) - 1)) != 0; };
+  auto is = [&](uint32_t j) { return ((live >> j) & 1) != 0; };
   // Front insertions move the head, not the walk: `at` stays on the same entry.
   uint32_t at = list.Head;
   auto children = [&](uint32_t i) {
     for (uint32_t j = i; j < i + 4; ++j) {
-      if (mag[j] >= top) {
+      if (is(j)) {
         bits.Put(0, 1);
         if (!significant(j)) return false;
       } else {
@@ -240,30 +236,38 @@ bool WalkPlane(Sink& bits, WorkList& list, const uint32_t mag[64], uint32_t top,
   return true;
 }
 
+// The indices whose size reaches `top`, as bits.
+uint64_t Reaching(const uint32_t mag[64], uint32_t top) {
+  uint64_t mask = 0;
+  for (uint32_t j = 0; j < 64; ++j) mask |= uint64_t(mag[j] >= top) << j;
+  return mask;
+}
+
 template <typename Sink>
 void CoefficientCoder(Sink& bits, const int16_t coeffs[64]) {
   uint32_t mag[64] = {}, largest = 0;
   bool negative[64] = {};
+  // Bit j of lengths[n]: the value at list index j is n bits long, so it is coded in plane n.
+  uint64_t lengths[16] = {};
   for (uint32_t i = 1; i < 64; ++i) {
     const int32_t c = coeffs[Velmo1CoefficientOrder[i]];
     Require(c != -32768);
     mag[i] = uint32_t(std::abs(c));
     negative[i] = c < 0;
     largest = std::max(largest, mag[i]);
+    lengths[Velmo1BitLength(mag[i])] |= uint64_t(1) << i;
   }
   const uint32_t planes = Velmo1BitLength(largest);
   bits.Put(planes, 4);
   if (planes == 0) return;
   WorkList list = {{4, 0}, {24, 0}, {44, 0}, {1, 3}, {2, 3}, {3, 3}};
   for (uint32_t n = planes; n >= 1; --n) {
+    // Coded values leave the game: only the values of this length are significant now.
     const uint32_t top = 1u << (n - 1);
-    WalkPlane(bits, list, mag, top, [&](uint32_t j) {
+    WalkPlane(bits, list, lengths[n], [&](uint32_t j) {
       bits.Put((mag[j] - top) | (uint32_t(negative[j]) << (n - 1)), n);
       return true;
     });
-    // Coded values leave the game: only uncoded ones count in later planes.
-    for (uint32_t j = 0; j < 64; ++j)
-      if (mag[j] >= top) mag[j] = 0;
   }
 }
 
@@ -281,7 +285,7 @@ void ResidueCoder(Sink& bits, const int8_t residue[64], uint32_t limit) {
   uint8_t significant[64];
   uint32_t significantCount = 0;
   uint32_t events = 0;
-  bool coded[64] = {};
+  uint64_t coded = 0;
   auto event = [&] {
     if (events == limit) return false;
     ++events;
@@ -293,11 +297,10 @@ void ResidueCoder(Sink& bits, const int8_t residue[64], uint32_t limit) {
       bits.Put(one, 1);
       if (one && !event()) return;
     }
-    uint32_t uncoded[64];
-    for (int j = 0; j < 64; ++j) uncoded[j] = coded[j] ? 0 : mag[j];
-    const bool going = WalkPlane(bits, list, uncoded, top, [&](uint32_t j) {
+    // Values already coded only give their lower bits above; the rest may become significant.
+    const bool going = WalkPlane(bits, list, Reaching(mag, top) & ~coded, [&](uint32_t j) {
       significant[significantCount++] = uint8_t(j);
-      coded[j] = true;
+      coded |= uint64_t(1) << j;
       bits.Put(residue[j] < 0, 1);
       return event();
     });
