@@ -159,7 +159,7 @@ Velmo1EncBits Velmo1EncDescribeCode(uint32_t table, const uint8_t map[16], int f
 namespace {
 
 struct Entry {
-  uint8_t Index, Kind;  // kind 4: used up
+  uint8_t Index, Kind;  // kind 0: a group of 20, 1: of 16, 2: of 4, 3: a single index
 };
 
 // The coder's work list, kept for all planes of a block. Single indices go to the front and
@@ -190,8 +190,9 @@ template <typename Sink, typename Significant>
 bool WalkPlane(Sink& bits, WorkList& list, uint64_t live, Significant significant) {
   auto any = [&](uint32_t i, uint32_t n) { return ((live >> i) & ((uint64_t(1) << n) - 1)) != 0; };
   auto is = [&](uint32_t j) { return ((live >> j) & 1) != 0; };
-  // Front insertions move the head, not the walk: `at` stays on the same entry.
-  uint32_t at = list.Head;
+  // Front insertions move the head, not the walk: `at` stays on the same entry. Entries that
+  // are used up leave the list: those kept move down to `kept`, behind the walk.
+  uint32_t at = list.Head, kept = list.Head;
   auto children = [&](uint32_t i) {
     for (uint32_t j = i; j < i + 4; ++j) {
       if (is(j)) {
@@ -204,28 +205,28 @@ bool WalkPlane(Sink& bits, WorkList& list, uint64_t live, Significant significan
     }
     return true;
   };
+  auto stop = [&] {  // the entries not walked stay, in order
+    std::copy(list.E + at, list.E + list.Tail, list.E + kept);
+    list.Tail = kept + (list.Tail - at);
+    return false;
+  };
   while (at < list.Tail) {
-    Entry e = list.E[at];
-    if (e.Kind == 4) {
-      ++at;
-      continue;
-    }
+    const Entry e = list.E[at];
     const uint32_t size = e.Kind == 0 ? 20 : e.Kind == 1 ? 16 : e.Kind == 2 ? 4 : 1;
     const bool fires = any(e.Index, size);
     bits.Put(fires ? 1 : 0, 1);
     if (!fires) {
+      list.E[kept++] = e;
       ++at;
-      continue;
-    }
-    if (e.Kind == 3) {
-      list.E[at++].Kind = 4;
-      if (!significant(e.Index)) return false;
+    } else if (e.Kind == 3) {
+      ++at;
+      if (!significant(e.Index)) return stop();
     } else if (e.Kind == 2) {
-      list.E[at++].Kind = 4;
-      if (!children(e.Index)) return false;
-    } else if (e.Kind == 0) {
+      ++at;
+      if (!children(e.Index)) return stop();
+    } else if (e.Kind == 0) {  // the rest of the group is tested next
       list.E[at] = {uint8_t(e.Index + 4), 1};
-      if (!children(e.Index)) return false;
+      if (!children(e.Index)) return stop();
     } else {
       list.E[at].Kind = 2;
       list.PushBack({uint8_t(e.Index + 4), 2});
@@ -233,6 +234,7 @@ bool WalkPlane(Sink& bits, WorkList& list, uint64_t live, Significant significan
       list.PushBack({uint8_t(e.Index + 12), 2});
     }
   }
+  list.Tail = kept;
   return true;
 }
 
@@ -245,17 +247,22 @@ uint64_t Reaching(const uint32_t mag[64], uint32_t top) {
 
 template <typename Sink>
 void CoefficientCoder(Sink& bits, const int16_t coeffs[64]) {
-  uint32_t mag[64] = {}, largest = 0;
-  bool negative[64] = {};
-  // Bit j of lengths[n]: the value at list index j is n bits long, so it is coded in plane n.
-  uint64_t lengths[16] = {};
+  uint32_t mag[64] = {};
+  uint64_t nonzero = 0, negative = 0;
   for (uint32_t i = 1; i < 64; ++i) {
     const int32_t c = coeffs[Velmo1CoefficientOrder[i]];
-    Require(c != -32768);
     mag[i] = uint32_t(std::abs(c));
-    negative[i] = c < 0;
-    largest = std::max(largest, mag[i]);
-    lengths[Velmo1BitLength(mag[i])] |= uint64_t(1) << i;
+    nonzero |= uint64_t(c != 0) << i;
+    negative |= uint64_t(c < 0) << i;
+  }
+  // Bit j of lengths[n]: the value at list index j is n bits long, so it is coded in plane n.
+  uint64_t lengths[17] = {};
+  uint32_t largest = 0;
+  for (uint64_t rest = nonzero; rest; rest &= rest - 1) {
+    const uint32_t j = uint32_t(__builtin_ctzll(rest));
+    Require(mag[j] != 32768);
+    lengths[Velmo1BitLength(mag[j])] |= uint64_t(1) << j;
+    largest = std::max(largest, mag[j]);
   }
   const uint32_t planes = Velmo1BitLength(largest);
   bits.Put(planes, 4);
@@ -265,7 +272,7 @@ void CoefficientCoder(Sink& bits, const int16_t coeffs[64]) {
     // Coded values leave the game: only the values of this length are significant now.
     const uint32_t top = 1u << (n - 1);
     WalkPlane(bits, list, lengths[n], [&](uint32_t j) {
-      bits.Put((mag[j] - top) | (uint32_t(negative[j]) << (n - 1)), n);
+      bits.Put((mag[j] - top) | uint32_t((negative >> j) & 1) << (n - 1), n);
       return true;
     });
   }
