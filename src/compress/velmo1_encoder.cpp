@@ -126,22 +126,22 @@ void Project(const int32_t block[64], bool inter, double out[64]) {
 double RoundHeld(double v) {
   constexpr double Shift = 4503599627370496.0;  // 2^52
   const double a = std::min(std::fabs(v), 32768.0);
-  const double r = (a + Shift) - Shift;
-  return v < 0 ? -r : r;
+  return std::copysign((a + Shift) - Shift, v);
 }
 
 // Quantises projections at scale s; returns whether any AC value is not zero.
 bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeffs[64]) {
   const Basis& b = TransformBasis();
-  bool any = false;
+  const double* ratio = b.ScaleRatio[inter][s];
   for (int k = 0; k < 64; ++k) {
-    const double v = RoundHeld(projection[k] * b.ScaleRatio[inter][s][k]);
-    coeffs[k] = int16_t(std::clamp(v, -16383.0, 16383.0));
-    if (k && coeffs[k]) any = true;
+    const double v = RoundHeld(projection[k] * ratio[k]);
+    coeffs[k] = int16_t(std::min(std::max(v, -16383.0), 16383.0));
   }
+  int any = 0;
+  for (int k = 1; k < 64; ++k) any |= coeffs[k];
   if (inter) coeffs[0] = int16_t(std::clamp<int>(coeffs[0], -1023, 1023));
   else coeffs[0] = int16_t(std::clamp<int>(coeffs[0], 0, 2047));
-  return any;
+  return any != 0;
 }
 
 uint32_t CoefficientBits(const int16_t coeffs[64]) { return Velmo1EncCoefficientBitCount(coeffs); }
