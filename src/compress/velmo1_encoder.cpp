@@ -6,6 +6,7 @@
 #include "compress/velmo1_stream.h"
 #include "decode/velmo1_decoder.h"
 #include "format/frame_buffers.h"
+#include "host/cpu_features.h"
 #include "host/platform.h"
 
 #include <algorithm>
@@ -74,7 +75,7 @@ void NoteActual(CostModel& m, uint32_t i, uint64_t bits, uint32_t symbols) {
 // a coefficient's weight is exactly what the decoder will rebuild from it.
 
 struct Basis {
-  double Vector[2][64][64];  // [inter][position][pixel], at scale 0 and unit coefficient
+  double Vector[2][64][64];  // [inter][pixel][position], at scale 0 and unit coefficient
   double Norm[2][64];        // squared length
   double ScaleRatio[2][16][64];  // table at scale 0 over the table at scale s
 };
@@ -93,8 +94,8 @@ const Basis& TransformBasis() {
         Velmo1IdctPlain(coeffs, t0, out);
         double norm = 0;
         for (int i = 0; i < 64; ++i) {
-          basis.Vector[inter][k][i] = double(out[i]) / Unit;
-          norm += basis.Vector[inter][k][i] * basis.Vector[inter][k][i];
+          basis.Vector[inter][i][k] = double(out[i]) / Unit;
+          norm += basis.Vector[inter][i][k] * basis.Vector[inter][i][k];
         }
         basis.Norm[inter][k] = norm > 0 ? norm : 1;
         for (int s = 0; s < 16; ++s) {
@@ -108,35 +109,42 @@ const Basis& TransformBasis() {
 }
 
 // Projections of a block (or residue) on the basis, at scale 0.
+// Each sum runs over the pixels in order; all 64 sums advance together, pixel by pixel.
 void Project(const int32_t block[64], bool inter, double out[64]) {
   const Basis& b = TransformBasis();
-  for (int k = 0; k < 64; ++k) {
-    double dot = 0;
-    for (int i = 0; i < 64; ++i) dot += block[i] * b.Vector[inter][k][i];
-    out[k] = dot / b.Norm[inter][k];
+  double dot[64] = {};
+  for (int i = 0; i < 64; ++i) {
+    const double v = block[i];
+    const double* row = b.Vector[inter][i];
+    for (int k = 0; k < 64; ++k) dot[k] += v * row[k];
   }
+  for (int k = 0; k < 64; ++k) out[k] = dot[k] / b.Norm[inter][k];
+}
+
+// The nearest whole number, halves to even (as nearbyint in the default rounding mode), held to
+// +-32768: below 2^52 adding and taking away 2^52 leaves the rounded value.
+double RoundHeld(double v) {
+  constexpr double Shift = 4503599627370496.0;  // 2^52
+  const double a = std::min(std::fabs(v), 32768.0);
+  return std::copysign((a + Shift) - Shift, v);
 }
 
 // Quantises projections at scale s; returns whether any AC value is not zero.
 bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeffs[64]) {
   const Basis& b = TransformBasis();
-  bool any = false;
+  const double* ratio = b.ScaleRatio[inter][s];
   for (int k = 0; k < 64; ++k) {
-    const double v = std::nearbyint(projection[k] * b.ScaleRatio[inter][s][k]);
-    coeffs[k] = int16_t(std::clamp(v, -16383.0, 16383.0));
-    if (k && coeffs[k]) any = true;
+    const double v = RoundHeld(projection[k] * ratio[k]);
+    coeffs[k] = int16_t(std::min(std::max(v, -16383.0), 16383.0));
   }
+  int any = 0;
+  for (int k = 1; k < 64; ++k) any |= coeffs[k];
   if (inter) coeffs[0] = int16_t(std::clamp<int>(coeffs[0], -1023, 1023));
   else coeffs[0] = int16_t(std::clamp<int>(coeffs[0], 0, 2047));
-  return any;
+  return any != 0;
 }
 
-uint32_t CoefficientBits(const int16_t coeffs[64]) {
-  const Velmo1EncBits bits = Velmo1EncCoefficientBits(coeffs);
-  uint32_t n = 0;
-  for (const auto& f : bits.Fields) n += f.second;
-  return n;
-}
+uint32_t CoefficientBits(const int16_t coeffs[64]) { return Velmo1EncCoefficientBitCount(coeffs); }
 
 // ---------------------------------------------------------------------------------------------
 // Blocks and their operating points
@@ -167,10 +175,20 @@ struct PlaneInfo {
   BlockPlan* Plans16 = nullptr;  // raster order of the whole 16x16 blocks
   uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
   bool RunAndResidue = false;    // offer RUN and residue candidates too
+  Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
 };
 
 // How an 8x8 block is written once the resolutions are merged.
 enum : uint8_t { LayoutOwn = 0, LayoutHead = 1, LayoutCovered = 2, LayoutLower = 3 };
+
+// Sorts samples by counting them: the order any sort gives, without comparisons.
+void SortSamples(uint8_t* v, uint32_t n) {
+  uint16_t count[256] = {};
+  for (uint32_t i = 0; i < n; ++i) ++count[v[i]];
+  uint32_t at = 0;
+  for (uint32_t x = 0; x < 256; ++x)
+    for (uint32_t c = count[x]; c; --c) v[at++] = uint8_t(x);
+}
 
 void Get8(const uint8_t* p, int32_t pitch, uint8_t out[64]) {
   for (int r = 0; r < 8; ++r) std::memcpy(out + r * 8, p + int64_t(r) * pitch, 8);
@@ -249,9 +267,10 @@ void TwoColourBlock(const uint8_t c[64], uint8_t low, uint8_t high, uint8_t out[
 }
 
 // Reconstruction of a transform block as the decoder does it.
-void Rebuild(const int16_t coeffs[64], bool inter, uint32_t s, const uint8_t* base, uint8_t out[64]) {
+void Rebuild(const PlaneInfo& p, const int16_t coeffs[64], bool inter, uint32_t s, const uint8_t* base,
+             uint8_t out[64]) {
   int32_t values[64];
-  Velmo1IdctPlain(coeffs, Velmo1DequantTable(inter, s), values);
+  p.Idct(coeffs, Velmo1DequantTable(inter, s), values);
   for (int k = 0; k < 64; ++k) out[k] = uint8_t((base ? base[k] : 0) + values[k]);
 }
 
@@ -417,12 +436,6 @@ void ApplyResidue(const uint8_t m[64], const int8_t residue[64], uint8_t out[64]
   for (int i = 0; i < 64; ++i) out[Velmo1CoefficientOrder[i]] += uint8_t(residue[i]);
 }
 
-size_t FieldBits(const Velmo1EncBits& bits) {
-  size_t n = 0;
-  for (const auto& f : bits.Fields) n += f.second;
-  return n;
-}
-
 // Builds the candidate list of one 8x8 block.
 void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
@@ -446,7 +459,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     if (pts[0].Error == 0) return finish();
   }
   std::copy(c, c + 64, sorted);
-  std::sort(sorted, sorted + 64);
+  SortSamples(sorted, 64);
   const uint8_t one = uint8_t((sorted[31] + sorted[32]) >> 1);
   pts[n++] = {e[CostColour], SseValue(c, one), Velmo1One, one};
   if (pts[n - 1].Error == 0) return finish();
@@ -472,7 +485,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   Project(wide, false, projection);
   for (uint32_t q = 0; q < 16; ++q) {
     if (!Quantise(projection, false, q, coeffs)) break;
-    Rebuild(coeffs, false, q, nullptr, rebuilt);
+    Rebuild(p, coeffs, false, q, nullptr, rebuilt);
     pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra, uint16_t(q)};
   }
   if (prevAt) {
@@ -485,7 +498,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     Project(wide, true, projection);
     for (uint32_t q = 0; q < 16; ++q) {
       const bool any = Quantise(projection, true, q, coeffs);
-      Rebuild(coeffs, true, q, m, rebuilt);
+      Rebuild(p, coeffs, true, q, m, rebuilt);
       pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
                   Velmo1DctInter, uint16_t(q)};
       if (!any) break;
@@ -496,7 +509,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
       const uint32_t events = MakeResidue(c, m, shift, residue);
       if (events == 0 || events > 128) continue;
       ApplyResidue(m, residue, rebuilt);
-      const size_t bits = FieldBits(Velmo1EncResidueBits(residue, events - 1));
+      const size_t bits = Velmo1EncResidueBitCount(residue, events - 1);
       pts[n++] = {uint32_t(bits << 8) + e[CostMotion], Sse(c, rebuilt), Velmo1Motz, uint16_t(shift)};
     }
   }
@@ -560,14 +573,14 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
     plan.Count = int8_t(n);
   };
   std::copy(f, f + 256, sorted);
-  std::sort(sorted, sorted + 256);
+  SortSamples(sorted, 256);
   const uint8_t one = uint8_t((sorted[127] + sorted[128]) >> 1);
   uint8_t flat[256];
   std::memset(flat, one, 256);
   pts[n++] = {e[CostColour], Sse256(f, flat), Velmo1One, one};
   if (pts[0].Error == 0) return finish();
   std::copy(h, h + 64, sorted);
-  std::sort(sorted, sorted + 64);
+  SortSamples(sorted, 64);
   uint8_t low = 0, high = 0, big[256];
   if (FindTwoColours(sorted, low, high)) {
     uint8_t rows[8];
@@ -592,7 +605,7 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
   Project(wide, false, projection);
   for (uint32_t q = 0; q < 16; ++q) {
     if (!Quantise(projection, false, q, coeffs)) break;
-    Rebuild(coeffs, false, q, nullptr, rebuilt);
+    Rebuild(p, coeffs, false, q, nullptr, rebuilt);
     Up(rebuilt, big);
     pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse256(f, big), Velmo1DctIntra, uint16_t(q)};
   }
@@ -998,6 +1011,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
 
   PlaneInfo planes[4];
   bool constantAlpha = false;
+  Velmo1Kernels kernels;
+  Velmo1KernelsInit(&kernels, ProcessorFeatures());
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i]) continue;
     VelmoPadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(),
@@ -1005,6 +1020,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
                  e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
+    planes[i].Idct = kernels.Idct;
     EstimatePixelCost(e->Models[i], planes[i]);
     UpdateCostModel(e->Models[i]);
   }

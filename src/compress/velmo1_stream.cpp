@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <initializer_list>
 #include <random>
 
 namespace {
@@ -158,137 +159,186 @@ Velmo1EncBits Velmo1EncDescribeCode(uint32_t table, const uint8_t map[16], int f
 namespace {
 
 struct Entry {
-  uint32_t Index, Kind;  // kind 4: used up
+  uint8_t Index, Kind;  // kind 0: a group of 20, 1: of 16, 2: of 4, 3: a single index
 };
 
-struct List {
-  std::vector<Entry> E;  // front insertions go to the beginning
-  size_t Walk = 0;
+// The coder's work list, kept for all planes of a block. Single indices go to the front and
+// groups to the back; the list never holds more than the three groups of 20, their splits and
+// the 64 indices, so it lives in a fixed array with room on both sides of where it starts.
+struct WorkList {
+  static constexpr uint32_t Room = 80;  // each side: 64 front insertions, 15 at the back
+  Entry E[2 * Room];
+  uint32_t Head = Room, Tail = Room;
+
+  WorkList(std::initializer_list<Entry> start) {
+    for (const Entry& e : start) E[Tail++] = e;
+  }
+  void PushFront(Entry e) {
+    Require(Head > 0);
+    E[--Head] = e;
+  }
+  void PushBack(Entry e) {
+    Require(Tail < 2 * Room);
+    E[Tail++] = e;
+  }
 };
 
-// Walks one bit plane. `magnitude(j)` is the value's size at list index j; a group's flag is
-// whether any member reaches `top`. `significant(j)` writes what follows for a single index
-// that is significant now and returns false to stop.
-template <typename Significant>
-bool WalkPlane(Velmo1EncBits& bits, std::vector<Entry>& list, const uint32_t mag[64],
-               uint32_t top, Significant significant) {
-  auto any = [&](uint32_t i, uint32_t n) {
-    for (uint32_t j = i; j < i + n; ++j)
-      if (mag[j] >= top) return true;
-    return false;
-  };
-  size_t at = 0;
+// Walks one bit plane. Bit j of `live` tells whether the value at list index j is significant
+// in this plane; a group's flag is whether any member is. `significant(j)` writes what follows
+// for a single index that is significant now and returns false to stop.
+template <typename Sink, typename Significant>
+bool WalkPlane(Sink& bits, WorkList& list, uint64_t live, Significant significant) {
+  auto any = [&](uint32_t i, uint32_t n) { return ((live >> i) & ((uint64_t(1) << n) - 1)) != 0; };
+  auto is = [&](uint32_t j) { return ((live >> j) & 1) != 0; };
+  // Front insertions move the head, not the walk: `at` stays on the same entry. Entries that
+  // are used up leave the list: those kept move down to `kept`, behind the walk.
+  uint32_t at = list.Head, kept = list.Head;
   auto children = [&](uint32_t i) {
     for (uint32_t j = i; j < i + 4; ++j) {
-      if (mag[j] >= top) {
+      if (is(j)) {
         bits.Put(0, 1);
         if (!significant(j)) return false;
       } else {
         bits.Put(1, 1);
-        list.insert(list.begin(), Entry{j, 3});
-        ++at;  // the walk's place moves with the list
+        list.PushFront(Entry{uint8_t(j), 3});
       }
     }
     return true;
   };
-  while (at < list.size()) {
-    Entry e = list[at];
-    if (e.Kind == 4) {
-      ++at;
-      continue;
-    }
+  auto stop = [&] {  // the entries not walked stay, in order
+    std::copy(list.E + at, list.E + list.Tail, list.E + kept);
+    list.Tail = kept + (list.Tail - at);
+    return false;
+  };
+  while (at < list.Tail) {
+    const Entry e = list.E[at];
     const uint32_t size = e.Kind == 0 ? 20 : e.Kind == 1 ? 16 : e.Kind == 2 ? 4 : 1;
     const bool fires = any(e.Index, size);
     bits.Put(fires ? 1 : 0, 1);
     if (!fires) {
+      list.E[kept++] = e;
       ++at;
-      continue;
-    }
-    if (e.Kind == 3) {
-      list[at++].Kind = 4;
-      if (!significant(e.Index)) return false;
+    } else if (e.Kind == 3) {
+      ++at;
+      if (!significant(e.Index)) return stop();
     } else if (e.Kind == 2) {
-      list[at++].Kind = 4;
-      if (!children(e.Index)) return false;
-    } else if (e.Kind == 0) {
-      list[at] = {e.Index + 4, 1};
-      if (!children(e.Index)) return false;
+      ++at;
+      if (!children(e.Index)) return stop();
+    } else if (e.Kind == 0) {  // the rest of the group is tested next
+      list.E[at] = {uint8_t(e.Index + 4), 1};
+      if (!children(e.Index)) return stop();
     } else {
-      list[at].Kind = 2;
-      list.push_back({e.Index + 4, 2});
-      list.push_back({e.Index + 8, 2});
-      list.push_back({e.Index + 12, 2});
+      list.E[at].Kind = 2;
+      list.PushBack({uint8_t(e.Index + 4), 2});
+      list.PushBack({uint8_t(e.Index + 8), 2});
+      list.PushBack({uint8_t(e.Index + 12), 2});
     }
   }
+  list.Tail = kept;
   return true;
 }
 
-}  // namespace
-
-Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]) {
-  uint32_t mag[64] = {}, largest = 0;
-  bool negative[64] = {};
-  for (uint32_t i = 1; i < 64; ++i) {
-    const int32_t c = coeffs[Velmo1CoefficientOrder[i]];
-    Require(c != -32768);
-    mag[i] = uint32_t(std::abs(c));
-    negative[i] = c < 0;
-    largest = std::max(largest, mag[i]);
-  }
-  Velmo1EncBits bits;
-  const uint32_t planes = Velmo1BitLength(largest);
-  bits.Put(planes, 4);
-  if (planes == 0) return bits;
-  std::vector<Entry> list = {{4, 0}, {24, 0}, {44, 0}, {1, 3}, {2, 3}, {3, 3}};
-  for (uint32_t n = planes; n >= 1; --n) {
-    const uint32_t top = 1u << (n - 1);
-    WalkPlane(bits, list, mag, top, [&](uint32_t j) {
-      bits.Put((mag[j] - top) | (uint32_t(negative[j]) << (n - 1)), n);
-      return true;
-    });
-    // Coded values leave the game: only uncoded ones count in later planes.
-    for (uint32_t j = 0; j < 64; ++j)
-      if (mag[j] >= top) mag[j] = 0;
-  }
-  return bits;
+// The indices whose size reaches `top`, as bits.
+uint64_t Reaching(const uint32_t mag[64], uint32_t top) {
+  uint64_t mask = 0;
+  for (uint32_t j = 0; j < 64; ++j) mask |= uint64_t(mag[j] >= top) << j;
+  return mask;
 }
 
-Velmo1EncBits Velmo1EncResidueBits(const int8_t residue[64], uint32_t limit) {
+template <typename Sink>
+void CoefficientCoder(Sink& bits, const int16_t coeffs[64]) {
+  uint32_t mag[64] = {};
+  uint64_t nonzero = 0, negative = 0;
+  for (uint32_t i = 1; i < 64; ++i) {
+    const int32_t c = coeffs[Velmo1CoefficientOrder[i]];
+    mag[i] = uint32_t(std::abs(c));
+    nonzero |= uint64_t(c != 0) << i;
+    negative |= uint64_t(c < 0) << i;
+  }
+  // Bit j of lengths[n]: the value at list index j is n bits long, so it is coded in plane n.
+  uint64_t lengths[17] = {};
+  uint32_t largest = 0;
+  for (uint64_t rest = nonzero; rest; rest &= rest - 1) {
+    const uint32_t j = uint32_t(__builtin_ctzll(rest));
+    Require(mag[j] != 32768);
+    lengths[Velmo1BitLength(mag[j])] |= uint64_t(1) << j;
+    largest = std::max(largest, mag[j]);
+  }
+  const uint32_t planes = Velmo1BitLength(largest);
+  bits.Put(planes, 4);
+  if (planes == 0) return;
+  WorkList list = {{4, 0}, {24, 0}, {44, 0}, {1, 3}, {2, 3}, {3, 3}};
+  for (uint32_t n = planes; n >= 1; --n) {
+    // Coded values leave the game: only the values of this length are significant now.
+    const uint32_t top = 1u << (n - 1);
+    WalkPlane(bits, list, lengths[n], [&](uint32_t j) {
+      bits.Put((mag[j] - top) | uint32_t((negative >> j) & 1) << (n - 1), n);
+      return true;
+    });
+  }
+}
+
+template <typename Sink>
+void ResidueCoder(Sink& bits, const int8_t residue[64], uint32_t limit) {
   uint32_t mag[64], largest = 0;
   for (int i = 0; i < 64; ++i) {
     mag[i] = uint32_t(std::abs(int(residue[i])));
     largest = std::max(largest, mag[i]);
   }
   const uint32_t v = largest ? Velmo1BitLength(largest) - 1 : 0;
-  Velmo1EncBits bits;
   bits.Put(limit, 7);
   bits.Put(v, 3);
-  std::vector<Entry> list = {{4, 0}, {24, 0}, {44, 0}, {0, 2}};
-  std::vector<uint32_t> significant;
+  WorkList list = {{4, 0}, {24, 0}, {44, 0}, {0, 2}};
+  uint8_t significant[64];
+  uint32_t significantCount = 0;
   uint32_t events = 0;
-  bool coded[64] = {};
+  uint64_t coded = 0;
   auto event = [&] {
     if (events == limit) return false;
     ++events;
     return true;
   };
   for (uint32_t top = 1u << v; top >= 1; top >>= 1) {
-    for (uint32_t j : significant) {
-      const bool one = (mag[j] & top) != 0;
+    for (uint32_t k = 0; k < significantCount; ++k) {
+      const bool one = (mag[significant[k]] & top) != 0;
       bits.Put(one, 1);
-      if (one && !event()) return bits;
+      if (one && !event()) return;
     }
-    uint32_t uncoded[64];
-    for (int j = 0; j < 64; ++j) uncoded[j] = coded[j] ? 0 : mag[j];
-    const bool going = WalkPlane(bits, list, uncoded, top, [&](uint32_t j) {
-      significant.push_back(j);
-      coded[j] = true;
+    // Values already coded only give their lower bits above; the rest may become significant.
+    const bool going = WalkPlane(bits, list, Reaching(mag, top) & ~coded, [&](uint32_t j) {
+      significant[significantCount++] = uint8_t(j);
+      coded |= uint64_t(1) << j;
       bits.Put(residue[j] < 0, 1);
       return event();
     });
     if (!going) break;
   }
+}
+
+}  // namespace
+
+Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]) {
+  Velmo1EncBits bits;
+  CoefficientCoder(bits, coeffs);
   return bits;
+}
+
+uint32_t Velmo1EncCoefficientBitCount(const int16_t coeffs[64]) {
+  Velmo1EncBitCount count;
+  CoefficientCoder(count, coeffs);
+  return count.Bits;
+}
+
+Velmo1EncBits Velmo1EncResidueBits(const int8_t residue[64], uint32_t limit) {
+  Velmo1EncBits bits;
+  ResidueCoder(bits, residue, limit);
+  return bits;
+}
+
+uint32_t Velmo1EncResidueBitCount(const int8_t residue[64], uint32_t limit) {
+  Velmo1EncBitCount count;
+  ResidueCoder(count, residue, limit);
+  return count.Bits;
 }
 
 // ---------------------------------------------------------------------------------------------

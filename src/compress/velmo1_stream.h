@@ -15,6 +15,13 @@ struct Velmo1EncBits {
   void Put(uint32_t value, uint32_t n) { Fields.push_back({value, uint8_t(n)}); }
 };
 
+// The length alone of what a coder writes: the same coders write into Velmo1EncBits or count
+// here, so that a count never differs from the bits that are written.
+struct Velmo1EncBitCount {
+  uint32_t Bits = 0;
+  void Put(uint32_t, uint32_t n) { Bits += n; }
+};
+
 // 32-bit little-endian words, lowest bit first, gathered a word at a time. Tracks how far the decoder's reads reach,
 // including the look-ahead of a Huffman symbol, so that a plane ends where the decoder stops.
 class Velmo1EncBitWriter {
@@ -44,6 +51,9 @@ Velmo1EncBits Velmo1EncDescribeCode(uint32_t table, const uint8_t map[16], int f
 Velmo1EncBits Velmo1EncCoefficientBits(const int16_t coeffs[64]);
 // A residue (by list index) under the event limit; the 3-bit plane count comes first.
 Velmo1EncBits Velmo1EncResidueBits(const int8_t residue[64], uint32_t limit);
+// The number of bits the two coders above write, without keeping them.
+uint32_t Velmo1EncCoefficientBitCount(const int16_t coeffs[64]);
+uint32_t Velmo1EncResidueBitCount(const int8_t residue[64], uint32_t limit);
 
 // What one block takes from each bundle, and its own bits.
 struct Velmo1EncRawBlock {

@@ -11,67 +11,18 @@
 #include <vector>
 
 #include "decode/velmo1_decoder.h"
+#include "support/encoder_pictures.h"
 #include "host/platform.h"
 
 namespace {
 
-// A picture of four planes at picture size.
-struct Picture {
-  uint32_t W, H;
-  std::vector<uint8_t> P[4];
-  VelmoEncodeInput Input(bool key) {
-    VelmoEncodeInput in{};
-    const uint32_t cw = (W + 1) / 2;
-    const int32_t pitches[4] = {int32_t(W), int32_t(cw), int32_t(cw), int32_t(W)};
-    for (int i = 0; i < 4; ++i) in.Planes[i] = P[i].data(), in.Pitches[i] = pitches[i];
-    in.Key = key;
-    return in;
-  }
-};
-
-enum Content { Gradient, Noise, Shapes, Flat };
-
-// Content at time t: a gradient, noise, or shapes moving over a textured background.
-Picture MakePicture(uint32_t w, uint32_t h, Content content, int t, uint32_t seed = 1) {
-  Picture pic{w, h, {}};
-  const uint32_t cw = (w + 1) / 2, ch = (h + 1) / 2;
-  std::mt19937 rng(seed);
-  pic.P[0].resize(size_t(w) * h);
-  pic.P[3].resize(size_t(w) * h);
-  pic.P[1].resize(size_t(cw) * ch);
-  pic.P[2].resize(size_t(cw) * ch);
-  for (uint32_t y = 0; y < h; ++y)
-    for (uint32_t x = 0; x < w; ++x) {
-      uint8_t v = 0;
-      switch (content) {
-        case Gradient:
-          v = uint8_t((x * 255) / (w ? w : 1) / 2 + (y * 255) / (h ? h : 1) / 2);
-          break;
-        case Noise:
-          v = uint8_t(rng());
-          break;
-        case Flat:
-          v = 77;
-          break;
-        case Shapes: {
-          v = uint8_t(60 + ((x / 4 + y / 4) & 1) * 20 + (x * 40) / w);
-          const int cx = 20 + 3 * t, cy = 16 + t;
-          if (std::abs(int(x) - cx) < 10 && std::abs(int(y) - cy) < 8) v = 220;
-          const int dx = int(x) - (int(w) - 30 - 2 * t), dy = int(y) - int(h) / 2;
-          if (dx * dx + dy * dy < 120) v = uint8_t(30 + (x & 7) * 4);
-          break;
-        }
-      }
-      pic.P[0][size_t(y) * w + x] = v;
-      pic.P[3][size_t(y) * w + x] = uint8_t(x < w / 2 ? 255 : (y * 4));
-    }
-  for (uint32_t y = 0; y < ch; ++y)
-    for (uint32_t x = 0; x < cw; ++x) {
-      pic.P[1][size_t(y) * cw + x] = uint8_t(128 + (int(x) - int(cw) / 2) / 2 + t);
-      pic.P[2][size_t(y) * cw + x] = uint8_t(100 + y);
-    }
-  return pic;
-}
+using test_support::Flat;
+using test_support::Gradient;
+using test_support::Noise;
+using test_support::Shapes;
+using Picture = test_support::EncoderPicture;
+using Content = test_support::EncoderContent;
+using test_support::MakeEncoderPicture;
 
 // A reader's view: its own ring that only ever sees the sections.
 struct Reader {
@@ -191,7 +142,8 @@ TEST(Velmo1Encoder, StagesAreToldAndStopNowEndsTheFrameUnwritten) {
       "Merging multi-resolution planes", "Encoding Y plane", "Encoding Cr plane",
       "Encoding Cb plane"};
   EncodeRun run({48, 32, 101, 0});
-  Picture first = MakePicture(48, 32, Shapes, 0), second = MakePicture(48, 32, Shapes, 3);
+  Picture first = MakeEncoderPicture(48, 32, Shapes, 0);
+  Picture second = MakeEncoderPicture(48, 32, Shapes, 3);
   run.Frame(first, true, 3000);
   std::vector<std::string> stops = all;
   stops.push_back("");  // no stop
@@ -242,7 +194,7 @@ TEST(Velmo1Encoder, DecoderRebuildsTheEncodersPictureForEveryContentBudgetAndSiz
                                     << k.Budget);
     EncodeRun run({k.W, k.H, 101, 0});
     for (int t = 0; t < 2; ++t) {  // a key frame, then one that may refer to it
-      Picture pic = MakePicture(k.W, k.H, k.C, t);
+      Picture pic = MakeEncoderPicture(k.W, k.H, k.C, t);
       const VelmoEncodeResult r = run.Frame(pic, t == 0, k.Budget);
       // The planned error is exactly what the decoder's picture has.
       EXPECT_EQ(r.PlannedError, r.Errors[0] + r.Errors[1] + r.Errors[2]);
@@ -261,7 +213,7 @@ TEST(Velmo1Encoder, QualityRisesWithBudgetAndSizeFollowsIt) {
   size_t lastSize = 0;
   for (uint32_t budget : {400u, 1500u, 5000u, 15000u}) {
     EncodeRun run({128, 96, 100, 0});
-    Picture pic = MakePicture(128, 96, Shapes, 0);
+    Picture pic = MakeEncoderPicture(128, 96, Shapes, 0);
     const VelmoEncodeResult r = run.Frame(pic, true, budget);
     const double psnr = Psnr(r.Errors[0], 128 * 96);
     if (lastPsnr < 99.0)
@@ -281,12 +233,12 @@ TEST(Velmo1Encoder, QualityRisesWithBudgetAndSizeFollowsIt) {
 
 TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
   EncodeRun run({64, 48, 100, 0});
-  Picture flat = MakePicture(64, 48, Flat, 0);
+  Picture flat = MakeEncoderPicture(64, 48, Flat, 0);
   const VelmoEncodeResult key = run.Frame(flat, true, 2000);
   EXPECT_EQ(key.Errors[0], 0u);
   EXPECT_LT(key.Sizes[0], 120u);
   EXPECT_GT(key.DoubledKinds[Velmo1One], 0u);  // a flat area is one colour at 16x16
-  Picture shapes = MakePicture(64, 48, Shapes, 0);
+  Picture shapes = MakeEncoderPicture(64, 48, Shapes, 0);
   const VelmoEncodeResult first = run.Frame(shapes, false, 1500);
   // The encoder's own picture as the next input: every block repeats at no error, and no 16x16
   // block has anything to offer.
@@ -317,7 +269,7 @@ uint32_t BlockCount(const VelmoEncodeResult& r) {
 TEST(Velmo1Encoder, SmoothAreasTakeDoubledBlocksOfIntraSubKinds) {
   // A large, smooth gradient with a few sharp edges: at a tight budget, 16x16 blocks win.
   EncodeRun run({128, 96, 101, 0});
-  Picture pic = MakePicture(128, 96, Gradient, 0);
+  Picture pic = MakeEncoderPicture(128, 96, Gradient, 0);
   const VelmoEncodeResult r = run.Frame(pic, true, 600);
   EXPECT_GT(r.Kinds[Velmo1Doubled], 10u);
   uint32_t subs = 0;
@@ -339,7 +291,7 @@ TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
   // residues. The standard candidate lists never offer either kind.
   for (const bool asked : {false, true}) {
     EncodeRun run({96, 64, 101, asked ? uint32_t(VelmoEncodeRunAndResidue) : 0u});
-    Picture pic = MakePicture(96, 64, Shapes, 0);
+    Picture pic = MakeEncoderPicture(96, 64, Shapes, 0);
     for (uint32_t y = 0; y < 64; ++y)
       for (uint32_t x = 0; x < 96; ++x)
         pic.P[0][y * 96 + x] = uint8_t(((x / 3 + y) % 5) * 40 + (x > 48 ? 7 : 0));
@@ -369,7 +321,7 @@ TEST(Velmo1Encoder, KeyFramesDecodeWithoutThePreviousPicture) {
   EncodeRun run({80, 48, 101, 0});
   std::vector<std::vector<uint8_t>> sections;
   for (int t = 0; t < 4; ++t) {
-    Picture pic = MakePicture(80, 48, t < 2 ? Shapes : Noise, t, 7);  // a scene cut at t = 2
+    Picture pic = MakeEncoderPicture(80, 48, t < 2 ? Shapes : Noise, t, 7);  // a scene cut at t = 2
     sections.push_back(run.Frame(pic, t == 2, 6000).Section);
   }
   // A fresh reader starting at the key frame gets the same picture.
@@ -382,7 +334,7 @@ TEST(Velmo1Encoder, KeyFramesDecodeWithoutThePreviousPicture) {
 TEST(Velmo1Encoder, AlphaPlanesConstantAndCoded) {
   for (uint32_t version : {100u, 101u}) {
     EncodeRun run({64, 32, version, VelmoEncodeAlpha});
-    Picture pic = MakePicture(64, 32, Shapes, 0);
+    Picture pic = MakeEncoderPicture(64, 32, Shapes, 0);
     VelmoEncodeResult r = run.Frame(pic, true, 8000);
     EXPECT_GT(r.Sizes[3], 8u);
     EXPECT_LT(Psnr(r.Errors[3], 64 * 32), 99.0 + 1);
@@ -397,7 +349,7 @@ TEST(Velmo1Encoder, AlphaPlanesConstantAndCoded) {
 
 TEST(Velmo1Encoder, GrayscaleCodesNoChroma) {
   EncodeRun gray({40, 24, 100, VelmoEncodeGrayscale});
-  Picture pic = MakePicture(40, 24, Gradient, 0);
+  Picture pic = MakeEncoderPicture(40, 24, Gradient, 0);
   const VelmoEncodeResult r = gray.Frame(pic, true, 3000);
   EXPECT_EQ(r.Sizes[1], 0u);
   EXPECT_EQ(r.Sizes[2], 0u);
@@ -410,7 +362,7 @@ TEST(Velmo1Encoder, ThreadCountDoesNotChangeTheStream) {
     PoolSetThreads(threads[k]);
     EncodeRun run({96, 64, 101, 0});
     for (int t = 0; t < 3; ++t) {
-      Picture pic = MakePicture(96, 64, Shapes, t);
+      Picture pic = MakeEncoderPicture(96, 64, Shapes, t);
       const VelmoEncodeResult r = run.Frame(pic, t == 0, 3000);
       streams[k].insert(streams[k].end(), r.Section.begin(), r.Section.end());
     }

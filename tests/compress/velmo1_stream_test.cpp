@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -65,4 +66,35 @@ TEST(Velmo1Stream, DescriptionFormsAndTheirLengths) {
   n = 0;
   for (const auto& f : Velmo1EncDescribeCode(5, swapped, 2).Fields) n += f.second;
   EXPECT_EQ(n, 15u);
+}
+
+namespace {
+
+size_t Length(const Velmo1EncBits& bits) {
+  size_t n = 0;
+  for (const auto& f : bits.Fields) n += f.second;
+  return n;
+}
+
+}  // namespace
+
+TEST(Velmo1Stream, BitCountsOfTheCoefficientAndResidueCodersMatchTheBitsWritten) {
+  std::mt19937 rng(11);
+  for (int k = 0; k < 3000; ++k) {
+    // Sparse to dense blocks, small to large values, and the empty block.
+    const uint32_t density = k % 5, range = 1u << (k % 15);
+    int16_t coeffs[64] = {};
+    int8_t residue[64] = {};
+    for (int i = 0; i < 64; ++i) {
+      if (rng() % 4 >= density) continue;
+      const int32_t v = int32_t(rng() % range) * (rng() & 1 ? -1 : 1);
+      coeffs[i] = int16_t(std::clamp(v, -16383, 16383));
+      residue[i] = int8_t(std::clamp(v, -127, 127));
+    }
+    ASSERT_EQ(Velmo1EncCoefficientBitCount(coeffs), Length(Velmo1EncCoefficientBits(coeffs)));
+    // The event limit cuts the residue short anywhere, or not at all.
+    for (uint32_t limit : {0u, 1u, 7u, uint32_t(rng() % 128), 127u})
+      ASSERT_EQ(Velmo1EncResidueBitCount(residue, limit),
+                Length(Velmo1EncResidueBits(residue, limit)));
+  }
 }
