@@ -231,6 +231,18 @@ void VelmoFrameLoopCommit(VelmoFrameLoop* l) {
   else if (l->QueuedFrames == l->PreviewFrames) VelmoFrameLoopPump(l, false);
 }
 
+VelmoRateGeometry RateGeometry(const VelmoFrameLoop* l) {
+  const VelmoWriter* w = l->Writer;
+  return VelmoRateGeometry{VelmoGeneration(w->Version), w->Version, l->PlaneWidth * l->PlaneHeight,
+                           l->ChromaWidth * l->ChromaHeight, HasAlpha(l), IsGray(l)};
+}
+
+uint32_t VelmoFrameLoopLowestRate(const VelmoFrameLoop* l) {
+  if (!l) return 0;
+  return VelmoLowestRate(RateGeometry(l), l->Writer->FrameRateNumerator,
+                         l->Writer->FrameRateDenominator);
+}
+
 void VelmoFrameLoopPump(VelmoFrameLoop* l, bool drainAll) {
   if (!l || !l->QueuedFrames) return;
   VelmoWriter* w = l->Writer;
@@ -242,9 +254,7 @@ void VelmoFrameLoopPump(VelmoFrameLoop* l, bool drainAll) {
     slots[j] = {s.TargetBytes, s.PeakBytes, s.IsKey, s.Complexity};
   }
   VelmoPumpState state = VelmoPumpBegin(slots, n, l->CarryBytes, l->KeyFrameBytes);
-  const VelmoRateGeometry geometry{VelmoGeneration(w->Version), w->Version,
-                                   l->PlaneWidth * l->PlaneHeight,
-                                   l->ChromaWidth * l->ChromaHeight, HasAlpha(l), IsGray(l)};
+  const VelmoRateGeometry geometry = RateGeometry(l);
   uint32_t handled = 0;
   for (uint32_t i = 0; i < count; ++i) {
     if (w->Failed) break;

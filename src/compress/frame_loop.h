@@ -47,6 +47,9 @@ bool VelmoFrameLoopQuality(const VelmoFrameLoop* loop, double psnr[3]);
 // writer's version and size or memory runs out.
 VelmoFrameLoop* VelmoFrameLoopOpen(VelmoWriter* writer, uint32_t previewFrames,
                                    uint32_t keyInterval, uint32_t keyRate);
+// The lowest data rate in bytes per second the loop's frames can be held to (the first
+// generation's floor at the writer's frame rate; 0 when the generation has no such floor).
+uint32_t VelmoFrameLoopLowestRate(const VelmoFrameLoop* loop);
 // Converts one frame (ARGB words, or four floats a pixel with `isFloat`) into the next queue
 // slot. `pitch` is signed bytes between display rows. False when the queue has no room. A
 // wide-range writer (VelmoWriterHdr) takes its frames through the I-Ct-Cp conversion into Y,

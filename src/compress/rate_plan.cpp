@@ -189,6 +189,19 @@ uint32_t VelmoSoundReservation(const VelmoRateTrack* tracks, uint32_t trackCount
   return sum;
 }
 
+uint32_t VelmoFloorBytes(const VelmoRateGeometry& g) {
+  if (g.Generation != 1) return 0;
+  const uint64_t l = (g.LumaPixels >> 8) + (g.LumaPixels >> 6);
+  const uint64_t k = (g.ChromaPixels >> 8) + (g.ChromaPixels >> 6);
+  const uint64_t sum = 3 * l + (g.Alpha ? 3 * l : 0) + (g.Grayscale ? 0 : 4 * k);
+  return uint32_t((sum * 2) >> 4);
+}
+
+uint32_t VelmoLowestRate(const VelmoRateGeometry& g, uint32_t num, uint32_t den) {
+  if (!den) return 0;
+  return uint32_t(std::min<uint64_t>(uint64_t(VelmoFloorBytes(g)) * num / den, 0x7fffffff));
+}
+
 uint32_t VelmoPumpBudget(const VelmoPumpState& s, const VelmoRateSlot& slot, uint32_t i,
                          uint32_t reservation, uint32_t keyFrameBytes, uint32_t framesWritten,
                          const VelmoRateGeometry& g) {
@@ -201,10 +214,7 @@ uint32_t VelmoPumpBudget(const VelmoPumpState& s, const VelmoRateSlot& slot, uin
   if (g.Generation == 1) {
     if (g.Version > 100 && budget > 1024) budget += (framesWritten & 1) ? 256 : -256;
     budget = std::max<int64_t>(budget, slot.TargetBytes / 10);
-    const int64_t l = (g.LumaPixels >> 8) + (g.LumaPixels >> 6);
-    const int64_t k = (g.ChromaPixels >> 8) + (g.ChromaPixels >> 6);
-    int64_t sum = 3 * l + (g.Alpha ? 3 * l : 0) + (g.Grayscale ? 0 : 4 * k);
-    budget = std::max<int64_t>(budget, (sum * 2) >> 4);
+    budget = std::max<int64_t>(budget, VelmoFloorBytes(g));
     if (!keyFrameBytes) budget = std::min<int64_t>(budget, slot.PeakBytes);
   } else {
     if (!keyFrameBytes) budget = std::min<int64_t>(budget, slot.PeakBytes);

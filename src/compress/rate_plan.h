@@ -87,6 +87,14 @@ struct VelmoRateGeometry {
   bool Alpha, Grayscale;
 };
 
+// The first generation's least budget of a frame in bytes (0 for the second generation, whose
+// floors follow the frame's own target).
+uint32_t VelmoFloorBytes(const VelmoRateGeometry& geometry);
+
+// The lowest data rate in bytes per second that the floor lets a run meet at this frame rate.
+uint32_t VelmoLowestRate(const VelmoRateGeometry& geometry, uint32_t rateNumerator,
+                         uint32_t rateDenominator);
+
 // The state of one pump: weights and pool worked out from the whole queue before its first slot.
 struct VelmoPumpState {
   uint64_t Weights[64];

@@ -174,6 +174,22 @@ TEST(Pump, FloorsCeilingsAndAlternation) {
   EXPECT_EQ(VelmoPumpBudget(m, mid, 0, 20000, 0, 0, Geometry(2)), 500u);
 }
 
+// The lowest rate is the first generation's floor at the frame rate; alpha raises it, a gray
+// picture lowers it, and the second generation has none.
+TEST(Pump, LowestRateIsTheFloorAtTheFrameRate) {
+  const uint32_t l = (230400 >> 8) + (230400 >> 6), k = (58880 >> 8) + (58880 >> 6);
+  VelmoRateGeometry g = Geometry(1);
+  EXPECT_EQ(VelmoFloorBytes(g), (3 * l + 4 * k) * 2 >> 4);
+  EXPECT_EQ(VelmoLowestRate(g, 30000, 1001), uint32_t(uint64_t((3 * l + 4 * k) * 2 >> 4) * 30000 / 1001));
+  g.Alpha = true;
+  EXPECT_EQ(VelmoFloorBytes(g), (6 * l + 4 * k) * 2 >> 4);
+  g.Alpha = false;
+  g.Grayscale = true;
+  EXPECT_EQ(VelmoFloorBytes(g), (3 * l) * 2 >> 4);
+  EXPECT_EQ(VelmoLowestRate(Geometry(2), 25, 1), 0u);
+  EXPECT_EQ(VelmoLowestRate(Geometry(1), 25, 0), 0u);
+}
+
 TEST(Pump, KeyFrameRateFollowsTargetsAndSkipsThePeak) {
   VelmoRateSlot slots[2] = {{1000, 1500, 1, 999999}, {1000, 1500, 0, 1}};
   int64_t carry = 0;

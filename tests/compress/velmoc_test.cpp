@@ -636,6 +636,26 @@ const ToolFrontEnd* SaysYes() {
 // A hint file named with a leading '*' is the run's own: read, then deleted when the run ends,
 // also when it ends early. Its key-frame column reaches the file's index; frame 1 is a key
 // frame whatever the hints say, and /K adds its own.
+// A first-generation rate under the frames' least size is told once, before the frames, with
+// the lowest rate the run can meet; a reachable rate and the second generation say nothing.
+TEST(VelmocRun, ARateBelowTheFloorIsToldOnceWithTheLowestRate) {
+  const ScratchDir dir;
+  const std::string low = RunVelmoc("clip " + (dir / "low.vlm") + " /v101 /d1000").output;
+  const std::string told = "the lowest rate that can be met is ";
+  const size_t at = low.find(told);
+  ASSERT_NE(at, std::string::npos) << low;
+  EXPECT_EQ(low.find(told, at + 1), std::string::npos) << "told more than once";
+  EXPECT_LT(at, low.find("Compressing")) << "told after the frames began";
+  const uint32_t lowest = uint32_t(std::stoul(low.substr(at + told.size())));
+  EXPECT_GT(lowest, 1000u);
+  // At that rate there is nothing to tell.
+  const std::string met =
+      RunVelmoc("clip " + (dir / "met.vlm") + " /v101 /d" + std::to_string(lowest)).output;
+  EXPECT_EQ(met.find(told), std::string::npos) << met;
+  const std::string second = RunVelmoc("clip " + (dir / "low.vm2") + " /v200 /d1000").output;
+  EXPECT_EQ(second.find(told), std::string::npos) << second;
+}
+
 TEST(VelmocRun, TemporaryHintFileAndKeyFrames) {
   const ScratchDir dir;
   const std::string out = dir / "h.vlm", hints = dir / "hints.txt";

@@ -674,6 +674,17 @@ int FrameLoop(Run& r) {
   rates.RateNumerator = rateNum;
   rates.RateDenominator = rateDen;
   const bool image = r.info.IsImage;
+  // Below the encoder's least frame size the rate cannot be met: say so once, up front.
+  const uint32_t asked = rates.OverallRate ? rates.OverallRate : rates.DefaultRate;
+  const uint32_t lowest = VelmoFrameLoopLowestRate(r.loop);
+  if (asked < lowest) {
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "The data rate of %u bytes per second is below what this picture size and "
+                  "frame rate can reach: the lowest rate that can be met is %u bytes per second.",
+                  asked, lowest);
+    ToolFrameWarn(text);
+  }
 
   std::vector<uint32_t> floatScratch;
   ReadNext next;
