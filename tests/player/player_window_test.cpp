@@ -8,6 +8,7 @@
 #include "player/player_text.h"
 #include "player/player_window.h"
 #include "support/files.h"
+#include "support/hdr_forward.h"
 #include "support/velmo1_mixed_file.h"
 #include "support/velmo2_flat_file.h"
 
@@ -26,6 +27,8 @@ struct Check {
   PlayerWindow* Handle = nullptr;
   uint32_t Presents = 0, Compared = 0, Mismatches = 0;
   uint32_t StopAfter = 3;
+  bool CompareWithCopyOut = true;  // off for HDR frames, which the copy-out does not copy
+  uint32_t Centre = 0;    // the window's centre pixel at the last present
   int Tolerance = 0;      // per channel
   int LargestDiff = 0;
   bool StripChecked = false, StripYellowFrom16 = false, StripOnlyBlackAndYellow = true;
@@ -57,6 +60,14 @@ void ComparingPresent(void* context, PlayerState* s) {
   G.Window.Present(context, s);
   ++G.Presents;
   HVELMO h = s->Handle;
+  if (!G.CompareWithCopyOut) {
+    std::vector<uint32_t> screen;
+    int32_t w = 0, hgt = 0;
+    if (PlayerWindowReadPixels(G.Handle, &screen, &w, &hgt))
+      G.Centre = screen[size_t(hgt / 2) * w + w / 2];
+    if (G.Presents >= G.StopAfter) s->QuitState = 1;
+    return;
+  }
   // The 2-D path's picture of this frame is the reference for both paths.
   PlayerPicture reference;
   ASSERT_TRUE(reference.Make(int32_t(h->Width), int32_t(h->Height)));
@@ -215,6 +226,41 @@ TEST_F(PlayerWindowTest, StatisticsStripSitsAboveTheVideoOnBothPaths) {
     EXPECT_TRUE(G.StripChecked);
     EXPECT_TRUE(G.StripYellowFrom16);
     EXPECT_TRUE(G.StripOnlyBlackAndYellow);
+  }
+}
+
+// A wide-range file of a flat grey of 40 nits (half the window's full scale) shows, through the
+// ST 2084 curve and the sRGB encoding, as a neutral grey near 188; one stop less exposure (four
+// quarter stops down) halves the light, near 137.
+TEST_F(PlayerWindowTest, OpenGLPathShowsWideRangeGreyByExposure) {
+  using namespace test_support;
+  velmo_test::FlatFilePlan plan;
+  plan.Hdr = true;
+  plan.Alpha = true;
+  MakeHdrBlock(1000, Tone1000, plan.HdrBlock);
+  const double grey[3] = {0.5, 0.5, 0.5};
+  const HdrPlaneValues v = ForwardHdr(grey, 1000, Tone1000);
+  velmo_test::FlatFrame frame;
+  frame.Y = velmo_test::FlatValue(v.Y);
+  frame.Hdr = velmo_test::FlatValue(v.Hdr);
+  frame.Cr = velmo_test::FlatValue(v.Ct);
+  frame.Cb = velmo_test::FlatValue(v.Cp);
+  plan.Frames = {frame, frame};
+  const std::string path = dir / "grey.vm2";
+  velmo_test::WriteFlatFile(path, plan);
+  for (const auto& [exposure, expected] : {std::pair{0, 188}, std::pair{-4, 137}}) {
+    SCOPED_TRACE(exposure);
+    G = Check{};
+    G.CompareWithCopyOut = false;
+    G.StopAfter = 2;
+    PlayerState state = Quiet(PlayerDrawGL);
+    state.Exposure = exposure;
+    ASSERT_EQ(Play(path, &state), 0) << state.Error;
+    SkipWithoutGl();
+    ASSERT_EQ(G.Presents, 2u);
+    // The planes hold even levels only, which moves the grey by a few steps.
+    for (int shift = 0; shift < 24; shift += 8)
+      EXPECT_NEAR(int((G.Centre >> shift) & 0xFF), expected, 8) << std::hex << G.Centre;
   }
 }
 
