@@ -1,5 +1,7 @@
 # The two entry points of a fresh Debian 12 machine:
-#   make demo   installs what is missing, builds, and runs the main job on a built-in sample
+#   make demo   installs what is missing, builds, and runs the main job on a built-in sample;
+#               with a display ($DISPLAY or $WAYLAND_DISPLAY) it ends by playing the sample
+#               for a few seconds, and says that it skipped that step without one
 #   make test   installs what is missing, builds, and runs the whole suite (plain and sanitized)
 BUILD       ?= build
 ASAN_BUILD  ?= build-asan

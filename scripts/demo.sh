@@ -72,3 +72,16 @@ echo
 echo "\$ ORNVideo64 ORNInfo clip.avi"
 "$PROGRAM" ORNInfo "$SAMPLE_DIR/clip.avi" </dev/null 2>/dev/null
 echo "(exit code $?)"
+echo
+echo "== The player: the clip in a window for a few seconds, with its sound =="
+if [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_DISPLAY:-}" ]; then
+  echo "\$ ORNVideo64 VelmoPlay clip.vlm /L      (looping; ended after 5 seconds)"
+  timeout -k 2 5 "$PROGRAM" VelmoPlay "$SAMPLE_DIR/clip.vlm" /L </dev/null
+  code=$?
+  case $code in
+    124|137) echo "(played until the time was up)" ;;
+    *) echo "(exit code $code; the demo goes on)" ;;
+  esac
+else
+  echo "(skipped: no display, neither DISPLAY nor WAYLAND_DISPLAY is set)"
+fi

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "host/platform.h"
+#include "player/player_gl.h"
 #include "player/player_text.h"
 
 namespace {
@@ -24,6 +25,9 @@ struct PlayerWindow {
   SDL_Texture* Strip = nullptr;
   PlayerPicture Picture;
   PlayerPicture StripPicture;
+  PlayerGl* Gl = nullptr;        // the OpenGL path; null on the 2-D path
+  PlayerPicture SliderPicture;   // the OpenGL path's slider lines, laid over the frame
+  uint32_t LastUpload = 0;       // when the OpenGL path last took new planes while seeking
   PlayerWindowPlan Plan;
   PlayerShownRect Shown;
   bool Capture = false;  // read the pixels back before each flip
@@ -43,7 +47,8 @@ bool SliderShows(const PlayerWindow* w, const PlayerState* s, uint32_t now) {
   view.Disabled = (s->Options.DisabledControls & PlayerDisableSlider) != 0;
   view.MouseRecent = s->MouseMoved && now - s->MouseTime < 1000;
   view.Paused = s->Paused;
-  return PlayerSliderShows(view, w->Picture.Width, w->Picture.Height);
+  (void)w;
+  return PlayerSliderShows(view, int32_t(s->Handle->Width), int32_t(s->Handle->Height));
 }
 
 int32_t KeyOf(const SDL_KeyboardEvent& key) {
@@ -112,12 +117,11 @@ bool MakeRenderer(PlayerWindow* w) {
   return w->Renderer != nullptr;
 }
 
-bool Setup(void* context, PlayerState* s) {
-  PlayerWindow* w = Of(context);
+// The 2-D path's picture, renderer and textures for the file.
+bool Setup2D(PlayerWindow* w, PlayerState* s, bool resized) {
   HVELMO h = s->Handle;
-  const bool hdr = (h->FileFlags & VelmoFlagHdr) != 0;
-  // Only the GPU path shows HDR frames, and this program presents on the 2-D path.
-  if (hdr) {
+  // Only the OpenGL path shows HDR frames.
+  if (h->FileFlags & VelmoFlagHdr) {
     s->Error = HdrNeedsGpu;
     return false;
   }
@@ -125,39 +129,54 @@ bool Setup(void* context, PlayerState* s) {
     s->Error = "Unable to create DIBSection.";
     return false;
   }
-  w->Plan = PlayerPlanWindow(s->Options, w->Picture.Width, w->Picture.Height, w->ScreenWidth,
-                             w->ScreenHeight);
-  int32_t width = 0, height = 0;
-  SDL_GetWindowSize(w->Window, &width, &height);
-  if (width != w->Plan.Width || height != w->Plan.Height || !w->Renderer) {
-    SDL_SetWindowSize(w->Window, w->Plan.Width, w->Plan.Height);
-    SDL_PumpEvents();
-    if (!MakeRenderer(w)) {
-      s->Error = "Error creating window.";
-      return false;
-    }
+  if ((resized || !w->Renderer) && !MakeRenderer(w)) {
+    s->Error = "Error creating window.";
+    return false;
   }
   w->Texture = MakeTexture(w->Renderer, w->Texture, w->Picture.Width, w->Picture.Height);
   if (!w->Texture) {
     s->Error = "Unable to create DIBSection.";
     return false;
   }
-  if (w->Plan.StripHeight) {
-    w->StripPicture.Make(w->Plan.Width, w->Plan.StripHeight);
+  if (w->Plan.StripHeight)
     w->Strip = MakeTexture(w->Renderer, w->Strip, w->Plan.Width, w->Plan.StripHeight);
+  return true;
+}
+
+bool Setup(void* context, PlayerState* s) {
+  PlayerWindow* w = Of(context);
+  HVELMO h = s->Handle;
+  w->Plan = PlayerPlanWindow(s->Options, int32_t(h->Width), int32_t(h->Height), w->ScreenWidth,
+                             w->ScreenHeight);
+  int32_t width = 0, height = 0;
+  SDL_GetWindowSize(w->Window, &width, &height);
+  const bool resized = width != w->Plan.Width || height != w->Plan.Height;
+  if (resized) {
+    SDL_SetWindowSize(w->Window, w->Plan.Width, w->Plan.Height);
+    SDL_PumpEvents();
   }
+  // The OpenGL path, or the 2-D path when its textures cannot be made for this file.
+  if (w->Gl && !PlayerGlSetup(w->Gl, h)) {
+    PlayerGlDestroy(w->Gl);
+    w->Gl = nullptr;
+  }
+  if (!w->Gl && !Setup2D(w, s, resized)) return false;
+  s->UsesGpu = w->Gl != nullptr;
+  if (w->Plan.StripHeight) w->StripPicture.Make(w->Plan.Width, w->Plan.StripHeight);
   w->Shown = {(w->Plan.Width - w->Plan.VideoWidth) / 2, w->Plan.StripHeight, w->Plan.VideoWidth,
               w->Plan.VideoHeight};
   const std::string title = s->FileTitle + " - Velmo Video Player";
   SDL_SetWindowTitle(w->Window, title.c_str());
   SDL_SetWindowPosition(w->Window, w->Plan.X, w->Plan.Y);
   SDL_ShowWindow(w->Window);
+  if (w->Gl) PlayerGlBlank(w->Gl);
   s->ScreenWidth = w->ScreenWidth;
   s->ScreenHeight = w->ScreenHeight;
   return true;
 }
 
-void DrawStrip(PlayerWindow* w, const PlayerState* s) {
+// The statistics line in yellow on black.
+void ComposeStrip(PlayerWindow* w, const PlayerState* s) {
   PlayerPicture& p = w->StripPicture;
   for (int32_t y = 0; y < p.Height; ++y) std::fill_n(p.Row(y), p.Width, 0xFF000000u);
   HVELMO h = s->Handle;
@@ -167,6 +186,11 @@ void DrawStrip(PlayerWindow* w, const PlayerState* s) {
   const std::string line =
       PlayerStatisticsLine(realtime, (h->FileFlags & VelmoFlagHdr) != 0, s->Exposure);
   PlayerDrawText(p.Bits, p.Pitch, p.Width, p.Height, 16, 4, line.c_str(), Yellow);
+}
+
+void DrawStrip(PlayerWindow* w, const PlayerState* s) {
+  ComposeStrip(w, s);
+  const PlayerPicture& p = w->StripPicture;
   SDL_UpdateTexture(w->Strip, nullptr, p.Bits, p.Pitch);
   SDL_Rect top{0, 0, p.Width, p.Height};
   SDL_RenderCopy(w->Renderer, w->Strip, nullptr, &top);
@@ -187,8 +211,40 @@ void ReadBack(PlayerWindow* w) {
   w->CapturedHeight = height;
 }
 
+void PresentGl(PlayerWindow* w, PlayerState* s) {
+  HVELMO h = s->Handle;
+  const uint32_t now = TimerMs();
+  PlayerGlView v;
+  SDL_GL_GetDrawableSize(w->Window, &v.WindowWidth, &v.WindowHeight);
+  v.X = w->Shown.X, v.Y = w->Shown.Y, v.Width = w->Shown.Width, v.Height = w->Shown.Height;
+  // While seeking, the frames passed on the way go up at most every 500 ms.
+  v.Upload = !s->Seeking || now - w->LastUpload >= 500;
+  if (v.Upload) w->LastUpload = now;
+  v.Checker = (h->OpenFlags & VelmoOpenAlpha) && !(h->OpenFlags & VelmoCopyFlipAlpha);
+  v.LightBackground = s->LightBackground;
+  v.Exposure = s->Exposure;
+  if (SliderShows(w, s, now) && w->SliderPicture.Make(int32_t(h->Width), 13)) {
+    PlayerDrawSlider(&w->SliderPicture, s->ShownFrame, h->Frames, s->Seeking != 0);
+    v.Slider = &w->SliderPicture;
+  }
+  if (w->Plan.StripHeight) {
+    ComposeStrip(w, s);
+    v.Strip = &w->StripPicture;
+  }
+  PlayerGlDraw(w->Gl, h, v);
+  if (w->Capture) {
+    w->Captured.clear();
+    if (PlayerGlReadPixels(w->Gl, v.WindowWidth, v.WindowHeight, &w->Captured)) {
+      w->CapturedWidth = v.WindowWidth;
+      w->CapturedHeight = v.WindowHeight;
+    }
+  }
+  PlayerGlSwap(w->Gl);
+}
+
 void Present(void* context, PlayerState* s) {
   PlayerWindow* w = Of(context);
+  if (w->Gl) return PresentGl(w, s);
   const bool slider = SliderShows(w, s, TimerMs());
   if (!PlayerCompose2D(s, &w->Picture, slider)) ++s->SkippedBlits;
   SDL_UpdateTexture(w->Texture, nullptr, w->Picture.Bits, w->Picture.Pitch);
@@ -205,7 +261,8 @@ void Present(void* context, PlayerState* s) {
 uint32_t SliderFrame(void* context, const PlayerState* s, int32_t x, int32_t y) {
   PlayerWindow* w = Of(context);
   if (!SliderShows(w, s, TimerMs())) return 0;
-  return PlayerSliderClick(x, y, w->Shown, w->Picture.Width, w->Picture.Height, s->Handle->Frames);
+  HVELMO h = s->Handle;
+  return PlayerSliderClick(x, y, w->Shown, int32_t(h->Width), int32_t(h->Height), h->Frames);
 }
 
 }  // namespace
@@ -235,8 +292,16 @@ PlayerWindow* PlayerWindowCreate(const PlayerOptions& options) {
   uint32_t flags = SDL_WINDOW_HIDDEN;
   if (options.WindowStyle >= 1) flags |= SDL_WINDOW_BORDERLESS;
   if (options.AlwaysOnTop) flags |= SDL_WINDOW_ALWAYS_ON_TOP;
-  w->Window = SDL_CreateWindow("Velmo Video Player", 0, 0, 64, 64, flags);
-  if (!w->Window || !MakeRenderer(w)) {
+  // The OpenGL path unless the 2-D one is asked for; without a 3.3 core context, the 2-D one.
+  if (options.DrawType != PlayerDraw2D) {
+    PlayerGlRequestAttributes();
+    w->Window = SDL_CreateWindow("Velmo Video Player", 0, 0, 64, 64, flags | SDL_WINDOW_OPENGL);
+    w->Gl = PlayerGlCreate(w->Window);
+    if (!w->Gl && w->Window) SDL_DestroyWindow(w->Window), w->Window = nullptr;
+    SDL_GL_ResetAttributes();
+  }
+  if (!w->Gl) w->Window = SDL_CreateWindow("Velmo Video Player", 0, 0, 64, 64, flags);
+  if (!w->Window || (!w->Gl && !MakeRenderer(w))) {
     PlayerWindowDestroy(w);
     return nullptr;
   }
@@ -249,6 +314,7 @@ void PlayerWindowDestroy(PlayerWindow* w) {
   if (w->Texture) SDL_DestroyTexture(w->Texture);
   if (w->Strip) SDL_DestroyTexture(w->Strip);
   if (w->Renderer) SDL_DestroyRenderer(w->Renderer);
+  PlayerGlDestroy(w->Gl);
   if (w->Window) SDL_DestroyWindow(w->Window);
   delete w;
 }
@@ -263,6 +329,13 @@ PlayerHost PlayerWindowHost(PlayerWindow* w) {
   host.Present = Present;
   host.SliderFrame = SliderFrame;
   return host;
+}
+
+bool PlayerWindowUsesGl(const PlayerWindow* w) { return w->Gl != nullptr; }
+
+std::string PlayerWindowTitle(const PlayerWindow* w) {
+  const char* title = SDL_GetWindowTitle(w->Window);
+  return title ? title : "";
 }
 
 const PlayerPicture* PlayerWindowPicture(const PlayerWindow* w) { return &w->Picture; }

@@ -1,6 +1,8 @@
-// The player's window: an SDL window with a renderer, fed by the 2-D path (the frame copied out
-// into a picture, alpha over the checker, the slider, then a scaled blit), with the statistics
-// strip above the video. It is the host of the loop: clock, sleep, events and presentation.
+// The player's window: an SDL window fed by the OpenGL path (player_gl.h), or by the 2-D path
+// through an SDL renderer (the frame copied out into a picture, alpha over the checker, the
+// slider, then a scaled blit), with the statistics strip above the video. /!1 asks for the 2-D
+// path; otherwise the OpenGL one is used where a 3.3 core context can be had. The window is the
+// host of the loop: clock, sleep, events and presentation.
 #pragma once
 #include "player/player_loop.h"
 #include "player/player_picture.h"
@@ -10,6 +12,10 @@ struct PlayerWindow;
 // Makes the window (hidden until the first file is set up); null when there is no display.
 PlayerWindow* PlayerWindowCreate(const PlayerOptions& options);
 void PlayerWindowDestroy(PlayerWindow* window);
+// Whether frames go through the OpenGL path (after the last file's setup, which may have
+// fallen back to the 2-D path).
+bool PlayerWindowUsesGl(const PlayerWindow* window);
+std::string PlayerWindowTitle(const PlayerWindow* window);
 // The loop's host record for this window.
 PlayerHost PlayerWindowHost(PlayerWindow* window);
 // The picture of the last frame presented (for tests that compare it with the screen).

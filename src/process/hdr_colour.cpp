@@ -74,6 +74,14 @@ void HdrIctcpToRgb(double i, double ct, double cp, double rgb[3]) {
   LmsToRgb().Apply(lms, rgb);
 }
 
+void HdrConversionRows(double ictcpToLms[3][3], double lmsToRgb[3][3]) {
+  for (int r = 0; r < 3; ++r)
+    for (int k = 0; k < 3; ++k) {
+      ictcpToLms[r][k] = IctcpToLms().m[r][k];
+      lmsToRgb[r][k] = LmsToRgb().m[r][k];
+    }
+}
+
 void HdrPlanesToLinearRgba(const HdrPlanes& planes, const float coefficients[HdrCoefficientCount],
                            float* out, ptrdiff_t outPitch) {
   const double scale = 1.0 / 255.0;

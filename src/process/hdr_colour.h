@@ -37,3 +37,6 @@ double HdrPqToLinear(double code);
 // One pixel from intensity (BT.2100 I, 0..1) and the two chroma values to linear RGB, 1.0 = 80
 // nits, not held at 0.
 void HdrIctcpToRgb(double i, double ct, double cp, double rgb[3]);
+// The two matrices of that conversion, for programs that run it elsewhere (in a shader): I, Ct,
+// Cp to L'M'S' code values, and linear L, M, S to RGB (1.0 = 80 nits); rows first.
+void HdrConversionRows(double ictcpToLms[3][3], double lmsToRgb[3][3]);

@@ -1,5 +1,6 @@
 // The player's command line: switches and the open flags they set, the file-name rules, and
 // where the window goes.
+#include "player/player_gl.h"
 #include "player/player_loop.h"
 #include "player/player_options.h"
 #include "player/player_picture.h"
@@ -213,6 +214,19 @@ TEST(PlayerWindow, StatisticsStripAboveTheVideo) {
   EXPECT_EQ(p.Height, 64 + p.StripHeight);
   EXPECT_GE(p.Width, PlayerTextWidth(PlayerStatisticsSample));
   EXPECT_EQ(p.VideoWidth, 64);
+}
+
+// The OpenGL path waits for the vertical sync below 62 frames per second, and not at 62 and up
+// or as fast as possible (rate 0); fractions compare exactly.
+TEST(PlayerWindow, SwapIntervalByRate) {
+  EXPECT_EQ(PlayerSwapInterval(30, 1), 1);
+  EXPECT_EQ(PlayerSwapInterval(30000, 1001), 1);
+  EXPECT_EQ(PlayerSwapInterval(61999, 1000), 1);
+  EXPECT_EQ(PlayerSwapInterval(62, 1), 0);
+  EXPECT_EQ(PlayerSwapInterval(12400, 200), 0);
+  EXPECT_EQ(PlayerSwapInterval(120, 1), 0);
+  EXPECT_EQ(PlayerSwapInterval(0, 1), 0);
+  EXPECT_EQ(PlayerSwapInterval(0, 0), 0);
 }
 
 }  // namespace
