@@ -113,8 +113,12 @@ class PlayerWindowTest : public ::testing::Test {
     G = Check{};
     // The loop itself is leak-checked by the headless loop tests.
     LeakCheckPause();
+    LeakCheckPaused = true;
   }
-  void TearDown() override { LeakCheckResume(); }
+  void TearDown() override {
+    if (LeakCheckPaused) LeakCheckResume();
+  }
+  bool LeakCheckPaused = false;
   // Plays `name` through the path `drawType` asks for; `usedGl` tells which one ran.
   int Play(const std::string& name, PlayerState* state) {
     state->Names = {name};
