@@ -6,6 +6,7 @@
 #include "host/quietframe.h"
 #include "host/settings.h"
 #include "host/toolframe.h"
+#include "player/player_builtin.h"
 #include "player/player_loop.h"
 #include "player/player_window.h"
 #include "player/sound/player_sound.h"
@@ -14,8 +15,10 @@ int VelmoPlayMain(void*, void*, char* commandTail, int) {
   QuietFrameInit(nullptr, 0, 0);
   char quickPlay[512];
   SettingsReadText(SettingsMainSection, "VelmoQuickPlay", quickPlay, sizeof quickPlay, "");
-  // The tail's buffer has room behind the line for the appended quick-play text.
-  std::string line = commandTail;
+  // A self-playing program's line comes first; the tail's buffer has room behind the line for
+  // the appended quick-play text.
+  const bool screenSaver = PlayerIsScreenSaverName(PlayerProgramName());
+  std::string line = PlayerJoinLine(PlayerBuiltinLine(), commandTail, screenSaver);
   line.resize(line.size() + sizeof quickPlay + 2, 0);
   PlayerState state;
   if (!PlayerReadLine(line.data(), line.size(), quickPlay, &state.Options, &state.Names)) {
