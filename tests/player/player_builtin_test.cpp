@@ -2,6 +2,7 @@
 // line the player reads from it, and a program with a written slot running as the player.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -111,6 +112,16 @@ TEST(PlayerBuiltinSlot, AProgramWithAWrittenSlotRunsThePlayerWithItsLine) {
   // The unwritten program goes by its tool word as ever.
   const test_support::ToolOutcome plain = test_support::RunProgram(ORN_PROGRAM_PATH, {"/Oops"});
   EXPECT_FALSE(plain.Says("VelmoPlay <Velmo1 Velmo2 ...> [/Switches]")) << plain.output;
+}
+
+// A program file named as a screen saver is the player too, and answers the settings request.
+TEST(PlayerBuiltinSlot, AProgramNamedAsAScreenSaverAnswersItsSettingsRequest) {
+  const test_support::ScratchDir dir;
+  const std::string saver = dir / "velmo.scr";
+  ASSERT_EQ(symlink(ORN_PROGRAM_PATH, saver.c_str()), 0);
+  const test_support::ToolOutcome run = test_support::RunProgram(saver, {"/c"});
+  EXPECT_EQ(run.code, 0) << run.output;
+  EXPECT_TRUE(run.Says("There are no settings for this screensaver.")) << run.output;
 }
 
 }  // namespace
