@@ -21,6 +21,7 @@
 #include "tools/orninfo.h"
 #include "tools/ornsi.h"
 #include "convert/velmoconv.h"
+#include "player/player_builtin.h"
 #include "player/velmoplay.h"
 
 extern char** environ;
@@ -249,5 +250,11 @@ int DispatchMain(int argc, char** argv) {
   for (int i = 1; i < argc; i++) length += std::strlen(argv[i]) + 3;
   std::vector<char> line(length + TailRoom);
   DispatchJoinArguments(argc, argv, line.data(), line.size());
+  // A self-playing program or a screen saver is the player, whatever its line holds.
+  PlayerSetProgramName(argc > 0 ? argv[0] : "");
+  if (PlayerRunsItself()) {
+    TrimLine(line.data());
+    return VelmoPlayMain(nullptr, nullptr, line.data(), 1);
+  }
   return DispatchLine(line.data(), line.size());
 }

@@ -221,7 +221,22 @@ void PlayerSeek(PlayerState* s, const PlayerHost& host, int32_t target, bool rel
   StartDecode(s);
 }
 
+// A full-screen saver ends on a key, a click, the focus going, or the mouse moved more than
+// five times (a single nudge of the desk does not end it).
+bool EndsSaver(PlayerState* s, const PlayerEvent& e) {
+  switch (e.Type) {
+    case PlayerEventKey: case PlayerEventClick: case PlayerEventClose: return true;
+    case PlayerEventFocus: return e.Value == 0;
+    case PlayerEventMouseMove: return ++s->SaverMoves > 5;
+  }
+  return false;
+}
+
 void PlayerHandleEvent(PlayerState* s, const PlayerHost& host, const PlayerEvent& e) {
+  if ((s->ScreenSaver == 1 || s->ScreenSaver == 2) && EndsSaver(s, e)) {
+    s->QuitState = 1;
+    return;
+  }
   switch (e.Type) {
     case PlayerEventKey:
       if (s->Handle) Key(s, host, e.Value);

@@ -76,6 +76,10 @@ struct PlayerState {
   uint32_t FramesPresented = 0;
   int32_t ScreenWidth = 0, ScreenHeight = 0;  // the display's mode, for the summary
   bool UsesGpu = false;
+  // Screen saver: 0 none, 1 or 2 full screen (any key, click, focus loss or mouse travel ends
+  // the run), 3 settings, above 15 a preview in that window.
+  int64_t ScreenSaver = 0;
+  int32_t SaverMoves = 0;       // mouse movements seen while a full-screen saver runs
   std::string Error;            // the text of a failure, shown in "Velmo Error"
   std::string Summary;          // with /S, formed before the last handle closed
 };

@@ -47,6 +47,7 @@ struct PlayerOptions {
   int32_t DrawType = PlayerDrawChoose;  // /!
   int32_t DisplayWidth = 0, DisplayHeight = 0;  // /D, /B
   intptr_t Parent = 0;                  // /#
+  uint64_t InWindow = 0;                // a window of another program to fill (screen saver)
 };
 
 // Reads the switches of `line` (the command tail, changed in place: each switch read is taken

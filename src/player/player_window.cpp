@@ -34,6 +34,7 @@ struct PlayerWindow {
   std::vector<uint32_t> Captured;
   int32_t CapturedWidth = 0, CapturedHeight = 0;
   int32_t ScreenWidth = 0, ScreenHeight = 0;
+  bool Foreign = false;  // another program's window (a screen saver's): filled, never moved
 };
 
 namespace {
@@ -150,7 +151,7 @@ bool Setup(void* context, PlayerState* s) {
                              w->ScreenHeight);
   int32_t width = 0, height = 0;
   SDL_GetWindowSize(w->Window, &width, &height);
-  const bool resized = width != w->Plan.Width || height != w->Plan.Height;
+  const bool resized = !w->Foreign && (width != w->Plan.Width || height != w->Plan.Height);
   if (resized) {
     SDL_SetWindowSize(w->Window, w->Plan.Width, w->Plan.Height);
     SDL_PumpEvents();
@@ -165,10 +166,12 @@ bool Setup(void* context, PlayerState* s) {
   if (w->Plan.StripHeight) w->StripPicture.Make(w->Plan.Width, w->Plan.StripHeight);
   w->Shown = {(w->Plan.Width - w->Plan.VideoWidth) / 2, w->Plan.StripHeight, w->Plan.VideoWidth,
               w->Plan.VideoHeight};
-  const std::string title = s->FileTitle + " - Velmo Video Player";
-  SDL_SetWindowTitle(w->Window, title.c_str());
-  SDL_SetWindowPosition(w->Window, w->Plan.X, w->Plan.Y);
-  SDL_ShowWindow(w->Window);
+  if (!w->Foreign) {
+    const std::string title = s->FileTitle + " - Velmo Video Player";
+    SDL_SetWindowTitle(w->Window, title.c_str());
+    SDL_SetWindowPosition(w->Window, w->Plan.X, w->Plan.Y);
+    SDL_ShowWindow(w->Window);
+  }
   if (w->Gl) PlayerGlBlank(w->Gl);
   s->ScreenWidth = w->ScreenWidth;
   s->ScreenHeight = w->ScreenHeight;
@@ -265,6 +268,19 @@ uint32_t SliderFrame(void* context, const PlayerState* s, int32_t x, int32_t y) 
   return PlayerSliderClick(x, y, w->Shown, int32_t(h->Width), int32_t(h->Height), h->Frames);
 }
 
+// Another program's window, filled on the 2-D path: its size stands for the screen's.
+PlayerWindow* CreateInWindow(PlayerWindow* w) {
+  w->Foreign = true;
+  w->Window = SDL_CreateWindowFrom(reinterpret_cast<void*>(uintptr_t(w->Options.InWindow)));
+  if (!w->Window || !MakeRenderer(w)) {
+    PlayerWindowDestroy(w);
+    return nullptr;
+  }
+  SDL_GetWindowSize(w->Window, &w->ScreenWidth, &w->ScreenHeight);
+  if (w->Options.HideCursor) SDL_ShowCursor(SDL_DISABLE);
+  return w;
+}
+
 }  // namespace
 
 bool PlayerCompose2D(PlayerState* s, PlayerPicture* p, bool sliderShows) {
@@ -289,6 +305,7 @@ PlayerWindow* PlayerWindowCreate(const PlayerOptions& options) {
     w->ScreenWidth = mode.w;
     w->ScreenHeight = mode.h;
   }
+  if (options.InWindow) return CreateInWindow(w);
   uint32_t flags = SDL_WINDOW_HIDDEN;
   if (options.WindowStyle >= 1) flags |= SDL_WINDOW_BORDERLESS;
   if (options.AlwaysOnTop) flags |= SDL_WINDOW_ALWAYS_ON_TOP;

@@ -1,12 +1,15 @@
 // VelmoPlay's main routine: the command line, the window, the loop, and the closing boxes.
 #include "player/velmoplay.h"
 
+#include <cstdlib>
 #include <string>
 
 #include "host/quietframe.h"
 #include "host/settings.h"
 #include "host/toolframe.h"
+#include "player/player_builtin.h"
 #include "player/player_loop.h"
+#include "player/player_saver.h"
 #include "player/player_window.h"
 #include "player/sound/player_sound.h"
 
@@ -14,14 +17,25 @@ int VelmoPlayMain(void*, void*, char* commandTail, int) {
   QuietFrameInit(nullptr, 0, 0);
   char quickPlay[512];
   SettingsReadText(SettingsMainSection, "VelmoQuickPlay", quickPlay, sizeof quickPlay, "");
-  // The tail's buffer has room behind the line for the appended quick-play text.
-  std::string line = commandTail;
+  // A self-playing program's line comes first; the tail's buffer has room behind the line for
+  // the appended quick-play text.
+  const PlayerSaverMode saver =
+      PlayerDecideSaver(PlayerProgramName(), commandTail, std::getenv("XSCREENSAVER_WINDOW"));
+  if (saver.Kind == PlayerSaverSettings) {
+    QuietFrameBox("There are no settings for this screensaver.", "Velmo Video Player",
+                  ToolIconInformation);
+    return 0;
+  }
+  std::string line =
+      PlayerJoinLine(PlayerBuiltinLine(), commandTail, saver.Kind != PlayerSaverNone);
   line.resize(line.size() + sizeof quickPlay + 2, 0);
   PlayerState state;
   if (!PlayerReadLine(line.data(), line.size(), quickPlay, &state.Options, &state.Names)) {
     QuietFrameBox(PlayerHelpText(), "Velmo Video Player Help", ToolIconInformation);
     return 1;
   }
+  PlayerApplySaver(saver, &state.Options);
+  state.ScreenSaver = PlayerSaverValue(saver);
   PlayerWindow* window = PlayerWindowCreate(state.Options);
   if (!window) {
     QuietFrameBox("Error creating window.", "Windows", ToolIconStop);
