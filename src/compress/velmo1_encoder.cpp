@@ -3,6 +3,7 @@
 #include "compress/velmo1_encoder.h"
 
 #include "compress/rate_plan.h"
+#include "compress/velmo1_kernels.h"
 #include "compress/velmo1_stream.h"
 #include "decode/velmo1_decoder.h"
 #include "format/frame_buffers.h"
@@ -176,6 +177,7 @@ struct PlaneInfo {
   uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
   bool RunAndResidue = false;    // offer RUN and residue candidates too
   Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
+  Velmo1SadKernel Sad8 = Velmo1Sad8Plain;    // the motion search's block difference
 };
 
 // How an 8x8 block is written once the resolutions are merged.
@@ -275,7 +277,8 @@ void Rebuild(const PlaneInfo& p, const int16_t coeffs[64], bool inter, uint32_t 
 }
 
 // Motion search over the reference: range 15, the block kept inside the plane, (0, 0) first,
-// sum of absolute differences with an early exit after four rows.
+// sum of absolute differences. The first candidate with the least sum wins; the kernel may give
+// up on a candidate whose sum reaches the best so far.
 void FindMotion(const PlaneInfo& p, uint32_t x, uint32_t y, const uint8_t c[64], int& bestX, int& bestY) {
   const int loY = -int(std::min<uint32_t>(15, y)), hiY = int(std::min<uint32_t>(15, p.Height - 8 - y));
   const int loX = -int(std::min<uint32_t>(15, x)), hiX = int(std::min<uint32_t>(15, p.Width - 8 - x));
@@ -287,11 +290,7 @@ void FindMotion(const PlaneInfo& p, uint32_t x, uint32_t y, const uint8_t c[64],
     for (int nx = 0; nx <= hiX - loX; ++nx) {
       const int dx = order(loX, hiX, nx);
       const uint8_t* ref = p.Previous + int64_t(int(y) + dy) * p.RefPitch + int(x) + dx;
-      uint32_t sad = 0;
-      for (int r = 0; r < 8; ++r) {
-        for (int i = 0; i < 8; ++i) sad += uint32_t(std::abs(int(c[r * 8 + i]) - ref[int64_t(r) * p.RefPitch + i]));
-        if (r == 3 && sad >= best) break;
-      }
+      const uint32_t sad = p.Sad8(c, ref, p.RefPitch, best);
       if (sad < best) {
         best = sad, bestX = dx, bestY = dy;
         if (sad == 0) return;  // nothing can beat it
@@ -1013,6 +1012,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   bool constantAlpha = false;
   Velmo1Kernels kernels;
   Velmo1KernelsInit(&kernels, ProcessorFeatures());
+  Velmo1EncodeKernels encodeKernels;
+  Velmo1EncodeKernelsInit(&encodeKernels, ProcessorFeatures());
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i]) continue;
     VelmoPadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(),
@@ -1021,6 +1022,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
                  e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
     planes[i].Idct = kernels.Idct;
+    planes[i].Sad8 = encodeKernels.Sad8;
     EstimatePixelCost(e->Models[i], planes[i]);
     UpdateCostModel(e->Models[i]);
   }
