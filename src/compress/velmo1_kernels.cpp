@@ -13,8 +13,14 @@ uint32_t Velmo1Sad8Plain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t 
   return sad;
 }
 
+void Velmo1SadRowPlain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
+                       int count, uint32_t bound, uint32_t* sums) {
+  for (int k = 0; k < count; ++k) sums[k] = Velmo1Sad8Plain(block, ref + k, refPitch, bound);
+}
+
 void Velmo1EncodeKernelsInit(Velmo1EncodeKernels* kernels, uint32_t features) {
   kernels->Sad8 = Velmo1Sad8Plain;
+  kernels->SadRow = Velmo1SadRowPlain;
 #if ORN_X86_KERNELS
   const int level = ProcessorLevelOf(features);
   if (level < ProcessorLevelSse2) return;

@@ -16,8 +16,15 @@
 using Velmo1SadKernel = uint32_t (*)(const uint8_t block[64], const uint8_t* ref,
                                      ptrdiff_t refPitch, uint32_t bound);
 
+// The sums of the block against `count` candidates side by side: sums[k] is Sad8 at ref + k,
+// with the same bound. Reads count + 7 bytes of each of the eight lines.
+using Velmo1SadRowKernel = void (*)(const uint8_t block[64], const uint8_t* ref,
+                                    ptrdiff_t refPitch, int count, uint32_t bound,
+                                    uint32_t* sums);
+
 struct Velmo1EncodeKernels {
-  Velmo1SadKernel Sad8;  // an 8x8 block against a motion candidate
+  Velmo1SadKernel Sad8;        // an 8x8 block against a motion candidate
+  Velmo1SadRowKernel SadRow;   // against a line of candidates
 };
 
 // Fills `kernels` with the best forms the feature word (ProcessorFeatures()) allows.
@@ -27,10 +34,14 @@ void Velmo1EncodeKernelsInit(Velmo1EncodeKernels* kernels, uint32_t features);
 uint32_t Velmo1Sad8Plain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
                          uint32_t bound);
 
+void Velmo1SadRowPlain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
+                       int count, uint32_t bound, uint32_t* sums);
+
 // ---- Vector forms ----------------------------------------------------------------------------
 // Each level replaces the entries it has a form for, in order of level. The vector forms sum
 // all eight lines: a test after four lines costs more than the four lines it would save. SSE2
-// sums two lines per _mm_sad_epu8, AVX2 four.
+// sums two lines per _mm_sad_epu8, AVX2 four; AVX2's line of candidates takes eight of them
+// at a time with _mm256_mpsadbw_epu8.
 #if ORN_X86_KERNELS
 void Velmo1EncodeKernelsSse2(Velmo1EncodeKernels* kernels);
 void Velmo1EncodeKernelsAvx2(Velmo1EncodeKernels* kernels);

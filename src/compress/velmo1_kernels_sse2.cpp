@@ -25,8 +25,16 @@ uint32_t Sad8Sse2(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitc
   return uint32_t(_mm_cvtsi128_si32(sum));
 }
 
+void SadRowSse2(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch, int count,
+                uint32_t bound, uint32_t* sums) {
+  for (int k = 0; k < count; ++k) sums[k] = Sad8Sse2(block, ref + k, refPitch, bound);
+}
+
 }  // namespace
 
-void Velmo1EncodeKernelsSse2(Velmo1EncodeKernels* kernels) { kernels->Sad8 = Sad8Sse2; }
+void Velmo1EncodeKernelsSse2(Velmo1EncodeKernels* kernels) {
+  kernels->Sad8 = Sad8Sse2;
+  kernels->SadRow = SadRowSse2;
+}
 
 #endif  // ORN_X86_KERNELS

@@ -22,7 +22,7 @@ using kerneltest::ForEachLevel;
 using kerneltest::TableAt;
 
 // A new entry in the table fails to compile here until it has a check below.
-static_assert(sizeof(Velmo1EncodeKernels) == 1 * sizeof(void (*)()), "encoder entry unchecked");
+static_assert(sizeof(Velmo1EncodeKernels) == 2 * sizeof(void (*)()), "encoder entry unchecked");
 
 // The sum counted one pixel at a time, with no bound.
 uint32_t CountedSad(const uint8_t block[64], const uint8_t* ref, ptrdiff_t pitch) {
@@ -32,8 +32,9 @@ uint32_t CountedSad(const uint8_t block[64], const uint8_t* ref, ptrdiff_t pitch
   return sum;
 }
 
-// A block and a reference picture of eight lines placed at the very end of its buffer, so that
-// a read past the last byte leaves it. The pitch may be negative, the start unaligned.
+// A block and a reference picture of eight lines of `lineBytes` bytes placed at the very end of
+// its buffer, so that a read past the last byte leaves it. The pitch may be negative, the start
+// unaligned.
 struct Case {
   uint8_t Block[64];
   std::vector<uint8_t> Picture;
@@ -41,21 +42,21 @@ struct Case {
   const uint8_t* Ref;
 };
 
-Case MakeCase(std::mt19937& rng, int index) {
+Case MakeCase(std::mt19937& rng, int index, int lineBytes = 8) {
   Case c;
-  const ptrdiff_t span = 8 + ptrdiff_t(rng() % 73);  // 8 to 80 bytes a line
+  const ptrdiff_t span = lineBytes + ptrdiff_t(rng() % 73);  // up to 72 bytes more a line
   c.Pitch = index % 5 == 4 ? -span : span;
   const size_t lead = rng() % 32;                     // any alignment of the first line
-  c.Picture.resize(lead + size_t(7 * span + 8));
+  c.Picture.resize(lead + size_t(7 * span + lineBytes));
   c.Ref = c.Picture.data() + lead + (c.Pitch < 0 ? 7 * span : 0);
   // Random bytes, both extremes against each other, or a reference close to the block.
   const int kind = index % 4;
   for (uint8_t& v : c.Block) v = kind == 1 ? 0 : kind == 2 ? 255 : uint8_t(rng());
   for (uint8_t& v : c.Picture) v = kind == 1 ? 255 : kind == 2 ? 0 : uint8_t(rng());
-  if (kind == 3)
+  if (kind == 3)  // every candidate of the line near the block
     for (int r = 0; r < 8; ++r)
-      for (int i = 0; i < 8; ++i) {
-        const int near = int(c.Block[r * 8 + i]) + int(rng() % 7) - 3;
+      for (int i = 0; i < lineBytes; ++i) {
+        const int near = int(c.Block[r * 8 + i % 8]) + int(rng() % 7) - 3;
         const_cast<uint8_t*>(c.Ref)[r * c.Pitch + i] = uint8_t(std::clamp(near, 0, 255));
       }
   return c;
@@ -96,16 +97,49 @@ TEST(Velmo1EncodeKernels, BoundedSumsDecideAlike) {
   EXPECT_GT(stoppedEarly, 0);
 }
 
+// A line of candidates gives, at every level, the plain sum of each candidate: any count up to
+// the search's 31, with the line's last byte the last one of the buffer.
+TEST(Velmo1EncodeKernels, LinesOfCandidatesGiveThePlainSums) {
+  ForEachLevel(Velmo1EncodeKernelsInit, [&](const Velmo1EncodeKernels& t) {
+    std::mt19937 rng(33);
+    for (int i = 0; i < 3000; ++i) {
+      const int count = 1 + i % 31;
+      const Case c = MakeCase(rng, i / 31, count + 7);
+      uint32_t sums[31];
+      t.SadRow(c.Block, c.Ref, c.Pitch, count, UINT32_MAX, sums);
+      for (int k = 0; k < count; ++k)
+        ASSERT_EQ(sums[k], CountedSad(c.Block, c.Ref + k, c.Pitch))
+            << "case " << i << ", candidate " << k << " of " << count << ", pitch " << c.Pitch;
+      // Under a bound each candidate decides as the plain single sum does.
+      const uint32_t bound = sums[rng() % count] + rng() % 2;
+      t.SadRow(c.Block, c.Ref, c.Pitch, count, bound, sums);
+      for (int k = 0; k < count; ++k) {
+        const uint32_t exact = CountedSad(c.Block, c.Ref + k, c.Pitch);
+        if (exact < bound)
+          ASSERT_EQ(sums[k], exact) << "case " << i << ", candidate " << k;
+        else
+          ASSERT_GE(sums[k], bound) << "case " << i << ", candidate " << k;
+      }
+    }
+  });
+}
+
 // Every entry is set at every level, and the fill stops at the first level the word lacks.
 TEST(Velmo1EncodeKernels, EveryEntrySetAndLevelsStopAtTheFirstGap) {
-  for (int level = 0; level < ProcessorLevelCount; ++level)
-    EXPECT_NE(TableAt(Velmo1EncodeKernelsInit, level).Sad8, nullptr) << level;
+  for (int level = 0; level < ProcessorLevelCount; ++level) {
+    const Velmo1EncodeKernels t = TableAt(Velmo1EncodeKernelsInit, level);
+    EXPECT_NE(t.Sad8, nullptr) << level;
+    EXPECT_NE(t.SadRow, nullptr) << level;
+  }
   Velmo1EncodeKernels noSse2;
   Velmo1EncodeKernelsInit(&noSse2, CpuValid | CpuAVX2 | CpuSSSE3 | CpuAVX);
   EXPECT_EQ(noSse2.Sad8, &Velmo1Sad8Plain);
+  EXPECT_EQ(noSse2.SadRow, &Velmo1SadRowPlain);
   Velmo1EncodeKernels all;
   Velmo1EncodeKernelsInit(&all, ~0u);
-  EXPECT_EQ(all.Sad8, TableAt(Velmo1EncodeKernelsInit, ProcessorLevelAvx2).Sad8);
+  const Velmo1EncodeKernels avx2 = TableAt(Velmo1EncodeKernelsInit, ProcessorLevelAvx2);
+  EXPECT_EQ(all.Sad8, avx2.Sad8);
+  EXPECT_EQ(all.SadRow, avx2.SadRow);
 }
 
 // The bytes of a short encode of moving shapes, with the processor's features cut down to one
