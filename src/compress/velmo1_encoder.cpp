@@ -3,6 +3,7 @@
 #include "compress/velmo1_encoder.h"
 
 #include "compress/rate_plan.h"
+#include "compress/velmo1_kernels.h"
 #include "compress/velmo1_stream.h"
 #include "decode/velmo1_decoder.h"
 #include "format/frame_buffers.h"
@@ -176,6 +177,7 @@ struct PlaneInfo {
   uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
   bool RunAndResidue = false;    // offer RUN and residue candidates too
   Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
+  Velmo1SadRowKernel SadRow = Velmo1SadRowPlain;  // the motion search's block differences
 };
 
 // How an 8x8 block is written once the resolutions are merged.
@@ -275,23 +277,23 @@ void Rebuild(const PlaneInfo& p, const int16_t coeffs[64], bool inter, uint32_t 
 }
 
 // Motion search over the reference: range 15, the block kept inside the plane, (0, 0) first,
-// sum of absolute differences with an early exit after four rows.
+// sum of absolute differences. The first candidate with the least sum wins. The sums of a line
+// of candidates come together, bounded by the best sum before the line: a candidate at or above
+// that bound cannot win, whatever its exact sum.
 void FindMotion(const PlaneInfo& p, uint32_t x, uint32_t y, const uint8_t c[64], int& bestX, int& bestY) {
   const int loY = -int(std::min<uint32_t>(15, y)), hiY = int(std::min<uint32_t>(15, p.Height - 8 - y));
   const int loX = -int(std::min<uint32_t>(15, x)), hiX = int(std::min<uint32_t>(15, p.Width - 8 - x));
   auto order = [](int lo, int hi, int n) { return n <= hi ? n : lo + (n - hi - 1); };
   uint32_t best = 0x7ffffff;
   bestX = bestY = 0;
+  uint32_t sums[31];
   for (int ny = 0; ny <= hiY - loY; ++ny) {
     const int dy = order(loY, hiY, ny);
+    const uint8_t* line = p.Previous + int64_t(int(y) + dy) * p.RefPitch + int(x) + loX;
+    p.SadRow(c, line, p.RefPitch, hiX - loX + 1, best, sums);
     for (int nx = 0; nx <= hiX - loX; ++nx) {
       const int dx = order(loX, hiX, nx);
-      const uint8_t* ref = p.Previous + int64_t(int(y) + dy) * p.RefPitch + int(x) + dx;
-      uint32_t sad = 0;
-      for (int r = 0; r < 8; ++r) {
-        for (int i = 0; i < 8; ++i) sad += uint32_t(std::abs(int(c[r * 8 + i]) - ref[int64_t(r) * p.RefPitch + i]));
-        if (r == 3 && sad >= best) break;
-      }
+      const uint32_t sad = sums[dx - loX];
       if (sad < best) {
         best = sad, bestX = dx, bestY = dy;
         if (sad == 0) return;  // nothing can beat it
@@ -1013,6 +1015,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   bool constantAlpha = false;
   Velmo1Kernels kernels;
   Velmo1KernelsInit(&kernels, ProcessorFeatures());
+  Velmo1EncodeKernels encodeKernels;
+  Velmo1EncodeKernelsInit(&encodeKernels, ProcessorFeatures());
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i]) continue;
     VelmoPadPlane(input.Planes[i], input.Pitches[i], inW[i], inH[i], e->Source[i].data(),
@@ -1021,6 +1025,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
                  e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
     planes[i].Idct = kernels.Idct;
+    planes[i].SadRow = encodeKernels.SadRow;
     EstimatePixelCost(e->Models[i], planes[i]);
     UpdateCostModel(e->Models[i]);
   }

@@ -1,0 +1,48 @@
+// The first-generation encoder's kernel table: the block difference its motion search ranks
+// candidates by. The table is filled plain-first from the processor feature word; every vector
+// form gives the plain form's result.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+#include "host/cpu_features.h"
+
+// The sum of absolute differences of an 8x8 block (64 bytes, one line every 8) and the block
+// at `ref` (one line every refPitch bytes). The sum is at most 64 * 255.
+//
+// `bound` lets a form stop early: when the sum is below bound the exact sum comes back; when it
+// is not, any value of at least bound may come back. The search keeps a candidate only when its
+// sum is below the best so far, so stopping early never changes its choice.
+using Velmo1SadKernel = uint32_t (*)(const uint8_t block[64], const uint8_t* ref,
+                                     ptrdiff_t refPitch, uint32_t bound);
+
+// The sums of the block against `count` candidates side by side: sums[k] is Sad8 at ref + k,
+// with the same bound. Reads count + 7 bytes of each of the eight lines.
+using Velmo1SadRowKernel = void (*)(const uint8_t block[64], const uint8_t* ref,
+                                    ptrdiff_t refPitch, int count, uint32_t bound,
+                                    uint32_t* sums);
+
+struct Velmo1EncodeKernels {
+  Velmo1SadKernel Sad8;        // an 8x8 block against a motion candidate
+  Velmo1SadRowKernel SadRow;   // against a line of candidates
+};
+
+// Fills `kernels` with the best forms the feature word (ProcessorFeatures()) allows.
+void Velmo1EncodeKernelsInit(Velmo1EncodeKernels* kernels, uint32_t features);
+
+// The plain form: gives up after four lines once the sum has reached the bound.
+uint32_t Velmo1Sad8Plain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
+                         uint32_t bound);
+
+void Velmo1SadRowPlain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
+                       int count, uint32_t bound, uint32_t* sums);
+
+// ---- Vector forms ----------------------------------------------------------------------------
+// Each level replaces the entries it has a form for, in order of level. The vector forms sum
+// all eight lines: a test after four lines costs more than the four lines it would save. SSE2
+// sums two lines per _mm_sad_epu8, AVX2 four; AVX2's line of candidates takes eight of them
+// at a time with _mm256_mpsadbw_epu8.
+#if ORN_X86_KERNELS
+void Velmo1EncodeKernelsSse2(Velmo1EncodeKernels* kernels);
+void Velmo1EncodeKernelsAvx2(Velmo1EncodeKernels* kernels);
+#endif

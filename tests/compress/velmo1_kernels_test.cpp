@@ -1,0 +1,177 @@
+// The first-generation encoder's kernel table: every form at every level the processor has
+// against the plain form, on random and extreme blocks at any pitch and alignment, and whole
+// encodes that must not change by a byte from one level to another.
+#include "compress/velmo1_kernels.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "compress/velmo1_encoder.h"
+#include "support/encoder_pictures.h"
+#include "support/kernel_levels.h"
+
+namespace {
+
+using kerneltest::ForEachLevel;
+using kerneltest::TableAt;
+
+// A new entry in the table fails to compile here until it has a check below.
+static_assert(sizeof(Velmo1EncodeKernels) == 2 * sizeof(void (*)()), "encoder entry unchecked");
+
+// The sum counted one pixel at a time, with no bound.
+uint32_t CountedSad(const uint8_t block[64], const uint8_t* ref, ptrdiff_t pitch) {
+  uint32_t sum = 0;
+  for (int r = 0; r < 8; ++r)
+    for (int i = 0; i < 8; ++i) sum += uint32_t(std::abs(int(block[r * 8 + i]) - ref[r * pitch + i]));
+  return sum;
+}
+
+// A block and a reference picture of eight lines of `lineBytes` bytes placed at the very end of
+// its buffer, so that a read past the last byte leaves it. The pitch may be negative, the start
+// unaligned.
+struct Case {
+  uint8_t Block[64];
+  std::vector<uint8_t> Picture;
+  ptrdiff_t Pitch;
+  const uint8_t* Ref;
+};
+
+Case MakeCase(std::mt19937& rng, int index, int lineBytes = 8) {
+  Case c;
+  const ptrdiff_t span = lineBytes + ptrdiff_t(rng() % 73);  // up to 72 bytes more a line
+  c.Pitch = index % 5 == 4 ? -span : span;
+  const size_t lead = rng() % 32;                     // any alignment of the first line
+  c.Picture.resize(lead + size_t(7 * span + lineBytes));
+  c.Ref = c.Picture.data() + lead + (c.Pitch < 0 ? 7 * span : 0);
+  // Random bytes, both extremes against each other, or a reference close to the block.
+  const int kind = index % 4;
+  for (uint8_t& v : c.Block) v = kind == 1 ? 0 : kind == 2 ? 255 : uint8_t(rng());
+  for (uint8_t& v : c.Picture) v = kind == 1 ? 255 : kind == 2 ? 0 : uint8_t(rng());
+  if (kind == 3)  // every candidate of the line near the block
+    for (int r = 0; r < 8; ++r)
+      for (int i = 0; i < lineBytes; ++i) {
+        const int near = int(c.Block[r * 8 + i % 8]) + int(rng() % 7) - 3;
+        const_cast<uint8_t*>(c.Ref)[r * c.Pitch + i] = uint8_t(std::clamp(near, 0, 255));
+      }
+  return c;
+}
+
+TEST(Velmo1EncodeKernels, EveryFormGivesThePlainSums) {
+  const Velmo1EncodeKernels plain = TableAt(Velmo1EncodeKernelsInit, ProcessorLevelPlain);
+  ForEachLevel(Velmo1EncodeKernelsInit, [&](const Velmo1EncodeKernels& t) {
+    std::mt19937 rng(31);
+    for (int i = 0; i < 4000; ++i) {
+      const Case c = MakeCase(rng, i);
+      const uint32_t want = CountedSad(c.Block, c.Ref, c.Pitch);
+      ASSERT_EQ(plain.Sad8(c.Block, c.Ref, c.Pitch, UINT32_MAX), want) << "case " << i;
+      ASSERT_EQ(t.Sad8(c.Block, c.Ref, c.Pitch, UINT32_MAX), want)
+          << "case " << i << ", pitch " << c.Pitch;
+    }
+  });
+}
+
+// Under a bound, a sum below it is exact and one at or above it stays at or above it, in every
+// form; the plain form does stop early when the first four lines reach the bound.
+TEST(Velmo1EncodeKernels, BoundedSumsDecideAlike) {
+  int stoppedEarly = 0;
+  ForEachLevel(Velmo1EncodeKernelsInit, [&](const Velmo1EncodeKernels& t) {
+    std::mt19937 rng(32);
+    for (int i = 0; i < 4000; ++i) {
+      const Case c = MakeCase(rng, i);
+      const uint32_t exact = CountedSad(c.Block, c.Ref, c.Pitch);
+      const uint32_t bound = i % 3 == 0 ? exact : i % 3 == 1 ? exact + 1 : uint32_t(rng() % (exact + 2));
+      const uint32_t got = t.Sad8(c.Block, c.Ref, c.Pitch, bound);
+      if (exact < bound)
+        ASSERT_EQ(got, exact) << "case " << i << ", bound " << bound;
+      else
+        ASSERT_GE(got, bound) << "case " << i << ", sum " << exact;
+      if (t.Sad8 == Velmo1Sad8Plain && got != exact) ++stoppedEarly;
+    }
+  });
+  EXPECT_GT(stoppedEarly, 0);
+}
+
+// A line of candidates gives, at every level, the plain sum of each candidate: any count up to
+// the search's 31, with the line's last byte the last one of the buffer.
+TEST(Velmo1EncodeKernels, LinesOfCandidatesGiveThePlainSums) {
+  ForEachLevel(Velmo1EncodeKernelsInit, [&](const Velmo1EncodeKernels& t) {
+    std::mt19937 rng(33);
+    for (int i = 0; i < 3000; ++i) {
+      const int count = 1 + i % 31;
+      const Case c = MakeCase(rng, i / 31, count + 7);
+      uint32_t sums[31];
+      t.SadRow(c.Block, c.Ref, c.Pitch, count, UINT32_MAX, sums);
+      for (int k = 0; k < count; ++k)
+        ASSERT_EQ(sums[k], CountedSad(c.Block, c.Ref + k, c.Pitch))
+            << "case " << i << ", candidate " << k << " of " << count << ", pitch " << c.Pitch;
+      // Under a bound each candidate decides as the plain single sum does.
+      const uint32_t bound = sums[rng() % count] + rng() % 2;
+      t.SadRow(c.Block, c.Ref, c.Pitch, count, bound, sums);
+      for (int k = 0; k < count; ++k) {
+        const uint32_t exact = CountedSad(c.Block, c.Ref + k, c.Pitch);
+        if (exact < bound)
+          ASSERT_EQ(sums[k], exact) << "case " << i << ", candidate " << k;
+        else
+          ASSERT_GE(sums[k], bound) << "case " << i << ", candidate " << k;
+      }
+    }
+  });
+}
+
+// Every entry is set at every level, and the fill stops at the first level the word lacks.
+TEST(Velmo1EncodeKernels, EveryEntrySetAndLevelsStopAtTheFirstGap) {
+  for (int level = 0; level < ProcessorLevelCount; ++level) {
+    const Velmo1EncodeKernels t = TableAt(Velmo1EncodeKernelsInit, level);
+    EXPECT_NE(t.Sad8, nullptr) << level;
+    EXPECT_NE(t.SadRow, nullptr) << level;
+  }
+  Velmo1EncodeKernels noSse2;
+  Velmo1EncodeKernelsInit(&noSse2, CpuValid | CpuAVX2 | CpuSSSE3 | CpuAVX);
+  EXPECT_EQ(noSse2.Sad8, &Velmo1Sad8Plain);
+  EXPECT_EQ(noSse2.SadRow, &Velmo1SadRowPlain);
+  Velmo1EncodeKernels all;
+  Velmo1EncodeKernelsInit(&all, ~0u);
+  const Velmo1EncodeKernels avx2 = TableAt(Velmo1EncodeKernelsInit, ProcessorLevelAvx2);
+  EXPECT_EQ(all.Sad8, avx2.Sad8);
+  EXPECT_EQ(all.SadRow, avx2.SadRow);
+}
+
+// The bytes of a short encode of moving shapes, with the processor's features cut down to one
+// level's.
+std::vector<uint8_t> EncodeAtLevel(int level, const VelmoEncoderConfig& config, uint32_t budget) {
+  FeatureMask(~(ProcessorLevels[level].Features | CpuValid));
+  std::vector<uint8_t> bytes;
+  VelmoEncoder* e = VelmoEncoderCreate(config);
+  EXPECT_NE(e, nullptr);
+  for (int t = 0; e && t < 4; ++t) {
+    auto pic = test_support::MakeEncoderPicture(config.Width, config.Height, test_support::Shapes, t, 3 + t);
+    VelmoEncodeResult r{};
+    EXPECT_TRUE(VelmoEncodeFrame(e, pic.Input(t == 0), budget, &r));
+    bytes.insert(bytes.end(), r.Section.begin(), r.Section.end());
+  }
+  VelmoEncoderFree(e);
+  FeatureMask(0);
+  return bytes;
+}
+
+// The motion search picks the same vectors at every level: the encoded bytes agree.
+TEST(Velmo1EncodeKernels, EncodesAgreeAtEveryLevel) {
+  const VelmoEncoderConfig configs[] = {{96, 80, 101, 0}, {72, 56, 101, VelmoEncodeAlpha}};
+  for (const VelmoEncoderConfig& config : configs) {
+    const std::vector<uint8_t> plain = EncodeAtLevel(ProcessorLevelPlain, config, 3000);
+    ASSERT_FALSE(plain.empty());
+    for (int level = 1; level < ProcessorLevelCount; ++level) {
+      if (!ProcessorHas(ProcessorLevels[level].Features)) continue;
+      EXPECT_TRUE(EncodeAtLevel(level, config, 3000) == plain)
+          << ProcessorLevels[level].Name << " " << config.Width << "x" << config.Height;
+    }
+  }
+}
+
+}  // namespace
