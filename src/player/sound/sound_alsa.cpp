@@ -144,18 +144,6 @@ void AlsaUnlock(VelmoTrack* t, uint32_t bytes) {
   }
 }
 
-void AlsaSetVolume(VelmoTrack* t, uint32_t volume) {
-  AlsaOutput* o = Out(t);
-  o->Volume = std::min<uint32_t>(volume, 65536);
-  SoundOutputUpdateMatrix(o);
-}
-
-void AlsaSetPan(VelmoTrack* t, uint32_t pan) {
-  AlsaOutput* o = Out(t);
-  o->Pan = std::min<uint32_t>(pan, 65536);
-  SoundOutputUpdateMatrix(o);
-}
-
 uint32_t AlsaPause(VelmoTrack* t, uint32_t pause) {
   AlsaOutput* o = Out(t);
   pause = pause ? 1 : 0;
@@ -229,8 +217,8 @@ uint32_t AlsaOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVE
   t->Latency = uint32_t(uint64_t(o->BufferFrames) * 1000 / rate);
   t->ServiceMode = 0;
   t->ClockScale = 0x10000;
-  t->Ops = VelmoTrackOps{AlsaReady, AlsaLock,  AlsaUnlock, AlsaSetVolume, AlsaSetPan,
-                         AlsaPause, AlsaOnOff, AlsaClose,  nullptr};
+  t->Ops = VelmoTrackOps{AlsaReady, AlsaLock,  AlsaUnlock, SoundOutputSetVolume, SoundOutputSetPan,
+                         AlsaPause, AlsaOnOff, AlsaClose,  nullptr, nullptr};
   return 1;
 }
 

@@ -46,6 +46,18 @@ bool SoundOutputInit(SoundOutput* o, uint32_t rate, uint32_t trackChannels,
   return true;
 }
 
+void SoundOutputSetVolume(VelmoTrack* t, uint32_t volume) {
+  SoundOutput* o = SoundOutputOf(t);
+  o->Volume = std::min<uint32_t>(volume, 65536);
+  SoundOutputUpdateMatrix(o);
+}
+
+void SoundOutputSetPan(VelmoTrack* t, uint32_t pan) {
+  SoundOutput* o = SoundOutputOf(t);
+  o->Pan = std::min<uint32_t>(pan, 65536);
+  SoundOutputUpdateMatrix(o);
+}
+
 void SoundOutputUpdateMatrix(SoundOutput* o) {
   int32_t left, right;
   SoundGains(o->Volume, o->Pan, &left, &right);

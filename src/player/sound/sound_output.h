@@ -49,6 +49,10 @@ bool SoundOutputInit(SoundOutput* o, uint32_t rate, uint32_t trackChannels,
                      RateMeterTiming timing);
 // Builds the matrix anew from the volume, the pan and the speaker mix.
 void SoundOutputUpdateMatrix(SoundOutput* o);
+// The track operations that set the volume (0..65536) and the pan (0..65536), for every back
+// end whose track record is a SoundOutput.
+void SoundOutputSetVolume(VelmoTrack* t, uint32_t volume);
+void SoundOutputSetPan(VelmoTrack* t, uint32_t pan);
 // The `bytes` of staging, in the device's layout: the staging itself when nothing changes them.
 // `deviceBytes` receives their size.
 const uint8_t* SoundOutputConvert(SoundOutput* o, uint32_t bytes, uint32_t* deviceBytes);

@@ -112,18 +112,6 @@ void SdlUnlock(VelmoTrack* t, uint32_t bytes) {
   }
 }
 
-void SdlSetVolume(VelmoTrack* t, uint32_t volume) {
-  SdlOutput* o = Out(t);
-  o->Volume = std::min<uint32_t>(volume, 65536);
-  SoundOutputUpdateMatrix(o);
-}
-
-void SdlSetPan(VelmoTrack* t, uint32_t pan) {
-  SdlOutput* o = Out(t);
-  o->Pan = std::min<uint32_t>(pan, 65536);
-  SoundOutputUpdateMatrix(o);
-}
-
 uint32_t SdlPause(VelmoTrack* t, uint32_t pause) {
   SdlOutput* o = Out(t);
   pause = pause ? 1 : 0;
@@ -206,8 +194,8 @@ uint32_t OpenDevice(VelmoTrack* t, uint32_t rate, uint32_t channels, HVELMO hand
                         uint64_t(have.samples) * 1000 / rate);
   t->ServiceMode = 0;
   t->ClockScale = 0x10000;
-  t->Ops = VelmoTrackOps{SdlReady, SdlLock,  SdlUnlock, SdlSetVolume, SdlSetPan,
-                         SdlPause, SdlOnOff, SdlClose,  multi ? SdlSetMix : nullptr};
+  t->Ops = VelmoTrackOps{SdlReady, SdlLock,  SdlUnlock, SoundOutputSetVolume, SoundOutputSetPan,
+                         SdlPause, SdlOnOff, SdlClose,  multi ? SdlSetMix : nullptr, nullptr};
   return 1;
 }
 
