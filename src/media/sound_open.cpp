@@ -201,7 +201,7 @@ void WarnIfCut(SoundInput* sound) {
   SoundSource* s = sound->source;
   if (!s->short_read || s->short_warned) return;
   s->short_warned = true;
-  char text[1400];
+  char text[PathBytes + 100];
   snprintf(text, sizeof text, "%s ends early: its sound stops after %llu of %llu samples.",
            sound->file_name, static_cast<unsigned long long>(sound->source_index),
            static_cast<unsigned long long>(sound->total_source_samples));

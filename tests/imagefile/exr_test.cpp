@@ -61,8 +61,6 @@ struct HalfPicture {
   }
 };
 
-const char* const kChannels[4] = {"R", "G", "B", "A"};
-
 Imf::Header MakeHeader(const HalfPicture& picture, Imf::Compression compression, const char* channels = "RGBA") {
   Imf::Header header(picture.window, picture.window);
   header.compression() = compression;

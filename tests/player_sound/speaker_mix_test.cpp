@@ -107,8 +107,11 @@ TEST(SpeakerBinsTest, TracksTakeRunningBinsAndALoneMonoTrackAPair) {
     std::vector<uint32_t> first(n, 99), count(n, 99);
     SpeakerBinsForTracks(c.Channels.data(), n, first.data(), count.data());
     EXPECT_EQ(count, c.Count) << testing::PrintToString(c.Channels);
-    for (uint32_t i = 0; i < n; ++i)
-      if (c.Count[i]) EXPECT_EQ(first[i], c.First[i]) << testing::PrintToString(c.Channels) << i;
+    for (uint32_t i = 0; i < n; ++i) {
+      if (c.Count[i]) {
+        EXPECT_EQ(first[i], c.First[i]) << testing::PrintToString(c.Channels) << i;
+      }
+    }
   }
 }
 

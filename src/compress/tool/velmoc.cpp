@@ -777,7 +777,7 @@ int Compress(Run& r, char* commandTail) {
                                             r.info.InputBytes, r.info.InputFrames, 100);
   if (!VelmocLoadHints(r.s.HintFile[0] == '*' ? r.s.HintFile + 1 : r.s.HintFile, r.skipped,
                        r.info.Frames, inputRate, &r.s.Media, &r.hints)) {
-    char text[1200];
+    char text[PathBytes + 100];
     std::snprintf(text, sizeof text, "Couldn't read the hint file '%s'.", r.s.HintFile);
     ToolFrameError(text);
     return Finish(r, ToolExitInputError);
