@@ -145,8 +145,6 @@ bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeff
   return any != 0;
 }
 
-uint32_t CoefficientBits(const int16_t coeffs[64]) { return Velmo1EncCoefficientBitCount(coeffs); }
-
 // ---------------------------------------------------------------------------------------------
 // Blocks and their operating points
 
@@ -178,6 +176,7 @@ struct PlaneInfo {
   bool RunAndResidue = false;    // offer RUN and residue candidates too
   Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
   Velmo1SadRowKernel SadRow = Velmo1SadRowPlain;  // the motion search's block differences
+  Velmo1CoefficientBitsKernel CoefficientBits = Velmo1CoefficientBitsPlain;  // a trial's bits
 };
 
 // How an 8x8 block is written once the resolutions are merged.
@@ -488,7 +487,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   for (uint32_t q = 0; q < 16; ++q) {
     if (!Quantise(projection, false, q, coeffs)) break;
     Rebuild(p, coeffs, false, q, nullptr, rebuilt);
-    pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra, uint16_t(q)};
+    pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra, uint16_t(q)};
   }
   if (prevAt) {
     int mx, my;
@@ -501,7 +500,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     for (uint32_t q = 0; q < 16; ++q) {
       const bool any = Quantise(projection, true, q, coeffs);
       Rebuild(p, coeffs, true, q, m, rebuilt);
-      pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
+      pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
                   Velmo1DctInter, uint16_t(q)};
       if (!any) break;
     }
@@ -609,7 +608,7 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
     if (!Quantise(projection, false, q, coeffs)) break;
     Rebuild(p, coeffs, false, q, nullptr, rebuilt);
     Up(rebuilt, big);
-    pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse256(f, big), Velmo1DctIntra, uint16_t(q)};
+    pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse256(f, big), Velmo1DctIntra, uint16_t(q)};
   }
   pts[n++] = {e[CostColour] << 6, Sse256(f, up), Velmo1Bang, 0};
   finish();
@@ -1026,6 +1025,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
                  e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
     planes[i].Idct = kernels.Idct;
     planes[i].SadRow = encodeKernels.SadRow;
+    planes[i].CoefficientBits = encodeKernels.CoefficientBits;
     EstimatePixelCost(e->Models[i], planes[i]);
     UpdateCostModel(e->Models[i]);
   }

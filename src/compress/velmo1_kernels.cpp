@@ -1,7 +1,10 @@
-// The plain form of the first-generation encoder's block difference, and the table's fill.
+// The plain forms of the first-generation encoder's block difference and coefficient count, the
+// count's walk over the work list shared by every form, and the table's fill.
 #include "compress/velmo1_kernels.h"
 
 #include <cstdlib>
+
+#include "decode/velmo1_tables.h"
 
 uint32_t Velmo1Sad8Plain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
                          uint32_t bound) {
@@ -21,6 +24,7 @@ void Velmo1SadRowPlain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t re
 void Velmo1EncodeKernelsInit(Velmo1EncodeKernels* kernels, uint32_t features) {
   kernels->Sad8 = Velmo1Sad8Plain;
   kernels->SadRow = Velmo1SadRowPlain;
+  kernels->CoefficientBits = Velmo1CoefficientBitsPlain;
 #if ORN_X86_KERNELS
   const int level = ProcessorLevelOf(features);
   if (level < ProcessorLevelSse2) return;
@@ -30,4 +34,78 @@ void Velmo1EncodeKernelsInit(Velmo1EncodeKernels* kernels, uint32_t features) {
 #else
   (void)features;
 #endif
+}
+
+namespace {
+
+// A bit at the first index of every group of four (indices 0, 4, ... 60) holding a mark.
+inline uint64_t GroupsOfFourHit(uint64_t marks) {
+  uint64_t t = marks | (marks >> 1);
+  t |= t >> 2;
+  return t & 0x1111111111111111ull;
+}
+
+inline uint32_t Count(uint64_t v) { return uint32_t(__builtin_popcountll(v)); }
+
+}  // namespace
+
+// Each plane walks every entry of the list once (one flag each). A group of 20 that fires codes
+// its first four indices as children (a flag each) and leaves a group of 16 that is walked in
+// the same plane; a group of 16 that fires becomes four groups of 4, walked in the same plane;
+// a group of 4 that fires codes its four indices as children. A child that is not significant
+// yet becomes a single index, walked from the next plane on. A significant value takes n bits.
+uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t planes) {
+  uint32_t bits = 4;
+  if (planes == 0) return bits;
+  uint64_t singles = 0xe;  // indices 1, 2 and 3
+  uint64_t fours = 0, sixteens = 0;
+  uint64_t twenties = (uint64_t(1) << 4) | (uint64_t(1) << 24) | (uint64_t(1) << 44);
+  for (uint32_t n = planes; n >= 1; --n) {
+    const uint64_t live = reach[n - 1] & ~(n < planes ? reach[n] : 0);
+    bits += n * Count(live);
+    bits += Count(singles) + Count(fours) + Count(sixteens) + Count(twenties);
+    uint64_t children = 0;  // the first indices of groups of four coded as children
+    for (uint64_t g = twenties; g; g &= g - 1) {
+      const uint32_t i = uint32_t(__builtin_ctzll(g));
+      if ((live >> i) & 0xfffff) {
+        twenties &= ~(uint64_t(1) << i);
+        children |= uint64_t(1) << i;
+        sixteens |= uint64_t(1) << (i + 4);
+        bits += 1;  // the group of 16 it leaves is walked now
+      }
+    }
+    for (uint64_t g = sixteens; g; g &= g - 1) {
+      const uint32_t i = uint32_t(__builtin_ctzll(g));
+      if ((live >> i) & 0xffff) {
+        sixteens &= ~(uint64_t(1) << i);
+        fours |= uint64_t(0x1111) << i;
+        bits += 4;  // its four groups of 4 are walked now
+      }
+    }
+    const uint64_t firing = fours & GroupsOfFourHit(live);
+    fours &= ~firing;
+    children |= firing;
+    bits += 4 * Count(children);
+    singles = (singles & ~live) | ((children * 0xf) & ~live);
+  }
+  return bits;
+}
+
+uint32_t Velmo1CoefficientBitsPlain(const int16_t coeffs[64]) {
+  uint32_t mag[64];
+  mag[0] = 0;
+  uint32_t largest = 0;
+  for (int j = 1; j < 64; ++j) {
+    mag[j] = uint32_t(std::abs(int32_t(coeffs[Velmo1CoefficientOrder[j]])));
+    largest |= mag[j];
+  }
+  const uint32_t planes = Velmo1BitLength(largest);
+  uint64_t reach[16];
+  for (uint32_t n = 1; n <= planes; ++n) {
+    const uint32_t top = 1u << (n - 1);
+    uint64_t marks = 0;
+    for (int j = 1; j < 64; ++j) marks |= uint64_t(mag[j] >= top) << j;
+    reach[n - 1] = marks;
+  }
+  return Velmo1CoefficientBitsFromReach(reach, planes);
 }

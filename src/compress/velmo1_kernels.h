@@ -1,5 +1,6 @@
 // The first-generation encoder's kernel table: the block difference its motion search ranks
-// candidates by. The table is filled plain-first from the processor feature word; every vector
+// candidates by, and the length of a block's coefficients as the bit-plane coder writes them.
+// The table is filled plain-first from the processor feature word; every vector
 // form gives the plain form's result.
 #pragma once
 #include <cstddef>
@@ -22,9 +23,15 @@ using Velmo1SadRowKernel = void (*)(const uint8_t block[64], const uint8_t* ref,
                                     ptrdiff_t refPitch, int count, uint32_t bound,
                                     uint32_t* sums);
 
+// The number of bits the bit-plane coder writes for the AC values of a block (by position,
+// entry 0 unused; magnitudes below 16384), the 4-bit plane count included: what
+// Velmo1EncCoefficientBitCount gives.
+using Velmo1CoefficientBitsKernel = uint32_t (*)(const int16_t coeffs[64]);
+
 struct Velmo1EncodeKernels {
   Velmo1SadKernel Sad8;        // an 8x8 block against a motion candidate
   Velmo1SadRowKernel SadRow;   // against a line of candidates
+  Velmo1CoefficientBitsKernel CoefficientBits;  // a trial's coefficient bits
 };
 
 // Fills `kernels` with the best forms the feature word (ProcessorFeatures()) allows.
@@ -36,6 +43,16 @@ uint32_t Velmo1Sad8Plain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t 
 
 void Velmo1SadRowPlain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
                        int count, uint32_t bound, uint32_t* sums);
+
+// The plain form gathers the values in list order and marks, plane by plane, which of them
+// reach the plane (bit j of reach[n - 1]: the value at list index j is at least 2^(n - 1)).
+uint32_t Velmo1CoefficientBitsPlain(const int16_t coeffs[64]);
+
+// The count from those marks, `planes` of them (the bit length of the largest value; the
+// entries from `planes` on are not read), shared by every form. The coder's flags depend only
+// on which entries its work list holds in each plane, not on their order, so the list is kept
+// as sets: single indices, and groups of 4, 16 and 20 by their first index.
+uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t planes);
 
 // ---- Vector forms ----------------------------------------------------------------------------
 // Each level replaces the entries it has a form for, in order of level. The vector forms sum

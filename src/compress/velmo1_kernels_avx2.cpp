@@ -1,11 +1,15 @@
 // AVX2 block difference: four lines of the reference gathered into one register and compared
 // with four lines of the block by one _mm256_sad_epu8, which leaves a sum in each 64-bit lane.
+// AVX2 coefficient count: sixteen values a register; the two halves of a pack are put back in
+// order before their signs are gathered.
 #include "compress/velmo1_kernels.h"
 
 #if ORN_X86_KERNELS
 #include <immintrin.h>
 
 #include <algorithm>
+
+#include "decode/velmo1_tables.h"
 
 namespace {
 
@@ -66,11 +70,44 @@ void SadRowAvx2(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
   for (; k < count; ++k) sums[k] = Sad8Avx2(block, ref + k, refPitch, bound);
 }
 
+// Marks of 32 values from two registers of 16: set where the value reaches the plane.
+inline uint64_t Reaching32(__m256i a, __m256i b, __m128i shift) {
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i low = _mm256_cmpeq_epi16(_mm256_srl_epi16(a, shift), zero);
+  const __m256i high = _mm256_cmpeq_epi16(_mm256_srl_epi16(b, shift), zero);
+  const __m256i packed = _mm256_permute4x64_epi64(_mm256_packs_epi16(low, high), 0xd8);
+  return ~uint64_t(uint32_t(_mm256_movemask_epi8(packed))) & 0xffffffffu;
+}
+
+uint32_t CoefficientBitsAvx2(const int16_t coeffs[64]) {
+  alignas(32) int16_t list[64];
+  list[0] = 0;
+  for (int j = 1; j < 64; ++j) list[j] = coeffs[Velmo1CoefficientOrder[j]];
+  __m256i mag[4];
+  __m256i any = _mm256_setzero_si256();
+  for (int k = 0; k < 4; ++k) {
+    mag[k] = _mm256_abs_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(list + 16 * k)));
+    any = _mm256_or_si256(any, mag[k]);
+  }
+  __m128i all = _mm_or_si128(_mm256_castsi256_si128(any), _mm256_extracti128_si256(any, 1));
+  all = _mm_or_si128(all, _mm_srli_si128(all, 8));
+  all = _mm_or_si128(all, _mm_srli_si128(all, 4));
+  all = _mm_or_si128(all, _mm_srli_si128(all, 2));
+  const uint32_t planes = Velmo1BitLength(uint32_t(_mm_cvtsi128_si32(all)) & 0xffff);
+  uint64_t reach[16];
+  for (uint32_t n = 1; n <= planes; ++n) {
+    const __m128i shift = _mm_cvtsi32_si128(int(n - 1));
+    reach[n - 1] = Reaching32(mag[0], mag[1], shift) | Reaching32(mag[2], mag[3], shift) << 32;
+  }
+  return Velmo1CoefficientBitsFromReach(reach, planes);
+}
+
 }  // namespace
 
 void Velmo1EncodeKernelsAvx2(Velmo1EncodeKernels* kernels) {
   kernels->Sad8 = Sad8Avx2;
   kernels->SadRow = SadRowAvx2;
+  kernels->CoefficientBits = CoefficientBitsAvx2;
 }
 
 #endif  // ORN_X86_KERNELS

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "compress/velmo1_encoder.h"
+#include "compress/velmo1_stream.h"
 #include "support/encoder_pictures.h"
 #include "support/kernel_levels.h"
 
@@ -22,7 +23,7 @@ using kerneltest::ForEachLevel;
 using kerneltest::TableAt;
 
 // A new entry in the table fails to compile here until it has a check below.
-static_assert(sizeof(Velmo1EncodeKernels) == 2 * sizeof(void (*)()), "encoder entry unchecked");
+static_assert(sizeof(Velmo1EncodeKernels) == 3 * sizeof(void (*)()), "encoder entry unchecked");
 
 // The sum counted one pixel at a time, with no bound.
 uint32_t CountedSad(const uint8_t block[64], const uint8_t* ref, ptrdiff_t pitch) {
@@ -124,22 +125,63 @@ TEST(Velmo1EncodeKernels, LinesOfCandidatesGiveThePlainSums) {
   });
 }
 
+// The length of what the bit-plane coder writes for a block, field by field.
+uint32_t WrittenBits(const int16_t coeffs[64]) {
+  uint32_t bits = 0;
+  for (const auto& field : Velmo1EncCoefficientBits(coeffs).Fields) bits += field.second;
+  return bits;
+}
+
+// Blocks the coder meets: empty, one value at any list index, a few low values, dense ones,
+// large ones up to the quantiser's limit of 16383 of either sign, values at the edges of the
+// planes (2^n - 1 and 2^n), and every group of the work list firing or not in turn.
+void MakeCoefficients(std::mt19937& rng, int index, int16_t coeffs[64]) {
+  std::fill(coeffs, coeffs + 64, int16_t(0));
+  auto at = [&](int listIndex) -> int16_t& { return coeffs[Velmo1CoefficientOrder[listIndex]]; };
+  const int kind = index % 6;
+  const int count = kind == 0 ? 0 : kind == 1 ? 1 : kind == 2 ? int(rng() % 6) : kind == 3 ? 63 : int(rng() % 64);
+  const int top = kind == 4 ? 16383 : kind == 5 ? 1 << (rng() % 14) : 1 + int(rng() % 40);
+  for (int k = 0; k < count; ++k) {
+    int v = 1 + int(rng() % uint32_t(top));
+    if (kind == 5 && rng() % 2) v = top - int(rng() % 2);  // just below or at a plane's edge
+    if (rng() % 2) v = -v;
+    at(1 + int(rng() % 63)) = int16_t(std::max(-16383, std::min(16383, v)));
+  }
+  if (kind == 1) at(1 + index / 6 % 63) = int16_t(index % 4 ? 1 : -16383);
+  coeffs[0] = int16_t(rng());  // the DC value is not the coder's
+}
+
+// The count of every form is the length of the bits the coder writes.
+TEST(Velmo1EncodeKernels, CoefficientCountsAreTheLengthsWritten) {
+  ForEachLevel(Velmo1EncodeKernelsInit, [&](const Velmo1EncodeKernels& t) {
+    std::mt19937 rng(34);
+    for (int i = 0; i < 20000; ++i) {
+      int16_t coeffs[64];
+      MakeCoefficients(rng, i, coeffs);
+      ASSERT_EQ(t.CoefficientBits(coeffs), WrittenBits(coeffs)) << "case " << i;
+    }
+  });
+}
+
 // Every entry is set at every level, and the fill stops at the first level the word lacks.
 TEST(Velmo1EncodeKernels, EveryEntrySetAndLevelsStopAtTheFirstGap) {
   for (int level = 0; level < ProcessorLevelCount; ++level) {
     const Velmo1EncodeKernels t = TableAt(Velmo1EncodeKernelsInit, level);
     EXPECT_NE(t.Sad8, nullptr) << level;
     EXPECT_NE(t.SadRow, nullptr) << level;
+    EXPECT_NE(t.CoefficientBits, nullptr) << level;
   }
   Velmo1EncodeKernels noSse2;
   Velmo1EncodeKernelsInit(&noSse2, CpuValid | CpuAVX2 | CpuSSSE3 | CpuAVX);
   EXPECT_EQ(noSse2.Sad8, &Velmo1Sad8Plain);
   EXPECT_EQ(noSse2.SadRow, &Velmo1SadRowPlain);
+  EXPECT_EQ(noSse2.CoefficientBits, &Velmo1CoefficientBitsPlain);
   Velmo1EncodeKernels all;
   Velmo1EncodeKernelsInit(&all, ~0u);
   const Velmo1EncodeKernels avx2 = TableAt(Velmo1EncodeKernelsInit, ProcessorLevelAvx2);
   EXPECT_EQ(all.Sad8, avx2.Sad8);
   EXPECT_EQ(all.SadRow, avx2.SadRow);
+  EXPECT_EQ(all.CoefficientBits, avx2.CoefficientBits);
 }
 
 // The bytes of a short encode of moving shapes, with the processor's features cut down to one
@@ -160,7 +202,8 @@ std::vector<uint8_t> EncodeAtLevel(int level, const VelmoEncoderConfig& config, 
   return bytes;
 }
 
-// The motion search picks the same vectors at every level: the encoded bytes agree.
+// The motion search picks the same vectors and the trials count the same bits at every level:
+// the encoded bytes agree.
 TEST(Velmo1EncodeKernels, EncodesAgreeAtEveryLevel) {
   const VelmoEncoderConfig configs[] = {{96, 80, 101, 0}, {72, 56, 101, VelmoEncodeAlpha}};
   for (const VelmoEncoderConfig& config : configs) {
