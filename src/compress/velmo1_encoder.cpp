@@ -927,31 +927,65 @@ Velmo1EncRawBlock Block16For(const PlaneInfo& p, uint32_t x, uint32_t y, const B
   return Velmo1EncDoubledBlock(ContentBlock(plan.P[plan.Current], h));
 }
 
+// The stream blocks of one row of 8x8 blocks.
+void BuildRow(const PlaneInfo& p, uint32_t y, std::vector<Velmo1EncRawBlock>& row) {
+  const uint32_t bx = p.Width / 8, bx16 = bx / 2;
+  row.reserve(bx);
+  for (uint32_t x = 0; x < p.Width; x += 8) {
+    const uint32_t b = (y / 8) * bx + x / 8;
+    switch (p.Layout[b]) {
+      case LayoutOwn: row.push_back(BlockFor(p, x, y, p.Plans[b])); break;
+      case LayoutHead: row.push_back(Block16For(p, x, y, p.Plans16[(y / 16) * bx16 + x / 16])); break;
+      case LayoutLower: row.push_back(Velmo1EncDoubledLower()); break;
+      default: break;  // covered by the 16x16 block to its left
+    }
+  }
+}
+
+// The rows of a plane spread over the job pool: each row's blocks are rebuilt from the source,
+// the reference and the chosen points alone.
+struct RowsJob {
+  const PlaneInfo* Plane;
+  Velmo1EncPlaneSpec* Spec;
+  std::atomic<uint32_t> Next{0};
+};
+
+void RowsWorker(void* context, uint32_t) {
+  auto* job = static_cast<RowsJob*>(context);
+  const uint32_t rows = uint32_t(job->Spec->Rows.size());
+  for (uint32_t r; (r = job->Next.fetch_add(1)) < rows;) BuildRow(*job->Plane, r * 8, job->Spec->Rows[r]);
+}
+
+// Counts the kinds of the written blocks; a 16x16 block counts once, at its head, with the
+// kind of its sub-block.
+void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& spec, VelmoEncodeResult* result) {
+  const uint32_t bx = p.Width / 8, bx16 = bx / 2;
+  for (uint32_t r = 0; r < spec.Rows.size(); ++r) {
+    size_t at = 0;
+    for (uint32_t c = 0; c < bx; ++c) {
+      const uint8_t layout = p.Layout[r * bx + c];
+      if (layout == LayoutCovered) continue;
+      const Velmo1EncRawBlock& block = spec.Rows[r][at++];
+      if (layout == LayoutLower) continue;
+      if (layout == LayoutHead) {
+        const BlockPlan& plan = p.Plans16[(r / 2) * bx16 + c / 2];
+        ++result->DoubledKinds[plan.P[plan.Current].Mode];
+      }
+      ++result->Kinds[block.Type];
+    }
+  }
+}
+
 // Writes one plane from its chosen points and feeds the real costs back to the model.
 std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result) {
   Velmo1EncPlaneSpec planeSpec;
   planeSpec.Width = p.Width;
-  const uint32_t bx = p.Width / 8, bx16 = bx / 2;
-  for (uint32_t y = 0; y < p.Height; y += 8) {
-    std::vector<Velmo1EncRawBlock> row;
-    row.reserve(bx);
-    for (uint32_t x = 0; x < p.Width; x += 8) {
-      const uint32_t b = (y / 8) * bx + x / 8;
-      switch (p.Layout[b]) {
-        case LayoutOwn: row.push_back(BlockFor(p, x, y, p.Plans[b])); break;
-        case LayoutHead: {
-          const BlockPlan& plan = p.Plans16[(y / 16) * bx16 + x / 16];
-          row.push_back(Block16For(p, x, y, plan));
-          ++result->DoubledKinds[plan.P[plan.Current].Mode];
-          break;
-        }
-        case LayoutLower: row.push_back(Velmo1EncDoubledLower()); continue;  // counted at the head
-        default: continue;  // covered by the 16x16 block to its left
-      }
-      ++result->Kinds[row.back().Type];
-    }
-    planeSpec.Rows.push_back(std::move(row));
-  }
+  planeSpec.Rows.resize((p.Height + 7) / 8);
+  RowsJob rows;
+  rows.Plane = &p;
+  rows.Spec = &planeSpec;
+  PoolRun(RowsWorker, &rows);
+  CountKinds(p, planeSpec, result);
   Velmo1EncPlaneOptions options;
   options.VlmK = vlmk;
   options.ChooseTables = true;
@@ -980,6 +1014,50 @@ uint64_t PictureError(const uint8_t* a, const uint8_t* b, size_t pitch, uint32_t
   uint64_t s = 0;
   for (uint32_t y = 0; y < h; ++y) s += PlaneError(a + y * pitch, b + y * pitch, w);
   return s;
+}
+
+}  // namespace
+
+namespace {
+
+// The merge of resolutions of every coded plane over the job pool, one plane a job, the
+// largest first.
+struct MergeJob {
+  const PlaneInfo* Planes[4];
+  uint64_t Error[4] = {};
+  uint32_t Count = 0;
+  std::atomic<uint32_t> Next{0};
+};
+
+void MergeWorker(void* context, uint32_t) {
+  auto* job = static_cast<MergeJob*>(context);
+  for (uint32_t k; (k = job->Next.fetch_add(1)) < job->Count;) {
+    MergeResolutions(*job->Planes[k]);
+    job->Error[k] = PlannedPlaneError(*job->Planes[k]);
+  }
+}
+
+// The errors of the decoded picture against the source, one plane a job.
+struct ErrorJob {
+  const VelmoEncoder* Encoder;
+  const VelmoFrameBufferSet* Now;
+  VelmoEncodeResult* Result;
+  uint32_t InW[4], InH[4];
+  std::atomic<uint32_t> Next{0};
+};
+
+void ErrorWorker(void* context, uint32_t) {
+  auto* job = static_cast<ErrorJob*>(context);
+  const VelmoEncoder* e = job->Encoder;
+  for (uint32_t i; (i = job->Next.fetch_add(1)) < 4;) {
+    const bool present = e->Present[i];
+    const uint8_t* decoded = job->Now->Planes[i];
+    const uint8_t* source = e->Source[i].data();
+    job->Result->Errors[i] = present ? PlaneError(decoded, source, e->Source[i].size()) : 0;
+    job->Result->PictureErrors[i] =
+        present ? PictureError(decoded, source, e->PlaneWidth[i], job->InW[i], job->InH[i]) : 0;
+    job->Result->PictureSamples[i] = present ? uint64_t(job->InW[i]) * job->InH[i] : 0;
+  }
 }
 
 }  // namespace
@@ -1061,11 +1139,11 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   std::fill(std::begin(result->Kinds), std::end(result->Kinds), 0u);
   std::fill(std::begin(result->DoubledKinds), std::end(result->DoubledKinds), 0u);
   if (StopBefore(input, "Merging multi-resolution planes")) return false;
-  for (uint32_t i = 0; i < 4; ++i) {
-    if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
-    MergeResolutions(planes[i]);
-    result->PlannedError += PlannedPlaneError(planes[i]);
-  }
+  MergeJob merge;
+  for (uint32_t i = 0; i < 4; ++i)
+    if (e->Present[i] && !(i == VelmoPlaneAlpha && constantAlpha)) merge.Planes[merge.Count++] = &planes[i];
+  PoolRun(MergeWorker, &merge);
+  for (uint32_t k = 0; k < merge.Count; ++k) result->PlannedError += merge.Error[k];
 
   std::vector<uint8_t> streams[4];
   for (uint32_t i = 0; i < 4; ++i) {
@@ -1087,13 +1165,11 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
                     VelmoEncoderDecodeFlags(e), (cfg.Flags & VelmoEncodeAlpha) ? Velmo1FileHasAlpha : 0, e->Tag);
   e->Ring.Current ^= 1;
   e->HaveReference = true;
-  const VelmoFrameBufferSet& now = VelmoCurrentSet(e->Ring);
-  for (uint32_t i = 0; i < 4; ++i) {
-    const bool present = e->Present[i];
-    result->Errors[i] = present ? PlaneError(now.Planes[i], e->Source[i].data(), e->Source[i].size()) : 0;
-    result->PictureErrors[i] =
-        present ? PictureError(now.Planes[i], e->Source[i].data(), e->PlaneWidth[i], inW[i], inH[i]) : 0;
-    result->PictureSamples[i] = present ? uint64_t(inW[i]) * inH[i] : 0;
-  }
+  ErrorJob errors;
+  errors.Encoder = e;
+  errors.Now = &VelmoCurrentSet(e->Ring);
+  errors.Result = result;
+  for (uint32_t i = 0; i < 4; ++i) errors.InW[i] = inW[i], errors.InH[i] = inH[i];
+  PoolRun(ErrorWorker, &errors);
   return true;
 }
