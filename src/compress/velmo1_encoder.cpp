@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace {
 
@@ -518,18 +519,6 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   finish();
 }
 
-struct AnalyseJob {
-  const PlaneInfo* Plane;
-  uint32_t BlocksX, Blocks;
-  std::atomic<uint32_t> Next{0};
-};
-
-void AnalyseWorker(void* context, uint32_t) {
-  auto* job = static_cast<AnalyseJob*>(context);
-  for (uint32_t b; (b = job->Next.fetch_add(1)) < job->Blocks;)
-    AnalyseBlock(*job->Plane, (b % job->BlocksX) * 8, (b / job->BlocksX) * 8, job->Plane->Plans[b]);
-}
-
 // Keeps a staircase of points: from the fewest bits, each next point the cheapest one with both
 // more bits and less error than the last kept. Ends at error 0.
 uint32_t KeepStaircase(Point* pts, uint32_t n) {
@@ -614,27 +603,17 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
   finish();
 }
 
-struct Analyse16Job {
-  const PlaneInfo* Plane;
-  uint32_t BlocksX, Blocks;
-  std::atomic<uint32_t> Next{0};
-};
-
-void Analyse16Worker(void* context, uint32_t) {
-  auto* job = static_cast<Analyse16Job*>(context);
-  for (uint32_t b; (b = job->Next.fetch_add(1)) < job->Blocks;)
-    AnalyseBlock16(*job->Plane, (b % job->BlocksX) * 16, (b / job->BlocksX) * 16, job->Plane->Plans16[b]);
-}
-
-// The colour-byte estimate of a plane from the entropy of the samples likely to be coded.
-// Four strips of rows, one job each, with a histogram per strip; a strip's first sample is
-// compared with the sample before it in scan order.
+// The colour-byte estimate of each plane from the entropy of the samples likely to be coded.
+// Four strips of rows a plane, one job each, with a histogram per strip; a strip's first sample
+// is compared with the sample before it in scan order. The strips of every plane go to the job
+// pool in one run.
 constexpr uint32_t PixelStrips = 4;
 
 struct PixelCostJob {
-  const PlaneInfo* Plane;
-  uint32_t Histogram[PixelStrips][256];
-  uint32_t Samples[PixelStrips];
+  const PlaneInfo* Planes[4];
+  uint32_t Count = 0;
+  uint32_t Histogram[4][PixelStrips][256];
+  uint32_t Samples[4][PixelStrips];
   std::atomic<uint32_t> Next{0};
 };
 
@@ -660,20 +639,18 @@ void PixelStrip(const PlaneInfo& p, uint32_t strip, uint32_t h[256], uint32_t& s
 
 void PixelCostWorker(void* context, uint32_t) {
   auto* job = static_cast<PixelCostJob*>(context);
-  for (uint32_t s; (s = job->Next.fetch_add(1)) < PixelStrips;)
-    PixelStrip(*job->Plane, s, job->Histogram[s], job->Samples[s]);
+  for (uint32_t n; (n = job->Next.fetch_add(1)) < job->Count * PixelStrips;) {
+    const uint32_t k = n / PixelStrips, s = n % PixelStrips;
+    PixelStrip(*job->Planes[k], s, job->Histogram[k][s], job->Samples[k][s]);
+  }
 }
 
-void EstimatePixelCost(CostModel& m, const PlaneInfo& p) {
-  auto job = std::make_unique<PixelCostJob>();
-  std::memset(job->Histogram, 0, sizeof job->Histogram);
-  std::memset(job->Samples, 0, sizeof job->Samples);
-  job->Plane = &p;
-  PoolRun(PixelCostWorker, job.get());
+// The estimate of plane k of the job, from its strips.
+void FinishPixelCost(CostModel& m, const PixelCostJob& job, uint32_t k) {
   uint32_t h[256] = {}, samples = 0;
   for (uint32_t s = 0; s < PixelStrips; ++s) {
-    samples += job->Samples[s];
-    for (int v = 0; v < 256; ++v) h[v] += job->Histogram[s][v];
+    samples += job.Samples[k][s];
+    for (int v = 0; v < 256; ++v) h[v] += job.Histogram[k][s][v];
   }
   const int32_t cost = samples ? int32_t((uint64_t(EstimateBytes(h, samples)) << 11) / samples)
                                : int32_t(CostFloor[CostColour]);
@@ -681,6 +658,65 @@ void EstimatePixelCost(CostModel& m, const PlaneInfo& p) {
   m.E[CostColour] = uint32_t(estimate);
   m.BiasCarry = estimate - cost;
   m.PixelBias = estimate >> 8;
+}
+
+// Every pass of a frame's analysis, the 8x8 blocks of each coded plane and then their 16x16
+// blocks, in one run of the job pool: the passes read only the pictures and the cost models, so
+// no thread need wait for another between them. The calling thread tells each pass's stage
+// label, and reads the stop state, when its claims first reach the pass (or at its end for the
+// passes the other threads finished), so the labels come in the order of the passes.
+struct AnalysisPass {
+  const PlaneInfo* Plane;
+  bool Whole16;  // the 16x16 blocks
+  uint32_t BlocksX;
+  const char* Label;
+};
+
+struct AnalysisJob {
+  AnalysisPass Passes[8];
+  uint32_t Ends[8];  // the claim number at which each pass ends
+  uint32_t Count = 0;
+  const VelmoEncodeInput* Input;
+  std::thread::id Caller;
+  uint32_t Told = 0;  // passes whose label has been told; the caller's alone
+  std::atomic<uint32_t> Next{0};
+  std::atomic<bool> Stopped{false};
+
+  void Add(const PlaneInfo* plane, bool whole16, uint32_t blocks, const char* label) {
+    Passes[Count] = {plane, whole16, plane->Width / (whole16 ? 16 : 8), label};
+    Ends[Count] = (Count ? Ends[Count - 1] : 0) + blocks;
+    ++Count;
+  }
+};
+
+bool StopBefore(const VelmoEncodeInput& input, const char* label);
+
+// Tells the labels of the passes up to `pass`; false once the run is to stop.
+bool TellPassesTo(AnalysisJob& job, uint32_t pass) {
+  for (; job.Told <= pass && job.Told < job.Count; ++job.Told)
+    if (StopBefore(*job.Input, job.Passes[job.Told].Label)) {
+      job.Stopped.store(true);
+      return false;
+    }
+  return true;
+}
+
+void AnalysisWorker(void* context, uint32_t) {
+  auto* job = static_cast<AnalysisJob*>(context);
+  const bool caller = std::this_thread::get_id() == job->Caller;
+  const uint32_t total = job->Count ? job->Ends[job->Count - 1] : 0;
+  uint32_t pass = 0;
+  for (uint32_t n; !job->Stopped.load(std::memory_order_relaxed) && (n = job->Next.fetch_add(1)) < total;) {
+    while (n >= job->Ends[pass]) ++pass;
+    if (caller && !TellPassesTo(*job, pass)) return;
+    const AnalysisPass& a = job->Passes[pass];
+    const uint32_t b = n - (pass ? job->Ends[pass - 1] : 0);
+    if (a.Whole16)
+      AnalyseBlock16(*a.Plane, (b % a.BlocksX) * 16, (b / a.BlocksX) * 16, a.Plane->Plans16[b]);
+    else
+      AnalyseBlock(*a.Plane, (b % a.BlocksX) * 8, (b / a.BlocksX) * 8, a.Plane->Plans[b]);
+  }
+  if (caller && job->Count) TellPassesTo(*job, job->Count - 1);
 }
 
 // The greedy best-slope walk: every block starts at its cheapest point; the step of greatest
@@ -1104,7 +1140,16 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     planes[i].Idct = kernels.Idct;
     planes[i].SadRow = encodeKernels.SadRow;
     planes[i].CoefficientBits = encodeKernels.CoefficientBits;
-    EstimatePixelCost(e->Models[i], planes[i]);
+  }
+  auto pixelCost = std::make_unique<PixelCostJob>();
+  std::memset(pixelCost->Histogram, 0, sizeof pixelCost->Histogram);
+  std::memset(pixelCost->Samples, 0, sizeof pixelCost->Samples);
+  for (uint32_t i = 0; i < 4; ++i)
+    if (e->Present[i]) pixelCost->Planes[pixelCost->Count++] = &planes[i];
+  PoolRun(PixelCostWorker, pixelCost.get());
+  for (uint32_t k = 0; k < pixelCost->Count; ++k) {
+    const uint32_t i = pixelCost->Planes[k]->Index;
+    FinishPixelCost(e->Models[i], *pixelCost, k);
     UpdateCostModel(e->Models[i]);
   }
   if (e->Present[VelmoPlaneAlpha] && cfg.Version > 100) {
@@ -1114,25 +1159,21 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
 
   // Candidates of every block, then one allocation over all planes.
   std::vector<BlockPlan*> all;
+  AnalysisJob analysis;
+  analysis.Input = &input;
+  analysis.Caller = std::this_thread::get_id();
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
-    if (StopBefore(input, AnalyseLabels[i])) return false;
-    AnalyseJob job;
-    job.Plane = &planes[i];
-    job.BlocksX = planes[i].Width / 8;
-    job.Blocks = uint32_t(e->Plans[i].size());
-    PoolRun(AnalyseWorker, &job);
+    analysis.Add(&planes[i], false, uint32_t(e->Plans[i].size()), AnalyseLabels[i]);
     for (BlockPlan& b : e->Plans[i]) all.push_back(&b);
   }
   for (uint32_t i = 0; i < 4; ++i) {
     if (!e->Present[i] || (i == VelmoPlaneAlpha && constantAlpha)) continue;
-    if (StopBefore(input, Analyse16Labels[i])) return false;
-    Analyse16Job job;
-    job.Plane = &planes[i];
-    job.BlocksX = planes[i].Width / 16;
-    job.Blocks = uint32_t(e->Plans16[i].size());
-    PoolRun(Analyse16Worker, &job);
+    analysis.Add(&planes[i], true, uint32_t(e->Plans16[i].size()), Analyse16Labels[i]);
   }
+  if (!TellPassesTo(analysis, 0)) return false;  // stopped before any work
+  PoolRun(AnalysisWorker, &analysis);
+  if (analysis.Stopped.load()) return false;
   if (StopBefore(input, "Allocating bandwidth")) return false;
   AllocateBits(all.data(), all.size(), budgetBytes);
   result->PlannedError = 0;

@@ -1,6 +1,7 @@
 // The first-generation encoder's kernel table: every form at every level the processor has
 // against the plain form, on random and extreme blocks at any pitch and alignment, and whole
-// encodes that must not change by a byte from one level to another.
+// encodes that must not change by a byte from one level to another or with the size of the
+// job pool.
 #include "compress/velmo1_kernels.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 
 #include "compress/velmo1_encoder.h"
 #include "compress/velmo1_stream.h"
+#include "host/platform.h"
 #include "support/encoder_pictures.h"
 #include "support/kernel_levels.h"
 
@@ -214,6 +216,42 @@ TEST(Velmo1EncodeKernels, EncodesAgreeAtEveryLevel) {
       EXPECT_TRUE(EncodeAtLevel(level, config, 3000) == plain)
           << ProcessorLevels[level].Name << " " << config.Width << "x" << config.Height;
     }
+  }
+}
+
+// Everything an encode gives for a few frames of moving shapes with the job pool at `threads`:
+// the sections, the kinds of blocks, the planned and the real errors.
+std::vector<uint64_t> EncodeWithThreads(uint32_t threads, const VelmoEncoderConfig& config, uint32_t budget) {
+  PoolSetThreads(threads);
+  std::vector<uint64_t> out;
+  VelmoEncoder* e = VelmoEncoderCreate(config);
+  EXPECT_NE(e, nullptr);
+  for (int t = 0; e && t < 4; ++t) {
+    auto pic = test_support::MakeEncoderPicture(config.Width, config.Height, test_support::Shapes, t, 5 + t);
+    VelmoEncodeResult r{};
+    EXPECT_TRUE(VelmoEncodeFrame(e, pic.Input(t == 0), budget, &r));
+    out.insert(out.end(), r.Section.begin(), r.Section.end());
+    out.insert(out.end(), std::begin(r.Kinds), std::end(r.Kinds));
+    out.insert(out.end(), std::begin(r.DoubledKinds), std::end(r.DoubledKinds));
+    out.insert(out.end(), std::begin(r.Errors), std::end(r.Errors));
+    out.insert(out.end(), std::begin(r.PictureErrors), std::end(r.PictureErrors));
+    out.push_back(r.PlannedError);
+  }
+  VelmoEncoderFree(e);
+  PoolSetThreads(0);
+  return out;
+}
+
+// The passes spread over the job pool (analysis, merge, rows, errors) give what one thread
+// gives, with more threads than blocks in a pass as well.
+TEST(Velmo1EncodeKernels, EncodesAgreeForEveryPoolSize) {
+  const VelmoEncoderConfig configs[] = {{200, 120, 101, 0}, {40, 24, 101, VelmoEncodeAlpha}};
+  for (const VelmoEncoderConfig& config : configs) {
+    const std::vector<uint64_t> alone = EncodeWithThreads(1, config, 6000);
+    ASSERT_FALSE(alone.empty());
+    for (uint32_t threads : {2u, 3u, 8u})
+      EXPECT_TRUE(EncodeWithThreads(threads, config, 6000) == alone)
+          << threads << " threads, " << config.Width << "x" << config.Height;
   }
 }
 
