@@ -1056,8 +1056,8 @@ uint64_t PictureError(const uint8_t* a, const uint8_t* b, size_t pitch, uint32_t
 
 namespace {
 
-// The merge of resolutions of every coded plane over the job pool, one plane a job, the
-// largest first.
+// The merge of resolutions of every coded plane over the job pool, one plane a job, in plane
+// order (Y, the largest, first). Each plane's merge reads and writes only its own plans.
 struct MergeJob {
   const PlaneInfo* Planes[4];
   uint64_t Error[4] = {};
