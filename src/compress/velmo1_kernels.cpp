@@ -59,16 +59,17 @@ inline uint32_t Count(uint64_t v) {
 // its first four indices as children (a flag each) and leaves a group of 16 that is walked in
 // the same plane; a group of 16 that fires becomes four groups of 4, walked in the same plane;
 // a group of 4 that fires codes its four indices as children. A child that is not significant
-// yet becomes a single index, walked from the next plane on. A significant value takes n bits.
-uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t planes) {
+// yet becomes a single index, walked from the next plane on. A significant value takes n bits
+// in plane n, its length: all of them together take `valueBits`.
+uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t planes, uint32_t valueBits) {
   uint32_t bits = 4;
   if (planes == 0) return bits;
+  bits += valueBits;
   uint64_t singles = 0xe;  // indices 1, 2 and 3
   uint64_t fours = 0, sixteens = 0;
   uint64_t twenties = (uint64_t(1) << 4) | (uint64_t(1) << 24) | (uint64_t(1) << 44);
   for (uint32_t n = planes; n >= 1; --n) {
     const uint64_t live = reach[n - 1] & ~(n < planes ? reach[n] : 0);
-    bits += n * Count(live);
     // One flag an entry. The sets never share a bit: a group's first index is no single index
     // (its values are not children yet), and the groups of 4 at 8 .. 20, 28 .. 40 and 48 .. 60
     // come only from the group of 16 at the same place once it is gone.
@@ -103,10 +104,11 @@ uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t plane
 uint32_t Velmo1CoefficientBitsPlain(const int16_t coeffs[64]) {
   uint32_t mag[64];
   mag[0] = 0;
-  uint32_t largest = 0;
+  uint32_t largest = 0, valueBits = 0;
   for (int j = 1; j < 64; ++j) {
     mag[j] = uint32_t(std::abs(int32_t(coeffs[Velmo1CoefficientOrder[j]])));
     largest |= mag[j];
+    valueBits += Velmo1BitLength(mag[j]);
   }
   const uint32_t planes = Velmo1BitLength(largest);
   uint64_t reach[16];
@@ -116,5 +118,5 @@ uint32_t Velmo1CoefficientBitsPlain(const int16_t coeffs[64]) {
     for (int j = 1; j < 64; ++j) marks |= uint64_t(mag[j] >= top) << j;
     reach[n - 1] = marks;
   }
-  return Velmo1CoefficientBitsFromReach(reach, planes);
+  return Velmo1CoefficientBitsFromReach(reach, planes, valueBits);
 }

@@ -49,16 +49,20 @@ void Velmo1SadRowPlain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t re
 uint32_t Velmo1CoefficientBitsPlain(const int16_t coeffs[64]);
 
 // The count from those marks, `planes` of them (the bit length of the largest value; the
-// entries from `planes` on are not read), shared by every form. The coder's flags depend only
-// on which entries its work list holds in each plane, not on their order, so the list is kept
-// as sets: single indices, and groups of 4, 16 and 20 by their first index.
-uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t planes);
+// entries from `planes` on are not read), and `valueBits`, the sum of the values' bit lengths
+// (each significant value takes as many bits as it is long); shared by every form. The coder's
+// flags depend only on which entries its work list holds in each plane, not on their order, so
+// the list is kept as sets: single indices, and groups of 4, 16 and 20 by their first index.
+uint32_t Velmo1CoefficientBitsFromReach(const uint64_t reach[16], uint32_t planes, uint32_t valueBits);
 
 // ---- Vector forms ----------------------------------------------------------------------------
 // Each level replaces the entries it has a form for, in order of level. The vector forms sum
 // all eight lines: a test after four lines costs more than the four lines it would save. SSE2
 // sums two lines per _mm_sad_epu8, AVX2 four; AVX2's line of candidates takes eight of them
-// at a time with _mm256_mpsadbw_epu8.
+// at a time with _mm256_mpsadbw_epu8. The coefficient count's marks: SSE2 tests eight values a
+// register against each plane; AVX2 finds every value's bit length at once (from the exponent of
+// its float), puts the lengths in list order with byte shuffles and compares them with the
+// plane.
 #if ORN_X86_KERNELS
 void Velmo1EncodeKernelsSse2(Velmo1EncodeKernels* kernels);
 void Velmo1EncodeKernelsAvx2(Velmo1EncodeKernels* kernels);

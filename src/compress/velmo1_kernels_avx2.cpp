@@ -1,7 +1,7 @@
 // AVX2 block difference: four lines of the reference gathered into one register and compared
 // with four lines of the block by one _mm256_sad_epu8, which leaves a sum in each 64-bit lane.
-// AVX2 coefficient count: sixteen values a register; the two halves of a pack are put back in
-// order before their signs are gathered.
+// AVX2 coefficient count: the bit lengths of all values as bytes, shuffled into list order,
+// each plane's marks from one compare of the lengths.
 #include "compress/velmo1_kernels.h"
 
 #if ORN_X86_KERNELS
@@ -70,36 +70,80 @@ void SadRowAvx2(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
   for (; k < count; ++k) sums[k] = Sad8Avx2(block, ref + k, refPitch, bound);
 }
 
-// Marks of 32 values from two registers of 16: set where the value reaches the plane.
-inline uint64_t Reaching32(__m256i a, __m256i b, __m128i shift) {
-  const __m256i zero = _mm256_setzero_si256();
-  const __m256i low = _mm256_cmpeq_epi16(_mm256_srl_epi16(a, shift), zero);
-  const __m256i high = _mm256_cmpeq_epi16(_mm256_srl_epi16(b, shift), zero);
-  const __m256i packed = _mm256_permute4x64_epi64(_mm256_packs_epi16(low, high), 0xd8);
-  return ~uint64_t(uint32_t(_mm256_movemask_epi8(packed))) & 0xffffffffu;
+// The bit lengths of 32 values as bytes, in order. A float holds every magnitude exactly, so
+// its exponent less 126 is the length (0 stays 0).
+__m256i Lengths32(const int16_t* values) {
+  __m256i lengths[4];
+  for (int k = 0; k < 4; ++k) {
+    const __m256i v = _mm256_abs_epi32(
+        _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values + 8 * k))));
+    const __m256i exponent = _mm256_srli_epi32(_mm256_castps_si256(_mm256_cvtepi32_ps(v)), 23);
+    lengths[k] = _mm256_subs_epu16(exponent, _mm256_set1_epi32(126));
+  }
+  // The packs work in 128-bit lanes: the bytes come out as runs of four, which the last step
+  // puts back in order.
+  const __m256i bytes = _mm256_packus_epi16(_mm256_packus_epi32(lengths[0], lengths[1]),
+                                            _mm256_packus_epi32(lengths[2], lengths[3]));
+  return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
+}
+
+// Byte shuffles that put the lengths in list order: entry [half][chunk] takes, for each list
+// index of the half (0-31, 32-63), the byte of its position when that position lies in the
+// chunk (positions 16 * chunk to 16 * chunk + 15) and 0 otherwise; index 0 is always 0.
+struct ListShuffles {
+  __m256i Take[2][4];
+};
+
+const ListShuffles& ListOrder() {
+  static const ListShuffles table = [] {
+    ListShuffles t;
+    for (int half = 0; half < 2; ++half)
+      for (int chunk = 0; chunk < 4; ++chunk) {
+        alignas(32) uint8_t take[32];
+        for (int j = 0; j < 32; ++j) {
+          const int index = 32 * half + j;
+          const int pos = Velmo1CoefficientOrder[index] - 16 * chunk;
+          take[j] = index != 0 && pos >= 0 && pos < 16 ? uint8_t(pos) : uint8_t(0x80);
+        }
+        t.Take[half][chunk] = _mm256_load_si256(reinterpret_cast<const __m256i*>(take));
+      }
+    return t;
+  }();
+  return table;
 }
 
 uint32_t CoefficientBitsAvx2(const int16_t coeffs[64]) {
-  alignas(32) int16_t list[64];
-  list[0] = 0;
-  for (int j = 1; j < 64; ++j) list[j] = coeffs[Velmo1CoefficientOrder[j]];
-  __m256i mag[4];
-  __m256i any = _mm256_setzero_si256();
-  for (int k = 0; k < 4; ++k) {
-    mag[k] = _mm256_abs_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(list + 16 * k)));
-    any = _mm256_or_si256(any, mag[k]);
+  const ListShuffles& order = ListOrder();
+  const __m256i first = Lengths32(coeffs), second = Lengths32(coeffs + 32);
+  const __m256i chunks[4] = {_mm256_permute2x128_si256(first, first, 0x00),
+                             _mm256_permute2x128_si256(first, first, 0x11),
+                             _mm256_permute2x128_si256(second, second, 0x00),
+                             _mm256_permute2x128_si256(second, second, 0x11)};
+  __m256i list[2];
+  for (int half = 0; half < 2; ++half) {
+    list[half] = _mm256_shuffle_epi8(chunks[0], order.Take[half][0]);
+    for (int chunk = 1; chunk < 4; ++chunk)
+      list[half] = _mm256_or_si256(list[half], _mm256_shuffle_epi8(chunks[chunk], order.Take[half][chunk]));
   }
-  __m128i all = _mm_or_si128(_mm256_castsi256_si128(any), _mm256_extracti128_si256(any, 1));
-  all = _mm_or_si128(all, _mm_srli_si128(all, 8));
-  all = _mm_or_si128(all, _mm_srli_si128(all, 4));
-  all = _mm_or_si128(all, _mm_srli_si128(all, 2));
-  const uint32_t planes = Velmo1BitLength(uint32_t(_mm_cvtsi128_si32(all)) & 0xffff);
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i sums = _mm256_add_epi64(_mm256_sad_epu8(list[0], zero), _mm256_sad_epu8(list[1], zero));
+  __m128i total = _mm_add_epi64(_mm256_castsi256_si128(sums), _mm256_extracti128_si256(sums, 1));
+  total = _mm_add_epi64(total, _mm_srli_si128(total, 8));
+  __m128i longest = _mm_max_epu8(_mm256_castsi256_si128(_mm256_max_epu8(list[0], list[1])),
+                                 _mm256_extracti128_si256(_mm256_max_epu8(list[0], list[1]), 1));
+  longest = _mm_max_epu8(longest, _mm_srli_si128(longest, 8));
+  longest = _mm_max_epu8(longest, _mm_srli_si128(longest, 4));
+  longest = _mm_max_epu8(longest, _mm_srli_si128(longest, 2));
+  longest = _mm_max_epu8(longest, _mm_srli_si128(longest, 1));
+  const uint32_t planes = uint32_t(_mm_cvtsi128_si32(longest)) & 0xff;
   uint64_t reach[16];
   for (uint32_t n = 1; n <= planes; ++n) {
-    const __m128i shift = _mm_cvtsi32_si128(int(n - 1));
-    reach[n - 1] = Reaching32(mag[0], mag[1], shift) | Reaching32(mag[2], mag[3], shift) << 32;
+    const __m256i shorter = _mm256_set1_epi8(char(n - 1));
+    const uint32_t low = uint32_t(_mm256_movemask_epi8(_mm256_cmpgt_epi8(list[0], shorter)));
+    const uint32_t high = uint32_t(_mm256_movemask_epi8(_mm256_cmpgt_epi8(list[1], shorter)));
+    reach[n - 1] = uint64_t(low) | uint64_t(high) << 32;
   }
-  return Velmo1CoefficientBitsFromReach(reach, planes);
+  return Velmo1CoefficientBitsFromReach(reach, planes, uint32_t(_mm_cvtsi128_si32(total)));
 }
 
 }  // namespace

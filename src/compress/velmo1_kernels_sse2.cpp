@@ -52,19 +52,25 @@ uint32_t CoefficientBitsSse2(const int16_t coeffs[64]) {
   any = _mm_or_si128(any, _mm_srli_si128(any, 4));
   any = _mm_or_si128(any, _mm_srli_si128(any, 2));
   const uint32_t planes = Velmo1BitLength(uint32_t(_mm_cvtsi128_si32(any)) & 0xffff);
+  // Each byte of `below` counts down the planes its values do not reach (at most 4 * 16): every
+  // value is as long as the planes it reaches.
   uint64_t reach[16];
+  V below = zero;
   for (uint32_t n = 1; n <= planes; ++n) {
     const V shift = _mm_cvtsi32_si128(int(n - 1));
     uint64_t marks = 0;
     for (int k = 0; k < 4; ++k) {
       const V low = _mm_cmpeq_epi16(_mm_srl_epi16(mag[2 * k], shift), zero);
       const V high = _mm_cmpeq_epi16(_mm_srl_epi16(mag[2 * k + 1], shift), zero);
-      const uint32_t below = uint32_t(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
-      marks |= uint64_t(~below & 0xffff) << (16 * k);
+      const V packed = _mm_packs_epi16(low, high);
+      below = _mm_add_epi8(below, packed);
+      marks |= uint64_t(~uint32_t(_mm_movemask_epi8(packed)) & 0xffff) << (16 * k);
     }
     reach[n - 1] = marks;
   }
-  return Velmo1CoefficientBitsFromReach(reach, planes);
+  const V counted = _mm_sad_epu8(_mm_sub_epi8(zero, below), zero);
+  const uint32_t misses = uint32_t(_mm_cvtsi128_si32(counted) + _mm_cvtsi128_si32(_mm_srli_si128(counted, 8)));
+  return Velmo1CoefficientBitsFromReach(reach, planes, 64 * planes - misses);
 }
 
 }  // namespace
