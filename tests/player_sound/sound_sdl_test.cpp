@@ -42,9 +42,10 @@ class SdlSoundTest : public ::testing::Test {
     std::memcpy(out.data(), bytes.data(), out.size() * 2);
     return out;
   }
-  // Waits until the device has written `samples` samples that are not silence.
+  // Waits until the device has written `samples` samples that are not silence (up to 10 s: the
+  // driver's thread may get little processor time on a busy machine).
   void WaitFor(size_t samples) {
-    for (int i = 0; i < 400 && Heard(1).size() < samples; ++i)
+    for (int i = 0; i < 2000 && Heard(1).size() < samples; ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   // The file without the device's silence before play began and after it ended.
