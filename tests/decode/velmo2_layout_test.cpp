@@ -57,14 +57,10 @@ TEST(Velmo2SliceOffset, FirstSliceFollowsTheTableOthersComeFromIt) {
   for (int i = 0; i < 3; ++i) std::memcpy(section.data() + 4 * (i + 1), &offsets[i], 4);
   uint32_t at = 0;
   // Fewer than 3 slices: byte 8, even with a single slice.
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 1, 0, &at));
-  EXPECT_EQ(at, 8u);
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 2, 0, &at));
-  EXPECT_EQ(at, 8u);
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 3, 0, &at));
-  EXPECT_EQ(at, 12u);
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 8, 0, &at));
-  EXPECT_EQ(at, 32u);
+  for (auto [slices, first] : {std::pair{1u, 8u}, {2u, 8u}, {3u, 12u}, {8u, 32u}}) {
+    ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), slices, 0, &at));
+    EXPECT_EQ(at, first) << slices;
+  }
   for (uint32_t k = 1; k < 4; ++k) {
     ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 4, k, &at));
     EXPECT_EQ(at, offsets[k - 1]);

@@ -99,11 +99,8 @@ TEST(Velmo2DcScales, AreRoundedQuarterOctavesWithQuantiserAtLeastEight) {
 }
 
 TEST(Velmo2DcScales, OutOfRangeQuantisersStayInTheTable) {
-  EXPECT_EQ(Velmo2DcScale(-3), Velmo2DcScales[0]);
-  EXPECT_EQ(Velmo2DcScale(3), Velmo2DcScales[8]);
-  EXPECT_EQ(Velmo2DcScale(20), Velmo2DcScales[20]);
-  EXPECT_EQ(Velmo2DcScale(37), Velmo2DcScales[36]);
-  EXPECT_EQ(Velmo2DcScale(1000), Velmo2DcScales[36]);
+  for (auto [q, entry] : {std::pair{-3, 0}, {3, 8}, {20, 20}, {37, 36}, {1000, 36}})
+    EXPECT_EQ(Velmo2DcScale(q), Velmo2DcScales[entry]) << q;
 }
 
 // ---------------------------------------------------------------------------------------------
