@@ -513,38 +513,6 @@ TEST(Velmo2AcQuadrant, MaskPicksBlocksAndTheCloneBitsPickTheTable) {
   }
 }
 
-// Random blocks: sparse positions and levels written with the run codes of both tables, read
-// back to the same coefficients.
-TEST(Velmo2AcBlock, RandomBlocksRoundTrip) {
-  std::mt19937 rng(13);
-  for (int round = 0; round < 500; ++round) {
-    const int table = 1 + round % 2;
-    int16_t want[64] = {};
-    BitWriter w;
-    uint32_t p = 1, count = 0;
-    while (true) {
-      const uint32_t skip = rng() % (round % 3 == 0 ? 4 : 20);
-      if (p + skip > 63 || rng() % 10 == 0) {
-        PutRun(w, table, 64);
-        break;
-      }
-      p += skip;
-      const int32_t level = int32_t(rng() % 201) - 100;
-      const int32_t l = level == 0 ? 1 : level;
-      PutRun(w, table, skip);
-      PutAcLevel(w, l);
-      want[Velmo2Scan[p]] = int16_t(l);
-      ++count;
-      if (++p > 63) break;
-    }
-    SCOPED_TRACE(round);
-    int16_t coef[64] = {};
-    const Velmo2AcBlock b = ReadBlock(w, table, coef);
-    ASSERT_EQ(b.Count, count);
-    ASSERT_EQ(std::vector<int16_t>(coef, coef + 64), std::vector<int16_t>(want, want + 64));
-  }
-}
-
 // ---- Reads past the end --------------------------------------------------------------------
 
 // Streams cut short read zeros past their end from a buffer of exactly their size (the
