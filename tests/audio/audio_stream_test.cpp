@@ -300,22 +300,16 @@ TEST(AudioDecoder, IndexAbove95DecodesAs95) {
             second.Block(InPacket(BuildBlock(layout, {capped}))));
 }
 
-// The head of a current-form block of one channel: the two form bits, the coefficients 0 and 1
-// (`c0` and 0) and every band index 0 (steps of 1).
-void WriteCurrentHead(AudioBitWriter& out, const Layout& layout, float c0) {
-  out.Write(0, 2);
-  out.Write(VelmoAudioPackFloat(c0), 29);
-  out.Write(0, 29);
-  for (uint32_t b = 0; b < layout.BandCount; ++b) out.Write(0, 8);
-}
-
 TEST(AudioDecoder, RunsCoverTheirCountOrTheRest) {
   // 11025 Hz current form, L = 512, steps of 1: a run of 2 groups (coefficients 2..17, one of
   // them -3), then a run of 15, which stands for the rest, of width 0.
   const Layout layout = LayoutFor(11025, 1, true);
   std::vector<uint8_t> bytes(512);
   AudioBitWriter out(bytes.data(), bytes.size());
-  WriteCurrentHead(out, layout, 3000.0f);
+  out.Write(0, 2);
+  out.Write(VelmoAudioPackFloat(3000.0f), 29);
+  out.Write(0, 29);
+  for (uint32_t b = 0; b < layout.BandCount; ++b) out.Write(0, 8);
   out.Write(1, 1);
   out.Write(0, 4);
   out.Write(2, 4);
@@ -375,7 +369,10 @@ TEST(AudioDecoder, ZeroRunIsJudgedAtABitACoefficient) {
     SCOPED_TRACE(extraWords);
     std::vector<uint8_t> bytes(512);
     AudioBitWriter out(bytes.data(), bytes.size());
-    WriteCurrentHead(out, layout, 1000.0f);
+    out.Write(0, 2);
+    out.Write(VelmoAudioPackFloat(1000.0f), 29);
+    out.Write(0, 29);
+    for (uint32_t b = 0; b < layout.BandCount; ++b) out.Write(0, 8);
     out.Write(0, 1);
     out.Write(width, 4);
     std::vector<double> c(layout.Length, 0.0);
