@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -28,19 +29,16 @@ TEST(Velmo1Huffman, EveryTableIsACompletePrefixCode) {
 }
 
 TEST(Velmo1Huffman, CanonicalCodesCountUpShortestFirst) {
-  EXPECT_EQ(Velmo1CanonicalCode(0, 0), 0u);
-  EXPECT_EQ(Velmo1CanonicalCode(0, 15), 15u);
-  EXPECT_EQ(Velmo1CanonicalCode(1, 0), 0u);      // "0"
-  EXPECT_EQ(Velmo1CanonicalCode(1, 1), 0b1000u); // "1000"
-  EXPECT_EQ(Velmo1CanonicalCode(1, 2), 0b10010u);
-  EXPECT_EQ(Velmo1CanonicalCode(1, 15), 0b11111u);
-  EXPECT_EQ(Velmo1CanonicalCode(15, 2), 0b100u);
-  EXPECT_EQ(Velmo1CanonicalCode(15, 15), 0b1111111u);
-  // The stream form is the code reversed: the code's first (top) bit is read first.
-  EXPECT_EQ(Velmo1StreamCode(1, 1), 0b0001u);
-  EXPECT_EQ(Velmo1StreamCode(3, 1), 0b010u);  // "010" reads the same both ways
-  EXPECT_EQ(Velmo1CanonicalCode(3, 3), 0b1000u);
-  EXPECT_EQ(Velmo1StreamCode(3, 3), 0b0001u);
+  // Table 1: "0", then "1000", "10010" ... "11111".
+  const uint32_t canonical[][3] = {{0, 0, 0},       {0, 15, 15},     {1, 0, 0},          {1, 1, 0b1000},
+                                   {1, 2, 0b10010}, {1, 15, 0b11111}, {15, 2, 0b100},    {15, 15, 0b1111111},
+                                   {3, 3, 0b1000}};
+  for (const auto& [table, symbol, code] : canonical)
+    EXPECT_EQ(Velmo1CanonicalCode(table, symbol), code) << table << " " << symbol;
+  // The stream form is the code reversed: the code's first (top) bit is read first; "010"
+  // reads the same both ways.
+  for (auto [table, symbol, code] : {std::tuple{1u, 1u, 0b0001u}, {3u, 1u, 0b010u}, {3u, 3u, 0b0001u}})
+    EXPECT_EQ(Velmo1StreamCode(table, symbol), code) << table << " " << symbol;
 }
 
 TEST(Velmo1Huffman, LookupFindsTheCodeThatPrefixesEveryIndex) {

@@ -181,50 +181,44 @@ struct StepCase {
   void Run(const Rules& r) { Velmo2FilterVerticalEdges(r.View(), P.View(), G.View(), false, 0, 0); }
 };
 
-TEST(Velmo2EdgeFilterTaps, ClassPairsSwitchTheirPixels) {
-  const Rules r;
-  const std::vector<bool> none{false, false, false, false}, all{true, true, true, true};
-  StepCase twoTwo(2, 2);
-  twoTwo.Run(r);
-  EXPECT_EQ(twoTwo.Changed(), all);
-  StepCase zeroOne(0, 1);
-  zeroOne.Run(r);
-  EXPECT_EQ(zeroOne.Changed(), (std::vector<bool>{false, false, true, false}));
-  StepCase oneThree(1, 3);
-  oneThree.Run(r);
-  EXPECT_EQ(oneThree.Changed(), (std::vector<bool>{false, true, true, true}));
-  StepCase zeroZero(0, 0), threeThree(3, 3);
-  zeroZero.Run(r);
-  threeThree.Run(r);
-  EXPECT_EQ(zeroZero.Changed(), none);
-  EXPECT_EQ(threeThree.Changed(), none);
-  // The format's values for d = 160: a = 20, b = 40.
-  EXPECT_EQ(twoTwo.P.At(6, 3), 60);
-  EXPECT_EQ(twoTwo.P.At(7, 3), 80);
-  EXPECT_EQ(twoTwo.P.At(8, 3), 160);
-  EXPECT_EQ(twoTwo.P.At(9, 3), 180);
-}
-
-TEST(Velmo2EdgeFilterTaps, EachSkipRuleLeavesTheEdgeAlone) {
-  Rules marked;
+// Class pairs switch their pixels, and each skip rule leaves the edge alone.
+TEST(Velmo2EdgeFilterTaps, ClassPairsAndSkipRules) {
+  Rules marked, noVertical, noHorizontal;
   marked.Mark(marked.ColumnMap, 1);
-  Rules noVertical;
   noVertical.Word |= 0x4000;
-  Rules noHorizontal;
   noHorizontal.Word |= 0x8000;
-  StepCase a(2, 2), b(2, 2), c(2, 2);
-  a.Run(marked);
-  b.Run(noVertical);
-  c.Run(noHorizontal);
-  EXPECT_EQ(a.Changed(), (std::vector<bool>{false, false, false, false}));
-  EXPECT_EQ(b.Changed(), (std::vector<bool>{false, false, false, false}));
-  EXPECT_EQ(c.Changed(), (std::vector<bool>{true, true, true, true}));  // other direction only
-  // The picture's own left and top edges have no code, whatever the classes.
-  EXPECT_EQ(Velmo2VerticalEdgeCode(Rules().View(), a.G.View(), false, 64, 0, 1), 0u);
-  EXPECT_EQ(Velmo2HorizontalEdgeCode(Rules().View(), a.G.View(), false, 32, 1, 0), 0u);
-  // An edge at or past the picture's right side has none either.
-  EXPECT_EQ(Velmo2VerticalEdgeCode(Rules().View(), a.G.View(), false, 56, 7, 1), 0u);
-  EXPECT_NE(Velmo2VerticalEdgeCode(Rules().View(), a.G.View(), false, 57, 7, 1), 0u);
+  const std::vector<bool> none{false, false, false, false}, all{true, true, true, true};
+  const struct {
+    const char* What;
+    int Ca, Cb;
+    Rules R;
+    std::vector<bool> Changed;  // columns 6, 7, 8, 9
+  } cases[] = {
+      {"2 and 2", 2, 2, {}, all},
+      {"0 and 1", 0, 1, {}, {false, false, true, false}},
+      {"1 and 3", 1, 3, {}, {false, true, true, true}},
+      {"0 and 0", 0, 0, {}, none},
+      {"3 and 3", 3, 3, {}, none},
+      {"marked column", 2, 2, marked, none},
+      {"no vertical edges", 2, 2, noVertical, none},
+      {"no horizontal edges", 2, 2, noHorizontal, all},
+  };
+  for (const auto& c : cases) {
+    StepCase step(c.Ca, c.Cb);
+    step.Run(c.R);
+    EXPECT_EQ(step.Changed(), c.Changed) << c.What;
+  }
+  // The format's values for d = 160: a = 20, b = 40.
+  StepCase twoTwo(2, 2);
+  twoTwo.Run(Rules());
+  EXPECT_EQ(std::vector<int>({twoTwo.P.At(6, 3), twoTwo.P.At(7, 3), twoTwo.P.At(8, 3), twoTwo.P.At(9, 3)}),
+            (std::vector<int>{60, 80, 160, 180}));
+  // The picture's own left and top edges have no code, whatever the classes; nor has an edge at
+  // or past the picture's right side.
+  EXPECT_EQ(Velmo2VerticalEdgeCode(Rules().View(), twoTwo.G.View(), false, 64, 0, 1), 0u);
+  EXPECT_EQ(Velmo2HorizontalEdgeCode(Rules().View(), twoTwo.G.View(), false, 32, 1, 0), 0u);
+  EXPECT_EQ(Velmo2VerticalEdgeCode(Rules().View(), twoTwo.G.View(), false, 56, 7, 1), 0u);
+  EXPECT_NE(Velmo2VerticalEdgeCode(Rules().View(), twoTwo.G.View(), false, 57, 7, 1), 0u);
 }
 
 TEST(Velmo2EdgeFilterTaps, ChromaReadsEveryOtherLumaMapEntry) {
@@ -377,49 +371,58 @@ TEST(Velmo2FlatBlocks, OnlyIntraClassThreeBlocksAreWrittenAndOnlyTheirPixels) {
 
 // ---- Seams --------------------------------------------------------------------------------
 
+// A picture's three planes filled at random, with a block grid each.
+struct SeamPicture {
+  TestPlane Y, Cr, Cb;
+  TestGrid GY, GR, GB;
+  SeamPicture(int w, int h, std::mt19937& rng)
+      : Y(w, h), Cr(w / 2, h / 2), Cb(w / 2, h / 2), GY((w + 31) / 32 * 4, h / 8), GR(GY.Cols / 2, h / 16),
+        GB(GY.Cols / 2, h / 16) {
+    for (TestPlane* p : {&Y, &Cr, &Cb}) p->Fill(rng);
+  }
+  Velmo2SeamGrids Grids() const { return {GY.View(), GR.View(), GB.View()}; }
+  // The whole-plane reference run on a copy with every row edge but `seamEdge` (in luma
+  // blocks) marked: the seam's edges alone filtered.
+  SeamPicture SeamOnly(const Rules& r, int seamEdge) const {
+    Rules only = r;
+    for (int k = 1; k < 32; ++k)
+      if (k != seamEdge) only.Mark(only.RowMap, k);
+    SeamPicture want = *this;
+    ReferencePlane(want.Y, want.GY, only, false);
+    ReferencePlane(want.Cr, want.GR, only, true);
+    ReferencePlane(want.Cb, want.GB, only, true);
+    return want;
+  }
+  void ExpectSame(SeamPicture& want) {
+    ExpectSamePixels(Y, want.Y);
+    ExpectSamePixels(Cr, want.Cr);
+    ExpectSamePixels(Cb, want.Cb);
+  }
+};
+
 TEST(Velmo2Seams, RecordAppliesTheHorizontalEdgeOnceAtTheSeamLines) {
   const int w = 80, h = 96, boundary = 32;  // three macroblocks wide, the last one partly
   std::mt19937 rng(11);
-  TestPlane y(w, h), cr(w / 2, h / 2), cb(w / 2, h / 2);
-  y.Fill(rng);
-  cr.Fill(rng);
-  cb.Fill(rng);
-  TestGrid gy(12, 12), gr(6, 6), gb(6, 6);
-  RandomClasses(gy, rng);
-  RandomClasses(gr, rng);
-  RandomClasses(gb, rng);
+  SeamPicture pic(w, h, rng);
+  for (TestGrid* g : {&pic.GY, &pic.GR, &pic.GB}) RandomClasses(*g, rng);
   Rules r;
   r.Word |= 0x4000;  // horizontal edges only: the reference is then the seam edge alone
   r.Mark(r.RowMap, 3);  // not the seam's edge (luma 6, chroma 3 -> luma 6)
-  const Velmo2SeamGrids grids{gy.View(), gr.View(), gb.View()};
   std::vector<uint8_t> record(4 + 4 * ((w + 31) / 32), 0);
   for (uint32_t mbx = 0; mbx < 3; ++mbx)
-    ASSERT_TRUE(Velmo2WriteSeamCodes(record.data(), record.size(), r.View(), grids, h, boundary,
-                                     mbx));
+    ASSERT_TRUE(Velmo2WriteSeamCodes(record.data(), record.size(), r.View(), pic.Grids(), h, boundary, mbx));
   const std::vector<uint8_t> written = record;
-  EXPECT_FALSE(Velmo2WriteSeamCodes(record.data(), record.size(), r.View(), grids, h, boundary, 3));
+  EXPECT_FALSE(Velmo2WriteSeamCodes(record.data(), record.size(), r.View(), pic.Grids(), h, boundary, 3));
   EXPECT_EQ(record, written);
-
-  // Reference: the horizontal edges of the seam line alone, from the full-plane reference run
-  // on copies restricted to that edge by marking every other row edge.
-  Rules only = r;
-  for (int k = 1; k < 24; ++k)
-    if (k != (boundary + 16) / 8) only.Mark(only.RowMap, k);
-  TestPlane wy = y, wr = cr, wb = cb;
-  ReferencePlane(wy, gy, only, false);
-  ReferencePlane(wr, gr, only, true);
-  ReferencePlane(wb, gb, only, true);
-
-  Velmo2ApplySeam(record.data(), record.size(), y.View(), cr.View(), cb.View(), boundary);
-  ExpectSamePixels(y, wy);
-  ExpectSamePixels(cr, wr);
-  ExpectSamePixels(cb, wb);
+  SeamPicture want = pic.SeamOnly(r, (boundary + 16) / 8);
+  Velmo2ApplySeam(record.data(), record.size(), pic.Y.View(), pic.Cr.View(), pic.Cb.View(), boundary);
+  pic.ExpectSame(want);
   // The count is now 0, so a second run changes nothing.
+  Velmo2ApplySeam(record.data(), record.size(), pic.Y.View(), pic.Cr.View(), pic.Cb.View(), boundary);
+  pic.ExpectSame(want);
   uint32_t count = 1;
   std::memcpy(&count, record.data(), 4);
   EXPECT_EQ(count, 0u);
-  Velmo2ApplySeam(record.data(), record.size(), y.View(), cr.View(), cb.View(), boundary);
-  ExpectSamePixels(y, wy);
 }
 
 TEST(Velmo2Seams, FinishSeamsRunsEachBoundaryOnce) {
@@ -427,35 +430,20 @@ TEST(Velmo2Seams, FinishSeamsRunsEachBoundaryOnce) {
   Velmo2SliceLayout layout = Velmo2LayoutFor("VM2h", 1, w, h);  // three slices
   ASSERT_EQ(layout.Slices, 3u);
   std::mt19937 rng(13);
-  TestPlane y(w, h), cr(w / 2, h / 2), cb(w / 2, h / 2);
-  y.Fill(rng);
-  cr.Fill(rng);
-  cb.Fill(rng);
-  TestGrid gy(8, 16), gr(4, 8), gb(4, 8);
-  for (auto& v : gy.Info) v = Word(true, 2, 0);
-  for (auto& v : gr.Info) v = Word(true, 2, 0);
-  for (auto& v : gb.Info) v = Word(true, 2, 0);
+  SeamPicture pic(w, h, rng);
+  for (TestGrid* g : {&pic.GY, &pic.GR, &pic.GB})
+    for (auto& v : g->Info) v = Word(true, 2, 0);
   Rules r;
   r.Word |= 0x4000;
-  const Velmo2SeamGrids grids{gy.View(), gr.View(), gb.View()};
   std::vector<uint8_t> records(layout.SeamRecordBytes * 2, 0);
   // Only the second boundary gets a record; the first stays at count 0 and is passed over.
   for (uint32_t mbx = 0; mbx < 2; ++mbx)
-    ASSERT_TRUE(Velmo2WriteSeamCodes(records.data() + layout.SeamRecordBytes,
-                                     layout.SeamRecordBytes, r.View(), grids, h, layout.Ends[1],
-                                     mbx));
-  Rules only = r;
-  for (int k = 1; k < 16; ++k)
-    if (k != int(layout.Ends[1] + 16) / 8) only.Mark(only.RowMap, k);
-  TestPlane wy = y, wr = cr, wb = cb;
-  ReferencePlane(wy, gy, only, false);
-  ReferencePlane(wr, gr, only, true);
-  ReferencePlane(wb, gb, only, true);
-  Velmo2FinishSeams(records.data(), layout, y.View(), cr.View(), cb.View());
-  Velmo2FinishSeams(records.data(), layout, y.View(), cr.View(), cb.View());
-  ExpectSamePixels(y, wy);
-  ExpectSamePixels(cr, wr);
-  ExpectSamePixels(cb, wb);
+    ASSERT_TRUE(Velmo2WriteSeamCodes(records.data() + layout.SeamRecordBytes, layout.SeamRecordBytes, r.View(),
+                                     pic.Grids(), h, layout.Ends[1], mbx));
+  SeamPicture want = pic.SeamOnly(r, int(layout.Ends[1] + 16) / 8);
+  Velmo2FinishSeams(records.data(), layout, pic.Y.View(), pic.Cr.View(), pic.Cb.View());
+  Velmo2FinishSeams(records.data(), layout, pic.Y.View(), pic.Cr.View(), pic.Cb.View());
+  pic.ExpectSame(want);
 }
 
 // ---- Residual seam filter -----------------------------------------------------------------

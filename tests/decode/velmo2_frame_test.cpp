@@ -70,6 +70,11 @@ struct Decoder {
     D = Velmo2DecoderCreate(s);
   }
   ~Decoder() { Velmo2DecoderDestroy(D); }
+  // Decodes `count` slices from `first` of a section into the frames.
+  Velmo2FrameResult Decode(Frames& f, const std::vector<uint8_t>& section, bool key, uint32_t first = 0,
+                           uint32_t count = 1) {
+    return Velmo2DecodeFrame(D, &f.Fb, section.data(), section.size(), key, first, count);
+  }
 };
 
 // ---- Codes ------------------------------------------------------------------------------------
@@ -122,8 +127,7 @@ TEST(Velmo2Frame, KeyFrameDcFlowsThroughBothMacroblocks) {
   PutFlatIntra(w, Levels({{0, 1}}));
   PutFlatIntra(w, Levels({{15, -2}}));
   const auto section = Section(kNoEdges, {w});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), true, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, section, true), Velmo2FrameDecoded);
   ExpectBlock(f, VelmoPlaneY, 0, 0, 32, FlatPixel(1040));
   // Block 15 is at (3, 3) of the second macroblock.
   ExpectBlock(f, VelmoPlaneY, 32 + 24, 24, 8, FlatPixel(1008));
@@ -144,15 +148,13 @@ TEST(Velmo2Frame, SlicesStartAfreshAndSharesAgree) {
   const auto section = Section(kNoEdges, {top, bottom});
 
   Frames whole(64, 128, false), split(64, 128, false);
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &whole.Fb, section.data(), section.size(), true, 0, 2),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(whole, section, true, 0, 2), Velmo2FrameDecoded);
   Velmo2DecoderFinishSeams(d.D, &whole.Fb);
   ExpectBlock(whole, VelmoPlaneY, 0, 0, 64, FlatPixel(1040));
   ExpectBlock(whole, VelmoPlaneY, 0, 64, 64, FlatPixel(1024));
 
   for (uint32_t k : {1u, 0u})
-    ASSERT_EQ(Velmo2DecodeFrame(d.D, &split.Fb, section.data(), section.size(), true, k, 1),
-              Velmo2FrameDecoded);
+    ASSERT_EQ(d.Decode(split, section, true, k, 1), Velmo2FrameDecoded);
   Velmo2DecoderFinishSeams(d.D, &split.Fb);
   for (uint32_t p = 0; p < VelmoPlaneAlpha; ++p)
     for (uint32_t y = 0; y < split.Height(p); ++y)
@@ -170,8 +172,7 @@ TEST(Velmo2Frame, ConstantAlphaFillsThePlaneAndReadsNoAlphaData) {
   PutFlatIntra(w, Levels({}));
   PutFlatIntra(w, Levels({{0, 3}}));
   const auto section = Section(kNoEdges | kConstantAlpha | 77u << 24, {w});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), true, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, section, true), Velmo2FrameDecoded);
   ExpectBlock(f, VelmoPlaneAlpha, 0, 0, 32, 77);
   ExpectBlock(f, VelmoPlaneAlpha, 32, 0, 32, 77);
   ExpectBlock(f, VelmoPlaneY, 32, 0, 32, FlatPixel(1024 + 48));
@@ -181,8 +182,7 @@ TEST(Velmo2Frame, ConstantAlphaFillsThePlaneAndReadsNoAlphaData) {
   PutFlatIntra(coded, Levels({}), true);
   PutFlatIntra(coded, Levels({{0, 3}}), true);
   const auto withAlpha = Section(kNoEdges, {coded});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, withAlpha.data(), withAlpha.size(), true, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, withAlpha, true), Velmo2FrameDecoded);
   ExpectBlock(f, VelmoPlaneAlpha, 0, 0, 32, FlatPixel(1024));
   ExpectBlock(f, VelmoPlaneY, 32, 0, 32, FlatPixel(1024 + 48));
 }
@@ -205,8 +205,7 @@ TEST(Velmo2Frame, SkippedCopiesAndMotionFetchesClamped) {
   BitWriter skipped;
   for (int row = 0; row < 2; ++row) skipped.Code("000 01 1");
   const auto still = Section(kNoEdges, {skipped});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, still.data(), still.size(), false, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, still, false), Velmo2FrameDecoded);
   for (uint32_t p = 0; p < VelmoPlaneAlpha; ++p)
     for (uint32_t y = 0; y < f.Height(p); ++y)
       for (uint32_t x = 0; x < f.Width(p); ++x)
@@ -221,8 +220,7 @@ TEST(Velmo2Frame, SkippedCopiesAndMotionFetchesClamped) {
     PutVectorDiff(moved, 0);
   }
   const auto shifted = Section(kNoEdges, {moved});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, shifted.data(), shifted.size(), false, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, shifted, false), Velmo2FrameDecoded);
   for (uint32_t y = 0; y < h; ++y)
     for (uint32_t x = 0; x < w; ++x) {
       // The last quadrant column would reach past the picture: it is clamped back to 0.
@@ -260,8 +258,7 @@ TEST(Velmo2Frame, ResidualAddsToThePredictionBlockByBlock) {
     w.Code("0");  // no chroma residual
   }
   const auto section = Section(kCurrent, {w});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), false, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, section, false), Velmo2FrameDecoded);
   for (uint32_t p = 0; p < VelmoPlaneAlpha; ++p)
     for (uint32_t y = 0; y < f.Height(p); ++y)
       for (uint32_t x = 0; x < f.Width(p); ++x) {
@@ -283,8 +280,7 @@ TEST(Velmo2Frame, IntraBesideInterPredictsFromBlockMeans) {
   w.Code("001");  // intra: fourth in the list
   PutFlatIntra(w, Levels({}));
   const auto section = Section(kNoEdges, {w});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), false, 0, 1),
-            Velmo2FrameDecoded);
+  ASSERT_EQ(d.Decode(f, section, false), Velmo2FrameDecoded);
   ExpectBlock(f, VelmoPlaneY, 0, 0, 32, 100);
   ExpectBlock(f, VelmoPlaneY, 32, 0, 32, FlatPixel(8 * 100));
   ExpectBlock(f, VelmoPlaneCr, 16, 0, 16, FlatPixel(8 * 60));
@@ -300,8 +296,7 @@ TEST(Velmo2Frame, OlderStreamKeepsThePreviousPicture) {
   BitWriter w;
   w.Put(0xFFFFFFFF, 32);
   const auto section = Section(kNoVertical, {w});
-  ASSERT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), false, 0, 1),
-            Velmo2FrameOldStream);
+  ASSERT_EQ(d.Decode(f, section, false), Velmo2FrameOldStream);
   for (uint32_t y = 0; y < 32; ++y)
     for (uint32_t x = 0; x < 64; ++x) ASSERT_EQ(f.Out(VelmoPlaneY, x, y), Pattern(x, y));
 }
@@ -314,8 +309,7 @@ TEST(Velmo2Frame, ShortSectionIsDamagedNotOverrun) {
   PutFlatIntra(w, Levels({{0, 1}}));
   const auto section = Section(kNoEdges, {w, BitWriter()});
   for (uint32_t first : {0u, 1u})
-    EXPECT_EQ(Velmo2DecodeFrame(d.D, &f.Fb, section.data(), section.size(), true, first, 1),
-              Velmo2FrameDamaged);
+    EXPECT_EQ(d.Decode(f, section, true, first, 1), Velmo2FrameDamaged);
   EXPECT_TRUE(f.GuardsIntact());
 }
 

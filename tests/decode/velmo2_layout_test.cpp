@@ -24,14 +24,31 @@ TEST(Velmo2FrameWord, FieldsAndMapPresence) {
   EXPECT_FALSE(w.HasRowMap());
   EXPECT_FALSE(w.HasColumnMap());
 
-  // Bit 16 brings the maps; bits 15 and 14 take away the row and the column map.
-  EXPECT_TRUE(Velmo2FrameWord{0x10000}.HasRowMap());
-  EXPECT_TRUE(Velmo2FrameWord{0x10000}.HasColumnMap());
-  EXPECT_FALSE(Velmo2FrameWord{0x18000}.HasRowMap());
-  EXPECT_TRUE(Velmo2FrameWord{0x18000}.HasColumnMap());
-  EXPECT_TRUE(Velmo2FrameWord{0x14000}.HasRowMap());
-  EXPECT_FALSE(Velmo2FrameWord{0x14000}.HasColumnMap());
   EXPECT_FALSE(Velmo2FrameWord{0x0}.CurrentStream());
+}
+
+// Bit 16 brings the maps; bits 15 and 14 take away the row and the column map. A 40x24 picture
+// has a row map of 2 entries and a column map of 4; a map not brought reads as all zero.
+TEST(Velmo2EdgeMaps, FrameWordPicksTheMaps) {
+  const struct {
+    uint32_t Bits;
+    const char* Code;
+    bool Rows, Columns;
+  } cases[] = {{0x10000, "0 11 0 1001", true, true},
+               {0x18000, "0 1001", false, true},
+               {0x14000, "0 11", true, false},
+               {0x0, "0 11 0 1001", false, false}};
+  for (const auto& c : cases) {
+    const Velmo2FrameWord word{c.Bits};
+    EXPECT_EQ(std::pair(word.HasRowMap(), word.HasColumnMap()), std::pair(c.Rows, c.Columns)) << c.Bits;
+    BitWriter w;
+    w.Code(c.Code);
+    Velmo2TestStream s(w);
+    uint32_t rows[1] = {0xFFFFFFFF}, cols[1] = {0xFFFFFFFF};
+    ASSERT_TRUE(Velmo2ReadEdgeMaps(s.Reader, word, 40, 24, Velmo2EdgeMaps{rows, 1, cols, 1}));
+    EXPECT_EQ(rows[0], c.Rows ? 0b110u : 0u) << c.Bits;
+    EXPECT_EQ(cols[0], c.Columns ? 0b10010u : 0u) << c.Bits;
+  }
 }
 
 TEST(Velmo2SliceOffset, FirstSliceFollowsTheTableOthersComeFromIt) {
@@ -40,14 +57,10 @@ TEST(Velmo2SliceOffset, FirstSliceFollowsTheTableOthersComeFromIt) {
   for (int i = 0; i < 3; ++i) std::memcpy(section.data() + 4 * (i + 1), &offsets[i], 4);
   uint32_t at = 0;
   // Fewer than 3 slices: byte 8, even with a single slice.
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 1, 0, &at));
-  EXPECT_EQ(at, 8u);
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 2, 0, &at));
-  EXPECT_EQ(at, 8u);
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 3, 0, &at));
-  EXPECT_EQ(at, 12u);
-  ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 8, 0, &at));
-  EXPECT_EQ(at, 32u);
+  for (auto [slices, first] : {std::pair{1u, 8u}, {2u, 8u}, {3u, 12u}, {8u, 32u}}) {
+    ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), slices, 0, &at));
+    EXPECT_EQ(at, first) << slices;
+  }
   for (uint32_t k = 1; k < 4; ++k) {
     ASSERT_TRUE(Velmo2SliceOffset(section.data(), section.size(), 4, k, &at));
     EXPECT_EQ(at, offsets[k - 1]);
@@ -194,59 +207,20 @@ TEST(Velmo2EdgeMap, ClosedRunFlipsValue) {
 }
 
 TEST(Velmo2EdgeMap, BadRunsAndShortStreamsFail) {
-  {
+  const struct {
+    const char* What;
+    const char* Code;
+    uint32_t Entries, Words;
+  } cases[] = {{"ten entries: 6, then an extension of 15 with 4 left", "1 1 1 1111", 10, 1},
+               {"a raw map of 200 entries over a single word", "0 1", 200, 8},
+               {"41 bits in a map of one word", "0", 40, 1}};
+  for (const auto& c : cases) {
     BitWriter w;
-    w.Code("1 1 1").Put(15, 4);  // ten entries: 6, then an extension of 15 with 4 left
-    Velmo2TestStream s(w);
-    uint32_t map[1];
-    EXPECT_FALSE(Velmo2ReadEdgeMap(s.Reader, 10, map, 1));
-  }
-  {
-    BitWriter w;
-    w.Code("0 1");  // a raw map of 200 entries over a single word
+    w.Code(c.Code);
     Velmo2TestStream s(w);
     uint32_t map[8];
-    EXPECT_FALSE(Velmo2ReadEdgeMap(s.Reader, 200, map, 8));
+    EXPECT_FALSE(Velmo2ReadEdgeMap(s.Reader, c.Entries, map, c.Words)) << c.What;
   }
-  {
-    BitWriter w;
-    w.Code("0");
-    Velmo2TestStream s(w);
-    uint32_t map[1];
-    EXPECT_FALSE(Velmo2ReadEdgeMap(s.Reader, 40, map, 1)) << "41 bits need two words";
-  }
-}
-
-TEST(Velmo2EdgeMaps, FrameWordPicksTheMaps) {
-  // 40x24 picture: row map of 2 entries, column map of 4.
-  const auto read = [](uint32_t bits, const BitWriter& w, uint32_t* rows, uint32_t* cols) {
-    Velmo2TestStream s(w);
-    rows[0] = cols[0] = 0xFFFFFFFF;
-    const Velmo2EdgeMaps maps{rows, 1, cols, 1};
-    return Velmo2ReadEdgeMaps(s.Reader, Velmo2FrameWord{bits}, 40, 24, maps);
-  };
-  uint32_t rows[1], cols[1];
-  BitWriter both;
-  both.Code("0 11").Code("0 1001");
-  ASSERT_TRUE(read(0x10000, both, rows, cols));
-  EXPECT_EQ(rows[0], 0b110u);
-  EXPECT_EQ(cols[0], 0b10010u);
-
-  BitWriter columnsOnly;
-  columnsOnly.Code("0 1001");
-  ASSERT_TRUE(read(0x18000, columnsOnly, rows, cols));
-  EXPECT_EQ(rows[0], 0u);
-  EXPECT_EQ(cols[0], 0b10010u);
-
-  BitWriter rowsOnly;
-  rowsOnly.Code("0 11");
-  ASSERT_TRUE(read(0x14000, rowsOnly, rows, cols));
-  EXPECT_EQ(rows[0], 0b110u);
-  EXPECT_EQ(cols[0], 0u);
-
-  ASSERT_TRUE(read(0x0, both, rows, cols));  // no bit 16: both maps all zero
-  EXPECT_EQ(rows[0], 0u);
-  EXPECT_EQ(cols[0], 0u);
 }
 
 // Random maps, with runs of random lengths, written raw and run coded, read back.

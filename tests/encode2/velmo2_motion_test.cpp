@@ -3,7 +3,6 @@
 // against the decoder's vector prediction and code lengths.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "encode2/velmo2_motion.h"
 #include "bit_writer.h"
 #include "velmo2_motion_frames.h"
+#include "velmo2_stream.h"
 
 using namespace test_support;
 
@@ -100,6 +100,15 @@ size_t Mismatches(const MotionFrames& f, const Velmo2MotionInput& in,
   return bad;
 }
 
+// The vectors of the quadrants in `quadrants` (bit q for quadrant q) are all (x, y).
+void ExpectVectors(const Velmo2MotionResult& r, int32_t x, int32_t y, uint32_t quadrants = 15) {
+  for (int q = 0; q < 4; ++q)
+    if (quadrants >> q & 1) {
+      EXPECT_EQ(r.Vx[q], x) << "quadrant " << q;
+      EXPECT_EQ(r.Vy[q], y) << "quadrant " << q;
+    }
+}
+
 // Every vector's absolute position is one the decoder's clamp leaves as it is.
 void ExpectInsideClamp(const Velmo2MotionInput& in, const Velmo2MotionResult& r) {
   for (uint32_t q = 0; q < 4; ++q) {
@@ -127,10 +136,7 @@ TEST(Velmo2MotionSearch, FindsKnownShiftsExactly) {
         n.Set(in, layout & 1, layout & 2);
         Velmo2MotionResult r;
         ASSERT_TRUE(Velmo2MotionSearch(in, &r));
-        for (int q = 0; q < 4; ++q) {
-          EXPECT_EQ(r.Vx[q], s.X) << "quadrant " << q;
-          EXPECT_EQ(r.Vy[q], s.Y) << "quadrant " << q;
-        }
+        ExpectVectors(r, s.X, s.Y);
         EXPECT_EQ(Mismatches(f, in, r), 0u);
         // No distortion left: the cost is the vector bits alone.
         EXPECT_DOUBLE_EQ(r.Cost, VectorCost(in, r));
@@ -145,10 +151,7 @@ TEST(Velmo2MotionSearch, FindsShiftUnderNoise) {
   Velmo2MotionResult r;
   const Velmo2MotionInput in = Input(f, 64, 32, 4.0);
   ASSERT_TRUE(Velmo2MotionSearch(in, &r));
-  for (int q = 0; q < 4; ++q) {
-    EXPECT_EQ(r.Vx[q], 9);
-    EXPECT_EQ(r.Vy[q], -4);
-  }
+  ExpectVectors(r, 9, -4);
   EXPECT_GT(r.Cost, VectorCost(in, r) + 1000.0);
 }
 
@@ -161,10 +164,8 @@ TEST(Velmo2MotionSearch, StaticPictureGivesZeroVectors) {
       n.Set(in, true, true);
       Velmo2MotionResult r;
       ASSERT_TRUE(Velmo2MotionSearch(in, &r));
-      for (int q = 0; q < 4; ++q) {
-        EXPECT_EQ(r.Vx[q], 0) << "prediction " << predicted << ", mb " << mb;
-        EXPECT_EQ(r.Vy[q], 0) << "prediction " << predicted << ", mb " << mb;
-      }
+      SCOPED_TRACE(testing::Message() << "prediction " << predicted << ", mb " << mb);
+      ExpectVectors(r, 0, 0);
       EXPECT_DOUBLE_EQ(r.Cost, VectorCost(in, r));
     }
   }
@@ -249,12 +250,8 @@ TEST(Velmo2MotionSearch, OutsideMaskLeavesOnlyVectorBits) {
   EXPECT_EQ(moved.Vx[0], 10);
   in.OutsideMask = 1;
   ASSERT_TRUE(Velmo2MotionSearch(in, &masked));
-  EXPECT_EQ(masked.Vx[0], 0);
-  EXPECT_EQ(masked.Vy[0], 0);
-  for (int q = 1; q < 4; ++q) {
-    EXPECT_EQ(masked.Vx[q], 10) << q;
-    EXPECT_EQ(masked.Vy[q], 6) << q;
-  }
+  ExpectVectors(masked, 0, 0, 1);
+  ExpectVectors(masked, 10, 6, 14);
   in.OutsideMask = 15;
   ASSERT_TRUE(Velmo2MotionSearch(in, &all));
   EXPECT_LT(all.Cost, 1e-6);
@@ -277,19 +274,14 @@ TEST(Velmo2MotionSearch, LeftNeighbourOnlySearchesVectorTwoFirst) {
   in.OutsideMask = 2;
   Velmo2MotionResult r;
   ASSERT_TRUE(Velmo2MotionSearch(in, &r));
-  for (int q = 0; q < 4; ++q) {
-    EXPECT_EQ(r.Vx[q], 8) << q;
-    EXPECT_EQ(r.Vy[q], -6) << q;
-  }
+  ExpectVectors(r, 8, -6);
   EXPECT_NEAR(r.Cost, VectorCost(in, r), 1e-6);
 }
 
 TEST(Velmo2MotionSearch, OutsideMaskOfPictureEdges) {
-  EXPECT_EQ(Velmo2OutsideMask(64, 64, 32, 32), 0u);
-  EXPECT_EQ(Velmo2OutsideMask(40, 40, 32, 32), 14u);
-  EXPECT_EQ(Velmo2OutsideMask(50, 40, 32, 32), 12u);
-  EXPECT_EQ(Velmo2OutsideMask(40, 50, 32, 32), 10u);
-  EXPECT_EQ(Velmo2OutsideMask(40, 50, 64, 0), 15u);
+  const uint32_t cases[][5] = {{64, 64, 32, 32, 0}, {40, 40, 32, 32, 14}, {50, 40, 32, 32, 12},
+                               {40, 50, 32, 32, 10}, {40, 50, 64, 0, 15}};
+  for (const auto& c : cases) EXPECT_EQ(Velmo2OutsideMask(c[0], c[1], c[2], c[3]), c[4]) << c[0] << "x" << c[1] << " at " << c[2] << "," << c[3];
 }
 
 // The kernels of every processor level give the same vectors and costs as the plain ones, on
@@ -321,16 +313,11 @@ TEST(Velmo2MotionSearch, SameResultAtEveryKernelLevel) {
 
 // The vector bits are the length of the decoder's difference codes for the pair.
 TEST(Velmo2MotionSearch, VectorBitsMatchTheDecoderCodes) {
-  const auto code = [](BitWriter& w, int32_t d) {
-    const uint32_t i = d >= 0 ? uint32_t(2 * d) : uint32_t(-2 * int64_t(d) - 1);
-    const uint32_t z = uint32_t(std::bit_width(i + 1) - 1);
-    w.Put(0, z).Put(1, 1).Put(i + 1 - (1u << z), z);
-  };
   for (int32_t dx : {0, 1, -1, 2, -2, 3, 7, -8, 100, -1000, 30000})
     for (int32_t dy : {0, -1, 5, -64, 4095}) {
       BitWriter w;
-      code(w, dx);
-      code(w, dy);
+      velmo2_test::PutVectorDiff(w, dx);
+      velmo2_test::PutVectorDiff(w, dy);
       EXPECT_EQ(Velmo2VectorBits(dx, dy), w.Size()) << dx << "," << dy;
       const std::vector<uint8_t> bytes = w.Bytes();
       Velmo1BitReader r = Velmo1ReaderAt(bytes.data(), bytes.size(), bytes.size());

@@ -303,15 +303,33 @@ Velmo2AcLevels RandomAcBlock(std::mt19937& rng) {
   return b;
 }
 
-// The levels the reader gives with a dequantisation of 1: every entry 128 and quantiser 0.
+// A dequantisation of 1 with quantiser 0: every entry 128.
+const std::vector<uint16_t> kUnit(64, 128);
+
+// The levels the reader gives with a dequantisation of 1.
 void ExpectBlockReadsBack(Velmo1BitReader& r, int table, const Velmo2AcLevels& b) {
-  uint16_t unit[64];
-  for (uint16_t& e : unit) e = 128;
   int16_t coef[64] = {};
-  const Velmo2AcBlock read = Velmo2ReadAcBlock(r, table, unit, 0, coef);
+  const Velmo2AcBlock read = Velmo2ReadAcBlock(r, table, kUnit.data(), 0, coef);
   EXPECT_EQ(read.Count, b.Count);
   EXPECT_EQ(read.Last, b.Last);
   for (uint32_t p = 1; p < 64; ++p) ASSERT_EQ(coef[Velmo2Scan[p]], b.Levels[p]) << p;
+}
+
+// Reads a quadrant of mask word `word` back; the blocks its low four bits code must come back
+// as `blocks`, the others with class 3.
+void ExpectQuadrantReadsBack(Velmo1BitReader& r, uint32_t word, const Velmo2AcLevels* const blocks[4]) {
+  int16_t coef[4][64] = {};
+  int16_t* coefs[4] = {coef[0], coef[1], coef[2], coef[3]};
+  Velmo2AcBlock out[4];
+  Velmo2ReadAcQuadrant(r, word, kUnit.data(), 0, coefs, out);
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!(word >> i & 1)) {
+      EXPECT_EQ(out[i].Class, 3u);
+      continue;
+    }
+    EXPECT_EQ(out[i].Count, blocks[i]->Count);
+    for (uint32_t p = 1; p < 64; ++p) ASSERT_EQ(coef[i][Velmo2Scan[p]], blocks[i]->Levels[p]);
+  }
 }
 
 TEST(Velmo2Writers, AcBlocksReadBackUnderBothTablesWithExactCosts) {
@@ -388,20 +406,8 @@ TEST(Velmo2Writers, QuadrantsReadBackWithTheTableTheirMaskPicks) {
     Velmo1BitReader r = w.Reader();
     const uint32_t read = Velmo2ReadChromaMask(r, 0);
     ASSERT_EQ(read, word);
-    uint16_t unit[64];
-    for (uint16_t& e : unit) e = 128;
-    int16_t coef[4][64] = {};
-    int16_t* coefs[4] = {coef[0], coef[1], coef[2], coef[3]};
-    Velmo2AcBlock out[4];
-    Velmo2ReadAcQuadrant(r, read, unit, 0, coefs, out);
-    for (uint32_t i = 0; i < 4; ++i) {
-      if (!(bits >> i & 1)) {
-        EXPECT_EQ(out[i].Class, 3u);
-        continue;
-      }
-      EXPECT_EQ(out[i].Count, blocks[i].Count);
-      for (uint32_t p = 1; p < 64; ++p) ASSERT_EQ(coef[i][Velmo2Scan[p]], blocks[i].Levels[p]);
-    }
+    ASSERT_EQ(read & 15, bits);
+    ExpectQuadrantReadsBack(r, read, pointers);
     ExpectMarker(r);
   }
 }
@@ -425,19 +431,10 @@ TEST(Velmo2Writers, LumaPlanesReadBackQuadrantByQuadrant) {
     });
     Velmo1BitReader r = w.Reader();
     const uint32_t mask = Velmo2ReadLumaMask(r, previous, word);
-    uint16_t unit[64];
-    for (uint16_t& e : unit) e = 128;
+    ASSERT_EQ(mask & 0xFFFF, bits);
     for (uint32_t q = 0; q < 4; ++q) {
-      int16_t coef[4][64] = {};
-      int16_t* coefs[4] = {coef[0], coef[1], coef[2], coef[3]};
-      Velmo2AcBlock out[4];
-      Velmo2ReadAcQuadrant(r, mask >> (4 * q), unit, 0, coefs, out);
-      for (uint32_t i = 0; i < 4; ++i) {
-        const Velmo2AcLevels& b = blocks[4 * q + i];
-        if (!(bits >> (4 * q + i) & 1)) continue;
-        EXPECT_EQ(out[i].Count, b.Count);
-        for (uint32_t p = 1; p < 64; ++p) ASSERT_EQ(coef[i][Velmo2Scan[p]], b.Levels[p]);
-      }
+      const Velmo2AcLevels* quadrant[4] = {&blocks[4 * q], &blocks[4 * q + 1], &blocks[4 * q + 2], &blocks[4 * q + 3]};
+      ExpectQuadrantReadsBack(r, mask >> (4 * q), quadrant);  // the high bits pick the table
     }
     ExpectMarker(r);
   }
