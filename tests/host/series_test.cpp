@@ -121,7 +121,7 @@ TEST(FindSequence, SeriesFoundFromOneMember) {
   }
 }
 
-TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
+TEST(FindSequence, LoneFileNoDigitsOrNoRoomIsNoSeries) {
   FakeFiles files = Numbered("Exam%03d.bmp", 1, 3);
   files.names.insert("Exam004x.bmp");
   Found f = Find("Exam007.bmp", files);
@@ -130,6 +130,12 @@ TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
   EXPECT_FALSE(Find("Exam.bmp", files).ok);
   EXPECT_FALSE(Find("", files).ok);
   EXPECT_FALSE(Find("Exam?01.bmp", files).ok);
+  // A series whose name does not fit the room given is none either.
+  char dest[8];
+  int32_t first = -1, last = -1;
+  EXPECT_FALSE(FindSequenceWith(dest, sizeof dest, &first, &last, "Exam001.bmp", FakeExists, &files));
+  EXPECT_STREQ(dest, "");
+  EXPECT_EQ(first, -1);
 }
 
 TEST(FindSequence, ProbesAreBoundedWhenEverythingExists) {
@@ -146,15 +152,6 @@ TEST(FindSequence, ProbesAreBoundedWhenEverythingExists) {
   EXPECT_EQ(first, 0);
   EXPECT_EQ(last, 1000005);
   EXPECT_LE(probes, 1000010);
-}
-
-TEST(FindSequence, DestTooSmallGivesNoSeries) {
-  FakeFiles files = Numbered("Exam%03d.bmp", 1, 3);
-  char dest[8];
-  int32_t first = -1, last = -1;
-  EXPECT_FALSE(FindSequenceWith(dest, sizeof dest, &first, &last, "Exam001.bmp", FakeExists, &files));
-  EXPECT_STREQ(dest, "");
-  EXPECT_EQ(first, -1);
 }
 
 TEST(FindSequence, RealFilesInATemporaryFolder) {

@@ -52,7 +52,7 @@ TEST_F(VelmoOpenTest, TableAndFrameSizeErrors) {
   EXPECT_EQ(OpenError(jump), "This file has bad frame size data.");
 }
 
-TEST_F(VelmoOpenTest, ProviderErrors) {
+TEST_F(VelmoOpenTest, ProviderErrorsAndTheErrorText) {
   const std::vector<uint8_t> file = BuildFile({});
   // No file provider: a path cannot be opened.
   const VelmoIOService none = {nullptr, nullptr, nullptr, nullptr};
@@ -79,9 +79,7 @@ TEST_F(VelmoOpenTest, ProviderErrors) {
   ASSERT_NE(h, nullptr);
   EXPECT_STREQ(VelmoGetError(), "");
   VelmoClose(h);
-}
-
-TEST_F(VelmoOpenTest, ErrorText) {
+  // The text itself: a default for none, and cut to 254 bytes.
   VelmoSetError(nullptr);
   EXPECT_STREQ(VelmoGetError(), "Velmo Error");
   const std::string longText(400, 'x');
