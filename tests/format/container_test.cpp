@@ -316,8 +316,9 @@ TEST(ContainerColour, FileTableTakesMatrixOrHdr) {
   EXPECT_EQ(std::memcmp(t, d, sizeof t), 0);
 }
 
-// Dated and numbered stamps, and a short buffer cut to its size.
-TEST(ContainerText, StampsInBothForms) {
+// Dated and numbered stamps, and a short buffer cut to its size; the colour space and the kind
+// of frame.
+TEST(ContainerText, StampsColourSpaceAndFrameKind) {
   const struct {
     uint32_t Stamp;
     size_t Size;
@@ -330,9 +331,7 @@ TEST(ContainerText, StampsInBothForms) {
     VelmoStampText(c.Stamp, text.data(), c.Size);
     EXPECT_STREQ(text.data(), c.Text);
   }
-}
-
-TEST(ContainerText, ColourSpaceAndFrameKind) {
+  // The colour space and the kind of frame.
   EXPECT_STREQ(VelmoColourSpaceText(VelmoFlagHdr | VelmoFlagFullRange),
                "Uses HDR I-Ct-Cp colorspace.");
   EXPECT_STREQ(VelmoColourSpaceText(VelmoFlagFullRange), "Uses full y-cr-cb colorspace.");
@@ -356,7 +355,7 @@ std::vector<uint8_t> TablesBytes(const std::vector<VelmoTrackInfo>& tracks,
   return bytes;
 }
 
-TEST(ContainerTables, TracksAndEntriesFromTheirColumns) {
+TEST(ContainerTables, TracksEntriesAndFormatBits) {
   const std::vector<VelmoTrackInfo> tracks = {{4096, 0x70005622, 7}, {2048, 0x80001F40, 9}};
   const std::vector<uint32_t> entries = {100, 201, 300, 0};
   const std::vector<uint8_t> bytes = TablesBytes(tracks, entries);
@@ -379,9 +378,7 @@ TEST(ContainerTables, TracksAndEntriesFromTheirColumns) {
   }
   EXPECT_EQ(VelmoTablesSize(256, 1000000), (1000000ull + 768) * 4 + 4);
   EXPECT_EQ(VelmoTablesSize(0xFFFFFFFF, 0xFFFFFFFF), (0xFFFFFFFFull * 4) * 4 + 4);
-}
-
-TEST(ContainerTables, TrackFormatBits) {
+  // The track format's coding bits.
   EXPECT_FALSE(VelmoTrackUsable(0x60005622));
   EXPECT_TRUE(VelmoTrackUsable(0x10005622));
   EXPECT_TRUE(VelmoTrackUsable(0x80005622));

@@ -34,7 +34,7 @@ std::vector<uint8_t> Bytes(size_t n, uint8_t seed) {
   return v;
 }
 
-TEST(ContainerWriter, MagicByVersionAndFlags) {
+TEST(ContainerWriter, MagicAndFlagWordByVersionAndFlags) {
   EXPECT_EQ(VelmoWriterMagic(0, VelmoFlagHdr), VelmoMagicVLMi);
   EXPECT_EQ(VelmoWriterMagic(100, 0), VelmoMagicVLMi);
   EXPECT_EQ(VelmoWriterMagic(101, 0), VelmoMagicVLMk);
@@ -43,9 +43,7 @@ TEST(ContainerWriter, MagicByVersionAndFlags) {
   EXPECT_EQ(VelmoWriterMagic(200, VelmoFlagColourMatrix), VelmoMagicVM2k);
   EXPECT_EQ(VelmoWriterMagic(200, VelmoFlagColourMatrix | VelmoFlagHdr), VelmoMagicVM2m);
   EXPECT_EQ(VelmoWriterMagic(270, VelmoFlagHdr), VelmoMagicVM2m);
-}
-
-TEST(ContainerWriter, FlagWordKeepsOnlyTheWritersBits) {
+  // The flag word keeps only the writer's bits.
   VelmoWriteParams p = BaseParams(100);
   p.Flags = 0xFFFFFFFF;
   p.SliceMode = 3;

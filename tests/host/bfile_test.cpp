@@ -64,14 +64,13 @@ TEST_F(BufferedFiles, BufferSizesAlignmentAndLazyAllocation) {
   FileClose(file);
 }
 
-TEST_F(BufferedFiles, OpenFailuresGiveNull) {
+TEST_F(BufferedFiles, OpenFailuresGiveNullAndReadOnlyModeRefusesWrites) {
   EXPECT_EQ(FileOpenRead(0, Path("missing").c_str(), FileModeReadOnly), nullptr);
   EXPECT_EQ(FileOpenRead(0, dir.c_str(), FileModeReadOnly), nullptr) << "a folder is no file";
   EXPECT_EQ(FileCreate(0, Path("no/such/folder").c_str(), 0), nullptr);
   EXPECT_EQ(FileOpenRead(0, nullptr, 0), nullptr);
-}
 
-TEST_F(BufferedFiles, ReadOnlyModeRefusesWrites) {
+  // Read-only mode refuses writes; any other mode may write.
   Put(Path("ro"), {1, 2, 3});
   BufferedFile* file = FileOpenRead(0, Path("ro").c_str(), FileModeReadOnly);
   ASSERT_NE(file, nullptr);
@@ -81,7 +80,7 @@ TEST_F(BufferedFiles, ReadOnlyModeRefusesWrites) {
   FileClose(file);
   EXPECT_EQ(ReadFile(Path("ro")), (std::vector<uint8_t>{1, 2, 3}));
 
-  file = FileOpenRead(0, Path("ro").c_str(), 0);  // any other mode may write
+  file = FileOpenRead(0, Path("ro").c_str(), 0);
   ASSERT_NE(file, nullptr);
   FileSeek(file, 1);
   FileWriteByte(file, 9);

@@ -306,17 +306,16 @@ Seen RunReport(PlatformThread* thread, const char* name, uint32_t priority = Pri
   return seen;
 }
 
-TEST(Threads, StartPassesArgumentAndJoinGivesResult) {
+// The argument reaches the thread and the join gives its result (RunReport checks both); a long
+// name is cut at 31 bytes, and the system gets its short form.
+TEST(Threads, StartPassesArgumentJoinGivesResultAndLongNamesAreCut) {
   PlatformThread thread;
   RunReport(&thread, "worker", PriorityNormal, 0, 256 * 1024);
   EXPECT_EQ(thread.Started, 0u);
   EXPECT_EQ(ThreadJoin(&thread), 0u) << "a second join has nothing to wait for";
   EXPECT_FALSE(ThreadStart(&thread, nullptr, nullptr, 0, PriorityNormal, 0, "none"));
-}
 
-TEST(Threads, LongNameIsCutAt31BytesAndTheSystemGetsItsShortForm) {
   const char* name = "Velmo IO reading ahead for every open file";
-  PlatformThread thread;
   const Seen seen = RunReport(&thread, name);
   EXPECT_EQ(std::string(thread.Name), std::string(name, 31));
   const char* off = std::getenv("ORN_NO_SET_THREAD_NAMES");

@@ -44,7 +44,7 @@ std::string NameOf(const char* pattern, int32_t n) {
   return SeriesName(dest, sizeof dest, pattern, n) ? dest : "<none>";
 }
 
-TEST(SeriesParse, SplitsPatternAndRange) {
+TEST(SeriesParse, SplitsPatternAndRangeAndRejectsMalformedSpecs) {
   FileSeries s;
   ASSERT_TRUE(SeriesParse("Exam???.BMP*1-149", &s));
   EXPECT_STREQ(s.pattern, "Exam???.BMP");
@@ -53,10 +53,6 @@ TEST(SeriesParse, SplitsPatternAndRange) {
   ASSERT_TRUE(SeriesParse("/a*b/f%03i.png*0-7 ", &s));  // the last "*" counts
   EXPECT_STREQ(s.pattern, "/a*b/f%03i.png");
   EXPECT_EQ(s.last, 7);
-}
-
-TEST(SeriesParse, RejectsMalformedSpecs) {
-  FileSeries s;
   for (const char* bad : {"Exam???.BMP", "Exam???.BMP*", "Exam???.BMP*1", "Exam???.BMP*1-",
                           "Exam???.BMP*5-4", "Exam???.BMP*1-2x", "Exam.BMP*1-3", "x?*-1-3",
                           "x?*1-99999999999"}) {
@@ -64,7 +60,7 @@ TEST(SeriesParse, RejectsMalformedSpecs) {
   }
 }
 
-TEST(SeriesName, PlacesFillFromTheRightAndGrow) {
+TEST(SeriesName, PlacesFillFromTheRightAndGrowOrTakeAPrintfField) {
   EXPECT_EQ(NameOf("Exam???.BMP", 1), "Exam001.BMP");
   EXPECT_EQ(NameOf("Exam???.BMP", 149), "Exam149.BMP");
   EXPECT_EQ(NameOf("Exam???.BMP", 1234), "Exam1234.BMP");
@@ -73,9 +69,7 @@ TEST(SeriesName, PlacesFillFromTheRightAndGrow) {
   EXPECT_EQ(NameOf("50%.png?", 3), "50%.png3");  // "%" is plain text in the "?" form
   EXPECT_EQ(NameOf("Exam???.BMP", -1), "<none>");
   EXPECT_EQ(NameOf("plain.bmp", 1), "<none>");
-}
-
-TEST(SeriesName, PrintfFieldForm) {
+  // The printf field form.
   EXPECT_EQ(NameOf("frame%01i.png", 8), "frame8.png");
   EXPECT_EQ(NameOf("frame%01i.png", 12), "frame12.png");
   EXPECT_EQ(NameOf("f%04d", 12), "f0012");
@@ -127,7 +121,7 @@ TEST(FindSequence, SeriesFoundFromOneMember) {
   }
 }
 
-TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
+TEST(FindSequence, LoneFileNoDigitsOrNoRoomIsNoSeries) {
   FakeFiles files = Numbered("Exam%03d.bmp", 1, 3);
   files.names.insert("Exam004x.bmp");
   Found f = Find("Exam007.bmp", files);
@@ -136,6 +130,12 @@ TEST(FindSequence, LoneFileOrNoDigitsIsNoSeries) {
   EXPECT_FALSE(Find("Exam.bmp", files).ok);
   EXPECT_FALSE(Find("", files).ok);
   EXPECT_FALSE(Find("Exam?01.bmp", files).ok);
+  // A series whose name does not fit the room given is none either.
+  char dest[8];
+  int32_t first = -1, last = -1;
+  EXPECT_FALSE(FindSequenceWith(dest, sizeof dest, &first, &last, "Exam001.bmp", FakeExists, &files));
+  EXPECT_STREQ(dest, "");
+  EXPECT_EQ(first, -1);
 }
 
 TEST(FindSequence, ProbesAreBoundedWhenEverythingExists) {
@@ -152,15 +152,6 @@ TEST(FindSequence, ProbesAreBoundedWhenEverythingExists) {
   EXPECT_EQ(first, 0);
   EXPECT_EQ(last, 1000005);
   EXPECT_LE(probes, 1000010);
-}
-
-TEST(FindSequence, DestTooSmallGivesNoSeries) {
-  FakeFiles files = Numbered("Exam%03d.bmp", 1, 3);
-  char dest[8];
-  int32_t first = -1, last = -1;
-  EXPECT_FALSE(FindSequenceWith(dest, sizeof dest, &first, &last, "Exam001.bmp", FakeExists, &files));
-  EXPECT_STREQ(dest, "");
-  EXPECT_EQ(first, -1);
 }
 
 TEST(FindSequence, RealFilesInATemporaryFolder) {

@@ -112,19 +112,16 @@ TEST_F(Settings, RegistryTextTooLongFallsBack) {
   EXPECT_EQ(Text("Path", "", 6), "/mach");  // exactly fits with its terminator
 }
 
-TEST_F(Settings, IntegerFromProfileThenUserRegistry) {
-  PutProfile("X=250\nY=-3\nW=abc\n");
+// Integers from the profile, unless the user registry holds one of exactly four bytes.
+TEST_F(Settings, IntegerFromProfileThenFourBytesOfTheUserRegistry) {
+  PutProfile("X=250\nY=-3\nW=abc\nV=300\n");
   EXPECT_EQ(Int("X", 100), 250u);
   EXPECT_EQ(Int("Y", 100), static_cast<uint32_t>(-3));
   EXPECT_EQ(Int("W", 7), 7u);  // not a number: the default stands
-  PutUser("X=dword:00000064\n");
+  PutUser("X=dword:00000064\nV=hex:64,00\nY=hex:01,02,03,04\nH=hex:01,02,03,04,05\nW=sz:abc\n"
+          "Z=hex:zz\n");
   EXPECT_EQ(Int("X", 1), 100u);
-}
-
-TEST_F(Settings, IntegerNeedsExactlyFourBytes) {
-  PutProfile("X=300\n");
-  PutUser("X=hex:64,00\nY=hex:01,02,03,04\nH=hex:01,02,03,04,05\nW=sz:abc\nZ=hex:zz\n");
-  EXPECT_EQ(Int("X", 100), 300u);  // a 2-byte X is ignored
+  EXPECT_EQ(Int("V", 100), 300u);  // a 2-byte V is ignored
   EXPECT_EQ(Int("Y", 0), 0x04030201u);
   EXPECT_EQ(Int("H", 9), 9u);
   EXPECT_EQ(Int("W", 0), 0x00636261u);  // "abc" and its zero are 4 bytes

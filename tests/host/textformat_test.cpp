@@ -20,7 +20,7 @@ std::string Thousands(int64_t v) {
   return text;
 }
 
-TEST(FormatTime, UnitsAndPlurals) {
+TEST(FormatTime, UnitsPluralsAndCutsToTheBuffer) {
   EXPECT_EQ(Time(0), "0 milliseconds");
   EXPECT_EQ(Time(1), "1 millisecond");
   EXPECT_EQ(Time(999), "999 milliseconds");
@@ -35,9 +35,7 @@ TEST(FormatTime, UnitsAndPlurals) {
   EXPECT_EQ(Time(3660000), "1 hour, 1 minute");
   EXPECT_EQ(Time(7200000 + 30 * 60000 + 59000), "2 hours, 30 minutes");
   EXPECT_EQ(Time(UINT64_MAX), "5124095576030 hours, 25 minutes");
-}
-
-TEST(FormatTime, CutsToBufferAndReportsFullLength) {
+  // Cut to the buffer, with the full length returned.
   char small[6];
   EXPECT_EQ(FormatTime(small, sizeof small, 125000), strlen("2 minutes, 5 seconds"));
   EXPECT_STREQ(small, "2 min");

@@ -189,22 +189,22 @@ void CheckCopyKernel(VelmoCopyKernel plain, VelmoCopyKernel kernel,
   }
 }
 
-TEST(KernelsCopyOut, Kernel32) {
-  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
-    // The fixed byte lanes of the 32-bit kernel fit the 32-bit layouts only.
-    CheckCopyKernel(plain.Kernel32, t.Kernel32, plain, {3, 4, 5, 6}, 4);
-  });
-}
-
-TEST(KernelsCopyOut, Kernel32Alt) {
-  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
-    CheckCopyKernel(plain.Kernel32Alt, t.Kernel32Alt, plain, {3, 4, 8, 10, 12}, 4);
-  });
-}
-
-TEST(KernelsCopyOut, Kernel16) {
-  AgainstPlain(VelmoCopyKernelsInit, [](const auto& plain, const auto& t) {
-    CheckCopyKernel(plain.Kernel16, t.Kernel16, plain, {3, 8, 9, 10}, 2);
+// Each entry on the layouts it serves: the fixed byte lanes of the 32-bit kernel fit the 32-bit
+// layouts only.
+TEST(KernelsCopyOut, EveryLineKernel) {
+  const struct {
+    const char* Name;
+    VelmoCopyKernel VelmoCopyKernels::*Entry;
+    std::initializer_list<uint32_t> Formats;
+    uint32_t PixelBytes;
+  } entries[] = {{"Kernel32", &VelmoCopyKernels::Kernel32, {3, 4, 5, 6}, 4},
+                 {"Kernel32Alt", &VelmoCopyKernels::Kernel32Alt, {3, 4, 8, 10, 12}, 4},
+                 {"Kernel16", &VelmoCopyKernels::Kernel16, {3, 8, 9, 10}, 2}};
+  AgainstPlain(VelmoCopyKernelsInit, [&](const auto& plain, const auto& t) {
+    for (const auto& e : entries) {
+      SCOPED_TRACE(e.Name);
+      CheckCopyKernel(plain.*e.Entry, t.*e.Entry, plain, e.Formats, e.PixelBytes);
+    }
   });
 }
 

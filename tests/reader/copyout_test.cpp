@@ -73,6 +73,23 @@ Surface CopyWhole(const VelmoCopySource& src, uint32_t format, int32_t sign = 1)
   return s;
 }
 
+// Every pixel of `s` (`bytes` each, counted from the top line) is the full copy's pixel
+// (x - dx + sx, y - dy + sy) inside the w x h rectangle at (dx, dy), and the guard outside it.
+::testing::AssertionResult HoldsOnly(const Surface& s, const Surface& full, int bytes, int32_t dx,
+                                     int32_t dy, int32_t w, int32_t h, int32_t sx, int32_t sy) {
+  for (int32_t y = 0; y < s.Lines; ++y) {
+    for (int32_t x = 0; x < std::abs(s.Pitch) / bytes; ++x) {
+      const bool inside = x >= dx && x < dx + w && y >= dy && y < dy + h;
+      const uint32_t want = inside ? full.Pixel(x - dx + sx, y - dy + sy, bytes)
+                                   : (bytes == 4 ? 0xA5A5A5A5u : 0xA5A5u);
+      if (s.Pixel(x, y, bytes) != want)
+        return ::testing::AssertionFailure() << (inside ? "wrong pixel" : "written outside")
+                                             << " at " << x << "," << y;
+    }
+  }
+  return ::testing::AssertionSuccess();
+}
+
 constexpr uint32_t BadFormats[] = {0, 1, 2, 7, 11, 13, 14, 15};
 
 using Five = std::array<int, 5>;
@@ -246,18 +263,8 @@ TEST(CopyOutRect, PartsMatchTheFullCopyAndStayInside) {
     // Bottom-up, dy counts lines up from the lowest address: seen from the top, the rectangle
     // ends dy lines above the surface's last line.
     const int32_t top = sign > 0 ? dy : part.Lines - dy - rh;
-    for (int32_t y = 0; y < part.Lines; ++y) {
-      for (int32_t x = 0; x < std::abs(pitch) / bytes; ++x) {
-        const bool inside = x >= dx && x < dx + rw && y >= top && y < top + rh;
-        if (inside) {
-          ASSERT_EQ(part.Pixel(x, y, bytes), full.Pixel(x - dx + sx, y - top + sy, bytes))
-              << "rect " << sx << "," << sy << " " << rw << "x" << rh;
-        } else {
-          const uint32_t guard = bytes == 4 ? 0xA5A5A5A5u : 0xA5A5u;
-          ASSERT_EQ(part.Pixel(x, y, bytes), guard) << "written outside at " << x << "," << y;
-        }
-      }
-    }
+    ASSERT_TRUE(HoldsOnly(part, full, bytes, dx, top, rw, rh, sx, sy))
+        << "rect " << sx << "," << sy << " " << rw << "x" << rh;
     for (size_t i = 0; i < Guard; ++i) {
       ASSERT_EQ(part.Mem[i], GuardByte);
       ASSERT_EQ(part.Mem[part.Mem.size() - 1 - i], GuardByte);
@@ -295,16 +302,12 @@ TEST(CopyOutRect, OnlyTheFrameLimitsTheRectangle) {
   // A rectangle past the frame's right and bottom edges is cut at them.
   Surface cut(20 * 4, 10);
   VelmoCopyPlanesRect(&src, cut.Base(), cut.Pitch, 10, 0, 0, 15, 7, 100, 100, 3);
-  for (int32_t y = 0; y < 10; ++y)
-    for (int32_t x = 0; x < 20; ++x)
-      EXPECT_EQ(cut.Pixel(x, y, 4), x < 5 && y < 3 ? full.Pixel(x + 15, y + 7, 4) : 0xA5A5A5A5u);
+  EXPECT_TRUE(HoldsOnly(cut, full, 4, 0, 0, 5, 3, 15, 7));
 
   // The destination's height does not limit the copy: all ten lines arrive though it says 4.
   Surface tall(20 * 4, 12);
   VelmoCopyPlanesRect(&src, tall.Base(), tall.Pitch, 4, 0, 1, 0, 0, 20, 10, 3);
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 20; ++x)
-      EXPECT_EQ(tall.Pixel(x, y, 4), y >= 1 && y < 11 ? full.Pixel(x, y - 1, 4) : 0xA5A5A5A5u);
+  EXPECT_TRUE(HoldsOnly(tall, full, 4, 0, 1, 20, 10, 0, 0));
 
   // Nor does the pitch: one line of 20 pixels at x 3 of 8-pixel lines runs on into the next
   // line of memory.
@@ -318,10 +321,7 @@ TEST(CopyOutRect, OnlyTheFrameLimitsTheRectangle) {
   Surface around(20 * 4, 6);
   uint8_t* dest = around.Base() + 2 * around.Pitch + 4 * 4;  // (4, 2)
   VelmoCopyPlanesRect(&src, dest, around.Pitch, 4, -2, -1, 0, 0, 5, 2, 3);
-  for (int32_t y = 0; y < 6; ++y)
-    for (int32_t x = 0; x < 20; ++x)
-      EXPECT_EQ(around.Pixel(x, y, 4),
-                x >= 2 && x < 7 && y >= 1 && y < 3 ? full.Pixel(x - 2, y - 1, 4) : 0xA5A5A5A5u);
+  EXPECT_TRUE(HoldsOnly(around, full, 4, 2, 1, 5, 2, 0, 0));
 
   // Nothing for empty rectangles or a left edge past the frame.
   Surface none(20 * 4, 10);

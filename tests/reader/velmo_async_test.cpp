@@ -75,6 +75,7 @@ class VelmoAsyncTest : public VelmoTest {
     ASSERT_TRUE(SemaphoreCreate(&Gate.Release, 0, 1));
     Gate.Armed = 0;
     Gate.Finished = 0;
+    File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));  // unless a test builds its own
   }
   void TearDown() override {
     for (uint32_t n : Started) EXPECT_EQ(VelmoWaitStopAsyncThread(n), 1u) << n;
@@ -106,6 +107,13 @@ class VelmoAsyncTest : public VelmoTest {
     ASSERT_TRUE(SemaphoreWait(&Gate.Entered, WaitForever));
   }
   static void Release() { SemaphoreSignal(&Gate.Release, 1); }
+  // The error text a call leaves; the call must give 0.
+  template <typename Call>
+  static std::string Refusal(Call call) {
+    VelmoSetError("none");
+    EXPECT_EQ(call(), 0u);
+    return VelmoGetError();
+  }
   // The picture VelmoDoFrame gives for frame `frame` of File.
   std::vector<uint8_t> Reference(uint32_t frame) {
     HVELMO r = OpenImage(File);
@@ -198,36 +206,22 @@ INSTANTIATE_TEST_SUITE_P(
 // Refusals
 
 TEST_F(VelmoAsyncTest, BadThreadNumbersAndDoubleStartsAreRefused) {
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoStartAsyncThread(64), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Out of range thread number.");
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoAsyncQueueFree(64), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Out of range thread number.");
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoRequestStopAsyncThread(100), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Out of range thread number.");
-
+  const std::string outOfRange = "Out of range thread number.";
+  const std::string notStarted = "Thread number not started.";
+  EXPECT_EQ(Refusal([] { return VelmoStartAsyncThread(64); }), outOfRange);
+  EXPECT_EQ(Refusal([] { return VelmoAsyncQueueFree(64); }), outOfRange);
+  EXPECT_EQ(Refusal([] { return VelmoRequestStopAsyncThread(100); }), outOfRange);
   Start({3});
   EXPECT_EQ(VelmoAsyncQueueFree(3), 256u);
-  EXPECT_EQ(VelmoStartAsyncThread(3), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Already loaded on this thread number.");
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoRequestStopAsyncThread(11), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Thread number not started.");
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoWaitStopAsyncThread(12), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Thread number not started.");
+  EXPECT_EQ(Refusal([] { return VelmoStartAsyncThread(3); }),
+            "Already loaded on this thread number.");
+  EXPECT_EQ(Refusal([] { return VelmoRequestStopAsyncThread(11); }), notStarted);
+  EXPECT_EQ(Refusal([] { return VelmoWaitStopAsyncThread(12); }), notStarted);
 
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
   HVELMO h = OpenImage(File);
-  const uint32_t outOfRange[] = {3, 64}, notStarted[] = {3, 13};
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoDoFrameAsync(h, outOfRange, 2), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Out of range thread number.");
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoDoFrameAsync(h, notStarted, 2), 0u);
-  EXPECT_STREQ(VelmoGetError(), "Thread number not started.");
+  const uint32_t beyond[] = {3, 64}, idle[] = {3, 13};
+  EXPECT_EQ(Refusal([&] { return VelmoDoFrameAsync(h, beyond, 2); }), outOfRange);
+  EXPECT_EQ(Refusal([&] { return VelmoDoFrameAsync(h, idle, 2); }), notStarted);
   // Nothing went out: the frame is still there to decode.
   for (uint32_t slot : h->AsyncSlots) EXPECT_EQ(slot, 0u);
   EXPECT_EQ(VelmoStateOf(h)->FramesPlayed, 0u);
@@ -235,47 +229,15 @@ TEST_F(VelmoAsyncTest, BadThreadNumbersAndDoubleStartsAreRefused) {
   VelmoClose(h);
 }
 
-TEST_F(VelmoAsyncTest, WaitWithNothingOutEndsNoFrame) {
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
+// With nothing out a wait ends no frame. A slot that names a thread number that never had
+// queues cannot be collected: the wait gives it up instead of waiting for ever.
+TEST_F(VelmoAsyncTest, WaitWithNothingOutOrABrokenQueueEndsNoFrame) {
   HVELMO h = OpenImage(File);
   EXPECT_EQ(VelmoDoFrameAsyncWait(nullptr, -1), 1u);
   EXPECT_EQ(VelmoDoFrameAsyncWait(h, -1), 1u);
   EXPECT_EQ(VelmoDoFrameAsyncWait(h, 0), 1u);
   EXPECT_EQ(VelmoStateOf(h)->FramesPlayed, 0u);
   EXPECT_EQ(h->FrameBuffers->Current, 0u);
-  VelmoClose(h);
-}
-
-TEST_F(VelmoAsyncTest, SecondStartOnAHandleIsRefusedUntilCollected) {
-  Start({0, 1});
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
-  HVELMO h = OpenImage(File);
-  const uint32_t numbers[] = {0, 1};
-  ASSERT_EQ(VelmoDoFrameAsync(h, numbers, 2), 1u);
-  // Only this thread collects this handle's answers, so the slots stay set until it waits.
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoDoFrameAsync(h, numbers, 2), 0u);
-  EXPECT_STREQ(VelmoGetError(),
-               "There is already an async decompression in progress on this HVELMO.");
-  VelmoNextFrame(h);
-  VelmoGoto(h, 3, VelmoGotoExact | VelmoGotoDirect);
-  EXPECT_EQ(h->FrameNum, 1u);  // no frame is selected while slices are out
-  EXPECT_EQ(VelmoDoFrameAsyncWait(h, -1), 1u);
-  EXPECT_EQ(Picture(h), Reference(1));
-  // The frame is complete: a second decode of it is refused quietly, as VelmoDoFrame's is.
-  VelmoSetError("none");
-  EXPECT_EQ(VelmoDoFrameAsync(h, numbers, 2), 0u);
-  EXPECT_STREQ(VelmoGetError(), "none");
-  VelmoNextFrame(h);
-  EXPECT_EQ(h->FrameNum, 2u);
-  VelmoClose(h);
-}
-
-TEST_F(VelmoAsyncTest, SlotOnAThreadThatNeverRanIsABrokenQueue) {
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
-  HVELMO h = OpenImage(File);
-  // A slot that names a thread number that never had queues cannot be collected; the wait
-  // gives it up instead of waiting for ever.
   h->AsyncSlots[0] = 45 | Given;  // no test starts thread 45
   VelmoSetError("none");
   EXPECT_EQ(VelmoDoFrameAsyncWait(h, -1), 1u);
@@ -284,12 +246,31 @@ TEST_F(VelmoAsyncTest, SlotOnAThreadThatNeverRanIsABrokenQueue) {
   VelmoClose(h);
 }
 
+TEST_F(VelmoAsyncTest, SecondStartOnAHandleIsRefusedUntilCollected) {
+  Start({0, 1});
+  HVELMO h = OpenImage(File);
+  const uint32_t numbers[] = {0, 1};
+  ASSERT_EQ(VelmoDoFrameAsync(h, numbers, 2), 1u);
+  // Only this thread collects this handle's answers, so the slots stay set until it waits.
+  EXPECT_EQ(Refusal([&] { return VelmoDoFrameAsync(h, numbers, 2); }),
+            "There is already an async decompression in progress on this HVELMO.");
+  VelmoNextFrame(h);
+  VelmoGoto(h, 3, VelmoGotoExact | VelmoGotoDirect);
+  EXPECT_EQ(h->FrameNum, 1u);  // no frame is selected while slices are out
+  EXPECT_EQ(VelmoDoFrameAsyncWait(h, -1), 1u);
+  EXPECT_EQ(Picture(h), Reference(1));
+  // The frame is complete: a second decode of it is refused quietly, as VelmoDoFrame's is.
+  EXPECT_EQ(Refusal([&] { return VelmoDoFrameAsync(h, numbers, 2); }), "none");
+  VelmoNextFrame(h);
+  EXPECT_EQ(h->FrameNum, 2u);
+  VelmoClose(h);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Shares and thread order
 
 TEST_F(VelmoAsyncTest, ThreadsBeyondTheSlicesGetNothing) {
   Start({20, 21, 22});
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
   HVELMO h = OpenImage(File);
   const uint32_t numbers[] = {20, 21, 22};
   ASSERT_EQ(VelmoDoFrameAsync(h, numbers, 3), 1u);
@@ -305,7 +286,6 @@ TEST_F(VelmoAsyncTest, ThreadsBeyondTheSlicesGetNothing) {
 
 TEST_F(VelmoAsyncTest, HeldWorkerKeepsTheFrameOpenAndFullerQueuesGoLast) {
   Start({30, 31});
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
   HVELMO a = OpenGated();
   HoldWorker(a, 30);
   // Held: asking gives 0 and does no end work; the walk does not move.
@@ -340,7 +320,6 @@ TEST_F(VelmoAsyncTest, HeldWorkerKeepsTheFrameOpenAndFullerQueuesGoLast) {
 
 TEST_F(VelmoAsyncTest, FullQueueIsEmptiedThroughTheAnswers) {
   Start({40});
-  File = BuildFile(MixedFirstGenerationPlan(16, 16, 2));
   HVELMO held = OpenGated();
   HoldWorker(held, 40);
   // The held worker took its message; 32 more fill its queue.
@@ -373,7 +352,6 @@ TEST_F(VelmoAsyncTest, FullQueueIsEmptiedThroughTheAnswers) {
 // Stopping, restarting, closing
 
 TEST_F(VelmoAsyncTest, StopFinishesQueuedSlicesAndANumberCanStartAgain) {
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
   HVELMO h = OpenImage(File);
   const uint32_t number = 2;
   for (int round = 0; round < 2; ++round) {
@@ -386,10 +364,9 @@ TEST_F(VelmoAsyncTest, StopFinishesQueuedSlicesAndANumberCanStartAgain) {
     EXPECT_EQ(VelmoWaitStopAsyncThread(number), 1u);
     EXPECT_EQ(VelmoDoFrameAsyncWait(h, -1), 1u);
     EXPECT_EQ(Picture(h), Reference(h->FrameNum));
-    VelmoSetError("none");
     VelmoNextFrame(h);
-    EXPECT_EQ(VelmoDoFrameAsync(h, &number, 1), 0u);
-    EXPECT_STREQ(VelmoGetError(), "Thread number not started.");
+    EXPECT_EQ(Refusal([&] { return VelmoDoFrameAsync(h, &number, 1); }),
+              "Thread number not started.");
   }
   EXPECT_EQ(VelmoStateOf(h)->FramesPlayed, 2u);
   // A wait for the stop of a running thread asks for it first.
@@ -403,7 +380,6 @@ TEST_F(VelmoAsyncTest, StopFinishesQueuedSlicesAndANumberCanStartAgain) {
 
 TEST_F(VelmoAsyncTest, CloseWaitsForRunningSlices) {
   Start({50, 51});
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
   HVELMO h = OpenGated();
   AtomicStore(&Gate.Armed, 1);
   const uint32_t numbers[] = {50, 51};
@@ -430,7 +406,6 @@ TEST_F(VelmoAsyncTest, CloseWaitsForRunningSlices) {
 
 TEST_F(VelmoAsyncTest, CloseOfAHandleWhoseSlicesNeverStarted) {
   Start({52});
-  File = BuildFile(MixedFirstGenerationPlan(32, 32, 3));
   HVELMO held = OpenGated();
   HoldWorker(held, 52);
   HVELMO waiting = OpenImage(File);

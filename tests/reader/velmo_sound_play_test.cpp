@@ -5,6 +5,7 @@
 #include "reader/velmo_sound.h"
 #include "reader/velmo_sound_null.h"
 #include "sound_test_files.h"
+#include "support/files.h"
 #include "velmo_test_files.h"
 
 #include <gtest/gtest.h>
@@ -144,15 +145,14 @@ TEST_F(TrackReaderTest, RefusesATrackWhoseFrameSizeCannotBeTrue) {
   ASSERT_TRUE(VelmoParseHeader(sf.File.data(), sf.File.size(), &header));
   // TrackMaxBytes is the first table, behind the header and its extras.
   const size_t at = VelmoHeaderSize + VelmoExtrasSize(header.Magic, header.Flags);
-  const uint32_t honest = uint32_t(sf.File[at]) | uint32_t(sf.File[at + 1]) << 8 |
-                          uint32_t(sf.File[at + 2]) << 16 | uint32_t(sf.File[at + 3]) << 24;
+  const uint32_t honest = test_support::Le32(sf.File, at);
   ASSERT_GT(honest, 0u);
   // 30 frames a second: a frame's time rounds up to one second, and one more is allowed.
   const uint32_t claims[] = {honest, 2 * 22050 * 2, 2 * 22050 * 2 + 1, 0xFFFFFFFFu};
   const bool refused[] = {false, false, true, true};
   for (size_t i = 0; i < 4; ++i) {
     std::vector<uint8_t> file = sf.File;
-    for (int b = 0; b < 4; ++b) file[at + size_t(b)] = uint8_t(claims[i] >> (8 * b));
+    Store32(&file, at, claims[i]);
     HVELMO h = OpenImage(file, VelmoOpenNoBuffers);
     ASSERT_NE(h, nullptr) << VelmoGetError();
     VelmoTrackReader* t = VelmoOpenTrack(h, 0);
@@ -174,8 +174,13 @@ class SoundPlayTest : public VelmoTest {
 
   void SetUp() override {
     VelmoTest::SetUp();
-    Config.Clock = FakeClock;
+    FreshConfig();
     ASSERT_EQ(VelmoSetSoundSystem(VelmoNullSoundSelect, uintptr_t(&Config)), 1u);
+  }
+  // The null back end's settings and logs as new, on the tests' clock.
+  void FreshConfig() {
+    Config = VelmoNullSoundConfig{};
+    Config.Clock = FakeClock;
   }
   void TearDown() override {
     VelmoSetSoundSystem(nullptr, 0);
@@ -283,8 +288,7 @@ TEST_F(SoundPlayTest, AskedIdsOpenOnceInOrderAndUnusableOrMissingOnesAreSkipped)
                {{5, 3}, -1, {}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.Ids) + " " + std::to_string(c.BackEnd));
-    Config = VelmoNullSoundConfig{};
-    Config.Clock = FakeClock;
+    FreshConfig();
     Config.RefuseOpen = c.BackEnd < 0;
     VelmoSetSoundSystem(c.BackEnd ? VelmoNullSoundSelect : nullptr, uintptr_t(&Config));
     HVELMO h = Open(sf.File, c.Ids);
@@ -406,8 +410,7 @@ TEST_F(SoundPlayTest, TheDevicesSpeedSetsTheFrameClock) {
                         {0x20000, 0, 0x10000, 32, 33}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.RateScale);
-    Config = VelmoNullSoundConfig{};
-    Config.Clock = FakeClock;
+    FreshConfig();
     Config.RateScale = c.RateScale;
     Config.ReportScale = c.ReportScale;
     FakeNow = 1000;
@@ -463,8 +466,7 @@ TEST_F(SoundPlayTest, GotoRunsUpOneSecondOfSoundToTheTarget) {
   // A short device latency makes Prefill the whole ring less 16 bytes.
   for (uint32_t latency : {700u, 200u}) {
     SCOPED_TRACE(latency);
-    Config = VelmoNullSoundConfig{};
-    Config.Clock = FakeClock;
+    FreshConfig();
     Config.Latency = latency;
     HVELMO h = Open(sf.File, {0});
     ASSERT_NE(h, nullptr);

@@ -33,6 +33,7 @@ class VelmoWalkTest : public VelmoTest {
   }
 };
 
+// Frames in order, then round again; a file of a single frame stays on it.
 TEST_F(VelmoWalkTest, FramesInOrderThenLoop) {
   FilePlan s;
   s.Frames = 4;
@@ -48,12 +49,9 @@ TEST_F(VelmoWalkTest, FramesInOrderThenLoop) {
   EXPECT_EQ(seen, (std::vector<uint32_t>{1, 2, 3, 4, 1, 2, 3}));
   EXPECT_EQ(before, (std::vector<uint32_t>{1, 2, 3, 4, 1, 2}));
   VelmoClose(h);
-}
 
-TEST_F(VelmoWalkTest, SingleFrameFileStaysOnFrameOne) {
-  FilePlan s;
   s.Frames = 1;
-  HVELMO h = Open(s);
+  h = Open(s);
   EXPECT_EQ(VelmoDoFrame(h), 1u);
   VelmoNextFrame(h);
   EXPECT_EQ(h->FrameNum, 1u);
@@ -73,8 +71,11 @@ TEST_F(VelmoWalkTest, SecondDecodeOfOneFrameDoesNothing) {
   VelmoClose(h);
 }
 
-TEST_F(VelmoWalkTest, WaitFollowsTheFrameClock) {
+// Waits follow the frame clock; a stall without sound restarts it.
+TEST_F(VelmoWalkTest, WaitFollowsTheFrameClockAndAStallWithoutSoundRestartsIt) {
   HVELMO h = Open();  // 30 frames per second: frames are due at 33, 66, 100 ms
+  VelmoState* st = VelmoStateOf(h);
+  EXPECT_EQ(st->LateLimit, 66u);
   EXPECT_EQ(VelmoWait(h), 0u);  // nothing played yet
   uint32_t played = 1000;
   for (uint32_t due : {1033u, 1066u}) {
@@ -84,15 +85,6 @@ TEST_F(VelmoWalkTest, WaitFollowsTheFrameClock) {
     FakeNow = played = due;
     EXPECT_EQ(VelmoWait(h), 0u) << due;
   }
-  VelmoClose(h);
-}
-
-TEST_F(VelmoWalkTest, StallWithoutSoundRestartsTheClock) {
-  HVELMO h = Open();
-  VelmoState* st = VelmoStateOf(h);
-  EXPECT_EQ(st->LateLimit, 66u);
-  PlayAt(h, 1000);
-  PlayAt(h, 1033);
   PlayAt(h, 1066);
   // Frame 4 is due at 1100. Two late limits behind is still caught up frame by frame.
   FakeNow = 1100 + 132;

@@ -195,6 +195,14 @@ TEST_F(OrnFileInfo, NothingReadIsAnInputErrorWithTheReason) {
   EXPECT_EQ(RunTail("orninfo " + dir).code, 0);
 }
 
+// The report of `name` alone on standard output, as the program prints it.
+std::string InfoReport(const std::string& name) {
+  const ToolOutcome report = RunShell("ORN_CONSOLE=1 '" + std::string(ORN_PROGRAM_PATH) +
+                                      "' ORNInfo /#77 '" + name + "' </dev/null 2>/dev/null");
+  EXPECT_EQ(report.code, 0) << name;
+  return report.output;
+}
+
 // A first-generation Velmo file of two frames made by the compressor, with extra switches.
 void MakeVelmo(const std::string& dir, int size, const std::string& name, const std::string& extra) {
   WritePng(dir + "/in1.png", size, size, false);
@@ -206,10 +214,7 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
   const std::string vlm = dir + "/clip.vlm";
   MakeVelmo(dir, 32, vlm, " /*hello");
   // The report alone on standard output, its lines ended by newlines.
-  const ToolOutcome report = RunShell("ORN_CONSOLE=1 '" + std::string(ORN_PROGRAM_PATH) +
-                                      "' ORNInfo /#77 '" + vlm + "' </dev/null 2>/dev/null");
-  ASSERT_EQ(report.code, 0);
-  const std::string& out = report.output;
+  const std::string out = InfoReport(vlm);
   EXPECT_FALSE(Has(out, "\r"));
   EXPECT_EQ(out.find("    Video format: "), 0u) << out;
   const char* const lines[] = {"\n    Width: 32\n",
@@ -231,14 +236,6 @@ TEST_F(OrnFileInfo, VelmoFileThroughTheProgram) {
   EXPECT_EQ(both.Times("Video format: "), 1u) << both.output;
   EXPECT_EQ(both.Times("Extra text: hello"), 1u) << both.output;
   EXPECT_EQ(RunTail("orninfo").code, 8002 & 255);
-}
-
-// The report of a second-generation file alone on standard output.
-std::string InfoReport(const std::string& name) {
-  const ToolOutcome report = RunShell("ORN_CONSOLE=1 '" + std::string(ORN_PROGRAM_PATH) +
-                                      "' ORNInfo /#77 '" + name + "' </dev/null 2>/dev/null");
-  EXPECT_EQ(report.code, 0) << name;
-  return report.output;
 }
 
 TEST_F(OrnFileInfo, SecondGenerationFilesShowTypeSizeFramesAndColourSpace) {
