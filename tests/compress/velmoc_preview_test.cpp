@@ -31,6 +31,7 @@ struct PreviewScript {
   std::vector<uint32_t> FramesOnDisk;  // the file's frame count when the player started
   volatile uint32_t Open = 0;          // a preview is showing
   volatile uint32_t Release = 0;       // the preview may end
+  volatile uint32_t Ended = 0;         // previews that have ended
   // The user (on the main thread).
   volatile uint32_t FramesRead = 0;
   volatile uint32_t Held = 1;  // frames from 6 on wait while set
@@ -57,6 +58,7 @@ int FakePlayer(const char* file, bool lowPriority) {
   for (const uint32_t start = TimerMs(); !AtomicRead(&g.Release) && TimerMs() - start < 10000;)
     ThreadSleep(1);
   AtomicStore(&g.Open, 0);
+  AtomicAdd(&g.Ended, 1);
   return 0;
 }
 
@@ -114,7 +116,7 @@ void AfterRunStep(ToolDialog* d) {
   if (g.Presses == 0 && TextOf(d, VelmocIdRemaining) == "Done!") {
     ToolDialogUserCommand(d, VelmocIdView);
     g.Presses = 1;
-  } else if (g.Presses == 1 && !g.Files.empty() && !AtomicRead(&g.Open) && !g.Closed) {
+  } else if (g.Presses == 1 && AtomicRead(&g.Ended) && !g.Closed) {
     ToolDialogUserClose(d);
     g.Closed = true;
   }
