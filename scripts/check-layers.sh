@@ -85,6 +85,7 @@ target_layer() {
     orn_host_gui) echo host/gui ;;
     orn_compress_tool) echo compress/tool ;;
     orn_player_sound) echo player/sound ;;
+    orn_endcard_clip) echo main ;;  # the end-card's data, made by a helper of main
     orn_*) echo "${1#orn_}" ;;
   esac
 }

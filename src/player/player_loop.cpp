@@ -67,8 +67,22 @@ bool OpenNext(PlayerState* s, const PlayerHost& host) {
   return true;
 }
 
-// The end of a file: the next name, the list anew, or leaving.
-void EndOfFile(PlayerState* s) {
+// With /S: the summary of the file now open, formed before its handle closes.
+void FormSummary(PlayerState* s) {
+  VelmoSummary summary{};
+  VelmoGetSummary(s->Handle, &summary);
+  PlayerSummaryExtras extras;
+  extras.SkippedBlits = s->SkippedBlits;
+  extras.OpenGL = s->UsesGpu;
+  extras.ScreenWidth = s->ScreenWidth;
+  extras.ScreenHeight = s->ScreenHeight;
+  s->Summary = PlayerSummaryText(summary, extras);
+}
+
+void StartEndCard(PlayerState* s, const PlayerHost& host);
+
+// The end of a file: the next name, the list anew, or the end-card and leaving.
+void EndOfFile(PlayerState* s, const PlayerHost& host) {
   const bool quit = s->QuitState == 1;
   s->GoNextFile = false;
   s->QuitState = 0;
@@ -79,10 +93,7 @@ void EndOfFile(PlayerState* s) {
     return;
   }
   if (s->NextName >= s->Names.size()) {
-    if (s->RepeatAll <= 1) {
-      s->Leaving = true;
-      return;
-    }
+    if (s->RepeatAll <= 1) return StartEndCard(s, host);
     --s->RepeatAll;
     s->NextName = 0;
   }
@@ -184,19 +195,65 @@ void Pace(PlayerState* s, const PlayerHost& host) {
 
 void Leave(PlayerState* s, const PlayerHost& host) {
   if (s->Handle) VelmoDoFrameAsyncWait(s->Handle, -1);
-  if (s->Options.Summary && s->Handle) {
-    VelmoSummary summary{};
-    VelmoGetSummary(s->Handle, &summary);
-    PlayerSummaryExtras extras;
-    extras.SkippedBlits = s->SkippedBlits;
-    extras.OpenGL = s->UsesGpu;
-    extras.ScreenWidth = s->ScreenWidth;
-    extras.ScreenHeight = s->ScreenHeight;
-    s->Summary = PlayerSummaryText(summary, extras);
-  }
+  if (s->Options.Summary && s->Handle && !s->EndCard) FormSummary(s);
   if (host.Leave) host.Leave(host.Context, s);
   CloseFile(s);
   StopAsyncThreads(s);
+}
+
+// ---- The end-card ----------------------------------------------------------------------------
+
+// After the last file: the clip from memory, at its own size in the same window, looping for
+// its time, without statistics and unpaused. Without a clip, or with one that does not open
+// or cannot be shown, the player leaves at once.
+void StartEndCard(PlayerState* s, const PlayerHost& host) {
+  if (s->Options.Summary) FormSummary(s);
+  CloseFile(s);
+  s->Leaving = true;
+  if (!s->EndCardClip || !s->EndCardSize) return;
+  VelmoOpenOptions options{};
+  options.ImageSize = s->EndCardSize;
+  const uint32_t flags = VelmoOpenImage | (s->Options.OpenFlags & VelmoOpenNoBackground);
+  s->Handle = VelmoOpenWithOptions(static_cast<const char*>(s->EndCardClip), &options, flags);
+  if (!s->Handle) return;
+  s->EndCard = true;
+  s->LoopCount = PlayerEndCardLoops;
+  s->Options.Statistics = false;
+  s->Options.WidthNum = s->Options.HeightNum = 0;
+  s->Paused = s->UserPaused = false;
+  s->Seeking = 0;
+  s->ShownFrame = 0;
+  if (host.Setup && !host.Setup(host.Context, s)) {
+    s->Error.clear();
+    s->EndCard = false;
+    CloseFile(s);
+    return;
+  }
+  s->Leaving = false;
+  s->EndCardStart = Now(host);
+  StartDecode(s);
+}
+
+// Events while the card shows: a quitting key or the close box leaves, a click opens the
+// maker's page (the run goes on), everything else is let be.
+void EndCardEvent(PlayerState* s, const PlayerHost& host, const PlayerEvent& e) {
+  switch (e.Type) {
+    case PlayerEventKey:
+      if (e.Value == PlayerKeyEscape && !(s->Options.DisabledControls & PlayerDisableQuit))
+        s->QuitState = 2;
+      return;
+    case PlayerEventClose: s->QuitState = 2; return;
+    case PlayerEventClick:
+      if (!s->MakerPage.empty() && host.OpenPage)
+        host.OpenPage(host.Context, (s->MakerPage + PlayerMakerQuery).c_str());
+      return;
+    case PlayerEventFocus: s->HasFocus = e.Value != 0; return;
+    case PlayerEventMouseMove: return;
+  }
+}
+
+bool EndCardOver(const PlayerState* s, const PlayerHost& host) {
+  return s->QuitState == 2 || Now(host) - s->EndCardStart >= PlayerEndCardMs;
 }
 
 }  // namespace
@@ -233,6 +290,7 @@ bool EndsSaver(PlayerState* s, const PlayerEvent& e) {
 }
 
 void PlayerHandleEvent(PlayerState* s, const PlayerHost& host, const PlayerEvent& e) {
+  if (s->EndCard) return EndCardEvent(s, host, e);
   if ((s->ScreenSaver == 1 || s->ScreenSaver == 2) && EndsSaver(s, e)) {
     s->QuitState = 1;
     return;
@@ -260,7 +318,11 @@ void PlayerPlayStep(PlayerState* s, const PlayerHost& host) {
     ++s->SleepDebt;
     return;
   }
-  if (s->GoNextFile || s->QuitState == 1) return EndOfFile(s);
+  if (s->EndCard) {
+    s->SleepDebt += 100;
+    return Present(s, host);
+  }
+  if (s->GoNextFile || s->QuitState == 1) return EndOfFile(s, host);
   Present(s, host);
 }
 
@@ -275,6 +337,10 @@ int PlayerRun(PlayerState* s, const PlayerHost& host) {
       return 1;
     }
     while (!s->Leaving && s->Handle) {
+      if (s->EndCard && EndCardOver(s, host)) {
+        s->Leaving = true;
+        break;
+      }
       PlayerEvent event;
       if (host.NextEvent && host.NextEvent(host.Context, &event)) {
         PlayerHandleEvent(s, host, event);

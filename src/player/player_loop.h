@@ -45,6 +45,11 @@ struct PlayerEvent {
 
 constexpr int32_t PlayerExposureLow = -40, PlayerExposureHigh = 4;
 constexpr int32_t PlayerSleepDebtLimit = 100;
+// The end-card: how long it shows, the passes it is given (more than it can play in that
+// time), and the query that a click adds to the maker's address.
+constexpr uint32_t PlayerEndCardMs = 2250;
+constexpr int32_t PlayerEndCardLoops = 0x10000;
+constexpr const char* PlayerMakerQuery = "?from=velmoplay64&ver=2020.06.2";
 
 // The process's player state. Tests read it after a run.
 struct PlayerState {
@@ -60,7 +65,7 @@ struct PlayerState {
   uint32_t Seeking = 0;         // target frame, 0 when not seeking
   uint32_t ShownFrame = 0;
   int32_t SleepDebt = 0;
-  int32_t QuitState = 0;        // 1 the user quits
+  int32_t QuitState = 0;        // 1 the user quits; 2 the user leaves the end-card
   bool GoNextFile = false;
   bool Leaving = false;
   int32_t Exposure = 0;         // quarter stops
@@ -82,6 +87,13 @@ struct PlayerState {
   int32_t SaverMoves = 0;       // mouse movements seen while a full-screen saver runs
   std::string Error;            // the text of a failure, shown in "Velmo Error"
   std::string Summary;          // with /S, formed before the last handle closed
+  // The end-card that follows the last file: a clip in memory (none when null), and the
+  // maker's page that a click on it opens (nothing when empty).
+  const void* EndCardClip = nullptr;
+  size_t EndCardSize = 0;
+  std::string MakerPage;
+  bool EndCard = false;         // the end-card plays
+  uint32_t EndCardStart = 0;    // when it began
 };
 
 // The host's services. `Context` is handed back to each.
@@ -107,6 +119,8 @@ struct PlayerHost {
   uintptr_t SoundParameter = 0;
   // Called with each file just opened, before Setup (several speakers route its tracks here).
   void (*Opened)(HVELMO handle) = nullptr;
+  // Opens a web address with the desktop's handler (the end-card's click).
+  void (*OpenPage)(void* context, const char* address) = nullptr;
   // Async threads to start (0: one per processor, at most 8).
   uint32_t AsyncThreadCount = 0;
 };

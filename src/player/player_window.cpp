@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "host/platform.h"
+#include "host/process_start.h"
 #include "player/player_gl.h"
 #include "player/player_text.h"
 
@@ -42,7 +43,7 @@ namespace {
 PlayerWindow* Of(void* context) { return static_cast<PlayerWindow*>(context); }
 
 bool SliderShows(const PlayerWindow* w, const PlayerState* s, uint32_t now) {
-  if (!s->Handle) return false;
+  if (!s->Handle || s->EndCard) return false;
   PlayerSliderView view;
   view.Frames = s->Handle->Frames;
   view.Disabled = (s->Options.DisabledControls & PlayerDisableSlider) != 0;
@@ -345,6 +346,7 @@ PlayerHost PlayerWindowHost(PlayerWindow* w) {
   host.Setup = Setup;
   host.Present = Present;
   host.SliderFrame = SliderFrame;
+  host.OpenPage = [](void*, const char* address) { ProcessOpenAddress(address); };
   return host;
 }
 

@@ -8,6 +8,7 @@
 #include "host/settings.h"
 #include "host/toolframe.h"
 #include "player/player_builtin.h"
+#include "player/player_endcard.h"
 #include "player/player_loop.h"
 #include "player/player_saver.h"
 #include "player/player_window.h"
@@ -36,6 +37,11 @@ int VelmoPlayMain(void*, void*, char* commandTail, int) {
   }
   PlayerApplySaver(saver, &state.Options);
   state.ScreenSaver = PlayerSaverValue(saver);
+  // A plain run ends with the end-card; a screen saver does not.
+  if (saver.Kind == PlayerSaverNone) {
+    state.EndCardClip = PlayerEndCardClip(&state.EndCardSize);
+    state.MakerPage = PlayerMakerPage();
+  }
   PlayerWindow* window = PlayerWindowCreate(state.Options);
   if (!window) {
     QuietFrameBox("Error creating window.", "Windows", ToolIconStop);

@@ -158,18 +158,29 @@ inline void ClipClose(VelmocSource* source) { delete reinterpret_cast<ClipSource
 inline const VelmocSourceOps ClipOps{ClipOpen, ClipInfo, ClipFrame, ClipClose,
                                      nullptr, nullptr, nullptr};
 
+// The console front end with a step of its own (to press buttons and answer boxes as a user).
+inline ToolFrontEnd ConsoleStepping(const char* name, void (*step)(ToolDialog*, int)) {
+  ToolFrontEnd f = *ToolConsoleFrontEnd();
+  f.name = name;
+  f.step = step;
+  return f;
+}
+
 // Runs the compressor tool behind the tool shell with `source` as its input (null: the media
-// layer), on `front` or, by default, on the console front end with its printout captured.
+// layer), on `front` or, by default, on the console front end with its printout captured. On
+// `front`, the dialog stays after the run when `closeWhenDone` is false, until the front end
+// closes it.
 inline test_support::ToolOutcome RunVelmoc(const std::string& tail,
                                           const VelmocSourceOps* source = &ClipOps,
-                                          const ToolFrontEnd* front = nullptr) {
+                                          const ToolFrontEnd* front = nullptr,
+                                          bool closeWhenDone = true) {
   VelmocRegisterDialog();
   VelmocSetSource(source);
   test_support::ToolOutcome result;
   if (front) {
     ToolFrameSetFrontEnd(front);
-    result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, true, VelmocMain, VelmocCommand,
-                               "velmoc");
+    result.code = ToolFrameRun(nullptr, 0, tail.c_str(), 1, closeWhenDone, VelmocMain,
+                               VelmocCommand, "velmoc");
     ToolFrameSetFrontEnd(ToolConsoleFrontEnd());
   } else {
     result = test_support::RunToolHere(VelmocMain, VelmocCommand, "velmoc", tail);

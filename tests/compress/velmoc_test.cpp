@@ -603,14 +603,6 @@ TEST(VelmocRun, CompressesAClipThatDecodesWell) {
   EXPECT_EQ(Played(out).Info.Header.Frames, 4u);
 }
 
-// The console front end with a step of its own.
-ToolFrontEnd ConsoleStepping(const char* name, void (*step)(ToolDialog*, int)) {
-  ToolFrontEnd f = *ToolConsoleFrontEnd();
-  f.name = name;
-  f.step = step;
-  return f;
-}
-
 // The console front end, except that every question is answered Yes.
 void AnswerYes(ToolBox* box) {
   if (box && !box->answered && box->buttonCount > 1 && box->buttons[0] == ToolButtonYes) {

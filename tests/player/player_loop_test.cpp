@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@ struct Shown {
   bool Seeking;
   bool Paused;
   uint32_t At;
+  bool Card;  // the end-card's
 };
 
 struct ScriptedEvent {
@@ -40,6 +42,16 @@ struct FakeHost {
   std::vector<std::string> Setups;
   uint32_t SliderAnswer = 0;
   uint32_t SleepCalls = 0;
+  // Each setup: whether it was the end-card's, the picture's planned size, the statistics.
+  struct Setup {
+    bool Card;
+    int32_t Width, Height;
+    bool Statistics;
+    uint32_t At;
+  };
+  std::vector<Setup> SetupViews;
+  bool RefuseCard = false;         // the end-card's setup fails
+  std::vector<std::string> Pages;  // addresses asked to be opened
 
   static FakeHost* Of(void* c) { return static_cast<FakeHost*>(c); }
   PlayerHost Host() {
@@ -58,12 +70,19 @@ struct FakeHost {
       return true;
     };
     h.Setup = [](void* c, PlayerState* s) {
-      Of(c)->Setups.push_back(s->FileTitle);
-      return true;
+      FakeHost* f = Of(c);
+      f->Setups.push_back(s->FileTitle);
+      const PlayerWindowPlan plan = PlayerPlanWindow(s->Options, int32_t(s->Handle->Width),
+                                                     int32_t(s->Handle->Height), 1024, 768);
+      f->SetupViews.push_back({s->EndCard, plan.VideoWidth, plan.VideoHeight,
+                               s->Options.Statistics, FakeMs - f->Start});
+      return !(s->EndCard && f->RefuseCard);
     };
     h.Present = [](void* c, PlayerState* s) {
-      Of(c)->Presents.push_back({s->ShownFrame, s->Seeking != 0, s->Paused, FakeMs - Of(c)->Start});
+      Of(c)->Presents.push_back(
+          {s->ShownFrame, s->Seeking != 0, s->Paused, FakeMs - Of(c)->Start, s->EndCard});
     };
+    h.OpenPage = [](void* c, const char* address) { Of(c)->Pages.push_back(address); };
     h.SliderFrame = [](void* c, const PlayerState*, int32_t, int32_t) { return Of(c)->SliderAnswer; };
     h.AsyncThreadCount = 2;
     return h;
@@ -75,13 +94,19 @@ struct FakeHost {
     Script.push_back({ms, e});
   }
   void Key(uint32_t ms, PlayerKey key) { At(ms, PlayerEventKey, key); }
-  // The frames shown when no seek was passing over them.
+  // The frames of the files shown when no seek was passing over them.
   std::vector<uint32_t> Frames() const {
     std::vector<uint32_t> out;
     for (const Shown& s : Presents)
-      if (!s.Seeking) out.push_back(s.Frame);
+      if (!s.Seeking && !s.Card) out.push_back(s.Frame);
     return out;
   }
+  size_t CardPresents() const {
+    size_t n = 0;
+    for (const Shown& s : Presents) n += s.Card;
+    return n;
+  }
+  uint32_t Elapsed() const { return FakeMs - Start; }
 };
 
 std::vector<uint32_t> Span(uint32_t first, uint32_t last) {
@@ -291,6 +316,137 @@ TEST_F(PlayerLoopTest, FocusLossPausesWithJ) {
   EXPECT_EQ(Play(clip + " /J", &host), 0);
   EXPECT_EQ(host.Frames(), Span(1, 12));
   for (const Shown& s : host.Presents) EXPECT_TRUE(s.At < 100 || s.At >= 900) << s.At;
+}
+
+// ---- The end-card ------------------------------------------------------------------------------
+
+class PlayerEndCardTest : public PlayerLoopTest {
+ protected:
+  // Registers a 48 x 32 clip of `frames` frames, held in memory, as the end-card.
+  void GiveCard(uint32_t frames) {
+    card = velmo_test::BuildFile(velmo_test::MixedFirstGenerationPlan(48, 32, frames));
+    state.EndCardClip = card.data();
+    state.EndCardSize = card.size();
+  }
+  // When the card's setup came, and how long it stood until the player left.
+  uint32_t CardStart(const FakeHost& host) const {
+    for (const FakeHost::Setup& v : host.SetupViews)
+      if (v.Card) return v.At;
+    ADD_FAILURE() << "no end-card";
+    return 0;
+  }
+  uint32_t CardTime(const FakeHost& host) const { return host.Elapsed() - CardStart(host); }
+
+  std::vector<uint8_t> card;
+};
+
+TEST_F(PlayerEndCardTest, FollowsTheLastFileAtItsOwnSizeForItsTime) {
+  const std::string a = Clip("a.vlm", 6), b = Clip("b.vlm", 4);
+  GiveCard(12);
+  FakeHost host;
+  EXPECT_EQ(Play(a + " " + b + " /Q /W-2 /H-2 /S", &host), 0) << state.Error;
+  // Both files whole, then the card; never between the files.
+  EXPECT_EQ(host.Frames(), Joined({Span(1, 6), Span(1, 4)}));
+  ASSERT_EQ(host.SetupViews.size(), 3u);
+  EXPECT_FALSE(host.SetupViews[1].Card);
+  const FakeHost::Setup& view = host.SetupViews[2];
+  EXPECT_TRUE(view.Card);
+  EXPECT_FALSE(view.Statistics);
+  EXPECT_EQ(view.Width, 48);
+  EXPECT_EQ(view.Height, 32);
+  EXPECT_EQ(host.SetupViews[0].Width, 128);  // the files themselves as asked, twice their size
+  size_t firstCard = host.Presents.size();
+  for (size_t i = 0; i < host.Presents.size(); ++i)
+    if (host.Presents[i].Card) firstCard = std::min(firstCard, i);
+  for (size_t i = firstCard; i < host.Presents.size(); ++i) {
+    EXPECT_TRUE(host.Presents[i].Card) << i;
+    EXPECT_FALSE(host.Presents[i].Paused) << i;
+  }
+  // It shows for its time, a frame each turn of at most 100 ms of sleep, looping as it must.
+  EXPECT_GE(CardTime(host), PlayerEndCardMs);
+  EXPECT_LE(CardTime(host), PlayerEndCardMs + 100);
+  EXPECT_GE(host.CardPresents(), 15u);
+  EXPECT_LE(host.CardPresents(), PlayerEndCardMs / 100 + 2);
+  EXPECT_EQ(state.QuitState, 0);
+  EXPECT_EQ(state.Handle, nullptr);
+  // The summary is the last file's, not the card's.
+  EXPECT_NE(state.Summary.find("Total frames: 4\n"), std::string::npos) << state.Summary;
+}
+
+TEST_F(PlayerEndCardTest, AClickOpensTheMakersPageOnlyWhenOneIsSet) {
+  const std::string a = Clip("a.vlm", 6);
+  for (const std::string page : {"", "https://example.org/velmo"}) {
+    SCOPED_TRACE(page);
+    state = PlayerState{};
+    GiveCard(12);
+    state.MakerPage = page;
+    FakeHost host;
+    host.At(900, PlayerEventClick);
+    host.At(1200, PlayerEventClick);
+    EXPECT_EQ(Play(a, &host), 0);
+    if (page.empty())
+      EXPECT_TRUE(host.Pages.empty());
+    else
+      EXPECT_EQ(host.Pages, std::vector<std::string>(2, page + "?from=velmoplay64&ver=2020.06.2"));
+    // The clicks do not end the card, nor pause it.
+    EXPECT_GE(CardTime(host), PlayerEndCardMs);
+    EXPECT_FALSE(host.Presents.back().Paused);
+  }
+}
+
+TEST_F(PlayerEndCardTest, AQuittingKeyOrTheCloseBoxEndsIt) {
+  const std::string a = Clip("a.vlm", 6);
+  struct Case {
+    PlayerEventType Type;
+    int32_t Key;
+    const char* Line;
+    bool Ends;
+  };
+  for (const Case& c : {Case{PlayerEventKey, PlayerKeyEscape, "", true},
+                        Case{PlayerEventClose, 0, "", true},
+                        Case{PlayerEventKey, PlayerKeyEscape, " /U4", false},
+                        Case{PlayerEventKey, PlayerKeySpace, "", false},
+                        Case{PlayerEventKey, PlayerKeyDot, "", false}}) {
+    SCOPED_TRACE(std::to_string(int(c.Type)) + " " + std::to_string(c.Key) + c.Line);
+    state = PlayerState{};
+    GiveCard(12);
+    FakeHost host;
+    host.At(900, c.Type, c.Key);
+    EXPECT_EQ(Play(a + c.Line, &host), 0);
+    if (c.Ends) {
+      EXPECT_EQ(state.QuitState, 2);
+      EXPECT_LT(host.Elapsed(), 900u + 101);
+      EXPECT_LT(CardTime(host), PlayerEndCardMs);
+    } else {
+      EXPECT_EQ(state.QuitState, 0);
+      EXPECT_GE(CardTime(host), PlayerEndCardMs);
+    }
+  }
+}
+
+TEST_F(PlayerEndCardTest, ACardThatCannotBeShownEndsThePlayerAtOnce) {
+  const std::string a = Clip("a.vlm", 6);
+  const std::vector<uint8_t> junk(4096, 0x5a);
+  for (int kind = 0; kind < 3; ++kind) {
+    SCOPED_TRACE(kind);
+    state = PlayerState{};
+    FakeHost host;
+    if (kind == 0) {  // not a Velmo file
+      state.EndCardClip = junk.data();
+      state.EndCardSize = junk.size();
+    } else if (kind == 1) {  // the program carries none
+      state.EndCardClip = nullptr;
+    } else {  // it opens, but the window cannot show it
+      GiveCard(12);
+      host.RefuseCard = true;
+    }
+    EXPECT_EQ(Play(a, &host), 0) << state.Error;
+    EXPECT_TRUE(state.Error.empty()) << state.Error;
+    EXPECT_EQ(host.Frames(), Span(1, 6));
+    EXPECT_EQ(host.CardPresents(), 0u);
+    EXPECT_LE(host.Elapsed(), host.Presents.back().At + 101);
+    EXPECT_EQ(state.Handle, nullptr);
+  }
 }
 
 }  // namespace

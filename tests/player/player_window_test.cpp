@@ -34,6 +34,8 @@ struct Check {
   int LargestDiff = 0;
   bool StripChecked = false, StripYellowFrom16 = false, StripOnlyBlackAndYellow = true;
   std::string Title;
+  uint32_t CardPresents = 0;        // presents of the end-card
+  int32_t LastWidth = 0, LastHeight = 0;  // the window's size at the last present
 };
 Check G;
 
@@ -60,6 +62,7 @@ void CheckStrip(const std::vector<uint32_t>& screen, int32_t width, int32_t stri
 void ComparingPresent(void* context, PlayerState* s) {
   G.Window.Present(context, s);
   ++G.Presents;
+  G.CardPresents += s->EndCard;
   HVELMO h = s->Handle;
   if (!G.CompareWithCopyOut) {
     std::vector<uint32_t> screen;
@@ -78,6 +81,8 @@ void ComparingPresent(void* context, PlayerState* s) {
   std::vector<uint32_t> screen;
   int32_t w = 0, hgt = 0;
   ASSERT_TRUE(PlayerWindowReadPixels(G.Handle, &screen, &w, &hgt)) << SDL_GetError();
+  G.LastWidth = w;
+  G.LastHeight = hgt;
   if (w != plan.Width || hgt != plan.Height) {
     ADD_FAILURE() << "window " << w << " x " << hgt << ", planned " << plan.Width << " x "
                   << plan.Height;
@@ -269,6 +274,33 @@ TEST_F(PlayerWindowTest, OpenGLPathShowsWideRangeGreyByExposure) {
     // The planes hold even levels only, which moves the grey by a few steps.
     for (int shift = 0; shift < 24; shift += 8)
       EXPECT_NEAR(int((G.Centre >> shift) & 0xFF), expected, 8) << std::hex << G.Centre;
+  }
+}
+
+// After the last file the end-card plays in the same window, which takes the card's own size,
+// with its frames as the copy-out makes them, for its time.
+TEST_F(PlayerWindowTest, EndCardFollowsInTheSameWindowAtItsOwnSize) {
+  const std::vector<uint8_t> card =
+      velmo_test::BuildFile(velmo_test::MixedFirstGenerationPlan(48, 32, 12));
+  for (const int32_t draw : {int32_t(PlayerDraw2D), int32_t(PlayerDrawGL)}) {
+    SCOPED_TRACE(draw == PlayerDraw2D ? "2-D path" : "OpenGL path");
+    G = Check{};
+    G.Tolerance = draw == PlayerDraw2D ? 0 : 2;
+    G.StopAfter = 1000;  // the card's time ends the run
+    PlayerState state = Quiet(draw);
+    state.EndCardClip = card.data();
+    state.EndCardSize = card.size();
+    const uint32_t start = SDL_GetTicks();
+    EXPECT_EQ(Play(FirstGeneration(), &state), 0) << state.Error;
+    if (draw == PlayerDrawGL) SkipWithoutGl();
+    EXPECT_GE(SDL_GetTicks() - start, PlayerEndCardMs);
+    EXPECT_EQ(G.Presents - G.CardPresents, 6u);
+    EXPECT_GE(G.CardPresents, 5u);
+    EXPECT_EQ(G.Compared, G.Presents);
+    EXPECT_EQ(G.Mismatches, 0u) << "largest difference " << G.LargestDiff;
+    EXPECT_EQ(G.LastWidth, 48);
+    EXPECT_EQ(G.LastHeight, 32);
+    EXPECT_EQ(G.Title, "clip.vlm - Velmo Video Player");
   }
 }
 

@@ -16,6 +16,7 @@
 #include "compress/tool/velmoc_source.h"
 #include "host/bfile.h"
 #include "host/platform.h"
+#include "host/process_start.h"
 #include "host/switches.h"
 #include "media/sound.h"
 
@@ -71,6 +72,14 @@ struct Run {
 
   volatile int finished = 0;
   volatile uint32_t cancel = 0;
+  volatile uint32_t closed = 0;  // the output is in its place: a preview shows it
+  // The preview (View): one at a time, on a thread of its own that waits for the player; the
+  // end of the run waits while the counter is set.
+  volatile uint32_t previewBusy = 0;
+  PlatformThread previewThread{};
+  bool previewStarted = false;  // the thread has been started and not yet joined (main thread)
+  std::string previewFile;
+  bool previewLow = false;
   VelmoWriter* volatile liveWriter = nullptr;  // the writer while frames go in (tick, View)
   volatile uint32_t tickBusy = 0;
   uint32_t runFrames = 0, skipped = 0, startMs = 0, lastElapsedMs = 0;
@@ -86,7 +95,10 @@ struct Run {
     if (sound) SoundClose(sound);
     sound = nullptr;
   }
-  ~Run() { CloseSound(); }
+  ~Run() {
+    CloseSound();
+    if (previewStarted) ThreadJoin(&previewThread);
+  }
 };
 
 Run* RunOf(ToolDialog* dialog) { return static_cast<Run*>(ToolFrameState(dialog)); }
@@ -95,6 +107,56 @@ void SetStatus(Run& r, const char* text) {
   if (r.lastStatus == text) return;
   r.lastStatus = text;
   ToolFrameSetText(ToolIdStatus, text);
+}
+
+// ---- The preview -----------------------------------------------------------------------------
+
+// The player of this program on the file, waited for.
+int StartPlayer(const char* file, bool lowPriority) {
+  const std::string program = std::string(ToolProgramDirectory()) + ToolProgramName;
+  const char* arguments[] = {ToolProgramName, "velmoplay", file, "/!", nullptr};
+  const int64_t id = ProcessStart(program.c_str(), arguments, lowPriority);
+  return id > 0 ? ProcessWait(id) : -1;
+}
+
+VelmocPreviewStarter g_previewStarter = StartPlayer;
+
+uint32_t PreviewEntry(void* argument) {
+  Run* r = static_cast<Run*>(argument);
+  g_previewStarter(r->previewFile.c_str(), r->previewLow);
+  AtomicStore(&r->previewBusy, 0);
+  return 0;
+}
+
+// The View button: while frames go in, the temporary file is checkpointed and flushed and
+// played at low priority; once the output is in its place, that is played. A press while a
+// preview is open, or between the frames' end and the output's close, starts nothing.
+void View(Run* r) {
+  uint32_t idle = 0;
+  if (!AtomicCompareExchange(&r->previewBusy, &idle, 1)) return;
+  VelmoWriter* w = r->liveWriter;
+  r->previewFile.clear();
+  if (w && !__atomic_load_n(&r->finished, __ATOMIC_SEQ_CST)) {
+    VelmoWriterFlush(w);
+    r->previewFile = w->Out.Temporary;
+    r->previewLow = true;
+  } else if (AtomicRead(&r->closed)) {
+    r->previewFile = r->s.Output;
+    r->previewLow = false;
+  }
+  if (r->previewStarted) ThreadJoin(&r->previewThread);  // the last preview has ended
+  r->previewStarted = !r->previewFile.empty() &&
+                      ThreadStart(&r->previewThread, PreviewEntry, r, 0, 0, 0, "Velmo preview");
+  if (!r->previewStarted) AtomicStore(&r->previewBusy, 0);
+}
+
+// After the frames: while a preview is open, say what closing it will do, and wait for it.
+void WaitForPreview(Run& r) {
+  if (!AtomicRead(&r.previewBusy)) return;
+  SetStatus(r, r.cancel == VelmoCancelDiscard
+                       ? "Close the preview window to cancel the compression..."
+                       : "Compression is done, close the preview window to save the Velmo file.");
+  while (AtomicRead(&r.previewBusy)) ThreadSleep(10);
 }
 
 void FormatTime(uint32_t ms, char* out, size_t size) {
@@ -576,7 +638,8 @@ namespace {
 
 int Finish(Run& r, int code) {
   ToolFrameSetTimer(nullptr, 0);
-  r.finished = 1;
+  // Seen by the View button, which sets its counter before it looks (see WaitForPreview).
+  __atomic_store_n(&r.finished, 1, __ATOMIC_SEQ_CST);
   while (AtomicRead(&r.tickBusy)) ThreadSleep(1);
   if (r.source) r.ops->close(r.source);
   r.source = nullptr;
@@ -851,6 +914,7 @@ int Compress(Run& r, char* commandTail) {
 
   int code = FrameLoop(r);
   Finish(r, code);
+  WaitForPreview(r);
   // What the queue still holds is encoded before the close (unless the run is discarded).
   const uint32_t written = r.writer->FramesWritten + r.loop->QueuedFrames;
   r.liveWriter = nullptr;
@@ -869,6 +933,7 @@ int Compress(Run& r, char* commandTail) {
   }
   if (closed != OutFileDone) return ToolExitOutputError;  // the writer has said why
   if (r.cancel) return ToolExitCancelled;
+  AtomicStore(&r.closed, 1);
   std::snprintf(text, sizeof text, "%u total frames compressed.", written);
   SetStatus(r, text);
   char t[64];
@@ -895,6 +960,10 @@ int Compress(Run& r, char* commandTail) {
 
 }  // namespace
 
+void VelmocSetPreviewStarter(VelmocPreviewStarter starter) {
+  g_previewStarter = starter ? starter : StartPlayer;
+}
+
 int VelmocMain(char* commandTail, ToolDialog* dialog) {
   Run* r = new Run();
   ToolFrameSetState(dialog, r, [](void* run) { delete static_cast<Run*>(run); });
@@ -908,8 +977,7 @@ int VelmocCommand(int commandId, ToolDialog* dialog) {
   Run* r = RunOf(dialog);
   if (!r) return 1;  // no record yet: the run has not begun
   if (commandId == VelmocIdView) {
-    VelmoWriter* w = r->liveWriter;
-    if (w && !r->finished) VelmoWriterFlush(w);
+    View(r);
     return 1;
   }
   if (commandId != ToolIdCancel) return 1;

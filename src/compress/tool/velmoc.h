@@ -72,6 +72,12 @@ void VelmocApplyHintLine(const char* line, uint32_t runStart, uint32_t runFrames
 MediaFrameArgs VelmocFrameFilters(const MediaSwitches& switches, const VelmocHints& hints,
                                   uint32_t frame);
 
+// The View button's preview: plays `file` (the program's own player, `ORNVideo64 velmoplay
+// "<file>" /!`), at the lowest priority when asked, and returns when the player has ended.
+// Tests install their own starter; null goes back to the player.
+typedef int (*VelmocPreviewStarter)(const char* file, bool lowPriority);
+void VelmocSetPreviewStarter(VelmocPreviewStarter starter);
+
 // The tool's routines for the tool shell.
 int VelmocMain(char* commandTail, ToolDialog* dialog);
 int VelmocCommand(int commandId, ToolDialog* dialog);
