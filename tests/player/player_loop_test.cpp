@@ -40,6 +40,10 @@ struct FakeHost {
   std::vector<std::string> Setups;
   uint32_t SliderAnswer = 0;
   uint32_t SleepCalls = 0;
+  bool SetupWorks = true;
+  bool HasDisplayMode = true;       // the display can switch to the mode asked
+  std::vector<std::string> Display;  // display mode calls, with the setups between them
+
 
   static FakeHost* Of(void* c) { return static_cast<FakeHost*>(c); }
   PlayerHost Host() {
@@ -59,8 +63,15 @@ struct FakeHost {
     };
     h.Setup = [](void* c, PlayerState* s) {
       Of(c)->Setups.push_back(s->FileTitle);
-      return true;
+      Of(c)->Display.push_back("setup");
+      if (!Of(c)->SetupWorks) s->Error = "no presentation";
+      return Of(c)->SetupWorks;
     };
+    h.SwitchDisplay = [](void* c, int32_t w, int32_t hgt) {
+      Of(c)->Display.push_back("switch " + std::to_string(w) + "x" + std::to_string(hgt));
+      return Of(c)->HasDisplayMode;
+    };
+    h.RestoreDisplay = [](void* c) { Of(c)->Display.push_back("restore"); };
     h.Present = [](void* c, PlayerState* s) {
       Of(c)->Presents.push_back({s->ShownFrame, s->Seeking != 0, s->Paused, FakeMs - Of(c)->Start});
     };
@@ -75,6 +86,11 @@ struct FakeHost {
     Script.push_back({ms, e});
   }
   void Key(uint32_t ms, PlayerKey key) { At(ms, PlayerEventKey, key); }
+  void Mouse(uint32_t ms, int32_t x, int32_t y) {
+    At(ms, PlayerEventMouseMove);
+    Script.back().Event.X = x;
+    Script.back().Event.Y = y;
+  }
   // The frames shown when no seek was passing over them.
   std::vector<uint32_t> Frames() const {
     std::vector<uint32_t> out;
@@ -291,6 +307,102 @@ TEST_F(PlayerLoopTest, FocusLossPausesWithJ) {
   EXPECT_EQ(Play(clip + " /J", &host), 0);
   EXPECT_EQ(host.Frames(), Span(1, 12));
   for (const Shown& s : host.Presents) EXPECT_TRUE(s.At < 100 || s.At >= 900) << s.At;
+}
+
+// /D and /B together switch the display before the first file is set up, and every way out of
+// the run puts the mode back: the end, an open failure, a presentation that cannot be made.
+TEST_F(PlayerLoopTest, DisplayModeIsSwitchedForTheRunAndAlwaysRestored) {
+  const std::string clip = Clip("a.vlm", 3);
+  using Calls = std::vector<std::string>;
+  {
+    FakeHost host;
+    EXPECT_EQ(Play(clip + " /D800 /B600", &host), 0);
+    EXPECT_EQ(host.Display, (Calls{"switch 800x600", "setup", "restore"}));
+    EXPECT_EQ(host.Frames(), Span(1, 3));
+  }
+  for (const char* one : {" /D800", " /B600"}) {
+    state = PlayerState{};
+    FakeHost host;
+    EXPECT_EQ(Play(clip + one, &host), 0);
+    EXPECT_EQ(host.Display, Calls{"setup"}) << "both are needed:" << one;
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // a mode the display does not have: nothing to put back
+    host.HasDisplayMode = false;
+    EXPECT_EQ(Play(clip + " /D640 /B480", &host), 0);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "setup"}));
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;
+    EXPECT_EQ(Play(dir / "missing" + " /D640 /B480", &host), 1);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "restore"}));
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;
+    host.SetupWorks = false;
+    EXPECT_EQ(Play(clip + " /D640 /B480", &host), 1);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "setup", "restore"}));
+    EXPECT_TRUE(host.Presents.empty());
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // quitting with two names left
+    host.Key(20, PlayerKeyEscape);
+    EXPECT_EQ(Play(clip + " " + clip + " " + clip + " /D640 /B480", &host), 0);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "setup", "restore"}));
+  }
+}
+
+// "h" steps through the three HDR looks and back to the first; it is a character key, so
+// /U1 leaves it alone instead of taking it as a click.
+TEST_F(PlayerLoopTest, LookKeyStepsThroughTheHdrLooks) {
+  const std::string clip = Clip("a.vlm", 3);
+  for (const int presses : {0, 1, 2, 3, 4}) {
+    SCOPED_TRACE(presses);
+    state = PlayerState{};
+    FakeHost host;
+    for (int i = 0; i < presses; ++i) host.Key(1, PlayerKeyLook);
+    EXPECT_EQ(Play(clip + " /U1", &host), 0);
+    EXPECT_EQ(state.HdrLook, (1 + presses) % PlayerHdrLooks);
+    EXPECT_FALSE(state.Paused);
+    EXPECT_EQ(host.Frames(), Span(1, 3));
+  }
+}
+
+// A screen saver's first frame comes 501 ms after the start, a plain run's at once; the run
+// ends on the sixth movement of the mouse to another place, not on reports of the same place.
+TEST_F(PlayerLoopTest, ScreenSaverWaitsBeforeItsFirstFrameAndEndsOnMovements) {
+  const std::string clip = Clip("a.vlm", 30);
+  {
+    FakeHost host;
+    EXPECT_EQ(Play(clip, &host), 0);
+    ASSERT_FALSE(host.Presents.empty());
+    EXPECT_LT(host.Presents.front().At, 50u);
+  }
+  {
+    state = PlayerState{};
+    state.ScreenSaver = 1;
+    FakeHost host;
+    host.Mouse(10, 50, 50);  // where the pointer was when the saver started
+    for (uint32_t i = 1; i <= 5; ++i) {
+      host.Mouse(600 + 20 * i, 50 + int32_t(i), 50);
+      host.Mouse(610 + 20 * i, 50 + int32_t(i), 50);
+    }
+    host.Mouse(800, 40, 40);
+    EXPECT_EQ(Play(clip, &host), 0);
+    ASSERT_FALSE(host.Presents.empty());
+    EXPECT_GE(host.Presents.front().At, PlayerSaverStartDelay);
+    EXPECT_LT(host.Presents.front().At, PlayerSaverStartDelay + 40);
+    EXPECT_EQ(host.Frames().front(), 1u);
+    // Frames go on through the five movements and stop at the sixth, at 800 ms.
+    EXPECT_EQ(state.SaverMoves, 6);
+    EXPECT_GE(host.Presents.back().At, 700u);
+    EXPECT_LE(host.Presents.back().At, 800u);
+    EXPECT_LT(host.Frames().size(), 30u);
+  }
 }
 
 }  // namespace
