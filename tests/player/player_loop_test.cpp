@@ -154,6 +154,15 @@ TEST_F(PlayerLoopTest, PlaysEachFrameOnceInTimeAndEnds) {
   EXPECT_EQ(state.Handle, nullptr);
 }
 
+// A bare /F plays as fast as possible: no frame waits for its time.
+TEST_F(PlayerLoopTest, BareForcedRatePlaysAsFastAsPossible) {
+  const std::string clip = Clip("a.vlm", 12);
+  FakeHost host;
+  EXPECT_EQ(Play(clip + " /F", &host), 0) << state.Error;
+  EXPECT_EQ(host.Frames(), Span(1, 12));
+  EXPECT_LT(host.Presents.back().At, 12u * 1000 / 30 / 4) << "frames waited for a rate";
+}
+
 TEST_F(PlayerLoopTest, NamesWithoutExtensionAndLoopsThenTheNextFile) {
   Clip("one.vlm", 5);
   Clip("two.vm2", 3);
