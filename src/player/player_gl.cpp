@@ -457,7 +457,8 @@ void PlayerGlDraw(PlayerGl* gl, HVELMO h, const PlayerGlView& v) {
                 v.Slider->Height * rowScale);
   }
   if (v.Strip && v.Strip->Height > 0)
-    DrawOverlay(gl, v, *v.Strip, &gl->StripTexture, 0, 0, v.Strip->Width, v.Strip->Height);
+    DrawOverlay(gl, v, *v.Strip, &gl->StripTexture, v.StripX, v.StripY, v.Strip->Width,
+                v.Strip->Height);
   for (int i = VelmoPlaneCount - 1; i >= 0; --i) {
     f.ActiveTexture(GL_TEXTURE0 + i);
     f.BindTexture(GL_TEXTURE_2D, 0);

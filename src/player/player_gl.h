@@ -39,7 +39,8 @@ struct PlayerGlView {
   int32_t Exposure = 0;        // HDR frames: quarter stops
   int32_t HdrLook = 1;         // 0 clip, 1 and 2 roll-offs near the peak
   const PlayerPicture* Slider = nullptr;  // the slider's lines (alpha 0 elsewhere), frame wide
-  const PlayerPicture* Strip = nullptr;   // the statistics strip at the window's top
+  const PlayerPicture* Strip = nullptr;   // the statistics strip, its top-left corner at
+  int32_t StripX = 0, StripY = 0;         // (StripX, StripY)
 };
 
 // Draws the frame now shown (the frame buffers' current set) with its overlays into the back

@@ -141,7 +141,8 @@ void Click(PlayerState* s, const PlayerHost& host, int32_t x, int32_t y) {
 
 void Key(PlayerState* s, const PlayerHost& host, int32_t key) {
   const uint32_t off = s->Options.DisabledControls;
-  const bool characterKey = key == PlayerKeyDot || key == PlayerKeyBackground;
+  const bool characterKey =
+      key == PlayerKeyDot || key == PlayerKeyBackground || key == PlayerKeyLook;
   // With pausing disabled, every other key acts as a click.
   if ((off & PlayerDisablePause) && !characterKey) return Click(s, host, -1, -1);
   switch (key) {
@@ -166,6 +167,7 @@ void Key(PlayerState* s, const PlayerHost& host, int32_t key) {
       s->Exposure = std::max(s->Exposure - 1, PlayerExposureLow);
       return;
     case PlayerKeyBackground: s->LightBackground = !s->LightBackground; return;
+    case PlayerKeyLook: s->HdrLook = (s->HdrLook + 1) % PlayerHdrLooks; return;
     default: return;
   }
 }
@@ -193,12 +195,27 @@ void Pace(PlayerState* s, const PlayerHost& host) {
   s->SleepDebt = std::max(s->SleepDebt + int32_t(before - after), -PlayerSleepDebtLimit);
 }
 
+// /D and /B together switch the display's mode for the run.
+void SwitchDisplay(PlayerState* s, const PlayerHost& host) {
+  const PlayerOptions& o = s->Options;
+  if (o.DisplayWidth <= 0 || o.DisplayHeight <= 0 || !host.SwitchDisplay) return;
+  s->DisplaySwitched = host.SwitchDisplay(host.Context, o.DisplayWidth, o.DisplayHeight);
+}
+
+// Every way out of a run puts the display's mode back.
+void RestoreDisplay(PlayerState* s, const PlayerHost& host) {
+  if (!s->DisplaySwitched) return;
+  s->DisplaySwitched = false;
+  if (host.RestoreDisplay) host.RestoreDisplay(host.Context);
+}
+
 void Leave(PlayerState* s, const PlayerHost& host) {
   if (s->Handle) VelmoDoFrameAsyncWait(s->Handle, -1);
   if (s->Options.Summary && s->Handle && !s->EndCard) FormSummary(s);
   if (host.Leave) host.Leave(host.Context, s);
   CloseFile(s);
   StopAsyncThreads(s);
+  RestoreDisplay(s, host);
 }
 
 // ---- The end-card ----------------------------------------------------------------------------
@@ -278,16 +295,35 @@ void PlayerSeek(PlayerState* s, const PlayerHost& host, int32_t target, bool rel
   StartDecode(s);
 }
 
-// A full-screen saver ends on a key, a click, the focus going, or the mouse moved more than
-// five times (a single nudge of the desk does not end it).
+namespace {
+
+// Whether a mouse report puts the pointer somewhere else than the last one did. The first
+// report only tells where the pointer is.
+bool MovedElsewhere(PlayerState* s, const PlayerEvent& e) {
+  const bool moved = s->SaverMouseKnown && (e.X != s->SaverMouseX || e.Y != s->SaverMouseY);
+  s->SaverMouseKnown = true;
+  s->SaverMouseX = e.X;
+  s->SaverMouseY = e.Y;
+  return moved;
+}
+
+// A full-screen saver ends on a key, a click, the focus going, or the mouse moved to another
+// place more than five times (a single nudge of the desk does not end it).
 bool EndsSaver(PlayerState* s, const PlayerEvent& e) {
   switch (e.Type) {
     case PlayerEventKey: case PlayerEventClick: case PlayerEventClose: return true;
     case PlayerEventFocus: return e.Value == 0;
-    case PlayerEventMouseMove: return ++s->SaverMoves > 5;
+    case PlayerEventMouseMove: return MovedElsewhere(s, e) && ++s->SaverMoves > 5;
   }
   return false;
 }
+
+// A screen saver's start-up delay is running: no frame yet.
+bool SaverStarting(const PlayerState* s, const PlayerHost& host) {
+  return s->ScreenSaver != 0 && Now(host) - s->StartTime < PlayerSaverStartDelay;
+}
+
+}  // namespace
 
 void PlayerHandleEvent(PlayerState* s, const PlayerHost& host, const PlayerEvent& e) {
   if (s->EndCard) return EndCardEvent(s, host, e);
@@ -328,12 +364,15 @@ void PlayerPlayStep(PlayerState* s, const PlayerHost& host) {
 
 int PlayerRun(PlayerState* s, const PlayerHost& host) {
   if (host.SoundSelect) VelmoSetSoundSystem(host.SoundSelect, host.SoundParameter);
+  s->StartTime = Now(host);
+  SwitchDisplay(s, host);
   StartAsyncThreads(s, host);
   s->NextName = 0;
   while (!s->Leaving) {
     if (!OpenNext(s, host)) {
       CloseFile(s);
       StopAsyncThreads(s);
+      RestoreDisplay(s, host);
       return 1;
     }
     while (!s->Leaving && s->Handle) {
@@ -346,7 +385,11 @@ int PlayerRun(PlayerState* s, const PlayerHost& host) {
         PlayerHandleEvent(s, host, event);
         continue;
       }
-      PlayerPlayStep(s, host);
+      // While a screen saver waits for its first frame, the loop sleeps as for a frame not due.
+      if (SaverStarting(s, host))
+        ++s->SleepDebt;
+      else
+        PlayerPlayStep(s, host);
       Pace(s, host);
     }
   }
@@ -354,8 +397,21 @@ int PlayerRun(PlayerState* s, const PlayerHost& host) {
   return 0;
 }
 
+namespace {
+
+// One axis of the window's place within `start` .. `start` + `room`: the switch's value as an
+// offset, or centred: half of what remains, taken down to a multiple of `step`, or the start
+// when the window is larger.
+int32_t Place(int32_t value, int32_t size, int32_t start, int32_t room, int32_t step) {
+  if (value != PlayerCentred) return start + value;
+  return start + (size > room ? 0 : (room - size) / 2 / step * step);
+}
+
+}  // namespace
+
 PlayerWindowPlan PlayerPlanWindow(const PlayerOptions& o, int32_t frameWidth, int32_t frameHeight,
-                                  int32_t screenWidth, int32_t screenHeight) {
+                                  int32_t screenWidth, int32_t screenHeight,
+                                  const PlayerArea* parent) {
   PlayerWindowPlan p;
   auto scaled = [](int32_t size, int32_t num, int32_t den) {
     if (num == 0) return size;
@@ -382,9 +438,8 @@ PlayerWindowPlan PlayerPlanWindow(const PlayerOptions& o, int32_t frameWidth, in
     p.Height += p.StripHeight;
     p.Width = std::max(p.Width, PlayerTextWidth(PlayerStatisticsSample));
   }
-  p.X = o.X;
-  p.Y = o.Y;
-  if (o.X == PlayerCentred) p.X = p.Width > screenWidth ? 0 : (screenWidth - p.Width) / 2 / 4 * 4;
-  if (o.Y == PlayerCentred) p.Y = p.Height > screenHeight ? 0 : (screenHeight - p.Height) / 2;
+  const PlayerArea area = parent ? *parent : PlayerArea{0, 0, screenWidth, screenHeight};
+  p.X = Place(o.X, p.Width, area.X, area.Width, 4);
+  p.Y = Place(o.Y, p.Height, area.Y, area.Height, 1);
   return p;
 }

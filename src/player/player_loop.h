@@ -27,12 +27,13 @@ enum PlayerKey : int32_t {
   PlayerKeyDown,
   PlayerKeyDot,         // "."
   PlayerKeyBackground,  // "b" or "B"
+  PlayerKeyLook,        // "h" or "H": the next of the HDR looks
 };
 
 enum PlayerEventType : int32_t {
   PlayerEventKey,
   PlayerEventClick,      // left, right or middle button at (X, Y)
-  PlayerEventMouseMove,
+  PlayerEventMouseMove,  // the pointer now at (X, Y)
   PlayerEventFocus,      // Value 1 gained, 0 lost
   PlayerEventClose,      // the window's close box
 };
@@ -44,6 +45,10 @@ struct PlayerEvent {
 };
 
 constexpr int32_t PlayerExposureLow = -40, PlayerExposureHigh = 4;
+constexpr int32_t PlayerHdrLooks = 3;
+// A screen saver shows its first frame this long after it starts, so that the mouse movement
+// that started it has passed.
+constexpr uint32_t PlayerSaverStartDelay = 501;
 constexpr int32_t PlayerSleepDebtLimit = 100;
 // The end-card: how long it shows, the passes it is given (more than it can play in that
 // time), and the query that a click adds to the maker's address.
@@ -69,6 +74,7 @@ struct PlayerState {
   bool GoNextFile = false;
   bool Leaving = false;
   int32_t Exposure = 0;         // quarter stops
+  int32_t HdrLook = 1;          // HDR display curve: 0 clips, 1 and 2 roll off near the peak
   bool LightBackground = false;
   uint32_t MouseTime = 0;
   bool MouseMoved = false;
@@ -81,10 +87,14 @@ struct PlayerState {
   uint32_t FramesPresented = 0;
   int32_t ScreenWidth = 0, ScreenHeight = 0;  // the display's mode, for the summary
   bool UsesGpu = false;
+  bool DisplaySwitched = false;  // /D and /B changed the display's mode; put back when leaving
   // Screen saver: 0 none, 1 or 2 full screen (any key, click, focus loss or mouse travel ends
   // the run), 3 settings, above 15 a preview in that window.
   int64_t ScreenSaver = 0;
-  int32_t SaverMoves = 0;       // mouse movements seen while a full-screen saver runs
+  int32_t SaverMoves = 0;       // mouse movements to another place while a full-screen saver runs
+  bool SaverMouseKnown = false; // where the mouse was last seen by the saver
+  int32_t SaverMouseX = 0, SaverMouseY = 0;
+  uint32_t StartTime = 0;       // when the run began: a screen saver's first frame waits
   std::string Error;            // the text of a failure, shown in "Velmo Error"
   std::string Summary;          // with /S, formed before the last handle closed
   // The end-card that follows the last file: a clip in memory (none when null), and the
@@ -123,6 +133,10 @@ struct PlayerHost {
   void (*OpenPage)(void* context, const char* address) = nullptr;
   // Async threads to start (0: one per processor, at most 8).
   uint32_t AsyncThreadCount = 0;
+  // The display mode of /D and /B: switches the display to width x height, its depth kept;
+  // false when the display has no such mode. RestoreDisplay puts back the mode found before.
+  bool (*SwitchDisplay)(void* context, int32_t width, int32_t height) = nullptr;
+  void (*RestoreDisplay)(void* context) = nullptr;
 };
 
 // Runs the player over state->Names with state->Options. Returns the exit code: 0, or 1 when a
@@ -143,5 +157,13 @@ struct PlayerWindowPlan {
   int32_t StripHeight = 0;                  // the statistics strip above the video
   bool Simple = true;                       // shown at the frame's own size
 };
+// A rectangle on the screen: the parent window that /# names, for placing.
+struct PlayerArea {
+  int32_t X = 0, Y = 0, Width = 0, Height = 0;
+};
+// The window for a frame: its size by /W, /H and /Q, and its place by /X and /Y (or centred).
+// With a `parent`, the place is taken relative to that window and centring is over it;
+// without one, relative to the screen. Full screen always means the screen's size.
 PlayerWindowPlan PlayerPlanWindow(const PlayerOptions& options, int32_t frameWidth,
-                                  int32_t frameHeight, int32_t screenWidth, int32_t screenHeight);
+                                  int32_t frameHeight, int32_t screenWidth, int32_t screenHeight,
+                                  const PlayerArea* parent = nullptr);

@@ -173,9 +173,10 @@ const char* PlayerHelpText() {
          "/I#  window style: 0 normal, 1 no caption, 2 none; +100 always on top\n"
          "/A##  100 grayscale, 1000 flip luma and alpha, 10000 no alpha\n"
          "/!#  draw type: 1 2-D blit, 2 OpenGL\n"
-         "/D## /B##  switch the display to this width and height\n\n"
+         "/D## /B##  switch the display to this width and height\n"
+         "/#n  place the window relative to window n\n\n"
          "Keys: Space pause, Enter resume, Escape quit, . next file, Home/End first/last frame,\n"
-         "Left/Right step, Up/Down exposure, B background.";
+         "Left/Right step, Up/Down exposure, B background, H next HDR look.";
 }
 
 // ---- File names -----------------------------------------------------------------------------

@@ -36,6 +36,10 @@ struct PlayerWindow {
   int32_t CapturedWidth = 0, CapturedHeight = 0;
   int32_t ScreenWidth = 0, ScreenHeight = 0;
   bool Foreign = false;  // another program's window (a screen saver's): filled, never moved
+  // /D and /B switched the display's mode: the window then covers the screen at that mode, and
+  // the video and strip sit where the window would have been placed on it.
+  bool ModeSwitched = false;
+  int32_t StripX = 0, StripY = 0;  // the statistics strip's top-left corner in the window
 };
 
 namespace {
@@ -66,6 +70,7 @@ int32_t KeyOf(const SDL_KeyboardEvent& key) {
     case SDLK_DOWN: return PlayerKeyDown;
     case SDLK_PERIOD: case SDLK_KP_PERIOD: return PlayerKeyDot;
     case SDLK_b: return PlayerKeyBackground;
+    case SDLK_h: return PlayerKeyLook;
     default: return PlayerKeyOther;
   }
 }
@@ -85,7 +90,11 @@ bool NextEvent(void*, PlayerEvent* out) {
         out->X = e.button.x;
         out->Y = e.button.y;
         return true;
-      case SDL_MOUSEMOTION: out->Type = PlayerEventMouseMove; return true;
+      case SDL_MOUSEMOTION:
+        out->Type = PlayerEventMouseMove;
+        out->X = e.motion.x;
+        out->Y = e.motion.y;
+        return true;
       case SDL_WINDOWEVENT:
         if (e.window.event == SDL_WINDOWEVENT_FOCUS_GAINED ||
             e.window.event == SDL_WINDOWEVENT_FOCUS_LOST) {
@@ -145,14 +154,29 @@ bool Setup2D(PlayerWindow* w, PlayerState* s, bool resized) {
   return true;
 }
 
+// The window that /# names: an id of a window of this process (SDL's window id). False when
+// there is none, so that the window is placed on the screen.
+bool ParentArea(const PlayerWindow* w, PlayerArea* area) {
+  const intptr_t id = w->Options.Parent;
+  if (id <= 0 || id > intptr_t(UINT32_MAX) || w->Foreign || w->ModeSwitched) return false;
+  SDL_Window* parent = SDL_GetWindowFromID(uint32_t(id));
+  if (!parent || parent == w->Window) return false;
+  SDL_GetWindowPosition(parent, &area->X, &area->Y);
+  SDL_GetWindowSize(parent, &area->Width, &area->Height);
+  return area->Width > 0 && area->Height > 0;
+}
+
 bool Setup(void* context, PlayerState* s) {
   PlayerWindow* w = Of(context);
   HVELMO h = s->Handle;
+  PlayerArea parent;
+  const bool hasParent = ParentArea(w, &parent);
   w->Plan = PlayerPlanWindow(s->Options, int32_t(h->Width), int32_t(h->Height), w->ScreenWidth,
-                             w->ScreenHeight);
+                             w->ScreenHeight, hasParent ? &parent : nullptr);
   int32_t width = 0, height = 0;
   SDL_GetWindowSize(w->Window, &width, &height);
-  const bool resized = !w->Foreign && (width != w->Plan.Width || height != w->Plan.Height);
+  const bool placed = !w->Foreign && !w->ModeSwitched;
+  const bool resized = placed && (width != w->Plan.Width || height != w->Plan.Height);
   if (resized) {
     SDL_SetWindowSize(w->Window, w->Plan.Width, w->Plan.Height);
     SDL_PumpEvents();
@@ -165,11 +189,15 @@ bool Setup(void* context, PlayerState* s) {
   if (!w->Gl && !Setup2D(w, s, resized)) return false;
   s->UsesGpu = w->Gl != nullptr;
   if (w->Plan.StripHeight) w->StripPicture.Make(w->Plan.Width, w->Plan.StripHeight);
-  w->Shown = {(w->Plan.Width - w->Plan.VideoWidth) / 2, w->Plan.StripHeight, w->Plan.VideoWidth,
-              w->Plan.VideoHeight};
+  w->StripX = w->ModeSwitched ? w->Plan.X : 0;
+  w->StripY = w->ModeSwitched ? w->Plan.Y : 0;
+  w->Shown = {w->StripX + (w->Plan.Width - w->Plan.VideoWidth) / 2, w->StripY + w->Plan.StripHeight,
+              w->Plan.VideoWidth, w->Plan.VideoHeight};
   if (!w->Foreign) {
     const std::string title = s->FileTitle + " - Velmo Video Player";
     SDL_SetWindowTitle(w->Window, title.c_str());
+  }
+  if (placed) {
     SDL_SetWindowPosition(w->Window, w->Plan.X, w->Plan.Y);
     SDL_ShowWindow(w->Window);
   }
@@ -196,7 +224,7 @@ void DrawStrip(PlayerWindow* w, const PlayerState* s) {
   ComposeStrip(w, s);
   const PlayerPicture& p = w->StripPicture;
   SDL_UpdateTexture(w->Strip, nullptr, p.Bits, p.Pitch);
-  SDL_Rect top{0, 0, p.Width, p.Height};
+  SDL_Rect top{w->StripX, w->StripY, p.Width, p.Height};
   SDL_RenderCopy(w->Renderer, w->Strip, nullptr, &top);
 }
 
@@ -227,6 +255,7 @@ void PresentGl(PlayerWindow* w, PlayerState* s) {
   v.Checker = (h->OpenFlags & VelmoOpenAlpha) && !(h->OpenFlags & VelmoCopyFlipAlpha);
   v.LightBackground = s->LightBackground;
   v.Exposure = s->Exposure;
+  v.HdrLook = s->HdrLook;
   if (SliderShows(w, s, now) && w->SliderPicture.Make(int32_t(h->Width), 13)) {
     PlayerDrawSlider(&w->SliderPicture, s->ShownFrame, h->Frames, s->Seeking != 0);
     v.Slider = &w->SliderPicture;
@@ -234,6 +263,8 @@ void PresentGl(PlayerWindow* w, PlayerState* s) {
   if (w->Plan.StripHeight) {
     ComposeStrip(w, s);
     v.Strip = &w->StripPicture;
+    v.StripX = w->StripX;
+    v.StripY = w->StripY;
   }
   PlayerGlDraw(w->Gl, h, v);
   if (w->Capture) {
@@ -280,6 +311,46 @@ PlayerWindow* CreateInWindow(PlayerWindow* w) {
   SDL_GetWindowSize(w->Window, &w->ScreenWidth, &w->ScreenHeight);
   if (w->Options.HideCursor) SDL_ShowCursor(SDL_DISABLE);
   return w;
+}
+
+// The display's mode for /D and /B: the window goes full screen in a mode of that size with the
+// present depth (SDL changes the display's mode only for a full-screen window).
+bool SwitchDisplay(void* context, int32_t width, int32_t height) {
+  PlayerWindow* w = Of(context);
+  if (w->Foreign) return false;
+  const int display = std::max(0, SDL_GetWindowDisplayIndex(w->Window));
+  SDL_DisplayMode current, mode;
+  if (SDL_GetCurrentDisplayMode(display, &current) != 0) return false;
+  const SDL_DisplayMode wanted{current.format, width, height, 0, nullptr};
+  if (!SDL_GetClosestDisplayMode(display, &wanted, &mode) || mode.w != width ||
+      mode.h != height || SDL_BITSPERPIXEL(mode.format) != SDL_BITSPERPIXEL(current.format))
+    return false;
+  // The window first covers the screen as a plain window too, for displays without a window
+  // manager to carry out the full-screen request.
+  SDL_SetWindowSize(w->Window, width, height);
+  SDL_SetWindowPosition(w->Window, 0, 0);
+  if (SDL_SetWindowDisplayMode(w->Window, &mode) != 0 ||
+      SDL_SetWindowFullscreen(w->Window, SDL_WINDOW_FULLSCREEN) != 0) {
+    SDL_SetWindowFullscreen(w->Window, 0);
+    return false;
+  }
+  SDL_ShowWindow(w->Window);
+  SDL_PumpEvents();
+  w->ModeSwitched = true;
+  w->ScreenWidth = width;
+  w->ScreenHeight = height;
+  // The 2-D path's renderer is made anew for the window's new size.
+  if (!w->Gl) MakeRenderer(w);
+  return true;
+}
+
+// Leaving full screen puts the display's own mode back.
+void RestoreDisplay(void* context) {
+  PlayerWindow* w = Of(context);
+  if (!w->ModeSwitched) return;
+  SDL_SetWindowFullscreen(w->Window, 0);
+  SDL_HideWindow(w->Window);
+  w->ModeSwitched = false;
 }
 
 }  // namespace
@@ -329,6 +400,7 @@ PlayerWindow* PlayerWindowCreate(const PlayerOptions& options) {
 
 void PlayerWindowDestroy(PlayerWindow* w) {
   if (!w) return;
+  RestoreDisplay(w);
   if (w->Texture) SDL_DestroyTexture(w->Texture);
   if (w->Strip) SDL_DestroyTexture(w->Strip);
   if (w->Renderer) SDL_DestroyRenderer(w->Renderer);
@@ -347,6 +419,8 @@ PlayerHost PlayerWindowHost(PlayerWindow* w) {
   host.Present = Present;
   host.SliderFrame = SliderFrame;
   host.OpenPage = [](void*, const char* address) { ProcessOpenAddress(address); };
+  host.SwitchDisplay = SwitchDisplay;
+  host.RestoreDisplay = RestoreDisplay;
   return host;
 }
 

@@ -273,8 +273,9 @@ void SettleFlagsAndRates(OpenJob& job) {
   h->FrameRate = hd.FrameRate;
   h->FrameRateDiv = hd.FrameRateDiv;
   const VelmoOpenOptions& o = job.Options;
-  if ((f & VelmoOpenForceRate) && o.ForcedRate != 0xFFFFFFFFu && o.ForcedRate != 0 &&
-      o.ForcedRateDiv != 0 && o.ForcedRateDiv != 0xFFFFFFFFu) {
+  // A forced rate of 0 is taken too: frames are then due at once (as fast as possible).
+  if ((f & VelmoOpenForceRate) && o.ForcedRate != 0xFFFFFFFFu && o.ForcedRateDiv != 0 &&
+      o.ForcedRateDiv != 0xFFFFFFFFu) {
     h->FrameRate = o.ForcedRate;
     h->FrameRateDiv = o.ForcedRateDiv;
   }

@@ -52,6 +52,10 @@ struct FakeHost {
   std::vector<Setup> SetupViews;
   bool RefuseCard = false;         // the end-card's setup fails
   std::vector<std::string> Pages;  // addresses asked to be opened
+  bool SetupWorks = true;
+  bool HasDisplayMode = true;       // the display can switch to the mode asked
+  std::vector<std::string> Display;  // display mode calls, with the setups between them
+
 
   static FakeHost* Of(void* c) { return static_cast<FakeHost*>(c); }
   PlayerHost Host() {
@@ -72,12 +76,19 @@ struct FakeHost {
     h.Setup = [](void* c, PlayerState* s) {
       FakeHost* f = Of(c);
       f->Setups.push_back(s->FileTitle);
+      f->Display.push_back("setup");
       const PlayerWindowPlan plan = PlayerPlanWindow(s->Options, int32_t(s->Handle->Width),
                                                      int32_t(s->Handle->Height), 1024, 768);
       f->SetupViews.push_back({s->EndCard, plan.VideoWidth, plan.VideoHeight,
                                s->Options.Statistics, FakeMs - f->Start});
-      return !(s->EndCard && f->RefuseCard);
+      if (!f->SetupWorks) s->Error = "no presentation";
+      return f->SetupWorks && !(s->EndCard && f->RefuseCard);
     };
+    h.SwitchDisplay = [](void* c, int32_t w, int32_t hgt) {
+      Of(c)->Display.push_back("switch " + std::to_string(w) + "x" + std::to_string(hgt));
+      return Of(c)->HasDisplayMode;
+    };
+    h.RestoreDisplay = [](void* c) { Of(c)->Display.push_back("restore"); };
     h.Present = [](void* c, PlayerState* s) {
       Of(c)->Presents.push_back(
           {s->ShownFrame, s->Seeking != 0, s->Paused, FakeMs - Of(c)->Start, s->EndCard});
@@ -94,6 +105,11 @@ struct FakeHost {
     Script.push_back({ms, e});
   }
   void Key(uint32_t ms, PlayerKey key) { At(ms, PlayerEventKey, key); }
+  void Mouse(uint32_t ms, int32_t x, int32_t y) {
+    At(ms, PlayerEventMouseMove);
+    Script.back().Event.X = x;
+    Script.back().Event.Y = y;
+  }
   // The frames of the files shown when no seek was passing over them.
   std::vector<uint32_t> Frames() const {
     std::vector<uint32_t> out;
@@ -161,6 +177,15 @@ TEST_F(PlayerLoopTest, PlaysEachFrameOnceInTimeAndEnds) {
   EXPECT_LE(host.Presents.back().At, 12 * 1000 / 30 + 50);
   EXPECT_GT(host.SleepCalls, 100u);
   EXPECT_EQ(state.Handle, nullptr);
+}
+
+// A bare /F plays as fast as possible: no frame waits for its time.
+TEST_F(PlayerLoopTest, BareForcedRatePlaysAsFastAsPossible) {
+  const std::string clip = Clip("a.vlm", 12);
+  FakeHost host;
+  EXPECT_EQ(Play(clip + " /F", &host), 0) << state.Error;
+  EXPECT_EQ(host.Frames(), Span(1, 12));
+  EXPECT_LT(host.Presents.back().At, 12u * 1000 / 30 / 4) << "frames waited for a rate";
 }
 
 TEST_F(PlayerLoopTest, NamesWithoutExtensionAndLoopsThenTheNextFile) {
@@ -446,6 +471,100 @@ TEST_F(PlayerEndCardTest, ACardThatCannotBeShownEndsThePlayerAtOnce) {
     EXPECT_EQ(host.CardPresents(), 0u);
     EXPECT_LE(host.Elapsed(), host.Presents.back().At + 101);
     EXPECT_EQ(state.Handle, nullptr);
+
+// /D and /B together switch the display before the first file is set up, and every way out of
+// the run puts the mode back: the end, an open failure, a presentation that cannot be made.
+TEST_F(PlayerLoopTest, DisplayModeIsSwitchedForTheRunAndAlwaysRestored) {
+  const std::string clip = Clip("a.vlm", 3);
+  using Calls = std::vector<std::string>;
+  {
+    FakeHost host;
+    EXPECT_EQ(Play(clip + " /D800 /B600", &host), 0);
+    EXPECT_EQ(host.Display, (Calls{"switch 800x600", "setup", "restore"}));
+    EXPECT_EQ(host.Frames(), Span(1, 3));
+  }
+  for (const char* one : {" /D800", " /B600"}) {
+    state = PlayerState{};
+    FakeHost host;
+    EXPECT_EQ(Play(clip + one, &host), 0);
+    EXPECT_EQ(host.Display, Calls{"setup"}) << "both are needed:" << one;
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // a mode the display does not have: nothing to put back
+    host.HasDisplayMode = false;
+    EXPECT_EQ(Play(clip + " /D640 /B480", &host), 0);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "setup"}));
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;
+    EXPECT_EQ(Play(dir / "missing" + " /D640 /B480", &host), 1);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "restore"}));
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;
+    host.SetupWorks = false;
+    EXPECT_EQ(Play(clip + " /D640 /B480", &host), 1);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "setup", "restore"}));
+    EXPECT_TRUE(host.Presents.empty());
+  }
+  {
+    state = PlayerState{};
+    FakeHost host;  // quitting with two names left
+    host.Key(20, PlayerKeyEscape);
+    EXPECT_EQ(Play(clip + " " + clip + " " + clip + " /D640 /B480", &host), 0);
+    EXPECT_EQ(host.Display, (Calls{"switch 640x480", "setup", "restore"}));
+  }
+}
+
+// "h" steps through the three HDR looks and back to the first; it is a character key, so
+// /U1 leaves it alone instead of taking it as a click.
+TEST_F(PlayerLoopTest, LookKeyStepsThroughTheHdrLooks) {
+  const std::string clip = Clip("a.vlm", 3);
+  for (const int presses : {0, 1, 2, 3, 4}) {
+    SCOPED_TRACE(presses);
+    state = PlayerState{};
+    FakeHost host;
+    for (int i = 0; i < presses; ++i) host.Key(1, PlayerKeyLook);
+    EXPECT_EQ(Play(clip + " /U1", &host), 0);
+    EXPECT_EQ(state.HdrLook, (1 + presses) % PlayerHdrLooks);
+    EXPECT_FALSE(state.Paused);
+    EXPECT_EQ(host.Frames(), Span(1, 3));
+  }
+}
+
+// A screen saver's first frame comes 501 ms after the start, a plain run's at once; the run
+// ends on the sixth movement of the mouse to another place, not on reports of the same place.
+TEST_F(PlayerLoopTest, ScreenSaverWaitsBeforeItsFirstFrameAndEndsOnMovements) {
+  const std::string clip = Clip("a.vlm", 30);
+  {
+    FakeHost host;
+    EXPECT_EQ(Play(clip, &host), 0);
+    ASSERT_FALSE(host.Presents.empty());
+    EXPECT_LT(host.Presents.front().At, 50u);
+  }
+  {
+    state = PlayerState{};
+    state.ScreenSaver = 1;
+    FakeHost host;
+    host.Mouse(10, 50, 50);  // where the pointer was when the saver started
+    for (uint32_t i = 1; i <= 5; ++i) {
+      host.Mouse(600 + 20 * i, 50 + int32_t(i), 50);
+      host.Mouse(610 + 20 * i, 50 + int32_t(i), 50);
+    }
+    host.Mouse(800, 40, 40);
+    EXPECT_EQ(Play(clip, &host), 0);
+    ASSERT_FALSE(host.Presents.empty());
+    EXPECT_GE(host.Presents.front().At, PlayerSaverStartDelay);
+    EXPECT_LT(host.Presents.front().At, PlayerSaverStartDelay + 40);
+    EXPECT_EQ(host.Frames().front(), 1u);
+    // Frames go on through the five movements and stop at the sixth, at 800 ms.
+    EXPECT_EQ(state.SaverMoves, 6);
+    EXPECT_GE(host.Presents.back().At, 700u);
+    EXPECT_LE(host.Presents.back().At, 800u);
+    EXPECT_LT(host.Frames().size(), 30u);
   }
 }
 

@@ -195,6 +195,33 @@ TEST(PlayerWindow, SizesAndCentring) {
   EXPECT_EQ(PlayerPlanWindow(o, 320, 240, 1366, 768).X, 17);
 }
 
+// With a parent window, /X and /Y count from its corner and centring is over it; without one,
+// from the screen's. Full screen stays the screen's size either way.
+TEST(PlayerWindow, PlacedRelativeToTheParent) {
+  PlayerOptions o;
+  const PlayerArea parent{300, 200, 500, 401};
+  PlayerWindowPlan p = PlayerPlanWindow(o, 320, 240, 1366, 768, &parent);
+  EXPECT_EQ(p.X, 300 + 88);  // (500 - 320) / 2 = 90, down to a multiple of 4
+  EXPECT_EQ(p.Y, 200 + 80);  // (401 - 240) / 2
+  p = PlayerPlanWindow(o, 640, 480, 1366, 768, &parent);
+  EXPECT_EQ(p.X, 300);  // larger than the parent: at its corner
+  EXPECT_EQ(p.Y, 200);
+  o.X = 17;
+  o.Y = -5;
+  p = PlayerPlanWindow(o, 320, 240, 1366, 768, &parent);
+  EXPECT_EQ(p.X, 317);
+  EXPECT_EQ(p.Y, 195);
+  p = PlayerPlanWindow(o, 320, 240, 1366, 768);
+  EXPECT_EQ(p.X, 17);
+  EXPECT_EQ(p.Y, -5);
+  o.X = o.Y = PlayerCentred;
+  o.WidthNum = o.HeightNum = -1;
+  p = PlayerPlanWindow(o, 320, 240, 1366, 768, &parent);
+  EXPECT_EQ(p.VideoHeight, 768);
+  EXPECT_EQ(p.VideoWidth, 1024);
+  EXPECT_EQ(p.X, 300);
+}
+
 TEST(PlayerWindow, FullScreenKeepsTheAspect) {
   PlayerOptions o;
   o.WidthNum = o.HeightNum = -1;

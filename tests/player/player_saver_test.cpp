@@ -74,10 +74,12 @@ TEST(PlayerSaverRules, EachModePlaysWithItsOptions) {
   EXPECT_EQ(plain.DisabledControls, 0u);
 }
 
-PlayerEvent Event(PlayerEventType type, int32_t value = 0) {
+PlayerEvent Event(PlayerEventType type, int32_t value = 0, int32_t x = 0, int32_t y = 0) {
   PlayerEvent e;
   e.Type = type;
   e.Value = value;
+  e.X = x;
+  e.Y = y;
   return e;
 }
 
@@ -93,11 +95,17 @@ TEST(PlayerSaverRules, AFullScreenRunEndsOnInputButNotOnANudge) {
     PlayerHandleEvent(&s, host, e);
     EXPECT_EQ(s.QuitState, 1) << "event " << int(e.Type);
   }
+  // The first report tells where the pointer is; reports of the same place are not movements;
+  // the sixth movement to another place ends the run.
   PlayerState moved;
   moved.ScreenSaver = 2;
-  for (int i = 0; i < 5; i++) PlayerHandleEvent(&moved, host, Event(PlayerEventMouseMove));
+  PlayerHandleEvent(&moved, host, Event(PlayerEventMouseMove, 0, 100, 100));
+  for (int i = 1; i <= 5; i++) {
+    PlayerHandleEvent(&moved, host, Event(PlayerEventMouseMove, 0, 100 + i, 100));
+    PlayerHandleEvent(&moved, host, Event(PlayerEventMouseMove, 0, 100 + i, 100));
+  }
   EXPECT_EQ(moved.QuitState, 0) << "five movements do not end it";
-  PlayerHandleEvent(&moved, host, Event(PlayerEventMouseMove));
+  PlayerHandleEvent(&moved, host, Event(PlayerEventMouseMove, 0, 105, 99));
   EXPECT_EQ(moved.QuitState, 1);
   // Gaining the focus, a preview's input, and a plain run's key without a file do not quit.
   PlayerState focused;

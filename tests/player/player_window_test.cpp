@@ -33,6 +33,8 @@ struct Check {
   int Tolerance = 0;      // per channel
   int LargestDiff = 0;
   bool StripChecked = false, StripYellowFrom16 = false, StripOnlyBlackAndYellow = true;
+  bool FullScreen = false;  // a present found the display switched by /D and /B
+  uint32_t Corner = 0;      // the window's top-left pixel
   std::string Title;
   uint32_t CardPresents = 0;        // presents of the end-card
   int32_t LastWidth = 0, LastHeight = 0;  // the window's size at the last present
@@ -83,12 +85,20 @@ void ComparingPresent(void* context, PlayerState* s) {
   ASSERT_TRUE(PlayerWindowReadPixels(G.Handle, &screen, &w, &hgt)) << SDL_GetError();
   G.LastWidth = w;
   G.LastHeight = hgt;
-  if (w != plan.Width || hgt != plan.Height) {
-    ADD_FAILURE() << "window " << w << " x " << hgt << ", planned " << plan.Width << " x "
-                  << plan.Height;
+  // With the display's mode switched the window covers the screen, and the video sits where
+  // the plan puts the window.
+  G.FullScreen = s->DisplaySwitched;
+  const int32_t wantWidth = G.FullScreen ? 1024 : plan.Width;
+  const int32_t wantHeight = G.FullScreen ? 768 : plan.Height;
+  const int32_t originX = G.FullScreen ? plan.X : 0, originY = G.FullScreen ? plan.Y : 0;
+  if (w != wantWidth || hgt != wantHeight) {
+    ADD_FAILURE() << "window " << w << " x " << hgt << ", planned " << wantWidth << " x "
+                  << wantHeight;
     ++G.Mismatches;
   } else {
-    const int32_t left = (plan.Width - plan.VideoWidth) / 2, top = plan.StripHeight;
+    G.Corner = screen[0];
+    const int32_t left = originX + (plan.Width - plan.VideoWidth) / 2;
+    const int32_t top = originY + plan.StripHeight;
     bool reported = false;
     for (int32_t y = 0; y < reference.Height; ++y)
       for (int32_t x = 0; x < reference.Width; ++x) {
@@ -242,6 +252,26 @@ TEST_F(PlayerWindowTest, StatisticsStripSitsAboveTheVideoOnBothPaths) {
   }
 }
 
+// /D and /B with the display's own size (the only mode Xvfb has): the window covers the
+// screen in that mode, black, with the video exactly where the centred window would be.
+TEST_F(PlayerWindowTest, SwitchedDisplayModeShowsTheVideoInPlaceOnBothPaths) {
+  for (const int32_t draw : {int32_t(PlayerDraw2D), int32_t(PlayerDrawGL)}) {
+    SCOPED_TRACE(draw == PlayerDraw2D ? "2-D path" : "OpenGL path");
+    G = Check{};
+    PlayerState state = Quiet(draw);
+    state.Options.DisplayWidth = 1024;
+    state.Options.DisplayHeight = 768;
+    G.Tolerance = draw == PlayerDraw2D ? 0 : 2;
+    EXPECT_EQ(Play(FirstGeneration(), &state), 0) << state.Error;
+    if (draw == PlayerDrawGL) SkipWithoutGl();
+    if (!G.FullScreen) GTEST_SKIP() << "this display did not switch to its own mode full screen";
+    EXPECT_EQ(G.Compared, 3u);
+    EXPECT_EQ(G.Mismatches, 0u) << "largest difference " << G.LargestDiff;
+    EXPECT_EQ(G.Corner & 0xFFFFFF, 0u);
+    EXPECT_FALSE(state.DisplaySwitched) << "restored when leaving";
+  }
+}
+
 // A wide-range file of a flat grey of 40 nits (half the window's full scale) shows, through the
 // ST 2084 curve and the sRGB encoding, as a neutral grey near 188; one stop less exposure (four
 // quarter stops down) halves the light, near 137.
@@ -302,6 +332,45 @@ TEST_F(PlayerWindowTest, EndCardFollowsInTheSameWindowAtItsOwnSize) {
     EXPECT_EQ(G.LastHeight, 32);
     EXPECT_EQ(G.Title, "clip.vlm - Velmo Video Player");
   }
+}
+
+// The three HDR looks on the same grey: well below the peak, the clip (look 0) and the soft
+// knee (look 1) leave it alone, and the compressing look 2 darkens it; at the peak, the clip is
+// full white, the knee below it, and look 2 lower still.
+TEST_F(PlayerWindowTest, OpenGLPathShowsEachHdrLook) {
+  using namespace test_support;
+  velmo_test::FlatFilePlan plan;
+  plan.Hdr = true;
+  MakeHdrBlock(1000, Tone1000, plan.HdrBlock);
+  const double grey[3] = {0.5, 0.5, 0.5};
+  const HdrPlaneValues v = ForwardHdr(grey, 1000, Tone1000);
+  velmo_test::FlatFrame frame;
+  frame.Y = velmo_test::FlatValue(v.Y);
+  frame.Hdr = velmo_test::FlatValue(v.Hdr);
+  frame.Cr = velmo_test::FlatValue(v.Ct);
+  frame.Cb = velmo_test::FlatValue(v.Cp);
+  plan.Frames = {frame, frame};
+  const std::string path = dir / "looks.vm2";
+  velmo_test::WriteFlatFile(path, plan);
+  int level[2][PlayerHdrLooks] = {};  // [exposure below, at the peak][look], green channel
+  for (int e = 0; e < 2; ++e)
+    for (int look = 0; look < PlayerHdrLooks; ++look) {
+      SCOPED_TRACE(testing::Message() << "exposure " << e << " look " << look);
+      G = Check{};
+      G.CompareWithCopyOut = false;
+      G.StopAfter = 2;
+      PlayerState state = Quiet(PlayerDrawGL);
+      state.Exposure = e == 0 ? -4 : 4;  // a quarter, and all, of the window's full scale
+      state.HdrLook = look;
+      ASSERT_EQ(Play(path, &state), 0) << state.Error;
+      SkipWithoutGl();
+      level[e][look] = int((G.Centre >> 8) & 0xFF);
+    }
+  EXPECT_NEAR(level[0][0], level[0][1], 1);
+  EXPECT_LT(level[0][2], level[0][1] - 5);
+  EXPECT_GE(level[1][0], 250);
+  EXPECT_LT(level[1][1], level[1][0] - 5);
+  EXPECT_LT(level[1][2], level[1][1] - 5);
 }
 
 TEST_F(PlayerWindowTest, HdrFileOnThe2DPathGivesItsMessage) {

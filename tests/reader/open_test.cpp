@@ -241,11 +241,13 @@ TEST_F(VelmoOpenTest, RatesAndNextOpenSettings) {
   VelmoClose(h);
   EXPECT_EQ(VelmoOpen(reinterpret_cast<const char*>(padded.data()), VelmoOpenImage), nullptr);
 
-  // A forced rate through the options, with the flag only; all ones means the file's.
+  // A forced rate through the options, with the flag only; all ones means the file's, and 0
+  // (as fast as possible) is a rate like any other.
   const uint32_t forced[][5] = {// rate, divisor, flags, the rate and divisor used
                                 {0xFFFFFFFFu, 1, VelmoOpenForceRate, 30, 1},
                                 {15, 2, 0, 30, 1},
-                                {15, 2, VelmoOpenForceRate, 15, 2}};
+                                {15, 2, VelmoOpenForceRate, 15, 2},
+                                {0, 1, VelmoOpenForceRate, 0, 1}};
   for (const auto& [rate, div, flags, used, usedDiv] : forced) {
     VelmoOpenOptions o{};
     o.ImageSize = file.size();
