@@ -471,6 +471,8 @@ TEST_F(PlayerEndCardTest, ACardThatCannotBeShownEndsThePlayerAtOnce) {
     EXPECT_EQ(host.CardPresents(), 0u);
     EXPECT_LE(host.Elapsed(), host.Presents.back().At + 101);
     EXPECT_EQ(state.Handle, nullptr);
+  }
+}
 
 // /D and /B together switch the display before the first file is set up, and every way out of
 // the run puts the mode back: the end, an open failure, a presentation that cannot be made.
