@@ -4,6 +4,7 @@
 
 #include "compress/rate_plan.h"
 #include "compress/velmo1_kernels.h"
+#include "compress/velmo1_quantise.h"
 #include "compress/velmo1_stream.h"
 #include "decode/velmo1_decoder.h"
 #include "format/frame_buffers.h"
@@ -16,7 +17,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 
 namespace {
 
@@ -72,77 +72,15 @@ void NoteActual(CostModel& m, uint32_t i, uint64_t bits, uint32_t symbols) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Transform: the forward projection is taken from the decoder's own inverse transform, so that
-// a coefficient's weight is exactly what the decoder will rebuild from it.
+// Transform blocks: the forward transform once per block, then each scale's quantiser row. Inter
+// blocks take the same rows as intra blocks, although the decoder dequantises them with its
+// inter table: measured on real footage, rows fitted to the inter table spent more bits for
+// the same picture.
 
-struct Basis {
-  double Vector[2][64][64];  // [inter][pixel][position], at scale 0 and unit coefficient
-  double Norm[2][64];        // squared length
-  double ScaleRatio[2][16][64];  // table at scale 0 over the table at scale s
-};
+void Transform(const int32_t block[64], int32_t coeffs[64]) { Velmo1ForwardTransform(block, coeffs); }
 
-const Basis& TransformBasis() {
-  static Basis basis;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    constexpr int Unit = 32;
-    for (int inter = 0; inter < 2; ++inter) {
-      const uint32_t* t0 = Velmo1DequantTable(inter != 0, 0);
-      for (int k = 0; k < 64; ++k) {
-        int16_t coeffs[64] = {};
-        coeffs[k] = Unit;
-        int32_t out[64];
-        Velmo1IdctPlain(coeffs, t0, out);
-        double norm = 0;
-        for (int i = 0; i < 64; ++i) {
-          basis.Vector[inter][i][k] = double(out[i]) / Unit;
-          norm += basis.Vector[inter][i][k] * basis.Vector[inter][i][k];
-        }
-        basis.Norm[inter][k] = norm > 0 ? norm : 1;
-        for (int s = 0; s < 16; ++s) {
-          const uint32_t ts = Velmo1DequantTable(inter != 0, uint32_t(s))[k];
-          basis.ScaleRatio[inter][s][k] = ts ? double(t0[k]) / ts : 0;
-        }
-      }
-    }
-  });
-  return basis;
-}
-
-// Projections of a block (or residue) on the basis, at scale 0.
-// Each sum runs over the pixels in order; all 64 sums advance together, pixel by pixel.
-void Project(const int32_t block[64], bool inter, double out[64]) {
-  const Basis& b = TransformBasis();
-  double dot[64] = {};
-  for (int i = 0; i < 64; ++i) {
-    const double v = block[i];
-    const double* row = b.Vector[inter][i];
-    for (int k = 0; k < 64; ++k) dot[k] += v * row[k];
-  }
-  for (int k = 0; k < 64; ++k) out[k] = dot[k] / b.Norm[inter][k];
-}
-
-// The nearest whole number, halves to even (as nearbyint in the default rounding mode), held to
-// +-32768: below 2^52 adding and taking away 2^52 leaves the rounded value.
-double RoundHeld(double v) {
-  constexpr double Shift = 4503599627370496.0;  // 2^52
-  const double a = std::min(std::fabs(v), 32768.0);
-  return std::copysign((a + Shift) - Shift, v);
-}
-
-// Quantises projections at scale s; returns whether any AC value is not zero.
-bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeffs[64]) {
-  const Basis& b = TransformBasis();
-  const double* ratio = b.ScaleRatio[inter][s];
-  for (int k = 0; k < 64; ++k) {
-    const double v = RoundHeld(projection[k] * ratio[k]);
-    coeffs[k] = int16_t(std::min(std::max(v, -16383.0), 16383.0));
-  }
-  int any = 0;
-  for (int k = 1; k < 64; ++k) any |= coeffs[k];
-  if (inter) coeffs[0] = int16_t(std::clamp<int>(coeffs[0], -1023, 1023));
-  else coeffs[0] = int16_t(std::clamp<int>(coeffs[0], 0, 2047));
-  return any != 0;
+bool Quantise(const int32_t coeffs[64], bool inter, uint32_t s, int16_t out[64]) {
+  return Velmo1Quantise(coeffs, s, inter, out);
 }
 
 uint32_t CoefficientBits(const int16_t coeffs[64]) { return Velmo1EncCoefficientBitCount(coeffs); }
@@ -481,10 +419,10 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
       pts[n++] = {RunBits(rebuilt, scan, e), Sse(c, rebuilt), Velmo1Run, RunParam(scan, t)};
     }
   int32_t wide[64];
-  double projection[64];
+  int32_t projection[64];
   int16_t coeffs[64];
   for (int i = 0; i < 64; ++i) wide[i] = c[i];
-  Project(wide, false, projection);
+  Transform(wide, projection);
   for (uint32_t q = 0; q < 16; ++q) {
     if (!Quantise(projection, false, q, coeffs)) break;
     Rebuild(p, coeffs, false, q, nullptr, rebuilt);
@@ -497,7 +435,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     uint8_t m[64];
     Get8(p.Previous + int64_t(int(y) + my) * p.RefPitch + int(x) + mx, p.RefPitch, m);
     for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
-    Project(wide, true, projection);
+    Transform(wide, projection);
     for (uint32_t q = 0; q < 16; ++q) {
       const bool any = Quantise(projection, true, q, coeffs);
       Rebuild(p, coeffs, true, q, m, rebuilt);
@@ -601,10 +539,10 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
       pts[n++] = {RunBits(rebuilt, scan, e), Sse256(f, big), Velmo1Run, RunParam(scan, t)};
     }
   int32_t wide[64];
-  double projection[64];
+  int32_t projection[64];
   int16_t coeffs[64];
   for (int i = 0; i < 64; ++i) wide[i] = h[i];
-  Project(wide, false, projection);
+  Transform(wide, projection);
   for (uint32_t q = 0; q < 16; ++q) {
     if (!Quantise(projection, false, q, coeffs)) break;
     Rebuild(p, coeffs, false, q, nullptr, rebuilt);
@@ -870,9 +808,9 @@ Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
     case Velmo1DctIntra: {
       int32_t wide[64];
       for (int i = 0; i < 64; ++i) wide[i] = c[i];
-      double projection[64];
+      int32_t projection[64];
       int16_t coeffs[64];
-      Project(wide, false, projection);
+      Transform(wide, projection);
       Quantise(projection, false, pt.Param, coeffs);
       return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param);
     }
@@ -904,9 +842,9 @@ Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const Blo
       Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
       int32_t wide[64];
       for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
-      double projection[64];
+      int32_t projection[64];
       int16_t coeffs[64];
-      Project(wide, true, projection);
+      Transform(wide, projection);
       Quantise(projection, true, pt.Param, coeffs);
       return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param);
     }
