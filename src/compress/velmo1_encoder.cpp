@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -714,6 +716,16 @@ uint64_t PlannedPlaneError(const PlaneInfo& p) {
   return sum;
 }
 
+// Where one plane's bits went, for the statistics file: each bundle's bits and values, and each
+// block kind's count and planned bits (8x8 blocks by kind, 16x16 blocks by sub-kind).
+struct PlaneStats {
+  Velmo1EncPlaneStats Bundles;
+  uint32_t Bytes;
+  uint64_t Error;
+  uint32_t Count8[Velmo1KindCount], Count16[Velmo1KindCount];
+  uint64_t Planned8[Velmo1KindCount], Planned16[Velmo1KindCount];
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -732,6 +744,8 @@ struct VelmoEncoder {
   std::vector<BlockPlan> Plans16[4];
   std::vector<uint8_t> Layout[4];
   bool HaveReference = false;
+  uint32_t FramesCoded = 0;
+  PlaneStats Stats[4];
 };
 
 uint32_t Velmo1FileTagFor(uint32_t version) { return version < 101 ? TagVLMi : TagVLMk; }
@@ -867,7 +881,9 @@ Velmo1EncRawBlock Block16For(const PlaneInfo& p, uint32_t x, uint32_t y, const B
 }
 
 // Writes one plane from its chosen points and feeds the real costs back to the model.
-std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result) {
+std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result,
+                                PlaneStats& planeStats) {
+  planeStats = {};
   Velmo1EncPlaneSpec planeSpec;
   planeSpec.Width = p.Width;
   const uint32_t bx = p.Width / 8, bx16 = bx / 2;
@@ -877,11 +893,20 @@ std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model,
     for (uint32_t x = 0; x < p.Width; x += 8) {
       const uint32_t b = (y / 8) * bx + x / 8;
       switch (p.Layout[b]) {
-        case LayoutOwn: row.push_back(BlockFor(p, x, y, p.Plans[b])); break;
+        case LayoutOwn: {
+          const Point& chosen = p.Plans[b].P[p.Plans[b].Current];
+          row.push_back(BlockFor(p, x, y, p.Plans[b]));
+          ++planeStats.Count8[chosen.Mode];
+          planeStats.Planned8[chosen.Mode] += chosen.Bits;
+          break;
+        }
         case LayoutHead: {
           const BlockPlan& plan = p.Plans16[(y / 16) * bx16 + x / 16];
+          const Point& chosen = plan.P[plan.Current];
           row.push_back(Block16For(p, x, y, plan));
-          ++result->DoubledKinds[plan.P[plan.Current].Mode];
+          ++result->DoubledKinds[chosen.Mode];
+          ++planeStats.Count16[chosen.Mode];
+          planeStats.Planned16[chosen.Mode] += chosen.Bits;
           break;
         }
         case LayoutLower: row.push_back(Velmo1EncDoubledLower()); continue;  // counted at the head
@@ -896,6 +921,7 @@ std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model,
   options.ChooseTables = true;
   Velmo1EncPlaneStats stats{};
   std::vector<uint8_t> out = Velmo1EncBuildPlane(planeSpec, options, &stats);
+  planeStats.Bundles = stats;
   NoteActual(model, CostType, stats.Bits[Velmo1BlockTypes], stats.Elements[Velmo1BlockTypes]);
   NoteActual(model, CostSubType, stats.Bits[Velmo1SubBlockTypes], stats.Elements[Velmo1SubBlockTypes]);
   NoteActual(model, CostPattern, stats.Bits[Velmo1Patterns], stats.Elements[Velmo1Patterns] / 8);
@@ -919,6 +945,45 @@ uint64_t PictureError(const uint8_t* a, const uint8_t* b, size_t pitch, uint32_t
   uint64_t s = 0;
   for (uint32_t y = 0; y < h; ++y) s += PlaneError(a + y * pitch, b + y * pitch, w);
   return s;
+}
+
+}  // namespace
+
+namespace {
+
+constexpr const char* KindNames[Velmo1KindCount] = {"skip", "doubled", "mot", "run", "motz",
+                                                    "dct", "one", "dctinter", "two", "bang"};
+constexpr const char* BundleNames[Velmo1BundleCount] = {"types", "subtypes", "colours", "patterns", "xmotion",
+                                                        "ymotion", "intradc", "interdc", "runs"};
+constexpr const char* PlaneNames[4] = {"Y", "Cr", "Cb", "A"};
+
+// Appends one line a plane for the frame: where its bytes went. Bundle bits are those of their
+// refills in the stream; the rest of a plane's bits are the blocks' own (coefficients, scales,
+// raw bits) and the plane's code tables. A kind's planned bits are the allocation's estimates
+// (1/256 bit) of the blocks that took it.
+void AppendStats(const char* path, uint32_t frame, bool key, uint32_t budget, const bool present[4],
+                 const PlaneStats stats[4], const VelmoEncodeResult& result) {
+  std::FILE* f = std::fopen(path, "a");
+  if (!f) return;
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!present[i]) continue;
+    const PlaneStats& s = stats[i];
+    std::fprintf(f, "frame=%u key=%d budget=%u plane=%s bytes=%u sse=%llu samples=%llu", frame, key ? 1 : 0,
+                 budget, PlaneNames[i], result.Sizes[i], static_cast<unsigned long long>(result.PictureErrors[i]),
+                 static_cast<unsigned long long>(result.PictureSamples[i]));
+    for (uint32_t b = 0; b < Velmo1BundleCount; ++b)
+      std::fprintf(f, " bundle.%s=%llu/%u", BundleNames[b], static_cast<unsigned long long>(s.Bundles.Bits[b]),
+                   s.Bundles.Elements[b]);
+    for (uint32_t k = 0; k < Velmo1KindCount; ++k) {
+      if (s.Count8[k])
+        std::fprintf(f, " k8.%s=%u/%llu", KindNames[k], s.Count8[k], static_cast<unsigned long long>(s.Planned8[k] >> 8));
+      if (s.Count16[k])
+        std::fprintf(f, " k16.%s=%u/%llu", KindNames[k], s.Count16[k],
+                     static_cast<unsigned long long>(s.Planned16[k] >> 8));
+    }
+    std::fputc('\n', f);
+  }
+  std::fclose(f);
 }
 
 }  // namespace
@@ -1010,7 +1075,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     if (!e->Present[i]) continue;
     if (StopBefore(input, EncodeLabels[i])) return false;
     if (i == VelmoPlaneAlpha && constantAlpha) streams[i] = Velmo1EncConstantAlphaPlane(e->Source[i][0]);
-    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i], result);
+    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i], result, e->Stats[i]);
     result->Sizes[i] = uint32_t(streams[i].size());
   }
   for (uint32_t i = 0; i < 4; ++i)
@@ -1033,5 +1098,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
         present ? PictureError(now.Planes[i], e->Source[i].data(), e->PlaneWidth[i], inW[i], inH[i]) : 0;
     result->PictureSamples[i] = present ? uint64_t(inW[i]) * inH[i] : 0;
   }
+  if (const char* path = std::getenv("ORN_VELMO1_STATS"); path && *path)
+    AppendStats(path, e->FramesCoded, key, budgetBytes, e->Present, e->Stats, *result);
+  e->FramesCoded++;
   return true;
 }
