@@ -81,8 +81,14 @@ void NoteActual(CostModel& m, uint32_t i, uint64_t bits, uint32_t symbols) {
 
 void Transform(const int32_t block[64], int32_t coeffs[64]) { Velmo1ForwardTransform(block, coeffs); }
 
-bool Quantise(const int32_t coeffs[64], bool inter, uint32_t s, int16_t out[64]) {
-  return Velmo1Quantise(coeffs, s, inter, out);
+// A transform point's Param: the scale in the low four bits, and this bit when the AC values
+// were quantised with the dead zone. Every 8x8 block offers both forms at each scale; the
+// allocation keeps whichever gives the better trade of bits for error.
+constexpr uint16_t ParamDeadZone = 0x10;
+
+bool Quantise(const int32_t coeffs[64], bool inter, uint32_t param, int16_t out[64]) {
+  const uint32_t s = param & 15;
+  return param & ParamDeadZone ? Velmo1QuantiseDeadZone(coeffs, s, inter, out) : Velmo1Quantise(coeffs, s, inter, out);
 }
 
 uint32_t CoefficientBits(const int16_t coeffs[64]) { return Velmo1EncCoefficientBitCount(coeffs); }
@@ -383,7 +389,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
   uint8_t c[64], sorted[64], rebuilt[64];
   Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
-  Point pts[96];
+  Point pts[128];
   uint32_t n = 0;
   plan.MotionX = plan.MotionY = 0;
   auto finish = [&] {
@@ -425,11 +431,13 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   int16_t coeffs[64];
   for (int i = 0; i < 64; ++i) wide[i] = c[i];
   Transform(wide, projection);
-  for (uint32_t q = 0; q < 16; ++q) {
-    if (!Quantise(projection, false, q, coeffs)) break;
-    Rebuild(p, coeffs, false, q, nullptr, rebuilt);
-    pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra, uint16_t(q)};
-  }
+  for (uint16_t zone : {uint16_t(0), ParamDeadZone})
+    for (uint32_t q = 0; q < 16; ++q) {
+      if (!Quantise(projection, false, q | zone, coeffs)) break;
+      Rebuild(p, coeffs, false, q, nullptr, rebuilt);
+      pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra,
+                  uint16_t(q | zone)};
+    }
   if (prevAt) {
     int mx, my;
     FindMotion(p, x, y, c, mx, my);
@@ -438,13 +446,14 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     Get8(p.Previous + int64_t(int(y) + my) * p.RefPitch + int(x) + mx, p.RefPitch, m);
     for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
     Transform(wide, projection);
-    for (uint32_t q = 0; q < 16; ++q) {
-      const bool any = Quantise(projection, true, q, coeffs);
-      Rebuild(p, coeffs, true, q, m, rebuilt);
-      pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
-                  Velmo1DctInter, uint16_t(q)};
-      if (!any) break;
-    }
+    for (uint16_t zone : {uint16_t(0), ParamDeadZone})
+      for (uint32_t q = 0; q < 16; ++q) {
+        const bool any = Quantise(projection, true, q | zone, coeffs);
+        Rebuild(p, coeffs, true, q, m, rebuilt);
+        pts[n++] = {((CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
+                    Velmo1DctInter, uint16_t(q | zone)};
+        if (!any) break;
+      }
     pts[n++] = {e[CostMotion], Sse(c, m), Velmo1Mot, 0};
     for (uint32_t shift = 0; p.RunAndResidue && shift < ResidueShifts; ++shift) {
       int8_t residue[64];
@@ -826,7 +835,7 @@ Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
       int16_t coeffs[64];
       Transform(wide, projection);
       Quantise(projection, false, pt.Param, coeffs);
-      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param);
+      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param & 15);
     }
     case Velmo1Two: {
       uint8_t rebuilt[64], rows[8];
@@ -860,7 +869,7 @@ Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const Blo
       int16_t coeffs[64];
       Transform(wide, projection);
       Quantise(projection, true, pt.Param, coeffs);
-      return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param);
+      return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param & 15);
     }
     case Velmo1Motz: {
       Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);

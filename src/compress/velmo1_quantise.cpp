@@ -113,14 +113,35 @@ const uint32_t* Velmo1QuantiserRow(uint32_t scale) {
   return rows[scale & 15].data();
 }
 
+namespace {
+
+int16_t HeldDc(int32_t dc, bool inter) {
+  return int16_t(inter ? std::clamp<int32_t>(dc, -1023, 1023) : std::clamp<int32_t>(dc, 0, 2047));
+}
+
+}  // namespace
+
 bool Velmo1Quantise(const int32_t coeffs[64], uint32_t scale, bool inter, int16_t out[64]) {
   const uint32_t* row = Velmo1QuantiserRow(scale);
   int any = 0;
-  for (int k = 0; k < 64; ++k) {
+  for (int k = 1; k < 64; ++k) {
     const int32_t v = std::clamp(Velmo1QuantiseCoefficient(coeffs[k], row[k]), -16383, 16383);
     out[k] = int16_t(v);
-    any |= k ? v : 0;
+    any |= v;
   }
-  out[0] = int16_t(inter ? std::clamp<int>(out[0], -1023, 1023) : std::clamp<int>(out[0], 0, 2047));
+  out[0] = HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
+  return any != 0;
+}
+
+bool Velmo1QuantiseDeadZone(const int32_t coeffs[64], uint32_t scale, bool inter, int16_t out[64]) {
+  const uint32_t* row = Velmo1QuantiserRow(scale);
+  int any = 0;
+  for (int k = 1; k < 64; ++k) {
+    const int64_t magnitude = (int64_t(row[k]) * std::abs(coeffs[k]) + Velmo1DeadZoneRounding) >> 30;
+    const int32_t v = int32_t(std::min<int64_t>(magnitude, 16383));
+    out[k] = int16_t(coeffs[k] < 0 ? -v : v);
+    any |= v;
+  }
+  out[0] = HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
   return any != 0;
 }

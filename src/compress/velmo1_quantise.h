@@ -23,3 +23,9 @@ inline int32_t Velmo1QuantiseCoefficient(int32_t coeff, uint32_t entry) {
 // values to +-16383, the intra DC to 0..2047, the inter DC to -1023..1023. Returns whether any
 // AC value is not zero.
 bool Velmo1Quantise(const int32_t coeffs[64], uint32_t scale, bool inter, int16_t out[64]);
+
+// The encoder's second operating point at each scale: the same, except that each AC magnitude is
+// rounded up only from two thirds of a step (its rounding is about a third of a step), and takes
+// its sign back after. Values a little past half a step fall to the one below and cost fewer bits.
+constexpr int32_t Velmo1DeadZoneRounding = 341 << 20;
+bool Velmo1QuantiseDeadZone(const int32_t coeffs[64], uint32_t scale, bool inter, int16_t out[64]);

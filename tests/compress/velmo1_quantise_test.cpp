@@ -109,3 +109,52 @@ TEST(Velmo1Quantiser, FlatBlocksAreDcAloneAndValuesStayInTheStreamsRanges) {
 }
 
 }  // namespace
+
+namespace {
+
+// The dead-zone form from its definition: |q| * 2^30 - r <= entry * |c| < (|q| + 1) * 2^30 - r
+// with r the dead-zone rounding, the sign of c, and never more than the plain form's magnitude.
+void ExpectDeadZone(const int32_t coeffs[64], uint32_t scale, bool inter) {
+  int16_t zone[64], plain[64];
+  const bool anyZone = Velmo1QuantiseDeadZone(coeffs, scale, inter, zone);
+  const bool anyPlain = Velmo1Quantise(coeffs, scale, inter, plain);
+  EXPECT_EQ(zone[0], plain[0]);
+  bool any = false;
+  for (int k = 1; k < 64; ++k) {
+    const int64_t product = int64_t(Velmo1QuantiserRow(scale)[k]) * std::abs(coeffs[k]);
+    const int64_t q = std::abs(zone[k]), step = int64_t(1) << 30;
+    if (q < 16383) {
+      EXPECT_LE(q * step - Velmo1DeadZoneRounding, product) << k;
+      EXPECT_LT(product, (q + 1) * step - Velmo1DeadZoneRounding) << k;
+    }
+    EXPECT_GE(int64_t(zone[k]) * coeffs[k], 0) << k;  // no sign turns
+    EXPECT_LE(std::abs(zone[k]), std::abs(plain[k])) << k;
+    any |= zone[k] != 0;
+  }
+  EXPECT_EQ(anyZone, any);
+  EXPECT_TRUE(anyPlain || !anyZone);
+}
+
+}  // namespace
+
+TEST(Velmo1Quantiser, DeadZoneRoundsSmallValuesDownAndKeepsSignsAndDc) {
+  std::mt19937 rng(5);
+  std::uniform_int_distribution<int32_t> pixel(-255, 255);
+  for (int i = 0; i < 400; ++i) {
+    int32_t block[64], coeffs[64];
+    for (int32_t& b : block) b = pixel(rng);
+    Velmo1ForwardTransform(block, coeffs);
+    ExpectDeadZone(coeffs, uint32_t(i % 16), i & 1);
+  }
+  // A value of 0.6 steps: the plain form rounds it to one, the dead zone to zero, on both sides.
+  int32_t coeffs[64] = {2048 * 128};
+  coeffs[9] = int32_t(0.6 * (1 << 30) / Velmo1QuantiserRow(0)[9]);
+  coeffs[10] = -coeffs[9];
+  int16_t plain[64], zone[64];
+  EXPECT_TRUE(Velmo1Quantise(coeffs, 0, false, plain));
+  EXPECT_EQ(plain[9], 1);
+  EXPECT_EQ(plain[10], -1);
+  EXPECT_FALSE(Velmo1QuantiseDeadZone(coeffs, 0, false, zone));
+  EXPECT_EQ(zone[0], plain[0]);
+  ExpectDeadZone(coeffs, 0, false);
+}
