@@ -177,26 +177,35 @@ void Half(const uint8_t f[256], uint8_t h[64]) {
     }
 }
 
-// The two colours of a sorted block: the split of least absolute deviation about the medians.
-// Returns false when all samples are equal.
+// The rounded mean of n samples: the one value of least squared error.
+uint8_t MeanOf(const uint8_t* v, uint32_t n) {
+  uint32_t sum = 0;
+  for (uint32_t i = 0; i < n; ++i) sum += v[i];
+  return uint8_t((2 * sum + n) / (2 * n));
+}
+
+// The two colours of a sorted block: for each split between two different values, the rounded
+// means of the samples below and above it; the pair whose squared error is least, each sample
+// taking the nearer value (a tie the high one), as the block will be coded. Returns false when
+// all samples are equal.
 bool FindTwoColours(const uint8_t sorted[64], uint8_t& low, uint8_t& high) {
   if (sorted[0] == sorted[63]) return false;
-  auto median = [&](int from, int n) {
-    return n & 1 ? sorted[from + n / 2] : uint8_t((sorted[from + n / 2 - 1] + sorted[from + n / 2]) >> 1);
-  };
-  uint32_t best = UINT32_MAX;
-  int lastLow = -1, lastHigh = -1;
+  uint32_t total = 0;
+  for (int i = 0; i < 64; ++i) total += sorted[i];
+  uint64_t best = UINT64_MAX;
+  uint32_t below = 0;
   for (int k = 1; k < 64; ++k) {
+    below += sorted[k - 1];
     if (sorted[k] == sorted[k - 1]) continue;
-    const uint8_t lo = median(0, k), hi = median(k, 64 - k);
-    if (lo == lastLow && hi == lastHigh) continue;
-    lastLow = lo, lastHigh = hi;
-    uint32_t cost = 0;
-    for (int i = 0; i < 64; ++i) cost += uint32_t(std::abs(int(sorted[i]) - (i < k ? lo : hi)));
-    if (cost < best) {
-      best = cost, low = lo, high = hi;
-      if (cost == 0) break;
+    const int lo = int((2 * below + uint32_t(k)) / uint32_t(2 * k));
+    const int hi = int((2 * (total - below) + uint32_t(64 - k)) / uint32_t(2 * (64 - k)));
+    uint64_t cost = 0;
+    for (int i = 0; i < 64; ++i) {
+      const int v = sorted[i];
+      const int d = v - (std::abs(v - hi) <= std::abs(v - lo) ? hi : lo);
+      cost += uint64_t(d * d);
     }
+    if (cost < best) best = cost, low = uint8_t(lo), high = uint8_t(hi);
   }
   return true;
 }
@@ -408,7 +417,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   }
   std::copy(c, c + 64, sorted);
   SortSamples(sorted, 64);
-  const uint8_t one = uint8_t((sorted[31] + sorted[32]) >> 1);
+  const uint8_t one = MeanOf(c, 64);
   pts[n++] = {e[CostColour], SseValue(c, one), Velmo1One, one};
   if (pts[n - 1].Error == 0) return finish();
   uint8_t low = 0, high = 0;
@@ -502,7 +511,7 @@ void Get16(const uint8_t* p, int32_t pitch, uint8_t out[256]) {
 // Builds the candidate list of one 16x16 block from its half-size version; errors at full size.
 void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
-  uint8_t f[256], h[64], up[256], sorted[256], rebuilt[64];
+  uint8_t f[256], h[64], up[256], sorted[64], rebuilt[64];
   Get16(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), f);
   Half(f, h);
   Up(h, up);
@@ -523,9 +532,7 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
     std::copy(pts, pts + n, plan.P);
     plan.Count = int8_t(n);
   };
-  std::copy(f, f + 256, sorted);
-  SortSamples(sorted, 256);
-  const uint8_t one = uint8_t((sorted[127] + sorted[128]) >> 1);
+  const uint8_t one = MeanOf(f, 256);
   uint8_t flat[256];
   std::memset(flat, one, 256);
   pts[n++] = {e[CostColour], Sse256(f, flat), Velmo1One, one};

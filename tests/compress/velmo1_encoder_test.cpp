@@ -263,6 +263,22 @@ TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
   EXPECT_LT(still.Section.size(), first.Section.size() / 4);
 }
 
+// One colour is the value of least squared error, the mean, not the middle sample: blocks of
+// six rows of 100 and two of 200 at no budget (each block at its cheapest point, one colour;
+// one row of blocks, so none is merged into a 16x16 block) come back as 125 everywhere.
+TEST(Velmo1Encoder, OneColourBlocksTakeTheMean) {
+  EncodeRun run({24, 8, 101, 0});
+  Picture pic = MakeEncoderPicture(24, 8, Flat, 0);
+  for (uint32_t y = 0; y < 8; ++y)
+    for (uint32_t x = 0; x < 24; ++x) pic.P[0][y * 24 + x] = y >= 6 ? 200 : 100;
+  const VelmoEncodeResult r = run.Frame(pic, true, 0);
+  EXPECT_EQ(r.Kinds[Velmo1Doubled], 0u);
+  const VelmoFrameBuffers& ring = *VelmoEncoderPicture(run.E);
+  const uint8_t* luma = ring.Sets[ring.Current].Planes[0];
+  for (uint32_t y = 0; y < 8; ++y)
+    for (uint32_t x = 0; x < 24; ++x) ASSERT_EQ(luma[y * ring.LumaPitch + x], 125) << x << " " << y;
+}
+
 // Sums a result's block counts over all kinds.
 uint32_t BlockCount(const VelmoEncodeResult& r) {
   uint32_t n = 0;
