@@ -121,7 +121,7 @@ struct PlaneInfo {
   bool Key;
   BlockPlan* Plans16 = nullptr;  // raster order of the whole 16x16 blocks
   uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
-  bool RunAndResidue = false;    // offer RUN and residue candidates too
+  bool RunAndResidue = true;     // offer RUN and residue candidates
   Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
   Velmo1SadRowKernel SadRow = Velmo1SadRowPlain;  // the motion search's block differences
 };
@@ -1042,7 +1042,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
                   e->PlaneWidth[i], e->PlaneWidth[i], e->PlaneHeight[i]);
     planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
-                 e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
+                 e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeNoRunOrResidue) == 0};
     planes[i].Idct = kernels.Idct;
     planes[i].SadRow = encodeKernels.SadRow;
     EstimatePixelCost(e->Models[i], planes[i]);

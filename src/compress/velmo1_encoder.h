@@ -16,9 +16,10 @@
 enum : uint32_t {
   VelmoEncodeGrayscale = 0x20000,  // no chroma planes
   VelmoEncodeAlpha = 0x100000,     // an alpha plane
-  // Also offer RUN and residue blocks to the allocation. The standard candidate lists leave them
-  // out (the stream carries them and the decoder reads them); this bit is for experiments.
-  VelmoEncodeRunAndResidue = 0x1,
+  // Leave RUN and residue blocks out of the candidate lists, as the format's first encoders did.
+  // They are offered by default: screen content and noisy motion code in fewer bits with them.
+  // This bit is for comparisons.
+  VelmoEncodeNoRunOrResidue = 0x1,
 };
 
 struct VelmoEncoderConfig {

@@ -306,11 +306,11 @@ TEST(Velmo1Encoder, SmoothAreasTakeDoubledBlocksOfIntraSubKinds) {
   EXPECT_LT(r2.Kinds[Velmo1Doubled], r.Kinds[Velmo1Doubled]);
 }
 
-TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
+TEST(Velmo1Encoder, RunAndResidueBlocksUnlessLeftOut) {
   // Stripes of a few levels: runs along a scan code them exactly; motion with noise takes
-  // residues. The standard candidate lists never offer either kind.
-  for (const bool asked : {false, true}) {
-    EncodeRun run({96, 64, 101, asked ? uint32_t(VelmoEncodeRunAndResidue) : 0u});
+  // residues. The lists of the format's first encoders, kept for comparisons, offer neither.
+  for (const bool asked : {true, false}) {
+    EncodeRun run({96, 64, 101, asked ? 0u : uint32_t(VelmoEncodeNoRunOrResidue)});
     Picture pic = MakeEncoderPicture(96, 64, Shapes, 0);
     for (uint32_t y = 0; y < 64; ++y)
       for (uint32_t x = 0; x < 96; ++x)
