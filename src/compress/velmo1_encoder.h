@@ -56,6 +56,8 @@ void VelmoEncoderFree(VelmoEncoder* encoder);
 
 // Encodes one frame within about `budgetBytes`. Returns false (and writes nothing) on bad
 // input. Plane analysis runs on the job pool; everything else on the calling thread.
+// With the environment variable ORN_VELMO1_STATS naming a file, each frame appends a line per
+// plane of where its bits went (bench/velmo1_bits.py sums them up); nothing is written without it.
 bool VelmoEncodeFrame(VelmoEncoder* encoder, const VelmoEncodeInput& input, uint32_t budgetBytes,
                       VelmoEncodeResult* result);
 
