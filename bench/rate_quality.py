@@ -16,6 +16,7 @@ stretch (on by default) is switched off with /{0, so that it codes the source's 
 
   bench/rate_quality.py --clip in.y4m [--frames 30] [--skip 0] [--switches "/M10"] [--rates 0.05,0.1,0.2,0.5]
                         [--peers [vp8,vp9,theora]] [--install-peers] [--build build]
+                        [--baseline other-build] [--first-only]
   bench/rate_quality.py --selftest
 """
 import argparse
@@ -391,11 +392,17 @@ def install_peers():
 # The benchmark
 
 
-def benchmark(clip_path, frames, rates, peers, build, out=sys.stdout, skip=0, switches=()):
-    """Measures every encoder at every rate and prints the table; returns {name: [points]}."""
+def benchmark(clip_path, frames, rates, peers, build, out=sys.stdout, skip=0, switches=(),
+              baseline=None, second=True):
+    """Measures every encoder at every rate and prints the table; returns {name: [points]}.
+    `baseline` names another build folder whose first generation is measured as velmo1-base,
+    for a before and after; `second` False leaves the second generation out."""
     clip = Clip(clip_path, skip)
-    encoders = [Velmo("velmo1", 101, ".vlm", build, switches),
-                Velmo("velmo2", 200, ".vm2", build, switches)]
+    encoders = [Velmo("velmo1", 101, ".vlm", build, switches)]
+    if baseline:
+        encoders.append(Velmo("velmo1-base", 101, ".vlm", baseline, switches))
+    if second:
+        encoders.append(Velmo("velmo2", 200, ".vm2", build, switches))
     encoders += [Peer(name) for name in peers]
     work = tempfile.mkdtemp(prefix="rate_quality.")
     try:
@@ -494,6 +501,8 @@ def parse_args(argv):
     p.add_argument("--install-peers", action="store_true",
                    help="apt-get install %s first" % " ".join(PEER_PACKAGES))
     p.add_argument("--build", default=os.path.join(ROOT, "build"), help="the build folder")
+    p.add_argument("--baseline", help="another build folder: its first generation as velmo1-base")
+    p.add_argument("--first-only", action="store_true", help="leave the second generation out")
     p.add_argument("--selftest", action="store_true", help="a quick run on a generated clip")
     args = p.parse_args(argv)
     try:
@@ -524,7 +533,8 @@ def main(argv):
         if numpy is None:
             print("note: numpy is missing; plain Python computes PSNR (slowly)", file=sys.stderr)
         benchmark(args.clip, args.frames, args.rates, args.peers, args.build, skip=args.skip,
-                  switches=args.switches.split())
+                  switches=args.switches.split(), baseline=args.baseline,
+                  second=not args.first_only)
         return 0
     except BenchError as e:
         print("rate_quality: %s" % e, file=sys.stderr)

@@ -4,6 +4,7 @@
 
 #include "compress/rate_plan.h"
 #include "compress/velmo1_kernels.h"
+#include "compress/velmo1_quantise.h"
 #include "compress/velmo1_stream.h"
 #include "decode/velmo1_decoder.h"
 #include "format/frame_buffers.h"
@@ -13,10 +14,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -73,77 +75,21 @@ void NoteActual(CostModel& m, uint32_t i, uint64_t bits, uint32_t symbols) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Transform: the forward projection is taken from the decoder's own inverse transform, so that
-// a coefficient's weight is exactly what the decoder will rebuild from it.
+// Transform blocks: the forward transform once per block, then each scale's quantiser row. Inter
+// blocks take the same rows as intra blocks, although the decoder dequantises them with its
+// inter table: measured on real footage, rows fitted to the inter table spent more bits for
+// the same picture.
 
-struct Basis {
-  double Vector[2][64][64];  // [inter][pixel][position], at scale 0 and unit coefficient
-  double Norm[2][64];        // squared length
-  double ScaleRatio[2][16][64];  // table at scale 0 over the table at scale s
-};
+void Transform(const int32_t block[64], int32_t coeffs[64]) { Velmo1ForwardTransform(block, coeffs); }
 
-const Basis& TransformBasis() {
-  static Basis basis;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    constexpr int Unit = 32;
-    for (int inter = 0; inter < 2; ++inter) {
-      const uint32_t* t0 = Velmo1DequantTable(inter != 0, 0);
-      for (int k = 0; k < 64; ++k) {
-        int16_t coeffs[64] = {};
-        coeffs[k] = Unit;
-        int32_t out[64];
-        Velmo1IdctPlain(coeffs, t0, out);
-        double norm = 0;
-        for (int i = 0; i < 64; ++i) {
-          basis.Vector[inter][i][k] = double(out[i]) / Unit;
-          norm += basis.Vector[inter][i][k] * basis.Vector[inter][i][k];
-        }
-        basis.Norm[inter][k] = norm > 0 ? norm : 1;
-        for (int s = 0; s < 16; ++s) {
-          const uint32_t ts = Velmo1DequantTable(inter != 0, uint32_t(s))[k];
-          basis.ScaleRatio[inter][s][k] = ts ? double(t0[k]) / ts : 0;
-        }
-      }
-    }
-  });
-  return basis;
-}
+// A transform point's Param: the scale in the low four bits, and this bit when the AC values
+// were quantised with the dead zone. Every 8x8 block offers both forms at each scale; the
+// allocation keeps whichever gives the better trade of bits for error.
+constexpr uint16_t ParamDeadZone = 0x10;
 
-// Projections of a block (or residue) on the basis, at scale 0.
-// Each sum runs over the pixels in order; all 64 sums advance together, pixel by pixel.
-void Project(const int32_t block[64], bool inter, double out[64]) {
-  const Basis& b = TransformBasis();
-  double dot[64] = {};
-  for (int i = 0; i < 64; ++i) {
-    const double v = block[i];
-    const double* row = b.Vector[inter][i];
-    for (int k = 0; k < 64; ++k) dot[k] += v * row[k];
-  }
-  for (int k = 0; k < 64; ++k) out[k] = dot[k] / b.Norm[inter][k];
-}
-
-// The nearest whole number, halves to even (as nearbyint in the default rounding mode), held to
-// +-32768: below 2^52 adding and taking away 2^52 leaves the rounded value.
-double RoundHeld(double v) {
-  constexpr double Shift = 4503599627370496.0;  // 2^52
-  const double a = std::min(std::fabs(v), 32768.0);
-  return std::copysign((a + Shift) - Shift, v);
-}
-
-// Quantises projections at scale s; returns whether any AC value is not zero.
-bool Quantise(const double projection[64], bool inter, uint32_t s, int16_t coeffs[64]) {
-  const Basis& b = TransformBasis();
-  const double* ratio = b.ScaleRatio[inter][s];
-  for (int k = 0; k < 64; ++k) {
-    const double v = RoundHeld(projection[k] * ratio[k]);
-    coeffs[k] = int16_t(std::min(std::max(v, -16383.0), 16383.0));
-  }
-  int any = 0;
-  for (int k = 1; k < 64; ++k) any |= coeffs[k];
-  if (inter) coeffs[0] = int16_t(std::clamp<int>(coeffs[0], -1023, 1023));
-  else coeffs[0] = int16_t(std::clamp<int>(coeffs[0], 0, 2047));
-  return any != 0;
+bool Quantise(const int32_t coeffs[64], bool inter, uint32_t param, int16_t out[64]) {
+  const uint32_t s = param & 15;
+  return param & ParamDeadZone ? Velmo1QuantiseDeadZone(coeffs, s, inter, out) : Velmo1Quantise(coeffs, s, inter, out);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -174,7 +120,7 @@ struct PlaneInfo {
   bool Key;
   BlockPlan* Plans16 = nullptr;  // raster order of the whole 16x16 blocks
   uint8_t* Layout = nullptr;     // per 8x8 block: LayoutOwn, LayoutHead, LayoutCovered, LayoutLower
-  bool RunAndResidue = false;    // offer RUN and residue candidates too
+  bool RunAndResidue = true;     // offer RUN and residue candidates
   Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
   Velmo1SadRowKernel SadRow = Velmo1SadRowPlain;  // the motion search's block differences
   Velmo1CoefficientBitsKernel CoefficientBits = Velmo1CoefficientBitsPlain;  // a trial's bits
@@ -231,26 +177,35 @@ void Half(const uint8_t f[256], uint8_t h[64]) {
     }
 }
 
-// The two colours of a sorted block: the split of least absolute deviation about the medians.
-// Returns false when all samples are equal.
+// The rounded mean of n samples: the one value of least squared error.
+uint8_t MeanOf(const uint8_t* v, uint32_t n) {
+  uint32_t sum = 0;
+  for (uint32_t i = 0; i < n; ++i) sum += v[i];
+  return uint8_t((2 * sum + n) / (2 * n));
+}
+
+// The two colours of a sorted block: for each split between two different values, the rounded
+// means of the samples below and above it; the pair whose squared error is least, each sample
+// taking the nearer value (a tie the high one), as the block will be coded. Returns false when
+// all samples are equal.
 bool FindTwoColours(const uint8_t sorted[64], uint8_t& low, uint8_t& high) {
   if (sorted[0] == sorted[63]) return false;
-  auto median = [&](int from, int n) {
-    return n & 1 ? sorted[from + n / 2] : uint8_t((sorted[from + n / 2 - 1] + sorted[from + n / 2]) >> 1);
-  };
-  uint32_t best = UINT32_MAX;
-  int lastLow = -1, lastHigh = -1;
+  uint32_t total = 0;
+  for (int i = 0; i < 64; ++i) total += sorted[i];
+  uint64_t best = UINT64_MAX;
+  uint32_t below = 0;
   for (int k = 1; k < 64; ++k) {
+    below += sorted[k - 1];
     if (sorted[k] == sorted[k - 1]) continue;
-    const uint8_t lo = median(0, k), hi = median(k, 64 - k);
-    if (lo == lastLow && hi == lastHigh) continue;
-    lastLow = lo, lastHigh = hi;
-    uint32_t cost = 0;
-    for (int i = 0; i < 64; ++i) cost += uint32_t(std::abs(int(sorted[i]) - (i < k ? lo : hi)));
-    if (cost < best) {
-      best = cost, low = lo, high = hi;
-      if (cost == 0) break;
+    const int lo = int((2 * below + uint32_t(k)) / uint32_t(2 * k));
+    const int hi = int((2 * (total - below) + uint32_t(64 - k)) / uint32_t(2 * (64 - k)));
+    uint64_t cost = 0;
+    for (int i = 0; i < 64; ++i) {
+      const int v = sorted[i];
+      const int d = v - (std::abs(v - hi) <= std::abs(v - lo) ? hi : lo);
+      cost += uint64_t(d * d);
     }
+    if (cost < best) best = cost, low = uint8_t(lo), high = uint8_t(hi);
   }
   return true;
 }
@@ -443,7 +398,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
   uint8_t c[64], sorted[64], rebuilt[64];
   Get8(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), c);
-  Point pts[96];
+  Point pts[128];
   uint32_t n = 0;
   plan.MotionX = plan.MotionY = 0;
   auto finish = [&] {
@@ -462,7 +417,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   }
   std::copy(c, c + 64, sorted);
   SortSamples(sorted, 64);
-  const uint8_t one = uint8_t((sorted[31] + sorted[32]) >> 1);
+  const uint8_t one = MeanOf(c, 64);
   pts[n++] = {e[CostColour], SseValue(c, one), Velmo1One, one};
   if (pts[n - 1].Error == 0) return finish();
   uint8_t low = 0, high = 0;
@@ -481,15 +436,17 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
       pts[n++] = {RunBits(rebuilt, scan, e), Sse(c, rebuilt), Velmo1Run, RunParam(scan, t)};
     }
   int32_t wide[64];
-  double projection[64];
+  int32_t projection[64];
   int16_t coeffs[64];
   for (int i = 0; i < 64; ++i) wide[i] = c[i];
-  Project(wide, false, projection);
-  for (uint32_t q = 0; q < 16; ++q) {
-    if (!Quantise(projection, false, q, coeffs)) break;
-    Rebuild(p, coeffs, false, q, nullptr, rebuilt);
-    pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra, uint16_t(q)};
-  }
+  Transform(wide, projection);
+  for (uint16_t zone : {uint16_t(0), ParamDeadZone})
+    for (uint32_t q = 0; q < 16; ++q) {
+      if (!Quantise(projection, false, q | zone, coeffs)) break;
+      Rebuild(p, coeffs, false, q, nullptr, rebuilt);
+      pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra,
+                  uint16_t(q | zone)};
+    }
   if (prevAt) {
     int mx, my;
     FindMotion(p, x, y, c, mx, my);
@@ -497,14 +454,15 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     uint8_t m[64];
     Get8(p.Previous + int64_t(int(y) + my) * p.RefPitch + int(x) + mx, p.RefPitch, m);
     for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
-    Project(wide, true, projection);
-    for (uint32_t q = 0; q < 16; ++q) {
-      const bool any = Quantise(projection, true, q, coeffs);
-      Rebuild(p, coeffs, true, q, m, rebuilt);
-      pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
-                  Velmo1DctInter, uint16_t(q)};
-      if (!any) break;
-    }
+    Transform(wide, projection);
+    for (uint16_t zone : {uint16_t(0), ParamDeadZone})
+      for (uint32_t q = 0; q < 16; ++q) {
+        const bool any = Quantise(projection, true, q | zone, coeffs);
+        Rebuild(p, coeffs, true, q, m, rebuilt);
+        pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
+                    Velmo1DctInter, uint16_t(q | zone)};
+        if (!any) break;
+      }
     pts[n++] = {e[CostMotion], Sse(c, m), Velmo1Mot, 0};
     for (uint32_t shift = 0; p.RunAndResidue && shift < ResidueShifts; ++shift) {
       int8_t residue[64];
@@ -541,7 +499,7 @@ void Get16(const uint8_t* p, int32_t pitch, uint8_t out[256]) {
 // Builds the candidate list of one 16x16 block from its half-size version; errors at full size.
 void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   const uint32_t* e = p.Model->E;
-  uint8_t f[256], h[64], up[256], sorted[256], rebuilt[64];
+  uint8_t f[256], h[64], up[256], sorted[64], rebuilt[64];
   Get16(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), f);
   Half(f, h);
   Up(h, up);
@@ -562,9 +520,7 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
     std::copy(pts, pts + n, plan.P);
     plan.Count = int8_t(n);
   };
-  std::copy(f, f + 256, sorted);
-  SortSamples(sorted, 256);
-  const uint8_t one = uint8_t((sorted[127] + sorted[128]) >> 1);
+  const uint8_t one = MeanOf(f, 256);
   uint8_t flat[256];
   std::memset(flat, one, 256);
   pts[n++] = {e[CostColour], Sse256(f, flat), Velmo1One, one};
@@ -589,10 +545,10 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
       pts[n++] = {RunBits(rebuilt, scan, e), Sse256(f, big), Velmo1Run, RunParam(scan, t)};
     }
   int32_t wide[64];
-  double projection[64];
+  int32_t projection[64];
   int16_t coeffs[64];
   for (int i = 0; i < 64; ++i) wide[i] = h[i];
-  Project(wide, false, projection);
+  Transform(wide, projection);
   for (uint32_t q = 0; q < 16; ++q) {
     if (!Quantise(projection, false, q, coeffs)) break;
     Rebuild(p, coeffs, false, q, nullptr, rebuilt);
@@ -811,6 +767,16 @@ uint64_t PlannedPlaneError(const PlaneInfo& p) {
   return sum;
 }
 
+// Where one plane's bits went, for the statistics file: each bundle's bits and values, and each
+// block kind's count and planned bits (8x8 blocks by kind, 16x16 blocks by sub-kind).
+struct PlaneStats {
+  Velmo1EncPlaneStats Bundles;
+  uint32_t Bytes;
+  uint64_t Error;
+  uint32_t Count8[Velmo1KindCount], Count16[Velmo1KindCount];
+  uint64_t Planned8[Velmo1KindCount], Planned16[Velmo1KindCount];
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -829,6 +795,8 @@ struct VelmoEncoder {
   std::vector<BlockPlan> Plans16[4];
   std::vector<uint8_t> Layout[4];
   bool HaveReference = false;
+  uint32_t FramesCoded = 0;
+  PlaneStats Stats[4];
 };
 
 uint32_t Velmo1FileTagFor(uint32_t version) { return version < 101 ? TagVLMi : TagVLMk; }
@@ -905,11 +873,11 @@ Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
     case Velmo1DctIntra: {
       int32_t wide[64];
       for (int i = 0; i < 64; ++i) wide[i] = c[i];
-      double projection[64];
+      int32_t projection[64];
       int16_t coeffs[64];
-      Project(wide, false, projection);
+      Transform(wide, projection);
       Quantise(projection, false, pt.Param, coeffs);
-      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param);
+      return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param & 15);
     }
     case Velmo1Two: {
       uint8_t rebuilt[64], rows[8];
@@ -939,11 +907,11 @@ Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const Blo
       Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
       int32_t wide[64];
       for (int i = 0; i < 64; ++i) wide[i] = int(c[i]) - m[i];
-      double projection[64];
+      int32_t projection[64];
       int16_t coeffs[64];
-      Project(wide, true, projection);
+      Transform(wide, projection);
       Quantise(projection, true, pt.Param, coeffs);
-      return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param);
+      return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param & 15);
     }
     case Velmo1Motz: {
       Get8(p.Previous + int64_t(int(y) + plan.MotionY) * p.RefPitch + int(x) + plan.MotionX, p.RefPitch, m);
@@ -993,8 +961,9 @@ void RowsWorker(void* context, uint32_t) {
 }
 
 // Counts the kinds of the written blocks; a 16x16 block counts once, at its head, with the
-// kind of its sub-block.
-void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& spec, VelmoEncodeResult* result) {
+// kind of its sub-block. The plane's statistics get the chosen modes and their planned bits.
+void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& spec, VelmoEncodeResult* result,
+                PlaneStats& stats) {
   const uint32_t bx = p.Width / 8, bx16 = bx / 2;
   for (uint32_t r = 0; r < spec.Rows.size(); ++r) {
     size_t at = 0;
@@ -1005,7 +974,15 @@ void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& spec, VelmoEncodeR
       if (layout == LayoutLower) continue;
       if (layout == LayoutHead) {
         const BlockPlan& plan = p.Plans16[(r / 2) * bx16 + c / 2];
-        ++result->DoubledKinds[plan.P[plan.Current].Mode];
+        const Point& chosen = plan.P[plan.Current];
+        ++result->DoubledKinds[chosen.Mode];
+        ++stats.Count16[chosen.Mode];
+        stats.Planned16[chosen.Mode] += chosen.Bits;
+      } else {
+        const BlockPlan& plan = p.Plans[r * bx + c];
+        const Point& chosen = plan.P[plan.Current];
+        ++stats.Count8[chosen.Mode];
+        stats.Planned8[chosen.Mode] += chosen.Bits;
       }
       ++result->Kinds[block.Type];
     }
@@ -1013,7 +990,9 @@ void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& spec, VelmoEncodeR
 }
 
 // Writes one plane from its chosen points and feeds the real costs back to the model.
-std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result) {
+std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model, VelmoEncodeResult* result,
+                                PlaneStats& planeStats) {
+  planeStats = {};
   Velmo1EncPlaneSpec planeSpec;
   planeSpec.Width = p.Width;
   planeSpec.Rows.resize((p.Height + 7) / 8);
@@ -1021,12 +1000,13 @@ std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model,
   rows.Plane = &p;
   rows.Spec = &planeSpec;
   PoolRun(RowsWorker, &rows);
-  CountKinds(p, planeSpec, result);
+  CountKinds(p, planeSpec, result, planeStats);
   Velmo1EncPlaneOptions options;
   options.VlmK = vlmk;
   options.ChooseTables = true;
   Velmo1EncPlaneStats stats{};
   std::vector<uint8_t> out = Velmo1EncBuildPlane(planeSpec, options, &stats);
+  planeStats.Bundles = stats;
   NoteActual(model, CostType, stats.Bits[Velmo1BlockTypes], stats.Elements[Velmo1BlockTypes]);
   NoteActual(model, CostSubType, stats.Bits[Velmo1SubBlockTypes], stats.Elements[Velmo1SubBlockTypes]);
   NoteActual(model, CostPattern, stats.Bits[Velmo1Patterns], stats.Elements[Velmo1Patterns] / 8);
@@ -1096,6 +1076,41 @@ void ErrorWorker(void* context, uint32_t) {
   }
 }
 
+constexpr const char* KindNames[Velmo1KindCount] = {"skip", "doubled", "mot", "run", "motz",
+                                                    "dct", "one", "dctinter", "two", "bang"};
+constexpr const char* BundleNames[Velmo1BundleCount] = {"types", "subtypes", "colours", "patterns", "xmotion",
+                                                        "ymotion", "intradc", "interdc", "runs"};
+constexpr const char* PlaneNames[4] = {"Y", "Cr", "Cb", "A"};
+
+// Appends one line a plane for the frame: where its bytes went. Bundle bits are those of their
+// refills in the stream; the rest of a plane's bits are the blocks' own (coefficients, scales,
+// raw bits) and the plane's code tables. A kind's planned bits are the allocation's estimates
+// (1/256 bit) of the blocks that took it.
+void AppendStats(const char* path, uint32_t frame, bool key, uint32_t budget, const bool present[4],
+                 const PlaneStats stats[4], const VelmoEncodeResult& result) {
+  std::FILE* f = std::fopen(path, "a");
+  if (!f) return;
+  for (uint32_t i = 0; i < 4; ++i) {
+    if (!present[i]) continue;
+    const PlaneStats& s = stats[i];
+    std::fprintf(f, "frame=%u key=%d budget=%u plane=%s bytes=%u sse=%llu samples=%llu", frame, key ? 1 : 0,
+                 budget, PlaneNames[i], result.Sizes[i], static_cast<unsigned long long>(result.PictureErrors[i]),
+                 static_cast<unsigned long long>(result.PictureSamples[i]));
+    for (uint32_t b = 0; b < Velmo1BundleCount; ++b)
+      std::fprintf(f, " bundle.%s=%llu/%u", BundleNames[b], static_cast<unsigned long long>(s.Bundles.Bits[b]),
+                   s.Bundles.Elements[b]);
+    for (uint32_t k = 0; k < Velmo1KindCount; ++k) {
+      if (s.Count8[k])
+        std::fprintf(f, " k8.%s=%u/%llu", KindNames[k], s.Count8[k], static_cast<unsigned long long>(s.Planned8[k] >> 8));
+      if (s.Count16[k])
+        std::fprintf(f, " k16.%s=%u/%llu", KindNames[k], s.Count16[k],
+                     static_cast<unsigned long long>(s.Planned16[k] >> 8));
+    }
+    std::fputc('\n', f);
+  }
+  std::fclose(f);
+}
+
 }  // namespace
 
 namespace {
@@ -1136,7 +1151,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
                   e->PlaneWidth[i], e->PlaneWidth[i], e->PlaneHeight[i]);
     planes[i] = {i, e->PlaneWidth[i], e->PlaneHeight[i], e->Source[i].data(), previous.Planes[i],
                  int32_t(e->PlaneWidth[i]), &e->Models[i], e->Plans[i].data(), key,
-                 e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeRunAndResidue) != 0};
+                 e->Plans16[i].data(), e->Layout[i].data(), (cfg.Flags & VelmoEncodeNoRunOrResidue) == 0};
     planes[i].Idct = kernels.Idct;
     planes[i].SadRow = encodeKernels.SadRow;
     planes[i].CoefficientBits = encodeKernels.CoefficientBits;
@@ -1191,7 +1206,7 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     if (!e->Present[i]) continue;
     if (StopBefore(input, EncodeLabels[i])) return false;
     if (i == VelmoPlaneAlpha && constantAlpha) streams[i] = Velmo1EncConstantAlphaPlane(e->Source[i][0]);
-    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i], result);
+    else streams[i] = WritePlane(planes[i], vlmk, e->Models[i], result, e->Stats[i]);
     result->Sizes[i] = uint32_t(streams[i].size());
   }
   for (uint32_t i = 0; i < 4; ++i)
@@ -1212,5 +1227,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
   errors.Result = result;
   for (uint32_t i = 0; i < 4; ++i) errors.InW[i] = inW[i], errors.InH[i] = inH[i];
   PoolRun(ErrorWorker, &errors);
+  if (const char* path = std::getenv("ORN_VELMO1_STATS"); path && *path)
+    AppendStats(path, e->FramesCoded, key, budgetBytes, e->Present, e->Stats, *result);
+  e->FramesCoded++;
   return true;
 }

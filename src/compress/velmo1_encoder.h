@@ -16,9 +16,10 @@
 enum : uint32_t {
   VelmoEncodeGrayscale = 0x20000,  // no chroma planes
   VelmoEncodeAlpha = 0x100000,     // an alpha plane
-  // Also offer RUN and residue blocks to the allocation. The standard candidate lists leave them
-  // out (the stream carries them and the decoder reads them); this bit is for experiments.
-  VelmoEncodeRunAndResidue = 0x1,
+  // Leave RUN and residue blocks out of the candidate lists, as the format's first encoders did.
+  // They are offered by default: screen content and noisy motion code in fewer bits with them.
+  // This bit is for comparisons.
+  VelmoEncodeNoRunOrResidue = 0x1,
 };
 
 struct VelmoEncoderConfig {
@@ -55,6 +56,8 @@ void VelmoEncoderFree(VelmoEncoder* encoder);
 
 // Encodes one frame within about `budgetBytes`. Returns false (and writes nothing) on bad
 // input. Plane analysis runs on the job pool; everything else on the calling thread.
+// With the environment variable ORN_VELMO1_STATS naming a file, each frame appends a line per
+// plane of where its bits went (bench/velmo1_bits.py sums them up); nothing is written without it.
 bool VelmoEncodeFrame(VelmoEncoder* encoder, const VelmoEncodeInput& input, uint32_t budgetBytes,
                       VelmoEncodeResult* result);
 

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <cstring>
 #include <random>
 #include <string>
@@ -12,6 +15,7 @@
 
 #include "decode/velmo1_decoder.h"
 #include "support/encoder_pictures.h"
+#include "support/files.h"
 #include "host/platform.h"
 
 namespace {
@@ -259,6 +263,22 @@ TEST(Velmo1Encoder, StillFramesSkipAndFlatKeyFramesAreOneColour) {
   EXPECT_LT(still.Section.size(), first.Section.size() / 4);
 }
 
+// One colour is the value of least squared error, the mean, not the middle sample: blocks of
+// six rows of 100 and two of 200 at no budget (each block at its cheapest point, one colour;
+// one row of blocks, so none is merged into a 16x16 block) come back as 125 everywhere.
+TEST(Velmo1Encoder, OneColourBlocksTakeTheMean) {
+  EncodeRun run({24, 8, 101, 0});
+  Picture pic = MakeEncoderPicture(24, 8, Flat, 0);
+  for (uint32_t y = 0; y < 8; ++y)
+    for (uint32_t x = 0; x < 24; ++x) pic.P[0][y * 24 + x] = y >= 6 ? 200 : 100;
+  const VelmoEncodeResult r = run.Frame(pic, true, 0);
+  EXPECT_EQ(r.Kinds[Velmo1Doubled], 0u);
+  const VelmoFrameBuffers& ring = *VelmoEncoderPicture(run.E);
+  const uint8_t* luma = ring.Sets[ring.Current].Planes[0];
+  for (uint32_t y = 0; y < 8; ++y)
+    for (uint32_t x = 0; x < 24; ++x) ASSERT_EQ(luma[y * ring.LumaPitch + x], 125) << x << " " << y;
+}
+
 // Sums a result's block counts over all kinds.
 uint32_t BlockCount(const VelmoEncodeResult& r) {
   uint32_t n = 0;
@@ -286,11 +306,11 @@ TEST(Velmo1Encoder, SmoothAreasTakeDoubledBlocksOfIntraSubKinds) {
   EXPECT_LT(r2.Kinds[Velmo1Doubled], r.Kinds[Velmo1Doubled]);
 }
 
-TEST(Velmo1Encoder, RunAndResidueBlocksOnlyWhenAsked) {
+TEST(Velmo1Encoder, RunAndResidueBlocksUnlessLeftOut) {
   // Stripes of a few levels: runs along a scan code them exactly; motion with noise takes
-  // residues. The standard candidate lists never offer either kind.
-  for (const bool asked : {false, true}) {
-    EncodeRun run({96, 64, 101, asked ? uint32_t(VelmoEncodeRunAndResidue) : 0u});
+  // residues. The lists of the format's first encoders, kept for comparisons, offer neither.
+  for (const bool asked : {true, false}) {
+    EncodeRun run({96, 64, 101, asked ? 0u : uint32_t(VelmoEncodeNoRunOrResidue)});
     Picture pic = MakeEncoderPicture(96, 64, Shapes, 0);
     for (uint32_t y = 0; y < 64; ++y)
       for (uint32_t x = 0; x < 96; ++x)
@@ -369,4 +389,72 @@ TEST(Velmo1Encoder, ThreadCountDoesNotChangeTheStream) {
   }
   PoolSetThreads(0);
   EXPECT_EQ(streams[0], streams[1]);
+}
+
+namespace {
+
+// The statistics file's fields of one line, by name.
+std::map<std::string, std::string> StatsFields(const std::string& line) {
+  std::map<std::string, std::string> fields;
+  std::istringstream in(line);
+  for (std::string item; in >> item;) {
+    const size_t eq = item.find('=');
+    if (eq != std::string::npos) fields[item.substr(0, eq)] = item.substr(eq + 1);
+  }
+  return fields;
+}
+
+}  // namespace
+
+// With ORN_VELMO1_STATS naming a file, each frame appends a line per plane whose bytes are the
+// plane's, whose blocks cover the plane, and whose bundle bits fit in it; without, nothing.
+TEST(Velmo1Encoder, StatisticsFileAccountsForEveryPlaneAndBlock) {
+  test_support::ScratchDir dir;
+  const std::string path = dir / "bits.txt";
+  ASSERT_EQ(setenv("ORN_VELMO1_STATS", path.c_str(), 1), 0);
+  std::vector<VelmoEncodeResult> results;
+  {
+    EncodeRun run({96, 64, 101, 0});
+    for (int t = 0; t < 2; ++t) {
+      Picture pic = MakeEncoderPicture(96, 64, Shapes, t);
+      results.push_back(run.Frame(pic, t == 0, 3000));
+    }
+  }
+  unsetenv("ORN_VELMO1_STATS");
+  std::ifstream in(path);
+  std::vector<std::map<std::string, std::string>> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(StatsFields(line));
+  ASSERT_EQ(lines.size(), 6u);  // two frames of Y, Cr, Cb
+  const char* planes[3] = {"Y", "Cr", "Cb"};
+  const uint32_t blocks[3] = {12 * 8, 6 * 4, 6 * 4};  // 8x8 blocks of 96x64 and its chroma
+  for (size_t i = 0; i < lines.size(); ++i) {
+    auto& f = lines[i];
+    const size_t frame = i / 3, plane = i % 3;
+    SCOPED_TRACE(testing::Message() << "frame " << frame << " plane " << plane);
+    EXPECT_EQ(f["frame"], std::to_string(frame));
+    EXPECT_EQ(f["key"], frame == 0 ? "1" : "0");
+    EXPECT_EQ(f["plane"], planes[plane]);
+    EXPECT_EQ(f["bytes"], std::to_string(results[frame].Sizes[plane]));
+    EXPECT_EQ(f["sse"], std::to_string(results[frame].PictureErrors[plane]));
+    uint32_t covered = 0;
+    uint64_t bundleBits = 0;
+    for (const auto& [name, value] : f) {
+      const bool k8 = name.rfind("k8.", 0) == 0, k16 = name.rfind("k16.", 0) == 0;
+      const bool bundle = name.rfind("bundle.", 0) == 0;
+      if (!k8 && !k16 && !bundle) continue;
+      const uint32_t first = uint32_t(std::stoul(value.substr(0, value.find('/'))));
+      covered += k8 ? first : k16 ? 4 * first : 0;
+      bundleBits += bundle ? first : 0;
+    }
+    EXPECT_EQ(covered, blocks[plane]);
+    EXPECT_LE(bundleBits, 8ull * results[frame].Sizes[plane]);
+  }
+  // Off again: the file stays as it is.
+  EncodeRun run({96, 64, 101, 0});
+  Picture pic = MakeEncoderPicture(96, 64, Shapes, 0);
+  run.Frame(pic, true, 3000);
+  std::ifstream again(path);
+  size_t count = 0;
+  for (std::string line; std::getline(again, line);) ++count;
+  EXPECT_EQ(count, 6u);
 }
