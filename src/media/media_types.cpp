@@ -107,6 +107,7 @@ bool ReadStream(MediaInput* input) {
   StreamState* state = StreamOf(input);
   StreamFrame frame;
   StreamError error{};
+  StreamReaderPlanesOnly(state->reader, input->planes_alone);
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
     MediaNoteReadProblem(input, "%s", error.text);
     const StreamInfo* info = StreamReaderInfo(state->reader);

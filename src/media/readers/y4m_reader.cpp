@@ -71,6 +71,7 @@ class Y4mReader final : public StreamReader {
   std::vector<uint64_t> offsets_;   // FRAME line positions (seekable files)
   uint64_t pipe_position_ = 0;      // next FRAME line (pipes)
   int64_t current_ = -1;
+  bool converted_ = false;          // pixels_ holds the picture of frame current_
   uint32_t last_bytes_ = 0;
   std::vector<uint8_t> planes_;
   std::vector<uint8_t> pixels_;
@@ -263,7 +264,7 @@ int Y4mReader::ReadFrameAt(uint64_t at, StreamError* error) {
   }
   pipe_position_ = at + planes_.size();
   last_bytes_ = uint32_t(std::min<uint64_t>(pipe_position_ - start, UINT32_MAX));
-  Convert();
+  converted_ = false;  // the picture is made when it is asked for
   return 1;
 }
 
@@ -287,13 +288,19 @@ int Y4mReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
     }
     current_ = index;
   }
-  frame->pixels = pixels_.data();
+  frame->planes = Planes();
+  // A caller that takes the planes alone is spared the conversion.
+  const bool planes_alone = planes_only && frame->planes.plane[0];
+  if (!planes_alone && !converted_) {
+    Convert();
+    converted_ = true;
+  }
+  frame->pixels = planes_alone ? nullptr : pixels_.data();
   frame->pitch = int32_t(info.width * 4);
   frame->depth = 32;
   frame->bytes = last_bytes_;
   frame->palette = nullptr;
   frame->palette_changed = 0;
-  frame->planes = Planes();
   return 1;
 }
 
