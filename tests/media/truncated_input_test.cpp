@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "format/container.h"
@@ -15,6 +16,7 @@
 #include "media_test_util.h"
 #include "support/files.h"
 #include "support/picture.h"
+#include "support/stdin_file.h"
 #include "support/stream_files.h"
 #include "support/velmo_file.h"
 #include "support/wave.h"
@@ -265,6 +267,38 @@ TEST_F(TruncatedInputTest, CutLastFrameOfAStreamWarnsOnce) {
   // A whole stream says nothing.
   WriteText(dir / "whole.y4m", y4m);
   EXPECT_EQ(ReadThrough(dir / "whole.y4m"), (Reading{true, 4, false, 0, 0, 0}));
+}
+
+// A stream read from a pipe (the standard input) that is cut off inside a frame ends with its
+// last whole frame, delivered once, with one warning; a pipe that ends behind a whole frame says
+// nothing.
+TEST_F(TruncatedInputTest, PipeCutInsideAFrameEndsAtItsLastWholeFrame) {
+  // Grey frames, each lighter than the one before.
+  std::vector<std::vector<uint8_t>> planes;
+  for (int i = 0; i < 4; ++i) {
+    planes.emplace_back(8 * 4 * 3, uint8_t(128));
+    std::fill_n(planes.back().begin(), 8 * 4, uint8_t(30 + 40 * i));
+  }
+  const std::string y4m = test_support::Y4mFile(8, 4, planes);
+  const size_t frameBytes = 6 + 8 * 4 * 3;
+  for (const size_t cut : {size_t(20), frameBytes - 3, frameBytes + 20, size_t(0)}) {
+    SCOPED_TRACE(cut);
+    WriteText(dir / "piped.y4m", y4m.substr(0, y4m.size() - cut));
+    test_support::StdinFromFile input(dir / "piped.y4m");
+    ASSERT_TRUE(input.ok());
+    Log.Clear();
+    MediaInput* in = Open("-");
+    ASSERT_NE(in, nullptr);
+    std::vector<uint32_t> blues;
+    while (!in->at_end && blues.size() < 10 && NextFrame(in)) blues.push_back(OutPixel(in, 0, 0) & 0xFF);
+    const uint32_t whole = cut == 0 ? 4 : cut <= frameBytes ? 3 : 2;
+    EXPECT_EQ(blues.size(), whole);
+    for (size_t i = 1; i < blues.size(); ++i) EXPECT_LT(blues[i - 1], blues[i]) << "frame " << i << " repeats";
+    EXPECT_EQ(in->read_failed, 0u);
+    EXPECT_EQ(Log.CountLevel(MediaLevelWarning), cut == 0 ? 0 : 1);
+    EXPECT_EQ(Log.CountLevel(MediaLevelError), 0);
+    MediaClose(in);
+  }
 }
 
 // An AVI recording that was cut off: three frames of 6 x 4, each followed by 2000 bytes of
