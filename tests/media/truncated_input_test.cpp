@@ -160,25 +160,46 @@ velmo_test::FilePlan SmallVelmo(uint32_t frames) {
   return plan;
 }
 
-// A Velmo file whose frames are not all in the file fails, at the latest at the first missing
-// frame.
-TEST_F(TruncatedInputTest, CutVelmoFileFailsBeforeItsFirstMissingFrame) {
+// A Velmo file cut short (a compression that was stopped) gives the frames that are whole in
+// it, and ends there with one warning naming the file; whichever frame the cut falls in.
+TEST_F(TruncatedInputTest, CutVelmoFileGivesItsWholeFramesAndEnds) {
   const std::vector<uint8_t> file = velmo_test::BuildFile(SmallVelmo(12));
   velmo_test::ParsedFile parsed;
   ASSERT_TRUE(velmo_test::ParseFile(file, &parsed));
   WriteFile(dir / "whole.vlm", file);
   EXPECT_EQ(ReadThrough(dir / "whole.vlm"), (Reading{true, 12, false, 0, 0, 0}));
+  MediaInput* whole = Open(dir / "whole.vlm");
+  ASSERT_NE(whole, nullptr);
+  std::vector<std::vector<uint8_t>> frames;
+  while (!whole->at_end && NextFrame(whole))
+    frames.emplace_back(whole->output_buffer, whole->output_buffer + whole->output_buffer_bytes);
+  MediaClose(whole);
+  ASSERT_EQ(frames.size(), 12u);
 
-  // Cut inside frame 8: frames 1 to 7 stay whole.
-  const uint64_t cutAt = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, 7)) + 3;
-  const std::string cut = Cut("whole.vlm", size_t(cutAt), "cut.vlm");
-  // The reader may find the damage at its first read of the file: never past the cut.
-  const Reading reading = ReadThrough(cut);
-  EXPECT_TRUE(reading.opened);
-  EXPECT_LE(reading.frames, 7u);
-  EXPECT_TRUE(reading.failed);
-  EXPECT_TRUE(Log.Said("Error reading: " + cut, MediaLevelError));
-  EXPECT_TRUE(Log.Said("of 12 is missing from the file", MediaLevelError));
+  for (const uint32_t cutFrame : {1u, 7u, 11u}) {
+    SCOPED_TRACE(cutFrame);
+    // Cut 3 bytes into frame `cutFrame` (from 0): the frames before it stay whole.
+    const uint64_t cutAt = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, cutFrame)) + 3;
+    const std::string cut = Cut("whole.vlm", size_t(cutAt), "cut" + std::to_string(cutFrame) + ".vlm");
+    EXPECT_EQ(ReadThrough(cut), (Reading{true, cutFrame, false, 0, 1, 0}));
+    EXPECT_TRUE(Log.Said(cut, MediaLevelWarning));
+    // They are the frames of the whole file.
+    MediaInput* in = Open(cut);
+    ASSERT_NE(in, nullptr);
+    EXPECT_EQ(in->output_frames, cutFrame);
+    for (uint32_t f = 0; f < cutFrame; ++f) {
+      ASSERT_TRUE(NextFrame(in));
+      EXPECT_TRUE(std::equal(frames[f].begin(), frames[f].end(), in->output_buffer)) << "frame " << f;
+    }
+    EXPECT_TRUE(in->at_end);
+    MediaClose(in);
+  }
+  // Cut inside its first frame, it has nothing to show and is refused, naming the file.
+  const uint64_t firstCut = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, 0)) + 3;
+  const std::string head = Cut("whole.vlm", size_t(firstCut), "head.vlm");
+  Log.Clear();
+  EXPECT_EQ(Open(head), nullptr);
+  EXPECT_TRUE(Log.Said(head, MediaLevelError));
 }
 
 // Header fields that cannot be true are refused at the open: a rate divisor that makes a frame
