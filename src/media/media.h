@@ -19,7 +19,8 @@
 // A frame that a reader cannot deliver whole (a file cut short) is an input error instead: one
 // error through progress names the file and what is missing, `read_failed` is set, and the
 // frame calls fail from then on. Formats whose last frame may be cut by a stopped recording
-// (YUV4MPEG2, AVI, raw frames, animated GIF) deliver what is there with one warning.
+// (YUV4MPEG2, AVI, raw frames, animated GIF) deliver what is there with one warning; so does a
+// Velmo file cut short (a stopped compression), up to its last whole frame.
 #pragma once
 #include <cstddef>
 #include <cstdint>
