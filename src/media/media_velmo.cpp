@@ -112,8 +112,9 @@ bool ProbeVelmo(MediaInput* input) {
   const uint64_t fileBytes = MediaFileSize(input->file_name);
   const bool cut = fileBytes < headerBytes;
   uint8_t* image = nullptr;
-  HVELMO h = cut ? OpenCut(input->file_name, fileBytes, &image)
-                 : VelmoOpen(input->file_name, MediaVelmoOpenFlags);
+  HVELMO h = cut ? OpenCut(input->file_name, fileBytes, &image) : nullptr;
+  // Without the memory for it, the file is read as usual: as far as the reader gets.
+  if (!h) h = VelmoOpen(input->file_name, MediaVelmoOpenFlags);
   if (!h) {
     MediaNoteProbeFailure(VelmoGetError());
     return false;
