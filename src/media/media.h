@@ -19,7 +19,8 @@
 // A frame that a reader cannot deliver whole (a file cut short) is an input error instead: one
 // error through progress names the file and what is missing, `read_failed` is set, and the
 // frame calls fail from then on. Formats whose last frame may be cut by a stopped recording
-// (YUV4MPEG2, AVI, raw frames, animated GIF) deliver what is there with one warning.
+// (YUV4MPEG2, AVI, raw frames, animated GIF) deliver what is there with one warning; so does a
+// Velmo file cut short (a stopped compression), up to its last whole frame.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -198,6 +199,10 @@ struct MediaInput {
   // the scaler or a stage has since changed the frame at hand.
   MediaPlanes frame_planes;
   uint32_t frame_processed;
+  // MediaPreferPlanes: frames that can go as planes are not made into pictures, and the frame
+  // at hand is such a frame (`frame_base` null, `output_buffer` not written).
+  uint32_t planes_wanted;
+  uint32_t planes_alone;
   // A source frame could not be read completely (or an entry of a list did not open): the
   // reason went out once through progress as an error naming the file, and every later
   // MediaGetFrame fails. The tools end with their input error for it.
@@ -248,6 +253,11 @@ bool MediaStepFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32
 // smoothing, crop, padding, de-interlacing, premultiplying or filter), so that the planes are
 // the output frame. Without alpha asked for, plane[3] is null. Valid until the next call.
 bool MediaFramePlanes(const MediaInput* input, MediaPlanes* out);
+// For a caller that takes every frame it can as planes (through MediaFramePlanes): from the
+// next frame on, a frame whose planes stand for the output frame is delivered as planes alone,
+// without making the 32-bit picture, and `output_buffer` keeps what it held. Frames without
+// planes, or that the pipeline changes, are made as pictures as always.
+void MediaPreferPlanes(MediaInput* input, bool on);
 
 // The filter arguments of MediaGetFrame as a record.
 struct MediaFrameArgs {

@@ -131,8 +131,14 @@ bool ReadSource(MediaInput* input) {
   if (!GuardedReaderCall(input, &call, CallRead, input->reader->guard_region,
                          input->skip_frames + input->frames_read))
     return false;
+  // A reader asked for planes alone may have left the picture unmade.
+  input->planes_alone = input->planes_alone && call.result && !input->frame_base &&
+                        input->frame_planes.plane[0];
   // A read that faulted, or the end of a pipe, leaves the frame as it was; with none yet, black.
-  if (!call.result || !input->frame_base) input->reuse_output = 1;
+  if (!call.result || (!input->frame_base && !input->planes_alone)) {
+    input->reuse_output = 1;
+    input->planes_alone = 0;
+  }
   return true;
 }
 
@@ -403,8 +409,35 @@ void PointAtCrop(MediaInput* input) {
                         static_cast<ptrdiff_t>(input->crop_x) * BytesPerPixel(input->frame_depth);
 }
 
+// The source's frame as it stands is the output frame: same size, nothing cut off or padded.
+bool WholeFrame(const MediaInput* input) {
+  return input->output_width == input->source_width &&
+         input->output_height == input->source_height && input->crop_x == 0 &&
+         input->crop_y == 0 && input->visible_width == input->output_width &&
+         input->visible_height == input->output_height && input->pad_left == 0 &&
+         input->pad_top == 0;
+}
+
+// True when no stage would touch the next source frame, so that its planes, where the reader
+// has them, can be delivered alone.
+bool PlanesSuffice(const MediaInput* input, const MediaFrameArgs& args) {
+  if (!input->planes_wanted || input->float_frames || input->type == MediaTypeList ||
+      !WholeFrame(input))
+    return false;
+  if (input->scaled_width != input->source_width || input->scaled_height != input->source_height ||
+      args.smooth != 0 || input->deinterlace != 0 || input->premultiply)
+    return false;
+  const StageParameters p = {args.gamma, args.black_clamp, args.contrast, args.brightness,
+                             args.denoise, input->deinterlace, input->source_height, false,
+                             input->unpremultiply != 0};
+  for (const FilterStage& stage : FilterStages)
+    if (stage.wanted(&p)) return false;
+  return true;
+}
+
 bool ReadFrame(MediaInput* input, const MediaFrameArgs& args) {
   input->palette_changed = 0;
+  input->planes_alone = PlanesSuffice(input, args);
   if (input->type == MediaTypeList) {
     input->frame_planes = MediaPlanes{};  // entries are placed in the list's picture
     if (!ReadListFrame(input, args)) return false;
@@ -415,6 +448,10 @@ bool ReadFrame(MediaInput* input, const MediaFrameArgs& args) {
   ++input->frames_read;
   if (input->frames_read >= input->source_frames) input->source_at_end = 1;
   if (input->reuse_output) return true;
+  if (input->planes_alone) {
+    input->frame_processed = 0;
+    return true;
+  }
   if (input->type != MediaTypeList) RunStages(input, args);
   PointAtCrop(input);
   return true;
@@ -450,6 +487,7 @@ bool CopyOut(MediaInput* input) {
     input->reuse_output = 0;  // the previous output frame stands (black at the very first)
     return true;
   }
+  if (input->planes_alone) return true;  // the caller takes the planes
   // The entries of a list may differ in size: what this one does not cover is black again.
   if (input->type == MediaTypeList) memset(input->output_buffer, 0, input->output_buffer_bytes);
   const bool floats = input->float_frames != 0;
@@ -529,15 +567,14 @@ bool MediaStepFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32
 bool MediaFramePlanes(const MediaInput* input, MediaPlanes* out) {
   if (!input || !input->frame_planes.plane[0] || input->frame_processed || input->float_frames)
     return false;
-  const bool whole = input->output_width == input->source_width &&
-                     input->output_height == input->source_height && input->crop_x == 0 &&
-                     input->crop_y == 0 && input->visible_width == input->output_width &&
-                     input->visible_height == input->output_height && input->pad_left == 0 &&
-                     input->pad_top == 0;
-  if (!whole) return false;
+  if (!WholeFrame(input)) return false;
   *out = input->frame_planes;
   if (!input->want_alpha) out->plane[3] = nullptr;
   return true;
+}
+
+void MediaPreferPlanes(MediaInput* input, bool on) {
+  if (input) input->planes_wanted = on ? 1 : 0;
 }
 
 bool MediaGetFrame(MediaInput* input, uint32_t denoise, uint32_t smooth, uint32_t contrast,

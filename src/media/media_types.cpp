@@ -107,6 +107,7 @@ bool ReadStream(MediaInput* input) {
   StreamState* state = StreamOf(input);
   StreamFrame frame;
   StreamError error{};
+  StreamReaderPlanesOnly(state->reader, input->planes_alone);
   if (!StreamReaderRead(state->reader, state->nextFrame, &frame, &error)) {
     MediaNoteReadProblem(input, "%s", error.text);
     const StreamInfo* info = StreamReaderInfo(state->reader);
@@ -121,10 +122,13 @@ bool ReadStream(MediaInput* input) {
     return false;
   }
   ++state->nextFrame;
-  // A pipe whose end lies right behind this frame: the output ends with it.
+  // A pipe whose end lies behind this frame: the output ends with it. A frame cut short after
+  // it has been left out.
   const StreamInfo* info = StreamReaderInfo(state->reader);
-  if (!info->seekable && info->frame_count && state->nextFrame >= info->frame_count)
+  if (!info->seekable && info->frame_count && state->nextFrame >= info->frame_count) {
     input->output_frames = input->output_index + 1;
+    if (info->cut_tail) MediaWarnShortFrame(input, "its last frame is cut short and is left out.");
+  }
   if (frame.cut_short)
     MediaWarnShortFrame(input, "its last frame is cut short and is shown as far as it goes.");
   input->frame_base = const_cast<uint8_t*>(frame.pixels);

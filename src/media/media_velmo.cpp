@@ -2,6 +2,7 @@
 // caller's thread and copied out as 32-bit ARGB with alpha; a wide-range file's planes are
 // turned into four floats a pixel (linear light, 1.0 = 80 nits) instead.
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,7 @@ namespace {
 
 struct VelmoReaderState {
   HVELMO handle;
+  uint8_t* image;       // a file cut short, read whole: the handle reads it from here
   uint8_t* pixels;
   size_t pixelBytes;
   bool wideRange;       // the file is HDR: frames come as floats
@@ -45,8 +47,10 @@ const char* VelmoTypeName(uint32_t magic) {
 constexpr uint32_t MediaVelmoOpenFlags = VelmoOpenNoBackground | VelmoOpenAlpha;
 
 // The picture size in the header is checked before the open, which sizes (and fills) its frame
-// buffers by it: a lying header must not cost gigabytes.
-bool SizeInRange(MediaInput* input) {
+// buffers by it: a lying header must not cost gigabytes. `*headerBytes` is the file size that
+// the header states (0 when it cannot be read).
+bool SizeInRange(MediaInput* input, uint64_t* headerBytes) {
+  *headerBytes = 0;
   FILE* file = fopen(input->file_name, "rb");
   if (!file) return false;
   uint8_t bytes[VelmoHeaderSize];
@@ -55,6 +59,7 @@ bool SizeInRange(MediaInput* input) {
                     VelmoParseHeader(bytes, sizeof bytes, &header);
   fclose(file);
   if (!read) return true;  // the open says what is wrong
+  *headerBytes = uint64_t(header.FileSizeLess8) + 8;
   const uint32_t width = VelmoHeaderWidth(header), height = VelmoHeaderHeight(header);
   if (width <= MediaMaxSide && height <= MediaMaxSide) return true;
   char reason[128];
@@ -63,30 +68,82 @@ bool SizeInRange(MediaInput* input) {
   return false;
 }
 
+// The whole file in memory; null when it cannot be had.
+uint8_t* ReadWhole(const char* name, uint64_t bytes) {
+  if (bytes == 0 || bytes > SIZE_MAX / 2) return nullptr;
+  FILE* file = fopen(name, "rb");
+  if (!file) return nullptr;
+  uint8_t* image = static_cast<uint8_t*>(malloc(size_t(bytes)));
+  if (image && fread(image, 1, size_t(bytes), file) != bytes) {
+    free(image);
+    image = nullptr;
+  }
+  fclose(file);
+  return image;
+}
+
+// A file that ends before its header says (a compression that was stopped) is read from
+// memory, where the reader takes it as far as it goes; read from the file, it would stop at
+// the first read that comes up short, before frames that are whole. Null on failure.
+HVELMO OpenCut(const char* name, uint64_t bytes, uint8_t** image) {
+  *image = ReadWhole(name, bytes);
+  if (!*image) return nullptr;
+  VelmoOpenOptions options{};
+  options.ImageSize = bytes;
+  HVELMO h = VelmoOpenWithOptions(reinterpret_cast<const char*>(*image), &options,
+                                  MediaVelmoOpenFlags | VelmoOpenImage);
+  if (!h) {
+    free(*image);
+    *image = nullptr;
+  }
+  return h;
+}
+
+// Frames whose data lies wholly within the first `bytes` of the file.
+uint32_t WholeFrames(HVELMO h, uint64_t bytes) {
+  uint32_t whole = 0;
+  while (whole < h->Frames && VelmoEntryOffset(h->FrameTable[whole + 1]) <= bytes) ++whole;
+  return whole;
+}
+
 bool ProbeVelmo(MediaInput* input) {
-  if (!SizeInRange(input)) return false;
-  HVELMO h = VelmoOpen(input->file_name, MediaVelmoOpenFlags);
+  uint64_t headerBytes = 0;
+  if (!SizeInRange(input, &headerBytes)) return false;
+  const uint64_t fileBytes = MediaFileSize(input->file_name);
+  const bool cut = fileBytes < headerBytes;
+  uint8_t* image = nullptr;
+  HVELMO h = cut ? OpenCut(input->file_name, fileBytes, &image) : nullptr;
+  // Without the memory for it, the file is read as usual: as far as the reader gets.
+  if (!h) h = VelmoOpen(input->file_name, MediaVelmoOpenFlags);
   if (!h) {
     MediaNoteProbeFailure(VelmoGetError());
     return false;
   }
+  const uint32_t frames = cut ? WholeFrames(h, fileBytes) : h->Frames;
   if (h->Width == 0 || h->Height == 0 || h->Width > MediaMaxSide || h->Height > MediaMaxSide ||
-      h->Frames == 0) {
+      frames == 0) {
+    if (cut && frames == 0) MediaNoteProbeFailure("The file ends before its first frame is whole.");
     VelmoClose(h);
+    free(image);
     return false;
   }
   VelmoReaderState* state = static_cast<VelmoReaderState*>(calloc(1, sizeof(VelmoReaderState)));
   if (!state) {
     VelmoClose(h);
+    free(image);
     return false;
   }
   state->handle = h;
+  state->image = image;
   input->reader_state = state;
   input->type = MediaTypeVelmo;
   snprintf(input->type_name, sizeof input->type_name, "%s", VelmoTypeName(h->Magic));
   input->source_width = h->Width;
   input->source_height = h->Height;
-  input->source_frames = h->Frames;
+  input->source_frames = frames;
+  if (frames < h->Frames)
+    MediaWarnShortFrame(input, "only %lu of its %lu frames are in the file.",
+                        static_cast<unsigned long>(frames), static_cast<unsigned long>(h->Frames));
   input->file_rate_num = h->FrameRate ? h->FrameRate : 15;
   input->file_rate_den = h->FrameRate && h->FrameRateDiv ? h->FrameRateDiv : 1;
   input->has_alpha = (h->FileFlags & VelmoFlagAlpha) != 0;
@@ -188,6 +245,7 @@ void CloseVelmo(MediaInput* input) {
   VelmoReaderState* state = StateOf(input);
   if (!state) return;
   VelmoClose(state->handle);
+  free(state->image);
   free(state->pixels);
   free(state);
   input->reader_state = nullptr;

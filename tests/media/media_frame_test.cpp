@@ -2,11 +2,13 @@
 // and read-ahead.
 #include <signal.h>
 
+#include <algorithm>
 #include <cstring>
 #include <tuple>
 
 #include "media/media.h"
 #include "media_test_util.h"
+#include "support/stream_files.h"
 
 // The guard's own fault handler must see the injected faults under AddressSanitizer too.
 extern "C" const char* __asan_default_options() { return "allow_user_segv_handler=1:handle_segv=1"; }
@@ -232,6 +234,98 @@ TEST_F(FrameTest, PlanesOfAPlanarInputWhileNothingChangesThePicture) {
   ASSERT_TRUE(NextFrame(in));
   EXPECT_FALSE(MediaFramePlanes(in, &planes)) << "a PNG holds no planes";
   MediaClose(in);
+}
+
+// The planes of the frame at hand, row by row without padding: Y, Cb, Cr, then alpha if given.
+std::vector<uint8_t> PlaneBytes(const MediaPlanes& p) {
+  std::vector<uint8_t> bytes;
+  for (int i = 0; i < 4; ++i) {
+    if (!p.plane[i]) continue;
+    const bool chroma = i == 1 || i == 2;
+    const uint32_t w = chroma ? (p.width + p.chroma_shift) >> p.chroma_shift : p.width;
+    const uint32_t h = chroma ? (p.height + p.chroma_shift) >> p.chroma_shift : p.height;
+    for (uint32_t y = 0; y < h; ++y)
+      bytes.insert(bytes.end(), p.plane[i] + ptrdiff_t(y) * p.pitch[i], p.plane[i] + ptrdiff_t(y) * p.pitch[i] + w);
+  }
+  return bytes;
+}
+
+// One frame as the caller saw it: the planes when it got them, and the output picture.
+struct SeenFrame {
+  bool planar = false;
+  std::vector<uint8_t> planes;
+  std::vector<uint8_t> picture;
+  bool operator==(const SeenFrame&) const = default;
+};
+
+// Reads every frame with the filter arguments `brightness[f]` (100: none).
+std::vector<SeenFrame> ReadSeen(MediaInput* in, bool preferPlanes, const std::vector<uint32_t>& brightness) {
+  MediaPreferPlanes(in, preferPlanes);
+  std::vector<SeenFrame> seen;
+  while (!in->at_end && seen.size() < brightness.size()) {
+    if (!MediaGetFrame(in, 0, 0, 0, brightness[seen.size()], 1.0, 0)) break;
+    SeenFrame f;
+    MediaPlanes planes{};
+    f.planar = MediaFramePlanes(in, &planes);
+    if (f.planar) f.planes = PlaneBytes(planes);
+    f.picture.assign(in->output_buffer, in->output_buffer + in->output_buffer_bytes);
+    seen.push_back(std::move(f));
+  }
+  return seen;
+}
+
+// A caller that prefers planes gets the same planes as one that does not, for 4:2:0, 4:4:4 and
+// 4:4:4 with alpha at odd sizes, without the picture being made; a frame that a filter changes
+// is made as a picture all the same, the same picture as without the preference.
+TEST_F(FrameTest, PlanesAloneAreThePlanesOfTheWholePath) {
+  const struct {
+    const char* chroma;
+    int width, height;
+    bool halfChroma, alpha;
+  } forms[] = {{"420jpeg", 7, 5, true, false}, {"420mpeg2", 33, 18, true, false},
+               {"444", 9, 3, false, false},    {"444alpha", 5, 7, false, true}};
+  for (const auto& form : forms) {
+    SCOPED_TRACE(form.chroma);
+    const size_t luma = size_t(form.width) * form.height;
+    const size_t chroma = form.halfChroma ? size_t((form.width + 1) / 2) * ((form.height + 1) / 2) : luma;
+    std::vector<std::vector<uint8_t>> frames;
+    for (uint32_t f = 0; f < 4; ++f) {
+      std::vector<uint8_t> planes(luma * (form.alpha ? 2 : 1) + 2 * chroma);
+      for (size_t i = 0; i < planes.size(); ++i) planes[i] = uint8_t(16 + (i * 37 + f * 91 + i * i) % 224);
+      frames.push_back(planes);
+    }
+    const std::string name = dir / (std::string(form.chroma) + ".y4m");
+    WriteText(name, test_support::Y4mFile(form.width, form.height, frames, form.chroma));
+    MediaOpenArgs args{};
+    args.flags = form.alpha ? MediaOpenAlpha : 0;
+    const std::vector<uint32_t> plain = {100, 100, 100, 100}, filtered = {100, 100, 120, 100};
+    std::vector<SeenFrame> got[2][2];
+    for (int prefer = 0; prefer < 2; ++prefer)
+      for (int filter = 0; filter < 2; ++filter) {
+        MediaInput* in = Open(name, args);
+        ASSERT_NE(in, nullptr);
+        got[prefer][filter] = ReadSeen(in, prefer != 0, filter ? filtered : plain);
+        MediaClose(in);
+        ASSERT_EQ(got[prefer][filter].size(), frames.size());
+      }
+    for (size_t f = 0; f < frames.size(); ++f) {
+      SCOPED_TRACE(f);
+      const SeenFrame& whole = got[0][0][f];
+      const SeenFrame& alone = got[1][0][f];
+      ASSERT_TRUE(whole.planar);
+      ASSERT_TRUE(alone.planar);
+      EXPECT_EQ(alone.planes, whole.planes);
+      std::vector<uint8_t> expected(frames[f].begin(), frames[f].begin() + ptrdiff_t(luma + 2 * chroma));
+      if (form.alpha) expected.insert(expected.end(), frames[f].begin() + ptrdiff_t(luma + 2 * chroma), frames[f].end());
+      EXPECT_EQ(alone.planes, expected);
+      // The picture was not made: the buffer is as it was allocated, black.
+      EXPECT_TRUE(std::all_of(alone.picture.begin(), alone.picture.end(), [](uint8_t v) { return v == 0; }));
+      EXPECT_FALSE(std::all_of(whole.picture.begin(), whole.picture.end(), [](uint8_t v) { return v == 0; }));
+      // With a filter on frame 2, that frame is a picture, and the same one either way.
+      EXPECT_EQ(got[1][1][f].planar, f != 2);
+      if (f == 2) EXPECT_EQ(got[1][1][f].picture, got[0][1][f].picture);
+    }
+  }
 }
 
 TEST_F(FrameTest, FloatPipelineForOpenExr) {

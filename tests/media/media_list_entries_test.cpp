@@ -171,6 +171,65 @@ TEST_F(ListEntries, EveryTypeGivesTheSameFramesInAListAsAlone) {
   }
 }
 
+// A list of several stills, each named on its own line, gives every still's own picture (the
+// stills after the first are counted at the open without being opened, and opened when their
+// frame is read), also with a start, a doubled rate, a rewind, a repeated line, and read ahead.
+TEST_F(ListEntries, EveryStillOfAListGivesItsOwnPicture) {
+  ASSERT_TRUE(WritePng(dir / "a.png", W, H, 1));
+  ASSERT_TRUE(WriteImage(dir / "b.bmp", IMAGE_FORMAT_BMP, W, H, Pattern(W, H, 2)));
+  ASSERT_TRUE(WritePng(dir / "c.png", W, H, 3));
+  ASSERT_TRUE(WriteImage(dir / "d.jpg", IMAGE_FORMAT_JPEG, W, H, Pattern(W, H, 200)));
+  WriteText(dir / "stills.lst", "a.png\nb.bmp\nc.png\nd.jpg\n");
+  WriteText(dir / "repeat.lst", "a.png\nc.png /L2\nb.bmp\n");
+  // The red tag; the JPEG's is near 200.
+  auto tags = [](MediaInput* in) {
+    std::vector<uint32_t> t = FrameTags(in);
+    for (uint32_t& v : t) v = v > 100 ? 200 : v;
+    return t;
+  };
+  const std::vector<uint32_t> all = {1, 2, 3, 200};
+  MediaInput* in = Open(dir / "stills.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(in->output_frames, 4u);
+  EXPECT_EQ(tags(in), all);
+  ASSERT_TRUE(MediaRewind(in));
+  EXPECT_EQ(tags(in), all) << "after a rewind";
+  MediaClose(in);
+
+  MediaOpenArgs from2{};
+  from2.start = 2;
+  in = Open(dir / "stills.lst", from2);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(tags(in), (std::vector<uint32_t>{2, 3, 200}));
+  MediaClose(in);
+
+  MediaOpenArgs doubled{};
+  doubled.adjust_num = 30, doubled.adjust_den = 1;
+  in = Open(dir / "stills.lst", doubled);
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(tags(in), (std::vector<uint32_t>{1, 1, 2, 2, 3, 3, 200, 200}));
+  MediaClose(in);
+
+  in = Open(dir / "repeat.lst");
+  ASSERT_NE(in, nullptr);
+  EXPECT_EQ(tags(in), (std::vector<uint32_t>{1, 3, 3, 2}));
+  MediaClose(in);
+
+  in = Open(dir / "stills.lst");
+  ASSERT_NE(in, nullptr);
+  MediaReadAhead* ahead = MediaReadAheadStart(in, &MediaNoFilters);
+  ASSERT_NE(ahead, nullptr);
+  std::vector<uint32_t> read;
+  bool end = false;
+  const uint8_t* pixels = nullptr;
+  while (!end && read.size() < 10 && MediaReadAheadNext(ahead, &pixels, &end))
+    read.push_back((reinterpret_cast<const uint32_t*>(pixels)[0] >> 16) & 255);
+  MediaReadAheadStop(ahead);
+  MediaClose(in);
+  for (uint32_t& v : read) v = v > 100 ? 200 : v;
+  EXPECT_EQ(read, all) << "read ahead";
+}
+
 // A list of float pictures only keeps them as floats: the same four floats a pixel as alone.
 TEST_F(ListEntries, FloatEntriesStayFloatInAListOfThem) {
   std::vector<std::vector<float>> alone;

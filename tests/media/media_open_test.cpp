@@ -7,6 +7,7 @@
 
 #include "media/media.h"
 #include "media_test_util.h"
+#include "support/stdin_file.h"
 #include "support/velmo_file.h"
 #include "support/wave.h"
 
@@ -115,10 +116,8 @@ TEST_F(OpenTest, TypeTableRowsGiveTheSourceAndItsFrames) {
 
 TEST_F(OpenTest, StandardInputIsReadAsAY4mPipe) {
   WriteText(dir / "pipe.y4m", FlatY4m(3));
-  const int saved = dup(0);
-  FILE* source = fopen((dir / "pipe.y4m").c_str(), "rb");
-  ASSERT_NE(source, nullptr);
-  ASSERT_EQ(dup2(fileno(source), 0), 0);
+  test_support::StdinFromFile input(dir / "pipe.y4m");
+  ASSERT_TRUE(input.ok());
   MediaInput* in = Open("-");
   ASSERT_NE(in, nullptr);
   EXPECT_EQ(in->type, MediaTypeY4m);
@@ -132,9 +131,6 @@ TEST_F(OpenTest, StandardInputIsReadAsAY4mPipe) {
   EXPECT_LT(blues[0], blues[1]);
   EXPECT_LT(blues[1], blues[2]);
   MediaClose(in);
-  dup2(saved, 0);
-  close(saved);
-  fclose(source);
 }
 
 TEST_F(OpenTest, FailuresAreReportedAtLevelTwo) {

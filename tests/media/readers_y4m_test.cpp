@@ -145,6 +145,34 @@ TEST(Y4mReader, EveryChromaFormMatchesTheModel) {
   }
 }
 
+// Asked for planes alone, forms with planes give them without a picture, and the same frame
+// asked again without that gives the picture of the model; forms without planes give pictures
+// whatever is asked.
+TEST(Y4mReader, PlanesAloneLeaveThePictureUnmadeUntilItIsAskedFor) {
+  const int w = 7, h = 5;
+  for (const Form& form : kForms) {
+    SCOPED_TRACE(form.tag);
+    const std::vector<Planes> frames = {RandomPlanes(form, w, h, 4), RandomPlanes(form, w, h, 5)};
+    const std::string file = Y4m(std::string("YUV4MPEG2 W7 H5 F25:1 C") + form.tag, frames);
+    StreamError error{};
+    StreamReader* r = OpenText(file, &error);
+    ASSERT_NE(r, nullptr) << error.text;
+    const bool planar = form.hdiv != 0 && form.hdiv == form.vdiv;
+    for (uint32_t i : {0u, 1u}) {
+      StreamReaderPlanesOnly(r, 1);
+      StreamFrame f{};
+      ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1) << error.text;
+      EXPECT_EQ(f.pixels == nullptr, planar);
+      ExpectPlanes(f.planes, frames[i], form, w, h, false);
+      StreamReaderPlanesOnly(r, 0);
+      ASSERT_EQ(StreamReaderRead(r, i, &f, &error), 1) << error.text;
+      ASSERT_NE(f.pixels, nullptr);
+      EXPECT_LE(CompareWithModel(f, frames[i], form, w, h, false), 1.0) << "frame " << i;
+    }
+    StreamReaderClose(r);
+  }
+}
+
 TEST(Y4mReader, RangeEndsMapToBlackAndWhite) {
   Planes p;
   p.y = {16, 235, 0, 255};

@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "format/container.h"
@@ -15,6 +16,7 @@
 #include "media_test_util.h"
 #include "support/files.h"
 #include "support/picture.h"
+#include "support/stdin_file.h"
 #include "support/stream_files.h"
 #include "support/velmo_file.h"
 #include "support/wave.h"
@@ -158,25 +160,46 @@ velmo_test::FilePlan SmallVelmo(uint32_t frames) {
   return plan;
 }
 
-// A Velmo file whose frames are not all in the file fails, at the latest at the first missing
-// frame.
-TEST_F(TruncatedInputTest, CutVelmoFileFailsBeforeItsFirstMissingFrame) {
+// A Velmo file cut short (a compression that was stopped) gives the frames that are whole in
+// it, and ends there with one warning naming the file; whichever frame the cut falls in.
+TEST_F(TruncatedInputTest, CutVelmoFileGivesItsWholeFramesAndEnds) {
   const std::vector<uint8_t> file = velmo_test::BuildFile(SmallVelmo(12));
   velmo_test::ParsedFile parsed;
   ASSERT_TRUE(velmo_test::ParseFile(file, &parsed));
   WriteFile(dir / "whole.vlm", file);
   EXPECT_EQ(ReadThrough(dir / "whole.vlm"), (Reading{true, 12, false, 0, 0, 0}));
+  MediaInput* whole = Open(dir / "whole.vlm");
+  ASSERT_NE(whole, nullptr);
+  std::vector<std::vector<uint8_t>> frames;
+  while (!whole->at_end && NextFrame(whole))
+    frames.emplace_back(whole->output_buffer, whole->output_buffer + whole->output_buffer_bytes);
+  MediaClose(whole);
+  ASSERT_EQ(frames.size(), 12u);
 
-  // Cut inside frame 8: frames 1 to 7 stay whole.
-  const uint64_t cutAt = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, 7)) + 3;
-  const std::string cut = Cut("whole.vlm", size_t(cutAt), "cut.vlm");
-  // The reader may find the damage at its first read of the file: never past the cut.
-  const Reading reading = ReadThrough(cut);
-  EXPECT_TRUE(reading.opened);
-  EXPECT_LE(reading.frames, 7u);
-  EXPECT_TRUE(reading.failed);
-  EXPECT_TRUE(Log.Said("Error reading: " + cut, MediaLevelError));
-  EXPECT_TRUE(Log.Said("of 12 is missing from the file", MediaLevelError));
+  for (const uint32_t cutFrame : {1u, 7u, 11u}) {
+    SCOPED_TRACE(cutFrame);
+    // Cut 3 bytes into frame `cutFrame` (from 0): the frames before it stay whole.
+    const uint64_t cutAt = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, cutFrame)) + 3;
+    const std::string cut = Cut("whole.vlm", size_t(cutAt), "cut" + std::to_string(cutFrame) + ".vlm");
+    EXPECT_EQ(ReadThrough(cut), (Reading{true, cutFrame, false, 0, 1, 0}));
+    EXPECT_TRUE(Log.Said(cut, MediaLevelWarning));
+    // They are the frames of the whole file.
+    MediaInput* in = Open(cut);
+    ASSERT_NE(in, nullptr);
+    EXPECT_EQ(in->output_frames, cutFrame);
+    for (uint32_t f = 0; f < cutFrame; ++f) {
+      ASSERT_TRUE(NextFrame(in));
+      EXPECT_TRUE(std::equal(frames[f].begin(), frames[f].end(), in->output_buffer)) << "frame " << f;
+    }
+    EXPECT_TRUE(in->at_end);
+    MediaClose(in);
+  }
+  // Cut inside its first frame, it has nothing to show and is refused, naming the file.
+  const uint64_t firstCut = VelmoEntryOffset(VelmoTableFrameEntry(parsed.Info.Tables, 0)) + 3;
+  const std::string head = Cut("whole.vlm", size_t(firstCut), "head.vlm");
+  Log.Clear();
+  EXPECT_EQ(Open(head), nullptr);
+  EXPECT_TRUE(Log.Said(head, MediaLevelError));
 }
 
 // Header fields that cannot be true are refused at the open: a rate divisor that makes a frame
@@ -265,6 +288,38 @@ TEST_F(TruncatedInputTest, CutLastFrameOfAStreamWarnsOnce) {
   // A whole stream says nothing.
   WriteText(dir / "whole.y4m", y4m);
   EXPECT_EQ(ReadThrough(dir / "whole.y4m"), (Reading{true, 4, false, 0, 0, 0}));
+}
+
+// A stream read from a pipe (the standard input) that is cut off inside a frame ends with its
+// last whole frame, delivered once, with one warning; a pipe that ends behind a whole frame says
+// nothing.
+TEST_F(TruncatedInputTest, PipeCutInsideAFrameEndsAtItsLastWholeFrame) {
+  // Grey frames, each lighter than the one before.
+  std::vector<std::vector<uint8_t>> planes;
+  for (int i = 0; i < 4; ++i) {
+    planes.emplace_back(8 * 4 * 3, uint8_t(128));
+    std::fill_n(planes.back().begin(), 8 * 4, uint8_t(30 + 40 * i));
+  }
+  const std::string y4m = test_support::Y4mFile(8, 4, planes);
+  const size_t frameBytes = 6 + 8 * 4 * 3;
+  for (const size_t cut : {size_t(20), frameBytes - 3, frameBytes + 20, size_t(0)}) {
+    SCOPED_TRACE(cut);
+    WriteText(dir / "piped.y4m", y4m.substr(0, y4m.size() - cut));
+    test_support::StdinFromFile input(dir / "piped.y4m");
+    ASSERT_TRUE(input.ok());
+    Log.Clear();
+    MediaInput* in = Open("-");
+    ASSERT_NE(in, nullptr);
+    std::vector<uint32_t> blues;
+    while (!in->at_end && blues.size() < 10 && NextFrame(in)) blues.push_back(OutPixel(in, 0, 0) & 0xFF);
+    const uint32_t whole = cut == 0 ? 4 : cut <= frameBytes ? 3 : 2;
+    EXPECT_EQ(blues.size(), whole);
+    for (size_t i = 1; i < blues.size(); ++i) EXPECT_LT(blues[i - 1], blues[i]) << "frame " << i << " repeats";
+    EXPECT_EQ(in->read_failed, 0u);
+    EXPECT_EQ(Log.CountLevel(MediaLevelWarning), cut == 0 ? 0 : 1);
+    EXPECT_EQ(Log.CountLevel(MediaLevelError), 0);
+    MediaClose(in);
+  }
 }
 
 // An AVI recording that was cut off: three frames of 6 x 4, each followed by 2000 bytes of

@@ -75,10 +75,12 @@ inline std::vector<uint8_t> RawFramesFile(int width, int height, const std::vect
   return file;
 }
 
-// A y4m stream of 4:4:4 frames at 25 frames a second; each frame is its Y, Cb and Cr planes of
-// width × height samples one after another.
-inline std::string Y4mFile(int width, int height, const std::vector<std::vector<uint8_t>>& frames) {
-  std::string s = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C444\n";
+// A y4m stream at 25 frames a second; each frame is its planes one after another (Y, Cb and
+// Cr of width × height samples for the default 4:4:4; `chroma` names another form, whose plane
+// sizes the frames must then have).
+inline std::string Y4mFile(int width, int height, const std::vector<std::vector<uint8_t>>& frames,
+                           const std::string& chroma = "444") {
+  std::string s = "YUV4MPEG2 W" + std::to_string(width) + " H" + std::to_string(height) + " F25:1 C" + chroma + "\n";
   for (const auto& planes : frames) {
     s += "FRAME\n";
     s.append(planes.begin(), planes.end());

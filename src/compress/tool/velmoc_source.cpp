@@ -107,9 +107,14 @@ bool Frame(VelmocSource* source, uint32_t index, const uint32_t** pixels, int32_
   return FilteredFrame(source, index, nullptr, pixels, pitch);
 }
 
+// A caller that takes a frame's planes takes the planes of every frame that has them: from
+// then on such frames are read as planes alone, and their pixels are not made (the pixels
+// that `frame` points at are then those of an earlier frame).
 bool Planes(VelmocSource* source, MediaPlanes* out) {
   Source* s = reinterpret_cast<Source*>(source);
-  return s->have && MediaFramePlanes(s->input, out);
+  if (!s->have || !MediaFramePlanes(s->input, out)) return false;
+  MediaPreferPlanes(s->input, true);
+  return true;
 }
 
 void Close(VelmocSource* source) {

@@ -47,7 +47,9 @@ struct VelmocSourceOps {
                         const uint32_t** pixels, int32_t* pitch);
   // Optional: the frame the last call delivered as the input's own Y, Cb, Cr planes, when the
   // input holds them and nothing changed the picture; the compressor then takes them as they
-  // are. Valid until the next call. Null or false: the pixels only.
+  // are. Valid until the next call. Null or false: the pixels only. Once a caller has taken
+  // planes, a later frame that has them may come as planes alone: `frame`'s pixels are then
+  // not that frame's.
   bool (*planes)(VelmocSource* source, MediaPlanes* out);
 };
 

@@ -234,6 +234,10 @@ int StreamReaderRead(StreamReader* reader, uint32_t index, StreamFrame* frame, S
   return reader->Read(index, frame, error);
 }
 
+void StreamReaderPlanesOnly(StreamReader* reader, int on) {
+  if (reader) reader->planes_only = on != 0;
+}
+
 void StreamReaderClose(StreamReader* reader) { delete reader; }
 
 uint32_t StreamReaderAudioTrackCount(const StreamReader* reader) { return reader ? reader->AudioTrackCount() : 0; }

@@ -42,6 +42,7 @@ struct StreamReader {
   const StreamReaderOps* ops = nullptr;
   StreamInfo info{};
   std::unique_ptr<orn::media::ByteSource> source;
+  bool planes_only = false;  // StreamReaderPlanesOnly: frames with planes leave `pixels` null
 
   virtual ~StreamReader() = default;
   virtual int Read(uint32_t index, StreamFrame* frame, StreamError* error) = 0;

@@ -90,7 +90,7 @@ typedef struct StreamPlanes {
 } StreamPlanes;
 
 typedef struct StreamFrame {
-  const uint8_t* pixels;     // first pixel of the top display row
+  const uint8_t* pixels;     // first pixel of the top display row (null: planes only)
   int32_t pitch;             // signed bytes from one display row to the next
   uint32_t depth;            // as StreamInfo.depth
   uint32_t bytes;            // bytes the frame took in the file
@@ -140,6 +140,11 @@ const StreamReaderOps* StreamReaderOpsOf(const StreamReader* reader);
 // Returns 1, or 0 with the reason (STREAM_ERROR_END past the last frame). After a failure the
 // previous frame's pixels stay valid.
 int StreamReaderRead(StreamReader* reader, uint32_t index, StreamFrame* frame, StreamError* error);
+// With `on` set, a reader whose frames carry planes gives them alone: `pixels` is null and the
+// picture is not made, which saves the colour conversion for a caller that takes the planes.
+// A later read of the same frame with it clear makes the picture then. Readers without planes
+// ignore it.
+void StreamReaderPlanesOnly(StreamReader* reader, int on);
 void StreamReaderClose(StreamReader* reader);
 
 // Sound streams of an AVI file, kept for the sound layer; other formats have none.

@@ -60,7 +60,9 @@ class Y4mReader final : public StreamReader {
   bool ReadLine(uint64_t* at, std::string* line);
   bool ParseHeader(const std::string& line, StreamError* error);
   bool ScanFrames(StreamError* error);
-  int ReadFrameAt(uint64_t at, StreamError* error);
+  int ReadFrameAt(uint64_t at, std::vector<uint8_t>* planes, uint32_t* bytes, StreamError* error);
+  int NextFromPipe(StreamError* error);
+  void ReadAhead();
   void Convert();
   StreamPlanes Planes() const;
 
@@ -71,9 +73,15 @@ class Y4mReader final : public StreamReader {
   std::vector<uint64_t> offsets_;   // FRAME line positions (seekable files)
   uint64_t pipe_position_ = 0;      // next FRAME line (pipes)
   int64_t current_ = -1;
+  bool converted_ = false;          // pixels_ holds the picture of frame current_
   uint32_t last_bytes_ = 0;
   std::vector<uint8_t> planes_;
   std::vector<uint8_t> pixels_;
+  // Pipes: the frame after the current one, read ahead.
+  enum { kAheadNone, kAheadReady, kAheadFailed } ahead_ = kAheadNone;
+  std::vector<uint8_t> ahead_planes_;
+  uint32_t ahead_bytes_ = 0;
+  StreamError ahead_error_{};
 };
 
 // Reads one line ending in a newline, at most kMaxLine bytes; `at` moves behind it.
@@ -194,7 +202,11 @@ bool Y4mReader::ScanFrames(StreamError* error) {
   std::string line;
   while (at < size && offsets_.size() < kMaxScannedFrames) {
     uint64_t next = at;
-    if (!ReadLine(&next, &line) || line.compare(0, 5, "FRAME") != 0) break;
+    if (!ReadLine(&next, &line)) {
+      if (!line.empty()) info.cut_tail = 1;  // the file ends inside a frame header
+      break;
+    }
+    if (line.compare(0, 5, "FRAME") != 0) break;
     if (next + layout_.frame_bytes > size) {
       info.cut_tail = 1;
       break;
@@ -215,7 +227,9 @@ bool Y4mReader::Open(StreamError* error) {
   data_start_ = pipe_position_ = at;
   // A file must hold a whole frame before its buffers are allocated.
   if (source->Seekable() && !ScanFrames(error)) return false;
-  if (!TryResize(planes_, size_t(layout_.frame_bytes)) || !TryResize(pixels_, size_t(info.width) * info.height * 4))
+  const bool pipe = !source->Seekable();
+  if (!TryResize(planes_, size_t(layout_.frame_bytes)) || !TryResize(pixels_, size_t(info.width) * info.height * 4) ||
+      (pipe && !TryResize(ahead_planes_, size_t(layout_.frame_bytes))))
     return StreamFail(error, STREAM_ERROR_MEMORY, "y4m: out of memory");
   tables_.Build(full_range_);
   SetTypeName(&info, "YUV4MPEG2");
@@ -251,49 +265,84 @@ void Y4mReader::Convert() {
   }
 }
 
-// Reads the frame whose FRAME line starts at `at`.
-int Y4mReader::ReadFrameAt(uint64_t at, StreamError* error) {
+// Reads the frame whose FRAME line starts at `at` into `planes`; `*bytes` is what it took.
+int Y4mReader::ReadFrameAt(uint64_t at, std::vector<uint8_t>* planes, uint32_t* bytes, StreamError* error) {
   const uint64_t start = at;
   std::string line;
-  if (!ReadLine(&at, &line)) return StreamFail(error, STREAM_ERROR_END, "y4m: end of stream");
+  if (!ReadLine(&at, &line)) {
+    if (line.empty()) return StreamFail(error, STREAM_ERROR_END, "y4m: end of stream");
+    info.cut_tail = 1;  // the stream ends inside a frame header
+    return StreamFail(error, STREAM_ERROR_END, "y4m: last frame cut short");
+  }
   if (line.compare(0, 5, "FRAME") != 0) return StreamFail(error, STREAM_ERROR_CORRUPT, "y4m: frame header missing");
-  if (!source->ReadExact(at, planes_.data(), planes_.size())) {
+  if (!source->ReadExact(at, planes->data(), planes->size())) {
     info.cut_tail = 1;  // a pipe that ends inside a frame: the frame is left out
     return StreamFail(error, STREAM_ERROR_END, "y4m: last frame cut short");
   }
-  pipe_position_ = at + planes_.size();
-  last_bytes_ = uint32_t(std::min<uint64_t>(pipe_position_ - start, UINT32_MAX));
-  Convert();
+  pipe_position_ = at + planes->size();
+  *bytes = uint32_t(std::min<uint64_t>(pipe_position_ - start, UINT32_MAX));
   return 1;
+}
+
+// The next frame of a pipe into planes_: the one read ahead, or else a fresh read.
+int Y4mReader::NextFromPipe(StreamError* error) {
+  if (ahead_ == kAheadNone) return ReadFrameAt(pipe_position_, &planes_, &last_bytes_, error);
+  const bool ready = ahead_ == kAheadReady;
+  ahead_ = kAheadNone;
+  if (!ready) {
+    if (error) *error = ahead_error_;
+    return 0;
+  }
+  planes_.swap(ahead_planes_);
+  last_bytes_ = ahead_bytes_;
+  return 1;
+}
+
+// A pipe tells where it ends, and whether its last frame is whole, only to a read: the frame
+// after the current one is read ahead, so that the current one is known to be the last.
+void Y4mReader::ReadAhead() {
+  if (ahead_ != kAheadNone || info.frame_count) return;
+  ahead_error_ = StreamError{};
+  if (ReadFrameAt(pipe_position_, &ahead_planes_, &ahead_bytes_, &ahead_error_)) {
+    ahead_ = kAheadReady;
+    return;
+  }
+  ahead_ = kAheadFailed;
+  if (ahead_error_.code == STREAM_ERROR_END) info.frame_count = uint32_t(current_ + 1);
 }
 
 int Y4mReader::Read(uint32_t index, StreamFrame* frame, StreamError* error) {
   if (int64_t(index) != current_) {
     if (source->Seekable()) {
       if (index >= offsets_.size()) return StreamFail(error, STREAM_ERROR_END, "y4m: no frame %u", index);
-      if (!ReadFrameAt(offsets_[index], error)) return 0;
+      if (!ReadFrameAt(offsets_[index], &planes_, &last_bytes_, error)) return 0;
     } else {
       if (int64_t(index) < current_) return StreamFail(error, STREAM_ERROR_SEEK, "y4m: frame %u lies behind the pipe's position", index);
       while (current_ < int64_t(index)) {
-        if (!ReadFrameAt(pipe_position_, error)) {
+        if (!NextFromPipe(error)) {
           if (error && error->code == STREAM_ERROR_END) info.frame_count = uint32_t(current_ + 1);
           return 0;
         }
         ++current_;
       }
-      // A pipe that ends right behind this frame has told its length: the reader's caller
-      // need not try for another frame to find the end.
-      if (source->EndsAt(pipe_position_)) info.frame_count = uint32_t(current_ + 1);
+      ReadAhead();
     }
     current_ = index;
+    converted_ = false;  // the picture is made when it is asked for
   }
-  frame->pixels = pixels_.data();
+  frame->planes = Planes();
+  // A caller that takes the planes alone is spared the conversion.
+  const bool planes_alone = planes_only && frame->planes.plane[0];
+  if (!planes_alone && !converted_) {
+    Convert();
+    converted_ = true;
+  }
+  frame->pixels = planes_alone ? nullptr : pixels_.data();
   frame->pitch = int32_t(info.width * 4);
   frame->depth = 32;
   frame->bytes = last_bytes_;
   frame->palette = nullptr;
   frame->palette_changed = 0;
-  frame->planes = Planes();
   return 1;
 }
 
