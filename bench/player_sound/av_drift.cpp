@@ -192,7 +192,7 @@ uint32_t WatchReady(VelmoTrack* t) {
 
 void WatchUnlock(VelmoTrack* t, uint32_t bytes) {
   W.Null.Unlock(t, bytes);
-  if (!W.Begun && W.Log->Received > W.Log->Played) {
+  if (!W.Begun && bytes) {  // the device has sound again: it plays from now
     W.Begun = 1;
     W.LastPlayed = W.Log->Played;
     RateMeterBegin(&W.Meter, SimClock());
