@@ -39,6 +39,7 @@ struct PreviewScript {
   std::vector<std::string> Told;  // the waiting texts seen in the status line
   bool OutputThereWhenTold = false;
   bool Closed = false;
+  bool Finished = false;  // the shell has seen the worker return
 };
 PreviewScript g;
 
@@ -111,12 +112,19 @@ void DuringRunStep(ToolDialog* d) {
   }
 }
 
-// After the run: View once the run says it is done, then close once the preview has ended.
+// The shell has taken the run as finished: a close before that would ask to cancel.
+int SeeFinished(ToolDialog*, const ToolMessage* m) {
+  if (m->code == ToolMsgFinished) g.Finished = true;
+  return 0;
+}
+
+// After the run: View once the run says it is done, then close once the preview has ended and
+// the shell knows the run is over.
 void AfterRunStep(ToolDialog* d) {
   if (g.Presses == 0 && TextOf(d, VelmocIdRemaining) == "Done!") {
     ToolDialogUserCommand(d, VelmocIdView);
     g.Presses = 1;
-  } else if (g.Presses == 1 && AtomicRead(&g.Ended) && !g.Closed) {
+  } else if (g.Presses == 1 && AtomicRead(&g.Ended) && g.Finished && !g.Closed) {
     ToolDialogUserClose(d);
     g.Closed = true;
   }
@@ -135,8 +143,12 @@ class VelmocPreview : public ::testing::Test {
     g = PreviewScript{};
     g.Output = dir / "out.vlm";
     VelmocSetPreviewStarter(FakePlayer);
+    ToolFrameSetHook(SeeFinished);
   }
-  void TearDown() override { VelmocSetPreviewStarter(nullptr); }
+  void TearDown() override {
+    VelmocSetPreviewStarter(nullptr);
+    ToolFrameSetHook(nullptr);
+  }
   // With `closeWhenDone` false the dialog stays after the run until the user closes it.
   int Run(bool closeWhenDone = true) {
     static ToolFrontEnd user = [] {
