@@ -214,7 +214,10 @@ uint32_t AlsaOpen(VelmoTrack* t, uint32_t rate, uint32_t channels, uint32_t, HVE
   o->Measures = 1;
   SoundOutputAttach(t, o);
   t->DeviceBlock = std::min(o->BlockBytes, o->StagingBytes);
-  t->Latency = uint32_t(uint64_t(o->BufferFrames) * 1000 / rate);
+  // The device starts playing from an empty buffer as soon as the start level is in, so it
+  // holds nothing back that the library's lead of silence must make up: a latency told here
+  // would put the sound that far ahead of the picture after every start.
+  t->Latency = 0;
   t->ServiceMode = 0;
   t->ClockScale = 0x10000;
   t->Ops = VelmoTrackOps{AlsaReady, AlsaLock,  AlsaUnlock, SoundOutputSetVolume, SoundOutputSetPan,

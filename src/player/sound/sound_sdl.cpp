@@ -189,9 +189,9 @@ uint32_t OpenDevice(VelmoTrack* t, uint32_t rate, uint32_t channels, HVELMO hand
   o->StartBytes = std::max(o->StartBytes, o->TrackFrameBytes);
   SoundOutputAttach(t, o);
   t->DeviceBlock = o->BlockBytes;
-  // What the queue holds at most, and the device's own chunk behind it.
-  t->Latency = uint32_t(uint64_t(Capacity(o)) * 1000 / (rate * o->TrackFrameBytes) +
-                        uint64_t(have.samples) * 1000 / rate);
+  // Like the ALSA device, the queue plays from empty once the start level is in: no latency
+  // for the library to make up (one told here would put the sound ahead after every start).
+  t->Latency = 0;
   t->ServiceMode = 0;
   t->ClockScale = 0x10000;
   t->Ops = VelmoTrackOps{SdlReady, SdlLock,  SdlUnlock, SoundOutputSetVolume, SoundOutputSetPan,
