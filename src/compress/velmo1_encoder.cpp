@@ -87,10 +87,6 @@ void Transform(const int32_t block[64], int32_t coeffs[64]) { Velmo1ForwardTrans
 // allocation keeps whichever gives the better trade of bits for error.
 constexpr uint16_t ParamDeadZone = 0x10;
 
-bool Quantise(const int32_t coeffs[64], bool inter, uint32_t param, int16_t out[64]) {
-  const uint32_t s = param & 15;
-  return param & ParamDeadZone ? Velmo1QuantiseDeadZone(coeffs, s, inter, out) : Velmo1Quantise(coeffs, s, inter, out);
-}
 
 // ---------------------------------------------------------------------------------------------
 // Blocks and their operating points
@@ -124,7 +120,15 @@ struct PlaneInfo {
   Velmo1IdctKernel Idct = Velmo1IdctPlain;  // the decoder's inverse transform
   Velmo1SadRowKernel SadRow = Velmo1SadRowPlain;  // the motion search's block differences
   Velmo1CoefficientBitsKernel CoefficientBits = Velmo1CoefficientBitsPlain;  // a trial's bits
+  Velmo1QuantiseKernel QuantiseNearest = Velmo1Quantise;          // a trial's values
+  Velmo1QuantiseKernel QuantiseDeadZone = Velmo1QuantiseDeadZone;  // ... with the dead zone
 };
+
+// Quantises with a point's scale and form (see ParamDeadZone) through the plane's kernels.
+bool Quantise(const PlaneInfo& p, const int32_t coeffs[64], bool inter, uint32_t param, int16_t out[64]) {
+  const Velmo1QuantiseKernel form = param & ParamDeadZone ? p.QuantiseDeadZone : p.QuantiseNearest;
+  return form(coeffs, param & 15, inter, out);
+}
 
 // How an 8x8 block is written once the resolutions are merged.
 enum : uint8_t { LayoutOwn = 0, LayoutHead = 1, LayoutCovered = 2, LayoutLower = 3 };
@@ -442,7 +446,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
   Transform(wide, projection);
   for (uint16_t zone : {uint16_t(0), ParamDeadZone})
     for (uint32_t q = 0; q < 16; ++q) {
-      if (!Quantise(projection, false, q | zone, coeffs)) break;
+      if (!Quantise(p, projection, false, q | zone, coeffs)) break;
       Rebuild(p, coeffs, false, q, nullptr, rebuilt);
       pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse(c, rebuilt), Velmo1DctIntra,
                   uint16_t(q | zone)};
@@ -457,7 +461,7 @@ void AnalyseBlock(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan) {
     Transform(wide, projection);
     for (uint16_t zone : {uint16_t(0), ParamDeadZone})
       for (uint32_t q = 0; q < 16; ++q) {
-        const bool any = Quantise(projection, true, q | zone, coeffs);
+        const bool any = Quantise(p, projection, true, q | zone, coeffs);
         Rebuild(p, coeffs, true, q, m, rebuilt);
         pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostInterDC] + e[CostMotion], Sse(c, rebuilt),
                     Velmo1DctInter, uint16_t(q | zone)};
@@ -550,7 +554,7 @@ void AnalyseBlock16(const PlaneInfo& p, uint32_t x, uint32_t y, BlockPlan& plan)
   for (int i = 0; i < 64; ++i) wide[i] = h[i];
   Transform(wide, projection);
   for (uint32_t q = 0; q < 16; ++q) {
-    if (!Quantise(projection, false, q, coeffs)) break;
+    if (!Quantise(p, projection, false, q, coeffs)) break;
     Rebuild(p, coeffs, false, q, nullptr, rebuilt);
     Up(rebuilt, big);
     pts[n++] = {((p.CoefficientBits(coeffs) + 4) << 8) + e[CostIntraDC], Sse256(f, big), Velmo1DctIntra, uint16_t(q)};
@@ -862,7 +866,7 @@ namespace {
 
 // The stream block of a point of a kind that needs no reference (RUN, DCT_INTRA, ONE, TWO,
 // BANG), from the 8x8 samples it was planned on.
-Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
+Velmo1EncRawBlock ContentBlock(const PlaneInfo& p, const Point& pt, const uint8_t c[64]) {
   switch (pt.Mode) {
     case Velmo1One: return Velmo1EncOneBlock(uint8_t(pt.Param));
     case Velmo1Run: {
@@ -876,7 +880,7 @@ Velmo1EncRawBlock ContentBlock(const Point& pt, const uint8_t c[64]) {
       int32_t projection[64];
       int16_t coeffs[64];
       Transform(wide, projection);
-      Quantise(projection, false, pt.Param, coeffs);
+      Quantise(p, projection, false, pt.Param, coeffs);
       return Velmo1EncIntraBlock(uint16_t(coeffs[0]), coeffs, pt.Param & 15);
     }
     case Velmo1Two: {
@@ -910,7 +914,7 @@ Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const Blo
       int32_t projection[64];
       int16_t coeffs[64];
       Transform(wide, projection);
-      Quantise(projection, true, pt.Param, coeffs);
+      Quantise(p, projection, true, pt.Param, coeffs);
       return Velmo1EncInterBlock(plan.MotionX, plan.MotionY, coeffs[0], coeffs, pt.Param & 15);
     }
     case Velmo1Motz: {
@@ -919,7 +923,7 @@ Velmo1EncRawBlock BlockFor(const PlaneInfo& p, uint32_t x, uint32_t y, const Blo
       const uint32_t events = MakeResidue(c, m, pt.Param, residue);
       return Velmo1EncMotzBlock(plan.MotionX, plan.MotionY, events - 1, residue);
     }
-    default: return ContentBlock(pt, c);
+    default: return ContentBlock(p, pt, c);
   }
 }
 
@@ -928,7 +932,7 @@ Velmo1EncRawBlock Block16For(const PlaneInfo& p, uint32_t x, uint32_t y, const B
   uint8_t f[256], h[64];
   Get16(p.Source + int64_t(y) * p.Width + x, int32_t(p.Width), f);
   Half(f, h);
-  return Velmo1EncDoubledBlock(ContentBlock(plan.P[plan.Current], h));
+  return Velmo1EncDoubledBlock(ContentBlock(p, plan.P[plan.Current], h));
 }
 
 // The stream blocks of one row of 8x8 blocks.
@@ -1155,6 +1159,8 @@ bool VelmoEncodeFrame(VelmoEncoder* e, const VelmoEncodeInput& input, uint32_t b
     planes[i].Idct = kernels.Idct;
     planes[i].SadRow = encodeKernels.SadRow;
     planes[i].CoefficientBits = encodeKernels.CoefficientBits;
+    planes[i].QuantiseNearest = encodeKernels.Quantise;
+    planes[i].QuantiseDeadZone = encodeKernels.QuantiseDeadZone;
   }
   auto pixelCost = std::make_unique<PixelCostJob>();
   std::memset(pixelCost->Histogram, 0, sizeof pixelCost->Histogram);

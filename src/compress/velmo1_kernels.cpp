@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "compress/velmo1_quantise.h"
 #include "decode/velmo1_tables.h"
 
 uint32_t Velmo1Sad8Plain(const uint8_t block[64], const uint8_t* ref, ptrdiff_t refPitch,
@@ -25,6 +26,8 @@ void Velmo1EncodeKernelsInit(Velmo1EncodeKernels* kernels, uint32_t features) {
   kernels->Sad8 = Velmo1Sad8Plain;
   kernels->SadRow = Velmo1SadRowPlain;
   kernels->CoefficientBits = Velmo1CoefficientBitsPlain;
+  kernels->Quantise = Velmo1Quantise;
+  kernels->QuantiseDeadZone = Velmo1QuantiseDeadZone;
 #if ORN_X86_KERNELS
   const int level = ProcessorLevelOf(features);
   if (level < ProcessorLevelSse2) return;

@@ -28,10 +28,17 @@ using Velmo1SadRowKernel = void (*)(const uint8_t block[64], const uint8_t* ref,
 // Velmo1EncCoefficientBitCount gives.
 using Velmo1CoefficientBitsKernel = uint32_t (*)(const int16_t coeffs[64]);
 
+// Quantises a block's coefficients with row `scale` as Velmo1Quantise (or, for the dead-zone
+// entry, Velmo1QuantiseDeadZone) does; returns whether any AC value is not zero.
+using Velmo1QuantiseKernel = bool (*)(const int32_t coeffs[64], uint32_t scale, bool inter,
+                                      int16_t out[64]);
+
 struct Velmo1EncodeKernels {
   Velmo1SadKernel Sad8;        // an 8x8 block against a motion candidate
   Velmo1SadRowKernel SadRow;   // against a line of candidates
   Velmo1CoefficientBitsKernel CoefficientBits;  // a trial's coefficient bits
+  Velmo1QuantiseKernel Quantise;                // a trial's values at one scale
+  Velmo1QuantiseKernel QuantiseDeadZone;        // the same with the dead zone
 };
 
 // Fills `kernels` with the best forms the feature word (ProcessorFeatures()) allows.

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "compress/velmo1_quantise.h"
 #include "decode/velmo1_tables.h"
 
 namespace {
@@ -148,10 +149,59 @@ uint32_t CoefficientBitsAvx2(const int16_t coeffs[64]) {
 
 }  // namespace
 
+namespace {
+
+// (row * value + rounding) >> 30 for eight values, the products in 64 bits, even and odd
+// elements apart. AVX2 has no arithmetic 64-bit shift, but the result fits 32 bits, and there
+// the low half of the logical shift is that of the arithmetic one.
+inline __m256i RowTimes(__m256i values, __m256i row, __m256i rounding) {
+  const __m256i even =
+      _mm256_srli_epi64(_mm256_add_epi64(_mm256_mul_epi32(values, row), rounding), 30);
+  const __m256i odd = _mm256_srli_epi64(
+      _mm256_add_epi64(_mm256_mul_epi32(_mm256_srli_epi64(values, 32), _mm256_srli_epi64(row, 32)),
+                       rounding),
+      30);
+  return _mm256_blend_epi32(even, _mm256_slli_epi64(odd, 32), 0xAA);
+}
+
+// Both quantisers: the AC values held to +-16383 and stored as 16 bits, the DC held as the
+// plain form holds it.
+template <bool DeadZone>
+bool QuantiseAvx2(const int32_t coeffs[64], uint32_t scale, bool inter, int16_t out[64]) {
+  const uint32_t* row = Velmo1QuantiserRow(scale);
+  const __m256i rounding = _mm256_set1_epi64x(DeadZone ? Velmo1DeadZoneRounding : 0x1fffffff);
+  const __m256i high = _mm256_set1_epi32(16383), low = _mm256_set1_epi32(-16383);
+  __m256i any = _mm256_setzero_si256();
+  for (int k = 0; k < 64; k += 16) {
+    __m256i q[2];
+    for (int h = 0; h < 2; ++h) {
+      const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(coeffs + k + 8 * h));
+      const __m256i r = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + k + 8 * h));
+      if (DeadZone) {
+        const __m256i magnitude =
+            _mm256_min_epi32(RowTimes(_mm256_abs_epi32(c), r, rounding), high);
+        q[h] = _mm256_sign_epi32(magnitude, c);
+      } else {
+        q[h] = _mm256_max_epi32(_mm256_min_epi32(RowTimes(c, r, rounding), high), low);
+      }
+    }
+    if (k == 0) q[0] = _mm256_blend_epi32(q[0], _mm256_setzero_si256(), 1);  // DC below
+    any = _mm256_or_si256(any, _mm256_or_si256(q[0], q[1]));
+    const __m256i packed = _mm256_permute4x64_epi64(_mm256_packs_epi32(q[0], q[1]), 0xD8);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + k), packed);
+  }
+  out[0] = Velmo1HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
+  return !_mm256_testz_si256(any, any);
+}
+
+}  // namespace
+
 void Velmo1EncodeKernelsAvx2(Velmo1EncodeKernels* kernels) {
   kernels->Sad8 = Sad8Avx2;
   kernels->SadRow = SadRowAvx2;
   kernels->CoefficientBits = CoefficientBitsAvx2;
+  kernels->Quantise = QuantiseAvx2<false>;
+  kernels->QuantiseDeadZone = QuantiseAvx2<true>;
 }
 
 #endif  // ORN_X86_KERNELS

@@ -113,13 +113,6 @@ const uint32_t* Velmo1QuantiserRow(uint32_t scale) {
   return rows[scale & 15].data();
 }
 
-namespace {
-
-int16_t HeldDc(int32_t dc, bool inter) {
-  return int16_t(inter ? std::clamp<int32_t>(dc, -1023, 1023) : std::clamp<int32_t>(dc, 0, 2047));
-}
-
-}  // namespace
 
 bool Velmo1Quantise(const int32_t coeffs[64], uint32_t scale, bool inter, int16_t out[64]) {
   const uint32_t* row = Velmo1QuantiserRow(scale);
@@ -129,7 +122,7 @@ bool Velmo1Quantise(const int32_t coeffs[64], uint32_t scale, bool inter, int16_
     out[k] = int16_t(v);
     any |= v;
   }
-  out[0] = HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
+  out[0] = Velmo1HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
   return any != 0;
 }
 
@@ -142,6 +135,6 @@ bool Velmo1QuantiseDeadZone(const int32_t coeffs[64], uint32_t scale, bool inter
     out[k] = int16_t(coeffs[k] < 0 ? -v : v);
     any |= v;
   }
-  out[0] = HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
+  out[0] = Velmo1HeldDc(Velmo1QuantiseCoefficient(coeffs[0], row[0]), inter);
   return any != 0;
 }

@@ -19,6 +19,12 @@ inline int32_t Velmo1QuantiseCoefficient(int32_t coeff, uint32_t entry) {
   return int32_t((int64_t(entry) * coeff + 0x1fffffff) >> 30);
 }
 
+// The DC value held to its stream range: 0..2047 intra, -1023..1023 inter.
+inline int16_t Velmo1HeldDc(int32_t dc, bool inter) {
+  const int32_t low = inter ? -1023 : 0, high = inter ? 1023 : 2047;
+  return int16_t(dc < low ? low : dc > high ? high : dc);
+}
+
 // Quantises the coefficients of a block with row `scale`, held to the stream's ranges: the AC
 // values to +-16383, the intra DC to 0..2047, the inter DC to -1023..1023. Returns whether any
 // AC value is not zero.

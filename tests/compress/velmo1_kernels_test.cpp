@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "compress/velmo1_encoder.h"
+#include "compress/velmo1_quantise.h"
 #include "compress/velmo1_stream.h"
 #include "host/platform.h"
 #include "support/encoder_pictures.h"
@@ -25,7 +27,7 @@ using kerneltest::ForEachLevel;
 using kerneltest::TableAt;
 
 // A new entry in the table fails to compile here until it has a check below.
-static_assert(sizeof(Velmo1EncodeKernels) == 3 * sizeof(void (*)()), "encoder entry unchecked");
+static_assert(sizeof(Velmo1EncodeKernels) == 5 * sizeof(void (*)()), "encoder entry unchecked");
 
 // The sum counted one pixel at a time, with no bound.
 uint32_t CountedSad(const uint8_t block[64], const uint8_t* ref, ptrdiff_t pitch) {
@@ -165,6 +167,45 @@ TEST(Velmo1EncodeKernels, CoefficientCountsAreTheLengthsWritten) {
   });
 }
 
+// Both quantisers of every form give the plain form's values and answer, on the transforms of
+// random, flat and extreme blocks (the DC at its largest both ways) and on raw values past what
+// a transform gives, which the AC ranges must hold; every scale, intra and inter.
+TEST(Velmo1EncodeKernels, QuantisersGiveThePlainValues) {
+  std::mt19937 rng(35);
+  std::vector<std::array<int32_t, 64>> cases;
+  for (int i = 0; i < 3000; ++i) {
+    int32_t block[64];
+    const int kind = i % 6;
+    for (int k = 0; k < 64; ++k) {
+      const int32_t random = int32_t(rng() % 511) - 255;
+      block[k] = kind == 0 ? 255 : kind == 1 ? -255 : kind == 2 ? ((k + k / 8) % 2 ? 255 : -255)
+               : kind == 3 ? int32_t(rng() % 5) - 2 : random;
+    }
+    std::array<int32_t, 64> coeffs;
+    if (kind == 5)  // raw values, far past the rows' reach
+      for (int32_t& c : coeffs) c = int32_t(rng() % (1u << 24)) - (1 << 23);
+    else
+      Velmo1ForwardTransform(block, coeffs.data());
+    cases.push_back(coeffs);
+  }
+  ForEachLevel(Velmo1EncodeKernelsInit, [&](const Velmo1EncodeKernels& t) {
+    for (size_t i = 0; i < cases.size(); ++i)
+      for (uint32_t scale = 0; scale < 16; ++scale)
+        for (const bool inter : {false, true}) {
+          int16_t want[64], got[64];
+          ASSERT_EQ(t.Quantise(cases[i].data(), scale, inter, got),
+                    Velmo1Quantise(cases[i].data(), scale, inter, want))
+              << "case " << i << " scale " << scale;
+          ASSERT_EQ(0, std::memcmp(want, got, sizeof want)) << "case " << i << " scale " << scale;
+          ASSERT_EQ(t.QuantiseDeadZone(cases[i].data(), scale, inter, got),
+                    Velmo1QuantiseDeadZone(cases[i].data(), scale, inter, want))
+              << "dead zone, case " << i << " scale " << scale;
+          ASSERT_EQ(0, std::memcmp(want, got, sizeof want))
+              << "dead zone, case " << i << " scale " << scale;
+        }
+  });
+}
+
 // Every entry is set at every level, and the fill stops at the first level the word lacks.
 TEST(Velmo1EncodeKernels, EveryEntrySetAndLevelsStopAtTheFirstGap) {
   for (int level = 0; level < ProcessorLevelCount; ++level) {
@@ -172,18 +213,24 @@ TEST(Velmo1EncodeKernels, EveryEntrySetAndLevelsStopAtTheFirstGap) {
     EXPECT_NE(t.Sad8, nullptr) << level;
     EXPECT_NE(t.SadRow, nullptr) << level;
     EXPECT_NE(t.CoefficientBits, nullptr) << level;
+    EXPECT_NE(t.Quantise, nullptr) << level;
+    EXPECT_NE(t.QuantiseDeadZone, nullptr) << level;
   }
   Velmo1EncodeKernels noSse2;
   Velmo1EncodeKernelsInit(&noSse2, CpuValid | CpuAVX2 | CpuSSSE3 | CpuAVX);
   EXPECT_EQ(noSse2.Sad8, &Velmo1Sad8Plain);
   EXPECT_EQ(noSse2.SadRow, &Velmo1SadRowPlain);
   EXPECT_EQ(noSse2.CoefficientBits, &Velmo1CoefficientBitsPlain);
+  EXPECT_EQ(noSse2.Quantise, &Velmo1Quantise);
+  EXPECT_EQ(noSse2.QuantiseDeadZone, &Velmo1QuantiseDeadZone);
   Velmo1EncodeKernels all;
   Velmo1EncodeKernelsInit(&all, ~0u);
   const Velmo1EncodeKernels avx2 = TableAt(Velmo1EncodeKernelsInit, ProcessorLevelAvx2);
   EXPECT_EQ(all.Sad8, avx2.Sad8);
   EXPECT_EQ(all.SadRow, avx2.SadRow);
   EXPECT_EQ(all.CoefficientBits, avx2.CoefficientBits);
+  EXPECT_EQ(all.Quantise, avx2.Quantise);
+  EXPECT_EQ(all.QuantiseDeadZone, avx2.QuantiseDeadZone);
 }
 
 // The bytes of a short encode of moving shapes, with the processor's features cut down to one
