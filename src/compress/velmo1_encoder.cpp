@@ -954,27 +954,27 @@ void BuildRow(const PlaneInfo& p, uint32_t y, std::vector<Velmo1EncRawBlock>& ro
 // the reference and the chosen points alone.
 struct RowsJob {
   const PlaneInfo* Plane;
-  Velmo1EncPlaneSpec* Spec;
+  Velmo1EncPlaneSpec* Out;  // the plane's rows, one a job
   std::atomic<uint32_t> Next{0};
 };
 
 void RowsWorker(void* context, uint32_t) {
   auto* job = static_cast<RowsJob*>(context);
-  const uint32_t rows = uint32_t(job->Spec->Rows.size());
-  for (uint32_t r; (r = job->Next.fetch_add(1)) < rows;) BuildRow(*job->Plane, r * 8, job->Spec->Rows[r]);
+  const uint32_t rows = uint32_t(job->Out->Rows.size());
+  for (uint32_t r; (r = job->Next.fetch_add(1)) < rows;) BuildRow(*job->Plane, r * 8, job->Out->Rows[r]);
 }
 
 // Counts the kinds of the written blocks; a 16x16 block counts once, at its head, with the
 // kind of its sub-block. The plane's statistics get the chosen modes and their planned bits.
-void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& spec, VelmoEncodeResult* result,
+void CountKinds(const PlaneInfo& p, const Velmo1EncPlaneSpec& written, VelmoEncodeResult* result,
                 PlaneStats& stats) {
   const uint32_t bx = p.Width / 8, bx16 = bx / 2;
-  for (uint32_t r = 0; r < spec.Rows.size(); ++r) {
+  for (uint32_t r = 0; r < written.Rows.size(); ++r) {
     size_t at = 0;
     for (uint32_t c = 0; c < bx; ++c) {
       const uint8_t layout = p.Layout[r * bx + c];
       if (layout == LayoutCovered) continue;
-      const Velmo1EncRawBlock& block = spec.Rows[r][at++];
+      const Velmo1EncRawBlock& block = written.Rows[r][at++];
       if (layout == LayoutLower) continue;
       if (layout == LayoutHead) {
         const BlockPlan& plan = p.Plans16[(r / 2) * bx16 + c / 2];
@@ -1002,7 +1002,7 @@ std::vector<uint8_t> WritePlane(const PlaneInfo& p, bool vlmk, CostModel& model,
   planeSpec.Rows.resize((p.Height + 7) / 8);
   RowsJob rows;
   rows.Plane = &p;
-  rows.Spec = &planeSpec;
+  rows.Out = &planeSpec;
   PoolRun(RowsWorker, &rows);
   CountKinds(p, planeSpec, result, planeStats);
   Velmo1EncPlaneOptions options;

@@ -233,48 +233,14 @@ TEST(Velmo1EncodeKernels, EveryEntrySetAndLevelsStopAtTheFirstGap) {
   EXPECT_EQ(all.QuantiseDeadZone, avx2.QuantiseDeadZone);
 }
 
-// The bytes of a short encode of moving shapes, with the processor's features cut down to one
-// level's.
-std::vector<uint8_t> EncodeAtLevel(int level, const VelmoEncoderConfig& config, uint32_t budget) {
-  FeatureMask(~(ProcessorLevels[level].Features | CpuValid));
-  std::vector<uint8_t> bytes;
-  VelmoEncoder* e = VelmoEncoderCreate(config);
-  EXPECT_NE(e, nullptr);
-  for (int t = 0; e && t < 4; ++t) {
-    auto pic = test_support::MakeEncoderPicture(config.Width, config.Height, test_support::Shapes, t, 3 + t);
-    VelmoEncodeResult r{};
-    EXPECT_TRUE(VelmoEncodeFrame(e, pic.Input(t == 0), budget, &r));
-    bytes.insert(bytes.end(), r.Section.begin(), r.Section.end());
-  }
-  VelmoEncoderFree(e);
-  FeatureMask(0);
-  return bytes;
-}
-
-// The motion search picks the same vectors and the trials count the same bits at every level:
-// the encoded bytes agree.
-TEST(Velmo1EncodeKernels, EncodesAgreeAtEveryLevel) {
-  const VelmoEncoderConfig configs[] = {{96, 80, 101, 0}, {72, 56, 101, VelmoEncodeAlpha}};
-  for (const VelmoEncoderConfig& config : configs) {
-    const std::vector<uint8_t> plain = EncodeAtLevel(ProcessorLevelPlain, config, 3000);
-    ASSERT_FALSE(plain.empty());
-    for (int level = 1; level < ProcessorLevelCount; ++level) {
-      if (!ProcessorHas(ProcessorLevels[level].Features)) continue;
-      EXPECT_TRUE(EncodeAtLevel(level, config, 3000) == plain)
-          << ProcessorLevels[level].Name << " " << config.Width << "x" << config.Height;
-    }
-  }
-}
-
-// Everything an encode gives for a few frames of moving shapes with the job pool at `threads`:
-// the sections, the kinds of blocks, the planned and the real errors.
-std::vector<uint64_t> EncodeWithThreads(uint32_t threads, const VelmoEncoderConfig& config, uint32_t budget) {
-  PoolSetThreads(threads);
+// Everything an encode gives for a few frames of moving shapes: the sections, the kinds of
+// blocks, the planned and the real errors.
+std::vector<uint64_t> EncodeShapes(const VelmoEncoderConfig& config, uint32_t budget, int seed) {
   std::vector<uint64_t> out;
   VelmoEncoder* e = VelmoEncoderCreate(config);
   EXPECT_NE(e, nullptr);
   for (int t = 0; e && t < 4; ++t) {
-    auto pic = test_support::MakeEncoderPicture(config.Width, config.Height, test_support::Shapes, t, 5 + t);
+    auto pic = test_support::MakeEncoderPicture(config.Width, config.Height, test_support::Shapes, t, seed + t);
     VelmoEncodeResult r{};
     EXPECT_TRUE(VelmoEncodeFrame(e, pic.Input(t == 0), budget, &r));
     out.insert(out.end(), r.Section.begin(), r.Section.end());
@@ -285,6 +251,36 @@ std::vector<uint64_t> EncodeWithThreads(uint32_t threads, const VelmoEncoderConf
     out.push_back(r.PlannedError);
   }
   VelmoEncoderFree(e);
+  return out;
+}
+
+// The same with the processor's features cut down to one level's.
+std::vector<uint64_t> EncodeAtLevel(int level, const VelmoEncoderConfig& config, uint32_t budget) {
+  FeatureMask(~(ProcessorLevels[level].Features | CpuValid));
+  std::vector<uint64_t> out = EncodeShapes(config, budget, 3);
+  FeatureMask(0);
+  return out;
+}
+
+// The motion search picks the same vectors and the trials count the same bits at every level:
+// the encoded bytes agree.
+TEST(Velmo1EncodeKernels, EncodesAgreeAtEveryLevel) {
+  const VelmoEncoderConfig configs[] = {{96, 80, 101, 0}, {72, 56, 101, VelmoEncodeAlpha}};
+  for (const VelmoEncoderConfig& config : configs) {
+    const std::vector<uint64_t> plain = EncodeAtLevel(ProcessorLevelPlain, config, 3000);
+    ASSERT_FALSE(plain.empty());
+    for (int level = 1; level < ProcessorLevelCount; ++level) {
+      if (!ProcessorHas(ProcessorLevels[level].Features)) continue;
+      EXPECT_TRUE(EncodeAtLevel(level, config, 3000) == plain)
+          << ProcessorLevels[level].Name << " " << config.Width << "x" << config.Height;
+    }
+  }
+}
+
+// The same with the job pool at `threads`.
+std::vector<uint64_t> EncodeWithThreads(uint32_t threads, const VelmoEncoderConfig& config, uint32_t budget) {
+  PoolSetThreads(threads);
+  std::vector<uint64_t> out = EncodeShapes(config, budget, 5);
   PoolSetThreads(0);
   return out;
 }
