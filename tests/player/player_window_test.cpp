@@ -272,14 +272,12 @@ TEST_F(PlayerWindowTest, SwitchedDisplayModeShowsTheVideoInPlaceOnBothPaths) {
   }
 }
 
-// A wide-range file of a flat grey of 40 nits (half the window's full scale) shows, through the
-// ST 2084 curve and the sRGB encoding, as a neutral grey near 188; one stop less exposure (four
-// quarter stops down) halves the light, near 137.
-TEST_F(PlayerWindowTest, OpenGLPathShowsWideRangeGreyByExposure) {
+// A two-frame wide-range file of a flat grey of 40 nits (half of a 1000-nit tone block's scale).
+std::string WriteHdrGrey(const test_support::ScratchDir& dir, const char* name, bool alpha) {
   using namespace test_support;
   velmo_test::FlatFilePlan plan;
   plan.Hdr = true;
-  plan.Alpha = true;
+  plan.Alpha = alpha;
   MakeHdrBlock(1000, Tone1000, plan.HdrBlock);
   const double grey[3] = {0.5, 0.5, 0.5};
   const HdrPlaneValues v = ForwardHdr(grey, 1000, Tone1000);
@@ -289,8 +287,16 @@ TEST_F(PlayerWindowTest, OpenGLPathShowsWideRangeGreyByExposure) {
   frame.Cr = velmo_test::FlatValue(v.Ct);
   frame.Cb = velmo_test::FlatValue(v.Cp);
   plan.Frames = {frame, frame};
-  const std::string path = dir / "grey.vm2";
+  const std::string path = dir / name;
   velmo_test::WriteFlatFile(path, plan);
+  return path;
+}
+
+// A wide-range file of a flat grey of 40 nits (half the window's full scale) shows, through the
+// ST 2084 curve and the sRGB encoding, as a neutral grey near 188; one stop less exposure (four
+// quarter stops down) halves the light, near 137.
+TEST_F(PlayerWindowTest, OpenGLPathShowsWideRangeGreyByExposure) {
+  const std::string path = WriteHdrGrey(dir, "grey.vm2", true);
   for (const auto& [exposure, expected] : {std::pair{0, 188}, std::pair{-4, 137}}) {
     SCOPED_TRACE(exposure);
     G = Check{};
@@ -338,20 +344,7 @@ TEST_F(PlayerWindowTest, EndCardFollowsInTheSameWindowAtItsOwnSize) {
 // knee (look 1) leave it alone, and the compressing look 2 darkens it; at the peak, the clip is
 // full white, the knee below it, and look 2 lower still.
 TEST_F(PlayerWindowTest, OpenGLPathShowsEachHdrLook) {
-  using namespace test_support;
-  velmo_test::FlatFilePlan plan;
-  plan.Hdr = true;
-  MakeHdrBlock(1000, Tone1000, plan.HdrBlock);
-  const double grey[3] = {0.5, 0.5, 0.5};
-  const HdrPlaneValues v = ForwardHdr(grey, 1000, Tone1000);
-  velmo_test::FlatFrame frame;
-  frame.Y = velmo_test::FlatValue(v.Y);
-  frame.Hdr = velmo_test::FlatValue(v.Hdr);
-  frame.Cr = velmo_test::FlatValue(v.Ct);
-  frame.Cb = velmo_test::FlatValue(v.Cp);
-  plan.Frames = {frame, frame};
-  const std::string path = dir / "looks.vm2";
-  velmo_test::WriteFlatFile(path, plan);
+  const std::string path = WriteHdrGrey(dir, "looks.vm2", false);
   int level[2][PlayerHdrLooks] = {};  // [exposure below, at the peak][look], green channel
   for (int e = 0; e < 2; ++e)
     for (int look = 0; look < PlayerHdrLooks; ++look) {
