@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <thread>
 
@@ -685,12 +684,22 @@ void AnalysisWorker(void* context, uint32_t) {
 void AllocateBits(BlockPlan* const* plans, size_t count, uint32_t budgetBytes) {
   int64_t left = budgetBytes >= (1u << 20) ? 0x7fffffff : int64_t(budgetBytes) << 11;
   const int64_t overrun = budgetBytes >= (1u << 20) ? 0x7fffffff : left / 10;
-  std::multimap<double, BlockPlan*> steps;
+  // Each block's next step, steepest first; of equal slopes the step offered last goes first.
+  struct Step {
+    double Slope;
+    uint64_t Order;
+    BlockPlan* Plan;
+    bool operator<(const Step& o) const { return Slope < o.Slope || (Slope == o.Slope && Order < o.Order); }
+  };
+  std::vector<Step> steps;  // a heap; a block has at most one step in it
+  steps.reserve(count);
+  uint64_t offered = 0;
   auto push = [&](BlockPlan* b) {
     const Point& now = b->P[b->Current];
     const Point& next = b->P[b->Current + 1];
     b->StepBits = next.Bits - now.Bits;
-    steps.emplace(double(int64_t(now.Error) - int64_t(next.Error)) / b->StepBits, b);
+    steps.push_back({double(int64_t(now.Error) - int64_t(next.Error)) / b->StepBits, offered++, b});
+    std::push_heap(steps.begin(), steps.end());
   };
   for (size_t i = 0; i < count; ++i) {
     BlockPlan* b = plans[i];
@@ -700,11 +709,11 @@ void AllocateBits(BlockPlan* const* plans, size_t count, uint32_t budgetBytes) {
   }
   while (left >= 1 || -left < overrun) {
     if (steps.empty()) break;
-    auto top = std::prev(steps.end());
-    BlockPlan* b = top->second;
+    BlockPlan* b = steps.front().Plan;
     const int64_t gain = int64_t(b->P[b->Current].Error) - int64_t(b->P[b->Current + 1].Error);
     if (left < 1 && gain < 4096) break;
-    steps.erase(top);
+    std::pop_heap(steps.begin(), steps.end());
+    steps.pop_back();
     ++b->Current;
     left -= b->StepBits;
     if (b->Current + 1 < b->Count) push(b);
